@@ -1,0 +1,32 @@
+# Generated protobuf code in two flavours from the same schemas: lite for the
+# library, full for the tool. One process links one of them, never both.
+find_package(Protobuf 3.21 REQUIRED)
+
+# orb_proto_library(TARGET lite|full FILE.proto...)
+function(orb_proto_library target flavour)
+  set(out ${CMAKE_BINARY_DIR}/gen/${flavour})
+  file(MAKE_DIRECTORY ${out}/proto)
+  set(prefix "")
+  if(flavour STREQUAL "lite")
+    set(prefix "lite:")
+  endif()
+  set(sources)
+  foreach(file ${ARGN})
+    get_filename_component(stem ${file} NAME_WE)
+    add_custom_command(
+      OUTPUT ${out}/proto/${stem}.pb.cc ${out}/proto/${stem}.pb.h
+      COMMAND protobuf::protoc --cpp_out=${prefix}${out} -I ${PROJECT_SOURCE_DIR}
+              ${PROJECT_SOURCE_DIR}/proto/${file}
+      DEPENDS ${PROJECT_SOURCE_DIR}/proto/${file}
+      COMMENT "protoc (${flavour}) ${file}")
+    list(APPEND sources ${out}/proto/${stem}.pb.cc ${out}/proto/${stem}.pb.h)
+  endforeach()
+  add_library(${target} STATIC ${sources})
+  target_compile_options(${target} PRIVATE -Wno-error -w)
+  target_include_directories(${target} SYSTEM PUBLIC ${out})
+  if(flavour STREQUAL "lite")
+    target_link_libraries(${target} PUBLIC protobuf::libprotobuf-lite)
+  else()
+    target_link_libraries(${target} PUBLIC protobuf::libprotobuf)
+  endif()
+endfunction()

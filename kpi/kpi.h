@@ -1,0 +1,61 @@
+// One configured metric of a running campaign: takes samples, aggregates them
+// over a window of time or of sample count, and hands each window's record to
+// the session's serializer.
+//
+// No lock of its own: the collector serializes all calls into a KPI.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+
+#include "proto/kpi_data.pb.h"
+#include "proto/ltc_campaign.pb.h"
+
+class KPISerializer;
+
+class KPI {
+ public:
+  using TimePoint = std::chrono::steady_clock::time_point;
+
+  // Copies cfg; the serializer is borrowed and outlives the KPI.
+  KPI(const KPICfg& cfg, KPISerializer* serializer);
+
+  // The KPI that cfg asks for, or null: unknown type or subtype, or a
+  // configuration beyond the limits of its kind.
+  static std::unique_ptr<KPI> Create(const KPICfg& cfg, KPISerializer* serializer);
+
+  // Folds one value into the running aggregates. 0: accepted and counted.
+  virtual int Aggregate(unsigned int value) = 0;
+  virtual void ResetAggregates() = 0;
+  virtual bool validCfg() = 0;
+  // Hands the current window's record to the serializer and returns its
+  // result; 0 when there is nothing to write.
+  virtual int Serialize() = 0;
+  virtual ~KPI() = default;
+
+  KPI(const KPI&) = delete;
+  KPI& operator=(const KPI&) = delete;
+
+  // One sample. The sample that finds its window full opens the next. Always 0.
+  int AddSample(unsigned int value);
+  // One sample without a value; the sample that fills the window closes it. Always 0.
+  int AddSample();
+
+  bool IsWithinWindow(TimePoint now) const;
+  // Restarts the window at `now`; the aggregates stay.
+  void ResetWindow(TimePoint now);
+  void fillMeta(orbtr::MetaData* meta) const;
+  void setKPIId(unsigned int id) { kpiId = id; }
+  KPIType GetType() const { return cfg.type(); }
+
+ protected:
+  void CloseWindow(TimePoint now);
+
+  KPICfg cfg;
+  uint32_t numSamples = 0;
+  TimePoint tsStart{};  // First sample of the window; the epoch means none yet.
+  TimePoint tsEnd{};    // Latest accepted sample.
+  KPISerializer* serializer;
+  uint32_t kpiId = 0;   // Routes records to the LicSNs of this KPI.
+};

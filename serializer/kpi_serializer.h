@@ -1,0 +1,63 @@
+// Where finished records go: files (KPIFileSerializer) or shared-memory slots
+// (KPIMemorySerializer). A collector owns one serializer for a session.
+// Every operation may be called from any thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+#include "orb_sdk.h"
+
+namespace orbtr {
+class KPIData;
+}
+
+class KPISerializer {
+ public:
+  struct Config {
+    uint32_t type = 0;             // 1 files, 2 shared-memory slots; else none.
+    uint32_t sizeThreshold = 0;    // Files: bytes before a file is sent. Slots: bytes in all.
+    uint32_t timeThreshold = 0;    // Files: seconds. Slots: number of slots.
+    const char* cacheDir = nullptr;        // Files only.
+    kiv_collector* collector = nullptr;    // The owner; outlives the serializer.
+  };
+
+  // Null for an unknown type, or when the serializer could not be initialised.
+  static std::unique_ptr<KPISerializer> Create(const Config& config);
+
+  // Accepts one record; kpiId routes it to the LicSNs of that KPI. 0 on success.
+  virtual int Write(orbtr::KPIData& data, unsigned int kpiId) = 0;
+
+  // Accepts an already serialized record of len bytes.
+  virtual int WriteBuf(const unsigned char* buf, unsigned int len) = 0;
+
+  // Accepts a blob as segments, to be encoded without gathering them first.
+  // tsStart and tsEnd in tenths of a second of the monotonic clock. -1 when
+  // the serializer cannot.
+  virtual int WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsStart, uint64_t tsEnd,
+                                     unsigned int numSamples, const kiv_blob_segment_t* segs,
+                                     unsigned int count) = 0;
+
+  // Sets one of the thresholds; an unknown parameter is ignored.
+  virtual void UpdateConfig(kiv_param_type_t param, unsigned int value);
+
+  // Pushes everything buffered towards its destination.
+  virtual int Flush() = 0;
+
+  // Flushes and stops; no work is accepted afterwards.
+  virtual int Finalize() = 0;
+
+  virtual ~KPISerializer() = default;
+
+  KPISerializer(const KPISerializer&) = delete;
+  KPISerializer& operator=(const KPISerializer&) = delete;
+
+ protected:
+  explicit KPISerializer(const char* name) : name(name) {}
+
+  kiv_collector* collector = nullptr;
+  const char* name;
+  std::atomic<uint32_t> sizeThreshold{0};
+  std::atomic<uint32_t> timeThreshold{0};
+};

@@ -1,0 +1,14 @@
+// The library's log lines, tag "orb_sdk". A filtered priority costs liblog's
+// own check and nothing else: arguments are not formatted before it.
+#pragma once
+
+#include <android/log.h>
+
+#ifndef ORB_LOG_TAG
+#define ORB_LOG_TAG "orb_sdk"
+#endif
+
+#define LOGD(...) static_cast<void>(__android_log_print(ANDROID_LOG_DEBUG, ORB_LOG_TAG, __VA_ARGS__))
+#define LOGI(...) static_cast<void>(__android_log_print(ANDROID_LOG_INFO, ORB_LOG_TAG, __VA_ARGS__))
+#define LOGW(...) static_cast<void>(__android_log_print(ANDROID_LOG_WARN, ORB_LOG_TAG, __VA_ARGS__))
+#define LOGE(...) static_cast<void>(__android_log_print(ANDROID_LOG_ERROR, ORB_LOG_TAG, __VA_ARGS__))
