@@ -1,0 +1,76 @@
+// The process-wide way to the manager and to the HAL: every collector registers
+// and sends through it, and it routes the manager's calls back to collectors.
+//
+// One mutex serializes registration, de-registration, every HAL call and the
+// manager's death: a payload transfer blocks other HAL traffic of the process.
+// Callbacks only take the leaf that guards the two maps.
+#pragma once
+
+#include <binder/IBinder.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "utility/thread_annotations.h"
+
+class IKIVCallback;
+class IKIVManager;
+struct kiv_collector;
+struct native_handle;
+
+namespace aidl::android::hardware::common {
+class NativeHandle;
+}
+
+// How the receiver of a slot is to compress it; other values count as 0.
+enum CompressType : int32_t {
+  COMPRESS_NONE = 0,
+  COMPRESS_TYPE_1 = 1,
+  COMPRESS_TYPE_2 = 2,
+};
+
+class kivAIDLClient {
+ public:
+  // The one instance, made on first use and never destroyed. Any thread.
+  static std::shared_ptr<kivAIDLClient> getClientInstance();
+
+  kivAIDLClient();
+
+  // Connects when necessary and registers the collector under the token that
+  // the manager assigns. 0, or -1.
+  virtual int registerClient(const std::string& name, uint32_t clientType, uint32_t clientOption,
+                             kiv_collector* collector);
+
+  // Hands one upload to the HAL; blocks until the HAL has it. 0, or -1. The
+  // buffers are borrowed; a length of 0 allows a null buffer.
+  virtual int sendData(const std::string& token, const std::string& name, const uint8_t* header,
+                       uint32_t headerLen, const uint8_t* data, uint32_t dataLen,
+                       const uint8_t* footer, uint32_t footerLen);
+
+  // 0, or -1; the token is forgotten unless there is no manager connection.
+  virtual int deRegisterClient(const std::string& token);
+
+  virtual ~kivAIDLClient();
+
+  // Announces a region (the descriptor is duplicated, not taken). 0 and the
+  // HAL's token for it, or non-zero.
+  virtual int setupFD(int fd, uint32_t offset, uint32_t length, const std::string& token,
+                      uint32_t* fdToken);
+
+  // Announces one filled piece of a region. The HAL's result; -1 when it could
+  // not be asked. Never reconnects.
+  virtual int FdWrite(const std::string& token, uint32_t fdToken, const std::string& name,
+                      const std::vector<uint8_t>& header, uint32_t offset, uint32_t size,
+                      CompressType compress);
+
+  virtual int UnsetFD(const std::string& token, uint32_t fdToken);
+
+  // Removes the collector from both maps and waits until no callback uses it.
+  // Call before destroying a collector, with no lock held.
+  virtual void forgetCollector(kiv_collector* collector);
+
+  // (continued by the implementation: connection handling, look-ups, members)
+};
