@@ -72,8 +72,7 @@ struct kiv_collector {
   // The manager died. Only starts a thread, so it may run under the client's mutex.
   void LostConn() EXCLUDES(threadMutex);
   // What the manager assigned. Called by the client before the token is routable.
-  void SetIdentity(const std::string& token, int32_t clientId)
-      EXCLUDES(identityMutex, headerMutex);
+  void SetIdentity(const std::string& token, int32_t clientId) EXCLUDES(identityMutex, headerMutex);
   std::string Token() const EXCLUDES(identityMutex);
   int32_t ClientId() const EXCLUDES(identityMutex);
   // Used instead of the process-wide client from the next registration on.

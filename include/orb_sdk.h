@@ -51,28 +51,28 @@ typedef int (*kiv_fd_done_cb)(kiv_fd_handle_s* h, uint32_t a, uint32_t b, int c)
  * record first, then set what is needed. On processors that trap unaligned
  * access, copy fields by value and never take their address. */
 typedef struct kiv_cfg_s {
-  const char* name;               /* Client name, not null: identity towards the manager. */
-  uint32_t registration_arg1;     /* Client type, passed to the manager unchanged. */
-  const char* data_dir;           /* Directory for data files, not null; must end with '/'.
-                                     "orb_sdk.conf" is looked for there. */
+  const char* name;                      /* Client name, not null: identity towards the manager. */
+  uint32_t registration_arg1;            /* Client type, passed to the manager unchanged. */
+  const char* data_dir;                  /* Directory for data files, not null; must end with '/'.
+                                            "orb_sdk.conf" is looked for there. */
   kiv_start_session_cb start_session_cb; /* May be null. */
   kiv_stop_session_cb stop_session_cb;   /* May be null. */
-  uint32_t client_mode;           /* Below 2: connect to the manager. */
-  uint8_t hbt;                    /* Non-zero: records go to shared-memory slots instead of
-                                     files, and a campaign may name one LicSN only. */
-  uint8_t allocate_fd;            /* With hbt: non-zero, the library allocates the memory. */
-  uint32_t fd_slot_size;          /* With hbt and allocate_fd: bytes of one slot. */
-  uint32_t fd_nof_slots;          /* With hbt and allocate_fd: slots, 1 to 64; at most 31 are
-                                     in use at a time. */
-  uint32_t fd_arg3;               /* Where slots are compressed: 0, by the receiver. */
-  uint32_t fd_arg4;               /* How slots are compressed. */
-  uint8_t custom_session_format;  /* Non-zero: campaigns are the client's own; the library
-                                     passes them to start_session_cb uninterpreted. */
-  uint8_t header_override;        /* Non-zero: the next two fields are used. */
-  uint8_t header_kind;            /* Header byte 12; default 4. */
-  uint32_t header_version;        /* Header bytes 13 to 16; default 1. */
-  uint32_t registration_arg2;     /* Client option; the low byte reaches the manager. */
-  uint8_t sync_register;          /* Non-zero: kiv_register waits for the manager. */
+  uint32_t client_mode;                  /* Below 2: connect to the manager. */
+  uint8_t hbt;                           /* Non-zero: records go to shared-memory slots instead of
+                                            files, and a campaign may name one LicSN only. */
+  uint8_t allocate_fd;                   /* With hbt: non-zero, the library allocates the memory. */
+  uint32_t fd_slot_size;                 /* With hbt and allocate_fd: bytes of one slot. */
+  uint32_t fd_nof_slots;                 /* With hbt and allocate_fd: slots, 1 to 64; at most 31 are
+                                            in use at a time. */
+  uint32_t fd_arg3;                      /* Where slots are compressed: 0, by the receiver. */
+  uint32_t fd_arg4;                      /* How slots are compressed. */
+  uint8_t custom_session_format;         /* Non-zero: campaigns are the client's own; the library
+                                            passes them to start_session_cb uninterpreted. */
+  uint8_t header_override;               /* Non-zero: the next two fields are used. */
+  uint8_t header_kind;                   /* Header byte 12; default 4. */
+  uint32_t header_version;               /* Header bytes 13 to 16; default 1. */
+  uint32_t registration_arg2;            /* Client option; the low byte reaches the manager. */
+  uint8_t sync_register;                 /* Non-zero: kiv_register waits for the manager. */
 } kiv_cfg_s;
 #pragma pack(pop)
 

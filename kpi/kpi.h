@@ -57,5 +57,5 @@ class KPI {
   TimePoint tsStart{};  // First sample of the window; the epoch means none yet.
   TimePoint tsEnd{};    // Latest accepted sample.
   KPISerializer* serializer;
-  uint32_t kpiId = 0;   // Routes records to the LicSNs of this KPI.
+  uint32_t kpiId = 0;  // Routes records to the LicSNs of this KPI.
 };

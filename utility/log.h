@@ -8,7 +8,9 @@
 #define ORB_LOG_TAG "orb_sdk"
 #endif
 
-#define LOGD(...) static_cast<void>(__android_log_print(ANDROID_LOG_DEBUG, ORB_LOG_TAG, __VA_ARGS__))
+#define LOGD(...) \
+  static_cast<void>(__android_log_print(ANDROID_LOG_DEBUG, ORB_LOG_TAG, __VA_ARGS__))
 #define LOGI(...) static_cast<void>(__android_log_print(ANDROID_LOG_INFO, ORB_LOG_TAG, __VA_ARGS__))
 #define LOGW(...) static_cast<void>(__android_log_print(ANDROID_LOG_WARN, ORB_LOG_TAG, __VA_ARGS__))
-#define LOGE(...) static_cast<void>(__android_log_print(ANDROID_LOG_ERROR, ORB_LOG_TAG, __VA_ARGS__))
+#define LOGE(...) \
+  static_cast<void>(__android_log_print(ANDROID_LOG_ERROR, ORB_LOG_TAG, __VA_ARGS__))
