@@ -145,12 +145,10 @@ static void usage(FILE* to) {
 
 /* 0 to go on, else the exit code plus 1. */
 static int parse(int argc, char** argv, kiv_cfg_s* cfg) {
-  static const struct option options[] = {{"name", required_argument, NULL, 'n'},
-                                          {"data-dir", required_argument, NULL, 'd'},
-                                          {"hbt", no_argument, NULL, 'b'},
-                                          {"async", no_argument, NULL, 'a'},
-                                          {"help", no_argument, NULL, 'h'},
-                                          {NULL, 0, NULL, 0}};
+  static const struct option options[] = {
+      {"name", required_argument, NULL, 'n'}, {"data-dir", required_argument, NULL, 'd'},
+      {"hbt", no_argument, NULL, 'b'},        {"async", no_argument, NULL, 'a'},
+      {"help", no_argument, NULL, 'h'},       {NULL, 0, NULL, 0}};
   int option;
   while ((option = getopt_long(argc, argv, "", options, NULL)) != -1) {
     switch (option) {
