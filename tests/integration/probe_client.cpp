@@ -1,0 +1,139 @@
+// A client that integration tests drive: one command a line on standard input,
+// one answer a line on standard output.
+//
+//   register NAME DIR/ sync|async [slots COUNT BYTES]   -> ok | null
+//   log NAME KPI VALUE COUNT      -> result of the last call
+//   buf NAME TEXT                 -> result
+//   hammer NAME KPI THREADS       -> ok; logs value 1 from that many threads
+//   calm                          -> samples that hammering logged and got 0 for
+//   enabled NAME KPI | campaign NAME | flush NAME | deregister NAME   -> result
+#include <atomic>
+#include <iostream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "orb_sdk.h"
+
+namespace {
+
+class Hammer {
+ public:
+  void Start(kiv_collector* c, uint32_t kpi, int threads) {
+    running_ = true;
+    for (int i = 0; i < threads; ++i) {
+      threads_.emplace_back([this, c, kpi] {
+        while (running_) {
+          if (kiv_log(c, kpi, 1) == 0) ++accepted_;
+          // Leaves the machine to the services, too.
+          std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+      });
+    }
+  }
+  uint64_t Stop() {
+    running_ = false;
+    for (std::thread& thread : threads_) thread.join();
+    threads_.clear();
+    return accepted_.exchange(0);
+  }
+
+ private:
+  std::atomic<bool> running_{false};
+  std::atomic<uint64_t> accepted_{0};
+  std::vector<std::thread> threads_;
+};
+
+class Probe {
+ public:
+  // The answer to one command line.
+  std::string Run(const std::string& line) {
+    std::istringstream in(line);
+    std::string verb;
+    std::string name;
+    in >> verb;
+    if (verb == "calm") return std::to_string(hammer_.Stop());
+    in >> name;
+    if (verb == "register") return Register(name, in);
+    const auto found = collectors_.find(name);
+    if (found == collectors_.end()) return "no collector " + name;
+    return RunOn(found->second, verb, name, in);
+  }
+  ~Probe() { hammer_.Stop(); }
+
+ private:
+  std::string Register(const std::string& name, std::istringstream& in) {
+    std::string dir;
+    std::string mode;
+    std::string slots;
+    in >> dir >> mode >> slots;
+    kiv_cfg_s cfg{};
+    cfg.name = name.c_str();
+    cfg.data_dir = dir.c_str();
+    cfg.sync_register = mode == "sync";
+    if (slots == "slots") {
+      uint32_t count = 0;
+      uint32_t bytes = 0;
+      in >> count >> bytes;
+      cfg.hbt = 1;
+      cfg.allocate_fd = 1;
+      cfg.fd_nof_slots = count;
+      cfg.fd_slot_size = bytes;
+    }
+    kiv_collector* c = kiv_register(&cfg);
+    if (c == nullptr) return "null";
+    collectors_[name] = c;
+    return "ok";
+  }
+
+  std::string RunOn(kiv_collector* c, const std::string& verb, const std::string& name,
+                    std::istringstream& in) {
+    uint32_t kpi = 0;
+    if (verb == "deregister") {
+      collectors_.erase(name);
+      return std::to_string(kiv_deregister(c));
+    }
+    if (verb == "flush") return std::to_string(kiv_flush(c));
+    if (verb == "campaign") {
+      uint64_t id = 0;
+      return kiv_get_campaign_id(c, &id) == 0 ? std::to_string(id) : "-1";
+    }
+    if (verb == "buf") {
+      std::string text;
+      in >> text;
+      return std::to_string(kiv_log_buf(c, reinterpret_cast<const uint8_t*>(text.data()),
+                                        static_cast<uint32_t>(text.size())));
+    }
+    in >> kpi;
+    if (verb == "enabled") return std::to_string(kiv_is_kpi_enabled(c, kpi));
+    if (verb == "hammer") {
+      int threads = 1;
+      in >> threads;
+      hammer_.Start(c, kpi, threads);
+      return "ok";
+    }
+    if (verb == "log") {
+      uint32_t value = 0;
+      int count = 1;
+      int result = 0;
+      in >> value >> count;
+      for (int i = 0; i < count; ++i) result = kiv_log(c, kpi, value);
+      return std::to_string(result);
+    }
+    return "unknown command " + verb;
+  }
+
+  std::map<std::string, kiv_collector*> collectors_;
+  Hammer hammer_;
+};
+
+}  // namespace
+
+int main() {
+  Probe probe;
+  std::string line;
+  while (std::getline(std::cin, line)) std::cout << probe.Run(line) << std::endl;
+  return 0;
+}
