@@ -50,12 +50,19 @@ class KPI {
   KPIType GetType() const { return cfg.type(); }
 
  protected:
-  void CloseWindow(TimePoint now);
+  // What records carry: tenths of a second of the monotonic clock.
+  static int64_t Tenths(TimePoint time);
+  // For log lines: nanoseconds of the monotonic clock.
+  static long Nanoseconds(TimePoint time);
 
   KPICfg cfg;
   uint32_t numSamples = 0;
-  TimePoint tsStart{};  // First sample of the window; the epoch means none yet.
-  TimePoint tsEnd{};    // Latest accepted sample.
-  KPISerializer* serializer;
-  uint32_t kpiId = 0;  // Routes records to the LicSNs of this KPI.
+  TimePoint tsStart{};        // First sample of the window; the epoch means none yet.
+  TimePoint tsEnd{};          // Latest accepted sample.
+  KPISerializer* serializer;  // Borrowed.
+  uint32_t kpiId = 0;         // Routes records to the LicSNs of this KPI.
+
+ private:
+  // Hands the window over and opens the next one at `now`.
+  void CloseWindow(TimePoint now);
 };

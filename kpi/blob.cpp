@@ -1,0 +1,95 @@
+// Tested by tests/kpi/blob_test.cpp.
+#include "kpi/blob.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "collector/conf.h"
+#include "serializer/kpi_serializer.h"
+#include "utility/checked.h"
+#include "utility/log.h"
+
+namespace {
+
+struct Free {
+  void operator()(uint8_t* bytes) const { free(bytes); }
+};
+
+// Bytes of all segments with their length prefixes.
+uint32_t GatheredBytes(const kiv_blob_segment_t* segs, uint32_t count) {
+  uint32_t total_bytes = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint32_t piece_bytes = orb::CheckedAdd<uint32_t>(sizeof segs[i].len, segs[i].len);
+    total_bytes = orb::CheckedAdd<uint32_t>(total_bytes, piece_bytes);
+  }
+  return total_bytes;
+}
+
+// `out` holds GatheredBytes(segs, count).
+void Gather(const kiv_blob_segment_t* segs, uint32_t count, uint8_t* out) {
+  for (uint32_t i = 0; i < count; ++i) {
+    memcpy(out, &segs[i].len, sizeof segs[i].len);
+    out += sizeof segs[i].len;
+    if (segs[i].len == 0) continue;  // Its buf may be null.
+    memcpy(out, segs[i].buf, segs[i].len);
+    out += segs[i].len;
+  }
+}
+
+}  // namespace
+
+int Blob::LogBuf(const unsigned char* buf, uint32_t len) {
+  const uint32_t len_max = cfg.b_cfg().single_sample_size_threshold_bytes();
+  if (len > len_max) {
+    LOGE("%s: blob size %d greater than singlesamplesizetresholdbytes %d", "LogBuf",
+         static_cast<int>(len), static_cast<int>(len_max));
+    return -1;
+  }
+  AddSample();
+  return WriteRecord(buf, len);
+}
+
+int Blob::LogBufSegs(const kiv_blob_segment_t* segs, uint32_t count) {
+  AddSample();
+  if (Conf::Get().blob_segments_optimized == 1) {
+    return serializer->WriteBlobSegsOptimized(cfg.kpi_id(), static_cast<uint64_t>(Tenths(tsStart)),
+                                              static_cast<uint64_t>(Tenths(tsEnd)), numSamples,
+                                              segs, count);
+  }
+  const uint32_t total_bytes = GatheredBytes(segs, count);
+  // malloc, so that a lack of memory is an answer and not the host's end.
+  const std::unique_ptr<uint8_t, Free> gathered(
+      static_cast<uint8_t*>(malloc(std::max<size_t>(total_bytes, 1))));
+  if (gathered == nullptr) {
+    LOGE("Failed to allocate buf");
+    return -1;
+  }
+  Gather(segs, count, gathered.get());
+  return WriteRecord(gathered.get(), total_bytes);
+}
+
+int Blob::Aggregate(unsigned int) { return 0; }
+
+void Blob::ResetAggregates() { pending.clear(); }
+
+bool Blob::validCfg() {
+  const Conf& conf = Conf::Get();
+  const uint32_t size_bytes = cfg.b_cfg().single_sample_size_threshold_bytes();
+  return size_bytes >= static_cast<uint32_t>(conf.blob_size_min_bytes) &&
+         size_bytes <= static_cast<uint32_t>(conf.blob_size_max_bytes) &&
+         cfg.b_cfg().sample_rate() <= static_cast<uint32_t>(conf.blob_sample_rate_max);
+}
+
+int Blob::Serialize() { return 0; }
+
+// The record counts the samples since the previous one.
+int Blob::WriteRecord(const void* bytes, uint32_t len) {
+  orbtr::KPIData data;
+  orbtr::Blob* blob = data.add_blobs();
+  if (len != 0) blob->set_data(bytes, len);
+  fillMeta(blob->mutable_meta());
+  numSamples = 0;
+  return serializer->Write(data, cfg.kpi_id());
+}

@@ -1,0 +1,210 @@
+// Tested by tests/kpi/gauge_test.cpp and gauge_window_test.cpp.
+#include "kpi/gauge.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "kpi/kpi_clock.h"
+#include "serializer/kpi_serializer.h"
+#include "utility/checked.h"
+#include "utility/log.h"
+
+using orb::CheckedAdd;
+using orb::CheckedDiv;
+using orb::CheckedMul;
+using orb::CheckedSub;
+
+namespace {
+
+// Compared with seconds, though it is a day in milliseconds: in effect only a
+// clock that was set years ahead closes a window here.
+constexpr int64_t kTimeOffsetLimit = 86'400'000;
+
+// The seed of a window passes through float and loses what a float cannot hold.
+int32_t ThroughFloat(int32_t value) {
+  const float rounded = static_cast<float>(value);
+  if (rounded >= 2147483648.0f) return std::numeric_limits<int32_t>::max();
+  return static_cast<int32_t>(rounded);
+}
+
+}  // namespace
+
+Gauge::Gauge(const KPICfg& cfg, KPISerializer* serializer) : KPI(cfg, serializer) {
+  int32_t limit;
+  if (cfg.agg_window_oneof_case() == KPICfg::kTimeWindow) {
+    mode = kTimeBased;
+    limit = timeSpan = static_cast<int32_t>(cfg.time_window());
+  } else {
+    mode = kSampleBased;
+    limit = sampleSpan = static_cast<int32_t>(cfg.sample_window());
+  }
+  tsCapacity = static_cast<uint32_t>(std::max(limit, 0));
+}
+
+int Gauge::Aggregate(unsigned int value) {
+  NewTimedSample(orb::kpi_clock::Seconds(), static_cast<int>(value));
+  return 0;
+}
+
+void Gauge::ResetAggregates() {
+  avg = 0;
+  max = std::numeric_limits<int32_t>::min();
+  min = std::numeric_limits<int32_t>::max();
+  N = 0;
+  tsCount = 0;
+  tsIndex = 0;
+  (TIMEBASED() ? sampleSpan : timeSpan) = 0;
+}
+
+bool Gauge::validCfg() { return true; }
+
+int Gauge::Serialize() {
+  // The first number is the gauge's own count, not the base window's.
+  LOGD("Gauge::Serialize(), numSamples=%d, N=%d tsStart=%ld, tsEnd=%ld", N, sampleSpan,
+       Nanoseconds(tsStart), Nanoseconds(tsEnd));
+  if (N < 2) return 0;
+  if (TIMEBASED()) sampleSpan = N;
+  orbtr::KPIData data;
+  orbtr::Gauge* record = data.add_gauges();
+  fillMeta(record->mutable_meta());
+  FillStatistics(record);
+  LOGD("Gauze: Min %d Max %d Samples %d Avg %f Stdev %f b0 %f b1 %f", min, max, N,
+       static_cast<double>(avg), static_cast<double>(stdev), static_cast<double>(b0),
+       static_cast<double>(b1));
+  return serializer->Write(data, kpiId);
+}
+
+void Gauge::NewTimedSample(long long ts, int value) {
+  StoreTimestamp(ts);
+  if (IsFirstSample()) {
+    StartWindow(ts, value);
+  } else if (value < min) {
+    min = value;
+  }
+  if (value > max) max = value;
+  avg = (avg * static_cast<float>(N) + static_cast<float>(value)) /
+        static_cast<float>(CheckedAdd<int32_t>(N, 1));
+  const int64_t dt = CheckedSub<int64_t>(ts, refTs);
+  if (refTs < ts && dt < kTimeOffsetLimit) {
+    AddToSums(dt, value);
+    if (SampleAdd(ts) == 0) return;
+  }
+  // Full, or the clock stood still, went back or jumped.
+  CloseGaugeWindow(ts);
+  SeedWindow(ts, value);
+}
+
+int Gauge::SampleAdd(long long ts) {
+  N = CheckedAdd<int32_t>(N, 1);
+  const int64_t elapsed_s = CheckedSub<int64_t>(ts, refTs);
+  if (TIMEBASED()) {
+    sampleSpan = CheckedAdd<int32_t>(sampleSpan, 1);
+    return elapsed_s > timeSpan ? 1 : 0;  // Seconds against the configured number, as it is.
+  }
+  timeSpan = static_cast<int32_t>(elapsed_s);
+  return N > sampleSpan ? 1 : 0;
+}
+
+void Gauge::Print() const {
+  for (int32_t i = 0; i + 1 < N; ++i) {
+    int64_t offset_s = 0;
+    if (!tsArray.empty()) {
+      const size_t stored = std::min(static_cast<size_t>(i), tsArray.size() - 1);
+      offset_s = CheckedSub<int64_t>(tsArray[stored], tsArray[0]);
+    }
+    printf(" Index: %d  of %d SlopeBased %g Min %d Max %d Avg %g\n", i, N,
+           static_cast<double>(b0 + b1 * static_cast<float>(offset_s)), min, max,
+           static_cast<double>(avg));
+  }
+}
+
+bool Gauge::IsFirstSample() const { return (TIMEBASED() ? sampleSpan : timeSpan) == 0; }
+
+// Memory grows with the samples that come, not with the window that was asked
+// for: a day in milliseconds would be 691 MB at once.
+void Gauge::StoreTimestamp(int64_t ts) {
+  if (tsIndex < tsCapacity) {
+    if (tsIndex < tsArray.size()) {
+      tsArray[tsIndex] = ts;
+    } else {
+      tsArray.push_back(ts);
+    }
+  }
+  tsCount = CheckedAdd<uint32_t>(tsCount, 1);
+  tsIndex = CheckedAdd<uint32_t>(tsIndex, 1);
+}
+
+// The first sample of a fresh window lies at offset 1, not 0. N stays.
+void Gauge::StartWindow(int64_t ts, int32_t value) {
+  max = min = value;
+  avg = static_cast<float>(value);
+  refTs = CheckedSub<int64_t>(ts, 1);
+  sumX = sumY = sumYY = sumXY = sumXX = 0;
+}
+
+void Gauge::AddToSums(int64_t dt, int32_t value) {
+  sumX = CheckedAdd<int64_t>(sumX, dt);
+  sumY = CheckedAdd<int64_t>(sumY, value);
+  sumYY = CheckedAdd<int64_t>(sumYY, CheckedMul<int64_t>(value, value));
+  sumXY = CheckedAdd<int64_t>(sumXY, CheckedMul<int64_t>(dt, value));
+  sumXX = CheckedAdd<int64_t>(sumXX, CheckedMul<int64_t>(dt, dt));
+}
+
+void Gauge::CloseGaugeWindow(int64_t ts) {
+  if (TIMEBASED()) {
+    sampleSpan = N;
+  } else {
+    timeSpan = static_cast<int32_t>(CheckedSub<int64_t>(ts, refTs));
+  }
+  Serialize();
+  Print();
+}
+
+void Gauge::SeedWindow(int64_t ts, int32_t value) {
+  avg = static_cast<float>(value);
+  stdev = static_cast<float>(value);
+  N = 1;
+  refTs = ts;
+  max = min = ThroughFloat(value);
+  sumYY = CheckedMul<int64_t>(value, value);
+  sumY = value;
+  sumX = sumXY = sumXX = 0;
+  b0 = b1 = 0;
+  tsIndex = 0;
+}
+
+// Least squares. Equal times give a denominator of 0 and so infinity or NaN.
+void Gauge::FitLine() {
+  const float n = static_cast<float>(N);
+  const float numerator =
+      static_cast<float>(CheckedMul<int64_t>(sumX, sumY)) / n - static_cast<float>(sumXY);
+  const int64_t square = CheckedDiv<int64_t>(CheckedMul<int64_t>(sumX, sumX), N);
+  const float denominator = static_cast<float>(CheckedSub<int64_t>(square, sumXX));
+  b1 = numerator / denominator;
+  b0 = (static_cast<float>(sumY) - b1 * static_cast<float>(sumX)) / n;
+}
+
+// Whole numbers throughout: both divisions truncate.
+int64_t Gauge::Variance() const {
+  const int64_t square = CheckedDiv<int64_t>(CheckedMul<int64_t>(sumY, sumY), N);
+  return CheckedDiv<int64_t>(CheckedSub<int64_t>(sumYY, square), CheckedSub<int32_t>(N, 1));
+}
+
+void Gauge::FillStatistics(orbtr::Gauge* record) {
+  const GaugeConfig& selected = cfg.g_cfg();
+  if (selected.report_slope() || selected.report_offset()) {
+    FitLine();
+    record->set_slope(b1);
+    record->set_offset(b0);
+  }
+  if (selected.report_stdev() || selected.report_variance()) {
+    const int64_t variance = Variance();
+    stdev = static_cast<float>(std::sqrt(static_cast<double>(variance)));
+    if (selected.report_stdev()) record->set_stdev(stdev);
+    if (selected.report_variance()) record->set_variance(static_cast<float>(variance));
+  }
+  if (selected.report_mean()) record->set_mean(std::trunc(avg));
+  if (selected.report_min()) record->set_min(min);
+  if (selected.report_max()) record->set_max(max);
+}

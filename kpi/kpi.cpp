@@ -1,0 +1,114 @@
+// Tested by tests/kpi/kpi_test.cpp.
+#include "kpi/kpi.h"
+
+#include <ratio>
+#include <type_traits>
+
+#include "kpi/blob.h"
+#include "kpi/counter.h"
+#include "kpi/gauge.h"
+#include "kpi/histogram.h"
+#include "kpi/kpi_clock.h"
+#include "kpi/state_machine.h"
+#include "utility/checked.h"
+#include "utility/log.h"
+
+namespace {
+
+constexpr int64_t kNanosecondsPerMillisecond = 1'000'000;
+constexpr int64_t kNanosecondsPerTenth = 100'000'000;
+static_assert(std::is_same_v<KPI::TimePoint::period, std::nano>);
+
+std::unique_ptr<KPI> CreateNumeric(const KPICfg& cfg, KPISerializer* serializer) {
+  switch (cfg.sub_type()) {
+    case COUNTER:
+      return std::make_unique<Counter>(cfg, serializer);
+    case GAUGE:
+      return std::make_unique<Gauge>(cfg, serializer);
+    case HISTOGRAM:
+      return std::make_unique<Histogram>(cfg, serializer);
+    default:
+      return nullptr;
+  }
+}
+
+// Null for an unknown kind; only an unknown type is worth a log line.
+std::unique_ptr<KPI> CreateUnchecked(const KPICfg& cfg, KPISerializer* serializer) {
+  switch (cfg.type()) {
+    case KPI_NUMERIC:
+      return CreateNumeric(cfg, serializer);
+    case KPI_STATE:
+      return std::make_unique<StateMachine>(cfg, serializer);
+    case KPI_BLOB:
+      return std::make_unique<Blob>(cfg, serializer);
+    default:
+      LOGE("Unknown KPI Type: %d to create", static_cast<int>(cfg.type()));
+      return nullptr;
+  }
+}
+
+}  // namespace
+
+KPI::KPI(const KPICfg& cfg, KPISerializer* serializer) : cfg(cfg), serializer(serializer) {}
+
+std::unique_ptr<KPI> KPI::Create(const KPICfg& cfg, KPISerializer* serializer) {
+  std::unique_ptr<KPI> kpi = CreateUnchecked(cfg, serializer);
+  if (kpi == nullptr || !kpi->validCfg()) return nullptr;
+  return kpi;
+}
+
+int KPI::AddSample(unsigned int value) {
+  const TimePoint now = orb::kpi_clock::Now();
+  if (tsStart == TimePoint{}) tsStart = now;
+  if (!IsWithinWindow(now)) CloseWindow(now);
+  if (Aggregate(value) != 0) return 0;
+  tsEnd = now;
+  numSamples = orb::CheckedAdd<uint32_t>(numSamples, 1);
+  return 0;
+}
+
+int KPI::AddSample() {
+  const TimePoint now = orb::kpi_clock::Now();
+  if (tsStart == TimePoint{}) tsStart = now;
+  numSamples = orb::CheckedAdd<uint32_t>(numSamples, 1);
+  tsEnd = now;
+  if (!IsWithinWindow(now)) CloseWindow(now);
+  return 0;
+}
+
+bool KPI::IsWithinWindow(TimePoint now) const {
+  switch (cfg.agg_window_oneof_case()) {
+    case KPICfg::kTimeWindow: {
+      const int64_t elapsed_ns = orb::CheckedSub<int64_t>(Nanoseconds(now), Nanoseconds(tsStart));
+      return elapsed_ns / kNanosecondsPerMillisecond < int64_t{cfg.time_window()};
+    }
+    case KPICfg::kSampleWindow:
+      return cfg.sample_window() > numSamples;
+    default:
+      return false;
+  }
+}
+
+void KPI::ResetWindow(TimePoint now) {
+  numSamples = 0;
+  tsStart = now;
+  tsEnd = now;
+}
+
+void KPI::fillMeta(orbtr::MetaData* meta) const {
+  meta->set_kpi_id(cfg.kpi_id());
+  meta->set_ts_start(Tenths(tsStart));
+  meta->set_ts_end(Tenths(tsEnd));
+  meta->set_num_samples(numSamples);
+}
+
+int64_t KPI::Tenths(TimePoint time) { return Nanoseconds(time) / kNanosecondsPerTenth; }
+
+long KPI::Nanoseconds(TimePoint time) { return time.time_since_epoch().count(); }
+
+// A record that could not be written is lost: the window is over either way.
+void KPI::CloseWindow(TimePoint now) {
+  Serialize();
+  ResetAggregates();
+  ResetWindow(now);
+}

@@ -1,0 +1,17 @@
+// A KPI of states. It counts samples and writes nothing.
+#pragma once
+
+#include "kpi/kpi.h"
+
+class StateMachine : public KPI {
+ public:
+  using KPI::KPI;
+
+  int Aggregate(unsigned int value) override;
+  void ResetAggregates() override;
+  bool validCfg() override;
+  int Serialize() override;
+
+  // Accepted without effect. Always 0.
+  int AddStateTransistion(unsigned int from, unsigned int to);
+};
