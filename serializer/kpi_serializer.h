@@ -40,7 +40,10 @@ class KPISerializer {
                                      unsigned int count) = 0;
 
   // Sets one of the thresholds; an unknown parameter is ignored.
-  virtual void UpdateConfig(kiv_param_type_t param, unsigned int value);
+  virtual void UpdateConfig(kiv_param_type_t param, unsigned int value) {
+    if (param == KIV_PARAM_SIZE_THRESHOLD) sizeThreshold = value;
+    if (param == KIV_PARAM_TIME_THRESHOLD) timeThreshold = value;
+  }
 
   // Pushes everything buffered towards its destination.
   virtual int Flush() = 0;
