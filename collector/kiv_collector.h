@@ -2,10 +2,10 @@
 // samples it logs and the uploads of what they became.
 //
 // Life: constructed -> Register() -> sessions come and go -> DeRegister() ->
-// destroyed. A lost manager stops the session and registers again.
+// Unroute() -> destroyed. A lost manager stops the session and registers again.
 //
 // Lock order, taken only downwards: stateMutex, the serializer's own mutexes,
-// the client's mutex, then the leaves (identity, header, handles, seq, thread,
+// the client's mutex, then the leaves (identity, header, handles, seq, threads,
 // serializer pointer). A leaf is never held across a call out. See
 // docs/threads_and_locks.md.
 #pragma once
@@ -16,49 +16,31 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "collector/collector_settings.h"
+#include "collector/fd_handle.h"
+#include "collector/licsn_tables.h"
+#include "collector/manager_link.h"
+#include "collector/worker_threads.h"
 #include "orb_sdk.h"
+#include "serializer/kpi_serializer.h"
 #include "serializer/telemetry_header.h"
 #include "utility/thread_annotations.h"
 
 class KIVCampConfig;
 class KPI;
-class KPISerializer;
+class KPIFileSerializer;
 class LTCCampaignDef;
 class LicInfo;
 class LicenseSNKPIMap;
 class kivAIDLClient;
 
-// How the data of one LicSN is sealed: for whom, and with which algorithms.
-struct ISVKeyStruct {
-  std::string encryptionPKey;  // PEM text, as received.
-  int pKeyEncAlgo = 0;
-  int sKeyEncAlgo = 0;
-};
-
-// Announced shared memory. The layout is fixed; clients only pass the pointer.
-// Allocated with malloc; clients may free() it after kiv_unset_fd.
-struct kiv_fd_handle_s {
-  uint32_t fdToken;
-  int fd;
-  uint32_t offset;
-  uint32_t length;
-  kiv_fd_done_cb fn;
-  kiv_collector* collector;
-};
-static_assert(sizeof(kiv_fd_handle_s) == 32 && offsetof(kiv_fd_handle_s, collector) == 24);
-
 struct kiv_collector {
  public:
-  using LicSnKeyTable = std::map<uint64_t, ISVKeyStruct>;
-  using KpiLicSnTable = std::map<uint32_t, std::vector<uint64_t>>;
-  using LicSnFlagTable = std::map<uint64_t, bool>;
-
   // Copies what it needs from cfg and loads the configuration file.
   explicit kiv_collector(const kiv_cfg_s* cfg);
-  // Call DeRegister() first: no thread may still be running.
+  // DeRegister() came before: no thread may still be running.
   virtual ~kiv_collector();
   kiv_collector(const kiv_collector&) = delete;
   kiv_collector& operator=(const kiv_collector&) = delete;
@@ -68,15 +50,18 @@ struct kiv_collector {
   int Register();
   // Joins the collector's threads, ends the session, tells the manager. The
   // manager's status, or -1 without a connection.
-  int DeRegister() EXCLUDES(stateMutex, threadMutex);
+  int DeRegister() EXCLUDES(stateMutex);
+  // Makes the client forget this collector; no callback reaches it afterwards.
+  // The last call before destruction, with no lock held.
+  void Unroute() EXCLUDES(stateMutex);
   // The manager died. Only starts a thread, so it may run under the client's mutex.
-  void LostConn() EXCLUDES(threadMutex);
+  void LostConn();
   // What the manager assigned. Called by the client before the token is routable.
-  void SetIdentity(const std::string& token, int32_t clientId) EXCLUDES(identityMutex, headerMutex);
-  std::string Token() const EXCLUDES(identityMutex);
-  int32_t ClientId() const EXCLUDES(identityMutex);
+  void SetIdentity(const std::string& token, int32_t clientId) EXCLUDES(headerMutex);
+  std::string Token() const { return link_.token(); }
+  int32_t ClientId() const { return link_.client_id(); }
   // Used instead of the process-wide client from the next registration on.
-  void SetClientForTest(std::shared_ptr<kivAIDLClient> client) EXCLUDES(identityMutex);
+  void SetClientForTest(std::shared_ptr<kivAIDLClient> client);
 
   // --- Sessions (kiv_collector_session.cpp). ---
   int StartSession(const KIVCampConfig& config) EXCLUDES(stateMutex);
@@ -103,9 +88,9 @@ struct kiv_collector {
   // --- Uploads (kiv_collector_upload.cpp). Called by the file serializer. ---
   // Compresses, seals and sends one closed data file, then deletes it. The
   // HAL's status; -1 when nothing was sent. Takes leaf locks only.
-  int SendData(const std::string& path) EXCLUDES(identityMutex, seqMutex);
+  int SendData(const std::string& path) EXCLUDES(seqMutex);
   // gzip of the src_len bytes that remain in src into *dst, malloc'ed, the
-  // caller's. 0, -22, -12 or zlib's error.
+  // caller's. 0, or -22, -12 or zlib's error with *dst null.
   int kiv_data_compress(FILE* src, uint32_t src_len, uint8_t** dst, uint32_t* dst_len);
 
   // --- Shared memory (kiv_collector_fd.cpp). ---
@@ -118,9 +103,9 @@ struct kiv_collector {
   void FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) EXCLUDES(handlesMutex);
 
   // --- What a serializer reads of its owner. ---
-  const std::string& name() const { return name_; }
-  bool header_override() const { return header_override_; }
-  bool custom_session_format() const { return custom_session_format_ != 0; }
+  const std::string& name() const { return cfg_.name; }
+  bool header_override() const { return cfg_.header_override; }
+  bool custom_session_format() const { return cfg_.custom_session_format; }
   // The 66 header bytes of a new file of this LicSN: constants, campaign,
   // client id, timestamps of now.
   std::vector<uint8_t> BuildFileHeader(uint64_t licSN) EXCLUDES(headerMutex);
@@ -134,46 +119,42 @@ struct kiv_collector {
 
  private:
   int RunRegistration();
-  bool AttemptRegistration() EXCLUDES(identityMutex);
+  bool AttemptRegistration();
   void LostConnThread() EXCLUDES(stateMutex);
-  void JoinThreads() EXCLUDES(threadMutex);
-  std::shared_ptr<kivAIDLClient> Client() const EXCLUDES(identityMutex);
-  void ResetClient() EXCLUDES(identityMutex);
 
   int StartCustomSession(const KIVCampConfig& config) REQUIRES(stateMutex);
   int StopCustomSession() REQUIRES(stateMutex);
   int generateLicSn2IsvKeyMap(const std::vector<LicInfo>& list) REQUIRES(stateMutex);
   int generateKpi2LicSNMap(const LicenseSNKPIMap& entry) REQUIRES(stateMutex);
+  bool ConfigureSerializer(const LTCCampaignDef& def, KPISerializer::Config* serializer)
+      REQUIRES(stateMutex);
+  bool CreateSerializer(const KPISerializer::Config& config, const char* operation)
+      REQUIRES(stateMutex);
+  bool CreateKPIs(const LTCCampaignDef& def) REQUIRES(stateMutex);
+  int CallStart(const uint8_t* payload, size_t len) REQUIRES(stateMutex);
+  int CallStop() REQUIRES(stateMutex);
+  KPIFileSerializer* FilesOf(uint64_t licSN, const char* operation) REQUIRES(stateMutex);
+  void LogCalled(const char* operation) const;
+  void FinalizeSerializer() REQUIRES(stateMutex);
   // Drops what a failed start left behind: KPIs, then the serializer.
   void DropSession() REQUIRES(stateMutex);
+  KPI* FindKPI(uint32_t kpi) REQUIRES(stateMutex);
   std::shared_ptr<KPISerializer> Serializer() const EXCLUDES(serializerMutex);
   void SetSerializer(std::shared_ptr<KPISerializer> serializer) EXCLUDES(serializerMutex);
 
+  int SendOpenFile(FILE* file, const std::string& path);
+  std::string UploadName(int32_t clientId, uint64_t suffix) const;
   // The next upload's number, from the client's ".seq" file.
   uint32_t NextSeqno() EXCLUDES(seqMutex);
 
-  const std::string name_;
-  const std::string data_dir_;
-  const uint32_t registration_arg1_;
-  const uint32_t registration_arg2_;
-  const uint8_t custom_session_format_;
-  const kiv_start_session_cb start_session_cb_;
-  const kiv_stop_session_cb stop_session_cb_;
-  const uint32_t client_mode_;
-  const bool sync_register_;
-  const bool header_override_;
-  const bool hbt_;
-  const bool allocate_fd_;
-  const uint32_t fd_slot_size_;
-  const uint32_t fd_nof_slots_;
-  const uint32_t fd_arg3_;
-  const uint32_t fd_arg4_;
-  const std::string upload_prefix_ = "/up";
+  const CollectorSettings cfg_;
+  ManagerLink link_;
+  StopSignal stop_;
+  WorkerThreads registerThreads_{stop_};
+  WorkerThreads lostConnThreads_{stop_};
 
-  std::atomic<bool> stopping_{false};
   std::atomic<bool> sessionActive_{false};
   std::atomic<uint64_t> campaignId_{0};  // Host order; merged into headers when they are built.
-
   std::map<uint32_t, std::unique_ptr<KPI>> kpis_ GUARDED_BY(stateMutex);
 
   mutable orb::Mutex serializerMutex;
@@ -184,24 +165,11 @@ struct kiv_collector {
   KpiLicSnTable kpiLicSns_;
   LicSnFlagTable licSnEncrypt_;
 
-  mutable orb::Mutex identityMutex;
-  std::shared_ptr<kivAIDLClient> client_ GUARDED_BY(identityMutex);
-  std::shared_ptr<kivAIDLClient> clientForTest_ GUARDED_BY(identityMutex);
-  std::string token_ GUARDED_BY(identityMutex);
-  int32_t clientId_ GUARDED_BY(identityMutex) = 0;
-
   orb::Mutex headerMutex;
   TelemetryHeader header_ GUARDED_BY(headerMutex);
 
-  orb::Mutex seqMutex;
-
-  orb::Mutex threadMutex;
-  std::vector<std::thread> registerThreads_ GUARDED_BY(threadMutex);
-  std::vector<std::thread> lostConnThreads_ GUARDED_BY(threadMutex);
+  orb::Mutex seqMutex;  // The ".seq" file's read and write are one step.
 
   orb::Mutex handlesMutex;
   std::vector<kiv_fd_handle_s*> handles_ GUARDED_BY(handlesMutex);
 };
-
-// The number stored in the file at path (0 when missing), which then holds the next.
-uint32_t next_seqno(const char* path);

@@ -1,0 +1,18 @@
+// Announced shared memory. The layout is fixed; clients only pass the pointer.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "orb_sdk.h"
+
+// Allocated with malloc; clients may free() it after kiv_unset_fd.
+struct kiv_fd_handle_s {
+  uint32_t fdToken;  // The receiver's name for the region.
+  int fd;            // Borrowed.
+  uint32_t offset;   // Bytes, of the shared area in the region.
+  uint32_t length;   // Bytes of the shared area.
+  kiv_fd_done_cb fn;
+  kiv_collector* collector;  // The owner; outlives the announcement.
+};
+static_assert(sizeof(kiv_fd_handle_s) == 32 && offsetof(kiv_fd_handle_s, collector) == 24);

@@ -1,0 +1,123 @@
+// Construction, registration with the manager, and the way out.
+// Tested by tests/collector/lifecycle_test.cpp.
+#include "collector/kiv_collector.h"
+
+#include <utility>
+
+#include "collector/conf.h"
+#include "ipc/kiv_aidl_client.h"
+#include "kpi/kpi.h"
+#include "serializer/kpi_serializer.h"
+#include "utility/log.h"
+
+namespace {
+
+// Clients of this mode and above stay without manager and HAL.
+constexpr uint32_t kFirstUnconnectedMode = 2;
+
+}  // namespace
+
+kiv_collector::kiv_collector(const kiv_cfg_s* cfg) : cfg_(*cfg) {
+  Conf::Load(cfg_.data_dir);
+  orb::MutexLock lock(headerMutex);
+  header_.SetItem(TelemetryHeader::HDR_ITEM_KIND, cfg_.header_kind);
+  header_.SetItem(TelemetryHeader::HDR_ITEM_VERSION, cfg_.header_version);
+}
+
+kiv_collector::~kiv_collector() {
+  // The serializer's writer thread reads the tables until it has ended.
+  orb::MutexLock lock(stateMutex);
+  DropSession();
+}
+
+int kiv_collector::Register() {
+  if (cfg_.sync_register) return RunRegistration();
+  registerThreads_.Start([this] { RunRegistration(); });
+  return 0;
+}
+
+int kiv_collector::RunRegistration() {
+  const Conf& conf = Conf::Get();
+  const int32_t wait_sec = conf.register_retry_wait_sec;
+  for (int32_t attempts = conf.register_max_retries; attempts >= 1; --attempts) {
+    if (stop_.raised()) return -1;
+    if (AttemptRegistration()) {
+      LOGI("%s: MGR registration succeeded", cfg_.name.c_str());
+      return 0;
+    }
+    LOGE("%s: MGR registration failed - waiting for %ld seconds before retrying", cfg_.name.c_str(),
+         static_cast<long>(wait_sec));
+    if (link_.client() != nullptr) {
+      LOGI("%s: Resetting client ptr", cfg_.name.c_str());
+      link_.ResetClient();
+    }
+    if (wait_sec >= 1) stop_.WaitFor(wait_sec);
+  }
+  return -1;
+}
+
+bool kiv_collector::AttemptRegistration() {
+  if (cfg_.client_mode >= kFirstUnconnectedMode) return false;
+  return link_.ObtainClient()->registerClient(cfg_.name, cfg_.registration_arg1,
+                                              cfg_.registration_arg2, this) == 0;
+}
+
+int kiv_collector::DeRegister() {
+  // No mutex is held while joining: the threads take them.
+  stop_.Raise();
+  if (lostConnThreads_.any()) {
+    LOGI("%s: waiting for lostConnThread", "DeRegister");
+    lostConnThreads_.JoinAll();
+    LOGI("%s: lostConnThread exited", "DeRegister");
+  }
+  if (registerThreads_.any()) {
+    LOGI("%s: waiting for registerThread", "DeRegister");
+    registerThreads_.JoinAll();
+    LOGI("%s: registerThread exited", "DeRegister");
+  }
+  {
+    orb::MutexLock lock(stateMutex);
+    StopSessionLocked();
+  }
+  const auto client = link_.client();
+  return client == nullptr ? -1 : client->deRegisterClient(link_.token());
+}
+
+void kiv_collector::Unroute() {
+  if (cfg_.client_mode >= kFirstUnconnectedMode) return;
+  // A lost connection leaves entries behind but no reference, so ask again.
+  link_.ObtainClient()->forgetCollector(this);
+}
+
+void kiv_collector::LostConn() {
+  lostConnThreads_.Start([this] { LostConnThread(); });
+}
+
+void kiv_collector::LostConnThread() {
+  orb::MutexLock lock(stateMutex);
+  if (stop_.raised()) return;
+  StopSessionLocked();
+  LOGI("%s: c::LostConn deleteing client instance for token - %s", cfg_.name.c_str(),
+       link_.token().c_str());
+  link_.ResetClient();
+  if (!stop_.raised()) Register();
+}
+
+void kiv_collector::SetIdentity(const std::string& token, int32_t clientId) {
+  link_.SetIdentity(token, clientId);
+  orb::MutexLock lock(headerMutex);
+  header_.SetItem(TelemetryHeader::HDR_ITEM_WORD8, static_cast<uint32_t>(clientId));
+}
+
+void kiv_collector::SetClientForTest(std::shared_ptr<kivAIDLClient> client) {
+  link_.SetClientForTest(std::move(client));
+}
+
+std::vector<uint8_t> kiv_collector::BuildFileHeader(uint64_t licSN) {
+  orb::MutexLock lock(headerMutex);
+  header_.SetItem(TelemetryHeader::HDR_ITEM_CAMPAIGN_ID, GetCampaignId());
+  header_.SetItem(TelemetryHeader::HDR_ITEM_LICSN, licSN);
+  header_.SetConstantItems();
+  header_.SetTimestampItems();
+  return header_.GetHeader();
+}

@@ -1,0 +1,85 @@
+// Shared memory: announced once, then piece by piece.
+// Tested by tests/collector/fd_test.cpp.
+#include <algorithm>
+#include <cstdlib>
+
+#include "collector/kiv_collector.h"
+#include "ipc/kiv_aidl_client.h"
+#include "utility/log.h"
+
+namespace {
+
+constexpr uint32_t kNoToken = 0xFFFFFFFFu;
+
+}  // namespace
+
+kiv_fd_handle_s* kiv_collector::SetFD(int fd, uint32_t offset, uint32_t length,
+                                      kiv_fd_done_cb done) {
+  const auto client = link_.client();
+  uint32_t fdToken = kNoToken;
+  const int result =
+      client == nullptr ? -1 : client->setupFD(fd, offset, length, link_.token(), &fdToken);
+  if (result != 0) {
+    LOGE("%s: clientIntf->setupFD failed - %d", "SetFD", result);
+    return nullptr;
+  }
+  auto* handle = static_cast<kiv_fd_handle_s*>(malloc(sizeof(kiv_fd_handle_s)));
+  if (handle == nullptr) {
+    client->UnsetFD(link_.token(), fdToken);
+    return nullptr;
+  }
+  *handle = {fdToken, fd, offset, length, done, this};
+  orb::MutexLock lock(handlesMutex);
+  handles_.push_back(handle);
+  return handle;
+}
+
+int kiv_collector::FdWrite(uint32_t fdToken, uint64_t /*unused*/, uint32_t offset, uint32_t size) {
+  const auto loc = static_cast<int>(cfg_.compress_loc);
+  const auto type = static_cast<int>(cfg_.compress_type);
+  const uint32_t seqno = NextSeqno();
+  std::vector<uint8_t> bytes;
+  std::string piece;
+  {
+    orb::MutexLock lock(headerMutex);
+    header_.SetConstantItems();
+    header_.SetTimestampItems();
+    header_.SetItem(TelemetryHeader::HDR_ITEM_CAMPAIGN_ID, GetCampaignId());
+    header_.SetItem(TelemetryHeader::HDR_ITEM_SEQNO, seqno);
+    header_.SetItem(TelemetryHeader::HDR_ITEM_LENGTH, size);
+    header_.SetItem(TelemetryHeader::HDR_ITEM_COMPRESSED, loc == 0 ? 1 : 0);
+    // Refused with a log line, which readers of the log expect of every announcement.
+    header_.SetItem(TelemetryHeader::HDR_ITEM_TIMESTAMP, 0);
+    bytes = header_.GetHeader();
+    const auto clientId = static_cast<int32_t>(header_.GetItem(TelemetryHeader::HDR_ITEM_WORD8));
+    piece = UploadName(clientId, header_.GetItem(TelemetryHeader::HDR_ITEM_TIMESTAMP));
+  }
+  const CompressType compress = loc != 0 || type != 0 ? COMPRESS_TYPE_1 : COMPRESS_NONE;
+  LOGD("%s: compress.loc %d compress.type %d", "FdWrite", loc, type);
+  LOGD("%s: compress.loc %d compress.type %d ctype %d", "FdWrite", loc, type,
+       static_cast<int>(compress));
+  const auto client = link_.client();
+  if (client == nullptr) return -1;
+  return client->FdWrite(link_.token(), fdToken, piece, bytes, offset, size, compress);
+}
+
+int kiv_collector::UnsetFD(kiv_fd_handle_s* handle, uint32_t fdToken) {
+  const auto client = link_.client();
+  const int result = client == nullptr ? -1 : client->UnsetFD(link_.token(), fdToken);
+  orb::MutexLock lock(handlesMutex);
+  handles_.erase(std::remove(handles_.begin(), handles_.end(), handle), handles_.end());
+  return result;
+}
+
+void kiv_collector::FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) {
+  std::vector<kiv_fd_handle_s*> matches;
+  {
+    orb::MutexLock lock(handlesMutex);
+    for (kiv_fd_handle_s* handle : handles_) {
+      if (handle->fdToken == fdToken) matches.push_back(handle);
+    }
+  }
+  for (kiv_fd_handle_s* handle : matches) {
+    if (handle->fn != nullptr) handle->fn(handle, a, b, c);
+  }
+}

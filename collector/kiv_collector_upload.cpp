@@ -1,0 +1,160 @@
+// A closed data file becomes one upload:
+//   header:66 gzip                       plain
+//   header:66 ciphertext-of-gzip footer  sealed
+// Tested by tests/collector/upload_test.cpp.
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "collector/kiv_collector.h"
+#include "collector/next_seqno.h"
+#include "collector/seal.h"
+#include "ipc/kiv_aidl_client.h"
+#include "utility/checked.h"
+#include "utility/error_text.h"
+#include "utility/log.h"
+#include "utility/malloc_bytes.h"
+
+namespace {
+
+// With an overridden header no flag says what to encrypt; a shorter key than
+// this one is a placeholder and asks for none.
+constexpr size_t kOverrideKeyCharsMin = 11;
+
+// Bytes behind the header, with the file positioned there; 0 when there are
+// none or the file cannot be read.
+uint32_t SeekToPayload(FILE* file, const std::string& path) {
+  if (fseek(file, 0, SEEK_END) != 0) {
+    LOGE("%s: fseek() failed on %s", "SendData", path.c_str());
+    return 0;
+  }
+  const long size = ftell(file);
+  if (size < 0) {
+    LOGE("%s: ftell() failed on %s", "SendData", path.c_str());
+    return 0;
+  }
+  if (size <= static_cast<long>(TelemetryHeader::kBytes)) {
+    LOGE("%s: no valid data to send %s", "SendData", path.c_str());
+    return 0;
+  }
+  if (fseek(file, TelemetryHeader::kBytes, SEEK_SET) != 0) {
+    LOGE("%s: fseek() to payload start failed", "SendData");
+    return 0;
+  }
+  return orb::CheckedCast<uint32_t>(size - static_cast<long>(TelemetryHeader::kBytes));
+}
+
+// `flags` decide, or with an overridden header the key itself.
+bool WantsEncryption(const CollectorSettings& cfg, const LicSnKeyTable& keys,
+                     const LicSnFlagTable& flags, uint64_t licSN) {
+  const auto licSnText = static_cast<unsigned long long>(licSN);
+  bool wanted = false;
+  if (cfg.header_override) {
+    const auto key = keys.find(licSN);
+    wanted = key != keys.end() && key->second.pKeyEncAlgo != 0 && key->second.sKeyEncAlgo != 0 &&
+             key->second.encryptionPKey.size() >= kOverrideKeyCharsMin;
+  } else {
+    const auto flag = flags.find(licSN);
+    if (flag == flags.end()) {
+      LOGE("%s: %s: LicSN %llu not found in LicSN2EncryptMap", "SendData", cfg.name.c_str(),
+           licSnText);
+      return false;
+    }
+    wanted = flag->second;
+  }
+  if (!wanted) {
+    LOGI("%s: %s: encryption not enabled for licSN: %llu", "SendData", cfg.name.c_str(), licSnText);
+  }
+  return wanted;
+}
+
+// Replaces *data by its ciphertext. False, with the cause logged, when it must not go out.
+bool SealData(const CollectorSettings& cfg, const LicSnKeyTable& keys, uint64_t licSN,
+              TelemetryHeader* header, orb::MallocBytes* data, std::string* footer) {
+  const auto it = keys.find(licSN);
+  if (it == keys.end()) {
+    LOGE("%s: %s: ISVKey info not found for LicSN %llu in LicSn2ISVKeyMap", "SendData",
+         cfg.name.c_str(), static_cast<unsigned long long>(licSN));
+    return false;
+  }
+  const ISVKeyStruct& key = it->second;
+  LOGI("%s: %s: encryptionPkey %s encryptionPkeySize %d salgo %d palgo %d", "SendData",
+       cfg.name.c_str(), key.encryptionPKey.c_str(), static_cast<int>(key.encryptionPKey.size()),
+       key.sKeyEncAlgo, key.pKeyEncAlgo);
+  SealedPayload sealed = Seal(key, data->data, static_cast<uint32_t>(data->size));
+  if (!sealed.Complete(cfg.name, key.sKeyEncAlgo)) return false;
+
+  *footer = sealed.Footer();
+  const auto sealed_bytes = orb::CheckedCast<uint32_t>(sealed.ciphertext.size);
+  const auto footer_bytes = orb::CheckedCast<uint32_t>(footer->size());
+  LOGI("%s: %s: out_data_len %d footer_len: %d", "SendData", cfg.name.c_str(),
+       static_cast<int>(sealed_bytes), static_cast<int>(footer_bytes));
+  header->SetItem(TelemetryHeader::HDR_ITEM_LENGTH,
+                  orb::CheckedAdd<uint32_t>(sealed_bytes, footer_bytes));
+  header->SetItem(TelemetryHeader::HDR_ITEM_FOOTER_OFFSET,
+                  orb::CheckedAdd<uint32_t>(TelemetryHeader::kBytes, sealed_bytes));
+  header->SetItem(TelemetryHeader::HDR_ITEM_ENCRYPTED, 1);
+  *data = std::move(sealed.ciphertext);
+  return true;
+}
+
+}  // namespace
+
+int kiv_collector::SendData(const std::string& path) {
+  FILE* file = fopen(path.c_str(), "r+be");
+  if (file == nullptr) {
+    LOGE("%s: error in opening file %s - %s", "SendData", path.c_str(),
+         orb::ErrorText(errno).c_str());
+    return -1;
+  }
+  const int result = SendOpenFile(file, path);
+  fclose(file);
+  // Also when the upload failed: data is never kept for a second attempt.
+  unlink(path.c_str());
+  return result;
+}
+
+int kiv_collector::SendOpenFile(FILE* file, const std::string& path) {
+  TelemetryHeader header;
+  header.ParseFromFile(file);
+  const uint32_t payload_bytes = SeekToPayload(file, path);
+  if (payload_bytes == 0) return -1;
+
+  orb::MallocBytes data;
+  uint32_t compressed_bytes = 0;
+  if (kiv_data_compress(file, payload_bytes, &data.data, &compressed_bytes) != 0 ||
+      compressed_bytes == 0) {
+    LOGE("%s: compress failed", "SendData");
+    return -1;
+  }
+  data.size = compressed_bytes;
+  header.SetItem(TelemetryHeader::HDR_ITEM_SEQNO, NextSeqno());
+  header.SetItem(TelemetryHeader::HDR_ITEM_LENGTH, compressed_bytes);
+  header.SetItem(TelemetryHeader::HDR_ITEM_COMPRESSED, 1);
+
+  std::string footer;
+  const uint64_t licSN = header.GetItem(TelemetryHeader::HDR_ITEM_LICSN);
+  if (WantsEncryption(cfg_, licSnKeys_, licSnEncrypt_, licSN) &&
+      !SealData(cfg_, licSnKeys_, licSN, &header, &data, &footer)) {
+    LOGE("%s: %s: encrypt enabled but encryption failed - dropping data %s", "SendData",
+         cfg_.name.c_str(), path.c_str());
+    return -1;
+  }
+  const auto client = link_.client();
+  if (client == nullptr) return -1;
+  return client->sendData(
+      link_.token(), UploadName(link_.client_id(), licSN), header.GetHeader().data(),
+      TelemetryHeader::kBytes, data.data, static_cast<uint32_t>(data.size),
+      footer.empty() ? nullptr : reinterpret_cast<const uint8_t*>(footer.data()),
+      orb::CheckedCast<uint32_t>(footer.size()));
+}
+
+std::string kiv_collector::UploadName(int32_t clientId, uint64_t suffix) const {
+  return "/up/" + std::to_string(clientId) + "/" + cfg_.name + "." + std::to_string(suffix);
+}
+
+uint32_t kiv_collector::NextSeqno() {
+  orb::MutexLock lock(seqMutex);
+  return next_seqno((cfg_.data_dir + "/" + cfg_.name + ".seq").c_str());
+}

@@ -1,0 +1,33 @@
+// A collector's side of its registration: the client that it goes through, and
+// what the manager assigned. Thread-safe; its mutex is a leaf.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "utility/thread_annotations.h"
+
+class kivAIDLClient;
+
+class ManagerLink {
+ public:
+  // Null before the first registration and after the connection was lost.
+  std::shared_ptr<kivAIDLClient> client() const EXCLUDES(mutex_);
+  // Takes the process-wide client, or the one set for tests.
+  std::shared_ptr<kivAIDLClient> ObtainClient() EXCLUDES(mutex_);
+  // True when there was one.
+  bool ResetClient() EXCLUDES(mutex_);
+  void SetClientForTest(std::shared_ptr<kivAIDLClient> client) EXCLUDES(mutex_);
+
+  void SetIdentity(const std::string& token, int32_t client_id) EXCLUDES(mutex_);
+  std::string token() const EXCLUDES(mutex_);
+  int32_t client_id() const EXCLUDES(mutex_);
+
+ private:
+  mutable orb::Mutex mutex_;
+  std::shared_ptr<kivAIDLClient> client_ GUARDED_BY(mutex_);
+  std::shared_ptr<kivAIDLClient> client_for_test_ GUARDED_BY(mutex_);
+  std::string token_ GUARDED_BY(mutex_);
+  int32_t client_id_ GUARDED_BY(mutex_) = 0;
+};

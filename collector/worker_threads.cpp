@@ -1,0 +1,53 @@
+// Tested by tests/collector/lifecycle_test.cpp.
+#include "collector/worker_threads.h"
+
+#include <chrono>
+#include <utility>
+
+void StopSignal::Raise() {
+  {
+    orb::MutexLock lock(mutex_);
+    raised_ = true;
+  }
+  cv_.NotifyAll();
+}
+
+void StopSignal::WaitFor(int32_t seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  orb::MutexLock lock(mutex_);
+  while (!raised_ && cv_.WaitUntil(mutex_, deadline)) {
+  }
+}
+
+void WorkerThreads::Start(std::function<void()> work) noexcept {
+  std::list<Worker> finished;
+  {
+    orb::MutexLock lock(mutex_);
+    if (stop_.raised()) return;
+    for (auto it = workers_.begin(); it != workers_.end();) {
+      const auto next = std::next(it);
+      if (it->done) finished.splice(finished.end(), workers_, it);
+      it = next;
+    }
+    Worker& worker = workers_.emplace_back();
+    worker.thread = std::thread([&worker, work = std::move(work)] {
+      work();
+      worker.done = true;
+    });
+  }
+  for (Worker& worker : finished) worker.thread.join();
+}
+
+bool WorkerThreads::any() {
+  orb::MutexLock lock(mutex_);
+  return !workers_.empty();
+}
+
+void WorkerThreads::JoinAll() {
+  std::list<Worker> workers;
+  {
+    orb::MutexLock lock(mutex_);
+    workers.swap(workers_);
+  }
+  for (Worker& worker : workers) worker.thread.join();
+}
