@@ -4,18 +4,14 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "collector/conf.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/checked.h"
 #include "utility/log.h"
+#include "utility/malloc_bytes.h"
 
 namespace {
-
-struct Free {
-  void operator()(uint8_t* bytes) const { free(bytes); }
-};
 
 // Bytes of all segments with their length prefixes.
 uint32_t GatheredBytes(const kiv_blob_segment_t* segs, uint32_t count) {
@@ -60,14 +56,14 @@ int Blob::LogBufSegs(const kiv_blob_segment_t* segs, uint32_t count) {
   }
   const uint32_t total_bytes = GatheredBytes(segs, count);
   // malloc, so that a lack of memory is an answer and not the host's end.
-  const std::unique_ptr<uint8_t, Free> gathered(
-      static_cast<uint8_t*>(malloc(std::max<size_t>(total_bytes, 1))));
-  if (gathered == nullptr) {
+  orb::MallocBytes gathered;
+  gathered.data = static_cast<uint8_t*>(malloc(std::max<size_t>(total_bytes, 1)));
+  if (gathered.data == nullptr) {
     LOGE("Failed to allocate buf");
     return -1;
   }
-  Gather(segs, count, gathered.get());
-  return WriteRecord(gathered.get(), total_bytes);
+  Gather(segs, count, gathered.data);
+  return WriteRecord(gathered.data, total_bytes);
 }
 
 int Blob::Aggregate(unsigned int) { return 0; }

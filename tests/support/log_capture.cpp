@@ -32,7 +32,9 @@ void Log(const __android_logger_data* data, const char* message) {
 
 }  // namespace
 
-LogCapture::LogCapture() {
+// Debug lines count too; outside Android liblog drops them otherwise.
+LogCapture::LogCapture()
+    : previous_priority_(__android_log_set_minimum_priority(ANDROID_LOG_VERBOSE)) {
   // Before the registry's lock: liblog calls Log with a lock of its own held.
   // Stays set for good; without captures Log does what liblog does by itself.
   __android_log_set_logger(Log);
@@ -42,6 +44,7 @@ LogCapture::LogCapture() {
 }
 
 LogCapture::~LogCapture() {
+  __android_log_set_minimum_priority(previous_priority_);
   Registry& registry = GetRegistry();
   MutexLock lock(registry.mutex);
   std::erase(registry.captures, this);

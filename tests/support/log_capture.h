@@ -54,6 +54,7 @@ class LogCapture {
  private:
   size_t CountLocked(std::string_view text) const REQUIRES(mutex_);
 
+  const int previous_priority_;
   mutable Mutex mutex_;
   CondVar added_;
   std::vector<LogLine> lines_ GUARDED_BY(mutex_);

@@ -1,0 +1,224 @@
+// The statistics of one window.
+#include "kpi/gauge.h"
+
+#include <android/log.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+
+#include "tests/kpi/gauge_test_support.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/log_capture.h"
+
+namespace orb::test {
+namespace {
+
+constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
+constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
+
+class GaugeTest : public testing::Test {
+ protected:
+  // A window too wide to close by itself.
+  GaugeProbe Make(const GaugeConfig& selected) {
+    return GaugeProbe(WithSampleWindow(GaugeCfg(selected), 1000), &serializer_);
+  }
+  orbtr::Gauge Summarise(const std::vector<TimedValue>& samples) {
+    GaugeProbe gauge = Make(AllStatistics());
+    Feed(&gauge, samples);
+    EXPECT_EQ(gauge.Serialize(), 0);
+    return LastGauge(serializer_);
+  }
+
+  LogCapture log_;
+  FakeClock clock_;
+  FakeSerializer serializer_;
+};
+
+// Worked by hand, with the divisions of sums that truncate.
+TEST_F(GaugeTest, SummarisesAWindow) {
+  struct Case {
+    const char* name;
+    std::vector<TimedValue> samples;
+    int32_t min, max;
+    float mean, variance, slope, offset;
+  };
+  const Case kCases[] = {
+      {"a line", {{100, 10}, {101, 20}, {102, 30}}, 10, 30, 20, 100, 10, 0},
+      // Variance 5 - 9/2 -> 5 - 4; slope -0.5 / (9/2 - 5) -> -0.5 / -1.
+      {"two values", {{100, 1}, {101, 2}}, 1, 2, 1, 1, 0.5f, 0.75f},
+      {"mean of 2.9",
+       {{1, 2}, {2, 3}, {3, 3}, {4, 3}, {5, 3}, {6, 3}, {7, 3}, {8, 3}, {9, 3}, {10, 3}},
+       // sumX 55, sumY 29, sumXY 164, sumXX 385: -4.5 / -83 (3025/10 -> 302).
+       2,
+       3,
+       2,
+       0,
+       0.05421687f,
+       2.6018072f},
+      // Variance 61 - 121/2 -> 61 - 60; the mean -5.5 truncates toward zero.
+      {"negative", {{0, -5}, {1, -6}}, -6, -5, -5, 1, -0.5f, -4.75f},
+      {"before the epoch", {{-10, 4}, {-9, 4}, {-8, 4}}, 4, 4, 4, 0, 0, 4},
+      {"zeros", {{100, 0}, {101, 0}}, 0, 0, 0, 0, 0, 0},
+      {"extremes",
+       {{100, kMin}, {101, kMax}},
+       kMin,
+       kMax,
+       0,
+       9223372032559808513.0f,
+       2147483648.0f,
+       -2147483648.0f * 1.5f},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.name);
+    const orbtr::Gauge got = Summarise(c.samples);
+    EXPECT_EQ(got.min(), c.min);
+    EXPECT_EQ(got.max(), c.max);
+    EXPECT_EQ(got.mean(), c.mean);
+    EXPECT_EQ(got.variance(), c.variance);
+    EXPECT_EQ(got.stdev(), static_cast<float>(std::sqrt(static_cast<double>(c.variance))));
+    EXPECT_FLOAT_EQ(got.slope(), c.slope);
+    EXPECT_FLOAT_EQ(got.offset(), c.offset);
+  }
+}
+
+// Straight from the definitions, in double, apart from the two truncations.
+TEST_F(GaugeTest, AgreesWithTheDefinitionsOnRandomSamples) {
+  const unsigned int seed = std::random_device{}();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::mt19937 random(seed);
+  for (int round = 0; round < 200; ++round) {
+    std::vector<TimedValue> samples;
+    long long ts = 1'700'000'000;
+    const int count = 2 + static_cast<int>(random() % 60);
+    for (int i = 0; i < count; ++i) {
+      samples.push_back({ts, static_cast<int>(random() % 2001) - 1000});
+      ts += random() % 3;
+    }
+    double sum_x = 0, sum_y = 0, sum_xx = 0;
+    for (const TimedValue& s : samples) {
+      const double x = static_cast<double>(s.ts - samples[0].ts + 1);
+      sum_x += x;
+      sum_xx += x * x;
+      sum_y += s.value;
+    }
+    double spread_xy = 0, spread_y = 0;
+    for (const TimedValue& s : samples) {
+      const double x = static_cast<double>(s.ts - samples[0].ts + 1);
+      spread_xy += (x - sum_x / count) * (s.value - sum_y / count);
+      spread_y += (s.value - sum_y / count) * (s.value - sum_y / count);
+    }
+    const double spread_x = sum_xx - std::floor(sum_x * sum_x / count);
+    const orbtr::Gauge got = Summarise(samples);
+    EXPECT_NEAR(got.variance(), spread_y / (count - 1), 1 + 1e-6 * spread_y);
+    EXPECT_NEAR(got.mean(), sum_y / count, 1.001);
+    if (spread_x == 0) continue;  // Infinity or NaN; a case of its own.
+    const double slope = spread_xy / spread_x;
+    const double slack = 0.01 + 1e-4 * std::fabs(slope);
+    EXPECT_NEAR(got.slope(), slope, slack);
+    EXPECT_NEAR(got.offset(), (sum_y - slope * sum_x) / count, slack * (1 + sum_x / count));
+  }
+}
+
+TEST_F(GaugeTest, EqualTimesHaveNoSlope) {
+  const orbtr::Gauge got = Summarise({{100, 10}, {100, 30}});
+  EXPECT_TRUE(std::isnan(got.slope()));
+  EXPECT_TRUE(std::isnan(got.offset()));
+  EXPECT_EQ(got.mean(), 20);
+}
+
+TEST_F(GaugeTest, WritesOnlySelectedStatistics) {
+  struct Case {
+    const char* name;
+    void (GaugeConfig::*select)(bool);
+    const char* want;  // Set fields: min, maX, mEan, Stdev, Variance, sLope, Offset.
+  };
+  const Case kCases[] = {
+      {"min", &GaugeConfig::set_report_min, "m"},
+      {"max", &GaugeConfig::set_report_max, "X"},
+      {"mean", &GaugeConfig::set_report_mean, "E"},
+      {"stdev", &GaugeConfig::set_report_stdev, "S"},
+      {"variance", &GaugeConfig::set_report_variance, "V"},
+      {"ignored", &GaugeConfig::set_gauge_flag_6, ""},
+      {"slope", &GaugeConfig::set_report_slope, "LO"},
+      {"offset", &GaugeConfig::set_report_offset, "LO"},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.name);
+    GaugeConfig selected;
+    (selected.*c.select)(true);
+    GaugeProbe gauge = Make(selected);
+    Feed(&gauge, {{100, 1}, {101, 2}});
+    gauge.Serialize();
+    const orbtr::Gauge got = LastGauge(serializer_);
+    std::string set;
+    if (got.has_min()) set += "m";
+    if (got.has_max()) set += "X";
+    if (got.has_mean()) set += "E";
+    if (got.has_stdev()) set += "S";
+    if (got.has_variance()) set += "V";
+    if (got.has_slope()) set += "L";
+    if (got.has_offset()) set += "O";
+    EXPECT_EQ(set, c.want);
+  }
+}
+
+TEST_F(GaugeTest, RecordBytes) {
+  GaugeConfig selected;
+  selected.set_report_min(true);
+  selected.set_report_max(true);
+  selected.set_report_mean(true);
+  GaugeProbe gauge = Make(selected);
+  Feed(&gauge, {{100, -1}, {101, 0}, {102, -5}});
+  EXPECT_EQ(gauge.Serialize(), 0);
+  const auto record = serializer_.records().at(0);
+  EXPECT_EQ(record.kpi_id, kRoutingId);
+  // gauges { meta { kpi_id 7 } min -5, in ten bytes, max 0, written although zero, mean -2 }
+  const std::string want(
+      "\x1a\x16\x0a\x02\x08\x07"
+      "\x10\xfb\xff\xff\xff\xff\xff\xff\xff\xff\x01"
+      "\x18\x00"
+      "\x25\x00\x00\x00\xc0",
+      24);
+  EXPECT_EQ(record.bytes, want);
+  // Head words and order are fixed: the first two numbers are N and the window's count.
+  EXPECT_TRUE(log_.Has(ANDROID_LOG_DEBUG, "orb_sdk",
+                       "Gauge::Serialize(), numSamples=3, N=1000 tsStart=0, tsEnd=0"))
+      << log_.Dump();
+  EXPECT_TRUE(log_.Has(ANDROID_LOG_DEBUG, "orb_sdk",
+                       "Gauze: Min -5 Max 0 Samples 3 Avg -2.000000 Stdev 0.000000 b0 0.000000 "
+                       "b1 0.000000"))
+      << log_.Dump();
+}
+
+TEST_F(GaugeTest, FewerThanTwoSamplesWriteNothing) {
+  GaugeProbe gauge = Make(AllStatistics());
+  EXPECT_EQ(gauge.Serialize(), 0);
+  Feed(&gauge, {{100, 5}});
+  EXPECT_EQ(gauge.Serialize(), 0);
+  EXPECT_TRUE(serializer_.records().empty());
+  Feed(&gauge, {{101, 5}});
+  serializer_.FailCall(1, -8);
+  EXPECT_EQ(gauge.Serialize(), -8);
+}
+
+TEST_F(GaugeTest, ResetKeepsTheModeAndStartsAFreshWindow) {
+  GaugeProbe gauge = Make(AllStatistics());
+  EXPECT_TRUE(gauge.SAMPLEBASED());
+  EXPECT_FALSE(gauge.TIMEBASED());
+  Feed(&gauge, {{100, 5}, {101, 6}});
+  gauge.ResetAggregates();
+  EXPECT_EQ(gauge.N, 0);
+  EXPECT_EQ(gauge.min, kMax);
+  EXPECT_EQ(gauge.max, kMin);
+  EXPECT_EQ(gauge.sumY, 11);  // The next sample sets them anew.
+  EXPECT_EQ(gauge.sampleSpan, 1000);
+  Feed(&gauge, {{200, 7}});
+  EXPECT_EQ(gauge.refTs, 199);
+  EXPECT_EQ(gauge.sumY, 7);
+  EXPECT_EQ(gauge.sumX, 1);
+}
+
+}  // namespace
+}  // namespace orb::test
