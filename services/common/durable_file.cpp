@@ -1,0 +1,76 @@
+// Tested by tests/services/state_store_test.cpp and spool_test.cpp.
+#include "services/common/durable_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+
+#include "utility/unique_fd.h"
+
+namespace orb::services {
+namespace {
+
+int WriteAll(int fd, std::span<const uint8_t> content) {
+  size_t done_bytes = 0;
+  while (done_bytes < content.size()) {
+    const ssize_t wrote = write(fd, content.data() + done_bytes, content.size() - done_bytes);
+    if (wrote < 0 && errno == EINTR) continue;
+    if (wrote < 0) return errno;
+    done_bytes += static_cast<size_t>(wrote);
+  }
+  return fsync(fd) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+int WriteNewFile(int dir_fd, const std::string& name, std::span<const uint8_t> content) {
+  const UniqueFd fd(
+      openat(dir_fd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640));
+  if (!fd.ok()) return errno;
+  const int error = WriteAll(fd.get(), content);
+  if (error != 0) unlinkat(dir_fd, name.c_str(), 0);
+  return error;
+}
+
+int ReplaceFile(int dir_fd, const std::string& name, std::span<const uint8_t> content) {
+  const std::string temporary = name + ".tmp";
+  unlinkat(dir_fd, temporary.c_str(), 0);  // Of an earlier run that ended between two steps.
+  const int error = WriteNewFile(dir_fd, temporary, content);
+  if (error != 0) return error;
+  if (renameat(dir_fd, temporary.c_str(), dir_fd, name.c_str()) != 0) {
+    const int rename_error = errno;
+    unlinkat(dir_fd, temporary.c_str(), 0);
+    return rename_error;
+  }
+  return fsync(dir_fd) == 0 ? 0 : errno;
+}
+
+int ReadWholeFile(int dir_fd, const std::string& name, size_t max_bytes,
+                  std::vector<uint8_t>* content) {
+  // Not blocking: the name could have become a pipe without a writer.
+  const UniqueFd fd(openat(dir_fd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd.ok()) return errno;
+  struct stat info {};
+  if (fstat(fd.get(), &info) != 0) return errno;
+  if (!S_ISREG(info.st_mode)) return EINVAL;
+  if (static_cast<uint64_t>(info.st_size) > max_bytes) return EFBIG;
+  content->resize(static_cast<size_t>(info.st_size));
+  size_t have_bytes = 0;
+  while (have_bytes < content->size()) {
+    const ssize_t got = read(fd.get(), content->data() + have_bytes, content->size() - have_bytes);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return errno;
+    if (got == 0) break;
+    have_bytes += static_cast<size_t>(got);
+  }
+  content->resize(have_bytes);
+  return 0;
+}
+
+std::string ErrorText(int error) { return std::generic_category().message(error); }
+
+}  // namespace orb::services

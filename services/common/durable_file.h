@@ -1,0 +1,30 @@
+// Files that are either not there or whole: a crash or a full disk leaves
+// nothing half-written under a name that somebody reads.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace orb::services {
+
+// Creates `name` in the directory, writes `content` and waits until it is on
+// the medium. The name must not exist. 0, or an errno value; then nothing of
+// the file remains.
+int WriteNewFile(int dir_fd, const std::string& name, std::span<const uint8_t> content);
+
+// Replaces `name` in the directory by way of `name`.tmp. 0, or an errno value;
+// then the old content is still there.
+int ReplaceFile(int dir_fd, const std::string& name, std::span<const uint8_t> content);
+
+// All of a regular file of at most `max_bytes`. 0, or an errno value (EFBIG for
+// a longer one, EINVAL for what is no regular file). Follows no link.
+int ReadWholeFile(int dir_fd, const std::string& name, size_t max_bytes,
+                  std::vector<uint8_t>* content);
+
+// The text of an errno value. Any thread.
+std::string ErrorText(int error);
+
+}  // namespace orb::services

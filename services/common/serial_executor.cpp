@@ -1,0 +1,60 @@
+// Tested by tests/services/serial_executor_test.cpp.
+#include "services/common/serial_executor.h"
+
+#include <utility>
+
+namespace orb::services {
+
+SerialExecutor::~SerialExecutor() {
+  Stop();
+  if (thread_.joinable()) thread_.join();
+}
+
+bool SerialExecutor::Post(std::function<void()> task) {
+  MutexLock lock(mutex_);
+  if (stopping_ || tasks_.size() >= max_tasks_) return false;
+  tasks_.push_back(std::move(task));
+  if (!running_) {
+    running_ = true;
+    thread_ = std::thread([this] { Run(); });
+  }
+  changed_.NotifyAll();
+  return true;
+}
+
+void SerialExecutor::Stop() {
+  std::deque<std::function<void()>> dropped;  // Destroyed unlocked: a task may own anything.
+  MutexLock lock(mutex_);
+  stopping_ = true;
+  dropped.swap(tasks_);
+  changed_.NotifyAll();
+}
+
+bool SerialExecutor::StoppedBy(std::chrono::steady_clock::time_point deadline) {
+  MutexLock lock(mutex_);
+  while (running_) {
+    if (!changed_.WaitUntil(mutex_, deadline)) return !running_;
+  }
+  return true;
+}
+
+void SerialExecutor::Run() {
+  mutex_.Lock();
+  while (!stopping_) {
+    if (tasks_.empty()) {
+      changed_.Wait(mutex_);
+      continue;
+    }
+    std::function<void()> task = std::move(tasks_.front());
+    tasks_.pop_front();
+    mutex_.Unlock();
+    task();
+    task = nullptr;  // Releases what it owns before the lock is taken again.
+    mutex_.Lock();
+  }
+  running_ = false;
+  changed_.NotifyAll();
+  mutex_.Unlock();
+}
+
+}  // namespace orb::services

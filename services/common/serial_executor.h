@@ -1,0 +1,47 @@
+// One thread that runs what it is given, in order: whatever calls a client
+// goes through one of these per client, so that a client that never answers
+// keeps nobody but itself waiting.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <thread>
+
+#include "utility/thread_annotations.h"
+
+namespace orb::services {
+
+// Thread-safe. The thread starts with the first task.
+class SerialExecutor {
+ public:
+  // At most `max_tasks` wait at a time.
+  explicit SerialExecutor(size_t max_tasks) : max_tasks_(max_tasks) {}
+  // Stops and joins: blocks while a task runs. Not from a task of its own.
+  ~SerialExecutor();
+  SerialExecutor(const SerialExecutor&) = delete;
+  SerialExecutor& operator=(const SerialExecutor&) = delete;
+
+  // False when it is full or stopped; the task is then never run.
+  bool Post(std::function<void()> task) EXCLUDES(mutex_);
+
+  // Drops the tasks that wait and takes no more. The running one goes on.
+  void Stop() EXCLUDES(mutex_);
+
+  // Whether no task runs any more after a Stop, waiting for it until then.
+  bool StoppedBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);
+
+ private:
+  void Run() EXCLUDES(mutex_);
+
+  const size_t max_tasks_;
+  Mutex mutex_;
+  CondVar changed_;
+  std::deque<std::function<void()>> tasks_ GUARDED_BY(mutex_);
+  bool stopping_ GUARDED_BY(mutex_) = false;
+  bool running_ GUARDED_BY(mutex_) = false;
+  std::thread thread_;  // Started under mutex_, joined by the destructor.
+};
+
+}  // namespace orb::services

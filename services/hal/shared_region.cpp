@@ -1,0 +1,54 @@
+// Tested by tests/services/shared_region_test.cpp.
+#include "services/hal/shared_region.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <limits>
+
+#include "utility/checked.h"
+
+namespace orb::hal {
+
+std::shared_ptr<const SharedRegion> SharedRegion::Open(UniqueFd fd, int64_t offset, int64_t length,
+                                                       std::string* why) {
+  struct stat info {};
+  if (!fd.ok() || fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+    *why = "the descriptor is no shared memory";
+    return nullptr;
+  }
+  const int flags = fcntl(fd.get(), F_GETFL);
+  if (flags < 0 || (flags & O_ACCMODE) == O_WRONLY) {
+    *why = "the descriptor cannot be read";
+    return nullptr;
+  }
+  if (offset < 0 || length <= 0 || offset > info.st_size || length > info.st_size - offset) {
+    *why = "offset " + std::to_string(offset) + " and length " + std::to_string(length) +
+           " lie outside its " + std::to_string(info.st_size) + " bytes";
+    return nullptr;
+  }
+  return std::shared_ptr<const SharedRegion>(new SharedRegion(
+      std::move(fd), static_cast<uint64_t>(offset), static_cast<uint64_t>(length)));
+}
+
+bool SharedRegion::Read(uint64_t offset, uint64_t size, std::vector<uint8_t>* out) const {
+  if (offset > length_bytes_ || size > length_bytes_ - offset) return false;
+  const size_t before = out->size();
+  out->resize(CheckedAdd<size_t>(before, size));
+  uint64_t have_bytes = 0;
+  while (have_bytes < size) {
+    const ssize_t got = pread(fd_.get(), out->data() + before + have_bytes, size - have_bytes,
+                              static_cast<off_t>(offset_bytes_ + offset + have_bytes));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) {
+      out->resize(before);
+      return false;
+    }
+    have_bytes += static_cast<uint64_t>(got);
+  }
+  return true;
+}
+
+}  // namespace orb::hal

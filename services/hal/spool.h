@@ -1,0 +1,61 @@
+// The uploads that the HAL took, one file each, below one directory.
+//
+// file := header data [footer]      as the client sent them
+// path := upload name "/" SEQNO "-" TIMESTAMP [ "." REPEAT ] ".orb"
+//
+// SEQNO (10 digits) and TIMESTAMP (13, milliseconds) are the header's;
+// docs/formats/spool.md tells more.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "services/hal/spool_index.h"
+#include "utility/thread_annotations.h"
+#include "utility/unique_fd.h"
+
+namespace orb::hal {
+
+// Thread-safe. Uploads are written side by side; only moving them to their
+// place is serialized.
+class Spool {
+ public:
+  // Bounds one upload, and so what one client can make the HAL hold in memory.
+  static constexpr uint32_t kMaxUploadBytes = 64U << 20;
+
+  // Takes the directory for this process, creating it when it is not there,
+  // removes what an interrupted run left and applies the quota. `max_bytes` of
+  // file content, 0 for no limit. Null with the reason in *error.
+  static std::unique_ptr<Spool> Open(const std::string& directory, uint64_t max_bytes,
+                                     std::string* error);
+
+  // Stores one upload; true when it is on the medium under its name. False
+  // after one log line: a name or header that is refused, an upload beyond the
+  // quota, a full disk. The oldest files make room.
+  bool Store(const std::string& name, std::span<const uint8_t> upload) EXCLUDES(mutex_);
+
+  // Bytes of content below the directory, as far as this process knows.
+  uint64_t StoredBytes() const EXCLUDES(mutex_);
+
+ private:
+  Spool(std::string directory, uint64_t max_bytes, UniqueFd root, UniqueFd incoming);
+
+  int Place(const std::string& temporary, const std::vector<std::string>& folders,
+            const std::string& stem, uint64_t bytes) REQUIRES(mutex_);
+  void MakeRoomFor(uint64_t bytes) REQUIRES(mutex_);
+  void Remove(const SpooledFile& file) REQUIRES(mutex_);
+
+  const std::string directory_;
+  const uint64_t max_bytes_;
+  const UniqueFd root_;
+  const UniqueFd incoming_;  // Temporary files; below root_, so that a rename is enough.
+  std::atomic<uint64_t> next_temporary_{0};
+  mutable Mutex mutex_;
+  SpoolIndex index_ GUARDED_BY(mutex_);
+};
+
+}  // namespace orb::hal

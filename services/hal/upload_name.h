@@ -1,0 +1,26 @@
+// The name of an upload, as a client chose it, turned into a place below the
+// spool. Nothing a client sends may name anything else.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace orb::hal {
+
+inline constexpr size_t kMaxNameBytes = 1024;
+inline constexpr size_t kMaxNameFolders = 16;
+inline constexpr size_t kMaxFolderBytes = 200;
+
+// Folders of "/up/7/radio.42": "up", "7", "radio.42". One leading slash is
+// stripped. False, with the reason in *why, for a name that is empty or too
+// long or deep, has an empty folder, one that starts with a dot (the parent,
+// and the spool's own files), one that ends in ".orb" (it would stand in the
+// way of a file), or a byte below 0x20 or 0x7F.
+bool ParseUploadName(std::string_view name, std::vector<std::string>* folders, std::string* why);
+
+// The name for a log line: bytes that are no printable ASCII as "?", cut to 80.
+std::string Printable(std::string_view name);
+
+}  // namespace orb::hal
