@@ -135,17 +135,17 @@ CipherCtxPtr NewCipher(int32_t salgo, const WipedBuffer& secret, const Sealed& i
 
 int32_t Decrypt(EVP_CIPHER_CTX* ctx, const Sealed& in, uint8_t** out_data, uint64_t* out_data_len) {
   const uint64_t room = CheckedAdd<uint64_t>(in.data_len, kSlackBytes);
-  WipedBuffer out(CheckedCast<size_t>(room));
+  if (room > INT_MAX) {  // The library counts in int, its output included.
+    LOGD("failed to decrypt data %d", 0);
+    return kFailed;
+  }
+  WipedBuffer out(static_cast<size_t>(room));
   if (!out.ok()) {
     LOGD("failed to malloc [%lu] bytes for decryption output", Ulong(room));
     return kFailed;
   }
-  // The library counts in int, its output included.
   int written = 0;
-  int result = 0;
-  if (room <= INT_MAX) {
-    result = EVP_DecryptUpdate(ctx, out.data(), &written, in.data, static_cast<int>(in.data_len));
-  }
+  int result = EVP_DecryptUpdate(ctx, out.data(), &written, in.data, static_cast<int>(in.data_len));
   if (result != 1) {
     LOGD("failed to decrypt data %d", result);
     return kFailed;

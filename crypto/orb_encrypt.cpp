@@ -142,17 +142,17 @@ struct Ciphertext {
 // One pass over the whole input. `ctx` is keyed.
 std::optional<Ciphertext> Encrypt(EVP_CIPHER_CTX* ctx, const uint8_t* data, uint64_t data_len) {
   const uint64_t room = CheckedAdd<uint64_t>(data_len, kSlackBytes);
-  WipedBuffer out(CheckedCast<size_t>(room));
+  if (room > INT_MAX) {  // The library counts in int, its output included.
+    LOGD("failed to encrypt data %d", 0);
+    return std::nullopt;
+  }
+  WipedBuffer out(static_cast<size_t>(room));
   if (!out.ok()) {
     LOGD("failed to malloc [%lu] bytes for encryption output", static_cast<unsigned long>(room));
     return std::nullopt;
   }
-  // The library counts in int, its output included.
   int written = 0;
-  int result = 0;
-  if (room <= INT_MAX) {
-    result = EVP_EncryptUpdate(ctx, out.data(), &written, data, static_cast<int>(data_len));
-  }
+  int result = EVP_EncryptUpdate(ctx, out.data(), &written, data, static_cast<int>(data_len));
   if (result != 1) {
     LOGD("failed to encrypt data %d", result);
     return std::nullopt;

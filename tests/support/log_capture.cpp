@@ -41,6 +41,7 @@ LogCapture::LogCapture()
   Registry& registry = GetRegistry();
   MutexLock lock(registry.mutex);
   registry.captures.push_back(this);
+  if (registry.captures.size() == 1) __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
 }
 
 LogCapture::~LogCapture() {
@@ -48,6 +49,7 @@ LogCapture::~LogCapture() {
   Registry& registry = GetRegistry();
   MutexLock lock(registry.mutex);
   std::erase(registry.captures, this);
+  if (registry.captures.empty()) __android_log_set_minimum_priority(ANDROID_LOG_DEFAULT);
 }
 
 bool LogCapture::Has(int priority, std::string_view tag, std::string_view text) const {

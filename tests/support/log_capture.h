@@ -1,5 +1,6 @@
 // What the process logs through liblog while an object of this class lives,
-// in place of stderr. Nested captures each see every line.
+// in place of stderr: every priority, also those that are filtered by default.
+// Nested captures each see every line.
 //
 // Thread-safe; lines of one thread keep their order. Threads that log may
 // outlive the capture: their later lines go to the capture around it, or back

@@ -9,7 +9,7 @@
 namespace orb {
 namespace {
 
-void Say(const char* text) { __android_log_print(ANDROID_LOG_INFO, "t", "%s", text); }
+void Say(const char* text) { __android_log_print(ANDROID_LOG_VERBOSE, "t", "%s", text); }
 
 TEST(LogCaptureTest, KeepsLinesOfAllThreadsWhileItLives) {
   auto outer = std::make_unique<LogCapture>();
@@ -21,7 +21,7 @@ TEST(LogCaptureTest, KeepsLinesOfAllThreadsWhileItLives) {
     EXPECT_TRUE(inner.WaitFor("thread", 100)) << inner.Dump();
     other.join();
     EXPECT_EQ(inner.Count("from a"), 100u);
-    EXPECT_TRUE(inner.Has(ANDROID_LOG_INFO, "t", "from a thread"));
+    EXPECT_TRUE(inner.Has(ANDROID_LOG_VERBOSE, "t", "from a thread"));
     EXPECT_FALSE(inner.Has(ANDROID_LOG_ERROR, "t", "from a thread"));
     EXPECT_FALSE(inner.WaitFor("never", 1, std::chrono::milliseconds(1)));
   }
