@@ -1,0 +1,40 @@
+// What the transports need of a Parcel: its objects, and putting objects that
+// arrived with a message at their places.
+#pragma once
+
+#include <binder/Parcel.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace orb_platform {
+
+// flat := type:u32 flags:u32 value:u64 cookie:u64
+constexpr size_t kFlatObjectBytes = 24;
+
+// Writes the number of a descriptor into the flat object at `flat`.
+void PatchDescriptor(uint8_t* flat, int fd);
+
+class ParcelAccess {
+ public:
+  // Borrowed view: a binder (fd -1) or a descriptor (binder null).
+  struct View {
+    size_t offset;
+    const android::sp<android::IBinder>& binder;
+    int fd;
+  };
+  static size_t Count(const android::Parcel& parcel) { return parcel.objects_.size(); }
+  static View At(const android::Parcel& parcel, size_t index);
+
+  // Makes the flat object at `offset` stand for `binder`, or for `fd`, which it
+  // owns from then on. False when it does not lie behind the last one and
+  // wholly inside the data; an fd is closed then, too.
+  static bool AddBinder(android::Parcel* parcel, size_t offset,
+                        const android::sp<android::IBinder>& binder);
+  static bool AddDescriptor(android::Parcel* parcel, size_t offset, int fd);
+
+ private:
+  static bool Fits(const android::Parcel& parcel, size_t offset);
+};
+
+}  // namespace orb_platform

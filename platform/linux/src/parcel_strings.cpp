@@ -1,0 +1,206 @@
+// Strings and arrays of a Parcel: count:i32 items, -1 for null.
+// Tested by tests/platform/parcel_test.cpp.
+#include <binder/Parcel.h>
+#include <utils/Unicode.h>
+
+#include <cstring>
+#include <limits>
+
+namespace android {
+
+namespace {
+
+constexpr int32_t kNull = -1;
+constexpr size_t kMaxCount = std::numeric_limits<int32_t>::max();
+
+}  // namespace
+
+status_t Parcel::writeCString(const char* str) { return write(str, strlen(str) + 1); }
+
+const char* Parcel::readCString() const {
+  if (dataAvail() == 0) return nullptr;
+  const uint8_t* const start = data_.data() + pos_;
+  const void* const end = memchr(start, 0, dataAvail());
+  if (end == nullptr) return nullptr;
+  return static_cast<const char*>(
+      readInplace(static_cast<size_t>(static_cast<const uint8_t*>(end) - start) + 1));
+}
+
+status_t Parcel::writeString16(const String16& str) {
+  return writeString16(str.string(), str.size());
+}
+
+status_t Parcel::writeString16(const char16_t* str, size_t len) {
+  if (str == nullptr) return writeInt32(kNull);
+  if (len >= kMaxCount / sizeof(char16_t)) return BAD_VALUE;
+  const status_t status = writeInt32(static_cast<int32_t>(len));
+  if (status != OK) return status;
+  const size_t bytes = len * sizeof(char16_t);
+  auto* const to = static_cast<uint8_t*>(Extend(bytes + sizeof(char16_t)));
+  if (to == nullptr) return error_;
+  memcpy(to, str, bytes);
+  memset(to + bytes, 0, sizeof(char16_t));
+  return OK;
+}
+
+const char16_t* Parcel::readString16Inplace(size_t* outLen) const {
+  *outLen = 0;
+  int32_t count = 0;
+  if (readInt32(&count) != OK || count < 0) return nullptr;
+  const size_t len = static_cast<size_t>(count);
+  const void* const units = readInplace((len + 1) * sizeof(char16_t));
+  if (units == nullptr) return nullptr;
+  const auto* const str = static_cast<const char16_t*>(units);
+  if (str[len] != 0) return nullptr;
+  *outLen = len;
+  return str;
+}
+
+status_t Parcel::readString16(String16* out) const {
+  int32_t count = 0;
+  const size_t start = pos_;
+  const status_t status = readInt32(&count);
+  if (status != OK) return status;
+  if (count < 0) return UNEXPECTED_NULL;
+  pos_ = start;
+  size_t len = 0;
+  const char16_t* const str = readString16Inplace(&len);
+  if (str == nullptr) return NOT_ENOUGH_DATA;
+  *out = String16(str, len);
+  return OK;
+}
+
+String16 Parcel::readString16() const {
+  String16 out;
+  return readString16(&out) == OK ? out : String16();
+}
+
+status_t Parcel::writeUtf8AsUtf16(const std::string& str) {
+  if (str.size() >= kMaxCount / sizeof(char16_t)) return BAD_VALUE;
+  const auto* const utf8 = reinterpret_cast<const uint8_t*>(str.data());
+  const ssize_t units = utf8_to_utf16_length(utf8, str.size());
+  if (units < 0) return BAD_VALUE;
+  const status_t status = writeInt32(static_cast<int32_t>(units));
+  if (status != OK) return status;
+  const size_t len = static_cast<size_t>(units);
+  void* const to = Extend((len + 1) * sizeof(char16_t));
+  if (to == nullptr) return error_;
+  utf8_to_utf16(utf8, str.size(), static_cast<char16_t*>(to), len + 1);
+  return OK;
+}
+
+status_t Parcel::writeUtf8AsUtf16(const std::optional<std::string>& str) {
+  return str ? writeUtf8AsUtf16(*str) : writeInt32(kNull);
+}
+
+status_t Parcel::writeUtf8AsUtf16(const std::unique_ptr<std::string>& str) {
+  return str != nullptr ? writeUtf8AsUtf16(*str) : writeInt32(kNull);
+}
+
+status_t Parcel::readUtf8FromUtf16(std::string* out) const {
+  int32_t count = 0;
+  const size_t start = pos_;
+  const status_t status = readInt32(&count);
+  if (status != OK) return status;
+  if (count < 0) return UNEXPECTED_NULL;
+  pos_ = start;
+  size_t len = 0;
+  const char16_t* const str = readString16Inplace(&len);
+  if (str == nullptr) return NOT_ENOUGH_DATA;
+  out->clear();
+  if (len == 0) return OK;
+  const ssize_t bytes = utf16_to_utf8_length(str, len);
+  if (bytes < 0) return BAD_VALUE;
+  // The conversion writes a terminator behind the bytes.
+  out->resize(static_cast<size_t>(bytes) + 1);
+  utf16_to_utf8(str, len, out->data(), out->size());
+  out->resize(static_cast<size_t>(bytes));
+  return OK;
+}
+
+status_t Parcel::readUtf8FromUtf16(std::optional<std::string>* out) const {
+  const size_t start = pos_;
+  int32_t count = 0;
+  const status_t status = readInt32(&count);
+  out->reset();
+  if (status != OK || count < 0) return status;
+  pos_ = start;
+  return readUtf8FromUtf16(&out->emplace());
+}
+
+status_t Parcel::readUtf8FromUtf16(std::unique_ptr<std::string>* out) const {
+  std::optional<std::string> str;
+  const status_t status = readUtf8FromUtf16(&str);
+  out->reset(str ? new std::string(std::move(*str)) : nullptr);
+  return status;
+}
+
+template <typename T>
+status_t Parcel::WriteVector(const std::vector<T>& val) {
+  if (val.size() > kMaxCount / sizeof(T)) return BAD_VALUE;
+  const status_t status = writeInt32(static_cast<int32_t>(val.size()));
+  return status == OK ? write(val.data(), val.size() * sizeof(T)) : status;
+}
+
+// A count that the bytes left cannot hold is refused before anything is allocated.
+status_t Parcel::ReadCount(int32_t* count, size_t item_bytes) const {
+  const status_t status = readInt32(count);
+  if (status != OK) return status;
+  if (*count < 0) return UNEXPECTED_NULL;
+  return static_cast<size_t>(*count) > dataAvail() / item_bytes ? BAD_VALUE : OK;
+}
+
+template <typename T>
+status_t Parcel::ReadVector(std::vector<T>* out) const {
+  int32_t count = 0;
+  const status_t status = ReadCount(&count, sizeof(T));
+  if (status != OK) return status;
+  out->resize(static_cast<size_t>(count));
+  return read(out->data(), out->size() * sizeof(T));
+}
+
+status_t Parcel::writeByteVector(const std::vector<uint8_t>& val) { return WriteVector(val); }
+status_t Parcel::writeByteVector(const std::vector<int8_t>& val) { return WriteVector(val); }
+status_t Parcel::writeByteVector(const std::optional<std::vector<uint8_t>>& val) {
+  return val ? WriteVector(*val) : writeInt32(kNull);
+}
+status_t Parcel::writeInt32Vector(const std::vector<int32_t>& val) { return WriteVector(val); }
+status_t Parcel::writeInt64Vector(const std::vector<int64_t>& val) { return WriteVector(val); }
+
+status_t Parcel::readByteVector(std::vector<uint8_t>* out) const { return ReadVector(out); }
+status_t Parcel::readByteVector(std::vector<int8_t>* out) const { return ReadVector(out); }
+status_t Parcel::readByteVector(std::optional<std::vector<uint8_t>>* out) const {
+  const size_t start = pos_;
+  int32_t count = 0;
+  const status_t status = readInt32(&count);
+  out->reset();
+  if (status != OK || count < 0) return status;
+  pos_ = start;
+  return ReadVector(&out->emplace());
+}
+status_t Parcel::readInt32Vector(std::vector<int32_t>* out) const { return ReadVector(out); }
+status_t Parcel::readInt64Vector(std::vector<int64_t>* out) const { return ReadVector(out); }
+
+status_t Parcel::writeUtf8VectorAsUtf16Vector(const std::vector<std::string>& val) {
+  if (val.size() > kMaxCount) return BAD_VALUE;
+  status_t status = writeInt32(static_cast<int32_t>(val.size()));
+  for (const std::string& item : val) {
+    if (status != OK) return status;
+    status = writeUtf8AsUtf16(item);
+  }
+  return status;
+}
+
+status_t Parcel::readUtf8VectorFromUtf16Vector(std::vector<std::string>* out) const {
+  int32_t count = 0;
+  status_t status = ReadCount(&count, sizeof(int32_t));
+  if (status != OK) return status;
+  out->resize(static_cast<size_t>(count));
+  for (std::string& item : *out) {
+    status = readUtf8FromUtf16(&item);
+    if (status != OK) return status;
+  }
+  return OK;
+}
+
+}  // namespace android
