@@ -1,0 +1,122 @@
+#include "tests/integration/stack.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+namespace orb::test {
+
+std::string Client::Ask(const std::string& command, std::chrono::milliseconds timeout) {
+  if (!process_.Send(command)) return "gone";
+  return process_.ReadLine(timeout).value_or("gone");
+}
+
+Stack::Stack() = default;
+
+Stack::~Stack() {
+  manager_.Stop();
+  hal_.Stop();
+}
+
+std::map<std::string, std::string> Stack::Environment() const {
+  return {{"ORB_BUS_ADDRESS", bus_.address()},
+          {"ORB_EVENT_LOG", dir_.path() + "/events.bin"},
+          {"ANDROID_LOG_TAGS", "*:d"}};
+}
+
+void Stack::StartManager() {
+  manager_ = ChildProcess({ORB_MANAGERD, "--state", path("state")},
+                          {Environment(), path("orb-managerd.log")});
+}
+
+void Stack::StartHal() {
+  hal_ = ChildProcess({ORB_HALD, "--spool", spool()}, {Environment(), path("orb-hald.log")});
+}
+
+Client Stack::StartClient() {
+  Client client;
+  client.process_ = ChildProcess(
+      {ORB_PROBE}, {Environment(), path("client" + std::to_string(++clients_) + ".log")});
+  return client;
+}
+
+std::string Stack::MakeDataDir(const std::string& name) {
+  const std::string dir = path(name) + "/";
+  RunCommand({"mkdir", "-p", dir});
+  WriteFile(dir + "orb_sdk.conf", "register_max_retries = 100\nregister_retry_wait_sec = 1\n");
+  return dir;
+}
+
+std::string Stack::LogOf(const std::string& program) const {
+  return ReadFileOrEmpty(path(program + ".log"));
+}
+
+CommandResult Stack::Ctl(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {ORB_CTL};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return RunCommand(argv, Environment());
+}
+
+std::string Stack::WriteCampaign(const std::string& name, const std::vector<uint64_t>& lic_sns,
+                                 const std::vector<uint32_t>& kpis, uint32_t sample_window,
+                                 uint32_t threshold_bytes) {
+  std::ostringstream text;
+  text << "threshold_size: " << threshold_bytes << "\nthreshold_time: 60\n";
+  for (uint32_t kpi : kpis) {
+    text << "kpi_cfgs { kpi_id: " << kpi << " type: KPI_NUMERIC sub_type: COUNTER "
+         << "sample_window: " << sample_window << " }\n";
+  }
+  for (uint64_t lic_sn : lic_sns) {
+    text << "lic_sn_kpi_maps { lic_sn: " << lic_sn;
+    for (uint32_t kpi : kpis) text << " kpi_ids: " << kpi;
+    text << " }\n";
+  }
+  WriteFile(path(name), text.str());
+  return path(name);
+}
+
+bool Stack::StartCampaign(const std::string& client, const std::string& file,
+                          const std::vector<uint64_t>& lic_sns, uint64_t id) {
+  std::vector<std::string> args = {"campaign", "start", client, file, "--id", std::to_string(id)};
+  for (uint64_t lic_sn : lic_sns) {
+    args.insert(args.end(), {"--lic", std::to_string(lic_sn)});
+  }
+  return Ctl(args).exit_code == 0;
+}
+
+bool Stack::WaitRegistered(const std::string& client) {
+  return WaitFor([&] {
+    const CommandResult list = Ctl({"client", "list"});
+    return list.exit_code == 0 && list.out.find(client) != std::string::npos;
+  });
+}
+
+std::vector<Record> Stack::DecodeSpool() {
+  std::vector<Record> records;
+  std::istringstream lines(Ctl({"decode", spool(), "--format", "json"}).out);
+  for (std::string line; std::getline(lines, line);) {
+    const nlohmann::json json = nlohmann::json::parse(line, nullptr, false);
+    if (!json.is_object() || !json.contains("kpi_id")) continue;
+    Record record;
+    record.client = json.value("client", "");
+    record.lic_sn = json.value("lic_sn", uint64_t{0});
+    record.campaign = json.value("campaign", uint64_t{0});
+    record.seqno = json.value("seqno", uint64_t{0});
+    record.kpi_id = json.value("kpi_id", 0u);
+    record.kind = json.value("kind", "");
+    record.count = json.value("count", uint64_t{0});
+    record.num_samples = json.value("num_samples", uint64_t{0});
+    records.push_back(record);
+  }
+  return records;
+}
+
+uint64_t SumOf(const std::vector<Record>& records, uint64_t lic_sn, uint32_t kpi) {
+  uint64_t sum = 0;
+  for (const Record& record : records) {
+    if (record.lic_sn == lic_sn && record.kpi_id == kpi) sum += record.count;
+  }
+  return sum;
+}
+
+}  // namespace orb::test

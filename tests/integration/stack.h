@@ -1,0 +1,84 @@
+// A whole system for one test: a private bus, the services as real processes
+// and clients that the test drives. All of it lives in one temporary directory.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/child_process.h"
+#include "tests/support/private_bus.h"
+
+namespace orb::test {
+
+// A probe client process (tests/integration/probe_client.cpp).
+class Client {
+ public:
+  // The answer to one command; "gone" when none came.
+  std::string Ask(const std::string& command,
+                  std::chrono::milliseconds timeout = std::chrono::seconds(60));
+  ChildProcess& process() { return process_; }
+
+ private:
+  friend class Stack;
+  ChildProcess process_;
+};
+
+// One record that orbctl decoded.
+struct Record {
+  std::string client;
+  uint64_t lic_sn = 0;
+  uint64_t campaign = 0;
+  uint64_t seqno = 0;
+  uint32_t kpi_id = 0;
+  std::string kind;
+  uint64_t count = 0;
+  uint64_t num_samples = 0;
+};
+
+class Stack {
+ public:
+  Stack();
+  ~Stack();
+
+  void StartManager();
+  void StartHal();
+  ChildProcess& manager() { return manager_; }
+  ChildProcess& hal() { return hal_; }
+  PrivateBus& bus() { return bus_; }
+
+  Client StartClient();
+  // A data directory, ending with '/', whose retries are one second apart.
+  std::string MakeDataDir(const std::string& name);
+  std::string spool() const { return dir_.path() + "/spool"; }
+  std::string path(const std::string& name) const { return dir_.path() + "/" + name; }
+  std::string LogOf(const std::string& program) const;
+
+  CommandResult Ctl(const std::vector<std::string>& args);
+  // Writes a campaign of counters, all with the given window in samples, for each LicSN,
+  // and returns its path.
+  std::string WriteCampaign(const std::string& name, const std::vector<uint64_t>& lic_sns,
+                            const std::vector<uint32_t>& kpis, uint32_t sample_window,
+                            uint32_t threshold_bytes);
+  // Starts it on a client, each LicSN without key; true when the client accepted.
+  bool StartCampaign(const std::string& client, const std::string& file,
+                     const std::vector<uint64_t>& lic_sns, uint64_t id);
+  bool WaitRegistered(const std::string& client);
+
+  // Every record in the spool, in upload order per client and LicSN.
+  std::vector<Record> DecodeSpool();
+
+ private:
+  std::map<std::string, std::string> Environment() const;
+
+  TempDir dir_;
+  PrivateBus bus_;
+  ChildProcess manager_;
+  ChildProcess hal_;
+  int clients_ = 0;
+};
+
+// Sum of count over the records of one KPI and LicSN.
+uint64_t SumOf(const std::vector<Record>& records, uint64_t lic_sn, uint32_t kpi);
+
+}  // namespace orb::test
