@@ -1,0 +1,8 @@
+import LicInfo;
+
+parcelable KIVCampConfig {
+    long campId;
+    /** A serialized LTCCampaignDef. */
+    byte[] campaignDef;
+    LicInfo[] licInfo;
+}

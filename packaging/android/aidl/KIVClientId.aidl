@@ -1,0 +1,4 @@
+parcelable KIVClientId {
+    @utf8InCpp String token;
+    int clientId;
+}

@@ -1,0 +1,5 @@
+parcelable KIVClientInfo {
+    @utf8InCpp String clientName;
+    int clientType;
+    byte clientOption;
+}
