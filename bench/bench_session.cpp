@@ -38,9 +38,7 @@ KPICfg* AddNumeric(LTCCampaignDef* def, uint32_t id, KPISubType sub_type, const 
 
 }  // namespace
 
-int StubClient::registerClient(const std::string&, uint32_t, uint32_t, kiv_collector*) {
-  return 0;
-}
+int StubClient::registerClient(const std::string&, uint32_t, uint32_t, kiv_collector*) { return 0; }
 
 int StubClient::sendData(const std::string&, const std::string&, const uint8_t*, uint32_t,
                          const uint8_t*, uint32_t, const uint8_t*, uint32_t) {

@@ -46,6 +46,7 @@ void Repeat(benchmark::State& state, LogOne log_one) {
     if (log_one(ids[next], 1) != 0) state.SkipWithError("refused");
     if (++next == ids.size()) next = 0;
   }
+  state.SetItemsProcessed(state.iterations());
 }
 
 void BM_FloorContended(benchmark::State& state) {
@@ -78,9 +79,8 @@ void BM_LogOwnCollector(benchmark::State& state) {
     for (Session*& session : sessions) session = NewSession();
   }
   const int mine = state.thread_index();
-  Repeat(state, [mine](uint32_t id, uint32_t value) {
-    return kiv_log(sessions[mine]->get(), id, value);
-  });
+  Repeat(state,
+         [mine](uint32_t id, uint32_t value) { return kiv_log(sessions[mine]->get(), id, value); });
   if (state.thread_index() == 0) {
     for (Session* session : sessions) delete session;
   }

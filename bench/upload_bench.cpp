@@ -84,16 +84,15 @@ void BM_FloorCipher(benchmark::State& state) {
   for (auto _ : state) {
     EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
     int length = 0;
-    EVP_EncryptInit_ex(ctx, state.range(1) == kCbc ? EVP_aes_256_cbc() : EVP_aes_256_gcm(),
-                       nullptr, key, iv);
+    EVP_EncryptInit_ex(ctx, state.range(1) == kCbc ? EVP_aes_256_cbc() : EVP_aes_256_gcm(), nullptr,
+                       key, iv);
     EVP_EncryptUpdate(ctx, out.data(), &length, reinterpret_cast<const uint8_t*>(input.data()),
                       static_cast<int>(input.size()));
     EVP_EncryptFinal_ex(ctx, out.data() + length, &length);
     EVP_CIPHER_CTX_free(ctx);
   }
 }
-BENCHMARK(BM_FloorCipher)
-    ->ArgsProduct({{16 << 10, 256 << 10, 1 << 20}, {kCbc, kGcm}});
+BENCHMARK(BM_FloorCipher)->ArgsProduct({{16 << 10, 256 << 10, 1 << 20}, {kCbc, kGcm}});
 
 void BM_FloorCopy(benchmark::State& state) {
   const std::string input(static_cast<size_t>(state.range(0)), 'x');
