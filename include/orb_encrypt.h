@@ -33,8 +33,9 @@ extern "C" {
 
 /* Symmetric algorithm (salgo). */
 #define ORB_SALGO_AES_256_CBC 1 /* PKCS#7 padding, no authentication. */
-#define ORB_SALGO_AES_256_GCM 2 /* 16-byte tag, nonce = first 12 bytes of the IV, no extra data. \
-                                 */
+#define ORB_SALGO_AES_256_GCM                                        \
+  2 /* 16-byte tag, nonce = first 12 bytes of the IV, no extra data. \
+     */
 
 /* Public-key algorithm (palgo). */
 #define ORB_PALGO_ECDH_P256 1
