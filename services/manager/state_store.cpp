@@ -1,0 +1,167 @@
+// Tested by tests/services/state_store_test.cpp.
+#include "services/manager/state_store.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "services/common/durable_file.h"
+#include "utility/byte_order.h"
+#include "utility/checked.h"
+#include "utility/log.h"
+
+namespace orb::manager {
+namespace {
+
+namespace fs = std::filesystem;
+using services::ErrorText;
+
+constexpr char kMagic[] = "ORBSTAT1";
+constexpr size_t kMagicBytes = sizeof kMagic - 1;
+constexpr size_t kPrefixBytes = kMagicBytes + sizeof(uint32_t);
+constexpr std::string_view kSuffix = ".client";
+// A transaction, and so a campaign, has less than a MiB.
+constexpr size_t kMaxFileBytes = 4U << 20;
+
+uint32_t Crc(const uint8_t* data, size_t bytes) {
+  return static_cast<uint32_t>(crc32(0, data, CheckedCast<uInt>(bytes)));
+}
+
+// The number before the suffix; 0 for a file that is none of ours. Also for
+// files put aside, so that their ids stay taken.
+int32_t IdOf(const std::string& file) {
+  int32_t id = 0;
+  const auto [end, ec] = std::from_chars(file.data(), file.data() + file.size(), id);
+  const std::string_view rest(end, static_cast<size_t>(file.data() + file.size() - end));
+  return ec == std::errc() && id > 0 && rest.starts_with(kSuffix) ? id : 0;
+}
+
+bool Parse(const std::vector<uint8_t>& content, ClientState* state) {
+  if (content.size() < kPrefixBytes) return false;
+  if (memcmp(content.data(), kMagic, kMagicBytes) != 0) return false;
+  const uint8_t* body = content.data() + kPrefixBytes;
+  const size_t body_bytes = content.size() - kPrefixBytes;
+  return LoadBigEndian<uint32_t>(content.data() + kMagicBytes) == Crc(body, body_bytes) &&
+         state->ParseFromArray(body, CheckedCast<int>(body_bytes));
+}
+
+}  // namespace
+
+std::unique_ptr<StateStore> StateStore::Open(const std::string& directory, std::string* error) {
+  std::error_code ec;
+  fs::create_directories(directory, ec);
+  UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd.ok()) {
+    *error = "cannot use " + directory + ": " + ErrorText(errno);
+    return nullptr;
+  }
+  if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+    *error = directory + " is in use by another process";
+    return nullptr;
+  }
+  std::unique_ptr<StateStore> store(new StateStore(std::move(fd)));
+  MutexLock lock(store->mutex_);
+  fs::directory_iterator at(directory, ec);
+  std::vector<std::string> files;
+  for (; !ec && at != fs::end(at); at.increment(ec)) files.push_back(at->path().filename());
+  if (ec) {
+    *error = "cannot read " + directory + ": " + ec.message();
+    return nullptr;
+  }
+  std::sort(files.begin(), files.end());
+  for (const std::string& file : files) store->Load(file);
+  return store;
+}
+
+void StateStore::Load(const std::string& file) {
+  const int32_t id = IdOf(file);
+  if (id == 0) return;
+  last_id_ = std::max(last_id_, id);
+  if (file != std::to_string(id) + std::string(kSuffix)) return;
+  std::vector<uint8_t> content;
+  const int error = services::ReadWholeFile(directory_.get(), file, kMaxFileBytes, &content);
+  ClientState state;
+  if (error != 0) {
+    LOGE("state %s: cannot be read: %s", file.c_str(), ErrorText(error).c_str());
+  } else if (!Parse(content, &state) || state.client_id() != id || clients_.count(state.name())) {
+    const std::string aside = file + ".damaged";
+    renameat(directory_.get(), file.c_str(), directory_.get(), aside.c_str());
+    LOGE("state %s: damaged, kept as %s; its client starts without a campaign", file.c_str(),
+         aside.c_str());
+  } else {
+    clients_[state.name()] = state;
+  }
+}
+
+int32_t StateStore::ClientId(const std::string& name) {
+  MutexLock lock(mutex_);
+  const auto found = clients_.find(name);
+  if (found != clients_.end()) return found->second.client_id();
+  if (clients_.size() >= kMaxClients) return -1;
+  last_id_ = CheckedAdd<int32_t>(last_id_, 1);
+  ClientState& state = clients_[name];
+  state.set_name(name);
+  state.set_client_id(last_id_);
+  Save(state);
+  return last_id_;
+}
+
+bool StateStore::Knows(const std::string& name) const {
+  MutexLock lock(mutex_);
+  return clients_.count(name) != 0;
+}
+
+std::map<std::string, ClientState> StateStore::Clients() const {
+  MutexLock lock(mutex_);
+  return clients_;
+}
+
+bool StateStore::GetCampaign(const std::string& name, SavedCampaign* campaign) const {
+  MutexLock lock(mutex_);
+  const auto found = clients_.find(name);
+  if (found == clients_.end() || !found->second.has_campaign()) return false;
+  *campaign = found->second.campaign();
+  return true;
+}
+
+bool StateStore::SetCampaign(const std::string& name, const SavedCampaign& campaign) {
+  MutexLock lock(mutex_);
+  const auto found = clients_.find(name);
+  if (found == clients_.end()) return false;
+  *found->second.mutable_campaign() = campaign;
+  return Save(found->second);
+}
+
+bool StateStore::ClearCampaign(const std::string& name) {
+  MutexLock lock(mutex_);
+  const auto found = clients_.find(name);
+  if (found == clients_.end()) return false;
+  if (!found->second.has_campaign()) return true;
+  found->second.clear_campaign();
+  return Save(found->second);
+}
+
+bool StateStore::Save(const ClientState& state) {
+  const std::string body = state.SerializeAsString();
+  std::vector<uint8_t> content(kPrefixBytes + body.size());
+  memcpy(content.data(), kMagic, kMagicBytes);
+  if (!body.empty()) memcpy(content.data() + kPrefixBytes, body.data(), body.size());
+  StoreBigEndian<uint32_t>(content.data() + kMagicBytes,
+                           Crc(content.data() + kPrefixBytes, body.size()));
+  const std::string file = std::to_string(state.client_id()) + std::string(kSuffix);
+  const int error = services::ReplaceFile(directory_.get(), file, content);
+  if (error != 0) LOGE("state %s: cannot be written: %s", file.c_str(), ErrorText(error).c_str());
+  return error == 0;
+}
+
+}  // namespace orb::manager

@@ -1,0 +1,64 @@
+// What the manager must still know after a restart: every client's id, and the
+// campaign that runs on it. One file per client, replaced whole.
+//
+// file := "ORBSTAT1" crc32:u32be ClientState      name := CLIENT_ID ".client"
+//
+// A damaged file is put aside as NAME.damaged and costs only its own client;
+// its id is not given out again.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "proto/manager_state.pb.h"
+#include "utility/thread_annotations.h"
+#include "utility/unique_fd.h"
+
+namespace orb::manager {
+
+// Thread-safe. The files are written under the mutex: their order on disk is
+// the order of the calls.
+class StateStore {
+ public:
+  // Takes the directory for this process, creating it when it is not there, and
+  // reads what it holds. Null, with the reason in *error, when that is impossible.
+  static std::unique_ptr<StateStore> Open(const std::string& directory, std::string* error);
+
+  // Names that are remembered; a new one beyond them is refused.
+  static constexpr size_t kMaxClients = 4096;
+
+  // The id of this client name, the same ever after; a new name gets a new one.
+  // -1 when there are too many names.
+  int32_t ClientId(const std::string& name) EXCLUDES(mutex_);
+
+  // Whether the name ever registered.
+  bool Knows(const std::string& name) const EXCLUDES(mutex_);
+
+  // All that is kept, by name.
+  std::map<std::string, ClientState> Clients() const EXCLUDES(mutex_);
+
+  // False when the client is unknown or has no campaign.
+  bool GetCampaign(const std::string& name, SavedCampaign* campaign) const EXCLUDES(mutex_);
+
+  // Of a known client. False when the disk did not take it (logged): then it
+  // holds for this process only.
+  bool SetCampaign(const std::string& name, const SavedCampaign& campaign) EXCLUDES(mutex_);
+  bool ClearCampaign(const std::string& name) EXCLUDES(mutex_);
+
+ private:
+  explicit StateStore(UniqueFd directory) : directory_(std::move(directory)) {}
+
+  void Load(const std::string& file) REQUIRES(mutex_);
+  bool Save(const ClientState& state) REQUIRES(mutex_);
+
+  const UniqueFd directory_;
+  mutable Mutex mutex_;
+  std::map<std::string, ClientState> clients_ GUARDED_BY(mutex_);
+  int32_t last_id_ GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace orb::manager
