@@ -1,0 +1,108 @@
+// Records go to one data file per LicSN; a file beyond the size threshold, or
+// any file on a flush, is closed and handed to the collector's upload.
+//
+// Callers only queue. One writer thread, asleep while the queue is empty, does
+// all file work: every record is synchronised to storage before the next one
+// is taken, so that a crash loses at most the record being written.
+//
+// Life: constructed -> Initialize() -> records and flushes -> Finalize() ->
+// destroyed. Files still open at destruction are closed and stay where they
+// are; the next Initialize() sends or deletes them. File format and recovery:
+// docs/formats/data_file.md.
+//
+// Locks: fileMutex, held across uploads; queueMutex, a leaf. Never both.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "serializer/kpi_serializer.h"
+#include "utility/thread_annotations.h"
+
+// One queued record, or a control word.
+struct kpiDataStruct {
+  std::string data;  // A serialized KPIData, or "Flush".
+  uint32_t kpiId;    // Routes the record; 0 for raw buffers, all ones for a flush.
+};
+
+class KPIFileSerializer : public KPISerializer {
+ public:
+  KPIFileSerializer() : KPISerializer("KPIFileSerializer") {}
+  ~KPIFileSerializer() override;
+
+  // Deals with left-over files, makes a file for each LicSN of the collector's
+  // key table and starts the writer thread. 0, or -1 when cacheDir cannot be
+  // read. The collector is borrowed.
+  int Initialize(const char* cacheDir, unsigned int sizeThreshold, unsigned int timeThreshold,
+                 kiv_collector* collector) EXCLUDES(fileMutex);
+
+  // These queue and return 0; they never wait for storage.
+  int Write(orbtr::KPIData& data, unsigned int kpiId) override EXCLUDES(queueMutex);
+  int WriteBuf(const unsigned char* buf, unsigned int len) override EXCLUDES(queueMutex);
+  int Flush() override EXCLUDES(queueMutex);
+
+  // Not supported: logs and answers -1.
+  int WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsStart, uint64_t tsEnd,
+                             unsigned int numSamples, const kiv_blob_segment_t* segs,
+                             unsigned int count) override;
+
+  // Writes out and sends what is queued, and ends the writer thread. 0.
+  int Finalize() override EXCLUDES(queueMutex, fileMutex);
+  // Ends the writer thread once the queue is drained. This and Finalize are
+  // the owner's calls, one at a time.
+  void stopWriterThread() EXCLUDES(queueMutex, fileMutex);
+
+  // Sends the LicSN's file, then starts a fresh one, or none. Records that are
+  // still queued are not waited for.
+  void EnableLicSN(uint64_t licSN) EXCLUDES(fileMutex);
+  void DisableLicSN(uint64_t licSN) EXCLUDES(fileMutex);
+  // Sends the LicSN's file without a new one; -1 when there is none.
+  int fileFlushforLicSN(uint64_t licSN) REQUIRES(fileMutex);
+
+ private:
+  static constexpr char kFlush[] = "Flush";  // The control word.
+
+  struct CloseFile {
+    void operator()(FILE* file) const { fclose(file); }
+  };
+  using File = std::unique_ptr<FILE, CloseFile>;
+
+  // Queue and writer thread (kpi_file_serializer.cpp).
+  void addFlushToQueue() EXCLUDES(queueMutex);
+  void Push(std::shared_ptr<kpiDataStruct> item) EXCLUDES(queueMutex);
+  // Waits for the next item; null once the writer is to stop.
+  std::shared_ptr<kpiDataStruct> NextItem() EXCLUDES(queueMutex);
+  void writer_func() EXCLUDES(queueMutex, fileMutex);
+
+  // Files (kpi_file_serializer_files.cpp).
+  int handleTmpFile() REQUIRES(fileMutex);
+  void RecoverFile(const std::string& path) REQUIRES(fileMutex);
+  void prepare_file(const kpiDataStruct& item) EXCLUDES(fileMutex);
+  void AddToEveryFile(const kpiDataStruct& item) REQUIRES(fileMutex);
+  void add_to_file(uint64_t licSN, const kpiDataStruct& item) REQUIRES(fileMutex);
+  int createFout(uint64_t licSN) REQUIRES(fileMutex);
+  // Closes the LicSN's file and sends it, or deletes it when it has no record.
+  // The result of that; with reopen, 1 when both this and the creation of the
+  // next file failed, else 0. -1 when no file is open.
+  int fileFlush(uint64_t licSN, bool reopen) REQUIRES(fileMutex);
+  int removeLicSNfromMap(uint64_t licSN) REQUIRES(fileMutex);
+  std::string TmpPath(uint64_t licSN) const REQUIRES(fileMutex);
+
+  // Unbounded: callers must not wait for storage, and a record is never
+  // dropped. It grows only while storage is slower than the client.
+  std::deque<std::shared_ptr<kpiDataStruct>> queue GUARDED_BY(queueMutex);
+  orb::Mutex queueMutex;
+  bool stopWriter GUARDED_BY(queueMutex) = false;
+  orb::CondVar queueCv;
+  std::thread writerThread;
+  std::string cacheDir GUARDED_BY(fileMutex);
+  std::map<uint64_t, File> fileMap GUARDED_BY(fileMutex);  // By LicSN; null: no file now.
+  orb::Mutex fileMutex;
+  uint32_t emptyFileSize GUARDED_BY(fileMutex) = 0;  // Bytes of a file without a record.
+  std::string versionRecord GUARDED_BY(fileMutex);   // Empty with an overridden header.
+};

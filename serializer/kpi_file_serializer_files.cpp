@@ -1,0 +1,192 @@
+// file := header:66 [version-record] record*      see docs/formats/data_file.md
+// Tested by tests/serializer/kpi_file_serializer_test.cpp.
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+#include "collector/kiv_collector.h"
+#include "serializer/kpi_file_serializer.h"
+#include "utility/error_text.h"
+#include "utility/log.h"
+
+namespace {
+
+constexpr char kTmpSuffix[] = ".tmp";
+constexpr size_t kSkippedPathChars = 17;
+
+unsigned long long Printable(uint64_t licSN) { return licSN; }
+
+// The path without its first characters, which are the same on every device;
+// empty when nothing would be left.
+const char* Shortened(const std::string& path) {
+  return path.size() > kSkippedPathChars ? path.c_str() + kSkippedPathChars : "";
+}
+
+// To storage, not only to the kernel. False when some of it did not get there.
+bool WriteThrough(FILE* file, const void* bytes, size_t count) {
+  const bool written = count == 0 || fwrite(bytes, 1, count, file) == count;
+  const bool flushed = fflush(file) == 0;
+  const bool synced = fsync(fileno(file)) == 0;
+  return written && flushed && synced;
+}
+
+void LogWriteError(const char* operation) { LOGE("%s: error writing to file", operation); }
+
+// Names in the directory that begin with `prefix` and contain ".tmp". All are
+// listed before any is dealt with, because uploads change the directory.
+bool ListTmpFiles(const std::string& directory, const std::string& prefix,
+                  std::vector<std::string>* names) {
+  DIR* dir = opendir(directory.c_str());
+  if (dir == nullptr) return false;
+  while (const dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name.compare(0, prefix.size(), prefix) == 0 && name.find(kTmpSuffix) != std::string::npos) {
+      names->push_back(name);
+    }
+  }
+  closedir(dir);
+  std::sort(names->begin(), names->end());
+  return true;
+}
+
+}  // namespace
+
+int KPIFileSerializer::handleTmpFile() {
+  std::vector<std::string> names;
+  if (!ListTmpFiles(cacheDir, collector->name(), &names)) {
+    LOGE("%s: Failed to open cache dir %s - err: %s", "handleTmpFile", cacheDir.c_str(),
+         orb::ErrorText(errno).c_str());
+    return -1;
+  }
+  for (const std::string& name : names) RecoverFile(cacheDir + "/" + name);
+
+  const auto& keys = collector->licSnKeys();
+  LOGI("%s: Creating %d new tmp files - %s", "handleTmpFile", static_cast<int>(keys.size()),
+       collector->name().c_str());
+  for (const auto& [licSN, key] : keys) createFout(licSN);
+  return 0;
+}
+
+void KPIFileSerializer::RecoverFile(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) {
+    LOGE("%s: error in stat() call on tmpfile %s - err: %s", "handleTmpFile", path.c_str(),
+         orb::ErrorText(errno).c_str());
+    return;
+  }
+  if (status.st_size <= static_cast<off_t>(emptyFileSize)) {
+    LOGI("%s: Deleting old tmp file with no data - %s", "handleTmpFile", path.c_str());
+    unlink(path.c_str());
+    return;
+  }
+  LOGI("%s: Sending old tmp file with data - %s", "handleTmpFile", path.c_str());
+  collector->SendData(path);
+}
+
+void KPIFileSerializer::prepare_file(const kpiDataStruct& item) {
+  orb::MutexLock lock(fileMutex);
+  if (item.data == kFlush) {
+    LOGD("%s: Flush received in thread", "prepare_file");
+    for (const auto& entry : fileMap) fileFlush(entry.first, true);
+    return;
+  }
+  if (collector->custom_session_format()) return AddToEveryFile(item);
+  const auto& lists = collector->kpiLicSns();
+  const auto list = lists.find(item.kpiId);
+  if (list == lists.end() || list->second.empty()) return AddToEveryFile(item);
+  for (const uint64_t licSN : list->second) {
+    if (fileMap.count(licSN) != 0) {
+      add_to_file(licSN, item);
+    } else {
+      LOGE("%s: fout not found for lic SN: %llu", "prepare_file", Printable(licSN));
+    }
+  }
+}
+
+// Flushes on the way change the map's values, never its keys.
+void KPIFileSerializer::AddToEveryFile(const kpiDataStruct& item) {
+  for (const auto& entry : fileMap) add_to_file(entry.first, item);
+}
+
+void KPIFileSerializer::add_to_file(uint64_t licSN, const kpiDataStruct& item) {
+  LOGD("%s: licsn - %llu", "add_to_file", Printable(licSN));
+  FILE* file = fileMap[licSN].get();
+  if (file == nullptr) {
+    LOGE("%s: error: fout is NULL for licSN %llu - skipping data", "add_to_file", Printable(licSN));
+    return;
+  }
+  if (!WriteThrough(file, item.data.data(), item.data.size())) LogWriteError("add_to_file");
+  const long position = ftell(file);
+  if (position >= 1 && static_cast<uint64_t>(position) > sizeThreshold) fileFlush(licSN, true);
+}
+
+int KPIFileSerializer::createFout(uint64_t licSN) {
+  const std::vector<uint8_t> header = collector->BuildFileHeader(licSN);
+  const std::string path = TmpPath(licSN);
+  File file(fopen(path.c_str(), "w+be"));
+  if (file == nullptr) {
+    LOGE("%s: file creation failed - %s - err: %s", "createFout", Shortened(path),
+         orb::ErrorText(errno).c_str());
+    return -1;
+  }
+  LOGI("%s: tmpfile created %s", "createFout", Shortened(path));
+  // Every write is pushed through at once, and without a buffer a write that
+  // the disk did not take is seen where it happens.
+  setvbuf(file.get(), nullptr, _IONBF, 0);
+  std::string start(header.begin(), header.end());
+  start += versionRecord;
+  if (!WriteThrough(file.get(), start.data(), start.size())) LogWriteError("createFout");
+  fileMap[licSN] = std::move(file);
+  return 0;
+}
+
+int KPIFileSerializer::fileFlush(uint64_t licSN, bool reopen) {
+  File file = std::move(fileMap[licSN]);
+  if (file == nullptr) {
+    LOGE("%s: error: fout is NULL for licSN %llu - not flushing", "fileFlush", Printable(licSN));
+    return -1;
+  }
+  const long size = ftell(file.get());
+  WriteThrough(file.get(), nullptr, 0);
+  file.reset();
+  const std::string path = TmpPath(licSN);
+  const int result =
+      size > static_cast<long>(emptyFileSize) ? collector->SendData(path) : unlink(path.c_str());
+  if (!reopen) return result;
+  const int created = createFout(licSN);
+  return result != 0 && created != 0 ? 1 : 0;
+}
+
+void KPIFileSerializer::EnableLicSN(uint64_t licSN) {
+  orb::MutexLock lock(fileMutex);
+  fileFlushforLicSN(licSN);
+  removeLicSNfromMap(licSN);
+  createFout(licSN);
+}
+
+void KPIFileSerializer::DisableLicSN(uint64_t licSN) {
+  orb::MutexLock lock(fileMutex);
+  fileFlushforLicSN(licSN);
+  removeLicSNfromMap(licSN);
+}
+
+int KPIFileSerializer::fileFlushforLicSN(uint64_t licSN) {
+  return fileMap.count(licSN) != 0 ? fileFlush(licSN, false) : -1;
+}
+
+int KPIFileSerializer::removeLicSNfromMap(uint64_t licSN) {
+  if (fileMap.erase(licSN) != 0) {
+    LOGD("%s: Removed Lic SN - %llu from map", "removeLicSNfromMap", Printable(licSN));
+  } else {
+    LOGE("%s: could not find Lic Sn - %llu in map", "removeLicSNfromMap", Printable(licSN));
+  }
+  return 0;
+}
+
+std::string KPIFileSerializer::TmpPath(uint64_t licSN) const {
+  return cacheDir + "/" + collector->name() + "-" + std::to_string(licSN) + kTmpSuffix;
+}

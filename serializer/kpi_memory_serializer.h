@@ -1,0 +1,100 @@
+// Records go to slots of a shared region that the HAL reads; slot i starts at
+// i * slotSize. States: docs/formats/slots.md.
+//
+//   free -> current (being filled) -> announced -> free (completion, or at
+//   once when the HAL refused)
+//
+// Life: constructed -> Initialize() -> records and flushes -> Finalize(),
+// which waits for the HAL -> destroyed.
+//
+// Threads: writers are serialized by writerMutex, which is held while a slot is
+// announced. Completions come on threads of the HAL's binder pool, possibly
+// before the announcement has returned, and take leaf locks only.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "serializer/kpi_serializer.h"
+#include "utility/thread_annotations.h"
+#include "utility/unique_fd.h"
+
+struct kiv_fd_handle_s;
+
+class KPIMemorySerializer : public KPISerializer {
+ public:
+  KPIMemorySerializer();
+  // Without Finalize: announces and waits for nothing, but takes the region back.
+  ~KPIMemorySerializer() override;
+
+  // `size` bytes in all, cut into numSlots of equal size, the remainder unused.
+  // 0; -2 more than 64 slots, -3 no region, -4 no mapping, -5 the HAL refused.
+  int Initialize(uint32_t size, uint32_t numSlots, kiv_collector* collector) EXCLUDES(writerMutex);
+
+  // One record each. 0; -1 when there is no room for it (or it cannot be
+  // encoded); else what announcing the slot before it gave, whose records are lost then.
+  int Write(orbtr::KPIData& data, unsigned int kpiId) override EXCLUDES(writerMutex);
+  int WriteBuf(const unsigned char* buf, unsigned int len) override EXCLUDES(writerMutex);
+  int WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsStart, uint64_t tsEnd,
+                             unsigned int numSamples, const kiv_blob_segment_t* segs,
+                             unsigned int count) override EXCLUDES(writerMutex);
+
+  // Slots have no thresholds to change.
+  void UpdateConfig(kiv_param_type_t, unsigned int) override {}
+
+  // Announces the current slot if it holds anything. The HAL's result; -1 when
+  // no slot is free to go on with.
+  int Flush() override EXCLUDES(writerMutex);
+
+  // Announces what is left, waits until the HAL has consumed every slot, for
+  // ever if need be, and closes the channel. The result of closing it.
+  int Finalize() override EXCLUDES(writerMutex);
+
+  // The HAL has consumed the slot at this byte offset of the region.
+  static int WriteDone(kiv_fd_handle_s* handle, uint32_t offset, uint32_t, int);
+
+ private:
+  static constexpr uint32_t kNoSlot = 0xFFFFFFFF;
+
+  int CreateRegion(uint32_t size);
+  // Makes the lowest free slot current. 0, or -2 when none of the first 31 is free.
+  int GetNewSlot() REQUIRES(writerMutex);
+  // Makes room for len bytes; `operation` is for the log. 0, or -1 when there is
+  // none; *sent is what announcing the slot before gave.
+  int MakeRoom(uint32_t len, const char* operation, int* sent) REQUIRES(writerMutex);
+  void RecordWritten(uint32_t len, const char* operation) REQUIRES(writerMutex);
+  // Announces the current slot. Non-zero: refused, the slot is free again and no
+  // longer current.
+  int SendCurrent() REQUIRES(writerMutex);
+  int SendSlot(int slot, int size) REQUIRES(writerMutex);
+  // Frees a slot that was taken but never announced.
+  int FreeSlot(int slot) REQUIRES(writerMutex);
+  // Ends the announcement of the slot at `offset`; ignored unless it is announced.
+  int FreeSlot(uint32_t offset, uint32_t, uint32_t) EXCLUDES(pendingMutex);
+  void wait_for_pending_slots() EXCLUDES(pendingMutex);
+  // Closes the channel and unmaps. What closing gave; 0 when there is none.
+  int ReleaseRegion() REQUIRES(writerMutex);
+
+  // Set by Initialize before the region is announced, constant while it is.
+  orb::UniqueFd fd;
+  uint8_t* base = nullptr;
+  uint32_t totalSize = 0;  // Bytes.
+  uint32_t slotSize = 0;   // Bytes.
+  uint32_t slotCount = 0;
+  kiv_fd_handle_s* handle = nullptr;  // Owned from SetFD on.
+
+  orb::Mutex writerMutex;
+  uint32_t currentSlot GUARDED_BY(writerMutex) = kNoSlot;
+  uint8_t* currentPtr GUARDED_BY(writerMutex) = nullptr;
+  uint32_t bytesWritten GUARDED_BY(writerMutex) = 0;
+  bool currentSent GUARDED_BY(writerMutex) = false;  // It may be the HAL's, leave it alone.
+  uint64_t slotStartMs GUARDED_BY(writerMutex) = 0;  // Wall clock; for whoever debugs.
+
+  // One bit a slot. Writers only set bits, under writerMutex; completions only clear them.
+  std::atomic<uint64_t> slotMask{0};   // Current or announced.
+  std::atomic<uint64_t> announced{0};  // Counted in pendingCount.
+
+  orb::Mutex pendingMutex;
+  orb::CondVar pendingCv;
+  uint32_t pendingCount GUARDED_BY(pendingMutex) = 0;
+};
