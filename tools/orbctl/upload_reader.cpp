@@ -1,0 +1,196 @@
+// Tested by tests/orbctl/upload_reader_test.cpp.
+#include "tools/orbctl/upload_reader.h"
+
+#include <cstdlib>
+#include <memory>
+
+#include "include/orb_encrypt.h"
+#include "proto/telemetry_footer.pb.h"
+#include "serializer/telemetry_header.h"
+#include "tools/orbctl/gunzip.h"
+#include "utility/byte_order.h"
+#include "utility/checked.h"
+
+namespace orb::orbctl {
+namespace {
+
+constexpr uint32_t kHeaderBytes = TelemetryHeader::kBytes;
+constexpr size_t kIvBytes = 16;
+constexpr size_t kTagBytes = 16;
+
+// Offsets in the header.
+constexpr size_t kFormatAt = 0;
+constexpr size_t kSizeAt = 4;
+constexpr size_t kLengthAt = 25;
+constexpr size_t kConstantAt = 29;
+constexpr size_t kEncryptedAt = 61;
+constexpr size_t kFooterOffsetAt = 62;
+
+struct Free {
+  void operator()(uint8_t* buffer) const { free(buffer); }
+};
+
+bool Damaged(Upload* upload, uint64_t offset, std::string reason) {
+  upload->status = UploadStatus::kDamaged;
+  upload->offset_bytes = offset;
+  upload->reason = std::move(reason);
+  return false;
+}
+
+UploadHeader ReadHeader(const uint8_t* at) {
+  UploadHeader header;
+  header.client_id = LoadBigEndian<uint32_t>(at + 8);
+  header.kind = at[12];
+  header.version = LoadBigEndian<uint32_t>(at + 13);
+  header.timestamp_ms = LoadBigEndian<uint64_t>(at + 17);
+  header.length_bytes = LoadBigEndian<uint32_t>(at + kLengthAt);
+  header.compressed = at[TelemetryHeader::kCompressedOffset] != 0;
+  header.boot_ms = LoadBigEndian<uint64_t>(at + 31);
+  header.zone_minutes = static_cast<int16_t>(LoadBigEndian<uint16_t>(at + 39));
+  header.campaign_id = LoadBigEndian<uint64_t>(at + 41);
+  header.seqno = LoadBigEndian<uint32_t>(at + 49);
+  header.lic_sn = LoadBigEndian<uint64_t>(at + 53);
+  header.encrypted = at[kEncryptedAt] != 0;
+  header.footer_offset = LoadBigEndian<uint32_t>(at + kFooterOffsetAt);
+  return header;
+}
+
+bool CheckConstants(std::span<const uint8_t> file, Upload* upload) {
+  if (file.size() < kHeaderBytes) {
+    return Damaged(upload, file.size(), "the file ends inside the 66-byte header");
+  }
+  const uint8_t* at = file.data();
+  if (LoadBigEndian<uint32_t>(at + kFormatAt) != 9) {
+    return Damaged(upload, kFormatAt, "the first word is not 9");
+  }
+  if (LoadBigEndian<uint32_t>(at + kSizeAt) != kHeaderBytes) {
+    return Damaged(upload, kSizeAt, "the header size is not 66");
+  }
+  if (at[kConstantAt] != 1) return Damaged(upload, kConstantAt, "the constant byte is not 1");
+  for (const size_t flag : {size_t{TelemetryHeader::kCompressedOffset}, kEncryptedAt}) {
+    if (at[flag] > 1) return Damaged(upload, flag, "the flag is neither 0 nor 1");
+  }
+  return true;
+}
+
+bool CheckLengths(std::span<const uint8_t> file, Upload* upload) {
+  const UploadHeader& header = upload->header;
+  const uint64_t payload_bytes = file.size() - kHeaderBytes;
+  if (header.length_bytes > payload_bytes) {
+    return Damaged(upload, file.size(),
+                   "cut short: " + std::to_string(header.length_bytes) +
+                       " bytes are announced behind the header, " + std::to_string(payload_bytes) +
+                       " are there");
+  }
+  if (header.length_bytes < payload_bytes) {
+    return Damaged(
+        upload, kHeaderBytes + uint64_t{header.length_bytes},
+        std::to_string(payload_bytes - header.length_bytes) + " bytes follow the announced end");
+  }
+  if (payload_bytes == 0) return Damaged(upload, kHeaderBytes, "nothing follows the header");
+  if (!header.encrypted && header.footer_offset != 0) {
+    return Damaged(upload, kFooterOffsetAt, "a footer offset, but the upload is not encrypted");
+  }
+  if (header.encrypted &&
+      (header.footer_offset <= kHeaderBytes || header.footer_offset >= file.size())) {
+    return Damaged(
+        upload, kFooterOffsetAt,
+        "footer offset " + std::to_string(header.footer_offset) + " lies outside the payload");
+  }
+  return true;
+}
+
+bool ReadFooter(std::span<const uint8_t> file, TelemetryFooter* footer, Upload* upload) {
+  const uint32_t at = upload->header.footer_offset;
+  const std::span<const uint8_t> bytes = file.subspan(at);
+  if (!footer->ParseFromArray(bytes.data(), CheckedCast<int>(bytes.size()))) {
+    return Damaged(upload, at, "the footer is no TelemetryFooter");
+  }
+  if (footer->ephemeral_key().empty()) return Damaged(upload, at, "the footer has no key");
+  if (footer->iv().size() != kIvBytes)
+    return Damaged(upload, at, "the footer's IV is not 16 bytes");
+  if (!footer->gcm_tag().empty() && footer->gcm_tag().size() != kTagBytes) {
+    return Damaged(upload, at, "the footer's tag is not 16 bytes");
+  }
+  return true;
+}
+
+// Empty when the key does not fit. CBC has no tag, and one wrong key in 256
+// leaves padding that looks right; but an encrypted payload is always gzip.
+std::vector<uint8_t> Decrypt(std::span<const uint8_t> data, const TelemetryFooter& footer,
+                             const PrivateKey& key) {
+  const auto bytes = [](const std::string& text) {
+    return reinterpret_cast<const uint8_t*>(text.data());
+  };
+  uint8_t* raw = nullptr;
+  uint64_t raw_bytes = 0;
+  const bool gcm = !footer.gcm_tag().empty();
+  const int32_t result =
+      gcm ? orb_decrypt_evp2_ecc_aes_gcm(
+                ORB_SALGO_AES_256_GCM, ORB_PALGO_ECDH_P256, key.pem.c_str(), data.data(),
+                data.size(), bytes(footer.ephemeral_key()), footer.ephemeral_key().size(),
+                bytes(footer.iv()), footer.iv().size(), bytes(footer.gcm_tag()),
+                footer.gcm_tag().size(), &raw, &raw_bytes)
+          : orb_decrypt_evp2_ecc_aes_cbc(
+                ORB_SALGO_AES_256_CBC, ORB_PALGO_ECDH_P256, key.pem.c_str(), data.data(),
+                data.size(), bytes(footer.ephemeral_key()), footer.ephemeral_key().size(),
+                bytes(footer.iv()), footer.iv().size(), &raw, &raw_bytes);
+  const std::unique_ptr<uint8_t, Free> owned(raw);
+  if (result != 0 || raw == nullptr) return {};
+  const std::span<const uint8_t> plain(raw, raw_bytes);
+  if (!IsGzip(plain)) return {};
+  return {plain.begin(), plain.end()};
+}
+
+bool Unseal(std::span<const uint8_t> file, std::span<const PrivateKey> keys,
+            std::vector<uint8_t>* payload, Upload* upload) {
+  TelemetryFooter footer;
+  if (!ReadFooter(file, &footer, upload)) return false;
+  const std::span<const uint8_t> data =
+      file.subspan(kHeaderBytes, upload->header.footer_offset - kHeaderBytes);
+  for (const PrivateKey& key : keys) {
+    *payload = Decrypt(data, footer, key);
+    if (payload->empty()) continue;
+    upload->key_path = key.path;
+    return true;
+  }
+  upload->status = UploadStatus::kSealed;
+  upload->offset_bytes = kHeaderBytes;
+  upload->reason = keys.empty() ? "encrypted, and no --key is given"
+                                : "encrypted, and none of the keys opens it";
+  return false;
+}
+
+}  // namespace
+
+Upload OpenUpload(std::span<const uint8_t> file, std::span<const PrivateKey> keys) {
+  Upload upload;
+  if (!CheckConstants(file, &upload)) return upload;
+  upload.has_header = true;
+  upload.header = ReadHeader(file.data());
+  if (!CheckLengths(file, &upload)) return upload;
+  std::vector<uint8_t> payload;
+  if (!upload.header.encrypted) {
+    payload.assign(file.begin() + kHeaderBytes, file.end());
+  } else if (!Unseal(file, keys, &payload, &upload)) {
+    return upload;
+  }
+  // The stream's own first bytes decide, not the header's flag: data sent by
+  // shared memory says 1 when the receiver is asked to compress it, and arrives
+  // plain. No record starts like gzip does.
+  if (IsGzip(payload)) {
+    uint64_t fault_at = 0;
+    const std::string fault = Gunzip(payload, kMaxRecordBytes, &upload.records, &fault_at);
+    if (!fault.empty()) {
+      upload.records.clear();
+      Damaged(&upload, kHeaderBytes + fault_at, fault);
+      return upload;
+    }
+  } else {
+    upload.records = std::move(payload);
+  }
+  upload.status = UploadStatus::kOpened;
+  return upload;
+}
+
+}  // namespace orb::orbctl
