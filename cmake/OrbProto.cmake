@@ -1,6 +1,8 @@
 # Generated protobuf code in two flavours from the same schemas: lite for the
 # library, full for the tool. One process links one of them, never both.
 find_package(Protobuf 3.21 REQUIRED)
+# Here, so that its target is known in every folder.
+find_package(nanopb REQUIRED)
 
 # orb_proto_library(TARGET lite|full FILE.proto...)
 function(orb_proto_library target flavour)
