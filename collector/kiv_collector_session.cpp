@@ -26,6 +26,12 @@ constexpr uint32_t kCustomTimeThresholdSec = 172800;
 
 int kiv_collector::StartSession(const KIVCampConfig& config) {
   orb::MutexLock lock(stateMutex);
+  if (stop_.raised()) {
+    // Nothing would stop it any more.
+    LOGE("%s: %s: StartSession received while de-registering - ignored", "StartSession",
+         cfg_.name.c_str());
+    return -1;
+  }
   if (sessionActive_) {
     LOGE("%s: %s: StartSession received when an existing session is already active - ignored",
          "StartSession", cfg_.name.c_str());

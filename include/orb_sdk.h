@@ -76,8 +76,13 @@ typedef struct kiv_cfg_s {
 } kiv_cfg_s;
 #pragma pack(pop)
 
-/* What kiv_set_cfg changes, for the running session. */
+/* What kiv_set_cfg changes, for the running session. Other values may be passed,
+ * so C++ needs the type named that C compilers choose. */
+#ifdef __cplusplus
+typedef enum kiv_param_type_t : unsigned int {
+#else
 typedef enum kiv_param_type_t {
+#endif
   KIV_PARAM_SIZE_THRESHOLD = 0, /* Bytes of a data file before it is sent. */
   KIV_PARAM_TIME_THRESHOLD = 1  /* Seconds; kept, no flush depends on it. */
 } kiv_param_type_t;

@@ -1,0 +1,96 @@
+/* The API as a C99 program sees it. Exit code 0, or the line that failed. */
+#include "orb_sdk.h"
+
+#include <stddef.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#define CHECK(condition)                                      \
+  do {                                                        \
+    if (!(condition)) {                                       \
+      fprintf(stderr, "line %d: %s\n", __LINE__, #condition); \
+      return 1;                                               \
+    }                                                         \
+  } while (0)
+
+/* The record's layout is part of the interface. */
+typedef char size_is_70[sizeof(kiv_cfg_s) == 70 ? 1 : -1];
+typedef char segment_is_16[sizeof(kiv_blob_segment_t) == 16 ? 1 : -1];
+#define OFFSET(field, want) \
+  typedef char offset_of_##field[offsetof(kiv_cfg_s, field) == (want) ? 1 : -1]
+OFFSET(name, 0);
+OFFSET(registration_arg1, 8);
+OFFSET(data_dir, 12);
+OFFSET(start_session_cb, 20);
+OFFSET(stop_session_cb, 28);
+OFFSET(client_mode, 36);
+OFFSET(hbt, 40);
+OFFSET(allocate_fd, 41);
+OFFSET(fd_slot_size, 42);
+OFFSET(fd_nof_slots, 46);
+OFFSET(fd_arg3, 50);
+OFFSET(fd_arg4, 54);
+OFFSET(custom_session_format, 58);
+OFFSET(header_override, 59);
+OFFSET(header_kind, 60);
+OFFSET(header_version, 61);
+OFFSET(registration_arg2, 65);
+OFFSET(sync_register, 69);
+
+static int NullObjects(void) {
+  uint64_t id = 1;
+  CHECK(kiv_deregister(NULL) == -1);
+  CHECK(kiv_log(NULL, 1, 1) == -1);
+  CHECK(kiv_log_event(NULL, 1, 1) == -1);
+  CHECK(kiv_log_state(NULL, 1, 1, 1) == -1);
+  CHECK(kiv_log_blob(NULL, 1, NULL, 0) == -1);
+  CHECK(kiv_log_blob_segments(NULL, 1, NULL, 0) == -1);
+  CHECK(kiv_log_buf(NULL, NULL, 0) == -1);
+  CHECK(kiv_flush(NULL) == -1);
+  CHECK(kiv_set_cfg(NULL, KIV_PARAM_SIZE_THRESHOLD, 1) == -1);
+  CHECK(kiv_is_kpi_enabled(NULL, 1) == -1);
+  CHECK(kiv_set_fd(NULL, 0, 0, 0, NULL) == NULL);
+  CHECK(kiv_log_fd_buf(NULL, 0, 0, 0) == -1);
+  CHECK(kiv_unset_fd(NULL) == -1);
+  CHECK(kiv_get_campaign_id(NULL, &id) == -1);
+  CHECK(kiv_get_api_version() == 3);
+  return 0;
+}
+
+/* A collector that no manager knows, and that has no session. */
+static int Idle(const char* dir) {
+  kiv_cfg_s cfg;
+  kiv_blob_segment_t segment = {NULL, 0};
+  const uint8_t byte = 0;
+  uint64_t id = 1;
+  kiv_collector* c;
+  memset(&cfg, 0, sizeof cfg);
+  cfg.name = "radio";
+  cfg.data_dir = dir;
+  cfg.client_mode = 2; /* On its own. */
+  c = kiv_register(&cfg);
+  CHECK(c != NULL);
+  CHECK(kiv_log(c, 1, 1) == -1);
+  CHECK(kiv_log_event(c, 1, 1) == -1);
+  CHECK(kiv_log_state(c, 1, 1, 1) == -1);
+  CHECK(kiv_log_blob(c, 1, &byte, 1) == -1);
+  CHECK(kiv_log_blob_segments(c, 1, &segment, 1) == -1);
+  CHECK(kiv_log_buf(c, &byte, 1) == -1);
+  CHECK(kiv_flush(c) == 0);
+  CHECK(kiv_set_cfg(c, KIV_PARAM_SIZE_THRESHOLD, 1) == 0);
+  CHECK(kiv_set_cfg(c, KIV_PARAM_TIME_THRESHOLD, 1) == 0);
+  CHECK(kiv_set_cfg(c, (kiv_param_type_t)7, 1) == 0);
+  CHECK(kiv_is_kpi_enabled(c, 1) == 0);
+  CHECK(kiv_set_fd(c, 0, 0, 0, NULL) == NULL);
+  CHECK(kiv_get_campaign_id(c, NULL) == -1);
+  CHECK(kiv_get_campaign_id(c, &id) == 0 && id == 0);
+  CHECK(kiv_deregister(c) == -1); /* Was never registered. */
+  return 0;
+}
+
+int main(int argc, char** argv) {
+  (void)argc;
+  (void)argv;
+  return NullObjects() || Idle("nowhere/");
+}

@@ -1,0 +1,122 @@
+#include <algorithm>
+
+#include "tests/collector/collector_fixture.h"
+#include "utility/byte_order.h"
+
+namespace orb::test {
+namespace {
+
+struct Done {
+  kiv_fd_handle_s* handle;
+  uint32_t a;
+  uint32_t b;
+  int c;
+  bool operator==(const Done&) const = default;
+};
+std::vector<Done> done;  // Of the running test.
+
+int OnDone(kiv_fd_handle_s* handle, uint32_t a, uint32_t b, int c) {
+  done.push_back({handle, a, b, c});
+  return 0;
+}
+
+class FdTest : public CollectorFixture {
+ protected:
+  FdTest() { done.clear(); }
+};
+
+TEST_F(FdTest, CompletionsReachEveryHandleOfTheToken) {
+  MakeRegistered();
+  kiv_fd_handle_s* first = kiv_set_fd(collector_.get(), 5, 16, 4096, OnDone);
+  kiv_fd_handle_s* other = kiv_set_fd(collector_.get(), 6, 0, 64, OnDone);
+  kiv_fd_handle_s* second = kiv_set_fd(collector_.get(), 5, 16, 4096, OnDone);
+  kiv_fd_handle_s* silent = kiv_set_fd(collector_.get(), 7, 0, 64, nullptr);
+  ASSERT_TRUE(first && other && second && silent);
+  EXPECT_EQ(client_->Calls()[1], "setupFD 5 16 4096 token-1");
+  second->fdToken = first->fdToken;
+
+  collector_->FdWriteDone(first->fdToken, 1, 2, -3);
+  EXPECT_EQ(done, (std::vector<Done>{{first, 1, 2, -3}, {second, 1, 2, -3}}));
+  collector_->FdWriteDone(9999, 1, 2, 3);
+  collector_->FdWriteDone(silent->fdToken, 1, 2, 3);
+  EXPECT_EQ(done.size(), 2u);
+
+  EXPECT_EQ(kiv_unset_fd(first), 0);
+  collector_->FdWriteDone(first->fdToken, 4, 5, 6);
+  EXPECT_EQ(done.back(), (Done{second, 4, 5, 6}));
+  EXPECT_EQ(done.size(), 3u);
+  client_->Fail("UnsetFD", 1, 1, -1);
+  EXPECT_EQ(kiv_unset_fd(second), -1) << "the client's status";
+  collector_->FdWriteDone(first->fdToken, 7, 8, 9);
+  EXPECT_EQ(done.size(), 3u) << "out of use whatever the status";
+  for (kiv_fd_handle_s* handle : {first, other, second, silent}) free(handle);
+}
+
+TEST_F(FdTest, PiecesCarryTheHeaderTheNameAndTheCompression) {
+  const struct {
+    uint32_t loc;
+    uint32_t type;
+    uint8_t want_compressed;
+    CompressType want_ctype;
+  } cases[] = {{0, 0, 1, COMPRESS_NONE},
+               {0, 2, 1, COMPRESS_TYPE_1},
+               {1, 0, 0, COMPRESS_TYPE_1},
+               {3, 2, 0, COMPRESS_TYPE_1}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.loc << " " << c.type);
+    client_ = std::make_shared<FakeAidlClient>();
+    cfg_.fd_arg3 = c.loc;
+    cfg_.fd_arg4 = c.type;
+    unlink((data_dir_ + "radio.seq").c_str());
+    MakeRegistered().SetCampaignId(77);
+    log_.Clear();
+    kiv_fd_handle_s* handle = kiv_set_fd(collector_.get(), 5, 0, 4096, OnDone);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(kiv_log_fd_buf(handle, 12345, 0x100000020u, 1000), 0);
+    client_->Fail("FdWrite", 1, 1, 9);
+    EXPECT_EQ(kiv_log_fd_buf(handle, 0, 0, 1), 9) << "the receiver's own result";
+
+    const FakeAidlClient::Piece piece = client_->Pieces()[0];
+    EXPECT_EQ(piece.token, FakeAidlClient::kToken);
+    EXPECT_EQ(piece.fdToken, FakeAidlClient::kFirstRegion);
+    EXPECT_EQ(piece.offset, 0x20u) << "only the low 32 bits count";
+    EXPECT_EQ(piece.size, 1000u);
+    EXPECT_EQ(piece.compress, c.want_ctype);
+    const uint8_t* header = piece.header.data();
+    ASSERT_EQ(piece.header.size(), 66u);
+    EXPECT_EQ(LoadBigEndian<uint32_t>(header), 9u);
+    EXPECT_EQ(LoadBigEndian<uint32_t>(header + 4), 66u);
+    EXPECT_EQ(LoadBigEndian<uint32_t>(header + 8), 7u);
+    EXPECT_EQ(LoadBigEndian<uint32_t>(header + 25), 1000u);
+    EXPECT_EQ(header[29], 1);
+    EXPECT_EQ(header[30], c.want_compressed);
+    EXPECT_EQ(LoadBigEndian<uint64_t>(header + 41), 77u);
+    EXPECT_EQ(LoadBigEndian<uint32_t>(header + 49), 0u);
+    EXPECT_EQ(LoadBigEndian<uint32_t>(client_->Pieces()[1].header.data() + 49), 1u);
+    EXPECT_EQ(piece.name, "/up/7/radio." + std::to_string(LoadBigEndian<uint64_t>(header + 17)));
+    const std::string settings = "FdWrite: compress.loc " + std::to_string(c.loc) +
+                                 " compress.type " + std::to_string(c.type);
+    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "SetItem: unknown CfgItem 9"));
+    EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG, settings));
+    EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG,
+                       settings + " ctype " + std::to_string(static_cast<int>(c.want_ctype))));
+    free(handle);
+  }
+}
+
+TEST_F(FdTest, RefusedAndUnreachableRegionsLeaveNoHandle) {
+  MakeRegistered();
+  client_->Fail("setupFD", 1, 1, 3);
+  EXPECT_EQ(kiv_set_fd(collector_.get(), 5, 0, 64, OnDone), nullptr);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "SetFD: clientIntf->setupFD failed - 3"));
+
+  Make();  // Not registered: there is no client.
+  EXPECT_EQ(kiv_set_fd(collector_.get(), 5, 0, 64, OnDone), nullptr);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "SetFD: clientIntf->setupFD failed - -1"));
+  kiv_fd_handle_s handle{1, 5, 0, 64, OnDone, collector_.get()};
+  EXPECT_EQ(kiv_log_fd_buf(&handle, 0, 0, 1), -1);
+  EXPECT_EQ(kiv_unset_fd(&handle), -1);
+}
+
+}  // namespace
+}  // namespace orb::test

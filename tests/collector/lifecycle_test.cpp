@@ -1,0 +1,201 @@
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include "tests/collector/collector_fixture.h"
+
+namespace orb::test {
+namespace {
+
+using std::chrono::seconds;
+
+class LifecycleTest : public CollectorFixture {
+ protected:
+  // DeRegister on a thread of its own; it must return.
+  std::future<int> DeRegisterLater() {
+    return std::async(std::launch::async, [this] { return collector_->DeRegister(); });
+  }
+  int Get(std::future<int>& result) {
+    if (result.wait_for(seconds(30)) != std::future_status::ready) {
+      ADD_FAILURE() << "DeRegister does not return\n" << log_.Dump();
+      abort();
+    }
+    return result.get();
+  }
+};
+
+TEST_F(LifecycleTest, RetriesUntilItGivesUp) {
+  const std::string failed =
+      "radio: MGR registration failed - waiting for -1 seconds before retrying";
+  const struct {
+    const char* name;
+    const char* retries;
+    int failures;
+    uint32_t client_mode;
+    int want;
+    size_t want_calls;
+    size_t want_failed;
+  } cases[] = {
+      {"at once", "3", 0, 1, 0, 1, 0},      {"third attempt", "3", 2, 0, 0, 3, 2},
+      {"never", "3", 99, 0, -1, 3, 3},      {"one attempt", "1", 99, 0, -1, 1, 1},
+      {"no attempt", "-1", 0, 0, -1, 0, 0}, {"without a client", "3", 0, 2, -1, 0, 3},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    client_ = std::make_shared<FakeAidlClient>();
+    client_->Fail("registerClient", 1, c.failures);
+    WriteConf(std::string("register_retry_wait_sec=-1\nregister_max_retries=") + c.retries + "\n");
+    cfg_.client_mode = c.client_mode;
+    cfg_.registration_arg1 = 3;
+    cfg_.registration_arg2 = 0x1FF;
+    Make();
+    log_.Clear();
+    EXPECT_EQ(collector_->Register(), c.want);
+    EXPECT_EQ(client_->Count("registerClient"), c.want_calls);
+    EXPECT_EQ(log_.Count(failed), c.want_failed);
+    EXPECT_EQ(log_.Count("radio: Resetting client ptr"), c.want_calls - (c.want == 0 ? 1 : 0));
+    EXPECT_EQ(Logged(ANDROID_LOG_INFO, "radio: MGR registration succeeded"), c.want == 0);
+    EXPECT_EQ(collector_->Token(), c.want == 0 ? "token-1" : "");
+    EXPECT_EQ(collector_->ClientId(), c.want == 0 ? 7 : 0);
+    if (c.want_calls > 0) {
+      EXPECT_EQ(client_->Calls()[0], "registerClient radio 3 511");
+    }
+    EXPECT_EQ(collector_->DeRegister(), c.want) << "the manager is told, or there is none";
+    EXPECT_EQ(client_->Count("deRegisterClient"), c.want == 0 ? 1u : 0u);
+  }
+}
+
+TEST_F(LifecycleTest, WaitsAlsoAfterTheLastAttempt) {
+  WriteConf("register_max_retries=1\nregister_retry_wait_sec=1\n");
+  client_->Fail("registerClient", 1, 1);
+  Make();
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(collector_->Register(), -1);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, seconds(1));
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
+                     "radio: MGR registration failed - waiting for 1 seconds before retrying"));
+}
+
+TEST_F(LifecycleTest, DeRegisterTwiceAsksTheManagerAgain) {
+  MakeRegistered();
+  client_->Fail("deRegisterClient", 1, 1, -1);
+  EXPECT_EQ(collector_->DeRegister(), -1) << "the manager's status";
+  EXPECT_EQ(collector_->DeRegister(), 0);
+  EXPECT_EQ(client_->Calls().back(), "deRegisterClient token-1");
+  EXPECT_EQ(log_.Count("StopSession received when session is not active - ignored"), 2u);
+  EXPECT_FALSE(log_.Contains("waiting for")) << "no thread was ever started";
+}
+
+TEST_F(LifecycleTest, DeRegisterCutsTheRetryWaitShort) {
+  cfg_.sync_register = 0;
+  WriteConf("register_retry_wait_sec=3600\n");
+  client_->Fail("registerClient", 1, 99);
+  Make();
+  ASSERT_EQ(collector_->Register(), 0);
+  ASSERT_TRUE(log_.WaitFor("waiting for 3600 seconds"));
+  auto result = DeRegisterLater();
+  EXPECT_EQ(Get(result), -1);
+  EXPECT_EQ(client_->Count("registerClient"), 1u);
+  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "DeRegister: waiting for registerThread"));
+  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "DeRegister: registerThread exited"));
+}
+
+TEST_F(LifecycleTest, DeRegisterWaitsForARegistrationUnderWay) {
+  cfg_.sync_register = 0;
+  std::promise<void> release;
+  client_->SetRegisterHook([&release] { release.get_future().wait(); });
+  Make();
+  ASSERT_EQ(collector_->Register(), 0);
+  ASSERT_TRUE(client_->WaitForCalls("registerClient", 1));
+  auto result = DeRegisterLater();
+  ASSERT_TRUE(log_.WaitFor("DeRegister: waiting for registerThread"));
+  release.set_value();
+  EXPECT_EQ(Get(result), 0);
+  EXPECT_EQ(client_->Calls().back(), "deRegisterClient token-1");
+}
+
+TEST_F(LifecycleTest, DeRegisterJoinsALostConnectionThatWantsTheStateMutex) {
+  MakeRegistered();
+  std::future<int> result;
+  {
+    MutexLock lock(collector_->stateMutex);
+    collector_->LostConn();
+    result = DeRegisterLater();
+    EXPECT_TRUE(log_.WaitFor("DeRegister: waiting for lostConnThread"));
+  }
+  EXPECT_EQ(Get(result), 0);
+  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "DeRegister: lostConnThread exited"));
+  EXPECT_EQ(client_->Count("registerClient"), 1u) << "no new attempt while stopping";
+}
+
+TEST_F(LifecycleTest, DeRegisterEndsASynchronousReRegistration) {
+  WriteConf("register_retry_wait_sec=3600\n");
+  MakeRegistered();
+  client_->Fail("registerClient", 1, 99);
+  collector_->LostConn();
+  ASSERT_TRUE(log_.WaitFor("waiting for 3600 seconds"));
+  auto result = DeRegisterLater();
+  EXPECT_EQ(Get(result), -1) << "the connection was dropped";
+}
+
+TEST_F(LifecycleTest, LostConnectionStopsTheSessionAndRegistersAgain) {
+  for (const uint8_t sync : {1, 0}) {
+    SCOPED_TRACE(static_cast<int>(sync));
+    client_ = std::make_shared<FakeAidlClient>();
+    cfg_.sync_register = sync;
+    MakeRegistered();
+    ASSERT_TRUE(log_.WaitFor("MGR registration succeeded"));
+    ASSERT_EQ(collector_->StartSession(MakeConfig(MakeCampaign({MakeKpi(1, KPI_STATE)}))), 0);
+    log_.Clear();
+    collector_->LostConn();
+    ASSERT_TRUE(client_->WaitForCalls("registerClient", 2));
+    ASSERT_TRUE(log_.WaitFor("MGR registration succeeded"));
+    EXPECT_EQ(collector_->IsKPIEnabled(1), 0);
+    EXPECT_TRUE(Logged(ANDROID_LOG_INFO,
+                       "radio: c::LostConn deleteing client instance for token - token-1"));
+    EXPECT_EQ(collector_->DeRegister(), 0);
+  }
+}
+
+TEST_F(LifecycleTest, SurvivesAStormOfLostConnections) {
+  for (const uint8_t sync : {1, 0}) {
+    client_ = std::make_shared<FakeAidlClient>();
+    cfg_.sync_register = sync;
+    MakeRegistered();
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+      threads.emplace_back([this, &stop] {
+        while (!stop) {
+          collector_->LostConn();
+          collector_->Log(1, 1u);
+          kiv_flush(collector_.get());
+        }
+      });
+    }
+    ASSERT_TRUE(client_->WaitForCalls("registerClient", 20));
+    auto result = DeRegisterLater();
+    Get(result);
+    const size_t attempts = client_->Count("registerClient");
+    collector_->LostConn();
+    stop = true;
+    for (std::thread& thread : threads) thread.join();
+    collector_->DeRegister();
+    EXPECT_EQ(client_->Count("registerClient"), attempts) << "nothing starts once stopping";
+  }
+}
+
+TEST_F(LifecycleTest, HeaderPrefixComesFromTheRecordOnlyWhenOverridden) {
+  cfg_.header_kind = 9;
+  cfg_.header_version = 0x01020304;
+  for (const uint8_t override : {0, 1}) {
+    cfg_.header_override = override;
+    const std::vector<uint8_t> header = Make().BuildFileHeader(1);
+    const std::vector<uint8_t> want =
+        override ? std::vector<uint8_t>{9, 1, 2, 3, 4} : std::vector<uint8_t>{4, 0, 0, 0, 1};
+    EXPECT_EQ(std::vector<uint8_t>(header.begin() + 12, header.begin() + 17), want);
+  }
+}
+
+}  // namespace
+}  // namespace orb::test

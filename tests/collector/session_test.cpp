@@ -1,0 +1,290 @@
+#include "tests/collector/collector_fixture.h"
+#include "utility/byte_order.h"
+
+namespace orb::test {
+namespace {
+
+int start_result;
+std::string start_payload;
+int stop_calls;
+
+int OnStart(kiv_collector* c, const uint8_t* payload, uint32_t len) {
+  start_payload.assign(reinterpret_cast<const char*>(payload), len);
+  // Both must work although the collector is in the middle of its start.
+  EXPECT_EQ(kiv_set_cfg(c, KIV_PARAM_SIZE_THRESHOLD, 5000), 0);
+  EXPECT_EQ(kiv_flush(c), 0);
+  return start_result;
+}
+
+int OnStop(kiv_collector* c) {
+  ++stop_calls;
+  EXPECT_EQ(kiv_flush(c), 0);
+  return 11;
+}
+
+class SessionTest : public CollectorFixture {
+ protected:
+  SessionTest() {
+    start_result = 0;
+    start_payload = "untouched";
+    stop_calls = 0;
+    cfg_.start_session_cb = OnStart;
+    cfg_.stop_session_cb = OnStop;
+  }
+  void UseSlots(uint32_t slot_bytes, uint32_t slots) {
+    cfg_.hbt = 1;
+    cfg_.allocate_fd = 1;
+    cfg_.fd_slot_size = slot_bytes;
+    cfg_.fd_nof_slots = slots;
+  }
+  // A start that must be answered this way, leaving the collector idle unless 0.
+  void ExpectStart(const KIVCampConfig& config, int want) {
+    EXPECT_EQ(collector_->StartSession(config), want);
+    EXPECT_EQ(collector_->StopSession(), want == 0 ? 11 : -1);
+  }
+};
+
+TEST_F(SessionTest, RunsFromStartToStop) {
+  MakeRegistered();
+  LTCCampaignDef def = MakeCampaign({MakeKpi(1, KPI_NUMERIC, COUNTER)});
+  def.set_campaign_info(std::string("in\0fo", 5));
+  AddLicSn(&def, 42, false, {1});
+  const KIVCampConfig config = MakeConfig(def, {MakeLicInfo(42, "PEM", 1, 2)});
+  ASSERT_EQ(collector_->StartSession(config), 0);
+  EXPECT_EQ(start_payload, std::string("in\0fo", 5));
+  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "radio: StartSession called for token - token-1"));
+  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "radio: Recvd Thresholds Size: 4096 Time: 60"));
+  EXPECT_TRUE(log_.Contains("radio: Recvd KPICfg "));
+  EXPECT_TRUE(Logged(ANDROID_LOG_INFO,
+                     "generateLicSn2IsvKeyMap: licSN: 42, encryptionPKey:PEM, pKeyEncAlgo:1, "
+                     "sKeyEncAlgo:2"));
+  EXPECT_EQ(collector_->IsKPIEnabled(1), 1);
+
+  EXPECT_EQ(collector_->StartSession(config), -1);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
+                     "StartSession: radio: StartSession received when an existing session is "
+                     "already active - ignored"));
+  EXPECT_EQ(collector_->Log(1, 5u), 0) << "the running session goes on";
+  EXPECT_EQ(collector_->StopSession(), 11);
+  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "radio: StopSessionLocked called for token - token-1"));
+  EXPECT_EQ(collector_->IsKPIEnabled(1), 0);
+  ASSERT_EQ(client_->Uploads().size(), 1u) << "the open window is written and sent";
+  EXPECT_EQ(client_->Uploads()[0].name, "/up/7/radio.42");
+
+  EXPECT_EQ(collector_->StopSession(), -1);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
+                     "StopSessionLocked: radio: StopSession received when session is not active - "
+                     "ignored"));
+  EXPECT_EQ(stop_calls, 1);
+}
+
+TEST_F(SessionTest, LimitsOfTheDefinition) {
+  const struct {
+    const char* name;
+    const char* conf;
+    uint32_t size;
+    int kpis;
+    size_t payload;
+    bool want;
+  } cases[] = {
+      {"smallest size", "", 100, 0, 0, true},
+      {"below it", "", 99, 0, 0, false},
+      {"largest size", "", 4194304, 0, 0, true},
+      {"above it", "", 4194305, 0, 0, false},
+      {"most KPIs", "", 4096, 1024, 0, true},
+      {"one more", "", 4096, 1025, 0, false},
+      {"longest payload", "", 4096, 0, 1048576, true},
+      {"one byte more", "", 4096, 0, 1048577, false},
+      {"time is not checked", "time_threshold_min_sec=100\n", 4096, 0, 0, true},
+      {"a negative size limit is the largest", "size_threshold_max_bytes=-1\n", 4294967295u, 0, 0,
+       true},
+      {"also as the smallest", "size_threshold_min_bytes=-1\n", 4194304, 0, 0, false},
+      {"a negative number of KPIs allows none", "nof_kpis_max=-1\n", 4096, 0, 0, false},
+      {"a negative payload is no limit", "cfg_payload_max_bytes=-1\n", 4096, 0, 1048577, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    WriteConf(c.conf);
+    Make();
+    log_.Clear();
+    LTCCampaignDef def = MakeCampaign();
+    def.set_threshold_size(c.size);
+    for (int i = 0; i < c.kpis; ++i) *def.add_kpi_cfgs() = MakeKpi(i, KPI_STATE);
+    def.set_campaign_info(std::string(c.payload, 'p'));
+    ExpectStart(MakeConfig(def), c.want ? 0 : -1);
+    EXPECT_EQ(Logged(ANDROID_LOG_ERROR, "radio: invalid session config"), !c.want);
+  }
+}
+
+TEST_F(SessionTest, FailedStartsLeaveTheCollectorIdle) {
+  Make();
+  ExpectStart(MakeConfig("\xff\xff"), -1);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "radio: failed to parse session config"));
+
+  start_result = 5;
+  ExpectStart(MakeConfig(MakeCampaign({MakeKpi(1, KPI_STATE)})), 5);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
+                     "c::StartSession: radio return failure 5 on start_session callback"));
+  // What was built stays in use until the next start.
+  EXPECT_EQ(collector_->IsKPIEnabled(1), 1);
+  const uint8_t byte = 1;
+  EXPECT_EQ(collector_->LogBuf(&byte, 1), 0);
+  EXPECT_EQ(kiv_flush(collector_.get()), 0);
+
+  start_result = 0;
+  ExpectStart(MakeConfig(MakeCampaign({MakeKpi(2, KPI_STATE), MakeKpi(3, KPI_EVENT)})), -1);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "radio: error: could not create KPI id: 3 from KPICfg"));
+  EXPECT_EQ(collector_->IsKPIEnabled(1), 0) << "the next start replaced them";
+  EXPECT_EQ(collector_->IsKPIEnabled(2), 1);
+
+  ExpectStart(MakeConfig(MakeCampaign({MakeKpi(4, KPI_STATE)})), 0);
+  EXPECT_EQ(collector_->IsKPIEnabled(2), 0);
+}
+
+TEST_F(SessionTest, SerializerThatCannotStartRefusesTheSession) {
+  const std::string missing = data_dir_ + "missing/";
+  cfg_.data_dir = missing.c_str();
+  Make();
+  ExpectStart(MakeConfig(MakeCampaign()), -1);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "StartSession: Failed to initialize KPI Serializer"));
+  cfg_.custom_session_format = 1;
+  Make();
+  ExpectStart(MakeConfig("raw"), -1);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "StartCustomSession: Failed to initialize KPI Serializer"));
+}
+
+TEST_F(SessionTest, SlotsBelongToOneLicSn) {
+  UseSlots(4096, 4);
+  MakeRegistered();
+  ExpectStart(MakeConfig(MakeCampaign(), {MakeLicInfo(1), MakeLicInfo(2)}), -1);
+  EXPECT_TRUE(
+      Logged(ANDROID_LOG_ERROR, "c::StartSession: ERROR - multiple lic SN received for hbt"));
+  ExpectStart(MakeConfig(MakeCampaign(), {MakeLicInfo(9), MakeLicInfo(9)}), 0);
+  EXPECT_EQ(LoadBigEndian<uint64_t>(collector_->BuildFileHeader(9).data() + 53), 9u);
+  ExpectStart(MakeConfig(MakeCampaign()), 0);
+}
+
+TEST_F(SessionTest, SlotsThatTheLibraryDoesNotAllocateAreRefused) {
+  cfg_.hbt = 1;
+  MakeRegistered();
+  ExpectStart(MakeConfig(MakeCampaign()), -1);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
+                     "c::StartSession: ERROR - non custom session with allocate_fd = 0 - not "
+                     "supported"));
+  cfg_.custom_session_format = 1;
+  MakeRegistered();
+  EXPECT_EQ(collector_->StartSession(MakeConfig("raw")), 0);
+  EXPECT_TRUE(Logged(ANDROID_LOG_INFO,
+                     "c::StartCustomSession: custom session with allocate_fd = 0 - skip "
+                     "initializer kpi_srlzr"));
+  EXPECT_EQ(start_payload, "raw");
+  EXPECT_EQ(collector_->LogBuf(nullptr, 0), -1) << "there is no serializer";
+  EXPECT_EQ(collector_->StopSession(), 11);
+}
+
+TEST_F(SessionTest, CustomSessionsPassThePayloadAndWriteRawData) {
+  cfg_.custom_session_format = 1;
+  MakeRegistered();
+  const KIVCampConfig config = MakeConfig("\xff\xff no protobuf", {MakeLicInfo(42)});
+  ASSERT_EQ(collector_->StartSession(config), 0);
+  EXPECT_EQ(start_payload, "\xff\xff no protobuf");
+  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "radio: StartCustomSession called for token - token-1"));
+  const std::string record(1000, 'r');
+  EXPECT_EQ(collector_->LogBuf(reinterpret_cast<const uint8_t*>(record.data()), 1000), 0);
+  EXPECT_EQ(collector_->StopSession(), 11);
+  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "radio: StopCustomSession called for token - token-1"));
+  EXPECT_EQ(client_->Uploads().size(), 1u);
+
+  start_result = 6;
+  ExpectStart(config, 6);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
+                     "c::StartCustomSession: radio return failure 6 on start_session callback"));
+}
+
+TEST_F(SessionTest, OneLicSnStopsAndStartsAlone) {
+  const std::string refused =
+      ": Either hbt enabled or kpi serializer not initialized or LicSN not found in campaign";
+  MakeRegistered();
+  EXPECT_EQ(collector_->StartSessionForLicSN(42), 0);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "StartSessionForLicSN" + refused));
+  ASSERT_EQ(collector_->StartSession(MakeConfig(MakeCampaign(), {MakeLicInfo(42)})), 0);
+  log_.Clear();
+  const std::string file = data_dir_ + "/radio-42.tmp";
+  EXPECT_EQ(collector_->StopSessionForLicSN(42), 0);
+  EXPECT_NE(access(file.c_str(), F_OK), 0);
+  EXPECT_EQ(collector_->StartSessionForLicSN(42), 0);
+  EXPECT_EQ(access(file.c_str(), F_OK), 0);
+  EXPECT_FALSE(log_.Contains(refused));
+  EXPECT_EQ(collector_->StopSessionForLicSN(43), 0);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "StopSessionForLicSN" + refused));
+}
+
+TEST_F(SessionTest, NoSessionStartsOnceDeRegistered) {
+  MakeRegistered().DeRegister();
+  EXPECT_EQ(collector_->StartSession(MakeConfig(MakeCampaign())), -1);
+  EXPECT_EQ(start_payload, "untouched");
+}
+
+using SessionDeathTest = SessionTest;
+
+TEST_F(SessionDeathTest, SlotsPastFourGigabytesAbort) {
+  for (const uint8_t custom : {0, 1}) {
+    UseSlots(0x10000000, 16);
+    cfg_.custom_session_format = custom;
+    MakeRegistered();
+    EXPECT_DEATH(collector_->StartSession(MakeConfig(MakeCampaign())), "");
+  }
+}
+
+// --- Logging: which operation takes which type, and how it refuses others. ---
+
+TEST_F(SessionTest, OperationsTakeTheirOwnTypeOnly) {
+  const uint32_t kNumeric = 1, kState = 2, kBlob = 3, kUnknown = 9;
+  const uint8_t bytes[8] = {};
+  const kiv_blob_segment_t segment = {bytes, 4};
+  WriteConf("blob_segments_optimized=2\n");  // Files take gathered segments only.
+  MakeRegistered();
+  for (const uint32_t kpi : {kNumeric, kState, kBlob}) {
+    EXPECT_EQ(collector_->Log(kpi, 5u), -1) << "before any session";
+    EXPECT_EQ(collector_->IsKPIEnabled(kpi), 0);
+  }
+  ASSERT_EQ(collector_->StartSession(
+                MakeConfig(MakeCampaign({MakeKpi(kNumeric, KPI_NUMERIC, GAUGE),
+                                         MakeKpi(kState, KPI_STATE), MakeKpi(kBlob, KPI_BLOB)}))),
+            0);
+  const struct {
+    uint32_t kpi;
+    int log, event, state, blob, segments, enabled;
+  } cases[] = {{kNumeric, 0, -1, -2, -2, -2, 1},
+               {kState, -1, -1, 0, -2, -2, 1},
+               {kBlob, -1, -1, -2, 0, 0, 1},
+               {kUnknown, -1, -1, -1, -1, -1, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.kpi);
+    EXPECT_EQ(collector_->Log(c.kpi, 5u), c.log);
+    EXPECT_EQ(collector_->LogEvent(c.kpi, 5), c.event);
+    EXPECT_EQ(collector_->LogState(c.kpi, 1, 2), c.state);
+    EXPECT_EQ(collector_->Log(c.kpi, bytes, sizeof bytes), c.blob);
+    EXPECT_EQ(collector_->Log(c.kpi, &segment, 1), c.segments);
+    EXPECT_EQ(collector_->IsKPIEnabled(c.kpi), c.enabled);
+  }
+}
+
+TEST_F(SessionTest, ThresholdSetAtRunTimeSendsFilesEarlier) {
+  MakeRegistered();
+  LTCCampaignDef def = MakeCampaign();
+  ASSERT_EQ(collector_->StartSession(MakeConfig(def, {MakeLicInfo(42)})), 0);
+  const std::string record(300, 'r');
+  const auto* bytes = reinterpret_cast<const uint8_t*>(record.data());
+  EXPECT_EQ(kiv_set_cfg(collector_.get(), static_cast<kiv_param_type_t>(7), 200), 0);
+  EXPECT_EQ(kiv_set_cfg(collector_.get(), KIV_PARAM_SIZE_THRESHOLD, 200), 0);
+  EXPECT_EQ(kiv_log_buf(collector_.get(), bytes, 300), 0);
+  EXPECT_TRUE(client_->WaitForCalls("sendData", 1));
+  EXPECT_EQ(kiv_set_cfg(collector_.get(), KIV_PARAM_SIZE_THRESHOLD, 4096), 0);
+  EXPECT_EQ(kiv_log_buf(collector_.get(), bytes, 300), 0);
+  EXPECT_EQ(kiv_flush(collector_.get()), 0);
+  EXPECT_TRUE(client_->WaitForCalls("sendData", 2));
+}
+
+}  // namespace
+}  // namespace orb::test

@@ -1,0 +1,291 @@
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+
+#include "collector/seal.h"
+#include "orb_encrypt.h"
+#include "proto/telemetry_footer.pb.h"
+#include "tests/collector/collector_fixture.h"
+#include "tests/collector/gunzip.h"
+#include "utility/byte_order.h"
+
+namespace orb::test {
+namespace {
+
+constexpr uint64_t kLicSn = 42;
+const std::string kPayload = "\x08\x01 twelve records, twelve records, twelve records";
+
+struct KeyPair {
+  std::string public_pem;
+  std::string private_pem;
+};
+
+std::string Text(BIO* bio) {
+  char* text = nullptr;
+  const long len = BIO_get_mem_data(bio, &text);
+  std::string copy(text, static_cast<size_t>(len));
+  BIO_free(bio);
+  return copy;
+}
+
+KeyPair MakeKeyPair() {
+  EVP_PKEY* key = EVP_EC_gen("P-256");
+  BIO* public_bio = BIO_new(BIO_s_mem());
+  BIO* private_bio = BIO_new(BIO_s_mem());
+  PEM_write_bio_PUBKEY(public_bio, key);
+  PEM_write_bio_PrivateKey(private_bio, key, nullptr, nullptr, 0, nullptr, nullptr);
+  EVP_PKEY_free(key);
+  return {Text(public_bio), Text(private_bio)};
+}
+
+// Decrypts an upload the way its receiver would, from the upload's bytes alone.
+std::string Open(const FakeAidlClient::Upload& upload, const std::string& private_pem, int salgo) {
+  TelemetryFooter footer;
+  EXPECT_TRUE(footer.ParseFromArray(upload.footer.data(), static_cast<int>(upload.footer.size())));
+  const auto bytes = [](const std::string& s) {
+    return reinterpret_cast<const uint8_t*>(s.data());
+  };
+  orb::MallocBytes out;
+  const int32_t result =
+      salgo == ORB_SALGO_AES_256_GCM
+          ? orb_decrypt_evp2_ecc_aes_gcm(
+                salgo, ORB_PALGO_ECDH_P256, private_pem.c_str(), upload.data.data(),
+                upload.data.size(), bytes(footer.ephemeral_key()), footer.ephemeral_key().size(),
+                bytes(footer.iv()), footer.iv().size(), bytes(footer.gcm_tag()),
+                footer.gcm_tag().size(), &out.data, &out.size)
+          : orb_decrypt_evp2_ecc_aes_cbc(
+                salgo, ORB_PALGO_ECDH_P256, private_pem.c_str(), upload.data.data(),
+                upload.data.size(), bytes(footer.ephemeral_key()), footer.ephemeral_key().size(),
+                bytes(footer.iv()), footer.iv().size(), &out.data, &out.size);
+  EXPECT_EQ(result, 0);
+  return result == 0 ? Gunzip(out.data, out.size) : std::string();
+}
+
+class UploadTest : public CollectorFixture {
+ protected:
+  // Runs a session that knows this LicSN; uploads are then up to the test.
+  void StartWith(const LTCCampaignDef& def, const std::vector<LicInfo>& infos) {
+    MakeRegistered().SetCampaignId(0x0102030405060708u);
+    ASSERT_EQ(collector_->StartSession(MakeConfig(def, infos)), 0);
+    log_.Clear();
+  }
+  // A closed data file of kLicSn; its path.
+  std::string WriteDataFile(const std::string& payload) {
+    const std::vector<uint8_t> header = collector_->BuildFileHeader(kLicSn);
+    const std::string path = data_dir_ + "closed.data";
+    EXPECT_TRUE(WriteFile(path, std::string(header.begin(), header.end()) + payload));
+    return path;
+  }
+  int Send(const std::string& payload) {
+    const std::string path = WriteDataFile(payload);
+    const int result = collector_->SendData(path);
+    EXPECT_NE(access(path.c_str(), F_OK), 0) << "data files are deleted in every case";
+    return result;
+  }
+};
+
+TEST_F(UploadTest, PlainUploadByteForByte) {
+  StartWith(MakeCampaign(), {});
+  ASSERT_EQ(Send(kPayload), 0);
+  ASSERT_EQ(client_->Uploads().size(), 1u);
+  FakeAidlClient::Upload upload = client_->Uploads()[0];
+  EXPECT_EQ(upload.token, FakeAidlClient::kToken);
+  EXPECT_EQ(upload.name, "/up/7/radio.42");
+  EXPECT_EQ(Gunzip(upload.data.data(), upload.data.size()), kPayload);
+  EXPECT_TRUE(upload.footer.empty());
+  ASSERT_EQ(upload.header.size(), 66u);
+  std::vector<uint8_t> want = {0, 0, 0, 9, 0, 0, 0, 66, 0, 0, 0, 7,  // Constants, client id.
+                               4, 0, 0, 0, 1,                        // Kind, version.
+                               0, 0, 0, 0, 0, 0, 0, 0,               // 17: creation time, masked.
+                               0, 0, 0, 0, 1, 1,  // 25: length, filled in below; 1; compressed.
+                               0, 0, 0, 0, 0, 0, 0, 0,  0, 0,  // 31: uptime and time zone, masked.
+                               1, 2, 3, 4, 5, 6, 7, 8,         // 41: campaign.
+                               0, 0, 0, 0, 0, 0, 0, 0,  0, 0, 0, 42,  // 49: sequence number, LicSN.
+                               0, 0, 0, 0, 0};  // 61: not encrypted, no footer.
+  StoreBigEndian<uint32_t>(&want[25], static_cast<uint32_t>(upload.data.size()));
+  EXPECT_GT(LoadBigEndian<uint64_t>(&upload.header[17]), 1500000000000u);
+  std::fill_n(upload.header.begin() + 17, 8, 0);
+  std::fill_n(upload.header.begin() + 31, 10, 0);
+  EXPECT_EQ(upload.header, want);
+  EXPECT_EQ(ReadFileOrEmpty(data_dir_ + "/radio.seq"), "1\n");
+
+  ASSERT_EQ(Send(kPayload), 0);
+  EXPECT_EQ(LoadBigEndian<uint32_t>(&client_->Uploads()[1].header[49]), 1u);
+  EXPECT_EQ(ReadFileOrEmpty(data_dir_ + "/radio.seq"), "2\n");
+}
+
+enum Outcome { kPlain, kSealed, kDropped };
+
+struct SealCase {
+  const char* name;
+  bool header_override;
+  bool in_campaign;
+  bool encrypt;
+  bool has_key;
+  std::string key;
+  int palgo;
+  int salgo;
+  Outcome want;
+  std::vector<std::string> want_log;
+};
+
+TEST_F(UploadTest, DecidesWhatIsSealed) {
+  const KeyPair pair = MakeKeyPair();
+  const std::string& pem = pair.public_pem;
+  const std::string plain = "SendData: radio: encryption not enabled for licSN: 42";
+  const std::string dropped =
+      "SendData: radio: encrypt enabled but encryption failed - dropping data " + data_dir_ +
+      "closed.data";
+  const SealCase cases[] = {
+      {"not in the campaign",
+       false,
+       false,
+       true,
+       true,
+       pem,
+       1,
+       2,
+       kPlain,
+       {"SendData: radio: LicSN 42 not found in LicSN2EncryptMap"}},
+      {"flag off", false, true, false, true, pem, 1, 2, kPlain, {plain}},
+      {"flag on, GCM", false, true, true, true, pem, 1, 2, kSealed, {}},
+      {"flag on, CBC", false, true, true, true, pem, 1, 1, kSealed, {}},
+      {"flag on, no key",
+       false,
+       true,
+       true,
+       false,
+       "",
+       0,
+       0,
+       kDropped,
+       {"SendData: radio: ISVKey info not found for LicSN 42 in LicSn2ISVKeyMap", dropped}},
+      {"flag on, no PEM",
+       false,
+       true,
+       true,
+       true,
+       "0123456789",
+       1,
+       2,
+       kDropped,
+       {"SendData: radio: encryptionPkey 0123456789 encryptionPkeySize 10 salgo 2 palgo 1",
+        "SendData: radio: encryption failed - 2", dropped}},
+      {"flag on, unknown algorithm",
+       false,
+       true,
+       true,
+       true,
+       pem,
+       1,
+       3,
+       kDropped,
+       {"SendData: radio: encryption failed - 1", dropped}},
+      {"override, flag ignored", true, true, false, true, pem, 1, 2, kSealed, {}},
+      {"override, not in the campaign", true, false, false, true, pem, 1, 1, kSealed, {}},
+      {"override, no key", true, true, true, false, "", 0, 0, kPlain, {plain}},
+      {"override, short key", true, true, true, true, "0123456789", 1, 2, kPlain, {plain}},
+      {"override, bad key long enough",
+       true,
+       true,
+       true,
+       true,
+       "0123456789A",
+       1,
+       2,
+       kDropped,
+       {"SendData: radio: encryption failed - 2", dropped}},
+      {"override, no symmetric algorithm", true, true, true, true, pem, 1, 0, kPlain, {plain}},
+      {"override, no public-key algorithm", true, true, true, true, pem, 0, 2, kPlain, {plain}},
+  };
+  for (const SealCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    client_ = std::make_shared<FakeAidlClient>();
+    cfg_.header_override = c.header_override;
+    LTCCampaignDef def = MakeCampaign();
+    if (c.in_campaign) AddLicSn(&def, kLicSn, c.encrypt);
+    std::vector<LicInfo> infos;
+    if (c.has_key) infos.push_back(MakeLicInfo(kLicSn, c.key, c.palgo, c.salgo));
+    Destroy();
+    unlink((data_dir_ + "radio-42.tmp").c_str());  // Empty, but for an overridden header.
+    StartWith(def, infos);
+
+    EXPECT_EQ(Send(kPayload), c.want == kDropped ? -1 : 0);
+    for (const std::string& line : c.want_log) EXPECT_TRUE(log_.Contains(line)) << line;
+    const auto uploads = client_->Uploads();
+    ASSERT_EQ(uploads.size(), c.want == kDropped ? 0u : 1u);
+    if (c.want == kDropped) continue;
+    const FakeAidlClient::Upload& upload = uploads[0];
+    const auto data_bytes = static_cast<uint32_t>(upload.data.size());
+    const auto footer_bytes = static_cast<uint32_t>(upload.footer.size());
+    EXPECT_EQ(LoadBigEndian<uint32_t>(&upload.header[25]), data_bytes + footer_bytes);
+    EXPECT_EQ(upload.header[30], 1);
+    EXPECT_EQ(upload.header[61], c.want == kSealed ? 1 : 0);
+    if (c.want == kPlain) {
+      EXPECT_EQ(footer_bytes, 0u);
+      EXPECT_EQ(LoadBigEndian<uint32_t>(&upload.header[62]), 0u);
+      EXPECT_EQ(Gunzip(upload.data.data(), upload.data.size()), kPayload);
+    } else {
+      EXPECT_EQ(LoadBigEndian<uint32_t>(&upload.header[62]), 66u + data_bytes);
+      EXPECT_EQ(Open(upload, pair.private_pem, c.salgo), kPayload);
+      EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "SendData: radio: out_data_len " +
+                                               std::to_string(data_bytes) +
+                                               " footer_len: " + std::to_string(footer_bytes)));
+    }
+  }
+}
+
+TEST_F(UploadTest, NothingIsSentWithoutPayloadOrHal) {
+  StartWith(MakeCampaign(), {});
+  EXPECT_EQ(Send(""), -1);
+  const std::string path = data_dir_ + "closed.data";
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "SendData: no valid data to send " + path));
+  EXPECT_EQ(collector_->SendData(path), -1);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
+                     "SendData: error in opening file " + path + " - No such file or directory"));
+  EXPECT_EQ(ReadFileOrEmpty(data_dir_ + "radio.seq"), "") << "no number was drawn";
+
+  client_->Fail("sendData", 1, 1, -1);
+  EXPECT_EQ(Send(kPayload), -1);
+  Make();  // Not registered: there is no client.
+  EXPECT_EQ(Send(kPayload), -1);
+}
+
+TEST_F(UploadTest, IncompleteSealsAreRefused) {
+  const struct {
+    const char* name;
+    int salgo;
+    int32_t status;
+    int missing;  // 1 ciphertext, 2 key, 3 IV, 4 tag.
+    bool want;
+    const char* want_log;
+  } cases[] = {
+      {"complete", 2, 0, 0, true, nullptr},
+      {"status", 2, 2, 0, false, "SendData: radio: encryption failed - 2"},
+      {"ciphertext", 1, 0, 1, false, "SendData: radio: encryption failed - 0"},
+      {"key", 1, 0, 2, false, "SendData: radio: encryption failed - 0"},
+      {"iv", 1, 0, 3, false, "SendData: radio: encryption failed - 0"},
+      {"tag of GCM", 2, 0, 4, false, "SendData: radio: encryption failed - 0 gcm_tag empty"},
+      {"no tag with CBC", 1, 0, 4, true, nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    log_.Clear();
+    SealedPayload sealed;
+    sealed.status = c.status;
+    orb::MallocBytes* const parts[] = {&sealed.ciphertext, &sealed.ephemeral_key, &sealed.iv,
+                                       &sealed.tag};
+    for (int i = 0; i < 4; ++i) {
+      if (i + 1 == c.missing) continue;
+      parts[i]->data = static_cast<uint8_t*>(malloc(1));
+      parts[i]->size = 1;
+    }
+    EXPECT_EQ(sealed.Complete("radio", c.salgo), c.want);
+    if (c.want_log != nullptr) {
+      EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, c.want_log)) << log_.Dump();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace orb::test
