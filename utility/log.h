@@ -8,6 +8,8 @@
 #define ORB_LOG_TAG "orb_sdk"
 #endif
 
+#define LOGV(...) \
+  static_cast<void>(__android_log_print(ANDROID_LOG_VERBOSE, ORB_LOG_TAG, __VA_ARGS__))
 #define LOGD(...) \
   static_cast<void>(__android_log_print(ANDROID_LOG_DEBUG, ORB_LOG_TAG, __VA_ARGS__))
 #define LOGI(...) static_cast<void>(__android_log_print(ANDROID_LOG_INFO, ORB_LOG_TAG, __VA_ARGS__))
