@@ -93,13 +93,18 @@ std::string Conf::trim(const std::string& text) {
 
 const Conf& Conf::Get() { return latest_published.load(std::memory_order_acquire)->conf; }
 
+bool Conf::ReadFile(const std::string& path, Conf* conf) {
+  FILE* file = fopen(path.c_str(), "re");
+  if (file == nullptr) return false;
+  ApplyFile(file, conf);
+  fclose(file);
+  return true;
+}
+
 void Conf::Load(const std::string& data_dir) {
   Conf conf;
   const std::string path = data_dir + "orb_sdk.conf";
-  if (FILE* file = fopen(path.c_str(), "re")) {
-    ApplyFile(file, &conf);
-    fclose(file);
-  } else if (path.size() > kPathSkipChars) {
+  if (!ReadFile(path, &conf) && path.size() > kPathSkipChars) {
     LOGI("cannot open config file %s - using default config", path.c_str() + kPathSkipChars);
   }
   for (const Key& key : kKeys) LOGI("Conf: %s = %d", key.name, conf.*key.value);

@@ -33,6 +33,9 @@ struct Conf {
   // The values in force; the defaults before the first collector. Any thread.
   static const Conf& Get();
 
+  // Reads the file at `path` over *conf. False, with errno, when it cannot be opened.
+  static bool ReadFile(const std::string& path, Conf* conf);
+
   // Reads data_dir + "orb_sdk.conf" over the defaults, logs every value and
   // makes the result the values in force. A missing file leaves the defaults.
   static void Load(const std::string& data_dir);

@@ -49,7 +49,7 @@ RULES = {
     ),
     "tools/orbctl/": (
         ["include/", "utility/", "proto/", "crypto/", "serializer/telemetry_header.h",
-         "services/manager/control/", "tools/orbctl/"] + CONTRACT,
+         "collector/conf.h", "services/manager/control/", "tools/orbctl/"] + CONTRACT,
         BINDER + ["orb_platform/"],
     ),
     "examples/": (["include/"], []),

@@ -1,0 +1,99 @@
+// JSON Lines: one object a record. Integers are written in full, so 64-bit
+// values are exact for readers that keep integers; floats that JSON has no
+// number for are the strings "NaN", "Infinity" and "-Infinity".
+// Tested by tests/orbctl/record_printer_test.cpp.
+#include <cmath>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "tools/orbctl/record_formats.h"
+
+namespace orb::orbctl {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+Json Number(float value) {
+  if (std::isnan(value)) return "NaN";
+  if (std::isinf(value)) return value > 0 ? "Infinity" : "-Infinity";
+  // By way of its shortest text: 0.1f is 0.1 and not 0.10000000149011612.
+  return std::strtod(FloatText(value).c_str(), nullptr);
+}
+
+void AddGauge(const orbtr::Gauge& gauge, Json* object) {
+  if (gauge.has_min()) (*object)["min"] = gauge.min();
+  if (gauge.has_max()) (*object)["max"] = gauge.max();
+  if (gauge.has_mean()) (*object)["mean"] = Number(gauge.mean());
+  if (gauge.has_stdev()) (*object)["stdev"] = Number(gauge.stdev());
+  if (gauge.has_variance()) (*object)["variance"] = Number(gauge.variance());
+  if (gauge.has_slope()) (*object)["slope"] = Number(gauge.slope());
+  if (gauge.has_offset()) (*object)["offset"] = Number(gauge.offset());
+}
+
+void AddHistogram(const orbtr::Histogram& histogram, const HistogramLayout* layout, Json* object) {
+  (*object)["bucket_counts"] = histogram.bucket_counts();
+  if (layout == nullptr) return;
+  (*object)["bucket_ranges"] = layout->labels;
+  if (layout->clamps()) (*object)["clamped_bucket"] = layout->labels.size() - 1;
+}
+
+void AddMeta(const orbtr::MetaData& meta, Json* object) {
+  (*object)["kpi_id"] = meta.kpi_id();
+  (*object)["ts_start"] = meta.ts_start();
+  (*object)["ts_end"] = meta.ts_end();
+  (*object)["num_samples"] = meta.num_samples();
+  if (meta.meta_param_5() != 0) (*object)["meta_param_5"] = meta.meta_param_5();
+  if (meta.meta_values_6_size() != 0) (*object)["meta_values_6"] = meta.meta_values_6();
+}
+
+class JsonPrinter : public RecordPrinter {
+ public:
+  JsonPrinter(std::ostream* out, const CampaignIndex* campaign) : out_(*out), campaign_(campaign) {}
+
+  void BeginSource(const RecordSource& source) override {
+    source_ = Json::object();
+    source_["file"] = source.file;
+    source_["campaign_id"] = source.campaign_id;
+    source_["lic_sn"] = source.lic_sn;
+    source_["seqno"] = source.seqno;
+  }
+
+  void Print(const PayloadRecord& record) override {
+    Json object = source_;
+    object["kind"] = KindName(record.kind);
+    AddMeta(record.meta(), &object);
+    switch (record.kind) {
+      case RecordKind::kCounter:
+        object["count"] = record.data.counters(0).count();
+        break;
+      case RecordKind::kGauge:
+        AddGauge(record.data.gauges(0), &object);
+        break;
+      case RecordKind::kHistogram:
+        AddHistogram(record.data.histograms(0), LayoutFor(record, campaign_), &object);
+        break;
+      case RecordKind::kBlob:
+        object["data_bytes"] = record.data.blobs(0).data().size();
+        object["data_hex"] = Hex(record.data.blobs(0).data());
+        break;
+    }
+    const std::string note = NoteFor(record, campaign_);
+    if (!note.empty()) object["note"] = note;
+    // A file name need not be UTF-8.
+    out_ << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+  }
+
+ private:
+  std::ostream& out_;
+  const CampaignIndex* const campaign_;
+  Json source_ = Json::object();
+};
+
+}  // namespace
+
+std::unique_ptr<RecordPrinter> MakeJsonPrinter(std::ostream* out, const CampaignIndex* campaign) {
+  return std::make_unique<JsonPrinter>(out, campaign);
+}
+
+}  // namespace orb::orbctl

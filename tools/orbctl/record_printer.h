@@ -1,0 +1,59 @@
+// Prints decoded records: a table to read, CSV for a spreadsheet, or JSON Lines.
+//
+// Times are of the sender's monotonic clock: seconds in the table, and tenths
+// of a second, as recorded, elsewhere. With a campaign, records are compared
+// with what it configures, and histogram buckets carry their bounds.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <ostream>
+#include <string>
+
+#include "proto/ltc_campaign.pb.h"
+#include "tools/orbctl/histogram_layout.h"
+#include "tools/orbctl/record_splitter.h"
+
+namespace orb::orbctl {
+
+enum class RecordFormat { kText, kJson, kCsv };
+
+// Where records come from; an upload's path and what its header tells.
+struct RecordSource {
+  std::string file;
+  uint64_t campaign_id = 0;
+  uint64_t lic_sn = 0;
+  uint32_t seqno = 0;
+};
+
+// A campaign by KPI id. A later entry replaces an earlier, as in a session.
+class CampaignIndex {
+ public:
+  explicit CampaignIndex(const LTCCampaignDef& campaign);
+
+  // Null for a KPI that the campaign does not have.
+  const KPICfg* Find(uint32_t kpi_id) const;
+  // Null unless the KPI is a histogram.
+  const HistogramLayout* Layout(uint32_t kpi_id) const;
+  // How the record differs from what the campaign configures; mostly empty.
+  std::string Note(const PayloadRecord& record) const;
+
+ private:
+  std::map<uint32_t, KPICfg> kpis_;
+  std::map<uint32_t, HistogramLayout> layouts_;
+};
+
+class RecordPrinter {
+ public:
+  // `out` is borrowed, as is the campaign, which may be null.
+  static std::unique_ptr<RecordPrinter> Create(RecordFormat format, std::ostream* out,
+                                               const CampaignIndex* campaign);
+  virtual ~RecordPrinter() = default;
+
+  // The following records come from `source`.
+  virtual void BeginSource(const RecordSource& source) = 0;
+  virtual void Print(const PayloadRecord& record) = 0;
+};
+
+}  // namespace orb::orbctl

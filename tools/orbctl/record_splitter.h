@@ -1,0 +1,67 @@
+// Takes the data of an upload apart into its records.
+//
+// payload := version? record*       back to back, no lengths or marks between
+// version := 08 01                  not with a client's own header
+// record  := tag length message     tag 12 counter, 1a gauge, 22 histogram, 2a blob
+//
+// That is one serialized orbtr.KPIData after another, and read as one stream of
+// top-level fields every field 2 to 5 is a record. Clients may append buffers
+// of their own, which can be anything: whatever is no such field is damage. The
+// records before it are good; nothing marks where the next one after it starts.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "proto/kpi_data.pb.h"
+
+namespace orb::orbctl {
+
+enum class RecordKind { kCounter = 2, kGauge = 3, kHistogram = 4, kBlob = 5 };  // Field numbers.
+
+// "counter" and so on.
+const char* KindName(RecordKind kind);
+
+struct PayloadRecord {
+  RecordKind kind = RecordKind::kCounter;
+  size_t offset_bytes = 0;  // Of its tag in the payload.
+  size_t size_bytes = 0;    // Tag and length included.
+  orbtr::KPIData data;      // Holds the one element.
+
+  // Of the one element.
+  const orbtr::MetaData& meta() const;
+};
+
+// Not thread-safe.
+class RecordSplitter {
+ public:
+  // The payload, uncompressed and in the clear, is borrowed.
+  explicit RecordSplitter(std::string_view payload) : payload_(payload) {}
+
+  // The next record; false at the end and at damage.
+  bool Next(PayloadRecord* record);
+
+  // After Next() gave false: empty at the end, else what is wrong at damage_offset_bytes().
+  const std::string& damage() const { return damage_; }
+  size_t damage_offset_bytes() const { return offset_; }
+  // Records so far.
+  size_t count() const { return count_; }
+  // The version that the payload told so far; 0 for none.
+  uint64_t version() const { return version_; }
+
+ private:
+  bool ReadVarint(size_t* at, uint64_t* value) const;
+  bool ReadVersion(size_t at);
+  bool ReadRecord(uint64_t field, size_t at, PayloadRecord* record);
+  bool Damage(std::string reason);
+
+  const std::string_view payload_;
+  size_t offset_ = 0;
+  size_t count_ = 0;
+  uint64_t version_ = 0;
+  std::string damage_;
+};
+
+}  // namespace orb::orbctl
