@@ -2,6 +2,7 @@
 // Tested by tests/collector/fd_test.cpp.
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 #include "collector/kiv_collector.h"
 #include "ipc/kiv_aidl_client.h"
@@ -72,14 +73,16 @@ int kiv_collector::UnsetFD(kiv_fd_handle_s* handle, uint32_t fdToken) {
 }
 
 void kiv_collector::FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) {
-  std::vector<kiv_fd_handle_s*> matches;
+  // Its function is taken along: the handle may be withdrawn and freed before
+  // its turn comes.
+  std::vector<std::pair<kiv_fd_handle_s*, kiv_fd_done_cb>> matches;
   {
     orb::MutexLock lock(handlesMutex);
     for (kiv_fd_handle_s* handle : handles_) {
-      if (handle->fdToken == fdToken) matches.push_back(handle);
+      if (handle->fdToken == fdToken && handle->fn != nullptr) {
+        matches.emplace_back(handle, handle->fn);
+      }
     }
   }
-  for (kiv_fd_handle_s* handle : matches) {
-    if (handle->fn != nullptr) handle->fn(handle, a, b, c);
-  }
+  for (const auto& [handle, fn] : matches) fn(handle, a, b, c);
 }

@@ -116,102 +116,62 @@ TEST_F(UploadTest, PlainUploadByteForByte) {
 
 enum Outcome { kPlain, kSealed, kDropped };
 
+enum Flag { kAbsent, kOff, kOn };  // What the campaign says of encryption.
+
 struct SealCase {
   const char* name;
   bool header_override;
-  bool in_campaign;
-  bool encrypt;
-  bool has_key;
-  std::string key;
+  Flag flag;
+  const char* key;  // None: the LicSN has no key entry.
   int palgo;
   int salgo;
   Outcome want;
-  std::vector<std::string> want_log;
+  const char* want_log;
 };
 
 TEST_F(UploadTest, DecidesWhatIsSealed) {
   const KeyPair pair = MakeKeyPair();
-  const std::string& pem = pair.public_pem;
-  const std::string plain = "SendData: radio: encryption not enabled for licSN: 42";
-  const std::string dropped =
-      "SendData: radio: encrypt enabled but encryption failed - dropping data " + data_dir_ +
-      "closed.data";
+  const char* const pem = pair.public_pem.c_str();
+  const char* const plain = "radio: encryption not enabled for licSN: 42";
+  const char* const failed = "radio: encryption failed - 2";
+  const char* const sealed = "radio: out_data_len ";
   const SealCase cases[] = {
-      {"not in the campaign",
-       false,
-       false,
-       true,
-       true,
-       pem,
-       1,
-       2,
-       kPlain,
-       {"SendData: radio: LicSN 42 not found in LicSN2EncryptMap"}},
-      {"flag off", false, true, false, true, pem, 1, 2, kPlain, {plain}},
-      {"flag on, GCM", false, true, true, true, pem, 1, 2, kSealed, {}},
-      {"flag on, CBC", false, true, true, true, pem, 1, 1, kSealed, {}},
-      {"flag on, no key",
-       false,
-       true,
-       true,
-       false,
-       "",
-       0,
-       0,
-       kDropped,
-       {"SendData: radio: ISVKey info not found for LicSN 42 in LicSn2ISVKeyMap", dropped}},
-      {"flag on, no PEM",
-       false,
-       true,
-       true,
-       true,
-       "0123456789",
-       1,
-       2,
-       kDropped,
-       {"SendData: radio: encryptionPkey 0123456789 encryptionPkeySize 10 salgo 2 palgo 1",
-        "SendData: radio: encryption failed - 2", dropped}},
-      {"flag on, unknown algorithm",
-       false,
-       true,
-       true,
-       true,
-       pem,
-       1,
-       3,
-       kDropped,
-       {"SendData: radio: encryption failed - 1", dropped}},
-      {"override, flag ignored", true, true, false, true, pem, 1, 2, kSealed, {}},
-      {"override, not in the campaign", true, false, false, true, pem, 1, 1, kSealed, {}},
-      {"override, no key", true, true, true, false, "", 0, 0, kPlain, {plain}},
-      {"override, short key", true, true, true, true, "0123456789", 1, 2, kPlain, {plain}},
-      {"override, bad key long enough",
-       true,
-       true,
-       true,
-       true,
-       "0123456789A",
-       1,
-       2,
-       kDropped,
-       {"SendData: radio: encryption failed - 2", dropped}},
-      {"override, no symmetric algorithm", true, true, true, true, pem, 1, 0, kPlain, {plain}},
-      {"override, no public-key algorithm", true, true, true, true, pem, 0, 2, kPlain, {plain}},
+      {"absent", false, kAbsent, pem, 1, 2, kPlain, "LicSN 42 not found in LicSN2EncryptMap"},
+      {"flag off", false, kOff, pem, 1, 2, kPlain, plain},
+      {"GCM", false, kOn, pem, 1, 2, kSealed, sealed},
+      {"CBC", false, kOn, pem, 1, 1, kSealed, sealed},
+      {"no key", false, kOn, nullptr, 0, 0, kDropped,
+       "radio: ISVKey info not found for LicSN 42 in LicSn2ISVKeyMap"},
+      {"no PEM", false, kOn, "0123456789", 1, 2, kDropped, failed},
+      {"inputs", false, kOn, "PEM", 1, 2, kDropped,
+       "radio: encryptionPkey PEM encryptionPkeySize 3 salgo 2 palgo 1"},
+      {"unknown algorithm", false, kOn, pem, 1, 3, kDropped, "radio: encryption failed - 1"},
+      {"override, flag off", true, kOff, pem, 1, 2, kSealed, sealed},
+      {"override, absent", true, kAbsent, pem, 1, 1, kSealed, sealed},
+      {"override, no key", true, kOn, nullptr, 0, 0, kPlain, plain},
+      {"override, short key", true, kOn, "0123456789", 1, 2, kPlain, plain},
+      {"override, bad key", true, kOn, "0123456789A", 1, 2, kDropped, failed},
+      {"override, no salgo", true, kOn, pem, 1, 0, kPlain, plain},
+      {"override, no palgo", true, kOn, pem, 0, 2, kPlain, plain},
   };
   for (const SealCase& c : cases) {
     SCOPED_TRACE(c.name);
     client_ = std::make_shared<FakeAidlClient>();
     cfg_.header_override = c.header_override;
     LTCCampaignDef def = MakeCampaign();
-    if (c.in_campaign) AddLicSn(&def, kLicSn, c.encrypt);
+    if (c.flag != kAbsent) AddLicSn(&def, kLicSn, c.flag == kOn);
     std::vector<LicInfo> infos;
-    if (c.has_key) infos.push_back(MakeLicInfo(kLicSn, c.key, c.palgo, c.salgo));
+    if (c.key != nullptr) infos.push_back(MakeLicInfo(kLicSn, c.key, c.palgo, c.salgo));
     Destroy();
     unlink((data_dir_ + "radio-42.tmp").c_str());  // Empty, but for an overridden header.
     StartWith(def, infos);
 
     EXPECT_EQ(Send(kPayload), c.want == kDropped ? -1 : 0);
-    for (const std::string& line : c.want_log) EXPECT_TRUE(log_.Contains(line)) << line;
+    EXPECT_TRUE(log_.Contains(c.want_log)) << log_.Dump();
+    EXPECT_EQ(log_.Contains("SendData: radio: encrypt enabled but encryption failed - dropping "
+                            "data " +
+                            data_dir_ + "closed.data"),
+              c.want == kDropped);
     const auto uploads = client_->Uploads();
     ASSERT_EQ(uploads.size(), c.want == kDropped ? 0u : 1u);
     if (c.want == kDropped) continue;
