@@ -30,6 +30,15 @@ void SerialExecutor::Stop() {
   changed_.NotifyAll();
 }
 
+bool SerialExecutor::Pause(std::chrono::milliseconds duration) {
+  const auto deadline = std::chrono::steady_clock::now() + duration;
+  MutexLock lock(mutex_);
+  while (!stopping_) {
+    if (!changed_.WaitUntil(mutex_, deadline)) break;
+  }
+  return !stopping_;
+}
+
 bool SerialExecutor::StoppedBy(std::chrono::steady_clock::time_point deadline) {
   MutexLock lock(mutex_);
   while (running_) {

@@ -29,6 +29,9 @@ class SerialExecutor {
   // Drops the tasks that wait and takes no more. The running one goes on.
   void Stop() EXCLUDES(mutex_);
 
+  // For the running task: waits, and returns false at once when Stop is called.
+  bool Pause(std::chrono::milliseconds duration) EXCLUDES(mutex_);
+
   // Whether no task runs any more after a Stop, waiting for it until then.
   bool StoppedBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);
 

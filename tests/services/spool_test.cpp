@@ -9,10 +9,9 @@
 #include <filesystem>
 #include <thread>
 
-#include "serializer/telemetry_header.h"
+#include "tests/services/upload_bytes.h"
 #include "tests/support/child_process.h"
 #include "tests/support/log_capture.h"
-#include "utility/byte_order.h"
 
 namespace orb::hal {
 namespace {
@@ -24,14 +23,6 @@ using Names = std::vector<std::string>;
 
 constexpr const char* kName = "/up/7/radio.42";
 constexpr const char* kFirst = "up/7/radio.42/0000000000-1763716800000.orb";
-
-// A header with these two numbers, and `data_bytes` behind it.
-std::vector<uint8_t> Upload(uint32_t seqno, uint64_t timestamp_ms, size_t data_bytes) {
-  std::vector<uint8_t> upload(TelemetryHeader::kBytes + data_bytes, 'd');
-  StoreBigEndian<uint64_t>(&upload[17], timestamp_ms);
-  StoreBigEndian<uint32_t>(&upload[49], seqno);
-  return upload;
-}
 
 class SpoolTest : public ::testing::Test {
  protected:

@@ -1,0 +1,83 @@
+// Tested by tests/services/hal_test.cpp.
+#include "services/hal/hal.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "serializer/telemetry_header.h"
+#include "services/hal/upload_name.h"
+#include "utility/log.h"
+
+namespace orb::hal {
+
+bool Hal::ConfigureQueue(const Caller& caller, QueueSpec queue) {
+  std::string why;
+  std::shared_ptr<const PayloadQueue> opened = PayloadQueue::Open(std::move(queue), &why);
+  if (opened == nullptr) {
+    LOGE("queue of %s refused: %s", caller.ToString().c_str(), why.c_str());
+    return false;
+  }
+  queues_.Put(caller, std::move(opened));
+  return true;
+}
+
+bool Hal::StoreQueue(const Caller& caller, const std::string& name, int32_t total) {
+  const std::shared_ptr<const PayloadQueue> queue = queues_.Take(caller);
+  std::vector<uint8_t> upload;
+  if (queue == nullptr || total < 0 || !queue->Read(static_cast<uint32_t>(total), &upload)) {
+    LOGE("payload %s of %s refused: %s", Printable(name).c_str(), caller.ToString().c_str(),
+         queue == nullptr ? "no queue is configured" : "the queue does not hold it");
+    return false;
+  }
+  return spool_->Store(name, upload);
+}
+
+uint32_t Hal::AddChannel(const Caller& caller, UniqueFd fd, int32_t offset, int32_t length,
+                         SlotDone done) {
+  std::string why = "too many channels are open";
+  std::shared_ptr<const SharedRegion> region = SharedRegion::Open(
+      std::move(fd), static_cast<uint32_t>(offset), static_cast<uint32_t>(length), &why);
+  const uint32_t token =
+      region == nullptr ? 0 : channels_.Add(caller, std::move(region), std::move(done));
+  if (token == 0) LOGE("channel of %s refused: %s", caller.ToString().c_str(), why.c_str());
+  return token;
+}
+
+int32_t Hal::StoreSlot(const Caller& caller, const std::string& name,
+                       std::span<const uint8_t> header, int32_t token, int32_t offset,
+                       int32_t size) {
+  const std::shared_ptr<Channel> channel = channels_.Find(caller, static_cast<uint32_t>(token));
+  const auto refuse = [&](const char* why, int error) {
+    LOGE("slot of %s at %d, %d bytes, refused: %s", caller.ToString().c_str(), offset, size, why);
+    return -error;
+  };
+  if (channel == nullptr) return refuse("no such channel", EBADF);
+  if (channel->TooManyUnconfirmed()) return refuse("too many slots are unconfirmed", EBUSY);
+  if (header.size() != TelemetryHeader::kBytes) return refuse("no 66-byte header", EINVAL);
+  if (size <= 0 || static_cast<uint32_t>(size) > Spool::kMaxUploadBytes - header.size()) {
+    return refuse("a size that no upload may have", EINVAL);
+  }
+  std::vector<uint8_t> upload(header.begin(), header.end());
+  if (!channel->region->Read(static_cast<uint32_t>(offset), static_cast<uint32_t>(size), &upload)) {
+    return refuse("it lies outside the region, or the region has shrunk", EINVAL);
+  }
+  if (!spool_->Store(name, upload)) return -EIO;
+  if (!channel->Confirm(static_cast<uint32_t>(token), static_cast<uint32_t>(offset),
+                        static_cast<uint32_t>(size))) {
+    LOGW("slot of %s is stored, but its channel has been closed", caller.ToString().c_str());
+  }
+  return 0;
+}
+
+bool Hal::RemoveChannel(const Caller& caller, int32_t token) {
+  if (channels_.Remove(caller, static_cast<uint32_t>(token))) return true;
+  LOGE("channel %d of %s cannot be closed: it has none of that number", token,
+       caller.ToString().c_str());
+  return false;
+}
+
+void Hal::ChannelDied(uint32_t token) {
+  if (channels_.RemoveDead(token)) LOGW("channel %u closed: its client died", token);
+}
+
+}  // namespace orb::hal

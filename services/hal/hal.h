@@ -1,0 +1,53 @@
+// The HAL's whole behaviour, without the bus: payloads by queue and slots by
+// shared memory become files of the spool. Every argument comes from a client
+// and may be anything.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "services/hal/caller.h"
+#include "services/hal/channel_table.h"
+#include "services/hal/payload_queue.h"
+#include "services/hal/spool.h"
+#include "utility/unique_fd.h"
+
+namespace orb::hal {
+
+// Thread-safe. Refusals are logged with the caller.
+class Hal {
+ public:
+  // Takes the spool.
+  explicit Hal(std::unique_ptr<Spool> spool) : spool_(std::move(spool)) {}
+
+  // The queue of the caller's next payload, in place of an earlier one.
+  bool ConfigureQueue(const Caller& caller, QueueSpec queue);
+  // Takes `total` bytes from that queue, and stores them. True once they are on
+  // the medium. The queue is used up either way.
+  bool StoreQueue(const Caller& caller, const std::string& name, int32_t total);
+
+  // Takes a region; `offset` and `length` are unsigned. The channel's token, or
+  // 0 when it is refused.
+  uint32_t AddChannel(const Caller& caller, UniqueFd fd, int32_t offset, int32_t length,
+                      SlotDone done);
+  // Copies a slot out and stores it behind `header`. 0 once it is on the medium;
+  // the client is told that the slot is free soon after, on another thread.
+  // Otherwise a negative errno value, and nobody is told.
+  int32_t StoreSlot(const Caller& caller, const std::string& name, std::span<const uint8_t> header,
+                    int32_t token, int32_t offset, int32_t size);
+  bool RemoveChannel(const Caller& caller, int32_t token);
+  void ChannelDied(uint32_t token);
+
+  const Spool& spool() const { return *spool_; }
+  ChannelTable& channels() { return channels_; }
+
+ private:
+  const std::unique_ptr<Spool> spool_;
+  PendingQueues queues_;
+  ChannelTable channels_;
+};
+
+}  // namespace orb::hal

@@ -1,0 +1,67 @@
+// A client's message queue, read once, without mapping it (shared_region.h
+// tells why) and without believing a number in it.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "services/hal/caller.h"
+#include "services/hal/shared_region.h"
+#include "utility/thread_annotations.h"
+#include "utility/unique_fd.h"
+
+namespace orb::hal {
+
+// A queue's descriptor as it came.
+struct QueueSpec {
+  struct Piece {
+    int32_t fd_index = 0;
+    int32_t offset = 0;  // Bytes.
+    int64_t extent = 0;  // Bytes.
+  };
+  std::vector<UniqueFd> fds;
+  std::vector<Piece> pieces;  // Read counter, write counter, data [, event flag].
+  int32_t quantum_bytes = 0;
+  int32_t flags = 0;
+};
+
+class PayloadQueue {
+ public:
+  // Null, with the reason in *why, unless the descriptor is one of a queue of
+  // bytes with one reader and one writer.
+  static std::shared_ptr<const PayloadQueue> Open(QueueSpec spec, std::string* why);
+
+  // The next `total` bytes. False when fewer are there, or its memory is gone.
+  bool Read(uint32_t total, std::vector<uint8_t>* out) const;
+
+ private:
+  std::shared_ptr<const SharedRegion> read_counter_;
+  std::shared_ptr<const SharedRegion> write_counter_;
+  std::shared_ptr<const SharedRegion> data_;
+};
+
+// The queue that each process configured last, until it asks to read it.
+// Thread-safe.
+class PendingQueues {
+ public:
+  static constexpr size_t kMaxQueues = 256;
+
+  // Replaces the caller's. When there are too many, the oldest goes.
+  void Put(const Caller& caller, std::shared_ptr<const PayloadQueue> queue) EXCLUDES(mutex_);
+  // Null when the caller has none; it has none afterwards.
+  std::shared_ptr<const PayloadQueue> Take(const Caller& caller) EXCLUDES(mutex_);
+
+ private:
+  struct Entry {
+    uint64_t order = 0;
+    std::shared_ptr<const PayloadQueue> queue;
+  };
+  Mutex mutex_;
+  std::map<Caller, Entry> queues_ GUARDED_BY(mutex_);
+  uint64_t next_order_ GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace orb::hal
