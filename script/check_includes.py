@@ -42,7 +42,7 @@ RULES = {
          "collector/"],
         BINDER,
     ),
-    "platform/linux/": (LEAVES + ["utility/event_sink.h", "platform/linux/"], BINDER + ["systemd/", "orb_platform/", "log/", "android-base/"]),
+    "platform/linux/": (LEAVES + ["utility/event_sink.h", "platform/linux/"], BINDER + ["systemd/", "orb_platform/", "log/"]),
     "services/": (
         CONTRACT + ["include/", "utility/", "proto/", "services/", "serializer/telemetry_header.h"],
         BINDER + ["orb_platform/", "systemd/"],
@@ -52,7 +52,7 @@ RULES = {
          "collector/conf.h", "services/manager/control/", "tools/orbctl/"] + CONTRACT,
         BINDER + ["orb_platform/"],
     ),
-    "examples/": (["include/", "examples/"], []),
+    "examples/": (["include/"], []),
 }
 PRODUCT = ("utility/", "crypto/", "kpi/", "serializer/", "ipc/", "collector/")
 PLATFORM_PREFIXES = BINDER + ["systemd/", "orb_platform/", "log/", "android-base/", "dbus/"]
@@ -63,7 +63,7 @@ LINUX_ONLY = re.compile(r"sd_bus|dbus|DBus|#\s*if.*__ANDROID__|#\s*if.*__linux__
 def resolve(name, including):
     """Path of a project file that the include names, or None."""
     for base in ("", "include/", os.path.dirname(including) + "/"):
-        if os.path.isfile(base + name):
+        if os.path.exists(base + name):
             return os.path.normpath(base + name)
     if name.startswith("proto/"):
         return name  # Generated.
