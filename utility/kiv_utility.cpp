@@ -6,12 +6,12 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "include/orb_event_log.h"
 #include "utility/checked.h"
 #include "utility/event_sink.h"
 #include "utility/log.h"
+#include "utility/malloc_bytes.h"
 
 namespace {
 
@@ -58,25 +58,28 @@ PB_BIND(EventHeader, EventHeader, AUTO)
 PB_BIND(EventPayload, EventPayload, AUTO)
 PB_BIND(EventMessage, EventMessage, AUTO)
 
-struct Free {
-  void operator()(uint8_t* bytes) const { std::free(bytes); }
-};
-using Bytes = std::unique_ptr<uint8_t, Free>;
+using orb::MallocBytes;
 
-Bytes Allocate(size_t bytes) { return Bytes(static_cast<uint8_t*>(std::malloc(bytes))); }
+// Without data when there is no memory.
+MallocBytes Allocate(size_t bytes) {
+  MallocBytes out;
+  out.data = static_cast<uint8_t*>(std::malloc(bytes));
+  out.size = bytes;
+  return out;
+}
 
 // Installs the first bytes of the payload, which `buffer` and `copy` then own.
 void InstallPayload(const uint8_t* payload, size_t size, KivMessage* message, KivByteBuffer* buffer,
-                    Bytes* copy) {
+                    MallocBytes* copy) {
   if (size > KIV_EVENT_PAYLOAD_MAX) {
     size = KIV_EVENT_PAYLOAD_MAX;
     LOGI("Payload size exceeds max limit. Truncating it to %lu bytes",
          static_cast<unsigned long>(size));
   }
   *copy = Allocate(size);
-  if (*copy == nullptr) return;
-  std::memcpy(copy->get(), payload, size);
-  *buffer = {size, copy->get()};
+  if (copy->data == nullptr) return;
+  std::memcpy(copy->data, payload, size);
+  *buffer = {size, copy->data};
   message->payload.data = {encode_payload_callback, buffer};
 }
 
@@ -143,23 +146,23 @@ void kiv_event_log(uint32_t type, uint32_t module_hash, uint32_t event_hash, con
                    size_t payload_size) {
   KivMessage message = {};
   KivByteBuffer buffer = {};
-  Bytes copy;
+  MallocBytes copy;
   kiv_log_writeHeader(&message.header, module_hash, event_hash, type,
                       static_cast<uint32_t>(payload_size));
   if (payload != nullptr && payload_size != 0) {
     InstallPayload(payload, payload_size, &message, &buffer, &copy);
   }
-  const Bytes out = Allocate(kEncodedBytesMax);
+  const MallocBytes out = Allocate(kEncodedBytesMax);
   size_t written = 0;
   bool encoded = false;
-  if (out == nullptr) {
+  if (out.data == nullptr) {
     LOGI("Failed to allocate buffer");
   } else {
-    encoded = kiv_log_encode(&message, out.get(), kEncodedBytesMax, &written);
+    encoded = kiv_log_encode(&message, out.data, kEncodedBytesMax, &written);
     if (!encoded) LOGI("Failed to create a protobuf");
   }
   if (!encoded) LOGI("Failed to create the encoded protobuf");
-  log_buffer_as_int32(out.get(), written);
+  log_buffer_as_int32(out.data, written);
 }
 
 size_t convertBytestoInt32Array(const uint8_t* source, size_t length, int32_t* destination) {
@@ -179,10 +182,10 @@ size_t convertBytestoInt32Array(const uint8_t* source, size_t length, int32_t* d
 void log_buffer_as_int32(const uint8_t* buffer, size_t length) {
   if (buffer == nullptr || length == 0) return;
   const size_t count = orb::CheckedAdd<size_t>(length, sizeof(int32_t) - 1) / sizeof(int32_t);
-  const std::unique_ptr<int32_t, void (*)(void*)> words(
-      static_cast<int32_t*>(std::calloc(count, sizeof(int32_t))), std::free);
-  if (convertBytestoInt32Array(buffer, length, words.get()) != count) {
+  const MallocBytes out = Allocate(orb::CheckedMul<size_t>(count, sizeof(int32_t)));
+  auto* words = reinterpret_cast<int32_t*>(out.data);
+  if (convertBytestoInt32Array(buffer, length, words) != count) {
     LOGI("Failed to convert as Int array");
   }
-  if (words != nullptr) orb::WriteEventList(KIV_EVENT_TAG, words.get(), count);
+  if (words != nullptr) orb::WriteEventList(KIV_EVENT_TAG, words, count);
 }
