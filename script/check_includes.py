@@ -63,7 +63,7 @@ LINUX_ONLY = re.compile(r"sd_bus|dbus|DBus|#\s*if.*__ANDROID__|#\s*if.*__linux__
 def resolve(name, including):
     """Path of a project file that the include names, or None."""
     for base in ("", "include/", os.path.dirname(including) + "/"):
-        if os.path.exists(base + name):
+        if os.path.isfile(base + name):  # <utility> is not the folder.
             return os.path.normpath(base + name)
     if name.startswith("proto/"):
         return name  # Generated.
