@@ -65,6 +65,14 @@ TEST_F(GaugeWindowTest, TimeLimitIsComparedWithSeconds) {
   EXPECT_EQ(RecordCount(), 1u);
   Feed(&gauge, {{105, 7}});
   EXPECT_EQ(RecordCount(), 2u);
+  // The running count becomes the window's own at every closure and record.
+  EXPECT_EQ(gauge.sampleSpan, 4);
+  Feed(&gauge, {{105, 8}});
+  EXPECT_EQ(gauge.sampleSpan, 1);
+  Feed(&gauge, {{106, 9}, {107, 9}});
+  gauge.sampleSpan = 77;
+  gauge.Serialize();
+  EXPECT_EQ(gauge.sampleSpan, 3);
 }
 
 // Samples, and how many records and how many samples remain after the last.
