@@ -1,0 +1,6 @@
+// Tested by tests/ipc/transaction_test.cpp.
+#include "ipc/IKIVCallback.h"
+
+#include "ipc/BpKIVCallback.h"
+
+DO_NOT_DIRECTLY_USE_ME_IMPLEMENT_META_INTERFACE(KIVCallback, "IKIVCallback")

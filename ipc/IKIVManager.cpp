@@ -1,0 +1,6 @@
+// Tested by tests/ipc/transaction_test.cpp.
+#include "ipc/IKIVManager.h"
+
+#include "ipc/BpKIVManager.h"
+
+DO_NOT_DIRECTLY_USE_ME_IMPLEMENT_META_INTERFACE(KIVManager, "IKIVManager")

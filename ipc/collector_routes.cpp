@@ -1,0 +1,73 @@
+// Tested by tests/ipc/collector_routes_test.cpp.
+#include "ipc/collector_routes.h"
+
+#include "utility/checked.h"
+
+void CollectorRoutes::Add(const std::string& token, kiv_collector* collector) {
+  orb::MutexLock lock(mapMutex_);
+  tokens_[token] = collector;
+}
+
+void CollectorRoutes::Remove(const std::string& token) {
+  orb::MutexLock lock(mapMutex_);
+  tokens_.erase(token);
+}
+
+void CollectorRoutes::RemoveAll() {
+  orb::MutexLock lock(mapMutex_);
+  tokens_.clear();
+}
+
+void CollectorRoutes::AddRegion(uint32_t fdToken, const std::string& token) {
+  orb::MutexLock lock(mapMutex_);
+  const auto found = tokens_.find(token);
+  regions_[fdToken] = found == tokens_.end() ? nullptr : found->second;
+}
+
+void CollectorRoutes::RemoveRegion(uint32_t fdToken) {
+  orb::MutexLock lock(mapMutex_);
+  regions_.erase(fdToken);
+}
+
+CollectorRoutes::Pin CollectorRoutes::Find(const std::string& token) {
+  orb::MutexLock lock(mapMutex_);
+  const auto found = tokens_.find(token);
+  return PinLocked(found == tokens_.end() ? nullptr : found->second);
+}
+
+CollectorRoutes::Pin CollectorRoutes::FindRegion(uint32_t fdToken) {
+  orb::MutexLock lock(mapMutex_);
+  const auto found = regions_.find(fdToken);
+  return PinLocked(found == regions_.end() ? nullptr : found->second);
+}
+
+std::vector<CollectorRoutes::Pin> CollectorRoutes::FindAll() {
+  orb::MutexLock lock(mapMutex_);
+  std::vector<Pin> all;
+  all.reserve(tokens_.size());
+  for (const auto& entry : tokens_) all.push_back(PinLocked(entry.second));
+  return all;
+}
+
+void CollectorRoutes::Forget(kiv_collector* collector) {
+  const auto names_it = [collector](const auto& entry) { return entry.second == collector; };
+  orb::MutexLock lock(mapMutex_);
+  std::erase_if(tokens_, names_it);
+  std::erase_if(regions_, names_it);
+  while (pins_.count(collector) != 0) unpinned_.Wait(mapMutex_);
+}
+
+CollectorRoutes::Pin CollectorRoutes::PinLocked(kiv_collector* collector) {
+  if (collector == nullptr) return Pin();
+  uint32_t& count = pins_[collector];
+  count = orb::CheckedAdd<uint32_t>(count, 1);
+  return Pin(this, collector);
+}
+
+void CollectorRoutes::Unpin(kiv_collector* collector) {
+  orb::MutexLock lock(mapMutex_);
+  const auto pin = pins_.find(collector);
+  if (--pin->second > 0) return;
+  pins_.erase(pin);
+  unpinned_.NotifyAll();
+}

@@ -1,0 +1,73 @@
+// Which collector a token of the manager, or a region token of the HAL, names.
+//
+// A look-up pins the collector: whoever destroys it first calls Forget, which
+// removes its entries and waits until the last pin is gone. So a callback never
+// reaches a destroyed collector, although it holds no lock while it runs.
+//
+// Thread-safe. The one mutex is a leaf: nothing is called with it held.
+// Tested by tests/ipc/collector_routes_test.cpp.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "utility/thread_annotations.h"
+
+struct kiv_collector;
+
+class CollectorRoutes {
+ public:
+  // Move-only. Must not outlive the routes. Empty when nothing was found.
+  class Pin {
+   public:
+    Pin() = default;
+    Pin(Pin&& other) noexcept
+        : routes_(std::exchange(other.routes_, nullptr)),
+          collector_(std::exchange(other.collector_, nullptr)) {}
+    Pin& operator=(Pin&&) = delete;
+    ~Pin() {
+      if (routes_ != nullptr) routes_->Unpin(collector_);
+    }
+    kiv_collector* operator->() const { return collector_; }
+    explicit operator bool() const { return collector_ != nullptr; }
+
+   private:
+    friend class CollectorRoutes;
+    Pin(CollectorRoutes* routes, kiv_collector* collector)
+        : routes_(routes), collector_(collector) {}
+    CollectorRoutes* routes_ = nullptr;
+    kiv_collector* collector_ = nullptr;
+  };
+
+  // Replaces an entry of the same token.
+  void Add(const std::string& token, kiv_collector* collector) EXCLUDES(mapMutex_);
+  void Remove(const std::string& token) EXCLUDES(mapMutex_);
+  // Forgets all tokens; region tokens stay.
+  void RemoveAll() EXCLUDES(mapMutex_);
+
+  // The region belongs to the collector of the token; to none if that is unknown.
+  void AddRegion(uint32_t fdToken, const std::string& token) EXCLUDES(mapMutex_);
+  void RemoveRegion(uint32_t fdToken) EXCLUDES(mapMutex_);
+
+  Pin Find(const std::string& token) EXCLUDES(mapMutex_);
+  Pin FindRegion(uint32_t fdToken) EXCLUDES(mapMutex_);
+  // One pin for each token, in the tokens' order.
+  std::vector<Pin> FindAll() EXCLUDES(mapMutex_);
+
+  // Blocks while the collector is pinned. The caller holds no lock that a
+  // pinned call might need, and is not inside such a call itself.
+  void Forget(kiv_collector* collector) EXCLUDES(mapMutex_);
+
+ private:
+  Pin PinLocked(kiv_collector* collector) REQUIRES(mapMutex_);
+  void Unpin(kiv_collector* collector) EXCLUDES(mapMutex_);
+
+  orb::Mutex mapMutex_;
+  orb::CondVar unpinned_;
+  std::map<std::string, kiv_collector*> tokens_ GUARDED_BY(mapMutex_);
+  std::map<uint32_t, kiv_collector*> regions_ GUARDED_BY(mapMutex_);
+  std::map<kiv_collector*, uint32_t> pins_ GUARDED_BY(mapMutex_);  // Pinned ones only.
+};

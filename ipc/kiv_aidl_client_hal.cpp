@@ -1,0 +1,176 @@
+// The way to the HAL: uploads by message queue, regions of shared memory.
+// Tested by tests/ipc/hal_client_test.cpp.
+#include <aidl/android/hardware/common/NativeHandle.h>
+#include <aidl/vendor/nuv/orbsyshal_aidl/IOrbsyshal.h>
+#include <android/binder_manager.h>
+#include <android/binder_process.h>
+#include <cutils/native_handle.h>
+#include <fcntl.h>
+#include <fmq/AidlMessageQueue.h>
+
+#include "ipc/kiv_aidl_client.h"
+#include "ipc/orbsyshal_fd_callback.h"
+#include "utility/checked.h"
+#include "utility/log.h"
+
+using ::aidl::android::hardware::common::NativeHandle;
+using ::aidl::android::hardware::common::fmq::SynchronizedReadWrite;
+using ::aidl::vendor::nuv::orbsyshal_aidl::IOrbsyshal;
+
+namespace {
+
+using Queue = ::android::AidlMessageQueue<int8_t, SynchronizedReadWrite>;
+
+constexpr char kHalService[] = "vendor.nuv.orbsyshal_aidl.IOrbsyshal/default";
+
+// A queue of no bytes is invalid and takes nothing.
+bool Write(Queue* queue, const uint8_t* bytes, uint32_t count) {
+  if (!queue->isValid()) return false;
+  return count == 0 || queue->write(reinterpret_cast<const int8_t*>(bytes), count);
+}
+
+}  // namespace
+
+void kivAIDLClient::serviceDied(void*) {
+  LOGI("OrbsyshalDeathRecipeint - Orbsyshal Server has died");
+  const std::shared_ptr<kivAIDLClient> client = getClientInstance();
+  if (client != nullptr) client->processLostOrbsyshalConn();
+}
+
+void kivAIDLClient::processLostOrbsyshalConn() {
+  orb::MutexLock lock(mutex_);
+  hal_ = nullptr;
+  fdCallback_ = nullptr;
+}
+
+bool kivAIDLClient::initOrbsyshalHandle() {
+  LOGE("%s: getting new instance of IOrbsyshal", "initOrbsyshalHandle");
+  // Completions and the death notice arrive on the NDK library's own threads,
+  // which in a vendor process are not those of the manager's interface.
+  ABinderProcess_startThreadPool();
+  const ::ndk::SpAIBinder binder(AServiceManager_checkService(kHalService));
+  if (binder.get() == nullptr) {
+    LOGE("[ERROR] orbsyshal service doesn't exist");
+    return false;
+  }
+  hal_ = IOrbsyshal::fromBinder(binder);
+  if (hal_ == nullptr) {
+    LOGE("[ERROR] Failed to bind orbsyshal service");
+    return false;
+  }
+  LOGI("%s: got new instance of IOrbsyshal", "initOrbsyshalHandle");
+  halDeath_.set(AIBinder_DeathRecipient_new(serviceDied));
+  if (AIBinder_linkToDeath(binder.get(), halDeath_.get(), nullptr) != STATUS_OK) {
+    LOGE("%s: transport error in orbsyshal->linkToDeath", "initOrbsyshalHandle");
+  } else {
+    LOGI("Registered orbsyshal death recipient");
+  }
+  fdCallback_ = ::ndk::SharedRefBase::make<OrbsyshalFDCallback>();
+  return true;
+}
+
+int kivAIDLClient::sendData(const std::string&, const std::string& name, const uint8_t* header,
+                            uint32_t headerLen, const uint8_t* data, uint32_t dataLen,
+                            const uint8_t* footer, uint32_t footerLen) {
+  orb::MutexLock lock(mutex_);
+  if (hal_ == nullptr && !initOrbsyshalHandle()) {
+    LOGE("%s: could not initialize orbsyshal handle", "sendData");
+    return -1;
+  }
+  const uint32_t total_bytes =
+      orb::CheckedAdd<uint32_t>(orb::CheckedAdd<uint32_t>(headerLen, dataLen), footerLen);
+  Queue queue(total_bytes);
+  bool done = false;
+  if (!hal_->configure_fmq(queue.dupeDesc(), &done).isOk()) return -1;
+  if (!done) {
+    LOGE("[ERROR] Failed to configure fmq");
+    return -1;
+  }
+  const bool header_done = Write(&queue, header, headerLen);
+  const bool data_done = Write(&queue, data, dataLen);
+  const bool footer_done = footerLen == 0 || Write(&queue, footer, footerLen);
+  if (!header_done || !data_done || !footer_done) {
+    LOGE("[ERROR] Failed to write data to fmq header %d data %d footer %d", header_done, data_done,
+         footer_done);
+    return -1;
+  }
+  done = false;
+  if (!hal_->request_read(name, static_cast<int32_t>(total_bytes), &done).isOk() || !done) {
+    LOGE("[ERROR] orbsyshal->request_read() failed");
+    return -1;
+  }
+  LOGD("orbsyshal->request_read() succeeded");
+  return 0;
+}
+
+int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, const std::string& token,
+                           uint32_t* fdToken) {
+  orb::MutexLock lock(mutex_);
+  if (hal_ == nullptr && !initOrbsyshalHandle()) {
+    LOGE("%s: could not initialize orbsyshal handle", "setupFD");
+    return -1;
+  }
+  native_handle_t* const handle = native_handle_create(1, 2);
+  if (handle == nullptr) return -1;
+  handle->data[0] = fd;
+  handle->data[1] = static_cast<int>(offset);
+  handle->data[2] = static_cast<int>(length);
+  const NativeHandle region = makeToAidl(handle);
+  native_handle_delete(handle);  // Does not close fd, the caller's.
+
+  SetFdResult result;
+  if (!hal_->set_fd(region, fdCallback_, &result).isOk()) {
+    LOGE("%s: orbsyshal->set_fd() hidl transport error", "setupFD");
+    return -1;
+  }
+  if (result.result != 0) return result.result;
+  const uint32_t given = static_cast<uint32_t>(result.fdToken);
+  if (given != 0) {
+    *fdToken = given;
+    routes_.AddRegion(given, token);
+  }
+  return 0;
+}
+
+int kivAIDLClient::FdWrite(const std::string&, uint32_t fdToken, const std::string& name,
+                           const std::vector<uint8_t>& header, uint32_t offset, uint32_t size,
+                           CompressType compress) {
+  orb::MutexLock lock(mutex_);
+  if (hal_ == nullptr) {
+    LOGE("%s: orbsyshal handle is null", "FdWrite");
+    return -1;
+  }
+  const bool known = compress == COMPRESS_TYPE_1 || compress == COMPRESS_TYPE_2;
+  int32_t result = -1;
+  if (!hal_->fd_write_to_system_dropbox(name, header, static_cast<int32_t>(fdToken),
+                                        static_cast<int32_t>(offset), static_cast<int32_t>(size),
+                                        known ? compress : COMPRESS_NONE, &result)
+           .isOk()) {
+    LOGE("%s: orbsyshal->fd_write_to_system_dropbox() HIDL transport error", "FdWrite");
+    return -1;
+  }
+  return result;
+}
+
+int kivAIDLClient::UnsetFD(const std::string&, uint32_t fdToken) {
+  orb::MutexLock lock(mutex_);
+  if (hal_ == nullptr) {
+    LOGE("%s: orbsyshal handle is null", "UnsetFD");
+    return -1;
+  }
+  const bool told = hal_->unset_fd(static_cast<int32_t>(fdToken)).isOk();
+  if (!told) {
+    LOGE("%s: orbsyshal->unset_fd(%d) HIDL transport error", "UnsetFD", static_cast<int>(fdToken));
+  }
+  routes_.RemoveRegion(fdToken);
+  return told ? 0 : -1;
+}
+
+NativeHandle kivAIDLClient::makeToAidl(const native_handle* handle) {
+  NativeHandle copy;
+  for (int i = 0; i < handle->numFds; ++i) {
+    copy.fds.emplace_back(fcntl(handle->data[i], F_DUPFD_CLOEXEC, 0));
+  }
+  copy.ints.assign(handle->data + handle->numFds, handle->data + handle->numFds + handle->numInts);
+  return copy;
+}

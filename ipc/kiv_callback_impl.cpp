@@ -1,0 +1,65 @@
+// Tested by tests/ipc/kiv_callback_impl_test.cpp.
+#include "ipc/kiv_callback_impl.h"
+
+#include <memory>
+
+#include "collector/kiv_collector.h"
+#include "ipc/kiv_aidl_client.h"
+#include "utility/log.h"
+
+using ::android::binder::Status;
+
+namespace {
+
+// Empty, and logged, for a token that names no collector.
+CollectorRoutes::Pin FindCollector(const char* method, const std::string& token) {
+  const std::shared_ptr<kivAIDLClient> client = kivAIDLClient::getClientInstance();
+  CollectorRoutes::Pin collector =
+      client != nullptr ? client->routes().Find(token) : CollectorRoutes::Pin();
+  if (!collector) LOGE("%s - No entry found for token: %s", method, token.c_str());
+  return collector;
+}
+
+}  // namespace
+
+Status KIVCallbackImpl::StartSession(const std::string& token, const KIVCampConfig& config,
+                                     int32_t* _aidl_return) {
+  *_aidl_return = -1;
+  if (const auto collector = FindCollector("StartSession", token)) {
+    // Also a start that is refused leaves its campaign's id behind.
+    collector->SetCampaignId(static_cast<uint64_t>(config.campId));
+    *_aidl_return = collector->StartSession(config);
+  }
+  return Status::ok();
+}
+
+Status KIVCallbackImpl::StopSession(const std::string& token, int64_t campId) {
+  if (const auto collector = FindCollector("StopSession", token)) {
+    LOGI("%s - camp stop event received, camp id - % lld  token - %s", "StopSession",
+         static_cast<long long>(campId), token.c_str());
+    collector->StopSession();
+  }
+  return Status::ok();
+}
+
+Status KIVCallbackImpl::StartSessionforLicSN(const std::string& token, int64_t campId,
+                                             int64_t licSN) {
+  if (const auto collector = FindCollector("StartSessionforLicSN", token)) {
+    LOGI("%s - camp start event received for LicSN - %llu camp id - % lld  token - %s",
+         "StartSessionforLicSN", static_cast<unsigned long long>(licSN),
+         static_cast<long long>(campId), token.c_str());
+    collector->StartSessionForLicSN(static_cast<uint64_t>(licSN));
+  }
+  return Status::ok();
+}
+
+Status KIVCallbackImpl::StopSessionforLicSN(const std::string& token, int64_t campId,
+                                            int64_t licSN) {
+  if (const auto collector = FindCollector("StopSessionforLicSN", token)) {
+    LOGI("%s - camp stop event received for LicSN - %llu camp id - % lld  token - %s",
+         "StopSessionforLicSN", static_cast<unsigned long long>(licSN),
+         static_cast<long long>(campId), token.c_str());
+    collector->StopSessionForLicSN(static_cast<uint64_t>(licSN));
+  }
+  return Status::ok();
+}
