@@ -2,7 +2,6 @@
 // Tested by tests/ipc/manager_client_test.cpp.
 #include "ipc/kiv_aidl_client.h"
 
-#include <aidl/vendor/nuv/orbsyshal_aidl/IOrbsyshal.h>
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
 #include <binder/Status.h>
@@ -11,7 +10,6 @@
 #include "collector/kiv_collector.h"
 #include "ipc/BpKIVManager.h"
 #include "ipc/kiv_callback_impl.h"
-#include "ipc/orbsyshal_fd_callback.h"
 #include "ipc/orbv_death_recipient.h"
 #include "utility/log.h"
 

@@ -70,7 +70,8 @@ TEST_F(ManagerClientTest, RefusalsAreReportedAndLeaveNoTrace) {
       {Status::fromExceptionCode(Status::EX_ILLEGAL_STATE),
        "registerClient - failed with error - -5"},
       {Status::fromServiceSpecificError(3), "registerClient - failed with error - -8"},
-      {Status::fromStatusT(android::DEAD_OBJECT), "registerClient - failed with error - -129"},
+      {Status::fromStatusT(android::FAILED_TRANSACTION),
+       "registerClient - failed with error - -129"},
   };
   for (const auto& refusal : kRefusals) {
     SCOPED_TRACE(refusal.line);
