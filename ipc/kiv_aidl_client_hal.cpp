@@ -16,6 +16,7 @@
 using ::aidl::android::hardware::common::NativeHandle;
 using ::aidl::android::hardware::common::fmq::SynchronizedReadWrite;
 using ::aidl::vendor::nuv::orbsyshal_aidl::IOrbsyshal;
+using ::aidl::vendor::nuv::orbsyshal_aidl::SetFdResult;
 
 namespace {
 
