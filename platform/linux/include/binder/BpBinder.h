@@ -34,10 +34,10 @@ class BpBinder : public IBinder {
   // Unique in this process, never 0 and never used again.
   int32_t handle() const;
 
-  // For the transports. markDead() only turns isBinderAlive() false; then
-  // sendObituary() runs every armed link on the calling thread, once.
-  void markDead();
-  bool hasLinks() const;
+  // For the transports. markDead() turns isBinderAlive() false and tells
+  // whether links are armed; sendObituary(), later and unlocked, runs them on
+  // the calling thread, once.
+  bool markDead();
   void sendObituary();
   const std::shared_ptr<orb_platform::RemoteTarget>& target() const;
 

@@ -1,0 +1,145 @@
+// Life and death of a proxy; the target does the talking.
+// Tested by tests/platform/contract_test.cpp.
+#include <binder/BpBinder.h>
+#include <binder/Parcel.h>
+
+#include <atomic>
+#include <vector>
+
+#include "platform/linux/src/remote_target.h"
+#include "utility/thread_annotations.h"
+
+namespace android {
+
+namespace {
+
+struct Link {
+  wp<IBinder::DeathRecipient> recipient;
+  void* cookie;
+  uint32_t flags;
+};
+
+std::atomic<int32_t> last_handle{0};
+
+}  // namespace
+
+struct BpBinder::State {
+  explicit State(std::shared_ptr<orb_platform::RemoteTarget> to)
+      : target(std::move(to)), handle(++last_handle) {}
+
+  const std::shared_ptr<orb_platform::RemoteTarget> target;
+  const int32_t handle;
+  std::atomic<bool> alive{true};
+
+  orb::Mutex mutex;
+  // The owner is gone, which a DEAD_OBJECT from a handler does not say.
+  bool owner_gone GUARDED_BY(mutex) = false;
+  bool reported GUARDED_BY(mutex) = false;
+  std::vector<Link> links GUARDED_BY(mutex);
+  bool descriptor_known GUARDED_BY(mutex) = false;
+  String16 descriptor GUARDED_BY(mutex);
+};
+
+BpBinder::BpBinder(std::shared_ptr<orb_platform::RemoteTarget> target)
+    : state_(new State(std::move(target))) {}
+BpBinder::~BpBinder() = default;
+
+sp<BpBinder> BpBinder::create(std::shared_ptr<orb_platform::RemoteTarget> target) {
+  return sp<BpBinder>(new BpBinder(std::move(target)));
+}
+
+void BpBinder::onLastStrongRef(const void*) { state_->target->Released(this); }
+
+int32_t BpBinder::handle() const { return state_->handle; }
+bool BpBinder::isBinderAlive() const { return state_->alive.load(); }
+BpBinder* BpBinder::remoteBinder() { return this; }
+const std::shared_ptr<orb_platform::RemoteTarget>& BpBinder::target() const {
+  return state_->target;
+}
+
+const String16& BpBinder::getInterfaceDescriptor() const {
+  State& state = *state_;
+  {
+    orb::MutexLock lock(state.mutex);
+    if (state.descriptor_known) return state.descriptor;
+  }
+  Parcel data;
+  Parcel reply;
+  const status_t status =
+      const_cast<BpBinder*>(this)->transact(INTERFACE_TRANSACTION, data, &reply, 0);
+  String16 descriptor;
+  const bool known = status == OK && reply.readString16(&descriptor) == OK;
+  orb::MutexLock lock(state.mutex);
+  if (known && !state.descriptor_known) {
+    state.descriptor = descriptor;
+    state.descriptor_known = true;
+  }
+  return state.descriptor;
+}
+
+status_t BpBinder::pingBinder() {
+  Parcel data;
+  Parcel reply;
+  return transact(PING_TRANSACTION, data, &reply, 0);
+}
+
+status_t BpBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
+  if (!isBinderAlive()) return DEAD_OBJECT;
+  if (data.errorCheck() != OK) return data.errorCheck();
+  if (orb_platform::ExceedsLimit(data, flags)) return FAILED_TRANSACTION;
+  if ((flags & FLAG_CLEAR_BUF) != 0) data.markSensitive();
+  const status_t status = state_->target->Transact(code, data, reply, flags);
+  if (status == DEAD_OBJECT) state_->alive.store(false);
+  return status;
+}
+
+status_t BpBinder::linkToDeath(const sp<DeathRecipient>& recipient, void* cookie, uint32_t flags) {
+  if (recipient == nullptr) return BAD_VALUE;
+  bool gone = false;
+  {
+    orb::MutexLock lock(state_->mutex);
+    if (state_->reported) return DEAD_OBJECT;
+    state_->links.push_back({recipient, cookie, flags});
+    gone = state_->owner_gone;
+  }
+  if (gone) state_->target->PostObituary(sp<BpBinder>(this));
+  return OK;
+}
+
+status_t BpBinder::unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie, uint32_t flags,
+                                 wp<DeathRecipient>* outRecipient) {
+  orb::MutexLock lock(state_->mutex);
+  if (state_->reported) return DEAD_OBJECT;
+  const wp<DeathRecipient> any;
+  for (auto it = state_->links.begin(); it != state_->links.end(); ++it) {
+    const bool same = it->recipient == recipient || (recipient == any && it->cookie == cookie);
+    if (!same || it->flags != flags) continue;
+    if (outRecipient != nullptr) *outRecipient = it->recipient;
+    state_->links.erase(it);
+    return OK;
+  }
+  return NAME_NOT_FOUND;
+}
+
+bool BpBinder::markDead() {
+  orb::MutexLock lock(state_->mutex);
+  state_->owner_gone = true;
+  state_->alive.store(false);
+  return !state_->links.empty();
+}
+
+void BpBinder::sendObituary() {
+  std::vector<Link> links;
+  {
+    orb::MutexLock lock(state_->mutex);
+    if (state_->reported) return;
+    state_->reported = true;
+    links.swap(state_->links);
+  }
+  for (const Link& link : links) {
+    const sp<DeathRecipient> recipient = link.recipient.promote();
+    if (recipient != nullptr) recipient->binderDied(wp<IBinder>(this));
+  }
+}
+
+}  // namespace android

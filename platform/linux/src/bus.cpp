@@ -1,0 +1,235 @@
+// The connection, and waiting on it.
+// Tested by tests/platform/contract_test.cpp and bus_test.cpp.
+#include "platform/linux/src/bus.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "platform/linux/src/bus_names.h"
+#include "platform/linux/src/threads.h"
+#include "platform/linux/src/worker_pool.h"
+
+namespace orb_platform {
+
+Bus& Bus::Get() {
+  static Bus* const bus = new Bus();
+  return *bus;
+}
+
+Bus::Bus() = default;
+
+bool Bus::Connect() {
+  orb::MutexLock lock(mutex_);
+  return ConnectLocked();
+}
+
+bool Bus::ConnectLocked() {
+  if (bus_ != nullptr) return true;
+  const char* const address = getenv("ORB_BUS_ADDRESS");
+  sd_bus* bus = nullptr;
+  int result = 0;
+  if (address != nullptr && *address != 0) {
+    result = sd_bus_new(&bus);
+    if (result >= 0) result = sd_bus_set_address(bus, address);
+    if (result >= 0) result = sd_bus_set_bus_client(bus, 1);
+    if (result >= 0) result = sd_bus_start(bus);
+  } else {
+    result = sd_bus_open_system(&bus);
+  }
+  // Waits for the daemon's greeting, so that the connection is known to work.
+  const char* name = nullptr;
+  if (result >= 0) result = sd_bus_get_unique_name(bus, &name);
+  if (result >= 0) result = sd_bus_add_filter(bus, nullptr, OnMessage, this);
+  if (result < 0) {
+    if (bus != nullptr) sd_bus_close_unref(bus);
+    return false;
+  }
+  bus_ = bus;
+  connection_++;
+  poller_.Attach(sd_bus_get_fd(bus_));
+  if (!reader_started_) {
+    reader_started_ = true;
+    StartThread("binder-reader", [this] { ReadForever(); });
+  }
+  Process();  // What came behind the greeting is in the binding's own buffer.
+  Rearm();
+  return bus_ != nullptr;
+}
+
+void Bus::ReadForever() {
+  for (;;) {
+    poller_.WaitReader();
+    orb::MutexLock lock(mutex_);
+    Process();
+    Rearm();
+  }
+}
+
+void Bus::Sit() {
+  orb::MutexLock lock(mutex_);
+  seated_ = true;
+  Rearm();
+  for (;;) {
+    mutex_.Unlock();
+    const bool ready = poller_.WaitSeat();
+    mutex_.Lock();
+    if (!ready) break;
+    Process();
+    Rearm();
+    if (WorkerPool::Get().HasWork()) break;
+  }
+  seated_ = false;
+  Rearm();
+}
+
+void Bus::Process() {
+  if (bus_ == nullptr) return;
+  int result;
+  while ((result = sd_bus_process(bus_, nullptr)) > 0) {
+  }
+  for (const std::unique_ptr<Peer>& peer : buried_) {
+    sd_bus_slot_unref(peer->watch);
+    sd_bus_slot_unref(peer->check);
+  }
+  buried_.clear();
+  if (result < 0 || sd_bus_is_open(bus_) <= 0) Disconnected();
+}
+
+// Every remote is dead, every call has failed, every name is lost. The next
+// use connects again.
+void Bus::Disconnected() {
+  poller_.Detach();
+  sd_bus* const bus = std::exchange(bus_, nullptr);
+  std::map<std::string, std::unique_ptr<Peer>> peers;
+  peers.swap(peers_);
+  for (auto& [name, peer] : peers) {
+    sd_bus_slot_unref(peer->watch);
+    sd_bus_slot_unref(peer->check);
+    peer->watch = peer->check = nullptr;
+    Bury(std::move(peer));
+  }
+  buried_.clear();
+  services_.clear();
+  for (auto& [id, exported] : exports_) {
+    exported.names = 0;
+    exported.holders.clear();
+  }
+  while (!exports_.empty()) DropIfUnused(exports_.begin()->first);
+  for (Pending* pending : pending_) Finish(pending);
+  sd_bus_close_unref(bus);
+}
+
+void Bus::Rearm() {
+  if (bus_ == nullptr) return;
+  const Turn turn = leader_ != nullptr ? Turn::kCaller : seated_ ? Turn::kSeat : Turn::kReader;
+  const int events = sd_bus_get_events(bus_);
+  poller_.Set(turn, events < 0 ? POLLIN : events);
+}
+
+sd_bus_message* Bus::NewCall(const char* destination, const char* path, const char* interface,
+                             const char* member) {
+  sd_bus_message* call = nullptr;
+  if (sd_bus_message_new_method_call(bus_, &call, destination, path, interface, member) < 0) {
+    return nullptr;
+  }
+  sd_bus_message_set_auto_start(call, 0);
+  return call;
+}
+
+bool Bus::Send(sd_bus_message* message) {
+  const bool sent = bus_ != nullptr && sd_bus_send(bus_, message, nullptr) >= 0;
+  Rearm();
+  return sent;
+}
+
+void Bus::Unref(sd_bus_message* message) {
+  orb::MutexLock lock(mutex_);
+  sd_bus_message_unref(message);
+}
+
+int Bus::OnReply(sd_bus_message* reply, void* pending, sd_bus_error*) NO_THREAD_SAFETY_ANALYSIS {
+  auto* const waiting = static_cast<Pending*>(pending);
+  waiting->reply = sd_bus_message_ref(reply);
+  Get().Finish(waiting);
+  return 1;
+}
+
+void Bus::Finish(Pending* pending) {
+  pending->done = true;
+  if (pending != leader_) {
+    pending->replied.NotifyOne();
+  } else if (!leader_reads_) {
+    poller_.WakeCaller();
+  }
+}
+
+sd_bus_message* Bus::CallAndWait(sd_bus_message* call,
+                                 std::optional<std::chrono::milliseconds> timeout) {
+  Pending pending;
+  if (timeout) pending.deadline = Clock::now() + *timeout;
+  const int sent =
+      call == nullptr ? -ENOMEM
+                      : sd_bus_call_async(bus_, &pending.slot, call, OnReply, &pending, UINT64_MAX);
+  sd_bus_message_unref(call);
+  if (sent < 0) {
+    Rearm();
+    return nullptr;
+  }
+  Await(&pending);
+  sd_bus_slot_unref(pending.slot);
+  return pending.reply;
+}
+
+void Bus::Await(Pending* pending) {
+  pending_.push_back(pending);
+  const auto expired = [pending] {
+    return pending->deadline && Clock::now() >= *pending->deadline;
+  };
+  while (!pending->done && !expired()) {
+    if (leader_ == nullptr) {
+      Lead(pending);
+    } else {
+      // What this call could not write yet is the leader's to write.
+      Rearm();
+      if (pending->deadline) {
+        pending->replied.WaitUntil(mutex_, *pending->deadline);
+      } else {
+        pending->replied.Wait(mutex_);
+      }
+    }
+  }
+  pending_.erase(std::find(pending_.begin(), pending_.end(), pending));
+  if (leader_ == nullptr && !pending_.empty()) pending_.front()->replied.NotifyOne();
+  Rearm();
+}
+
+void Bus::Lead(Pending* pending) {
+  leader_ = pending;
+  Rearm();
+  while (!pending->done) {
+    int timeout_ms = -1;
+    if (pending->deadline) {
+      const auto left =
+          std::chrono::ceil<std::chrono::milliseconds>(*pending->deadline - Clock::now());
+      if (left.count() <= 0) break;
+      timeout_ms = static_cast<int>(left.count());
+    }
+    const int fd = poller_.fd();
+    const int events = poller_.caller_events();
+    mutex_.Unlock();
+    BusPoller::WaitCaller(fd, poller_.caller_fd(), events, timeout_ms);
+    mutex_.Lock();
+    poller_.DrainCaller();
+    leader_reads_ = true;
+    Process();
+    leader_reads_ = false;
+    Rearm();
+  }
+  leader_ = nullptr;
+}
+
+}  // namespace orb_platform

@@ -1,0 +1,201 @@
+// This process's connection to the bus: calls out, calls in, who holds what.
+//
+// The binding is not thread-safe, so everything happens under mutex_. One
+// thread at a time waits on the socket: a thread that waits for its own reply
+// if there is one, else the worker in the seat, else the reader thread. What it
+// reads is only queued or handed to its waiter; no handler runs there. Which of
+// them waits is a matter of epoll masks, so that nobody has to be woken up when
+// it changes. docs/formats/bus.md has the messages.
+//
+// Objects. A local binder that was sent away is kept in exports_ with a count
+// of sends per holder; a holder's Release gives back as many as it received, so
+// that a send under way is never forgotten. A peer is watched from when the
+// first object goes to or comes from it.
+#pragma once
+
+#include <binder/Binder.h>
+#include <binder/BpBinder.h>
+#include <binder/Parcel.h>
+#include <systemd/sd-bus.h>
+
+#include <chrono>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/linux/src/bus_poller.h"
+#include "platform/linux/src/caller.h"
+#include "platform/linux/src/remote_target.h"
+#include "utility/thread_annotations.h"
+
+namespace orb_platform {
+
+class Bus;
+
+class BusTarget : public RemoteTarget {
+ public:
+  BusTarget(uint64_t connection, std::string peer, uint64_t id);
+  android::status_t Transact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
+                             uint32_t flags) override;
+  void Released(android::BpBinder* proxy) override;
+  void PostObituary(const android::sp<android::BpBinder>& proxy) override;
+
+  const uint64_t connection;
+  const std::string peer;
+  const uint64_t id;
+  const std::string path;
+};
+
+// One incoming call; the message is only touched under the bus's mutex, but its
+// body may be read without.
+struct Incoming {
+  sd_bus_message* message = nullptr;
+  Caller caller;
+  android::sp<android::BBinder> target;
+  bool oneway = false;
+  uint32_t code = 0;
+  uint32_t flags = 0;
+  const void* data = nullptr;
+  size_t bytes = 0;
+};
+
+// Thread-safe; lives until the process ends.
+class Bus {
+ public:
+  static Bus& Get();
+
+  // Connects unless connected. False when there is no bus.
+  bool Connect() EXCLUDES(mutex_);
+  android::status_t Transact(const BusTarget& target, uint32_t code, const android::Parcel& data,
+                             android::Parcel* reply, uint32_t flags) EXCLUDES(mutex_);
+  void ReleaseProxy(const BusTarget& target, const android::BpBinder* proxy) EXCLUDES(mutex_);
+
+  // Null when nobody owns the name, or its owner did not answer in time.
+  android::sp<android::IBinder> FindService(const std::string& bus_name) EXCLUDES(mutex_);
+  // 0 or the code of an exception.
+  int32_t AddService(const std::string& bus_name, const android::sp<android::BBinder>& service)
+      EXCLUDES(mutex_);
+  std::vector<std::string> ListNames() EXCLUDES(mutex_);
+  Credentials CredentialsOf(const Caller& caller) EXCLUDES(mutex_);
+
+  // The worker's seat: Sit() returns once there is work or Wake() was called.
+  void Sit() EXCLUDES(mutex_);
+  void Wake() { poller_.WakeSeat(); }  // Async-signal-safe.
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  // One call of ours that waits for its reply.
+  struct Pending {
+    bool done = false;
+    sd_bus_message* reply = nullptr;  // Null when the connection ended first.
+    sd_bus_slot* slot = nullptr;
+    std::optional<Clock::time_point> deadline;
+    orb::CondVar replied;
+  };
+  struct Proxy {
+    android::BpBinder* raw;  // Valid while listed: ReleaseProxy comes before its end.
+    android::wp<android::BpBinder> weak;
+    uint64_t received;  // Times that the owner counted.
+  };
+  struct Peer {
+    Bus* bus;
+    std::string name;
+    sd_bus_slot* watch = nullptr;
+    sd_bus_slot* check = nullptr;
+    std::optional<Credentials> credentials;
+    std::map<uint64_t, Proxy> proxies;
+  };
+  struct OnewayQueue {
+    std::deque<std::shared_ptr<Incoming>> calls;
+    bool busy = false;
+  };
+  struct Export {
+    android::sp<android::BBinder> binder;
+    uint64_t names = 0;
+    std::map<std::string, uint64_t> holders;  // Sends not given back, by peer.
+    std::shared_ptr<OnewayQueue> oneway = std::make_shared<OnewayQueue>();
+  };
+
+  Bus();
+
+  // bus.cpp: the connection, and waiting on it.
+  bool ConnectLocked() REQUIRES(mutex_);
+  void Process() REQUIRES(mutex_);
+  void Disconnected() REQUIRES(mutex_);
+  void Rearm() REQUIRES(mutex_);
+  void ReadForever() EXCLUDES(mutex_);
+  sd_bus_message* NewCall(const char* destination, const char* path, const char* interface,
+                          const char* member) REQUIRES(mutex_);
+  // Sends `call`, gives it up, and waits. Null when the connection ended or the
+  // timeout passed; else a reply or an error, to be freed with Unref.
+  sd_bus_message* CallAndWait(sd_bus_message* call,
+                              std::optional<std::chrono::milliseconds> timeout = {})
+      REQUIRES(mutex_);
+  void Await(Pending* pending) REQUIRES(mutex_);
+  void Lead(Pending* pending) REQUIRES(mutex_);
+  void Finish(Pending* pending) REQUIRES(mutex_);
+  bool Send(sd_bus_message* message) REQUIRES(mutex_);
+  void Unref(sd_bus_message* message) EXCLUDES(mutex_);
+  static int OnReply(sd_bus_message* reply, void* pending, sd_bus_error*);
+
+  // bus_objects.cpp: peers, exports, proxies.
+  Peer* EnsurePeer(const std::string& name) REQUIRES(mutex_);
+  void PeerDied(const std::string& name) REQUIRES(mutex_);
+  void Bury(std::unique_ptr<Peer> peer) REQUIRES(mutex_);
+  uint64_t ExportTo(const android::sp<android::BBinder>& binder, const std::string& holder)
+      REQUIRES(mutex_);
+  uint64_t ExportId(const android::sp<android::BBinder>& binder) REQUIRES(mutex_);
+  void GiveBack(uint64_t id, const std::string& holder, uint64_t count) REQUIRES(mutex_);
+  void DropIfUnused(uint64_t id) REQUIRES(mutex_);
+  void DropReferences() EXCLUDES(mutex_);
+  bool MayUse(const Export& exported, const std::string& peer) const REQUIRES(mutex_);
+  android::sp<android::IBinder> AcquireProxy(uint64_t connection, const std::string& owner,
+                                             uint64_t id) EXCLUDES(mutex_);
+  android::sp<android::IBinder> OwnObject(uint64_t id, const std::string& peer) EXCLUDES(mutex_);
+  static int OnOwnerChanged(sd_bus_message* message, void* peer, sd_bus_error*);
+  static int OnPeerChecked(sd_bus_message* reply, void* peer, sd_bus_error*);
+  static bool ReadCredentials(sd_bus_message* reply, Credentials* out);
+
+  // bus_parcel.cpp: parcels inside messages.
+  static std::vector<uint8_t> Scrub(const android::Parcel& parcel);
+  bool AppendParcel(sd_bus_message* message, const android::Parcel& parcel,
+                    const std::vector<uint8_t>& scrubbed, const std::string& peer) REQUIRES(mutex_);
+  bool AppendObject(sd_bus_message* message, const android::Parcel& parcel, size_t index,
+                    uint32_t* descriptors, const std::string& peer) REQUIRES(mutex_);
+  android::status_t ReadParcel(sd_bus_message* message, const void* data, size_t bytes,
+                               const Caller& sender, android::Parcel* out) EXCLUDES(mutex_);
+
+  // bus_incoming.cpp: calls in.
+  static int OnMessage(sd_bus_message* message, void* bus, sd_bus_error*);
+  int HandleCall(sd_bus_message* message) REQUIRES(mutex_);
+  void QueueTransaction(sd_bus_message* message, const std::string& sender) REQUIRES(mutex_);
+  void HandleLookup(sd_bus_message* message, const std::string& sender) REQUIRES(mutex_);
+  void RunCall(const std::shared_ptr<Incoming>& call) EXCLUDES(mutex_);
+  void RunOneway(const std::shared_ptr<OnewayQueue>& queue) EXCLUDES(mutex_);
+  void ReplyError(sd_bus_message* call, const char* error) REQUIRES(mutex_);
+
+  mutable orb::Mutex mutex_;
+  BusPoller poller_;
+  sd_bus* bus_ GUARDED_BY(mutex_) = nullptr;
+  uint64_t connection_ GUARDED_BY(mutex_) = 0;
+  bool reader_started_ GUARDED_BY(mutex_) = false;
+  bool seated_ GUARDED_BY(mutex_) = false;
+  Pending* leader_ GUARDED_BY(mutex_) = nullptr;
+  bool leader_reads_ GUARDED_BY(mutex_) = false;  // The leader itself is in Process().
+  std::vector<Pending*> pending_ GUARDED_BY(mutex_);
+  std::map<std::string, std::unique_ptr<Peer>> peers_ GUARDED_BY(mutex_);
+  std::vector<std::unique_ptr<Peer>> buried_ GUARDED_BY(mutex_);
+  uint64_t last_id_ GUARDED_BY(mutex_) = 0;
+  std::map<uint64_t, Export> exports_ GUARDED_BY(mutex_);
+  std::map<const android::BBinder*, uint64_t> export_ids_ GUARDED_BY(mutex_);
+  std::map<std::string, uint64_t> services_ GUARDED_BY(mutex_);  // Bus name to export.
+  // Dropped by a worker or a returning caller: their destructors may call out.
+  std::vector<android::sp<android::BBinder>> dropped_ GUARDED_BY(mutex_);
+  bool drop_posted_ GUARDED_BY(mutex_) = false;  // A worker's task for it waits.
+  size_t oneway_bytes_ GUARDED_BY(mutex_) = 0;  // Queued in all of exports_.
+};
+
+}  // namespace orb_platform

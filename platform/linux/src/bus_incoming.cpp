@@ -1,0 +1,170 @@
+// Calls in. The reading thread answers what is about references and names, and
+// queues the transactions.
+// Tested by tests/platform/contract_test.cpp and bus_test.cpp.
+#include <binder/IPCThreadState.h>
+
+#include <charconv>
+#include <cstring>
+#include <utility>
+
+#include "platform/linux/src/bus.h"
+#include "platform/linux/src/bus_names.h"
+#include "platform/linux/src/worker_pool.h"
+#define ORB_LOG_TAG "orb_platform"
+#include "utility/log.h"
+
+namespace orb_platform {
+
+namespace {
+
+using android::Parcel;
+
+// One-way calls that wait; a sender is not told when it is exceeded.
+constexpr size_t kMaxQueuedOnewayBytes = size_t{64} << 20;
+
+bool IdOf(const char* path, uint64_t* id) {
+  constexpr size_t kPrefixBytes = sizeof kObjectPrefix - 1;
+  if (path == nullptr || strncmp(path, kObjectPrefix, kPrefixBytes) != 0) return false;
+  const char* const end = path + strlen(path);
+  const auto parsed = std::from_chars(path + kPrefixBytes, end, *id);
+  return parsed.ec == std::errc() && parsed.ptr == end;
+}
+
+}  // namespace
+
+int Bus::OnMessage(sd_bus_message* message, void* bus, sd_bus_error*) NO_THREAD_SAFETY_ANALYSIS {
+  if (sd_bus_message_is_method_call(message, kInterface, nullptr) <= 0) return 0;
+  return static_cast<Bus*>(bus)->HandleCall(message);
+}
+
+int Bus::HandleCall(sd_bus_message* message) {
+  const char* const member = sd_bus_message_get_member(message);
+  const char* const from = sd_bus_message_get_sender(message);
+  if (from == nullptr) return 1;
+  const std::string sender = from;
+  uint64_t id = 0;
+  uint64_t count = 0;
+  const char* holder = nullptr;
+  if (strcmp(member, "Transact") == 0) {
+    QueueTransaction(message, sender);
+  } else if (strcmp(member, "Lookup") == 0) {
+    HandleLookup(message, sender);
+  } else if (strcmp(member, "Release") == 0) {
+    if (sd_bus_message_read(message, "tt", &id, &count) > 0) GiveBack(id, sender, count);
+  } else if (strcmp(member, "Retain") == 0) {
+    if (sd_bus_message_read(message, "ts", &id, &holder) <= 0) return 1;
+    const auto it = exports_.find(id);
+    if (it == exports_.end() || !MayUse(it->second, sender)) return 1;
+    EnsurePeer(holder);
+    it->second.holders[holder]++;
+  } else {
+    return 0;
+  }
+  return 1;
+}
+
+void Bus::ReplyError(sd_bus_message* call, const char* error) {
+  if (sd_bus_message_get_expect_reply(call) <= 0) return;
+  sd_bus_message* reply = nullptr;
+  const sd_bus_error what = SD_BUS_ERROR_MAKE_CONST(error, "");
+  if (sd_bus_message_new_method_error(call, &reply, &what) >= 0) Send(reply);
+  sd_bus_message_unref(reply);
+}
+
+void Bus::HandleLookup(sd_bus_message* message, const std::string& sender) {
+  const char* name = nullptr;
+  if (sd_bus_message_read(message, "s", &name) <= 0) name = "";
+  const auto it = services_.find(name);
+  if (it == services_.end()) {
+    ReplyError(message, kErrorNoService);
+    return;
+  }
+  const uint64_t id = it->second;
+  sd_bus_message* reply = nullptr;
+  if (sd_bus_message_new_method_return(message, &reply) >= 0) {
+    EnsurePeer(sender);
+    exports_[id].holders[sender]++;
+    sd_bus_message_append(reply, "t", id);
+    Send(reply);
+  }
+  sd_bus_message_unref(reply);
+}
+
+void Bus::QueueTransaction(sd_bus_message* message, const std::string& sender) {
+  uint64_t id = 0;
+  const auto it = IdOf(sd_bus_message_get_path(message), &id) ? exports_.find(id) : exports_.end();
+  auto call = std::make_shared<Incoming>();
+  if (it == exports_.end() || !MayUse(it->second, sender) ||
+      sd_bus_message_read(message, "uu", &call->code, &call->flags) <= 0 ||
+      sd_bus_message_read_array(message, 'y', &call->data, &call->bytes) < 0) {
+    ReplyError(message, kErrorNoObject);
+    return;
+  }
+  call->oneway = sd_bus_message_get_expect_reply(message) <= 0;
+  if (call->oneway && call->bytes > kMaxQueuedOnewayBytes - oneway_bytes_) {
+    LOGE("one-way calls of %zu bytes wait already; one of %s is dropped", oneway_bytes_,
+         sender.c_str());
+    return;
+  }
+  call->message = sd_bus_message_ref(message);
+  call->caller = {connection_, sender};
+  call->target = it->second.binder;
+  if (!call->oneway) {
+    WorkerPool::Get().Post([this, call = std::move(call)] { RunCall(call); });
+    return;
+  }
+  const std::shared_ptr<OnewayQueue>& queue = it->second.oneway;
+  oneway_bytes_ += call->bytes;
+  queue->calls.push_back(std::move(call));
+  if (std::exchange(queue->busy, true)) return;
+  WorkerPool::Get().Post([this, queue = queue] { RunOneway(queue); });
+}
+
+// One call, then back to the end of the line: objects share the workers fairly.
+void Bus::RunOneway(const std::shared_ptr<OnewayQueue>& queue) {
+  std::shared_ptr<Incoming> call;
+  {
+    orb::MutexLock lock(mutex_);
+    call = std::move(queue->calls.front());
+    queue->calls.pop_front();
+    oneway_bytes_ -= call->bytes;
+  }
+  RunCall(call);
+  bool more = false;
+  {
+    orb::MutexLock lock(mutex_);
+    more = !queue->calls.empty();
+    queue->busy = more;
+  }
+  if (more) WorkerPool::Get().Post([this, queue] { RunOneway(queue); });
+}
+
+void Bus::RunCall(const std::shared_ptr<Incoming>& call) {
+  Parcel data;
+  Parcel reply;
+  android::status_t status =
+      ReadParcel(call->message, call->data, call->bytes, call->caller, &data);
+  if (status == android::OK) {
+    const CallerScope scope(&call->caller);
+    status = call->target->transact(call->code, data, &reply, call->flags);
+  }
+  android::IPCThreadState::self()->setStrictModePolicy(0);
+  if (status == android::OK && ExceedsLimit(reply, 0)) status = android::FAILED_TRANSACTION;
+  if (status != android::OK) reply.freeData();
+  const std::vector<uint8_t> scrubbed = Scrub(reply);
+  orb::MutexLock lock(mutex_);
+  if (!call->oneway && bus_ != nullptr && call->caller.connection == connection_) {
+    sd_bus_message* out = nullptr;
+    if (sd_bus_message_new_method_return(call->message, &out) >= 0 &&
+        sd_bus_message_append(out, "i", status) >= 0 &&
+        AppendParcel(out, reply, scrubbed, call->caller.name)) {
+      Send(out);
+    } else {
+      ReplyError(call->message, SD_BUS_ERROR_FAILED);
+    }
+    sd_bus_message_unref(out);
+  }
+  sd_bus_message_unref(call->message);
+}
+
+}  // namespace orb_platform

@@ -1,0 +1,115 @@
+// Two epoll sets hold the socket; at most one has events enabled. Changing the
+// mask of a set that a thread waits on takes effect without waking it.
+// Tested by tests/platform/contract_test.cpp.
+#include "platform/linux/src/bus_poller.h"
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace orb_platform {
+
+namespace {
+
+void Signal(int fd) {
+  const int saved = errno;
+  const uint64_t one = 1;
+  while (write(fd, &one, sizeof one) < 0 && errno == EINTR) {
+  }
+  errno = saved;
+}
+
+void Drain(int fd) {
+  uint64_t count;
+  while (read(fd, &count, sizeof count) < 0 && errno == EINTR) {
+  }
+}
+
+uint32_t EpollMask(int events) {
+  return ((events & POLLIN) != 0 ? static_cast<uint32_t>(EPOLLIN) : 0u) |
+         ((events & POLLOUT) != 0 ? static_cast<uint32_t>(EPOLLOUT) : 0u);
+}
+
+}  // namespace
+
+BusPoller::BusPoller()
+    : reader_(epoll_create1(EPOLL_CLOEXEC)),
+      seat_(epoll_create1(EPOLL_CLOEXEC)),
+      wake_seat_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      wake_caller_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.fd = wake_seat_.get();
+  // Without them no call could be waited for; the process is out of descriptors.
+  if (wake_caller_.get() < 0 ||
+      epoll_ctl(seat_.get(), EPOLL_CTL_ADD, wake_seat_.get(), &event) != 0) {
+    abort();
+  }
+}
+
+void BusPoller::Attach(int bus_fd) {
+  fd_ = bus_fd;
+  reader_events_ = seat_events_ = 0;
+  epoll_event event{};
+  event.data.fd = bus_fd;
+  epoll_ctl(reader_.get(), EPOLL_CTL_ADD, bus_fd, &event);
+  epoll_ctl(seat_.get(), EPOLL_CTL_ADD, bus_fd, &event);
+}
+
+void BusPoller::Detach() {
+  if (fd_ < 0) return;
+  epoll_ctl(reader_.get(), EPOLL_CTL_DEL, fd_, nullptr);
+  epoll_ctl(seat_.get(), EPOLL_CTL_DEL, fd_, nullptr);
+  fd_ = -1;
+}
+
+void BusPoller::Apply(int epoll_fd, uint32_t* current, uint32_t wanted) {
+  if (*current == wanted) return;
+  *current = wanted;
+  epoll_event event{};
+  event.events = wanted;
+  event.data.fd = fd_;
+  epoll_ctl(epoll_fd, EPOLL_CTL_MOD, fd_, &event);
+}
+
+void BusPoller::Set(Turn turn, int events) {
+  if (fd_ < 0) return;
+  const uint32_t mask = EpollMask(events);
+  Apply(reader_.get(), &reader_events_, turn == Turn::kReader ? mask : 0);
+  Apply(seat_.get(), &seat_events_, turn == Turn::kSeat ? mask : 0);
+  if (turn == Turn::kCaller && events != caller_events_) {
+    caller_events_ = events;
+    WakeCaller();
+  }
+}
+
+void BusPoller::WaitReader() {
+  epoll_event event;
+  epoll_wait(reader_.get(), &event, 1, -1);
+}
+
+bool BusPoller::WaitSeat() {
+  epoll_event events[2];
+  const int count = epoll_wait(seat_.get(), events, 2, -1);
+  for (int i = 0; i < count; i++) {
+    if (events[i].data.fd != wake_seat_.get()) continue;
+    Drain(wake_seat_.get());
+    return false;
+  }
+  return true;
+}
+
+void BusPoller::WaitCaller(int bus_fd, int wake_fd, int events, int timeout_ms) {
+  pollfd fds[2] = {{bus_fd, static_cast<short>(events), 0}, {wake_fd, POLLIN, 0}};
+  poll(fds, 2, timeout_ms);
+}
+
+void BusPoller::WakeSeat() { Signal(wake_seat_.get()); }
+void BusPoller::WakeCaller() { Signal(wake_caller_.get()); }
+void BusPoller::DrainCaller() { Drain(wake_caller_.get()); }
+
+}  // namespace orb_platform

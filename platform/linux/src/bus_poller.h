@@ -1,0 +1,51 @@
+// Who is woken when the bus's socket is ready: the reader thread, the worker in
+// the seat, or a caller that waits for its reply.
+#pragma once
+
+#include <cstdint>
+
+#include "utility/unique_fd.h"
+
+namespace orb_platform {
+
+enum class Turn { kReader, kSeat, kCaller };
+
+// Attach to Set and Detach: the caller's lock. The waits: one thread each,
+// unlocked. The wakes: any thread, and async-signal-safe.
+class BusPoller {
+ public:
+  BusPoller();
+
+  void Attach(int bus_fd);
+  void Detach();
+  // `events` are poll's POLLIN and POLLOUT.
+  void Set(Turn turn, int events);
+
+  void WaitReader();
+  // False when woken, true when the socket is ready.
+  bool WaitSeat();
+  // timeout_ms < 0: none.
+  static void WaitCaller(int bus_fd, int wake_fd, int events, int timeout_ms);
+
+  void WakeSeat();
+  void WakeCaller();
+  void DrainCaller();
+  int fd() const { return fd_; }
+  int caller_fd() const { return wake_caller_.get(); }
+  // What the caller last went to wait for.
+  int caller_events() const { return caller_events_; }
+
+ private:
+  void Apply(int epoll_fd, uint32_t* current, uint32_t wanted);
+
+  orb::UniqueFd reader_;  // epoll sets
+  orb::UniqueFd seat_;
+  orb::UniqueFd wake_seat_;  // eventfds
+  orb::UniqueFd wake_caller_;
+  int fd_ = -1;
+  uint32_t reader_events_ = 0;
+  uint32_t seat_events_ = 0;
+  int caller_events_ = 0;
+};
+
+}  // namespace orb_platform

@@ -1,0 +1,36 @@
+// What a proxy speaks to: an object behind the bus, or a served object of this
+// process.
+#pragma once
+
+#include <binder/BpBinder.h>
+#include <binder/Parcel.h>
+
+#include <cstdint>
+
+namespace orb_platform {
+
+// Largest bytes of one transaction, and of a one-way transaction, which may
+// take half of the buffer at most.
+constexpr size_t kMaxTransactionBytes = (size_t{1} << 20) - (size_t{8} << 10);
+constexpr size_t kMaxOnewayBytes = kMaxTransactionBytes / 2;
+
+inline bool ExceedsLimit(const android::Parcel& data, uint32_t flags) {
+  const bool oneway = (flags & android::IBinder::FLAG_ONEWAY) != 0;
+  return data.dataSize() > (oneway ? kMaxOnewayBytes : kMaxTransactionBytes);
+}
+
+// Thread-safe.
+class RemoteTarget {
+ public:
+  virtual ~RemoteTarget() = default;
+  virtual android::status_t Transact(uint32_t code, const android::Parcel& data,
+                                     android::Parcel* reply, uint32_t flags) = 0;
+  // The last strong reference to `proxy` is gone; its destructor comes next.
+  virtual void Released(android::BpBinder* proxy) = 0;
+  // Runs proxy->sendObituary() on another thread.
+  virtual void PostObituary(const android::sp<android::BpBinder>& proxy) = 0;
+  // The object itself when it lives in this process, else null.
+  virtual android::sp<android::IBinder> LocalObject() const { return nullptr; }
+};
+
+}  // namespace orb_platform

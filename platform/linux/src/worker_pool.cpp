@@ -1,0 +1,111 @@
+// Tested by tests/platform/contract_test.cpp.
+#include "platform/linux/src/worker_pool.h"
+
+#include <atomic>
+#include <cstdlib>
+
+#include "platform/linux/src/bus.h"
+#include "platform/linux/src/threads.h"
+
+namespace orb_platform {
+
+namespace {
+
+std::atomic<bool> stopped{false};
+// This thread sits in the seat, so what it posts needs no wake-up.
+thread_local bool seated = false;
+
+}  // namespace
+
+WorkerPool& WorkerPool::Get() {
+  static WorkerPool* const pool = new WorkerPool();
+  return *pool;
+}
+
+void WorkerPool::Start() {
+  orb::MutexLock lock(mutex_);
+  if (started_) return;
+  started_ = true;
+  Spawn();
+}
+
+bool WorkerPool::Started() const {
+  orb::MutexLock lock(mutex_);
+  return started_;
+}
+
+void WorkerPool::SetMaxExtra(size_t count) {
+  orb::MutexLock lock(mutex_);
+  if (started_ && count < max_extra_) abort();
+  max_extra_ = count;
+}
+
+size_t WorkerPool::MaxExtra() const {
+  orb::MutexLock lock(mutex_);
+  return max_extra_;
+}
+
+void WorkerPool::Spawn() {
+  threads_++;
+  StartThread("binder", [this] { Work(); });
+}
+
+void WorkerPool::Join() { Work(); }
+
+void WorkerPool::Stop() {
+  stopped.store(true);
+  Bus::Get().Wake();
+}
+
+void WorkerPool::Post(std::function<void()> task) {
+  orb::MutexLock lock(mutex_);
+  tasks_.push_back(std::move(task));
+  if (seated && tasks_.size() == 1) return;
+  if (waiting_ > signals_) {
+    signals_++;
+    signalled_.NotifyOne();
+  } else if (seat_taken_ && !seat_woken_ && !seated) {
+    seat_woken_ = true;
+    Bus::Get().Wake();
+  } else if (started_ && threads_ < max_extra_ + 1) {
+    Spawn();
+  }
+}
+
+bool WorkerPool::HasWork() const {
+  orb::MutexLock lock(mutex_);
+  return !tasks_.empty();
+}
+
+void WorkerPool::Work() {
+  mutex_.Lock();
+  while (!stopped.load()) {
+    if (!tasks_.empty()) {
+      std::function<void()> task = std::move(tasks_.front());
+      tasks_.pop_front();
+      mutex_.Unlock();
+      task();
+      task = nullptr;
+      mutex_.Lock();
+    } else if (!seat_taken_) {
+      seat_taken_ = true;
+      mutex_.Unlock();
+      seated = true;
+      Bus::Get().Sit();
+      seated = false;
+      mutex_.Lock();
+      seat_taken_ = false;
+      seat_woken_ = false;
+    } else {
+      waiting_++;
+      while (signals_ == 0 && !stopped.load()) signalled_.Wait(mutex_);
+      if (signals_ > 0) signals_--;
+      waiting_--;
+    }
+  }
+  // Only the worker in the seat can be woken from a signal handler; it tells the rest.
+  signalled_.NotifyAll();
+  mutex_.Unlock();
+}
+
+}  // namespace orb_platform

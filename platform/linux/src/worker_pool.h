@@ -1,0 +1,52 @@
+// Threads that run incoming calls, death reports and drops of references.
+//
+// An idle worker sits in the one seat (it waits on the bus, too, so that a call
+// needs no hand-over) or waits for a signal. Each posted task wakes one idle
+// worker, or starts one while fewer than the maximum run.
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+
+#include "utility/thread_annotations.h"
+
+namespace orb_platform {
+
+// Thread-safe; lives until the process ends.
+class WorkerPool {
+ public:
+  static WorkerPool& Get();
+
+  void Start() EXCLUDES(mutex_);
+  bool Started() const EXCLUDES(mutex_);
+  // Threads besides the first. Aborts when lowered after the start.
+  void SetMaxExtra(size_t count) EXCLUDES(mutex_);
+  size_t MaxExtra() const EXCLUDES(mutex_);
+  // The calling thread works until Stop().
+  void Join() EXCLUDES(mutex_);
+  // Async-signal-safe.
+  void Stop();
+
+  void Post(std::function<void()> task) EXCLUDES(mutex_);
+  // Whether a task waits for a worker.
+  bool HasWork() const EXCLUDES(mutex_);
+
+ private:
+  WorkerPool() = default;
+  void Spawn() REQUIRES(mutex_);
+  void Work() EXCLUDES(mutex_);
+
+  mutable orb::Mutex mutex_;
+  orb::CondVar signalled_;
+  std::deque<std::function<void()>> tasks_ GUARDED_BY(mutex_);
+  size_t waiting_ GUARDED_BY(mutex_) = 0;  // Workers in signalled_.Wait.
+  size_t signals_ GUARDED_BY(mutex_) = 0;  // Of those, how many are being woken.
+  bool seat_taken_ GUARDED_BY(mutex_) = false;
+  bool seat_woken_ GUARDED_BY(mutex_) = false;
+  bool started_ GUARDED_BY(mutex_) = false;
+  size_t threads_ GUARDED_BY(mutex_) = 0;
+  size_t max_extra_ GUARDED_BY(mutex_) = 15;
+};
+
+}  // namespace orb_platform
