@@ -14,7 +14,8 @@ std::string Configuration(const std::string& socket_path) {
          "<busconfig><type>session</type><listen>unix:path=" +
          socket_path +
          "</listen><auth>EXTERNAL</auth>"
-         "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"false\"/>"
+         "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+         "<allow eavesdrop=\"true\"/>"
          "<allow own=\"*\"/></policy></busconfig>\n";
 }
 

@@ -195,7 +195,7 @@ class Bus {
   // Dropped by a worker or a returning caller: their destructors may call out.
   std::vector<android::sp<android::BBinder>> dropped_ GUARDED_BY(mutex_);
   bool drop_posted_ GUARDED_BY(mutex_) = false;  // A worker's task for it waits.
-  size_t oneway_bytes_ GUARDED_BY(mutex_) = 0;  // Queued in all of exports_.
+  size_t oneway_bytes_ GUARDED_BY(mutex_) = 0;   // Queued in all of exports_.
 };
 
 }  // namespace orb_platform

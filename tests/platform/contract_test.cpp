@@ -1,0 +1,320 @@
+// What every transport promises: run against services of this process and
+// against another process behind a real bus.
+#include <binder/BpBinder.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+#include <binder/Status.h>
+#include <gtest/gtest.h>
+#include <orb_platform/local_service_manager.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <thread>
+
+#include "tests/platform/test_object.h"
+#include "tests/support/child_process.h"
+#include "tests/support/private_bus.h"
+
+namespace {
+
+using android::IBinder;
+using android::Parcel;
+using android::sp;
+using android::status_t;
+using android::String16;
+using android::wp;
+using orb::test::TestObject;
+using orb::test::WaitFor;
+
+const char* const kName = "orb.test/default";
+
+// One service under kName, and a way to end it as its process's death would.
+class World {
+ public:
+  virtual ~World() { android::setDefaultServiceManager(nullptr); }
+  virtual void Kill() = 0;
+  // Serves a new object under the same name.
+  virtual void Replace() = 0;
+};
+
+class LocalWorld : public World {
+ public:
+  LocalWorld() {
+    android::setDefaultServiceManager(manager_);
+    Replace();
+  }
+  void Kill() override { manager_->Kill(kName); }
+  void Replace() override { ASSERT_EQ(manager_->addService(String16(kName), new TestObject()), 0); }
+
+ private:
+  const sp<orb_platform::LocalServiceManager> manager_{new orb_platform::LocalServiceManager()};
+};
+
+class BusWorld : public World {
+ public:
+  BusWorld() {
+    bus_.SetEnvironment();
+    peer_ = orb::test::ChildProcess({PLATFORM_PEER, kName});
+    Expect("ready 0");
+  }
+  void Kill() override { peer_.Signal(SIGKILL); }
+  void Replace() override {
+    peer_.Send("again");
+    Expect("again 0");
+  }
+
+ private:
+  void Expect(const char* line) {
+    ASSERT_EQ(peer_.ReadLine(std::chrono::seconds(20)), std::string(line));
+  }
+  orb::test::PrivateBus bus_;
+  orb::test::ChildProcess peer_;
+};
+
+class Recipient : public IBinder::DeathRecipient {
+ public:
+  void binderDied(const wp<IBinder>& who) override {
+    const sp<IBinder> binder = who.promote();
+    if (binder != nullptr && binder->isBinderAlive()) alive_when_told = true;
+    on_thread = std::this_thread::get_id();
+    count++;
+  }
+  std::atomic<int> count{0};
+  std::atomic<bool> alive_when_told{false};
+  std::atomic<std::thread::id> on_thread;
+};
+
+class ContractTest : public testing::TestWithParam<const char*> {
+ protected:
+  void SetUp() override {
+    if (std::string(GetParam()) == "local") {
+      world_ = std::make_unique<LocalWorld>();
+    } else {
+      world_ = std::make_unique<BusWorld>();
+    }
+    ASSERT_NE(android::ProcessState::self(), nullptr);
+    android::ProcessState::self()->startThreadPool();
+    service_ = Check();
+    ASSERT_NE(service_, nullptr);
+  }
+
+  static sp<IBinder> Check() {
+    return android::defaultServiceManager()->checkService(String16(kName));
+  }
+  static status_t Echo(const sp<IBinder>& to, size_t bytes, uint32_t flags = 0) {
+    Parcel data;
+    Parcel reply;
+    const std::vector<uint8_t> sent(bytes, uint8_t{42});
+    data.writeByteVector(sent);
+    const status_t status = to->transact(orb::test::kEcho, data, &reply, flags);
+    std::vector<uint8_t> back;
+    if (status == android::OK && flags == 0) {
+      EXPECT_EQ(reply.readByteVector(&back), android::OK);
+      EXPECT_EQ(back, sent);
+    }
+    return status;
+  }
+  status_t Int(uint32_t code, int32_t value, uint32_t flags = 0) {
+    Parcel data;
+    Parcel reply;
+    data.writeInt32(value);
+    return service_->transact(code, data, &reply, flags);
+  }
+  std::vector<int32_t> Appended() {
+    Parcel data;
+    Parcel reply;
+    std::vector<int32_t> out;
+    EXPECT_EQ(service_->transact(orb::test::kAppended, data, &reply), android::OK);
+    EXPECT_EQ(reply.readInt32Vector(&out), android::OK);
+    return out;
+  }
+
+  std::unique_ptr<World> world_;
+  sp<IBinder> service_;
+};
+
+TEST_P(ContractTest, CallsReturnResultsAndStatuses) {
+  EXPECT_EQ(Echo(service_, 100), android::OK);
+  EXPECT_EQ(service_->pingBinder(), android::OK);
+  EXPECT_EQ(service_->getInterfaceDescriptor(), String16("orb.test.Object"));
+  EXPECT_NE(service_->remoteBinder(), nullptr);
+  EXPECT_EQ(Int(999, 0), android::UNKNOWN_TRANSACTION);
+  for (const status_t status : {android::BAD_TYPE, android::BAD_VALUE, android::UNEXPECTED_NULL}) {
+    EXPECT_EQ(Int(orb::test::kFail, status), status);
+  }
+  EXPECT_TRUE(service_->isBinderAlive());
+}
+
+TEST_P(ContractTest, LimitsAreThePlatforms) {
+  EXPECT_EQ(Echo(service_, 600000), android::OK);
+  EXPECT_EQ(Echo(service_, 2 << 20), android::FAILED_TRANSACTION);
+  EXPECT_EQ(Echo(service_, 600000, IBinder::FLAG_ONEWAY), android::FAILED_TRANSACTION);
+  EXPECT_EQ(Echo(service_, 500000, IBinder::FLAG_ONEWAY), android::OK);
+  EXPECT_EQ(Int(orb::test::kReplyBytes, 2 << 20), android::FAILED_TRANSACTION);
+  EXPECT_TRUE(service_->isBinderAlive());
+}
+
+TEST_P(ContractTest, SameRemoteIsSameProxyUntilReplaced) {
+  EXPECT_EQ(Check(), service_);
+  world_->Replace();
+  const sp<IBinder> second = Check();
+  ASSERT_NE(second, nullptr);
+  EXPECT_NE(second, service_);
+  // Whoever holds the first object still reaches it, not the second.
+  EXPECT_EQ(Int(orb::test::kAppend, 1), android::OK);
+  EXPECT_EQ(Appended(), std::vector<int32_t>{1});
+  service_ = second;
+  EXPECT_TRUE(Appended().empty());
+}
+
+TEST_P(ContractTest, BindersComeHomeAsThemselves) {
+  const sp<IBinder> mine(new TestObject());
+  for (const sp<IBinder>& sent : {mine, service_}) {
+    Parcel data;
+    Parcel reply;
+    data.writeStrongBinder(sent);
+    ASSERT_EQ(service_->transact(orb::test::kStore, data, &reply), android::OK);
+    sp<IBinder> back;
+    Parcel none;
+    ASSERT_EQ(service_->transact(orb::test::kStored, none, &reply), android::OK);
+    ASSERT_EQ(reply.readStrongBinder(&back), android::OK);
+    EXPECT_EQ(back, sent);
+  }
+  Parcel drop;
+  Parcel reply;
+  drop.writeStrongBinder(sp<IBinder>());
+  ASSERT_EQ(service_->transact(orb::test::kStore, drop, &reply), android::OK);
+  EXPECT_TRUE(WaitFor([&] { return mine->getStrongCount() == 1; }));
+}
+
+TEST_P(ContractTest, CallsNestInBothDirections) {
+  Parcel data;
+  Parcel reply;
+  data.writeInt32(6);
+  data.writeStrongBinder(sp<IBinder>(new TestObject()));
+  ASSERT_EQ(service_->transact(orb::test::kNest, data, &reply), android::OK);
+  EXPECT_EQ(reply.readInt32(), 6);
+}
+
+TEST_P(ContractTest, OnewayCallsKeepTheirOrderAndDropErrors) {
+  std::vector<int32_t> want;
+  for (int32_t i = 0; i < 500; i++) {
+    want.push_back(i);
+    ASSERT_EQ(Int(orb::test::kAppend, i, IBinder::FLAG_ONEWAY), android::OK);
+  }
+  EXPECT_EQ(Int(999, 0, IBinder::FLAG_ONEWAY), android::OK);
+  EXPECT_TRUE(WaitFor([&] { return Appended().size() == want.size(); }));
+  EXPECT_EQ(Appended(), want);
+}
+
+TEST_P(ContractTest, OnewayCallThatBlocksDoesNotHoldUpOthers) {
+  ASSERT_EQ(Int(orb::test::kBlock, 0, IBinder::FLAG_ONEWAY), android::OK);
+  ASSERT_EQ(Int(orb::test::kAppend, 5, IBinder::FLAG_ONEWAY), android::OK);
+  EXPECT_EQ(Echo(service_, 10), android::OK);
+  EXPECT_TRUE(Appended().empty());
+  ASSERT_EQ(Int(orb::test::kUnblock, 0), android::OK);
+  EXPECT_TRUE(WaitFor([&] { return Appended() == std::vector<int32_t>{5}; }));
+}
+
+TEST_P(ContractTest, DescriptorsPassBothWays) {
+  for (int i = 0; i < 3; i++) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(write(ends[1], "there", 5), 5);
+    close(ends[1]);
+    Parcel data;
+    Parcel reply;
+    data.writeFileDescriptor(ends[0], true);
+    ASSERT_EQ(service_->transact(orb::test::kDescriptor, data, &reply), android::OK);
+    std::string text;
+    ASSERT_EQ(reply.readUtf8FromUtf16(&text), android::OK);
+    EXPECT_EQ(text, "there");
+    android::base::unique_fd from;
+    ASSERT_EQ(reply.readUniqueFileDescriptor(&from), android::OK);
+    char got[8] = {};
+    EXPECT_EQ(read(from.get(), got, sizeof got), 4);
+    EXPECT_STREQ(got, "back");
+  }
+}
+
+TEST_P(ContractTest, DeathIsReportedOncePerLinkAndForEver) {
+  const sp<Recipient> twice(new Recipient());
+  const sp<Recipient> unlinked(new Recipient());
+  EXPECT_EQ(service_->linkToDeath(twice), android::OK);
+  EXPECT_EQ(service_->linkToDeath(twice), android::OK);
+  EXPECT_EQ(service_->linkToDeath(unlinked), android::OK);
+  EXPECT_EQ(service_->unlinkToDeath(unlinked), android::OK);
+  EXPECT_EQ(service_->unlinkToDeath(unlinked), android::NAME_NOT_FOUND);
+  EXPECT_EQ(service_->linkToDeath(new Recipient()), android::OK);  // Gone at once: no one keeps it.
+  world_->Kill();
+  ASSERT_TRUE(WaitFor([&] { return twice->count == 2; }));
+  EXPECT_FALSE(twice->alive_when_told);
+  EXPECT_NE(twice->on_thread.load(), std::this_thread::get_id());
+  EXPECT_EQ(unlinked->count, 0);
+  EXPECT_FALSE(service_->isBinderAlive());
+  EXPECT_EQ(Echo(service_, 10), android::DEAD_OBJECT);
+  EXPECT_EQ(service_->linkToDeath(twice), android::DEAD_OBJECT);
+  EXPECT_EQ(service_->unlinkToDeath(twice), android::DEAD_OBJECT);
+  EXPECT_TRUE(WaitFor([&] { return Check() == nullptr; }));
+}
+
+TEST_P(ContractTest, LinkToAnOwnerThatIsDeadAlreadyIsReported) {
+  world_->Kill();
+  ASSERT_TRUE(WaitFor([&] { return Echo(service_, 1) == android::DEAD_OBJECT; }));
+  const sp<Recipient> late(new Recipient());
+  EXPECT_EQ(service_->linkToDeath(late), android::OK);
+  EXPECT_TRUE(WaitFor([&] { return late->count == 1; }));
+}
+
+TEST_P(ContractTest, CallUnderWayEndsWithDeath) {
+  if (std::string(GetParam()) == "local") GTEST_SKIP() << "its handler would have to return first";
+  std::thread killer([&] {
+    while (Appended() != std::vector<int32_t>{1}) std::this_thread::yield();
+    world_->Kill();
+  });
+  ASSERT_EQ(Int(orb::test::kAppend, 1, IBinder::FLAG_ONEWAY), android::OK);
+  EXPECT_EQ(Int(orb::test::kHang, 0), android::DEAD_OBJECT);
+  killer.join();
+  EXPECT_FALSE(service_->isBinderAlive());
+}
+
+TEST_P(ContractTest, NamesAreChecked) {
+  const sp<android::IServiceManager> manager = android::defaultServiceManager();
+  const sp<IBinder> object(new TestObject());
+  using android::binder::Status;
+  for (const std::string& bad : {std::string(), std::string("a b"), std::string(128, 'a')}) {
+    EXPECT_EQ(manager->addService(String16(bad.c_str()), object), Status::EX_ILLEGAL_ARGUMENT);
+    EXPECT_EQ(manager->checkService(String16(bad.c_str())), nullptr);
+  }
+  EXPECT_EQ(manager->addService(String16("x"), nullptr), Status::EX_ILLEGAL_ARGUMENT);
+  const std::string longest = std::string(63, '.') + std::string(64, '9');
+  EXPECT_EQ(manager->addService(String16(longest.c_str()), object), 0);
+  EXPECT_NE(manager->checkService(String16(longest.c_str())), nullptr);
+  EXPECT_EQ(manager->checkService(String16("nobody")), nullptr);
+  EXPECT_FALSE(manager->isDeclared(String16("nobody")));
+  const android::Vector<String16> names = manager->listServices();
+  EXPECT_NE(std::find(names.begin(), names.end(), String16(kName)), names.end());
+}
+
+TEST_P(ContractTest, ManyThreadsCallAtOnce) {
+  std::vector<std::thread> threads;
+  std::atomic<int> good{0};
+  for (size_t t = 0; t < 8; t++) {
+    threads.emplace_back([&, t] {
+      for (size_t i = 0; i < 50; i++) {
+        if (Echo(service_, 10 + t * 700 * i) == android::OK) good++;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(good, 8 * 50);
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, ContractTest, testing::Values("local", "bus"),
+                         [](const auto& info) { return std::string(info.param); });
+
+}  // namespace

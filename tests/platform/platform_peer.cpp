@@ -1,0 +1,50 @@
+// usage: platform_peer NAME     (the other process of the bus tests)
+//
+// Serves a TestObject under NAME and prints "ready CODE". Then, per line:
+// "again" serves a new object under the name, "name X" serves the first one
+// under X, too, and "alive" prints how many objects there are; each prints its
+// word and a number. Ends with its input.
+#include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
+#include <binder/ProcessState.h>
+#include <orb_platform/stop.h>
+
+#include <cstdio>
+#include <iostream>
+#include <string>
+
+#include "tests/platform/test_object.h"
+
+namespace {
+
+using android::IBinder;
+using android::sp;
+using android::String16;
+
+int Serve(const std::string& name, const sp<IBinder>& object) {
+  return android::defaultServiceManager()->addService(String16(name.c_str()), object);
+}
+
+void Print(const char* word, int value) {
+  printf("%s %d\n", word, value);
+  fflush(stdout);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) return 2;
+  if (android::ProcessState::self() == nullptr) return 3;
+  android::ProcessState::self()->startThreadPool();
+  const sp<IBinder> object(new orb::test::TestObject());
+  Print("ready", Serve(argv[1], object));
+  std::string line;
+  while (std::getline(std::cin, line)) {
+    if (line == "again") Print("again", Serve(argv[1], new orb::test::TestObject()));
+    if (line.rfind("name ", 0) == 0) Print("name", Serve(line.substr(5), object));
+    if (line == "alive") Print("alive", orb::test::TestObject::Alive());
+  }
+  orb_platform::StopThreadPool();
+  android::IPCThreadState::self()->joinThreadPool();
+  return 0;
+}

@@ -1,0 +1,104 @@
+#include "tests/platform/test_object.h"
+
+#include <binder/IPCThreadState.h>
+#include <unistd.h>
+
+#include <atomic>
+
+namespace orb::test {
+
+using android::IBinder;
+using android::IPCThreadState;
+using android::Parcel;
+using android::sp;
+using android::status_t;
+
+namespace {
+
+std::atomic<int> alive{0};
+
+}  // namespace
+
+TestObject::TestObject() { alive++; }
+TestObject::~TestObject() { alive--; }
+int TestObject::Alive() { return alive.load(); }
+
+const android::String16& TestObject::getInterfaceDescriptor() const {
+  static const android::String16* const name = new android::String16("orb.test.Object");
+  return *name;
+}
+
+status_t TestObject::Nest(const Parcel& data, Parcel* reply) {
+  const int32_t depth = data.readInt32();
+  const sp<IBinder> peer = data.readStrongBinder();
+  if (depth == 0) return reply->writeInt32(0);
+  Parcel call;
+  Parcel answer;
+  call.writeInt32(depth - 1);
+  call.writeStrongBinder(sp<IBinder>(this));
+  const status_t status = peer->transact(kNest, call, &answer);
+  return status != android::OK ? status : reply->writeInt32(answer.readInt32() + 1);
+}
+
+status_t TestObject::Descriptor(const Parcel& data, Parcel* reply) {
+  android::base::unique_fd from;
+  const status_t status = data.readUniqueFileDescriptor(&from);
+  if (status != android::OK) return status;
+  char text[16] = {};
+  const ssize_t got = read(from.get(), text, sizeof text - 1);
+  reply->writeUtf8AsUtf16(std::string(text, got > 0 ? static_cast<size_t>(got) : 0));
+  int ends[2];
+  if (pipe(ends) != 0 || write(ends[1], "back", 4) != 4) return android::UNKNOWN_ERROR;
+  close(ends[1]);
+  return reply->writeFileDescriptor(ends[0], true);
+}
+
+status_t TestObject::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
+  switch (code) {
+    case kEcho: {
+      std::vector<uint8_t> bytes;
+      const status_t status = data.readByteVector(&bytes);
+      return status == android::OK ? reply->writeByteVector(bytes) : status;
+    }
+    case kNest:
+      return Nest(data, reply);
+    case kDescriptor:
+      return Descriptor(data, reply);
+    case kHang:
+      for (;;) pause();
+    case kCaller:
+      reply->writeInt32(IPCThreadState::self()->getCallingPid());
+      return reply->writeInt32(static_cast<int32_t>(IPCThreadState::self()->getCallingUid()));
+    case kFail:
+      return data.readInt32();
+    case kReplyBytes:
+      return reply->writeByteVector(
+          std::vector<uint8_t>(static_cast<size_t>(data.readInt32()), uint8_t{7}));
+    default:
+      break;
+  }
+  MutexLock lock(mutex_);
+  switch (code) {
+    case kAppend:
+      appended_.push_back(data.readInt32());
+      return android::OK;
+    case kAppended:
+      return reply->writeInt32Vector(appended_);
+    case kStore:
+      stored_ = data.readStrongBinder();
+      return android::OK;
+    case kStored:
+      return reply->writeStrongBinder(stored_);
+    case kBlock:
+      while (!unblocked_) changed_.Wait(mutex_);
+      return android::OK;
+    case kUnblock:
+      unblocked_ = true;
+      changed_.NotifyAll();
+      return android::OK;
+    default:
+      return BBinder::onTransact(code, data, reply, flags);
+  }
+}
+
+}  // namespace orb::test

@@ -1,0 +1,53 @@
+// An object that does what the transport has to stand: served in the test's
+// process, or by platform_peer in another.
+#pragma once
+
+#include <binder/Binder.h>
+#include <binder/Parcel.h>
+
+#include <vector>
+
+#include "utility/thread_annotations.h"
+
+namespace orb::test {
+
+enum TestCode : uint32_t {
+  kEcho = android::IBinder::FIRST_CALL_TRANSACTION,  // bytes -> bytes
+  kAppend,                                           // int32; remembered in order
+  kAppended,                                         // -> int32[]
+  kStore,                                            // binder; kept
+  kStored,                                           // -> binder
+  kNest,        // depth, binder: calls it back with depth - 1 and itself -> calls below
+  kDescriptor,  // descriptor -> what it reads, and a descriptor to read "back" from
+  kHang,        // never returns
+  kCaller,      // -> pid, uid
+  kFail,        // int32: fails with that status
+  kReplyBytes,  // n -> n bytes
+  kBlock,       // waits until kUnblock
+  kUnblock,
+};
+
+class TestObject : public android::BBinder {
+ public:
+  TestObject();
+  ~TestObject() override;
+  // Objects of this class that are not destroyed yet.
+  static int Alive();
+  const android::String16& getInterfaceDescriptor() const override;
+
+ protected:
+  android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
+                               uint32_t flags) override;
+
+ private:
+  android::status_t Nest(const android::Parcel& data, android::Parcel* reply);
+  android::status_t Descriptor(const android::Parcel& data, android::Parcel* reply);
+
+  Mutex mutex_;
+  CondVar changed_;
+  std::vector<int32_t> appended_ GUARDED_BY(mutex_);
+  android::sp<android::IBinder> stored_ GUARDED_BY(mutex_);
+  bool unblocked_ GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace orb::test
