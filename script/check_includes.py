@@ -18,7 +18,8 @@ LEAVES = [
     "utility/thread_annotations.h",
     "utility/unique_fd.h",
 ]
-CONTRACT = ["ipc/I", "ipc/Bp", "ipc/Bn", "ipc/KIV", "ipc/LicInfo", "ipc/aidl/", "aidl/"]
+CONTRACT = ["ipc/I", "ipc/Bp", "ipc/Bn", "ipc/KIV", "ipc/LicInfo", "ipc/aidl/", "aidl/",
+            "ipc/transaction.h", "ipc/parcel_body.h"]
 
 # folder: (project includes allowed, by prefix; platform includes allowed)
 RULES = {

@@ -1,0 +1,59 @@
+// The reply of a task to the thread that waits for it.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "services/manager/campaign_state.h"
+#include "services/manager/control/ControlReply.h"
+#include "utility/thread_annotations.h"
+
+namespace orb::manager {
+
+// Thread-safe; the first reply counts.
+class Answer {
+ public:
+  void Set(const ControlReply& reply) EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
+    if (there_) return;
+    there_ = true;
+    reply_ = reply;
+    changed_.NotifyAll();
+  }
+  // False when no reply came in time.
+  bool Wait(std::chrono::milliseconds timeout, ControlReply* reply) EXCLUDES(mutex_) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    MutexLock lock(mutex_);
+    while (!there_) {
+      if (!changed_.WaitUntil(mutex_, deadline)) break;
+    }
+    if (there_) *reply = reply_;
+    return there_;
+  }
+
+ private:
+  Mutex mutex_;
+  CondVar changed_;
+  bool there_ GUARDED_BY(mutex_) = false;
+  ControlReply reply_ GUARDED_BY(mutex_);
+};
+
+// Owned by the task: one that is dropped answers, too.
+class AnswerTicket {
+ public:
+  AnswerTicket(std::shared_ptr<Answer> answer, std::string client)
+      : answer_(std::move(answer)), client_(std::move(client)) {}
+  ~AnswerTicket() { answer_->Set(Reply(ControlReply::FAILED, client_ + " has gone")); }
+  AnswerTicket(const AnswerTicket&) = delete;
+  AnswerTicket& operator=(const AnswerTicket&) = delete;
+
+  void Give(const ControlReply& reply) { answer_->Set(reply); }
+
+ private:
+  const std::shared_ptr<Answer> answer_;
+  const std::string client_;
+};
+
+}  // namespace orb::manager

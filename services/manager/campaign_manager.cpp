@@ -1,0 +1,239 @@
+// Who is registered, and what operators ask for.
+// Tested by tests/services/campaign_manager_test.cpp.
+#include "services/manager/campaign_manager.h"
+
+#include <sys/random.h>
+
+#include <algorithm>
+#include <array>
+#include <cinttypes>
+#include <cstdio>
+#include <utility>
+
+#include "services/manager/answer.h"
+#include "services/manager/campaign_state.h"
+#include "utility/log.h"
+
+namespace orb::manager {
+namespace {
+
+using android::IBinder;
+using android::IInterface;
+using android::sp;
+
+constexpr size_t kTokenBytes = 16;
+
+// 128 random bits as 32 hexadecimal digits; empty when the system has none.
+std::string NewToken() {
+  std::array<uint8_t, kTokenBytes> bytes{};
+  if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) return "";
+  std::string token;
+  for (const uint8_t byte : bytes) {
+    char digits[3];
+    snprintf(digits, sizeof digits, "%02x", byte);
+    token += digits;
+  }
+  return token;
+}
+
+bool IsPlainName(const std::string& name) {
+  return !name.empty() && name.size() <= CampaignManager::kMaxNameBytes &&
+         std::none_of(name.begin(), name.end(),
+                      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; });
+}
+
+class DeathNotice : public IBinder::DeathRecipient {
+ public:
+  DeathNotice(std::weak_ptr<CampaignManager> manager, std::string token)
+      : manager_(std::move(manager)), token_(std::move(token)) {}
+  void binderDied(const android::wp<IBinder>&) override {
+    if (const std::shared_ptr<CampaignManager> manager = manager_.lock()) {
+      manager->ClientDied(token_);
+    }
+  }
+
+ private:
+  const std::weak_ptr<CampaignManager> manager_;
+  const std::string token_;
+};
+
+}  // namespace
+
+CampaignManager::~CampaignManager() {
+  std::vector<Client> clients;
+  {
+    MutexLock lock(mutex_);
+    for (const auto& [token, client] : by_token_) clients.push_back(client);
+    by_token_.clear();
+    clients.insert(clients.end(), retired_.begin(), retired_.end());
+    retired_.clear();
+  }
+  for (const Client& client : clients) {
+    IInterface::asBinder(client->callback)->unlinkToDeath(client->death);
+    client->executor().Stop();
+  }
+}
+
+bool CampaignManager::Register(const KIVClientInfo& info, const sp<IKIVCallback>& callback,
+                               KIVClientId* id) {
+  const std::string token = NewToken();
+  const int32_t client_id = IsPlainName(info.clientName) ? store_->ClientId(info.clientName) : -1;
+  if (token.empty() || client_id < 0 || callback == nullptr) {
+    LOGE(
+        "registration refused: no callback, a name that is empty, too long or not printable, or "
+        "too many names");
+    return false;
+  }
+  const auto client = std::make_shared<RegisteredClient>();
+  client->name = info.clientName;
+  client->token = token;
+  client->id = client_id;
+  client->type = info.clientType;
+  client->option = info.clientOption;
+  client->since_ms = NowMs();
+  client->callback = callback;
+  client->death = new DeathNotice(weak_from_this(), token);
+  Client former = Find(info.clientName);
+  if (former != nullptr) {
+    LOGW("client %s registers again: its former registration is forgotten",
+         info.clientName.c_str());
+    Deregister(former->token);
+  }
+  {
+    MutexLock lock(mutex_);
+    by_token_[token] = client;
+    retired_.erase(
+        std::remove_if(retired_.begin(), retired_.end(),
+                       [](const Client& gone) {
+                         return gone->executor().StoppedBy(std::chrono::steady_clock::now());
+                       }),
+        retired_.end());
+  }
+  // Linked after it is known, so that a notice finds what it is about. A
+  // callback in this process cannot die alone; the refusal is of no interest.
+  if (IInterface::asBinder(callback)->linkToDeath(client->death) == android::DEAD_OBJECT) {
+    ClientDied(token);
+    return false;
+  }
+  id->token = token;
+  id->clientId = client_id;
+  LOGI("client %s registered, id %d", client->name.c_str(), client_id);
+  PostRestart(client);
+  return true;
+}
+
+bool CampaignManager::Deregister(const std::string& token) {
+  const Client client = Take(token);
+  if (client == nullptr) return false;
+  IInterface::asBinder(client->callback)->unlinkToDeath(client->death);
+  LOGI("client %s deregistered", client->name.c_str());
+  return true;
+}
+
+void CampaignManager::ClientDied(const std::string& token) {
+  const Client client = Take(token);
+  if (client != nullptr) LOGW("client %s died", client->name.c_str());
+}
+
+void CampaignManager::CheckPending(const std::string& token) {
+  Client client;
+  {
+    MutexLock lock(mutex_);
+    const auto found = by_token_.find(token);
+    if (found != by_token_.end()) client = found->second;
+  }
+  if (client != nullptr) PostRestart(client);
+}
+
+CampaignManager::Client CampaignManager::Find(const std::string& name) {
+  MutexLock lock(mutex_);
+  for (const auto& [token, client] : by_token_) {
+    if (client->name == name) return client;
+  }
+  return nullptr;
+}
+
+CampaignManager::Client CampaignManager::Take(const std::string& token) {
+  MutexLock lock(mutex_);
+  const auto found = by_token_.find(token);
+  if (found == by_token_.end()) return nullptr;
+  const Client client = found->second;
+  by_token_.erase(found);
+  Retire(client);
+  return client;
+}
+
+void CampaignManager::Retire(const Client& client) {
+  client->executor().Stop();
+  retired_.push_back(client);
+}
+
+std::vector<ClientRecord> CampaignManager::ListClients() {
+  std::map<std::string, Client> connected;
+  {
+    MutexLock lock(mutex_);
+    for (const auto& [token, client] : by_token_) connected[client->name] = client;
+  }
+  std::vector<ClientRecord> records;
+  for (const auto& [name, state] : store_->Clients()) {
+    const auto found = connected.find(name);
+    records.push_back(RecordOf(state, found == connected.end() ? nullptr : found->second.get()));
+  }
+  return records;
+}
+
+ControlReply CampaignManager::NotThere(const std::string& name) const {
+  return store_->Knows(name) ? Reply(ControlReply::REFUSED, name + " is not connected")
+                             : Reply(ControlReply::REFUSED, "no client is called " + name);
+}
+
+ControlReply CampaignManager::RunOn(const Client& client, std::function<ControlReply()> call) {
+  const auto answer = std::make_shared<Answer>();
+  const auto ticket = std::make_shared<AnswerTicket>(answer, client->name);
+  const bool posted =
+      client->executor().Post([ticket, call = std::move(call)] { ticket->Give(call()); });
+  if (!posted) return Reply(ControlReply::FAILED, client->name + " has too many calls waiting");
+  ControlReply reply;
+  if (answer->Wait(timing_.answer, &reply)) return reply;
+  return Reply(ControlReply::FAILED,
+               client->name + " has not answered in time; it may still do what was asked");
+}
+
+ControlReply CampaignManager::StartCampaign(const std::string& name, const KIVCampConfig& config) {
+  const Client client = Find(name);
+  if (client == nullptr) return NotThere(name);
+  return RunOn(client, [this, raw = client.get(), config] { return Start(raw, config); });
+}
+
+ControlReply CampaignManager::StopCampaign(const std::string& name) {
+  const Client client = Find(name);
+  if (client != nullptr) return RunOn(client, [this, raw = client.get()] { return Stop(raw); });
+  SavedCampaign saved;
+  if (!store_->GetCampaign(name, &saved)) {
+    return store_->Knows(name) ? Reply(ControlReply::REFUSED, "no campaign runs on " + name)
+                               : NotThere(name);
+  }
+  if (!store_->ClearCampaign(name)) return NotSaved();
+  return Reply(ControlReply::DONE, name + " is not connected; its campaign will not start again");
+}
+
+ControlReply CampaignManager::SetLicSn(const std::string& name, int64_t lic_sn, bool run) {
+  const Client client = Find(name);
+  if (client == nullptr) return NotThere(name);
+  return RunOn(client,
+               [this, raw = client.get(), lic_sn, run] { return SwitchLicSn(raw, lic_sn, run); });
+}
+
+bool CampaignManager::StopBy(std::chrono::steady_clock::time_point deadline) {
+  std::vector<Client> clients;
+  {
+    MutexLock lock(mutex_);
+    for (const auto& [token, client] : by_token_) clients.push_back(client);
+    clients.insert(clients.end(), retired_.begin(), retired_.end());
+  }
+  for (const Client& client : clients) client->executor().Stop();
+  return std::all_of(clients.begin(), clients.end(),
+                     [&](const Client& client) { return client->executor().StoppedBy(deadline); });
+}
+
+}  // namespace orb::manager

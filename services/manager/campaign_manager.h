@@ -1,0 +1,96 @@
+// The manager's whole behaviour, without the bus: who is registered, what runs
+// on whom, and giving clients back what they ran.
+//
+// Locks: mutex_ guards who is registered and is never held while a client is
+// called, because a client calls back. What is called on a client runs on that
+// client's own executor.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ipc/KIVCampConfig.h"
+#include "ipc/KIVClientId.h"
+#include "ipc/KIVClientInfo.h"
+#include "services/manager/control/ClientRecord.h"
+#include "services/manager/control/ControlReply.h"
+#include "services/manager/registered_client.h"
+#include "services/manager/state_store.h"
+#include "utility/thread_annotations.h"
+
+namespace orb::manager {
+
+// Thread-safe. Held by shared_ptr: death notices may come late.
+class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
+ public:
+  static constexpr size_t kMaxNameBytes = 200;
+
+  struct Timing {
+    // How long an operator waits for a client's answer.
+    std::chrono::milliseconds answer{30000};
+    // Waits before each attempt to give a client its campaign back: it answers
+    // -1 until it has taken note of its own registration.
+    std::vector<std::chrono::milliseconds> restart_waits = {
+        std::chrono::milliseconds(5), std::chrono::milliseconds(50), std::chrono::milliseconds(200),
+        std::chrono::milliseconds(1000), std::chrono::milliseconds(3000)};
+  };
+
+  // Takes the store.
+  explicit CampaignManager(std::unique_ptr<StateStore> store) : store_(std::move(store)) {}
+  CampaignManager(std::unique_ptr<StateStore> store, Timing timing)
+      : store_(std::move(store)), timing_(std::move(timing)) {}
+  // Waits for calls that clients have not answered.
+  ~CampaignManager();
+
+  // Makes a client known, in place of an earlier one of that name, and gives it
+  // its campaign back soon. False for a name that is refused (logged).
+  bool Register(const KIVClientInfo& info, const android::sp<IKIVCallback>& callback,
+                KIVClientId* id) EXCLUDES(mutex_);
+  // Forgets the registration; the campaign stays on disk. False: no such token.
+  bool Deregister(const std::string& token) EXCLUDES(mutex_);
+  // Gives the client its campaign back if it does not run.
+  void CheckPending(const std::string& token) EXCLUDES(mutex_);
+  void ClientDied(const std::string& token) EXCLUDES(mutex_);
+
+  // For operators; docs in control/IOrbControl.h. Block for the client's answer.
+  std::vector<ClientRecord> ListClients() EXCLUDES(mutex_);
+  ControlReply StartCampaign(const std::string& name, const KIVCampConfig& config);
+  ControlReply StopCampaign(const std::string& name);
+  ControlReply SetLicSn(const std::string& name, int64_t lic_sn, bool run);
+
+  // Stops all calls to clients; false when one still waits at the deadline.
+  bool StopBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);
+
+ private:
+  using Client = std::shared_ptr<RegisteredClient>;
+
+  Client Find(const std::string& name) EXCLUDES(mutex_);
+  Client Take(const std::string& token) EXCLUDES(mutex_);
+  void Retire(const Client& client) REQUIRES(mutex_);
+  void PostRestart(const Client& client);
+  ControlReply NotThere(const std::string& name) const;
+  ControlReply RunOn(const Client& client, std::function<ControlReply()> call);
+
+  // On the client's executor.
+  void Restart(RegisteredClient* client);
+  ControlReply Start(RegisteredClient* client, const KIVCampConfig& config);
+  ControlReply Stop(RegisteredClient* client);
+  ControlReply SwitchLicSn(RegisteredClient* client, int64_t lic_sn, bool run);
+  ControlReply CallFailed(RegisteredClient* client, const char* call,
+                          const android::binder::Status& status);
+  void ReapplyStops(RegisteredClient* client, const SavedCampaign& saved);
+
+  const std::unique_ptr<StateStore> store_;
+  const Timing timing_;
+  Mutex mutex_;
+  std::map<std::string, Client> by_token_ GUARDED_BY(mutex_);
+  // Gone, but a call to them may not have returned. Nobody else keeps a client
+  // whose executor runs: its destructor, which joins, must not run on it.
+  std::vector<Client> retired_ GUARDED_BY(mutex_);
+};
+
+}  // namespace orb::manager

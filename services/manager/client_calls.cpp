@@ -1,0 +1,139 @@
+// What the manager asks of a client; all of it runs on the client's executor.
+// Tested by tests/services/campaign_manager_test.cpp.
+#include <algorithm>
+#include <cinttypes>
+
+#include "services/manager/campaign_manager.h"
+#include "services/manager/campaign_state.h"
+#include "utility/log.h"
+
+namespace orb::manager {
+
+using android::binder::Status;
+
+ControlReply CampaignManager::CallFailed(RegisteredClient* client, const char* call,
+                                         const Status& status) {
+  const int error = status.transactionError();
+  LOGE("client %s: %s failed: %s", client->name.c_str(), call, status.toString8().c_str());
+  if (error == android::FAILED_TRANSACTION) {
+    return Reply(ControlReply::FAILED, "the campaign is too large for one transaction (1 MiB)");
+  }
+  if (error == android::DEAD_OBJECT) {
+    ClientDied(client->token);  // Ahead of the notice.
+    return Reply(ControlReply::FAILED, client->name + " died");
+  }
+  return Reply(ControlReply::FAILED,
+               client->name + " cannot be called: " + status.toString8().c_str());
+}
+
+ControlReply CampaignManager::Start(RegisteredClient* client, const KIVCampConfig& config) {
+  SessionState session = client->Session();
+  if (session.running) {
+    // Not passed on: a refused start would still change the id that the client
+    // stamps on its uploads.
+    return Reply(ControlReply::REFUSED, "campaign " + std::to_string(session.camp_id) +
+                                            " runs on " + client->name + "; stop it first");
+  }
+  int32_t result = -1;
+  const Status status = client->callback->StartSession(client->token, config, &result);
+  if (!status.isOk()) return CallFailed(client, "StartSession", status);
+  session.last_result = result;
+  session.running = result == 0;
+  session.restart_refused = false;
+  session.camp_id = config.campId;
+  session.since_ms = NowMs();
+  client->SetSession(session);
+  if (result != 0) {
+    LOGW("client %s refused campaign %" PRId64 ": result %d", client->name.c_str(), config.campId,
+         result);
+    return Reply(ControlReply::REFUSED,
+                 client->name + " refused the campaign with result " + std::to_string(result),
+                 result);
+  }
+  LOGI("client %s runs campaign %" PRId64, client->name.c_str(), config.campId);
+  if (store_->SetCampaign(client->name, ToSaved(config))) return Reply(ControlReply::DONE, "");
+  return Reply(ControlReply::DONE, "it runs, but could not be saved: it ends with the manager");
+}
+
+ControlReply CampaignManager::Stop(RegisteredClient* client) {
+  SessionState session = client->Session();
+  SavedCampaign saved;
+  if (!session.running && !store_->GetCampaign(client->name, &saved)) {
+    return Reply(ControlReply::REFUSED, "no campaign runs on " + client->name);
+  }
+  // First on disk: a manager that ends in between must not start it again.
+  const bool cleared = store_->ClearCampaign(client->name);
+  const bool was_running = session.running;
+  const int64_t camp_id = session.camp_id;
+  session = SessionState();
+  client->SetSession(session);
+  if (was_running) {
+    const Status status = client->callback->StopSession(client->token, camp_id);
+    // A client that died has no session either.
+    if (!status.isOk()) {
+      const ControlReply failed = CallFailed(client, "StopSession", status);
+      if (status.transactionError() != android::DEAD_OBJECT) return failed;
+    }
+    LOGI("client %s: campaign %" PRId64 " stopped", client->name.c_str(), camp_id);
+  }
+  return cleared ? Reply(ControlReply::DONE, "") : NotSaved();
+}
+
+ControlReply CampaignManager::SwitchLicSn(RegisteredClient* client, int64_t lic_sn, bool run) {
+  const SessionState session = client->Session();
+  SavedCampaign saved;
+  if (!session.running || !store_->GetCampaign(client->name, &saved)) {
+    return Reply(ControlReply::REFUSED, "no campaign runs on " + client->name);
+  }
+  const auto known = std::any_of(saved.lic_keys().begin(), saved.lic_keys().end(),
+                                 [&](const LicKey& key) { return key.lic_sn() == lic_sn; });
+  if (!known) {
+    return Reply(ControlReply::REFUSED, "campaign " + std::to_string(session.camp_id) + " of " +
+                                            client->name + " has no LicSN " +
+                                            std::to_string(static_cast<uint64_t>(lic_sn)));
+  }
+  const Status status =
+      run ? client->callback->StartSessionforLicSN(client->token, session.camp_id, lic_sn)
+          : client->callback->StopSessionforLicSN(client->token, session.camp_id, lic_sn);
+  if (!status.isOk()) {
+    return CallFailed(client, run ? "StartSessionforLicSN" : "StopSessionforLicSN", status);
+  }
+  auto* stopped = saved.mutable_stopped_lic_sns();
+  stopped->erase(std::remove(stopped->begin(), stopped->end(), lic_sn), stopped->end());
+  if (!run) stopped->Add(lic_sn);
+  return store_->SetCampaign(client->name, saved) ? Reply(ControlReply::DONE, "") : NotSaved();
+}
+
+void CampaignManager::PostRestart(const Client& client) {
+  SavedCampaign saved;
+  if (!store_->GetCampaign(client->name, &saved)) return;
+  if (!client->executor().Post([this, raw = client.get()] { Restart(raw); })) {
+    LOGE("client %s: its campaign cannot be started again now", client->name.c_str());
+  }
+}
+
+void CampaignManager::Restart(RegisteredClient* client) {
+  for (const std::chrono::milliseconds wait : timing_.restart_waits) {
+    if (!client->executor().Pause(wait)) return;
+    SavedCampaign saved;
+    if (client->Session().running || !store_->GetCampaign(client->name, &saved)) return;
+    const ControlReply reply = Start(client, ToConfig(saved));
+    if (reply.status == ControlReply::DONE) {
+      ReapplyStops(client, saved);
+      return;
+    }
+    if (reply.status == ControlReply::FAILED) return;
+  }
+  SessionState session = client->Session();
+  session.restart_refused = true;
+  client->SetSession(session);
+  LOGE("client %s does not take its campaign back: result %d", client->name.c_str(),
+       session.last_result);
+}
+
+// The start has saved the campaign with all its LicSNs running.
+void CampaignManager::ReapplyStops(RegisteredClient* client, const SavedCampaign& saved) {
+  for (const int64_t lic_sn : saved.stopped_lic_sns()) SwitchLicSn(client, lic_sn, false);
+}
+
+}  // namespace orb::manager

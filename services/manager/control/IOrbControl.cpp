@@ -1,0 +1,6 @@
+// Tested by tests/services/control_test.cpp.
+#include "services/manager/control/IOrbControl.h"
+
+#include "services/manager/control/BpOrbControl.h"
+
+DO_NOT_DIRECTLY_USE_ME_IMPLEMENT_META_INTERFACE(OrbControl, "orb.manager.IOrbControl")

@@ -1,0 +1,42 @@
+// The manager as its operators see it: which clients there are, and what they
+// collect. Published under the name below.
+#pragma once
+
+#include <binder/IBinder.h>
+#include <binder/IInterface.h>
+#include <binder/Status.h>
+#include <utils/StrongPointer.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "ipc/KIVCampConfig.h"
+#include "services/manager/control/ClientRecord.h"
+#include "services/manager/control/ControlReply.h"
+
+class IOrbControl : public ::android::IInterface {
+ public:
+  DECLARE_META_INTERFACE(OrbControl)
+
+  static constexpr const char* kServiceName = "orb.manager.control";
+
+  // All clients that ever registered, by name; `connected` tells which are there.
+  virtual ::android::binder::Status listClients(::std::vector<::ClientRecord>* _aidl_return) = 0;
+
+  // Starts the campaign on a connected client, waits for the client's result,
+  // and keeps the campaign on disk when that is 0.
+  virtual ::android::binder::Status startCampaign(const ::std::string& client,
+                                                  const ::KIVCampConfig& config,
+                                                  ::ControlReply* _aidl_return) = 0;
+
+  // Stops the campaign and forgets it; of a client that is away it is only forgotten.
+  virtual ::android::binder::Status stopCampaign(const ::std::string& client,
+                                                 ::ControlReply* _aidl_return) = 0;
+
+  // Starts or stops one LicSN of the campaign that runs on the client.
+  virtual ::android::binder::Status startLicSN(const ::std::string& client, int64_t licSN,
+                                               ::ControlReply* _aidl_return) = 0;
+  virtual ::android::binder::Status stopLicSN(const ::std::string& client, int64_t licSN,
+                                              ::ControlReply* _aidl_return) = 0;
+};

@@ -1,0 +1,54 @@
+// One client that is registered now: how to reach it, and what runs on it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "ipc/IKIVCallback.h"
+#include "services/common/serial_executor.h"
+#include "utility/thread_annotations.h"
+
+namespace orb::manager {
+
+// What the manager last heard of a client's session.
+struct SessionState {
+  bool running = false;
+  int64_t camp_id = 0;
+  int64_t since_ms = 0;     // Since the epoch.
+  int32_t last_result = 0;  // Of the last start, and whether there was one.
+  bool restart_refused = false;
+};
+
+// All calls to the client are made by tasks of its executor, so they have one
+// order and a client that hangs keeps nobody else waiting. Session() is for any
+// thread; SetSession for tasks only.
+class RegisteredClient {
+ public:
+  static constexpr size_t kMaxWaitingCalls = 64;
+
+  std::string name;
+  std::string token;
+  int32_t id = 0;
+  int32_t type = 0;
+  int32_t option = 0;
+  int64_t since_ms = 0;
+  android::sp<IKIVCallback> callback;
+  android::sp<android::IBinder::DeathRecipient> death;  // The proxy holds it weakly.
+
+  SessionState Session() const EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
+    return session_;
+  }
+  void SetSession(const SessionState& session) EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
+    session_ = session;
+  }
+  services::SerialExecutor& executor() { return executor_; }
+
+ private:
+  mutable Mutex mutex_;
+  SessionState session_ GUARDED_BY(mutex_);
+  services::SerialExecutor executor_{kMaxWaitingCalls};
+};
+
+}  // namespace orb::manager
