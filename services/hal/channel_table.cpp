@@ -86,9 +86,9 @@ void ChannelTable::Retire(Channels::iterator at) {
   channels_.erase(at);
 }
 
-size_t ChannelTable::Count() const {
+bool ChannelTable::Has(uint32_t token) const {
   MutexLock lock(mutex_);
-  return channels_.size();
+  return channels_.count(token) != 0;
 }
 
 bool ChannelTable::StopBy(std::chrono::steady_clock::time_point deadline) {

@@ -63,7 +63,7 @@ class ChannelTable {
   bool Remove(const Caller& caller, uint32_t token) EXCLUDES(mutex_);
   // Whoever owned it; for a client that died.
   bool RemoveDead(uint32_t token) EXCLUDES(mutex_);
-  size_t Count() const EXCLUDES(mutex_);
+  bool Has(uint32_t token) const EXCLUDES(mutex_);
 
   // Stops all confirmations; false when one still waits at the deadline.
   bool StopBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);

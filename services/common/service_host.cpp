@@ -1,0 +1,79 @@
+// Tested by tests/integration/.
+#include "services/common/service_host.h"
+
+#include <binder/ProcessState.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include "utility/log.h"
+
+namespace orb::services {
+namespace {
+
+constexpr int kUsage = 2;
+constexpr timespec kCheckInterval{1, 0};
+
+}  // namespace
+
+int ParseCommandLine(CLI::App* app, int argc, char** argv) {
+  app->set_version_flag("--version", std::string(ORB_VERSION));
+  try {
+    app->parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app->exit(error) == 0 ? 0 : kUsage;
+  }
+  return -1;
+}
+
+ServiceHost::ServiceHost() {
+  sigemptyset(&signals_);
+  sigaddset(&signals_, SIGTERM);
+  sigaddset(&signals_, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+}
+
+void ServiceHost::Add(const std::string& name, std::function<bool()> publish,
+                      std::function<bool()> is_published) {
+  services_.push_back({name, std::move(publish), std::move(is_published)});
+}
+
+int ServiceHost::Run() {
+  for (const Service& service : services_) {
+    if (android::ProcessState::self() != nullptr && service.is_published()) {
+      LOGE("%s is published by another process; stop that one first", service.name.c_str());
+      return 1;
+    }
+  }
+  int received = -1;
+  do {
+    for (Service& service : services_) Check(&service);
+    received = sigtimedwait(&signals_, nullptr, &kCheckInterval);
+  } while (received < 0);
+  LOGI("ending on signal %d", received);
+  return 0;
+}
+
+void ServiceHost::Check(Service* service) {
+  const android::sp<android::ProcessState> process = android::ProcessState::self();
+  if (process != nullptr && service->is_published()) return;
+  if (process != nullptr) process->startThreadPool();
+  if (process != nullptr && service->publish()) {
+    LOGI("%s is published", service->name.c_str());
+    service->reported = false;
+  } else if (!service->reported) {
+    LOGE("%s cannot be published: %s; trying again every second", service->name.c_str(),
+         process == nullptr ? "there is no bus" : "the bus refuses the name");
+    service->reported = true;
+  }
+}
+
+void ServiceHost::Exit(int code) {
+  fflush(nullptr);
+  _exit(code);
+}
+
+}  // namespace orb::services

@@ -1,0 +1,47 @@
+// orb-hald: the system HAL of an ordinary Linux system.
+#include <android/binder_manager.h>
+
+#include <cinttypes>
+#include <cstdio>
+
+#include "services/common/service_host.h"
+#include "services/hal/orbsyshal_service.h"
+#include "utility/log.h"
+
+int main(int argc, char** argv) {
+  CLI::App app("Keeps the uploads of telemetry clients as files.", "orb-hald");
+  std::string directory;
+  uint64_t max_bytes = 0;
+  app.add_option("--spool", directory, "Folder of the uploads")->type_name("DIR")->required();
+  app.add_option("--max-bytes", max_bytes,
+                 "Most bytes of uploads to keep; the oldest go first (0: no limit)")
+      ->type_name("N");
+  const int code = orb::services::ParseCommandLine(&app, argc, argv);
+  if (code >= 0) return code;
+
+  orb::services::ServiceHost host;
+  std::string error;
+  std::unique_ptr<orb::hal::Spool> spool = orb::hal::Spool::Open(directory, max_bytes, &error);
+  if (spool == nullptr) {
+    fprintf(stderr, "orb-hald: %s\n", error.c_str());
+    return 1;
+  }
+  LOGI("%s holds %" PRIu64 " bytes", directory.c_str(), spool->StoredBytes());
+  const auto hal = std::make_shared<orb::hal::Hal>(std::move(spool));
+  const auto service = ::ndk::SharedRefBase::make<orb::hal::OrbsyshalService>(hal);
+  host.Add(
+      orb::hal::kHalServiceName,
+      [&] {
+        return AServiceManager_addService(service->asBinder().get(), orb::hal::kHalServiceName) ==
+               EX_NONE;
+      },
+      [] {
+        return ::ndk::SpAIBinder(AServiceManager_checkService(orb::hal::kHalServiceName)).get() !=
+               nullptr;
+      });
+  const int result = host.Run();
+  if (!hal->channels().StopBy(std::chrono::steady_clock::now() + std::chrono::seconds(2))) {
+    LOGW("a client has not taken note of a slot; ending all the same");
+  }
+  orb::services::ServiceHost::Exit(result);
+}

@@ -1,0 +1,60 @@
+// orb-managerd: the manager of an ordinary Linux system.
+#include <binder/IServiceManager.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "services/common/service_host.h"
+#include "services/manager/manager_service.h"
+#include "utility/log.h"
+
+namespace {
+
+// systemd makes the folder and tells where it is.
+std::string DefaultState() {
+  const char* folder = getenv("STATE_DIRECTORY");
+  return folder != nullptr && *folder != '\0' ? folder : "/var/lib/orb-managerd";
+}
+
+void Publish(orb::services::ServiceHost* host, const char* name,
+             const android::sp<android::IBinder>& service) {
+  const android::String16 name16(name);
+  host->Add(
+      name,
+      [name16, service] {
+        return android::defaultServiceManager()->addService(name16, service) == android::OK;
+      },
+      [name16] { return android::defaultServiceManager()->checkService(name16) != nullptr; });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Registers telemetry clients and runs campaigns on them.", "orb-managerd");
+  std::string state = DefaultState();
+  app.add_option("--state", state, "Folder that keeps client ids and campaigns")
+      ->capture_default_str()
+      ->type_name("DIR");
+  const int code = orb::services::ParseCommandLine(&app, argc, argv);
+  if (code >= 0) return code;
+
+  orb::services::ServiceHost host;
+  std::string error;
+  std::unique_ptr<orb::manager::StateStore> store = orb::manager::StateStore::Open(state, &error);
+  if (store == nullptr) {
+    fprintf(stderr, "orb-managerd: %s\n", error.c_str());
+    return 1;
+  }
+  const auto manager = std::make_shared<orb::manager::CampaignManager>(std::move(store));
+  const android::sp<orb::manager::ManagerService> clients(
+      new orb::manager::ManagerService(manager));
+  const android::sp<orb::manager::ControlService> operators(
+      new orb::manager::ControlService(manager));
+  Publish(&host, orb::manager::kManagerServiceName, clients);
+  Publish(&host, IOrbControl::kServiceName, operators);
+  const int result = host.Run();
+  if (!manager->StopBy(std::chrono::steady_clock::now() + std::chrono::seconds(2))) {
+    LOGW("a client has not answered; ending all the same");
+  }
+  orb::services::ServiceHost::Exit(result);
+}

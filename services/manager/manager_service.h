@@ -1,0 +1,55 @@
+// The manager on the bus: what clients call, and what operators call.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ipc/BnKIVManager.h"
+#include "services/manager/campaign_manager.h"
+#include "services/manager/control/BnOrbControl.h"
+
+namespace orb::manager {
+
+inline constexpr const char* kManagerServiceName = "vendor_kivsdkservice";
+
+// For clients. Any thread.
+class ManagerService : public BnKIVManager {
+ public:
+  explicit ManagerService(std::shared_ptr<CampaignManager> manager)
+      : manager_(std::move(manager)) {}
+
+  android::binder::Status registerKIVClient(const KIVClientInfo& info,
+                                            const android::sp<IKIVCallback>& callback,
+                                            KIVClientId* id) override;
+  android::binder::Status checkForPendingSession(const std::string& token) override;
+  android::binder::Status deregisterKIVClient(const std::string& token) override;
+  // Always answers false: uploads go to the HAL.
+  android::binder::Status sendData(const std::vector<uint8_t>& data, const std::string& token,
+                                   bool* result) override;
+
+ private:
+  const std::shared_ptr<CampaignManager> manager_;
+};
+
+// For operators. Any thread; blocks for the client's answer.
+class ControlService : public BnOrbControl {
+ public:
+  explicit ControlService(std::shared_ptr<CampaignManager> manager)
+      : manager_(std::move(manager)) {}
+
+  android::binder::Status listClients(std::vector<ClientRecord>* clients) override;
+  android::binder::Status startCampaign(const std::string& client, const KIVCampConfig& config,
+                                        ControlReply* reply) override;
+  android::binder::Status stopCampaign(const std::string& client, ControlReply* reply) override;
+  android::binder::Status startLicSN(const std::string& client, int64_t lic_sn,
+                                     ControlReply* reply) override;
+  android::binder::Status stopLicSN(const std::string& client, int64_t lic_sn,
+                                    ControlReply* reply) override;
+
+ private:
+  const std::shared_ptr<CampaignManager> manager_;
+};
+
+}  // namespace orb::manager
