@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <system_error>
 
 #include "utility/unique_fd.h"
 
@@ -70,7 +68,5 @@ int ReadWholeFile(int dir_fd, const std::string& name, size_t max_bytes,
   content->resize(have_bytes);
   return 0;
 }
-
-std::string ErrorText(int error) { return std::generic_category().message(error); }
 
 }  // namespace orb::services

@@ -24,7 +24,4 @@ int ReplaceFile(int dir_fd, const std::string& name, std::span<const uint8_t> co
 int ReadWholeFile(int dir_fd, const std::string& name, size_t max_bytes,
                   std::vector<uint8_t>* content);
 
-// The text of an errno value. Any thread.
-std::string ErrorText(int error);
-
 }  // namespace orb::services

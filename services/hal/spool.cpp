@@ -17,13 +17,13 @@
 #include "services/common/durable_file.h"
 #include "services/hal/upload_name.h"
 #include "utility/byte_order.h"
+#include "utility/error_text.h"
 #include "utility/log.h"
 
 namespace orb::hal {
 namespace {
 
 namespace fs = std::filesystem;
-using services::ErrorText;
 
 constexpr const char* kIncoming = ".incoming";
 constexpr uint32_t kTimestampOffset = 17;

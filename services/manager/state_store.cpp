@@ -18,13 +18,13 @@
 #include "services/common/durable_file.h"
 #include "utility/byte_order.h"
 #include "utility/checked.h"
+#include "utility/error_text.h"
 #include "utility/log.h"
 
 namespace orb::manager {
 namespace {
 
 namespace fs = std::filesystem;
-using services::ErrorText;
 
 constexpr char kMagic[] = "ORBSTAT1";
 constexpr size_t kMagicBytes = sizeof kMagic - 1;

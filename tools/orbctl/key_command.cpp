@@ -13,9 +13,9 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <system_error>
 
 #include "tools/orbctl/output.h"
+#include "utility/error_text.h"
 #include "utility/unique_fd.h"
 
 namespace orb::orbctl {
@@ -66,12 +66,12 @@ int NewKey(const std::string& directory, bool json) {
   }
   int error = WritePem(private_path, 0600, private_pem.get());
   if (error != 0) {
-    return Fail("cannot write " + private_path + ": " + std::generic_category().message(error));
+    return Fail("cannot write " + private_path + ": " + ErrorText(error));
   }
   error = WritePem(public_path, 0644, public_pem.get());
   if (error != 0) {
     unlink(private_path.c_str());
-    return Fail("cannot write " + public_path + ": " + std::generic_category().message(error));
+    return Fail("cannot write " + public_path + ": " + ErrorText(error));
   }
   if (json) {
     PrintLine(nlohmann::json{{"private", private_path}, {"public", public_path}}.dump());

@@ -7,6 +7,8 @@
 #include <memory>
 #include <system_error>
 
+#include "utility/error_text.h"
+
 namespace orb::orbctl {
 namespace {
 
@@ -43,7 +45,7 @@ bool ReadFile(const std::string& path, uint64_t max_bytes, std::string* content,
   }
   const std::unique_ptr<FILE, CloseFile> file(fopen(path.c_str(), "rbe"));
   if (file == nullptr) {
-    *error = path + ": " + std::generic_category().message(errno);
+    *error = "cannot open " + path + ": " + ErrorText(errno);
     return false;
   }
   content->clear();
@@ -57,7 +59,7 @@ bool ReadFile(const std::string& path, uint64_t max_bytes, std::string* content,
     }
   }
   if (ferror(file.get()) != 0) {
-    *error = path + ": " + std::generic_category().message(errno);
+    *error = path + ": " + ErrorText(errno);
     return false;
   }
   return true;
