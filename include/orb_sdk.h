@@ -84,7 +84,8 @@ typedef enum kiv_param_type_t : unsigned int {
 typedef enum kiv_param_type_t {
 #endif
   KIV_PARAM_SIZE_THRESHOLD = 0, /* Bytes of a data file before it is sent. */
-  KIV_PARAM_TIME_THRESHOLD = 1  /* Seconds; kept, no flush depends on it. */
+  KIV_PARAM_TIME_THRESHOLD = 1, /* Seconds; kept, no flush depends on it. */
+  KIV_PARAM_ANY = 0x7FFFFFFF    /* No parameter: makes every number a value of this type. */
 } kiv_param_type_t;
 
 /* One piece of a scattered blob; 16 bytes on 64-bit systems. */

@@ -1,0 +1,392 @@
+#include "serializer/kpi_memory_serializer.h"
+
+#include <sys/resource.h>
+
+#include <atomic>
+#include <cstdio>
+#include <sstream>
+#include <thread>
+
+#include "proto/kpi_data.pb.h"
+#include "tests/collector/collector_fixture.h"
+#include "tests/serializer/open_descriptors.h"
+#include "tests/serializer/slot_hal.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ORB_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define ORB_SANITIZED 1
+#endif
+#endif
+
+namespace orb::test {
+namespace {
+
+constexpr uint32_t kSlotBytes = 16;
+const char kNoFreeSlot[] = "KPIMemorySerializer::WriteBuf: Failed to get free slot";
+const char kSendFailed[] = "KPIMemorySerializer::WriteBuf: SendSlot failed";
+
+int WriteText(KPIMemorySerializer& slots, const std::string& text) {
+  return slots.WriteBuf(reinterpret_cast<const uint8_t*>(text.data()),
+                        static_cast<uint32_t>(text.size()));
+}
+
+class MemorySerializerTest : public CollectorFixture {
+ protected:
+  ~MemorySerializerTest() override { slots_.reset(); }
+
+  // A registered collector whose HAL is hal_.
+  void Connect(int completions_inside) {
+    hal_ = std::make_shared<SlotHal>(completions_inside);
+    client_ = hal_;
+    MakeRegistered();
+    hal_->Serve(collector_.get());
+    log_.Clear();
+  }
+  void Open(uint32_t count, int completions_inside = 0) {
+    Connect(completions_inside);
+    slots_ = std::make_unique<KPIMemorySerializer>();
+    ASSERT_EQ(slots_->Initialize(kSlotBytes * count, count, collector_.get()), 0);
+  }
+  int Log(const std::string& text) { return WriteText(*slots_, text); }
+  void CompleteFrom(size_t nth) {
+    for (; nth < hal_->Slots().size(); ++nth) hal_->Complete(nth);
+  }
+
+  std::shared_ptr<SlotHal> hal_;
+  std::unique_ptr<KPIMemorySerializer> slots_;
+};
+
+TEST_F(MemorySerializerTest, InitializeTellsWhatIsWrong) {
+  Connect(0);
+  const auto initialize = [&](uint32_t size, uint32_t count) {
+    KPIMemorySerializer slots;
+    return slots.Initialize(size, count, collector_.get());
+  };
+  EXPECT_EQ(initialize(6500, 65), -2);
+  EXPECT_TRUE(
+      Logged(ANDROID_LOG_ERROR,
+             "KPIMemorySerializer::Initialize: num_slots 65 greater than bitmask field 64"));
+  EXPECT_EQ(initialize(0, 0), -4);
+  EXPECT_TRUE(log_.Contains("KPIMemorySerializer::Initialize: Failed to mmap fd "));
+  EXPECT_TRUE(log_.Contains(" size 0 err: Invalid argument"));
+
+  hal_->Fail("setupFD", 1, 1, 5);
+  EXPECT_EQ(initialize(6400, 64), -5);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "KPIMemorySerializer::Initialize: SetFD failed"));
+
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  rlimit none = before;
+  none.rlim_cur = 0;
+  setrlimit(RLIMIT_NOFILE, &none);
+  const int without_descriptors = initialize(6400, 64);
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(without_descriptors, -3);
+  EXPECT_TRUE(
+      Logged(ANDROID_LOG_ERROR,
+             "KPIMemorySerializer::Initialize: Failed to allocate fd with size 6400 status: -1"));
+
+  EXPECT_EQ(initialize(6400, 64), 0);
+  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "KPIMemorySerializer::Initialize: Initialized"));
+}
+
+TEST_F(MemorySerializerTest, RecordsFillSlotsAndAreNeverSplit) {
+  Open(4);
+  const std::vector<std::string> records = {"0123456789", "abcdef", "x", "0123456789ABCDEF", "y"};
+  for (const std::string& record : records) EXPECT_EQ(Log(record), 0);
+  const auto sent = hal_->Slots();
+  ASSERT_EQ(sent.size(), 3u) << "a slot goes when the next record does not fit";
+  const char* kWant[] = {"0123456789abcdef", "x", "0123456789ABCDEF"};
+  for (uint32_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(sent[i].bytes, kWant[i]);
+    EXPECT_EQ(sent[i].offset, i * kSlotBytes);
+  }
+  EXPECT_TRUE(log_.Contains("LTC-Profiling: Send Slot 1 Size: 1 Timestamp: "));
+  EXPECT_TRUE(log_.Contains("KPIMemorySerializer::WriteBuf: curr_slot_ptr "));
+  EXPECT_TRUE(log_.Contains("curr_bytes_written 16 size 6 fd_buf_ptr "));
+}
+
+TEST_F(MemorySerializerTest, ExhaustedSlotsRefuseUntilTheHalCatchesUp) {
+  Open(2);
+  const std::string full(kSlotBytes, 'f');
+  EXPECT_EQ(Log(full), 0);
+  EXPECT_EQ(Log(full), 0);
+  EXPECT_EQ(Log("lost"), -1);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, kNoFreeSlot));
+  EXPECT_EQ(Log("lost too"), -1);
+  EXPECT_EQ(slots_->Flush(), -1);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "KPIMemorySerializer::Flush: Failed to get free slot"));
+  EXPECT_EQ(hal_->Count("FdWrite"), 2u) << "no slot is announced twice";
+  hal_->Complete(1);
+  EXPECT_TRUE(log_.Contains("LTC-Profiling: Free Slot 1 Timestamp: "));
+  EXPECT_EQ(Log("kept"), 0);
+  EXPECT_EQ(slots_->Flush(), -1) << "sent, but nothing is free to go on with";
+  EXPECT_EQ(hal_->Slots().at(2).bytes, "kept");
+  EXPECT_EQ(hal_->Slots().at(2).offset, kSlotBytes);
+}
+
+TEST_F(MemorySerializerTest, AtMost31SlotsAreInUse) {
+  Open(64);
+  const std::string full(kSlotBytes, 'f');
+  for (int i = 0; i < 31; ++i) EXPECT_EQ(Log(full), 0) << i;
+  EXPECT_EQ(Log(full), -1);
+  EXPECT_EQ(hal_->Count("FdWrite"), 31u);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "SLOT_USAGE: 7fffffff"));
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "SLOT_USAGE: n -2147483648"));
+  EXPECT_TRUE(
+      Logged(ANDROID_LOG_ERROR, "KPIMemorySerializer::GetNewSlot: Failed to get free slot"));
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "SLOT_USAGE: slot 30"));
+  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "KPIMemorySerializer::GetNewSlot: Free Slot found 30"));
+}
+
+TEST_F(MemorySerializerTest, ARefusedSlotIsDroppedAndUsedAgain) {
+  const struct {
+    int status;
+    bool logged;
+  } kCases[] = {{-1, true}, {-7, true}, {3, false}};
+  Open(2);
+  const std::string full(kSlotBytes, 'f');
+  EXPECT_EQ(Log(full), 0);
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.status);
+    log_.Clear();
+    hal_->Fail("FdWrite", 1, 1, c.status);
+    EXPECT_EQ(Log(full), c.status) << "the record itself is kept";
+    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "SendSlot failed - dropping data"));
+    EXPECT_EQ(Logged(ANDROID_LOG_ERROR, kSendFailed), c.logged);
+  }
+  hal_->Fail("FdWrite", 1, 1, -1);
+  EXPECT_EQ(slots_->Flush(), -1);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "KPIMemorySerializer::Flush: SendSlot failed"));
+  EXPECT_TRUE(hal_->Slots().empty());
+  EXPECT_EQ(slots_->Finalize(), 0) << "dropped slots are not waited for";
+}
+
+TEST_F(MemorySerializerTest, AnEmptySlotIsNotAnnounced) {
+  Open(2);
+  EXPECT_EQ(slots_->Flush(), 0);
+  EXPECT_EQ(Log("a"), 0);
+  EXPECT_EQ(slots_->Flush(), 0);
+  EXPECT_EQ(slots_->Flush(), 0);
+  slots_->UpdateConfig(KIV_PARAM_SIZE_THRESHOLD, 0);
+  EXPECT_EQ(Log(""), 0);
+  hal_->Complete(0);
+  EXPECT_EQ(slots_->Finalize(), 0);
+  EXPECT_EQ(hal_->AllBytes(), "a");
+  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "KPIMemorySerializer::Finalize: current slot usage 0x0"));
+  EXPECT_FALSE(log_.Contains("not all slots are free'ed"));
+  EXPECT_EQ(Log("late"), -1) << "no work is accepted any more";
+}
+
+TEST_F(MemorySerializerTest, CompletionsInsideTheAnnouncementCount) {
+  for (const int completions : {1, 2}) {
+    SCOPED_TRACE(completions);
+    Open(2, completions);
+    std::string want;
+    for (int i = 0; i < 100; ++i) {
+      const std::string record = "<" + std::to_string(i) + ">";
+      EXPECT_EQ(Log(record), 0);
+      want += record;
+    }
+    EXPECT_EQ(slots_->Finalize(), 0);
+    EXPECT_EQ(hal_->AllBytes(), want);
+    slots_.reset();
+  }
+}
+
+TEST_F(MemorySerializerTest, RepeatedAndWildCompletionsFreeNothing) {
+  Open(3);
+  EXPECT_EQ(Log(std::string(kSlotBytes, 'a')), 0);
+  EXPECT_EQ(Log("bbb"), 0);  // Announces slot 0, fills slot 1.
+  hal_->Complete(0);
+  hal_->Complete(0);
+  const uint32_t token = hal_->Slots()[0].fdToken;
+  for (const uint32_t offset : {kSlotBytes, 3 * kSlotBytes, 64 * kSlotBytes, 0xFFFFFFFFu}) {
+    collector_->FdWriteDone(token, offset, 1, 0);
+  }
+  EXPECT_EQ(KPIMemorySerializer::WriteDone(nullptr, 0, 0, 0), 0);
+  EXPECT_EQ(slots_->Flush(), 0);  // Announces slot 1, goes on in slot 0.
+  hal_->Complete(0);              // Late once more, while slot 0 is being filled.
+  EXPECT_EQ(Log("ccc"), 0);
+  EXPECT_EQ(slots_->Flush(), 0);
+  EXPECT_EQ(hal_->Slots()[2].offset, 0u);
+  EXPECT_EQ(Log("ddd"), 0);
+  EXPECT_EQ(slots_->Flush(), -1);
+  EXPECT_EQ(hal_->Slots()[3].offset, 2 * kSlotBytes) << "slot 0 is the HAL's";
+}
+
+TEST_F(MemorySerializerTest, FinalizeWaitsForTheHal) {
+  Open(3);
+  Log(std::string(kSlotBytes, 'a'));
+  Log("b");
+  hal_->Fail("UnsetFD", 1, 1, -1);
+  std::atomic<bool> done{false};
+  std::thread stop([&] {
+    EXPECT_EQ(slots_->Finalize(), -1) << "what closing the channel gave";
+    done = true;
+  });
+  EXPECT_TRUE(log_.WaitFor(
+      "KPIMemorySerializer::wait_for_pending_slots: nof_slots_sent_pending: 2 before waiting"));
+  hal_->Complete(0);
+  EXPECT_FALSE(done);
+  hal_->Complete(1);
+  stop.join();
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
+                     "KPIMemorySerializer::Finalize: failed to delete session - status: -1"));
+}
+
+TEST_F(MemorySerializerTest, LongRecordsStayInsideTheRegion) {
+  Open(3);
+  EXPECT_EQ(Log(std::string(4 * kSlotBytes, 'x')), -1);
+  EXPECT_EQ(Log(std::string(2 * kSlotBytes, 'y')), -1) << "from the last slot on it would not fit";
+  hal_->Complete(0);
+  hal_->Complete(1);
+  EXPECT_EQ(slots_->Flush(), 0);
+}
+
+TEST_F(MemorySerializerTest, SegmentsAreEncodedInPlace) {
+  Connect(1);
+  slots_ = std::make_unique<KPIMemorySerializer>();
+  ASSERT_EQ(slots_->Initialize(4096, 2, collector_.get()), 0);
+  const uint8_t bytes[] = {1, 2, 3, 4, 5, 6, 7, 8};
+  const kiv_blob_segment_t segs[] = {{bytes, 3}, {bytes + 3, 5}};
+  EXPECT_EQ(Log("before"), 0);
+  EXPECT_EQ(slots_->WriteBlobSegsOptimized(7, 100, 200, 3, segs, 2), 0);
+
+  orbtr::KPIData want;
+  want.add_blobs()->set_data(std::string("\3\0\0\0\1\2\3\5\0\0\0\4\5\6\7\10", 16));
+  orbtr::MetaData* meta = want.mutable_blobs(0)->mutable_meta();
+  meta->set_kpi_id(7);
+  meta->set_ts_start(100);
+  meta->set_ts_end(200);
+  meta->set_num_samples(3);
+  EXPECT_EQ(slots_->Write(want, 7), 0);
+  EXPECT_EQ(slots_->Flush(), 0);
+  EXPECT_EQ(hal_->AllBytes(), "before" + want.SerializeAsString() + want.SerializeAsString());
+
+  const kiv_blob_segment_t broken{nullptr, 3};
+  EXPECT_EQ(slots_->WriteBlobSegsOptimized(7, 100, 200, 3, &broken, 1), -1);
+  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
+                     "KPIMemorySerializer::WriteBlobSegsOptimized:Encoding failed Reason: "
+                     "segment without bytes"));
+  const std::vector<uint8_t> big(5000);
+  const kiv_blob_segment_t too_long{big.data(), 5000};
+  EXPECT_EQ(slots_->WriteBlobSegsOptimized(7, 100, 200, 3, &too_long, 1), -1);
+}
+
+TEST_F(MemorySerializerTest, SegmentsWithoutMemoryAreRefused) {
+#ifdef ORB_SANITIZED
+  GTEST_SKIP() << "sanitizers reserve more address space than the limit";
+#endif
+  Open(2);
+  rlimit before{};
+  getrlimit(RLIMIT_AS, &before);
+  rlimit tight = before;
+  tight.rlim_cur = 8ull << 30;
+  setrlimit(RLIMIT_AS, &tight);
+  const kiv_blob_segment_t one{nullptr, 0};
+  EXPECT_EQ(slots_->WriteBlobSegsOptimized(7, 1, 2, 3, &one, 0xFFFFFFFF), -1);
+  setrlimit(RLIMIT_AS, &before);
+  EXPECT_TRUE(
+      Logged(ANDROID_LOG_ERROR, "KPIMemorySerializer::WriteBlobSegsOptimized: malloc failed "));
+}
+
+TEST_F(MemorySerializerTest, CompletionsReachTheirOwnSerializer) {
+  Open(1);
+  KPIMemorySerializer other;
+  ASSERT_EQ(other.Initialize(kSlotBytes, 1, collector_.get()), 0);
+  EXPECT_EQ(Log("mine"), 0);
+  EXPECT_EQ(WriteText(other, "other"), 0);
+  slots_->Flush();
+  other.Flush();
+  ASSERT_EQ(hal_->Slots().size(), 2u);
+  hal_->Complete(1);
+  EXPECT_EQ(Log("x"), -1);
+  EXPECT_EQ(WriteText(other, "y"), 0);
+  other.Flush();
+  EXPECT_EQ(hal_->Slots()[2].bytes, "y");
+  hal_->Complete(2);
+  EXPECT_EQ(other.Finalize(), 0);
+}
+
+TEST_F(MemorySerializerTest, LosesNothingUnderLoad) {
+  Open(4);
+  constexpr int kWriters = 4;
+  constexpr int kRecords = 50;
+  std::atomic<bool> written{false};
+  std::thread hal([&] {
+    for (size_t done = 0; !written || done < hal_->Slots().size();) {
+      if (done < hal_->Slots().size()) {
+        hal_->Complete(done++);
+      } else {
+        std::this_thread::yield();
+      }
+    }
+  });
+  std::vector<std::thread> writers;
+  for (int writer = 0; writer < kWriters; ++writer) {
+    writers.emplace_back([&, writer] {
+      for (int i = 0; i < kRecords; ++i) {
+        char record[16];
+        snprintf(record, sizeof record, "<%d:%02d>", writer, i);
+        while (Log(record) != 0) std::this_thread::yield();
+        if (i % 10 == 0) slots_->Flush();
+      }
+    });
+  }
+  for (std::thread& writer : writers) writer.join();
+  std::thread stop([&] { EXPECT_EQ(slots_->Finalize(), 0); });
+  EXPECT_TRUE(log_.WaitFor("before waiting"));
+  written = true;
+  hal.join();
+  stop.join();
+
+  const std::string sent = hal_->AllBytes();
+  EXPECT_EQ(sent.size(), size_t{kWriters * kRecords * 6});
+  std::vector<int> next(kWriters, 0);
+  for (size_t at = 0; at + 6 <= sent.size(); at += 6) {
+    int writer = -1;
+    int record = -1;
+    ASSERT_EQ(sscanf(sent.c_str() + at, "<%d:%d>", &writer, &record), 2) << sent.substr(at, 6);
+    ASSERT_EQ(record, next.at(static_cast<size_t>(writer))++) << "order of one thread";
+  }
+}
+
+// Mapped regions; a mapping tells the name of its unlinked file.
+size_t Regions() {
+  std::istringstream maps(ReadFileOrEmpty("/proc/self/maps"));
+  size_t count = 0;
+  for (std::string line; std::getline(maps, line);) count += line.find("ashmem") < line.size();
+  return count;
+}
+
+TEST_F(MemorySerializerTest, RoundsLeaveNoDescriptorAndNoMapping) {
+  Connect(1);
+  const size_t descriptors = OpenDescriptors();
+  ASSERT_EQ(Regions(), 0u);
+  for (int round = 0; round < 50; ++round) {
+    KPIMemorySerializer slots;
+    if (round % 5 == 4) hal_->Fail("setupFD", 1, 1, -1);
+    if (slots.Initialize(4096, 4, collector_.get()) != 0) continue;
+    EXPECT_EQ(Regions(), 2u) << "this and the HAL's";
+    WriteText(slots, "x");
+    if (round % 2 == 0) EXPECT_EQ(slots.Finalize(), 0);
+  }
+  EXPECT_EQ(OpenDescriptors(), descriptors);
+  EXPECT_EQ(Regions(), 0u);
+  EXPECT_EQ(hal_->Count("UnsetFD"), 40u) << "also without Finalize";
+}
+
+using MemorySerializerDeathTest = MemorySerializerTest;
+
+TEST_F(MemorySerializerDeathTest, SizesBeyond32BitsAbort) {
+  Open(2);
+  Log("a");
+  const uint8_t byte = 0;
+  EXPECT_DEATH(slots_->WriteBuf(&byte, 0xFFFFFFFF), "");
+}
+
+}  // namespace
+}  // namespace orb::test
