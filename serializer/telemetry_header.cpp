@@ -1,4 +1,4 @@
-// Numbers are big-endian, without padding; docs/formats/data_file.md has the table.
+// Numbers are big-endian, without padding; docs/formats/upload.md has the table.
 // Tested by tests/serializer/telemetry_header_test.cpp.
 #include "serializer/telemetry_header.h"
 

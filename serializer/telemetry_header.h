@@ -1,5 +1,5 @@
 // The fixed 66-byte header of every data file and upload. All numbers are
-// big-endian; see docs/formats/data_file.md for the byte table.
+// big-endian; see docs/formats/upload.md for the byte table.
 #pragma once
 
 #include <array>
