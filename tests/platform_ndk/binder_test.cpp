@@ -1,0 +1,130 @@
+// Handles of binders: identity, classes, lifetime, transactions.
+#include <binder/Parcel.h>
+#include <gtest/gtest.h>
+
+#include "tests/platform_ndk/echo_class.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+using ndk::ScopedAIBinder_Weak;
+using ndk::ScopedAParcel;
+using ndk::SpAIBinder;
+using orb::test::DefineEcho;
+using orb::test::EchoClass;
+
+class NdkBinderTest : public orb::test::EchoTest {
+ protected:
+  // The answer of method 1 to 41, or the status of the call.
+  static int32_t Call(const SpAIBinder& binder, transaction_code_t code = 1,
+                      binder_flags_t flags = 0) {
+    AParcel* in = nullptr;
+    binder_status_t status = AIBinder_prepareTransaction(binder.get(), &in);
+    if (status != STATUS_OK) return status;
+    EXPECT_EQ(AParcel_writeInt32(in, 41), STATUS_OK);
+    ScopedAParcel out;
+    status = AIBinder_transact(binder.get(), code, &in, out.getR(), flags);
+    EXPECT_EQ(in, nullptr);
+    EXPECT_EQ(out.get() != nullptr, status == STATUS_OK);
+    int32_t answer = status;
+    if (status == STATUS_OK) {
+      EXPECT_EQ(AParcel_readInt32(out.get(), &answer), STATUS_OK);
+    }
+    return answer;
+  }
+};
+
+TEST_F(NdkBinderTest, OneRemoteIsOneHandleAndDiesWithItsLastReference) {
+  const SpAIBinder first = Check();
+  ASSERT_NE(first.get(), nullptr);
+  EXPECT_TRUE(AIBinder_isRemote(first.get()));
+  EXPECT_NE(first, local_);
+  EXPECT_EQ(Check(), first);
+  ScopedAIBinder_Weak weak(AIBinder_Weak_new(first.get()));
+  EXPECT_EQ(weak.promote(), first);
+  const_cast<SpAIBinder&>(first).set(nullptr);
+  EXPECT_EQ(weak.promote().get(), nullptr);
+  EXPECT_NE(Check().get(), nullptr);
+}
+
+TEST_F(NdkBinderTest, ALocalObjectInAParcelStaysItself) {
+  ScopedAParcel parcel(AParcel_create());
+  ASSERT_EQ(AParcel_writeStrongBinder(parcel.get(), local_.get()), STATUS_OK);
+  ASSERT_EQ(AParcel_writeStrongBinder(parcel.get(), nullptr), STATUS_OK);
+  ASSERT_EQ(AParcel_setDataPosition(parcel.get(), 0), STATUS_OK);
+  SpAIBinder read;
+  ASSERT_EQ(AParcel_readStrongBinder(parcel.get(), read.getR()), STATUS_OK);
+  EXPECT_EQ(read, local_);
+  ASSERT_EQ(AParcel_readStrongBinder(parcel.get(), read.getR()), STATUS_OK);
+  EXPECT_EQ(read.get(), nullptr);
+}
+
+TEST_F(NdkBinderTest, UserDataLivesAsLongAsAnybodyHoldsTheBinder) {
+  const int before = orb::test::live_echoes;
+  int args = 0;
+  SpAIBinder binder(AIBinder_new(EchoClass(), &args));
+  EXPECT_EQ(AIBinder_getUserData(binder.get()), &args);
+  ScopedAParcel parcel(AParcel_create());
+  ASSERT_EQ(AParcel_writeStrongBinder(parcel.get(), binder.get()), STATUS_OK);
+  binder.set(nullptr);
+  EXPECT_EQ(orb::test::live_echoes, before + 1);
+  parcel.set(nullptr);
+  EXPECT_EQ(orb::test::live_echoes, before);
+}
+
+TEST_F(NdkBinderTest, AClassFitsOnlyItsOwnDescriptor) {
+  static AIBinder_Class* const other = DefineEcho("orb.test.Other");
+  static AIBinder_Class* const twin = DefineEcho("orb.test.Echo");
+  const SpAIBinder remote = Check();
+  {
+    orb::LogCapture log;
+    EXPECT_EQ(Call(remote), STATUS_INVALID_OPERATION);  // No class yet.
+    EXPECT_FALSE(AIBinder_associateClass(remote.get(), other));
+    EXPECT_FALSE(AIBinder_associateClass(local_.get(), other));
+    EXPECT_FALSE(AIBinder_associateClass(local_.get(), twin));
+    EXPECT_FALSE(AIBinder_associateClass(remote.get(), nullptr));
+    EXPECT_FALSE(AIBinder_associateClass(nullptr, other));
+    EXPECT_TRUE(
+        log.Contains("Expecting binder to have class 'orb.test.Other' but descriptor is "
+                     "actually 'orb.test.Echo'"));
+  }
+  EXPECT_EQ(AIBinder_getClass(remote.get()), nullptr);
+  EXPECT_TRUE(AIBinder_associateClass(remote.get(), EchoClass()));
+  EXPECT_TRUE(AIBinder_associateClass(remote.get(), EchoClass()));
+  EXPECT_EQ(AIBinder_getClass(Check().get()), EchoClass());
+  EXPECT_EQ(AIBinder_getUserData(remote.get()), nullptr);
+}
+
+TEST_F(NdkBinderTest, CallsReachTheObject) {
+  const SpAIBinder remote = Check();
+  ASSERT_TRUE(AIBinder_associateClass(remote.get(), EchoClass()));
+  EXPECT_EQ(AIBinder_ping(remote.get()), STATUS_OK);
+  EXPECT_EQ(Call(remote), 42);
+  EXPECT_EQ(Call(local_), 42);
+  EXPECT_EQ(Call(remote, 9), STATUS_UNKNOWN_TRANSACTION);
+  EXPECT_EQ(Call(remote, 0), STATUS_UNKNOWN_TRANSACTION);
+  EXPECT_EQ(Call(remote, 0x5f504e47), STATUS_UNKNOWN_TRANSACTION);  // Reserved.
+  EXPECT_EQ(Call(remote, 1, 0x80), STATUS_BAD_VALUE);
+}
+
+TEST_F(NdkBinderTest, ARequestBelongsToTheBinderItWasPreparedFor) {
+  const SpAIBinder remote = Check();
+  ASSERT_TRUE(AIBinder_associateClass(remote.get(), EchoClass()));
+  AParcel* in = nullptr;
+  AParcel* out = nullptr;
+  ASSERT_EQ(AIBinder_prepareTransaction(local_.get(), &in), STATUS_OK);
+  EXPECT_EQ(AIBinder_transact(remote.get(), 1, &in, &out, 0), STATUS_BAD_VALUE);
+  EXPECT_EQ(in, nullptr);
+  EXPECT_EQ(AIBinder_transact(remote.get(), 1, &in, &out, 0), STATUS_UNEXPECTED_NULL);
+}
+
+TEST_F(NdkBinderTest, AWrongInterfaceTokenIsRefused) {
+  const android::sp<android::IBinder> remote = manager_->checkService(android::String16(kName));
+  android::Parcel data;
+  android::Parcel reply;
+  ASSERT_EQ(data.writeInterfaceToken(android::String16("orb.test.Forged")), android::OK);
+  ASSERT_EQ(data.writeInt32(41), android::OK);
+  EXPECT_EQ(remote->transact(1, data, &reply), android::BAD_TYPE);
+}
+
+}  // namespace

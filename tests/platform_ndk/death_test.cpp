@@ -1,0 +1,153 @@
+// Death notices: who owns a link, and when it says what.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/platform_ndk/echo_class.h"
+#include "utility/thread_annotations.h"
+
+namespace {
+
+using ndk::ScopedAIBinder_DeathRecipient;
+using ndk::SpAIBinder;
+
+// What happened to one link, as letters in order: d for died, u for unlinked.
+class Story {
+ public:
+  static void OnDied(void* story) { static_cast<Story*>(story)->Add('d'); }
+  static void OnUnlinked(void* story) { static_cast<Story*>(story)->Add('u'); }
+
+  std::string Now() {
+    orb::MutexLock lock(mutex_);
+    return text_;
+  }
+  // The story once it is that long, or what there is after ten seconds.
+  std::string WaitFor(size_t letters) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    orb::MutexLock lock(mutex_);
+    while (text_.size() < letters && changed_.WaitUntil(mutex_, deadline)) {
+    }
+    return text_;
+  }
+
+ private:
+  void Add(char letter) {
+    orb::MutexLock lock(mutex_);
+    text_ += letter;
+    changed_.NotifyAll();
+  }
+
+  orb::Mutex mutex_;
+  orb::CondVar changed_;
+  std::string text_ GUARDED_BY(mutex_);
+};
+
+class NdkDeathTest : public orb::test::EchoTest {
+ protected:
+  ~NdkDeathTest() override { recipient_.set(nullptr); }
+
+  static AIBinder_DeathRecipient* NewRecipient() {
+    AIBinder_DeathRecipient* recipient = AIBinder_DeathRecipient_new(Story::OnDied);
+    AIBinder_DeathRecipient_setOnUnlinked(recipient, Story::OnUnlinked);
+    return recipient;
+  }
+  binder_status_t Link(const SpAIBinder& binder, Story* story) {
+    return AIBinder_linkToDeath(binder.get(), recipient_.get(), story);
+  }
+  binder_status_t Unlink(const SpAIBinder& binder, Story* story) {
+    return AIBinder_unlinkToDeath(binder.get(), recipient_.get(), story);
+  }
+
+  Story one_;
+  Story two_;
+  // Linked and never unlinked by hand: the end of its story is the end of all.
+  Story witness_;
+  SpAIBinder remote_ = Check();
+  ScopedAIBinder_DeathRecipient recipient_{NewRecipient()};
+};
+
+TEST_F(NdkDeathTest, EveryLinkIsToldOnceAndThenLetGo) {
+  ASSERT_EQ(Link(remote_, &one_), STATUS_OK);
+  ASSERT_EQ(Link(remote_, &one_), STATUS_OK);
+  ASSERT_EQ(Link(remote_, &two_), STATUS_OK);
+  ASSERT_TRUE(manager_->Kill(kName));
+  const std::string twice = one_.WaitFor(4);
+  EXPECT_EQ(std::count(twice.begin(), twice.end(), 'd'), 2) << twice;
+  EXPECT_EQ(twice.size(), 4u);
+  EXPECT_EQ(two_.WaitFor(2), "du");
+  EXPECT_FALSE(AIBinder_isAlive(remote_.get()));
+  EXPECT_EQ(Unlink(remote_, &two_), STATUS_NAME_NOT_FOUND);
+
+  Story late;
+  EXPECT_EQ(Link(remote_, &late), STATUS_DEAD_OBJECT);
+  EXPECT_EQ(late.Now(), "u");  // A failed link is let go at once.
+}
+
+TEST_F(NdkDeathTest, UnlinkedLinksAreNotTold) {
+  ASSERT_EQ(Link(remote_, &one_), STATUS_OK);
+  ASSERT_EQ(Link(remote_, &witness_), STATUS_OK);
+  EXPECT_EQ(Unlink(remote_, &two_), STATUS_NAME_NOT_FOUND);
+  EXPECT_EQ(Unlink(remote_, &one_), STATUS_OK);
+  EXPECT_EQ(one_.Now(), "u");
+  ASSERT_TRUE(manager_->Kill(kName));
+  EXPECT_EQ(witness_.WaitFor(2), "du");
+  EXPECT_EQ(one_.Now(), "u");
+}
+
+TEST_F(NdkDeathTest, DeletingTheRecipientUnlinksAllItsLinks) {
+  ASSERT_EQ(Link(remote_, &one_), STATUS_OK);
+  ASSERT_EQ(Link(remote_, &two_), STATUS_OK);
+  recipient_.set(NewRecipient());  // Replaces and deletes.
+  EXPECT_EQ(one_.Now(), "u");
+  EXPECT_EQ(two_.Now(), "u");
+  ASSERT_EQ(Link(remote_, &witness_), STATUS_OK);
+  ASSERT_TRUE(manager_->Kill(kName));
+  EXPECT_EQ(witness_.WaitFor(2), "du");
+  EXPECT_EQ(one_.Now(), "u");
+}
+
+TEST_F(NdkDeathTest, ALinkNeedsTheBinderHeld) {
+  ASSERT_EQ(Link(remote_, &one_), STATUS_OK);
+  remote_.set(nullptr);
+  remote_ = Check();
+  ASSERT_EQ(Link(remote_, &witness_), STATUS_OK);
+  ASSERT_TRUE(manager_->Kill(kName));
+  EXPECT_EQ(witness_.WaitFor(2), "du");
+  EXPECT_EQ(one_.Now(), "u");
+}
+
+TEST_F(NdkDeathTest, OnlyRemoteObjectsDie) {
+  EXPECT_EQ(Link(local_, &one_), STATUS_INVALID_OPERATION);
+  EXPECT_EQ(one_.Now(), "u");
+  EXPECT_EQ(Link(nullptr, &two_), STATUS_UNEXPECTED_NULL);
+  EXPECT_EQ(AIBinder_linkToDeath(remote_.get(), nullptr, &two_), STATUS_UNEXPECTED_NULL);
+  EXPECT_EQ(AIBinder_DeathRecipient_new(nullptr), nullptr);
+}
+
+// What a client does: its notice drops the binder and the recipient itself.
+struct Client {
+  SpAIBinder binder;
+  ScopedAIBinder_DeathRecipient recipient;
+  Story story;
+
+  static void OnDied(void* cookie) {
+    auto* client = static_cast<Client*>(cookie);
+    client->binder.set(nullptr);
+    client->recipient.set(nullptr);
+  }
+  static void OnUnlinked(void* cookie) { Story::OnUnlinked(&static_cast<Client*>(cookie)->story); }
+};
+
+TEST_F(NdkDeathTest, ANoticeMayDropEverythingItWasMadeWith) {
+  Client client;
+  client.binder = std::move(remote_);
+  client.recipient.set(AIBinder_DeathRecipient_new(Client::OnDied));
+  AIBinder_DeathRecipient_setOnUnlinked(client.recipient.get(), Client::OnUnlinked);
+  ASSERT_EQ(AIBinder_linkToDeath(client.binder.get(), client.recipient.get(), &client), STATUS_OK);
+  ASSERT_TRUE(manager_->Kill(kName));
+  EXPECT_EQ(client.story.WaitFor(1), "u");
+  EXPECT_EQ(client.recipient.get(), nullptr);
+}
+
+}  // namespace

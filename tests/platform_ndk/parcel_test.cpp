@@ -1,0 +1,176 @@
+// AParcel and AStatus: bytes on the wire, and parcels that lie.
+#include <android/binder_parcel_utils.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <aidl/android/hardware/common/NativeHandle.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using aidl::android::hardware::common::NativeHandle;
+using ndk::AParcel_readData;
+using ndk::AParcel_writeData;
+using ndk::ScopedAParcel;
+using ndk::ScopedAStatus;
+
+class NdkParcelTest : public testing::Test {
+ protected:
+  void Rewind() { ASSERT_EQ(AParcel_setDataPosition(parcel_.get(), 0), STATUS_OK); }
+  // All words of a parcel without objects.
+  std::vector<int32_t> Words() {
+    Rewind();
+    std::vector<int32_t> words(static_cast<size_t>(AParcel_getDataSize(parcel_.get())) / 4);
+    for (int32_t& word : words) EXPECT_EQ(AParcel_readInt32(parcel_.get(), &word), STATUS_OK);
+    return words;
+  }
+
+  ScopedAParcel parcel_{AParcel_create()};
+};
+
+TEST_F(NdkParcelTest, WritesTheBytesOfThePlatform) {
+  ASSERT_EQ(AParcel_writeData(parcel_.get(), std::string("abc")), STATUS_OK);
+  ASSERT_EQ(AParcel_writeData(parcel_.get(), std::string()), STATUS_OK);
+  ASSERT_EQ(AParcel_writeString(parcel_.get(), nullptr, -1), STATUS_OK);
+  ASSERT_EQ(AParcel_writeData(parcel_.get(), std::vector<uint8_t>{1, 2, 3, 4, 5}), STATUS_OK);
+  ASSERT_EQ(AParcel_writeData(parcel_.get(), std::vector<uint8_t>()), STATUS_OK);
+  ASSERT_EQ(AParcel_writeData(parcel_.get(), int8_t{-1}), STATUS_OK);
+  ASSERT_EQ(AParcel_writeData(parcel_.get(), true), STATUS_OK);
+  ASSERT_EQ(AParcel_writeData(parcel_.get(), std::vector<int32_t>{7, -8}), STATUS_OK);
+  EXPECT_THAT(Words(), testing::ElementsAre(3, 0x620061, 0x63, 0, 0, -1, 5, 0x04030201, 5, 0, -1, 1,
+                                            2, 7, -8));
+}
+
+TEST_F(NdkParcelTest, ReadsBackWhatWasWritten) {
+  NativeHandle sent;
+  sent.fds.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  sent.ints = {0, 4096};
+  const std::string text = "\xc3\xbcml\xe4\xb8\xad";
+  ASSERT_EQ(AParcel_writeData(parcel_.get(), sent), STATUS_OK);
+  ASSERT_EQ(AParcel_writeData(parcel_.get(), text), STATUS_OK);
+  ASSERT_EQ(AParcel_writeData(parcel_.get(), int64_t{-3}), STATUS_OK);
+  Rewind();
+  NativeHandle received;
+  std::string string;
+  int64_t number = 0;
+  ASSERT_EQ(AParcel_readData(parcel_.get(), &received), STATUS_OK);
+  ASSERT_EQ(AParcel_readData(parcel_.get(), &string), STATUS_OK);
+  ASSERT_EQ(AParcel_readData(parcel_.get(), &number), STATUS_OK);
+  EXPECT_EQ(received.ints, sent.ints);
+  ASSERT_EQ(received.fds.size(), 1u);
+  EXPECT_NE(received.fds[0].get(), sent.fds[0].get());
+  EXPECT_NE(fcntl(received.fds[0].get(), F_GETFD), -1);
+  EXPECT_EQ(string, text);
+  EXPECT_EQ(number, -3);
+}
+
+TEST_F(NdkParcelTest, LengthsThatLieAreRefusedBeforeAnythingIsAllocated) {
+  struct Case {
+    const char* name;
+    std::vector<int32_t> words;
+    std::function<binder_status_t(const AParcel*)> read;
+    binder_status_t want;
+  };
+  const auto bytes = [](const AParcel* parcel) {
+    std::vector<uint8_t> value;
+    return AParcel_readData(parcel, &value);
+  };
+  const auto numbers = [](const AParcel* parcel) {
+    std::vector<int32_t> value;
+    return AParcel_readData(parcel, &value);
+  };
+  const auto string = [](const AParcel* parcel) {
+    std::string value;
+    return AParcel_readData(parcel, &value);
+  };
+  const auto handle = [](const AParcel* parcel) {
+    NativeHandle value;
+    return AParcel_readData(parcel, &value);
+  };
+  const Case kCases[] = {
+      {"bytes: nothing", {}, bytes, STATUS_NOT_ENOUGH_DATA},
+      {"bytes: null", {-1}, bytes, STATUS_UNEXPECTED_NULL},
+      {"bytes: negative", {-2}, bytes, STATUS_BAD_VALUE},
+      {"bytes: too many", {INT32_MAX, 0}, bytes, STATUS_NOT_ENOUGH_DATA},
+      {"numbers: null", {-1}, numbers, STATUS_UNEXPECTED_NULL},
+      {"numbers: too many", {3, 1, 2}, numbers, STATUS_NOT_ENOUGH_DATA},
+      {"numbers: far too many", {INT32_MAX, 1}, numbers, STATUS_NOT_ENOUGH_DATA},
+      {"string: null", {-1}, string, STATUS_UNEXPECTED_NULL},
+      {"parcelable: null", {0}, handle, STATUS_UNEXPECTED_NULL},
+      {"parcelable: marker", {2}, handle, STATUS_UNEXPECTED_NULL},
+      {"parcelable: small size", {1, 3}, handle, STATUS_BAD_VALUE},
+      {"parcelable: negative size", {1, -5}, handle, STATUS_BAD_VALUE},
+      {"parcelable: overflowing size", {1, INT32_MAX}, handle, STATUS_BAD_VALUE},
+      {"descriptors: too many", {1, 12, 1 << 28, 0}, handle, STATUS_NOT_ENOUGH_DATA},
+      {"descriptors: null", {1, 16, 1, 0}, handle, STATUS_UNEXPECTED_NULL},
+      {"descriptors: no object",
+       {1, 48, 1, 1, 0, 0x66642a85, 0, 0, 0, 0, 0},
+       handle,
+       STATUS_BAD_TYPE},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.name);
+    ScopedAParcel parcel(AParcel_create());
+    for (const int32_t word : c.words) ASSERT_EQ(AParcel_writeInt32(parcel.get(), word), STATUS_OK);
+    ASSERT_EQ(AParcel_setDataPosition(parcel.get(), 0), STATUS_OK);
+    EXPECT_EQ(c.read(parcel.get()), c.want);
+  }
+}
+
+TEST_F(NdkParcelTest, ParcelablesOfOtherVersionsAreRead) {
+  // One field fewer: the reader keeps its value. One more: it is skipped.
+  for (const int32_t word : {1, 8, 0, 1, 16, 0, 0, 77, 5}) {
+    ASSERT_EQ(AParcel_writeInt32(parcel_.get(), word), STATUS_OK);
+  }
+  Rewind();
+  NativeHandle older;
+  older.ints = {9};
+  NativeHandle newer;
+  int32_t after = 0;
+  ASSERT_EQ(AParcel_readData(parcel_.get(), &older), STATUS_OK);
+  ASSERT_EQ(AParcel_readData(parcel_.get(), &newer), STATUS_OK);
+  ASSERT_EQ(AParcel_readData(parcel_.get(), &after), STATUS_OK);
+  EXPECT_THAT(older.ints, testing::ElementsAre(9));
+  EXPECT_EQ(after, 5);
+}
+
+TEST_F(NdkParcelTest, StatusesCrossWithTheirMessage) {
+  struct Case {
+    ScopedAStatus status;
+    binder_exception_t exception;
+    int32_t specific;
+    binder_status_t transport;
+  };
+  Case cases[] = {
+      {ScopedAStatus::ok(), EX_NONE, 0, STATUS_OK},
+      {ScopedAStatus::fromExceptionCode(EX_SECURITY), EX_SECURITY, 0, STATUS_OK},
+      {ScopedAStatus::fromServiceSpecificErrorWithMessage(42, "why"), EX_SERVICE_SPECIFIC, 42,
+       STATUS_OK},
+      {ScopedAStatus::fromStatus(STATUS_DEAD_OBJECT), EX_TRANSACTION_FAILED, 0, STATUS_DEAD_OBJECT},
+      {ScopedAStatus::fromStatus(-12345), EX_TRANSACTION_FAILED, 0, STATUS_UNKNOWN_ERROR},
+      {ScopedAStatus(), EX_TRANSACTION_FAILED, 0, STATUS_UNEXPECTED_NULL},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.status.getDescription());
+    EXPECT_EQ(c.status.isOk(), c.exception == EX_NONE);
+    EXPECT_EQ(c.status.getExceptionCode(), c.exception);
+    EXPECT_EQ(c.status.getServiceSpecificError(), c.specific);
+    EXPECT_EQ(c.status.getStatus(), c.transport);
+    if (c.exception == EX_TRANSACTION_FAILED) continue;
+    ScopedAParcel parcel(AParcel_create());
+    ASSERT_EQ(AParcel_writeStatusHeader(parcel.get(), c.status.get()), STATUS_OK);
+    ASSERT_EQ(AParcel_setDataPosition(parcel.get(), 0), STATUS_OK);
+    ScopedAStatus read;
+    ASSERT_EQ(AParcel_readStatusHeader(parcel.get(), read.getR()), STATUS_OK);
+    EXPECT_EQ(read.getExceptionCode(), c.exception);
+    EXPECT_EQ(read.getServiceSpecificError(), c.specific);
+    EXPECT_STREQ(read.getMessage(), c.status.getMessage());
+  }
+}
+
+}  // namespace

@@ -1,0 +1,277 @@
+// Message queues: layout, semantics, and peers that lie.
+#include <android/log.h>
+#include <fcntl.h>
+#include <fmq/AidlMessageQueue.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "tests/support/log_capture.h"
+
+namespace {
+
+using android::SynchronizedReadWrite;
+using Queue = android::AidlMessageQueue<int8_t, SynchronizedReadWrite>;
+using Words = android::AidlMessageQueue<uint32_t, SynchronizedReadWrite>;
+using Descriptor = Queue::Descriptor;
+using Grantor = aidl::android::hardware::common::fmq::GrantorDescriptor;
+
+bool Put(Queue* queue, const std::string& text) {
+  return queue->write(reinterpret_cast<const int8_t*>(text.data()), text.size());
+}
+
+// "" when the read is refused.
+std::string Take(Queue* queue, size_t count) {
+  std::string text(count, '?');
+  return queue->read(reinterpret_cast<int8_t*>(text.data()), count) ? text : "";
+}
+
+Grantor MakeGrantor(int32_t offset, int64_t extent, int32_t fd_index = 0) {
+  Grantor grantor;
+  grantor.fdIndex = fd_index;
+  grantor.offset = offset;
+  grantor.extent = extent;
+  return grantor;
+}
+
+void SetCounter(const Descriptor& desc, size_t grantor, uint64_t value) {
+  ASSERT_EQ(pwrite(desc.handle.fds[0].get(), &value, sizeof value, desc.grantors[grantor].offset),
+            static_cast<ssize_t>(sizeof value));
+}
+
+TEST(QueueTest, HasTheLayoutThatPeersExpect) {
+  Queue queue(11);
+  ASSERT_TRUE(Put(&queue, "hello"));
+  const Descriptor desc = queue.dupeDesc();
+  ASSERT_EQ(desc.grantors.size(), 3u);
+  const int64_t want[3][3] = {{0, 0, 8}, {0, 8, 8}, {0, 16, 11}};
+  for (size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(desc.grantors[i].fdIndex, want[i][0]) << i;
+    EXPECT_EQ(desc.grantors[i].offset, want[i][1]) << i;
+    EXPECT_EQ(desc.grantors[i].extent, want[i][2]) << i;
+  }
+  EXPECT_EQ(desc.quantum, 1);
+  EXPECT_EQ(desc.flags, 1);
+  EXPECT_TRUE(desc.handle.ints.empty());
+  ASSERT_EQ(desc.handle.fds.size(), 1u);
+
+  const int fd = desc.handle.fds[0].get();
+  struct stat info = {};
+  ASSERT_EQ(fstat(fd, &info), 0);
+  EXPECT_EQ(info.st_size, sysconf(_SC_PAGESIZE));
+  EXPECT_EQ(fcntl(fd, F_GET_SEALS), F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL);
+  char memory[21] = {};
+  ASSERT_EQ(pread(fd, memory, sizeof memory, 0), static_cast<ssize_t>(sizeof memory));
+  EXPECT_EQ(std::string(memory, sizeof memory), std::string("\0\0\0\0\0\0\0\0"
+                                                            "\5\0\0\0\0\0\0\0"
+                                                            "hello",
+                                                            21));
+}
+
+TEST(QueueTest, EventFlagFollowsTheDataAtEightBytes) {
+  Queue queue(11, /*configureEventFlagWord=*/true);
+  const Descriptor desc = queue.dupeDesc();
+  ASSERT_EQ(desc.grantors.size(), 4u);
+  EXPECT_EQ(desc.grantors[3].offset, 32);
+  EXPECT_EQ(desc.grantors[3].extent, 4);
+  Queue peer(desc);
+  ASSERT_TRUE(peer.isValid());
+  queue.getEventFlagWord()->store(7);
+  EXPECT_EQ(peer.getEventFlagWord()->load(), 7u);
+}
+
+TEST(QueueTest, TakesAllOrNothingUpToItsExactSize) {
+  Queue writer(11);
+  Queue reader(writer.dupeDesc());
+  ASSERT_TRUE(reader.isValid());
+  EXPECT_EQ(writer.getQuantumCount(), 11u);
+  EXPECT_FALSE(Put(&writer, "twelve bytes"));
+  EXPECT_EQ(writer.availableToWrite(), 11u);
+  EXPECT_TRUE(Put(&writer, "12345678"));
+  EXPECT_FALSE(Put(&writer, "abcd"));
+  EXPECT_TRUE(Put(&writer, "abc"));
+  EXPECT_EQ(writer.availableToWrite(), 0u);
+  EXPECT_EQ(Take(&reader, 12), "");
+  EXPECT_EQ(Take(&reader, 7), "1234567");
+  EXPECT_TRUE(Put(&writer, "defghij"));  // Around the end.
+  EXPECT_EQ(reader.availableToRead(), 11u);
+  EXPECT_EQ(Take(&reader, 11), "8abcdefghij");
+  EXPECT_EQ(Take(&reader, 1), "");
+
+  const int8_t byte = 0;
+  EXPECT_TRUE(writer.write(&byte, 0));
+  EXPECT_FALSE(writer.write(nullptr, 0));
+}
+
+TEST(QueueTest, ReaderEmptiesTheQueueUnlessToldNotTo) {
+  Queue writer(4);
+  ASSERT_TRUE(Put(&writer, "abc"));
+  EXPECT_EQ(Queue(writer.dupeDesc(), /*resetPointers=*/false).availableToRead(), 3u);
+  EXPECT_EQ(Queue(writer.dupeDesc()).availableToRead(), 0u);
+}
+
+TEST(QueueTest, OneThreadWritesWhileAnotherReads) {
+  constexpr uint32_t kCount = 5000;
+  Words writer(37);
+  Words reader(writer.dupeDesc());
+  std::thread thread([&] {
+    for (uint32_t i = 0; i < kCount;) {
+      if (writer.write(&i)) {
+        ++i;
+      } else {
+        std::this_thread::yield();
+      }
+    }
+  });
+  uint32_t mismatches = 0;
+  for (uint32_t i = 0; i < kCount;) {
+    uint32_t value = 0;
+    if (!reader.read(&value)) {
+      std::this_thread::yield();
+      continue;
+    }
+    if (value != i) ++mismatches;
+    ++i;
+  }
+  thread.join();
+  EXPECT_EQ(mismatches, 0u);
+}
+
+TEST(QueueTest, AnInvalidQueueAnswersNothing) {
+  orb::LogCapture log;
+  Queue empty(0);
+  EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "FMQ", "Requested queue size of 0."));
+  Queue of_nothing(empty.dupeDesc());
+  EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "FMQ", "MQDescriptor is invalid or queue size is 0."));
+  Words too_large(SIZE_MAX / 2);
+  Queue beyond_offsets(size_t{INT32_MAX});
+  EXPECT_EQ(log.Count("Queue size is too large"), 2u);
+  EXPECT_FALSE(too_large.isValid());
+  EXPECT_FALSE(beyond_offsets.isValid());
+  for (Queue* queue : {&empty, &of_nothing}) {
+    EXPECT_FALSE(queue->isValid());
+    EXPECT_EQ(queue->getQuantumCount(), 0u);
+    EXPECT_EQ(queue->availableToWrite(), 0u);
+    EXPECT_FALSE(Put(queue, "x"));
+    EXPECT_TRUE(queue->dupeDesc().handle.fds.empty());
+  }
+}
+
+// A memfd of a page with these seals.
+ndk::ScopedFileDescriptor Memory(int seals) {
+  ndk::ScopedFileDescriptor fd(memfd_create("peer", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  EXPECT_EQ(ftruncate(fd.get(), sysconf(_SC_PAGESIZE)), 0);
+  EXPECT_EQ(fcntl(fd.get(), F_ADD_SEALS, seals), 0);
+  return fd;
+}
+
+TEST(QueueTest, RefusesEveryDescriptorThatLies) {
+  struct Case {
+    const char* name;
+    std::function<void(Descriptor*)> spoil;
+  };
+  const Case kCases[] = {
+      {"no descriptor", [](Descriptor* d) { d->handle.fds.clear(); }},
+      {"closed descriptor", [](Descriptor* d) { d->handle.fds[0].set(-1); }},
+      {"two descriptors", [](Descriptor* d) { d->handle.fds.push_back(Memory(F_SEAL_SHRINK)); }},
+      {"not memory", [](Descriptor* d) { d->handle.fds[0].set(open("/dev/null", O_RDWR)); }},
+      {"may shrink", [](Descriptor* d) { d->handle.fds[0] = Memory(F_SEAL_GROW); }},
+      {"cannot be written",
+       [](Descriptor* d) { d->handle.fds[0] = Memory(F_SEAL_SHRINK | F_SEAL_WRITE); }},
+      {"no grantors", [](Descriptor* d) { d->grantors.clear(); }},
+      {"two grantors", [](Descriptor* d) { d->grantors.pop_back(); }},
+      {"five grantors",
+       [](Descriptor* d) {
+         d->grantors.push_back(MakeGrantor(64, 4));
+         d->grantors.push_back(MakeGrantor(72, 4));
+       }},
+      {"descriptor index past the end", [](Descriptor* d) { d->grantors[2].fdIndex = 1; }},
+      {"negative descriptor index", [](Descriptor* d) { d->grantors[0].fdIndex = -1; }},
+      {"negative offset", [](Descriptor* d) { d->grantors[1].offset = -8; }},
+      {"crooked offset", [](Descriptor* d) { d->grantors[1].offset = 20; }},
+      {"short counter", [](Descriptor* d) { d->grantors[0].extent = 4; }},
+      {"long counter", [](Descriptor* d) { d->grantors[1] = MakeGrantor(64, 16); }},
+      {"counters in one place", [](Descriptor* d) { d->grantors[1].offset = 0; }},
+      {"data over a counter", [](Descriptor* d) { d->grantors[2].offset = 8; }},
+      {"no data", [](Descriptor* d) { d->grantors[2].extent = 0; }},
+      {"negative data", [](Descriptor* d) { d->grantors[2].extent = -12; }},
+      {"data past the memory", [](Descriptor* d) { d->grantors[2].extent = 1 << 20; }},
+      {"data that overflows", [](Descriptor* d) { d->grantors[2].extent = INT64_MAX - 7; }},
+      {"offset past the memory", [](Descriptor* d) { d->grantors[2].offset = 1 << 30; }},
+      {"broken item", [](Descriptor* d) { d->grantors[2].extent = 10; }},
+      {"other quantum", [](Descriptor* d) { d->quantum = 8; }},
+      {"negative quantum", [](Descriptor* d) { d->quantum = -4; }},
+      {"other flavour", [](Descriptor* d) { d->flags = 2; }},
+      {"long event flag", [](Descriptor* d) { d->grantors.push_back(MakeGrantor(64, 8)); }},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Words writer(3);
+    auto original = writer.dupeDesc();
+    Descriptor bytes;  // The same fields: the flavour of T is no part of them.
+    bytes.grantors = original.grantors;
+    bytes.handle.fds = std::move(original.handle.fds);
+    bytes.quantum = original.quantum;
+    bytes.flags = original.flags;
+    c.spoil(&bytes);
+    Words::Descriptor hostile;
+    hostile.grantors = bytes.grantors;
+    hostile.handle.fds = std::move(bytes.handle.fds);
+    hostile.quantum = bytes.quantum;
+    hostile.flags = bytes.flags;
+    orb::LogCapture log;
+    EXPECT_FALSE(Words(hostile).isValid());
+    EXPECT_EQ(log.Lines().size(), 1u) << log.Dump();
+  }
+}
+
+TEST(QueueTest, CountersThatCannotBeTrueStopTheQueue) {
+  const uint64_t kCases[][2] = {{0, 13}, {1, 0}, {0, UINT64_MAX}, {8, 4}, {0, 2}};
+  for (const auto& [read, written] : kCases) {
+    SCOPED_TRACE(testing::Message() << read << " " << written);
+    Words queue(3);
+    auto desc = queue.dupeDesc();
+    Descriptor raw;
+    raw.grantors = desc.grantors;
+    raw.handle.fds = std::move(desc.handle.fds);
+    SetCounter(raw, 0, read);
+    SetCounter(raw, 1, written);
+    uint32_t word = 0;
+    EXPECT_EQ(queue.availableToRead(), 0u);
+    EXPECT_EQ(queue.availableToWrite(), 0u);
+    EXPECT_FALSE(queue.read(&word));
+    EXPECT_FALSE(queue.write(&word));
+  }
+}
+
+TEST(QueueTest, DescriptorSurvivesAParcelAndEveryCutIsRefused) {
+  Queue writer(11);
+  ndk::ScopedAParcel parcel(AParcel_create());
+  ASSERT_EQ(ndk::AParcel_writeData(parcel.get(), writer.dupeDesc()), STATUS_OK);
+  ASSERT_EQ(AParcel_setDataPosition(parcel.get(), 0), STATUS_OK);
+  Descriptor received;
+  ASSERT_EQ(ndk::AParcel_readData(parcel.get(), &received), STATUS_OK);
+  Queue reader(received);
+  ASSERT_TRUE(Put(&writer, "across"));
+  EXPECT_EQ(Take(&reader, 6), "across");
+
+  // Reading from the middle of it, every word is somebody else's length.
+  const int32_t size = AParcel_getDataSize(parcel.get());
+  for (int32_t at = 4; at < size; at += 4) {
+    ASSERT_EQ(AParcel_setDataPosition(parcel.get(), at), STATUS_OK);
+    Descriptor wrong;
+    orb::LogCapture quiet;
+    if (ndk::AParcel_readData(parcel.get(), &wrong) == STATUS_OK) {
+      EXPECT_FALSE(Queue(wrong).isValid()) << at;
+    }
+  }
+}
+
+}  // namespace
