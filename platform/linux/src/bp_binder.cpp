@@ -48,7 +48,10 @@ sp<BpBinder> BpBinder::create(std::shared_ptr<orb_platform::RemoteTarget> target
   return sp<BpBinder>(new BpBinder(std::move(target)));
 }
 
-void BpBinder::onLastStrongRef(const void*) { state_->target->Released(this); }
+void BpBinder::onLastStrongRef(const void* id) {
+  IBinder::onLastStrongRef(id);  // Sees what other threads did with their references.
+  state_->target->Released(this);
+}
 
 int32_t BpBinder::handle() const { return state_->handle; }
 bool BpBinder::isBinderAlive() const { return state_->alive.load(); }
