@@ -102,8 +102,8 @@ class Demo:
                 "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'"
                 " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>"
                 f"<busconfig><type>session</type><listen>unix:path={path}</listen>"
-                "<auth>EXTERNAL</auth><policy context='default'><allow send_destination='*'/>"
-                "<allow eavesdrop='false'/><allow own='*'/></policy></busconfig>")
+                "<auth>EXTERNAL</auth><policy context='default'><allow send_destination='*' eavesdrop='true'/>"
+                "<allow eavesdrop='true'/><allow own='*'/></policy></busconfig>")
         self.start("dbus-daemon", ["dbus-daemon", "--config-file=" + config, "--nofork"])
         self.wait_for("the bus", lambda: os.path.exists(path))
         self.env["ORB_BUS_ADDRESS"] = "unix:path=" + path
