@@ -372,7 +372,7 @@ TEST_F(MemorySerializerTest, RoundsLeaveNoDescriptorAndNoMapping) {
     if (slots.Initialize(4096, 4, collector_.get()) != 0) continue;
     EXPECT_EQ(Regions(), 2u) << "this and the HAL's";
     WriteText(slots, "x");
-    if (round % 2 == 0) EXPECT_EQ(slots.Finalize(), 0);
+    EXPECT_EQ(round % 2 == 0 ? slots.Finalize() : 0, 0);
   }
   EXPECT_EQ(OpenDescriptors(), descriptors);
   EXPECT_EQ(Regions(), 0u);
