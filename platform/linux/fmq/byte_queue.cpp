@@ -45,12 +45,12 @@ bool Overlap(const ByteQueue::Grantor& a, const ByteQueue::Grantor& b) {
 }
 
 // A memfd of that size which keeps it.
-android::base::unique_fd MakeMemory(size_t bytes) {
-  android::base::unique_fd fd(memfd_create("MessageQueue", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+::ndk::ScopedFileDescriptor MakeMemory(size_t bytes) {
+  ::ndk::ScopedFileDescriptor fd(memfd_create("MessageQueue", MFD_CLOEXEC | MFD_ALLOW_SEALING));
   if (fd.get() < 0 || ftruncate(fd.get(), static_cast<off_t>(bytes)) != 0 ||
       fcntl(fd.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0) {
     QUEUE_LOGE("Cannot make queue memory of %zu bytes: errno %d", bytes, errno);
-    return android::base::unique_fd();
+    return ::ndk::ScopedFileDescriptor();
   }
   return fd;
 }
@@ -92,7 +92,7 @@ const char* Fault(size_t quantum, const ByteQueue::Received& desc, size_t memory
 
 }  // namespace
 
-ByteQueue::ByteQueue(android::base::unique_fd fd, std::vector<Grantor> grantors, size_t quantum)
+ByteQueue::ByteQueue(::ndk::ScopedFileDescriptor fd, std::vector<Grantor> grantors, size_t quantum)
     : fd_(std::move(fd)), grantors_(std::move(grantors)), quantum_(quantum) {}
 
 ByteQueue::~ByteQueue() {
@@ -118,7 +118,7 @@ std::unique_ptr<ByteQueue> ByteQueue::Create(size_t quantum, size_t count, bool 
 
   const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   const size_t bytes = (AlignUp(End(grantors.back())) + page - 1) / page * page;
-  android::base::unique_fd fd = MakeMemory(bytes);
+  ::ndk::ScopedFileDescriptor fd = MakeMemory(bytes);
   if (fd.get() < 0) return nullptr;
   std::unique_ptr<ByteQueue> queue(new ByteQueue(std::move(fd), std::move(grantors), quantum));
   return queue->Map() ? std::move(queue) : nullptr;
@@ -135,7 +135,7 @@ std::unique_ptr<ByteQueue> ByteQueue::Attach(size_t quantum, const Received& des
     QUEUE_LOGE("MQDescriptor is refused: %s", fault);
     return nullptr;
   }
-  android::base::unique_fd fd(fcntl(theirs, F_DUPFD_CLOEXEC, 0));
+  ::ndk::ScopedFileDescriptor fd(fcntl(theirs, F_DUPFD_CLOEXEC, 0));
   if (fd.get() < 0) {
     QUEUE_LOGE("Cannot keep the queue's descriptor: errno %d", errno);
     return nullptr;

@@ -13,7 +13,7 @@
 
 #include <aidl/android/hardware/common/NativeHandle.h>
 #include <aidl/android/hardware/common/fmq/GrantorDescriptor.h>
-#include <android-base/unique_fd.h>
+#include <android/binder_auto_utils.h>
 
 #include <atomic>
 #include <cstddef>
@@ -66,13 +66,13 @@ class ByteQueue {
     uint64_t used;  // Bytes written and not read.
   };
 
-  ByteQueue(android::base::unique_fd fd, std::vector<Grantor> grantors, size_t quantum);
+  ByteQueue(::ndk::ScopedFileDescriptor fd, std::vector<Grantor> grantors, size_t quantum);
   bool Map();
   uint8_t* At(size_t grantor) const { return memory_ + grantors_[grantor].offset; }
   std::atomic<uint64_t>& Counter(size_t grantor) const;
   bool Load(Counters* counters) const;
 
-  const android::base::unique_fd fd_;
+  const ::ndk::ScopedFileDescriptor fd_;
   const std::vector<Grantor> grantors_;
   const size_t quantum_;
   uint8_t* memory_ = nullptr;  // [mapped_bytes_]
