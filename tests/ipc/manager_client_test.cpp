@@ -118,10 +118,9 @@ TEST_F(ManagerClientTest, ManagerDeathReachesEveryCollectorAndEachReturns) {
   StartManager();
   for (const char* name : {"a", "b", "c"}) ASSERT_NE(Register(name), nullptr);
   EXPECT_EQ(manager_->StartSession("token-2", Campaign(1)), 0);
-  log_.Clear();
   const android::sp<IKIVCallback> callback = manager_->Registrations()[0].callback;
   log_.Clear();
-  Services()->Kill("vendor_kivsdkservice");
+  KillManager();
   EXPECT_TRUE(log_.WaitFor("c::LostConn deleteing client instance for token - ", 3));
   EXPECT_EQ(log_.Count("OrbvDeathRecipient - ORB Server has died"), 1u);
   EXPECT_TRUE(log_.Contains("b: StopCustomSession called for token - token-2"));
