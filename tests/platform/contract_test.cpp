@@ -61,6 +61,7 @@ class BusWorld : public World {
     peer_ = orb::test::ChildProcess({PLATFORM_PEER, kName});
     Expect("ready 0");
   }
+  ~BusWorld() override { orb::test::EndBus(&bus_); }
   void Kill() override { peer_.Signal(SIGKILL); }
   void Replace() override {
     peer_.Send("again");

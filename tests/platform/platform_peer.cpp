@@ -1,7 +1,7 @@
 // usage: platform_peer NAME     (the other process of the bus tests)
 //
 // Serves a TestObject under NAME and prints "ready CODE". Then, per line:
-// "again" serves a new object under the name, "name X" serves the first one
+// "again" serves a new object under the name, "name X" serves that one
 // under X, too, and "alive" prints how many objects there are; each prints its
 // word and a number. Ends with its input.
 #include <binder/IPCThreadState.h>
@@ -36,11 +36,14 @@ int main(int argc, char** argv) {
   if (argc != 2) return 2;
   if (android::ProcessState::self() == nullptr) return 3;
   android::ProcessState::self()->startThreadPool();
-  const sp<IBinder> object(new orb::test::TestObject());
+  sp<IBinder> object(new orb::test::TestObject());
   Print("ready", Serve(argv[1], object));
   std::string line;
   while (std::getline(std::cin, line)) {
-    if (line == "again") Print("again", Serve(argv[1], new orb::test::TestObject()));
+    if (line == "again") {
+      object = new orb::test::TestObject();
+      Print("again", Serve(argv[1], object));
+    }
     if (line.rfind("name ", 0) == 0) Print("name", Serve(line.substr(5), object));
     if (line == "alive") Print("alive", orb::test::TestObject::Alive());
   }

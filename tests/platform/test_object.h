@@ -4,6 +4,7 @@
 
 #include <binder/Binder.h>
 #include <binder/Parcel.h>
+#include <binder/ProcessState.h>
 
 #include <vector>
 
@@ -49,5 +50,14 @@ class TestObject : public android::BBinder {
   android::sp<android::IBinder> stored_ GUARDED_BY(mutex_);
   bool unblocked_ GUARDED_BY(mutex_) = false;
 };
+
+// Ends the bus and waits until this process has seen it: its descriptors are
+// closed by then, not while the next test opens others under their numbers.
+template <typename Bus>
+void EndBus(Bus* bus) {
+  bus->Kill();
+  while (android::ProcessState::self() != nullptr) {
+  }
+}
 
 }  // namespace orb::test

@@ -1,0 +1,237 @@
+// What only a real bus shows: who keeps an object alive, other processes'
+// identities, lost buses, and names.
+#include <binder/BpBinder.h>
+#include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+#include <binder/Status.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <memory>
+
+#include "platform/linux/src/service_managers.h"
+#include "tests/platform/test_object.h"
+#include "tests/support/child_process.h"
+#include "tests/support/private_bus.h"
+
+namespace {
+
+using android::IBinder;
+using android::Parcel;
+using android::sp;
+using android::String16;
+using android::wp;
+using android::binder::Status;
+using orb::test::ChildProcess;
+using orb::test::TestObject;
+using orb::test::WaitFor;
+
+class Recipient : public IBinder::DeathRecipient {
+ public:
+  void binderDied(const wp<IBinder>&) override { count++; }
+  std::atomic<int> count{0};
+};
+
+class BusTest : public testing::Test {
+ protected:
+  BusTest() { bus_.SetEnvironment(); }
+  ~BusTest() override { orb::test::EndBus(&bus_); }
+  void SetUp() override {
+    ASSERT_NE(android::ProcessState::self(), nullptr);
+    android::ProcessState::self()->startThreadPool();
+  }
+
+  static std::unique_ptr<ChildProcess> Peer(const char* name, const char* want = "ready 0") {
+    auto peer = std::make_unique<ChildProcess>(std::vector<std::string>{PLATFORM_PEER, name});
+    EXPECT_EQ(peer->ReadLine(std::chrono::seconds(20)), std::string(want));
+    return peer;
+  }
+  static sp<IBinder> Check(const char* name) {
+    return android::defaultServiceManager()->checkService(String16(name));
+  }
+  static void Store(const sp<IBinder>& at, const sp<IBinder>& object) {
+    Parcel data;
+    Parcel reply;
+    data.writeStrongBinder(object);
+    EXPECT_EQ(at->transact(orb::test::kStore, data, &reply), android::OK);
+  }
+  static sp<IBinder> Stored(const sp<IBinder>& at) {
+    Parcel data;
+    Parcel reply;
+    EXPECT_EQ(at->transact(orb::test::kStored, data, &reply), android::OK);
+    return reply.readStrongBinder();
+  }
+  static std::string Ask(ChildProcess* peer, const char* line) {
+    peer->Send(line);
+    return peer->ReadLine(std::chrono::seconds(20)).value_or("nothing");
+  }
+  static size_t Count(const char* dir) {
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(dir),
+                                             std::filesystem::directory_iterator()));
+  }
+
+  orb::test::PrivateBus bus_;
+};
+
+TEST_F(BusTest, PeerKeepsAnObjectUntilItLetsGoOrDies) {
+  const auto peer = Peer("one");
+  const sp<IBinder> service = Check("one");
+  ASSERT_NE(service, nullptr);
+  Store(service, new TestObject());
+  EXPECT_EQ(TestObject::Alive(), 1);
+  EXPECT_EQ(Stored(service)->pingBinder(), android::OK);
+  Store(service, nullptr);
+  EXPECT_TRUE(WaitFor([] { return TestObject::Alive() == 0; }));
+  Store(service, new TestObject());
+  EXPECT_EQ(TestObject::Alive(), 1);
+  peer->Signal(SIGKILL);
+  EXPECT_TRUE(WaitFor([] { return TestObject::Alive() == 0; }));
+}
+
+TEST_F(BusTest, ReplacedServiceGoesWithItsLastProxy) {
+  const auto peer = Peer("one");
+  sp<IBinder> first = Check("one");
+  EXPECT_EQ(Ask(peer.get(), "again"), "again 0");
+  EXPECT_EQ(first->pingBinder(), android::OK);
+  EXPECT_EQ(Ask(peer.get(), "alive"), "alive 2");
+  first = nullptr;
+  EXPECT_TRUE(WaitFor([&] { return Ask(peer.get(), "alive") == "alive 1"; }));
+}
+
+TEST_F(BusTest, OneObjectUnderTwoNamesIsOneProxy) {
+  const auto peer = Peer("one");
+  EXPECT_EQ(Ask(peer.get(), "name two"), "name 0");
+  EXPECT_EQ(Check("one"), Check("two"));
+}
+
+TEST_F(BusTest, ThirdProcessUsesWhatItWasGiven) {
+  const auto giver = Peer("giver");
+  const auto taker = Peer("taker");
+  const sp<IBinder> via = Check("giver");
+  sp<IBinder> mine(new TestObject());
+  Store(via, mine);
+  // Us to giver, then giver's own object to taker, through us.
+  Store(Check("taker"), via);
+  const sp<IBinder> back = Stored(Check("taker"));
+  EXPECT_EQ(back, via);
+  EXPECT_EQ(Stored(back), mine);
+  // Taker calls giver's object, which calls taker back.
+  Parcel data;
+  Parcel reply;
+  data.writeInt32(4);
+  data.writeStrongBinder(via);
+  ASSERT_EQ(Check("taker")->transact(orb::test::kNest, data, &reply), android::OK);
+  EXPECT_EQ(reply.readInt32(), 4);
+  giver->Signal(SIGKILL);
+  EXPECT_TRUE(WaitFor([&] { return !via->isBinderAlive(); }));
+  // A handle to a dead object still travels, and is dead there, too.
+  Store(Check("taker"), mine);
+  EXPECT_EQ(Check("taker")->pingBinder(), android::OK);
+}
+
+TEST_F(BusTest, CallerIsWhoTheBusSays) {
+  const auto peer = Peer("one");
+  Parcel data;
+  Parcel reply;
+  ASSERT_EQ(Check("one")->transact(orb::test::kCaller, data, &reply), android::OK);
+  EXPECT_EQ(reply.readInt32(), getpid());
+  EXPECT_EQ(static_cast<uid_t>(reply.readInt32()), getuid());
+  EXPECT_EQ(android::IPCThreadState::self()->getCallingPid(), getpid());
+}
+
+TEST_F(BusTest, NameOfAnotherProcessIsRefused) {
+  auto peer = Peer("one");
+  const sp<IBinder> mine(new TestObject());
+  const auto manager = android::defaultServiceManager();
+  EXPECT_EQ(manager->addService(String16("one"), mine), Status::EX_ILLEGAL_STATE);
+  EXPECT_NE(Check("one"), mine);
+  peer = nullptr;
+  EXPECT_TRUE(WaitFor([&] { return manager->addService(String16("one"), mine) == 0; }));
+  EXPECT_EQ(Check("one"), mine);
+}
+
+TEST_F(BusTest, StoppedOwnerDoesNotHangTheLookup) {
+  const auto peer = Peer("one");
+  peer->Signal(SIGSTOP);
+  const std::string stat = "/proc/" + std::to_string(peer->pid()) + "/stat";
+  ASSERT_TRUE(
+      WaitFor([&] { return orb::test::ReadFileOrEmpty(stat).find(") T ") != std::string::npos; }));
+  EXPECT_EQ(Check("one"), nullptr);
+  peer->Signal(SIGCONT);
+  EXPECT_TRUE(WaitFor([] { return Check("one") != nullptr; }));
+}
+
+TEST_F(BusTest, LostBusKillsEveryRemoteAndComesBack) {
+  auto peer = Peer("one");
+  const sp<IBinder> service = Check("one");
+  const sp<Recipient> recipient(new Recipient());
+  ASSERT_EQ(service->linkToDeath(recipient), android::OK);
+  Store(service, new TestObject());
+  bus_.Kill();
+  EXPECT_TRUE(WaitFor([&] { return recipient->count == 1; }));
+  EXPECT_FALSE(service->isBinderAlive());
+  EXPECT_EQ(Check("one"), nullptr);
+  EXPECT_EQ(android::ProcessState::self(), nullptr);
+  EXPECT_EQ(android::defaultServiceManager()->addService(String16("x"), new TestObject()),
+            Status::EX_TRANSACTION_FAILED);
+  EXPECT_TRUE(WaitFor([] { return TestObject::Alive() == 0; }));
+  bus_.Start();
+  EXPECT_NE(android::ProcessState::self(), nullptr);
+  EXPECT_EQ(Ask(peer.get(), "again"), "again 0");
+  const sp<IBinder> second = Check("one");
+  ASSERT_NE(second, nullptr);
+  EXPECT_NE(second, service);
+  EXPECT_EQ(second->pingBinder(), android::OK);
+  EXPECT_EQ(service->pingBinder(), android::DEAD_OBJECT);
+  EXPECT_EQ(recipient->count, 1);
+}
+
+TEST_F(BusTest, CallsLeaveNoThreadAndNoDescriptorBehind) {
+  const auto peer = Peer("one");
+  const sp<IBinder> service = Check("one");
+  const auto call = [&](int times) {
+    for (int i = 0; i < times; i++) {
+      Parcel data;
+      Parcel reply;
+      data.writeDupFileDescriptor(0);
+      service->transact(orb::test::kDescriptor, data, &reply);
+      Store(service, new TestObject());
+    }
+  };
+  call(10);
+  const size_t descriptors = Count("/proc/self/fd");
+  const size_t threads = Count("/proc/self/task");
+  call(100);
+  EXPECT_LE(Count("/proc/self/fd"), descriptors);
+  EXPECT_LE(Count("/proc/self/task"), threads + 16);
+  Store(service, nullptr);
+  EXPECT_TRUE(WaitFor([] { return TestObject::Alive() == 0; }));
+}
+
+TEST(ServiceNameTest, MapsToABusNameAndBack) {
+  struct Case {
+    const char* service;
+    const char* bus_name;
+  };
+  const Case cases[] = {
+      {"vendor_kivsdkservice", "org.orb.service.vendor_5fkivsdkservice"},
+      {"a.b/c-d9", "org.orb.service.a_2eb_2fc_2dd9"},
+      {"9", "org.orb.service._39"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(orb_platform::BusNameOf(c.service), c.bus_name);
+    EXPECT_EQ(orb_platform::ServiceOf(c.bus_name), c.service);
+  }
+  const std::string dots(127, '.');
+  EXPECT_EQ(orb_platform::BusNameOf(dots).size(), 255u);
+  EXPECT_NE(orb_platform::BusNameOf(dots), orb_platform::BusNameOf(std::string(126, '.') + "-"));
+  EXPECT_EQ(orb_platform::ServiceOf("org.freedesktop.DBus"), "");
+  EXPECT_EQ(orb_platform::ServiceOf("org.orb.service.a_zz"), "");
+}
+
+}  // namespace

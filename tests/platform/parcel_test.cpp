@@ -1,0 +1,236 @@
+// Bytes of parcels and statuses, and what readers make of broken ones.
+#include <binder/Binder.h>
+#include <binder/Parcel.h>
+#include <binder/Status.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+
+namespace {
+
+using android::BBinder;
+using android::IBinder;
+using android::Parcel;
+using android::sp;
+using android::String16;
+using android::String8;
+using android::binder::Status;
+
+std::vector<uint8_t> Bytes(const Parcel& parcel) {
+  return {parcel.data(), parcel.data() + parcel.dataSize()};
+}
+
+std::vector<uint8_t> FromHex(const std::string& hex) {
+  std::vector<uint8_t> out;
+  for (size_t i = 0; i + 1 < hex.size();) {
+    if (hex[i] == ' ') {
+      i++;
+      continue;
+    }
+    out.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    i += 2;
+  }
+  return out;
+}
+
+TEST(ParcelTest, WritesTheBytesOfARegistration) {
+  const sp<IBinder> callback(new BBinder());
+  Parcel parcel;
+  parcel.writeInterfaceToken(String16("IKIVManager"));
+  parcel.writeInt32(1);
+  const size_t start = parcel.dataPosition();
+  parcel.writeInt32(0);
+  parcel.writeUtf8AsUtf16(std::string("abc"));
+  parcel.writeInt32(2);
+  parcel.writeInt32(-1);
+  const size_t end = parcel.dataPosition();
+  parcel.setDataPosition(start);
+  parcel.writeInt32(static_cast<int32_t>(end - start));
+  parcel.setDataPosition(end);
+  ASSERT_EQ(parcel.writeStrongBinder(callback), android::OK);
+
+  std::vector<uint8_t> got = Bytes(parcel);
+  ASSERT_EQ(got.size(), 96u);
+  // The two addresses differ from run to run.
+  EXPECT_NE(got, std::vector<uint8_t>(96));
+  std::fill(got.begin() + 0x4c, got.begin() + 0x5c, uint8_t{0});
+  EXPECT_EQ(got, FromHex("00000080 ffffffff 54535953 0b000000"
+                         "49004b00 49005600 4d006100 6e006100"
+                         "67006500 72000000 01000000 18000000"
+                         "03000000 61006200 63000000 02000000"
+                         "ffffffff 852a6273 13010000 00000000"
+                         "00000000 00000000 00000000 0c000000"));
+  parcel.setDataPosition(0);
+  EXPECT_TRUE(parcel.enforceInterface(String16("IKIVManager")));
+  parcel.setDataPosition(0x44);
+  EXPECT_EQ(parcel.readStrongBinder(), callback);
+}
+
+TEST(ParcelTest, WritesEachType) {
+  struct Case {
+    const char* name;
+    std::function<android::status_t(Parcel*)> write;
+    const char* hex;
+  };
+  const Case cases[] = {
+      {"bool", [](Parcel* p) { return p->writeBool(true); }, "01000000"},
+      {"byte", [](Parcel* p) { return p->writeByte(-2); }, "feffffff"},
+      {"long", [](Parcel* p) { return p->writeInt64(0x0102030405060708); }, "0807060504030201"},
+      {"empty string", [](Parcel* p) { return p->writeUtf8AsUtf16(std::string()); },
+       "0000000000000000"},
+      {"string", [](Parcel* p) { return p->writeString16(String16("tok")); },
+       "03000000 74006f00 6b000000"},
+      {"surrogates", [](Parcel* p) { return p->writeUtf8AsUtf16(std::string("\xf0\x9f\x98\x80")); },
+       "02000000 3dd800de 00000000"},
+      {"null string", [](Parcel* p) { return p->writeUtf8AsUtf16(std::optional<std::string>()); },
+       "ffffffff"},
+      {"bytes",
+       [](Parcel* p) {
+         return p->writeByteVector(std::vector<uint8_t>{1, 2, 3, 4, 5});
+       },
+       "05000000 01020304 05000000"},
+      {"no bytes", [](Parcel* p) { return p->writeByteVector(std::vector<uint8_t>()); },
+       "00000000"},
+      {"null binder", [](Parcel* p) { return p->writeStrongBinder(sp<IBinder>()); },
+       "852a6273 13000000 00000000 00000000 00000000 00000000 00000000"},
+      {"ok", [](Parcel* p) { return Status::ok().writeToParcel(p); }, "00000000"},
+      {"exception",
+       [](Parcel* p) {
+         return Status::fromExceptionCode(Status::EX_SECURITY, "n").writeToParcel(p);
+       },
+       "ffffffff 01000000 6e000000 00000000"},
+      {"service error",
+       [](Parcel* p) { return Status::fromServiceSpecificError(7, "n").writeToParcel(p); },
+       "f8ffffff 01000000 6e000000 00000000 07000000"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Parcel parcel;
+    EXPECT_EQ(c.write(&parcel), android::OK);
+    EXPECT_EQ(Bytes(parcel), FromHex(c.hex));
+  }
+}
+
+TEST(ParcelTest, ReadersRefuseBrokenData) {
+  struct Case {
+    const char* name;
+    const char* hex;
+    std::function<android::status_t(const Parcel&)> read;
+    android::status_t want;
+  };
+  const auto string = [](const Parcel& p) {
+    std::string out;
+    return p.readUtf8FromUtf16(&out);
+  };
+  const auto bytes = [](const Parcel& p) {
+    std::vector<uint8_t> out;
+    return p.readByteVector(&out);
+  };
+  const auto binder = [](const Parcel& p) {
+    sp<IBinder> out;
+    return p.readStrongBinder(&out);
+  };
+  const auto number = [](const Parcel& p) {
+    int64_t out;
+    return p.readInt64(&out);
+  };
+  const auto status = [](const Parcel& p) {
+    Status out;
+    return out.readFromParcel(p);
+  };
+  const Case cases[] = {
+      {"short number", "01000000", number, android::NOT_ENOUGH_DATA},
+      {"string past the end", "05000000 61006200", string, android::NOT_ENOUGH_DATA},
+      {"huge string", "ffffff7f 61006200", string, android::NOT_ENOUGH_DATA},
+      {"string without end", "01000000 61006200", string, android::NOT_ENOUGH_DATA},
+      {"null string", "ffffffff", string, android::UNEXPECTED_NULL},
+      {"null bytes", "ffffffff", bytes, android::UNEXPECTED_NULL},
+      {"too many bytes", "05000000 01020304", bytes, android::BAD_VALUE},
+      {"null binder", "852a6273 13000000 00000000 00000000 00000000 00000000 00000000", binder,
+       android::UNEXPECTED_NULL},
+      {"forged binder", "852a6273 13010000 11111111 00000000 22222222 00000000 0c000000", binder,
+       android::BAD_TYPE},
+      {"half a binder", "852a6273 13010000", binder, android::NOT_ENOUGH_DATA},
+      {"status of nothing", "", status, android::NOT_ENOUGH_DATA},
+      {"trace past the end", "ffffffff 00000000 00000000 40000000", status, android::UNKNOWN_ERROR},
+      {"header past the end", "80ffffff 40000000", status, android::UNKNOWN_ERROR},
+      {"header then fine", "80ffffff 08000000 00000000", status, android::OK},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::vector<uint8_t> data = FromHex(c.hex);
+    Parcel parcel;
+    parcel.setData(data.data(), data.size());
+    EXPECT_EQ(c.read(parcel), c.want);
+  }
+}
+
+TEST(ParcelTest, ObjectsAreNeitherReadAsDataNorKeptWhenOverwritten) {
+  const sp<IBinder> object(new BBinder());
+  Parcel parcel;
+  parcel.writeStrongBinder(object);
+  EXPECT_EQ(object->getStrongCount(), 2);
+  parcel.setDataPosition(0);
+  int32_t value = 0;
+  EXPECT_EQ(parcel.readInt32(&value), android::PERMISSION_DENIED);
+  parcel.setDataPosition(8);
+  EXPECT_EQ(parcel.readInt32(&value), android::PERMISSION_DENIED);
+  parcel.setDataPosition(4);
+  parcel.writeInt32(1);
+  EXPECT_EQ(object->getStrongCount(), 1);
+  EXPECT_EQ(parcel.objectsCount(), 0u);
+}
+
+TEST(ParcelTest, OwnsItsDescriptorsAndCopiesThem) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  {
+    Parcel copy;
+    {
+      Parcel parcel;
+      parcel.writeInt32(1);
+      parcel.writeParcelFileDescriptor(ends[0], true);
+      ASSERT_EQ(copy.appendFrom(&parcel, 0, parcel.dataSize()), android::OK);
+    }
+    EXPECT_EQ(fcntl(ends[0], F_GETFD), -1);
+    copy.setDataPosition(4);
+    const int fd = copy.readParcelFileDescriptor();
+    EXPECT_NE(fcntl(fd, F_GETFD), -1);
+    ends[0] = fd;
+  }
+  EXPECT_EQ(fcntl(ends[0], F_GETFD), -1);
+  close(ends[1]);
+}
+
+TEST(ParcelTest, LeftOverDataIsAnException) {
+  Parcel parcel;
+  parcel.writeInt32(5);
+  parcel.setDataPosition(0);
+  const Status status = parcel.enforceNoDataAvail();
+  Parcel reply;
+  reply.writeInt64(1);
+  EXPECT_EQ(status.writeOverParcel(&reply), android::OK);
+  reply.setDataPosition(0);
+  Status back;
+  EXPECT_EQ(back.readFromParcel(reply), android::OK);
+  EXPECT_EQ(back.exceptionCode(), Status::EX_BAD_PARCELABLE);
+  EXPECT_STREQ(back.exceptionMessage().c_str(), "Parcel data not fully consumed, unread size: 4");
+}
+
+TEST(StatusTest, TransportErrorIsNoException) {
+  const Status dead = Status::fromStatusT(android::DEAD_OBJECT);
+  EXPECT_EQ(dead.exceptionCode(), Status::EX_TRANSACTION_FAILED);
+  EXPECT_EQ(dead.transactionError(), android::DEAD_OBJECT);
+  EXPECT_STREQ(dead.toString8().c_str(), "Status(-129, EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '");
+  Parcel parcel;
+  EXPECT_EQ(dead.writeToParcel(&parcel), android::DEAD_OBJECT);
+  EXPECT_EQ(parcel.dataSize(), 0u);
+  EXPECT_TRUE(Status::fromStatusT(android::OK).isOk());
+  EXPECT_STREQ(Status::fromServiceSpecificError(7, "m").toString8().c_str(),
+               "Status(-8, EX_SERVICE_SPECIFIC): '7: m'");
+}
+
+}  // namespace
