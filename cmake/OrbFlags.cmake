@@ -25,3 +25,9 @@ if(ORB_SANITIZE)
     add_compile_options(-fno-sanitize=float-divide-by-zero)
   endif()
 endif()
+
+if(ORB_BUILD_FUZZERS)
+  # What the fuzzer watches; its own main comes with the targets of fuzz/.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+  add_link_options(-fsanitize=fuzzer-no-link)
+endif()
