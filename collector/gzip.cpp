@@ -44,6 +44,7 @@ bool AppendDeflated(z_stream* stream, int flush, uint64_t capacity, orb::MallocB
     deflate(stream, flush);
     const uint32_t produced = kChunkBytes - stream->avail_out;
     if (produced > capacity - out->size) return false;
+    // cppcheck-suppress uninitvar ; deflate has filled `produced` bytes of it.
     memcpy(out->data + out->size, window, produced);
     out->size = orb::CheckedAdd<uint32_t>(out->size, produced);
   } while (stream->avail_out == 0);
