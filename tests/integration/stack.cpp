@@ -100,7 +100,7 @@ std::vector<Record> Stack::DecodeSpool() {
     Record record;
     record.client = json.value("client", "");
     record.lic_sn = json.value("lic_sn", uint64_t{0});
-    record.campaign = json.value("campaign", uint64_t{0});
+    record.campaign = json.value("campaign_id", uint64_t{0});
     record.seqno = json.value("seqno", uint64_t{0});
     record.kpi_id = json.value("kpi_id", 0u);
     record.kind = json.value("kind", "");

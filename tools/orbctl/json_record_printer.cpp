@@ -54,6 +54,7 @@ class JsonPrinter : public RecordPrinter {
   void BeginSource(const RecordSource& source) override {
     source_ = Json::object();
     source_["file"] = source.file;
+    if (!source.client.empty()) source_["client"] = source.client;
     source_["campaign_id"] = source.campaign_id;
     source_["lic_sn"] = source.lic_sn;
     source_["seqno"] = source.seqno;

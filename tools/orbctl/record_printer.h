@@ -25,6 +25,7 @@ struct RecordSource {
   uint64_t campaign_id = 0;
   uint64_t lic_sn = 0;
   uint32_t seqno = 0;
+  std::string client = "";  // Empty when the path does not tell.
 };
 
 // A campaign by KPI id. A later entry replaces an earlier, as in a session.

@@ -1,0 +1,34 @@
+// orbctl campaign start|stop|lic-start|lic-stop.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "ipc/KIVCampConfig.h"
+#include "proto/ltc_campaign.pb.h"
+#include "tools/orbctl/lic_option.h"
+
+namespace orb::orbctl {
+
+// What a client is to be given: the options' owners first, in their order; an
+// owner that the campaign names without an option follows without a key,
+// because a client keeps data of listed owners only.
+KIVCampConfig MakeConfig(const LTCCampaignDef& campaign, int64_t id,
+                         const std::vector<LicOption>& lics);
+
+struct CampaignStartCommand {
+  std::string client;
+  std::string path;
+  int64_t id = 1;
+  std::vector<std::string> lics;  // The --lic options as given.
+  bool json = false;
+
+  int Run() const;
+};
+
+int StopCampaign(const std::string& client, bool json);
+// Starts or stops one owner's data of the campaign that runs.
+int SwitchLicSn(const std::string& client, uint64_t lic_sn, bool run, bool json);
+
+}  // namespace orb::orbctl

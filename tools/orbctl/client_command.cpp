@@ -1,0 +1,112 @@
+// Tested by tests/orbctl/campaign_command_test.cpp.
+#include "tools/orbctl/client_command.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <iterator>
+#include <nlohmann/json.hpp>
+
+#include "tools/orbctl/control_client.h"
+#include "tools/orbctl/output.h"
+
+namespace orb::orbctl {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+const char* SessionName(int32_t session) {
+  switch (session) {
+    case ClientRecord::NONE:
+      return "none";
+    case ClientRecord::RUNNING:
+      return "running";
+    case ClientRecord::WAITING:
+      return "waiting";
+    case ClientRecord::REFUSED:
+      return "refused";
+    default:
+      return "unknown";
+  }
+}
+
+// "2025-11-21T09:20:00Z"; "-" for 0.
+std::string TimeText(int64_t ms) {
+  if (ms == 0) return "-";
+  const time_t seconds = ms / 1000;
+  tm utc{};
+  char text[32];
+  if (gmtime_r(&seconds, &utc) == nullptr) return "?";
+  strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
+std::string CampaignText(const ClientRecord& client) {
+  if (client.session == ClientRecord::NONE) return "-";
+  std::string text = fmt::format("{} {}", client.campId, SessionName(client.session));
+  for (const int64_t lic_sn : client.stoppedLicSNs) {
+    text += fmt::format(" -{}", static_cast<uint64_t>(lic_sn));
+  }
+  return text;
+}
+
+std::vector<uint64_t> Unsigned(const std::vector<int64_t>& lic_sns) {
+  return {lic_sns.begin(), lic_sns.end()};
+}
+
+}  // namespace
+
+std::string ClientTable(const std::vector<ClientRecord>& clients) {
+  size_t width = 6;
+  for (const ClientRecord& client : clients) width = std::max(width, client.name.size());
+  std::string table = fmt::format("{:<{}}  {:>5}  {:<20}  {:<20}  {}\n", "CLIENT", width, "ID",
+                                  "CONNECTED", "SESSION SINCE", "CAMPAIGN");
+  for (const ClientRecord& client : clients) {
+    table += fmt::format("{:<{}}  {:>5}  {:<20}  {:<20}  {}\n", client.name, width, client.clientId,
+                         client.connected ? TimeText(client.connectedSinceMs) : "away",
+                         TimeText(client.sessionSinceMs), CampaignText(client));
+  }
+  return table;
+}
+
+std::string ClientJson(const std::vector<ClientRecord>& clients) {
+  std::string lines;
+  for (const ClientRecord& client : clients) {
+    Json object;
+    object["name"] = client.name;
+    object["id"] = client.clientId;
+    object["type"] = client.clientType;
+    object["option"] = client.clientOption;
+    object["connected"] = client.connected;
+    object["connected_since_ms"] = client.connectedSinceMs;
+    object["session"] = SessionName(client.session);
+    object["campaign"] = client.campId;
+    object["session_since_ms"] = client.sessionSinceMs;
+    object["last_result"] = client.lastResult;
+    object["lic_sns"] = Unsigned(client.licSNs);
+    object["stopped_lic_sns"] = Unsigned(client.stoppedLicSNs);
+    lines += object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  }
+  return lines;
+}
+
+int ListClients(bool all, bool json) {
+  std::string error;
+  const android::sp<IOrbControl> manager = ConnectToManager(&error);
+  if (manager == nullptr) return Fail(error);
+  std::vector<ClientRecord> known;
+  const android::binder::Status status = manager->listClients(&known);
+  if (!status.isOk()) {
+    return Fail(std::string("the manager cannot be called: ") + status.toString8().c_str());
+  }
+  std::vector<ClientRecord> clients;
+  std::copy_if(known.begin(), known.end(), std::back_inserter(clients),
+               [&](const ClientRecord& client) { return all || client.connected; });
+  const std::string text = json ? ClientJson(clients) : ClientTable(clients);
+  fwrite(text.data(), 1, text.size(), stdout);
+  return kOk;
+}
+
+}  // namespace orb::orbctl

@@ -1,0 +1,19 @@
+// orbctl client list.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "services/manager/control/ClientRecord.h"
+
+namespace orb::orbctl {
+
+// A table; times in UTC.
+std::string ClientTable(const std::vector<ClientRecord>& clients);
+// One object a line.
+std::string ClientJson(const std::vector<ClientRecord>& clients);
+
+// `all` also shows clients that are away. The exit code.
+int ListClients(bool all, bool json);
+
+}  // namespace orb::orbctl

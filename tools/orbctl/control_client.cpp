@@ -1,0 +1,50 @@
+// Tested by tests/integration/.
+#include "tools/orbctl/control_client.h"
+
+#include <binder/IServiceManager.h>
+#include <binder/ProcessState.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tools/orbctl/output.h"
+
+namespace orb::orbctl {
+
+using android::sp;
+
+sp<IOrbControl> ConnectToManager(std::string* error) {
+  const sp<android::ProcessState> process = android::ProcessState::self();
+  if (process == nullptr) {
+    *error = "there is no bus; start it, or set ORB_BUS_ADDRESS to the one in use";
+    return nullptr;
+  }
+  process->startThreadPool();
+  const sp<android::IBinder> binder =
+      android::defaultServiceManager()->checkService(android::String16(IOrbControl::kServiceName));
+  if (binder == nullptr) {
+    *error = "the manager is not on the bus; start orb-managerd";
+    return nullptr;
+  }
+  return IOrbControl::asInterface(binder);
+}
+
+int PrintReply(const android::binder::Status& status, const ControlReply& reply,
+               const std::string& done, bool json) {
+  if (!status.isOk()) {
+    if (status.transactionError() == android::FAILED_TRANSACTION) {
+      return Fail("too large for one transaction (1 MiB)");
+    }
+    return Fail(std::string("the manager cannot be called: ") + status.toString8().c_str());
+  }
+  const bool ok = reply.status == ControlReply::DONE;
+  if (json) {
+    PrintLine(
+        nlohmann::ordered_json{{"done", ok}, {"result", reply.result}, {"message", reply.message}}
+            .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+  }
+  if (!ok) return Fail(reply.message);
+  if (!json) PrintLine(reply.message.empty() ? done : done + " (" + reply.message + ")");
+  return kOk;
+}
+
+}  // namespace orb::orbctl

@@ -1,0 +1,173 @@
+// Tested by tests/orbctl/decode_command_test.cpp.
+#include "tools/orbctl/decode_command.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string_view>
+#include <system_error>
+
+#include "tools/orbctl/campaign_file.h"
+#include "tools/orbctl/output.h"
+#include "tools/orbctl/upload_reader.h"
+
+namespace orb::orbctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uint64_t kMaxFileBytes = uint64_t{256} << 20;
+constexpr uint64_t kMaxKeyBytes = 64U << 10;
+
+// Adds the uploads below a folder. The spool's own hidden folder holds none.
+bool AddFolder(const std::string& folder, std::vector<std::string>* files) {
+  std::error_code ec;
+  std::vector<std::string> found;
+  fs::recursive_directory_iterator at(folder, ec);
+  while (!ec && at != fs::end(at)) {
+    std::error_code gone;
+    if (at->path().filename().string().starts_with(".")) {
+      at.disable_recursion_pending();
+    } else if (at->path().extension() == ".orb" && at->is_regular_file(gone)) {
+      found.push_back(at->path().string());
+    }
+    at.increment(ec);
+  }
+  if (ec) PrintError(folder + ": " + ec.message());
+  std::sort(found.begin(), found.end());
+  files->insert(files->end(), found.begin(), found.end());
+  return !ec;
+}
+
+bool ReadKeys(const std::vector<std::string>& paths, std::vector<PrivateKey>* keys) {
+  for (const std::string& path : paths) {
+    PrivateKey key{path, ""};
+    std::string error;
+    if (!ReadFile(path, kMaxKeyBytes, &key.pem, &error)) {
+      PrintError(error);
+      return false;
+    }
+    if (key.pem.find("PRIVATE KEY") == std::string::npos) {
+      PrintError(path + ": no private key in PEM; give what `orbctl key new` wrote");
+      return false;
+    }
+    keys->push_back(std::move(key));
+  }
+  return true;
+}
+
+class Decoder {
+ public:
+  Decoder(std::vector<PrivateKey> keys, RecordPrinter* printer)
+      : keys_(std::move(keys)), printer_(*printer) {}
+
+  // False when something of the file could not be decoded; that is told.
+  bool Decode(const std::string& path) {
+    std::string content;
+    std::string error;
+    if (!ReadFile(path, kMaxFileBytes, &content, &error)) {
+      PrintError(error);
+      return false;
+    }
+    const Upload upload =
+        OpenUpload({reinterpret_cast<const uint8_t*>(content.data()), content.size()}, keys_);
+    if (upload.status == UploadStatus::kDamaged) {
+      PrintError(
+          fmt::format("{}: damaged at offset {}: {}", path, upload.offset_bytes, upload.reason));
+      return false;
+    }
+    if (upload.status == UploadStatus::kSealed) {
+      Sealed& sealed = sealed_[upload.header.lic_sn];
+      if (sealed.files++ == 0) sealed.first = path;
+      sealed.reason = upload.reason;
+      return false;
+    }
+    return Print(path, upload);
+  }
+
+  // One line for each owner whose uploads stay shut.
+  void TellSealed() const {
+    for (const auto& [lic_sn, sealed] : sealed_) {
+      PrintError(fmt::format("LicSN {}: {} ({} file{}, first {})", lic_sn, sealed.reason,
+                             sealed.files, sealed.files == 1 ? "" : "s", sealed.first));
+    }
+  }
+
+ private:
+  struct Sealed {
+    size_t files = 0;
+    std::string first;
+    std::string reason;
+  };
+
+  bool Print(const std::string& path, const Upload& upload) {
+    RecordSource source;
+    source.file = path;
+    source.client = ClientOfPath(path);
+    source.campaign_id = upload.header.campaign_id;
+    source.lic_sn = upload.header.lic_sn;
+    source.seqno = upload.header.seqno;
+    printer_.BeginSource(source);
+    RecordSplitter splitter(
+        {reinterpret_cast<const char*>(upload.records.data()), upload.records.size()});
+    PayloadRecord record;
+    while (splitter.Next(&record)) printer_.Print(record);
+    if (splitter.damage().empty()) return true;
+    PrintError(fmt::format("{}: damaged at offset {} of the unzipped data, after {} records: {}",
+                           path, splitter.damage_offset_bytes(), splitter.count(),
+                           splitter.damage()));
+    return false;
+  }
+
+  const std::vector<PrivateKey> keys_;
+  RecordPrinter& printer_;
+  std::map<uint64_t, Sealed> sealed_;
+};
+
+}  // namespace
+
+std::string ClientOfPath(const std::string& path) {
+  const std::string folder = fs::path(path).parent_path().filename().string();
+  const size_t dot = folder.rfind('.');
+  if (dot == std::string::npos || dot + 1 == folder.size() ||
+      folder.find_first_not_of("0123456789", dot + 1) != std::string::npos) {
+    return "";
+  }
+  return folder.substr(0, dot);
+}
+
+int DecodeCommand::Run(std::ostream& out) const {
+  std::vector<PrivateKey> keys;
+  if (!ReadKeys(key_paths, &keys)) return kFailed;
+  std::optional<CampaignIndex> index;
+  if (!campaign_path.empty()) {
+    LTCCampaignDef campaign;
+    std::string error;
+    if (!ReadCampaignFile(campaign_path, &campaign, &error)) return Fail(error);
+    index.emplace(campaign);
+  }
+  bool all = true;
+  std::vector<std::string> files;
+  for (const std::string& path : paths) {
+    std::error_code ec;
+    if (fs::is_directory(path, ec)) {
+      all = AddFolder(path, &files) && all;
+    } else {
+      files.push_back(path);
+    }
+  }
+  const std::unique_ptr<RecordPrinter> printer =
+      RecordPrinter::Create(format, &out, index ? &*index : nullptr);
+  Decoder decoder(std::move(keys), printer.get());
+  for (const std::string& file : files) all = decoder.Decode(file) && all;
+  decoder.TellSealed();
+  out.flush();
+  return all ? kOk : kFailed;
+}
+
+}  // namespace orb::orbctl

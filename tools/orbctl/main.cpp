@@ -1,0 +1,145 @@
+// orbctl: what can be said on its command line. Each command is in a file of its own.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <iostream>
+
+#include "tools/orbctl/campaign_command.h"
+#include "tools/orbctl/campaign_lint.h"
+#include "tools/orbctl/client_command.h"
+#include "tools/orbctl/decode_command.h"
+#include "tools/orbctl/event_decode.h"
+#include "tools/orbctl/key_command.h"
+#include "tools/orbctl/output.h"
+#include "utility/log.h"
+
+namespace {
+
+using namespace orb::orbctl;
+
+// What the libraries log is not for the tool's users, and some of it is secret.
+void Silent(const __android_logger_data*, const char*) {}
+
+struct Arguments {
+  CampaignStartCommand start;
+  CampaignLintCommand lint;
+  DecodeCommand decode;
+  EventDecodeOptions events;
+  std::string client;
+  uint64_t lic_sn = 0;
+  std::string directory;
+  bool json = false;
+  bool all = false;
+  int code = kOk;
+};
+
+void AddLic(CLI::App* command, std::vector<std::string>* lics) {
+  command
+      ->add_option("--lic", *lics,
+                   "An owner, and the key that its data are sealed for; may be repeated")
+      ->type_name("LICSN[:PUB.pem:cbc|gcm]")
+      ->allow_extra_args(false);
+}
+
+void AddCampaign(CLI::App* app, Arguments* args) {
+  CLI::App* campaign = app->add_subcommand("campaign", "Checks, starts and stops campaigns");
+  campaign->require_subcommand(1);
+
+  CLI::App* lint = campaign->add_subcommand("lint", "Checks a campaign file");
+  lint->add_option("FILE", args->lint.path, "The campaign")->required();
+  lint->add_option("--conf", args->lint.conf_path, "Limits of the device")
+      ->type_name("orb_sdk.conf");
+  AddLic(lint, &args->lint.lics);
+  lint->add_flag("--shared-memory", args->lint.shared_memory, "The client uses slots, not files");
+  lint->add_flag("--json", args->lint.json, "Prints JSON");
+  lint->callback([args] { args->code = args->lint.Run(std::cout); });
+
+  CLI::App* start = campaign->add_subcommand("start", "Starts a campaign on a client");
+  start->add_option("CLIENT", args->start.client, "Name of the client")->required();
+  start->add_option("FILE", args->start.path, "The campaign")->required();
+  start->add_option("--id", args->start.id, "Its number")->capture_default_str();
+  AddLic(start, &args->start.lics);
+  start->add_flag("--json", args->start.json, "Prints JSON");
+  start->callback([args] { args->code = args->start.Run(); });
+
+  CLI::App* stop = campaign->add_subcommand("stop", "Stops what runs on a client");
+  stop->add_option("CLIENT", args->client, "Name of the client")->required();
+  stop->add_flag("--json", args->json, "Prints JSON");
+  stop->callback([args] { args->code = StopCampaign(args->client, args->json); });
+
+  for (const bool run : {true, false}) {
+    CLI::App* lic =
+        campaign->add_subcommand(run ? "lic-start" : "lic-stop",
+                                 run ? "Starts one owner's data again" : "Stops one owner's data");
+    lic->add_option("CLIENT", args->client, "Name of the client")->required();
+    lic->add_option("LICSN", args->lic_sn, "The owner")->required();
+    lic->add_flag("--json", args->json, "Prints JSON");
+    lic->callback(
+        [args, run] { args->code = SwitchLicSn(args->client, args->lic_sn, run, args->json); });
+  }
+}
+
+void AddDecode(CLI::App* app, Arguments* args) {
+  CLI::App* decode = app->add_subcommand("decode", "Prints the records of spooled uploads");
+  decode->add_option("PATH", args->decode.paths, "Uploads, or folders of them")->required();
+  decode->add_option("--key", args->decode.key_paths, "A private key; may be repeated")
+      ->type_name("PRIV.pem")
+      ->allow_extra_args(false);
+  decode->add_option("--campaign", args->decode.campaign_path, "Explains records by a campaign")
+      ->type_name("FILE");
+  const std::map<std::string, RecordFormat> formats = {
+      {"text", RecordFormat::kText}, {"json", RecordFormat::kJson}, {"csv", RecordFormat::kCsv}};
+  CLI::Option* format = decode->add_option("--format", args->decode.format, "text, json or csv")
+                            ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case))
+                            ->type_name("FORMAT");
+  decode->add_flag("--json", args->json, "As --format json")->excludes(format);
+  decode->callback([args] {
+    if (args->json) args->decode.format = RecordFormat::kJson;
+    args->code = args->decode.Run(std::cout);
+  });
+}
+
+void AddOthers(CLI::App* app, Arguments* args) {
+  CLI::App* client = app->add_subcommand("client", "Shows clients");
+  client->require_subcommand(1);
+  CLI::App* list = client->add_subcommand("list", "Clients, their ids and campaigns");
+  list->add_flag("--all", args->all, "Also those that are away");
+  list->add_flag("--json", args->json, "Prints one JSON object a line");
+  list->callback([args] { args->code = ListClients(args->all, args->json); });
+
+  CLI::App* key = app->add_subcommand("key", "Makes keys");
+  key->require_subcommand(1);
+  CLI::App* make = key->add_subcommand("new", "Writes a new private.pem and public.pem");
+  make->add_option("DIR", args->directory, "Folder to write to")->required();
+  make->add_flag("--json", args->json, "Prints JSON");
+  make->callback([args] { args->code = NewKey(args->directory, args->json); });
+
+  CLI::App* event = app->add_subcommand("event", "Reads event records");
+  event->require_subcommand(1);
+  CLI::App* decode = event->add_subcommand("decode", "Prints the records of an events dump");
+  decode->add_option("FILE", args->events.file, "The dump")->required();
+  decode->add_option("--names", args->events.names, "Module and event names, one a line")
+      ->type_name("FILE");
+  decode->add_flag("--json", args->events.json, "Prints one JSON object a line");
+  decode->callback([args] { args->code = RunEventDecode(args->events, std::cout, std::cerr); });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  __android_log_set_logger(Silent);
+  Arguments args;
+  CLI::App app("Runs telemetry campaigns and reads what they bring.", "orbctl");
+  app.set_version_flag("--version", std::string(ORB_VERSION));
+  app.require_subcommand(1);
+  AddCampaign(&app, &args);
+  AddDecode(&app, &args);
+  AddOthers(&app, &args);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) return app.exit(error);
+    PrintError(std::string(error.what()) + "; see orbctl --help");
+    return kUsage;
+  }
+  return args.code;
+}
