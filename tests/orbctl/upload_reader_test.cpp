@@ -154,7 +154,9 @@ TEST(UploadReaderTest, NamesEveryDamageWithItsPlace) {
     const Upload upload = OpenUpload(file, keys);
     EXPECT_EQ(upload.status, UploadStatus::kDamaged);
     EXPECT_NE(upload.reason.find(c.reason), std::string::npos) << upload.reason;
-    if (c.offset) EXPECT_EQ(upload.offset_bytes, *c.offset);
+    if (c.offset) {
+      EXPECT_EQ(upload.offset_bytes, *c.offset);
+    }
     EXPECT_TRUE(upload.records.empty());
   }
   Bytes tampered = sealed;
