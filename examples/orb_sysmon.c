@@ -11,6 +11,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "orb_event_log.h"
 #include "orb_sdk.h"
 #include "sysmon_proc.h"
 
@@ -31,7 +32,7 @@ enum {
   KPI_CPU_STATE = 5001
 };
 
-enum { PERIOD_MS = 100, BLOB_EVERY_TICKS = 10 };
+enum { PERIOD_MS = 100, BLOB_EVERY_TICKS = 10, EVENT_LIFECYCLE = 1 };
 
 static volatile sig_atomic_t stop_requested;
 /* Set when a session starts: the next reading is the baseline to count from. */
@@ -42,10 +43,15 @@ static void on_signal(int sig) {
   stop_requested = 1;
 }
 
+static void log_event(const char* event, const char* detail) {
+  ORBEventLog(EVENT_LIFECYCLE, "orb-sysmon", event, (const uint8_t*)detail, strlen(detail));
+}
+
 static int on_session_start(kiv_collector* c, const uint8_t* payload, uint32_t len) {
   (void)c;
   (void)payload;
   fprintf(stderr, "orb-sysmon: session starts, %u bytes of campaign info\n", len);
+  log_event("session_start", "a campaign is collecting");
   __atomic_store_n(&rebase_requested, 1, __ATOMIC_RELEASE);
   return 0;
 }
@@ -53,6 +59,7 @@ static int on_session_start(kiv_collector* c, const uint8_t* payload, uint32_t l
 static int on_session_stop(kiv_collector* c) {
   (void)c;
   fprintf(stderr, "orb-sysmon: session stops\n");
+  log_event("session_stop", "the campaign has ended");
   return 0;
 }
 
@@ -196,6 +203,7 @@ int main(int argc, char** argv) {
   sigaction(SIGTERM, &action, NULL);
   sigaction(SIGINT, &action, NULL);
 
+  log_event("start", cfg.name);
   kiv_collector* c = kiv_register(&cfg);
   if (c == NULL) {
     fprintf(stderr, "orb-sysmon: no manager answered; is orb-managerd running on this bus?\n");

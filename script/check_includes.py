@@ -53,7 +53,7 @@ RULES = {
          "collector/conf.h", "services/manager/control/", "tools/orbctl/"] + CONTRACT,
         BINDER + ["orb_platform/"],
     ),
-    "examples/": (["include/"], []),
+    "examples/": (["include/", "examples/"], []),
 }
 PRODUCT = ("utility/", "crypto/", "kpi/", "serializer/", "ipc/", "collector/")
 PLATFORM_PREFIXES = BINDER + ["systemd/", "orb_platform/", "log/", "android-base/", "dbus/"]

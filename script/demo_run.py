@@ -14,7 +14,9 @@ import time
 
 CLIENT = "orb-sysmon"
 NET_IN_KPI = 1004
-FULL_LICSN, PART_LICSN = 42, 77
+REGION_KPI = 9001
+FULL_LICSN, PART_LICSN, PLAIN_LICSN = 42, 77, 99
+SLOT_CLIENT = "orb-sysmon-slots"
 
 
 class DemoFailed(Exception):
@@ -126,11 +128,34 @@ class Demo:
                           *options])
         self.wait_for(f"{name} to register", lambda: self.registered(name))
 
+    def key(self, lic_sn, half):
+        return os.path.join(self.dir, f"keys-{lic_sn}", half + ".pem")
+
+    def make_keys(self):
+        for lic_sn in (FULL_LICSN, PART_LICSN):
+            self.ctl("key", "new", os.path.join(self.dir, f"keys-{lic_sn}"))
+
+    def start_slots(self):
+        """A second client, through shared memory, and one with a region of its own."""
+        self.start_client(SLOT_CLIENT, "--hbt")
+        self.ctl("campaign", "start", SLOT_CLIENT, "examples/sysmon_slots.txtpb", "--id", "8",
+                 "--lic", str(FULL_LICSN))
+        self.say(f"campaign 8 runs on {SLOT_CLIENT} through shared-memory slots")
+        done = subprocess.run([self.program("orb-region"), self.dir + "/"], env=self.env,
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                              timeout=60)
+        if done.returncode != 0:
+            raise DemoFailed(f"orb-region: {done.stderr.strip()[-500:]}")
+        self.say(done.stdout.strip())
+
     def collect(self):
         """Runs the campaign; returns /proc readings that bound what was counted."""
         self.ctl("campaign", "start", CLIENT, "examples/sysmon.txtpb", "--id", "7",
-                 "--lic", str(FULL_LICSN), "--lic", str(PART_LICSN))
-        self.say(f"campaign 7 runs on {CLIENT} for {FULL_LICSN} and {PART_LICSN}")
+                 "--lic", f"{FULL_LICSN}:{self.key(FULL_LICSN, 'public')}:gcm",
+                 "--lic", f"{PART_LICSN}:{self.key(PART_LICSN, 'public')}:cbc",
+                 "--lic", str(PLAIN_LICSN))
+        self.say(f"campaign 7 runs on {CLIENT} for {FULL_LICSN} (sealed with GCM), {PART_LICSN} "
+                 f"(sealed with CBC) and {PLAIN_LICSN} (plain)")
         time.sleep(1)  # Past the monitor's first reading in the session.
         begin = net_in_bytes()
         move_bytes(6 << 20)
@@ -147,19 +172,23 @@ class Demo:
 
     def decode(self):
         spool = self.dir + "/spool"
-        lines = self.ctl("decode", spool, "--campaign", "examples/sysmon.txtpb", "--format",
-                         "json")
+        options = ["--campaign", "examples/sysmon.txtpb"]
+        for lic_sn in (FULL_LICSN, PART_LICSN):
+            options += ["--key", self.key(lic_sn, "private")]
+        lines = self.ctl("decode", spool, *options, "--format", "json")
         records = [json.loads(line) for line in lines.splitlines() if line.strip()]
         if self.as_json:
             sys.stdout.write(lines)
             sys.stdout.flush()
         else:
-            self.say(self.ctl("decode", spool, "--campaign", "examples/sysmon.txtpb"))
-        return [r for r in records if "kpi_id" in r]
+            self.say(self.ctl("decode", spool, *options))
+        records = [r for r in records if "kpi_id" in r]
+        self.say(summary(records))
+        return records
 
     def check(self, records, before, inner, after):
         counted = {}
-        for record in records:
+        for record in (r for r in records if r["campaign_id"] == 7):
             key = (record["lic_sn"], record["kpi_id"])
             counted[key] = counted.get(key, 0) + int(record.get("count", 0))
         full = counted.get((FULL_LICSN, NET_IN_KPI), 0)
@@ -173,19 +202,65 @@ class Demo:
             raise DemoFailed(f"{PART_LICSN} was stopped midway but holds {part} bytes")
         self.say(f"bytes in, counted for {PART_LICSN} until it was stopped: {part}")
         self.say("ok: the counted bytes agree with /proc")
+        through_slots = sum(r["campaign_id"] == 8 for r in records)
+        own_region = sum(r["kpi_id"] == REGION_KPI for r in records)
+        if through_slots == 0 or own_region == 0:
+            raise DemoFailed(f"{through_slots} records came through slots, {own_region} through "
+                             "a client's own region")
+        self.say(f"ok: {through_slots} records came through slots, {own_region} through a "
+                 "client's own region")
+
+    def show_events(self):
+        text = self.ctl("event", "decode", self.env["ORB_EVENT_LOG"], "--names",
+                        "examples/event_names.txt")
+        self.say(text)
+        if "session_start" not in text:
+            raise DemoFailed("no event of a session start was recorded")
 
     def run(self):
         self.start_bus()
         self.start_services()
         self.start_client(CLIENT)
         self.say(f"a private bus, orb-hald, orb-managerd and {CLIENT} are running")
+        self.make_keys()
+        self.start_slots()
         before = net_in_bytes()
         inner = self.collect()
         after = net_in_bytes()
+        self.ctl("campaign", "stop", SLOT_CLIENT)
         self.stop(CLIENT)
+        self.stop(SLOT_CLIENT)
         self.check(self.decode(), before, inner, after)
+        self.show_events()
         self.stop("orb-managerd")
         self.stop("orb-hald")
+
+
+def total(records):
+    """What all windows of one KPI and owner come to."""
+    if "count" in records[0]:
+        return str(sum(r["count"] for r in records))
+    if "bucket_counts" in records[0]:
+        sums = [sum(column) for column in zip(*(r["bucket_counts"] for r in records))]
+        return "buckets " + " ".join(map(str, sums))
+    if "data_bytes" in records[0]:
+        return f"{sum(r['data_bytes'] for r in records)} bytes"
+    low, high = (f(r[k] for r in records if k in r) for f, k in ((min, "min"), (max, "max")))
+    return f"between {low} and {high}"
+
+
+def summary(records):
+    groups = {}
+    for record in records:
+        key = (record["lic_sn"], record["campaign_id"], record["kpi_id"], record["kind"])
+        groups.setdefault(key, []).append(record)
+    lines = [f"{'LICSN':>6} {'CAMPAIGN':>8} {'KPI':>5}  {'KIND':9} {'WINDOWS':>7} {'SAMPLES':>7}"
+             "  TOTAL"]
+    for (lic_sn, campaign, kpi, kind), found in sorted(groups.items()):
+        samples = sum(r["num_samples"] for r in found)
+        lines.append(f"{lic_sn:6} {campaign:8} {kpi:5}  {kind:9} {len(found):7} {samples:7}  "
+                     f"{total(found)}")
+    return "\n".join(lines)
 
 
 def net_in_bytes():
@@ -228,7 +303,7 @@ def main():
         demo.run()
     except (DemoFailed, OSError, subprocess.TimeoutExpired) as problem:
         print(f"demo: {problem}", file=sys.stderr)
-        for name in ("orb-managerd", "orb-hald", CLIENT):
+        for name in ("orb-managerd", "orb-hald", CLIENT, SLOT_CLIENT):
             path = os.path.join(demo.dir, name + ".log")
             if os.path.exists(path):
                 with open(path, encoding="utf-8", errors="replace") as log:

@@ -5,6 +5,18 @@
 #include <sstream>
 
 namespace orb::test {
+namespace {
+
+// "…/up/7/radio.42/…" is of radio.
+std::string ClientOf(const std::string& path) {
+  const size_t id = path.rfind("/up/");
+  if (id == std::string::npos) return "";
+  const size_t begin = path.find('/', id + 4) + 1;
+  const size_t slash = path.find('/', begin);
+  return path.substr(begin, path.rfind('.', slash) - begin);
+}
+
+}  // namespace
 
 std::string Client::Ask(const std::string& command, std::chrono::milliseconds timeout) {
   if (!process_.Send(command)) return "gone";
@@ -98,7 +110,7 @@ std::vector<Record> Stack::DecodeSpool() {
     const nlohmann::json json = nlohmann::json::parse(line, nullptr, false);
     if (!json.is_object() || !json.contains("kpi_id")) continue;
     Record record;
-    record.client = json.value("client", "");
+    record.client = ClientOf(json.value("file", ""));
     record.lic_sn = json.value("lic_sn", uint64_t{0});
     record.campaign = json.value("campaign_id", uint64_t{0});
     record.seqno = json.value("seqno", uint64_t{0});
