@@ -19,8 +19,7 @@ cmake --build "$dir/cmake" >/dev/null
 "$dir/cmake/consumer_cpp"
 
 export PKG_CONFIG_PATH=$lib/pkgconfig
-# The package is not where it says it will be: its prefix is taken from here.
-flags=$(pkg-config --define-variable=prefix="$dir/prefix" --cflags --libs orb_sdk)
+flags=$(pkg-config --cflags --libs orb_sdk)
 cc -std=c99 -Wall -Wextra -Werror -o "$dir/c" "$consumer/consumer.c" $flags -Wl,-rpath,"$lib"
 c++ -std=c++17 -Wall -Wextra -Werror -o "$dir/cpp" "$consumer/consumer.cpp" $flags \
   -Wl,-rpath,"$lib"
