@@ -1,11 +1,31 @@
 // Tested by tests/services/control_test.cpp and tests/integration/.
 #include "services/manager/manager_service.h"
 
+#include <binder/IPCThreadState.h>
+#include <unistd.h>
+
+#include <functional>
+
 #include "utility/log.h"
 
 namespace orb::manager {
 
 using android::binder::Status;
+
+namespace {
+
+// Calls that only operators may make: clients share the connection with them.
+Status ForOperators(const std::function<void()>& call) {
+  const uid_t caller = android::IPCThreadState::self()->getCallingUid();
+  if (caller != 0 && caller != getuid()) {
+    LOGW("control refused to uid %u", caller);
+    return Status::fromExceptionCode(Status::EX_SECURITY);
+  }
+  call();
+  return Status::ok();
+}
+
+}  // namespace
 
 Status ManagerService::registerKIVClient(const KIVClientInfo& info,
                                          const android::sp<IKIVCallback>& callback,
@@ -33,29 +53,24 @@ Status ManagerService::sendData(const std::vector<uint8_t>& data, const std::str
 }
 
 Status ControlService::listClients(std::vector<ClientRecord>* clients) {
-  *clients = manager_->ListClients();
-  return Status::ok();
+  return ForOperators([&] { *clients = manager_->ListClients(); });
 }
 
 Status ControlService::startCampaign(const std::string& client, const KIVCampConfig& config,
                                      ControlReply* reply) {
-  *reply = manager_->StartCampaign(client, config);
-  return Status::ok();
+  return ForOperators([&] { *reply = manager_->StartCampaign(client, config); });
 }
 
 Status ControlService::stopCampaign(const std::string& client, ControlReply* reply) {
-  *reply = manager_->StopCampaign(client);
-  return Status::ok();
+  return ForOperators([&] { *reply = manager_->StopCampaign(client); });
 }
 
 Status ControlService::startLicSN(const std::string& client, int64_t lic_sn, ControlReply* reply) {
-  *reply = manager_->SetLicSn(client, lic_sn, true);
-  return Status::ok();
+  return ForOperators([&] { *reply = manager_->SetLicSn(client, lic_sn, true); });
 }
 
 Status ControlService::stopLicSN(const std::string& client, int64_t lic_sn, ControlReply* reply) {
-  *reply = manager_->SetLicSn(client, lic_sn, false);
-  return Status::ok();
+  return ForOperators([&] { *reply = manager_->SetLicSn(client, lic_sn, false); });
 }
 
 }  // namespace orb::manager

@@ -33,7 +33,8 @@ class ManagerService : public BnKIVManager {
   const std::shared_ptr<CampaignManager> manager_;
 };
 
-// For operators. Any thread; blocks for the client's answer.
+// For operators: root and the user that the manager runs as; anybody else gets
+// EX_SECURITY. Any thread; blocks for the client's answer.
 class ControlService : public BnOrbControl {
  public:
   explicit ControlService(std::shared_ptr<CampaignManager> manager)

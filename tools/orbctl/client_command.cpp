@@ -98,9 +98,7 @@ int ListClients(bool all, bool json) {
   if (manager == nullptr) return Fail(error);
   std::vector<ClientRecord> known;
   const android::binder::Status status = manager->listClients(&known);
-  if (!status.isOk()) {
-    return Fail(std::string("the manager cannot be called: ") + status.toString8().c_str());
-  }
+  if (!status.isOk()) return Fail(CallError(status));
   std::vector<ClientRecord> clients;
   std::copy_if(known.begin(), known.end(), std::back_inserter(clients),
                [&](const ClientRecord& client) { return all || client.connected; });

@@ -28,14 +28,19 @@ sp<IOrbControl> ConnectToManager(std::string* error) {
   return IOrbControl::asInterface(binder);
 }
 
+std::string CallError(const android::binder::Status& status) {
+  if (status.transactionError() == android::FAILED_TRANSACTION) {
+    return "too large for one transaction (1 MiB); use a smaller campaign";
+  }
+  if (status.exceptionCode() == android::binder::Status::EX_SECURITY) {
+    return "only root and the manager's own user may do that; try sudo";
+  }
+  return std::string("the manager cannot be called: ") + status.toString8().c_str();
+}
+
 int PrintReply(const android::binder::Status& status, const ControlReply& reply,
                const std::string& done, bool json) {
-  if (!status.isOk()) {
-    if (status.transactionError() == android::FAILED_TRANSACTION) {
-      return Fail("too large for one transaction (1 MiB)");
-    }
-    return Fail(std::string("the manager cannot be called: ") + status.toString8().c_str());
-  }
+  if (!status.isOk()) return Fail(CallError(status));
   const bool ok = reply.status == ControlReply::DONE;
   if (json) {
     PrintLine(
