@@ -40,7 +40,9 @@ fi
 loaded=$(ldd "$usr/bin/orb-managerd" | awk '/liborb_platform/ { print $3 }')
 case $loaded in "$dir"/root/*) ;; *) fail "orb-managerd loads $loaded" ;; esac
 for file in share/man/man1/orbctl.1 share/man/man8/orb-managerd.8 share/man/man8/orb-hald.8 \
-            share/bash-completion/completions/orbctl; do
+            share/bash-completion/completions/orbctl lib/systemd/system/orb-managerd.service \
+            lib/systemd/system/orb-hald.service share/dbus-1/system.d/orb.conf \
+            lib/sysusers.d/orb.conf lib/tmpfiles.d/orb.conf; do
   [ -s "$usr/$file" ] || [ -s "$usr/$file.gz" ] || fail "$file is not in the packages"
 done
 
