@@ -47,6 +47,9 @@ TIMES = [
      "<=", 1.1),
     ("slot write, 4 KiB", "BM_SlotWrite/iterations:16382",
      ["BM_FloorMemcpy/iterations:16383"], "<=", 1.2),
+    ("queue, 64 KiB", "BM_Queue/65536", ["BM_FloorQueue/65536"], "<=", 1.1),
+    ("queue, 1 MiB", "BM_Queue/1048576", ["BM_FloorQueue/1048576"], "<=", 1.1),
+    ("queue, 4 MiB", "BM_Queue/4194304", ["BM_FloorQueue/4194304"], "<=", 1.1),
     ("session start, 1024 KPIs", "BM_SessionStart", ["BM_FloorSessionStart"], "<=", 2.5),
 ]
 # The same by throughput: (question, benchmark, floor, relation, target).
@@ -71,6 +74,17 @@ def upload_rows(runs):
             name = f"BM_SendData/{size}/{mode}/real_time"
             if name in runs.rows:
                 yield (f"SendData, {label}, {mode_name}", name, floor, "<=", 1.05)
+
+
+def bus_rows(build, smoke):
+    """What one hop costs beside a bare echo; the program prints medians."""
+    calls, rounds = ("100", "1") if smoke else ("3000", "7")
+    done = subprocess.run([build + "/bench/orb_bus_bench", calls, rounds],
+                          stdout=subprocess.PIPE, stdin=subprocess.DEVNULL, check=True)
+    figures = json.loads(done.stdout)
+    for name in ("echo", "nested", "descriptor"):
+        yield (f"bus call, {name}, per hop", figures[name] * 1e3, 0.0, figures["bare"] * 1e3,
+               figures[name] / figures["bare"], "<=", 1.5)
 
 
 def table(runs):
@@ -109,7 +123,7 @@ def main():
     if runs.failed:
         print("bench: failed: " + ", ".join(runs.failed), file=sys.stderr)
         return 1
-    rows = table(runs)
+    rows = table(runs) + list(bus_rows(args.build, args.smoke))
     if args.json:
         keys = ("what", "figure", "spread_percent", "floor", "ratio", "relation", "target")
         print(json.dumps([dict(zip(keys, row)) for row in rows], indent=1))

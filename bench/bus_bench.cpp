@@ -1,19 +1,24 @@
-// usage: bus_latency [CALLS]
+// usage: orb_bus_bench [CALLS [ROUNDS]]
 //
-// Question: what does the platform add to a 100-byte echo over the bus? Floor:
-// the same echo with the bare binding, one thread on either side. Prints both
-// in microseconds a call and their ratio. Not a test: machines differ.
+// Question: what does the platform add to a call over the bus? Floor: a
+// 100-byte echo with the bare binding, one thread on either side. Everything
+// shares one core, because a wake on another one costs more than the call.
+// Prints one JSON object: medians over the rounds in microseconds a hop.
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
+#include <fcntl.h>
+#include <sched.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <vector>
 
 #include "tests/platform/test_object.h"
 #include "tests/support/child_process.h"
@@ -33,7 +38,7 @@ double MicrosPerCall(int calls, const std::function<void()>& call) {
 
 void Check(bool ok, const char* what) {
   if (ok) return;
-  fprintf(stderr, "bus_latency: %s failed\n", what);
+  fprintf(stderr, "orb_bus_bench: %s failed\n", what);
   exit(1);
 }
 
@@ -84,10 +89,15 @@ double MeasureBare(int calls) {
   });
 }
 
-double MeasurePlatform(int calls) {
+android::sp<android::IBinder> Service() {
   const android::sp<android::IBinder> service =
       android::defaultServiceManager()->checkService(android::String16("echo"));
   Check(service != nullptr, "finding the service");
+  return service;
+}
+
+double MeasureEcho(int calls) {
+  const android::sp<android::IBinder> service = Service();
   const std::vector<uint8_t> bytes(kBytes);
   return MicrosPerCall(calls, [&] {
     android::Parcel data;
@@ -97,22 +107,70 @@ double MeasurePlatform(int calls) {
   });
 }
 
+// The service calls back before it answers: two hops.
+double MeasureNested(int calls) {
+  const android::sp<android::IBinder> service = Service();
+  const android::sp<android::IBinder> back(new orb::test::TestObject);
+  return MicrosPerCall(calls,
+                       [&] {
+                         android::Parcel data;
+                         android::Parcel reply;
+                         data.writeInt32(1);
+                         data.writeStrongBinder(back);
+                         Check(service->transact(orb::test::kNest, data, &reply) == android::OK,
+                               "a nested call");
+                       }) /
+         2;
+}
+
+double MeasureDescriptor(int calls) {
+  const android::sp<android::IBinder> service = Service();
+  const orb::UniqueFd null(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  return MicrosPerCall(calls, [&] {
+    android::Parcel data;
+    android::Parcel reply;
+    data.writeDupFileDescriptor(null.get());
+    Check(service->transact(orb::test::kDescriptor, data, &reply) == android::OK, "a descriptor");
+  });
+}
+
+double Median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc > 1 && strcmp(argv[1], "--serve-bare") == 0) return ServeBare();
-  const int calls = argc > 1 ? atoi(argv[1]) : 20000;
+  const int calls = argc > 1 ? atoi(argv[1]) : 3000;
+  const int rounds = argc > 2 ? atoi(argv[2]) : 7;
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(0, &one);
+  sched_setaffinity(0, sizeof one, &one);  // The bus and both peers inherit it.
+
   const orb::test::PrivateBus bus;
   bus.SetEnvironment();
   orb::test::ChildProcess bare({"/proc/self/exe", "--serve-bare"});
   orb::test::ChildProcess peer({PLATFORM_PEER, "echo"});
   Check(bare.ReadLine(std::chrono::seconds(20)) && peer.ReadLine(std::chrono::seconds(20)),
         "starting the peers");
-  const double floor = MeasureBare(calls);
-  const double without_pool = MeasurePlatform(calls);
   android::ProcessState::self()->startThreadPool();
-  const double with_pool = MeasurePlatform(calls);
-  printf("bare %.1f us, platform %.1f us (%.2fx), with a thread pool %.1f us (%.2fx)\n", floor,
-         without_pool, without_pool / floor, with_pool, with_pool / floor);
+  const struct {
+    const char* name;
+    double (*measure)(int calls);
+  } kKinds[] = {{"bare", MeasureBare},
+                {"echo", MeasureEcho},
+                {"nested", MeasureNested},
+                {"descriptor", MeasureDescriptor}};
+  std::vector<double> figures[std::size(kKinds)];
+  for (int round = 0; round < rounds; ++round) {
+    for (size_t i = 0; i < std::size(kKinds); ++i) figures[i].push_back(kKinds[i].measure(calls));
+  }
+  for (size_t i = 0; i < std::size(kKinds); ++i) {
+    printf("%s\"%s\": %.2f", i == 0 ? "{" : ", ", kKinds[i].name, Median(figures[i]));
+  }
+  printf("}\n");
   return 0;
 }
