@@ -20,6 +20,7 @@
 
 #include "collector/collector_settings.h"
 #include "collector/fd_handle.h"
+#include "collector/kpi_index.h"
 #include "collector/licsn_tables.h"
 #include "collector/manager_link.h"
 #include "collector/worker_threads.h"
@@ -131,6 +132,8 @@ struct kiv_collector {
   bool CreateSerializer(const KPISerializer::Config& config, const char* operation)
       REQUIRES(stateMutex);
   bool CreateKPIs(const LTCCampaignDef& def) REQUIRES(stateMutex);
+  bool FillKPITable(const LTCCampaignDef& def) REQUIRES(stateMutex);
+  void ClearKPIs() REQUIRES(stateMutex);
   int CallStart(const uint8_t* payload, size_t len) REQUIRES(stateMutex);
   int CallStop() REQUIRES(stateMutex);
   KPIFileSerializer* FilesOf(uint64_t licSN, const char* operation) REQUIRES(stateMutex);
@@ -138,7 +141,6 @@ struct kiv_collector {
   void FinalizeSerializer() REQUIRES(stateMutex);
   // Drops what a failed start left behind: KPIs, then the serializer.
   void DropSession() REQUIRES(stateMutex);
-  KPI* FindKPI(uint32_t kpi) REQUIRES(stateMutex);
   std::shared_ptr<KPISerializer> Serializer() const EXCLUDES(serializerMutex);
   void SetSerializer(std::shared_ptr<KPISerializer> serializer) EXCLUDES(serializerMutex);
 
@@ -156,6 +158,7 @@ struct kiv_collector {
   std::atomic<bool> sessionActive_{false};
   std::atomic<uint64_t> campaignId_{0};  // Host order; merged into headers when they are built.
   std::map<uint32_t, std::unique_ptr<KPI>> kpis_ GUARDED_BY(stateMutex);
+  KpiIndex kpiIndex_ GUARDED_BY(stateMutex);  // Of kpis_, for the hot path.
 
   mutable orb::Mutex serializerMutex;
   std::shared_ptr<KPISerializer> serializer_ GUARDED_BY(serializerMutex);

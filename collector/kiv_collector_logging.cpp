@@ -1,39 +1,34 @@
-// The hot path: one lock, one ordered look-up, one virtual call; nothing is
+// The hot path: one lock, one look-up, one virtual call; nothing is
 // allocated or logged here. Tested by tests/collector/logging_test.cpp.
 #include "collector/kiv_collector.h"
 #include "kpi/blob.h"
 #include "kpi/kpi.h"
 #include "serializer/kpi_serializer.h"
 
-KPI* kiv_collector::FindKPI(uint32_t kpi) {
-  const auto it = kpis_.find(kpi);
-  return it == kpis_.end() ? nullptr : it->second.get();
-}
-
 int kiv_collector::Log(uint32_t kpi, uint32_t value) {
-  orb::MutexLock lock(stateMutex);
-  KPI* const found = FindKPI(kpi);
+  orb::SpinningMutexLock lock(stateMutex);
+  KPI* const found = kpiIndex_.Find(kpi);
   if (found == nullptr || found->GetType() != KPI_NUMERIC) return -1;
   found->AddSample(value);
   return 0;
 }
 
 int kiv_collector::LogEvent(uint32_t kpi, uint32_t /*arg*/) {
-  orb::MutexLock lock(stateMutex);
-  KPI* const found = FindKPI(kpi);
+  orb::SpinningMutexLock lock(stateMutex);
+  KPI* const found = kpiIndex_.Find(kpi);
   return found == nullptr || found->GetType() != KPI_EVENT ? -1 : 0;
 }
 
 int kiv_collector::LogState(uint32_t kpi, uint32_t /*a*/, uint32_t /*b*/) {
-  orb::MutexLock lock(stateMutex);
-  KPI* const found = FindKPI(kpi);
+  orb::SpinningMutexLock lock(stateMutex);
+  KPI* const found = kpiIndex_.Find(kpi);
   if (found == nullptr) return -1;
   return found->GetType() != KPI_STATE ? -2 : 0;
 }
 
 int kiv_collector::Log(uint32_t kpi, const uint8_t* buf, uint32_t len) {
-  orb::MutexLock lock(stateMutex);
-  KPI* const found = FindKPI(kpi);
+  orb::SpinningMutexLock lock(stateMutex);
+  KPI* const found = kpiIndex_.Find(kpi);
   if (found == nullptr) return -1;
   if (found->GetType() != KPI_BLOB) return -2;
   found->setKPIId(kpi);
@@ -41,8 +36,8 @@ int kiv_collector::Log(uint32_t kpi, const uint8_t* buf, uint32_t len) {
 }
 
 int kiv_collector::Log(uint32_t kpi, const kiv_blob_segment_t* segs, uint32_t count) {
-  orb::MutexLock lock(stateMutex);
-  KPI* const found = FindKPI(kpi);
+  orb::SpinningMutexLock lock(stateMutex);
+  KPI* const found = kpiIndex_.Find(kpi);
   if (found == nullptr) return -1;
   if (found->GetType() != KPI_BLOB) return -2;
   return static_cast<Blob*>(found)->LogBufSegs(segs, count);
@@ -56,7 +51,7 @@ int kiv_collector::LogBuf(const uint8_t* buf, uint32_t len) {
 
 int kiv_collector::IsKPIEnabled(uint32_t kpi) {
   orb::MutexLock lock(stateMutex);
-  return FindKPI(kpi) == nullptr ? 0 : 1;
+  return kpiIndex_.Find(kpi) == nullptr ? 0 : 1;
 }
 
 void kiv_collector::SetConfigParams(kiv_param_type_t type, uint32_t value) {

@@ -159,6 +159,13 @@ bool kiv_collector::CreateSerializer(const KPISerializer::Config& config, const 
 }
 
 bool kiv_collector::CreateKPIs(const LTCCampaignDef& def) {
+  const bool created = FillKPITable(def);
+  // Also after a failure: look-ups find what was made before it.
+  kpiIndex_.Build(kpis_);
+  return created;
+}
+
+bool kiv_collector::FillKPITable(const LTCCampaignDef& def) {
   const auto serializer = Serializer();
   for (const KPICfg& cfg : def.kpi_cfgs()) {
     LOGI("%s: Recvd KPICfg %s", cfg_.name.c_str(), cfg.DebugString().c_str());
@@ -199,7 +206,7 @@ int kiv_collector::StopSessionLocked() {
   LogCalled("StopSessionLocked");
   const int result = CallStop();
   for (const auto& [id, kpi] : kpis_) kpi->Serialize();
-  kpis_.clear();
+  ClearKPIs();
   FinalizeSerializer();
   return result;
 }
@@ -233,13 +240,18 @@ KPIFileSerializer* kiv_collector::FilesOf(uint64_t licSN, const char* operation)
   return static_cast<KPIFileSerializer*>(serializer.get());
 }
 
+void kiv_collector::ClearKPIs() {
+  kpiIndex_.Clear();
+  kpis_.clear();
+}
+
 void kiv_collector::FinalizeSerializer() {
   if (const auto serializer = Serializer()) serializer->Finalize();
   SetSerializer(nullptr);
 }
 
 void kiv_collector::DropSession() {
-  kpis_.clear();
+  ClearKPIs();
   const auto serializer = Serializer();
   // Its writer thread reads the tables, and kiv_set_cfg may hold the serializer
   // a moment longer than this: end the thread here.
