@@ -144,7 +144,9 @@ int kiv_collector::generateLicSn2IsvKeyMap(const std::vector<LicInfo>& list) {
 
 int kiv_collector::generateKpi2LicSNMap(const LicenseSNKPIMap& entry) {
   licSnEncrypt_.emplace(entry.lic_sn(), entry.encrypt());
-  for (const uint32_t kpi : entry.kpi_ids()) kpiLicSns_[kpi].push_back(entry.lic_sn());
+  for (const uint32_t kpi : entry.kpi_ids()) {
+    kpiLicSns_.try_emplace(kpiLicSns_.end(), kpi)->second.push_back(entry.lic_sn());
+  }
   return 0;
 }
 
@@ -168,7 +170,9 @@ bool kiv_collector::CreateKPIs(const LTCCampaignDef& def) {
 bool kiv_collector::FillKPITable(const LTCCampaignDef& def) {
   const auto serializer = Serializer();
   for (const KPICfg& cfg : def.kpi_cfgs()) {
-    LOGI("%s: Recvd KPICfg %s", cfg_.name.c_str(), cfg.DebugString().c_str());
+    if (LOG_ENABLED(ANDROID_LOG_INFO)) {
+      LOGI("%s: Recvd KPICfg %s", cfg_.name.c_str(), cfg.DebugString().c_str());
+    }
     auto kpi = KPI::Create(cfg, serializer.get());
     if (kpi == nullptr) {
       LOGE("%s: error: could not create KPI id: %d from KPICfg", cfg_.name.c_str(),
@@ -176,7 +180,8 @@ bool kiv_collector::FillKPITable(const LTCCampaignDef& def) {
       return false;
     }
     kpi->setKPIId(cfg.kpi_id());
-    kpis_[cfg.kpi_id()] = std::move(kpi);
+    // Campaigns mostly list their KPIs in order.
+    kpis_.insert_or_assign(kpis_.end(), cfg.kpi_id(), std::move(kpi));
   }
   return true;
 }

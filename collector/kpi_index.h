@@ -51,7 +51,9 @@ class KpiIndex {
   };
 
   uint32_t Home(uint32_t id) const { return (id * 2654435769u) >> shift_; }
-  uint32_t Next(uint32_t at) const { return (at + 1) & (static_cast<uint32_t>(entries_.size()) - 1); }
+  uint32_t Next(uint32_t at) const {
+    return (at + 1) & (static_cast<uint32_t>(entries_.size()) - 1);
+  }
 
   std::vector<Entry> entries_;  // 2^(32 - shift_); at least one of them is free.
   uint32_t shift_;
