@@ -94,6 +94,7 @@ TEST(ParcelTest, WritesEachType) {
        "05000000 01020304 05000000"},
       {"no bytes", [](Parcel* p) { return p->writeByteVector(std::vector<uint8_t>()); },
        "00000000"},
+      {"no raw bytes", [](Parcel* p) { return p->write(nullptr, 0); }, ""},
       {"null binder", [](Parcel* p) { return p->writeStrongBinder(sp<IBinder>()); },
        "852a6273 13000000 00000000 00000000 00000000 00000000 00000000"},
       {"ok", [](Parcel* p) { return Status::ok().writeToParcel(p); }, "00000000"},

@@ -150,7 +150,7 @@ void* Parcel::Extend(size_t len) {
   const size_t at = pos_;
   if (!objects_.empty() && at < data_.size()) DropObjects(at, at + padded);
   if (at + padded > data_.size()) data_.resize(at + padded);
-  memset(data_.data() + at + len, 0, padded - len);
+  if (padded > len) memset(data_.data() + at + len, 0, padded - len);
   pos_ = at + padded;
   return data_.data() + at;
 }
