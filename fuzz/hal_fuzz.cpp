@@ -34,17 +34,17 @@ struct World {
 std::string Name(Input* input) { return input->TakeText(input->Take<uint8_t>()); }
 
 void Configure(World* w) {
-  QueueSpec spec;
+  QueueLayout layout;
   for (int left = w->input.Take<uint8_t>() % 6; left > 0; --left) {
     const auto index = w->input.Take<int8_t>();
     const auto offset = w->input.Take<int16_t>();
-    spec.pieces.push_back({index, offset, w->input.Take<int32_t>()});
+    layout.pieces.push_back({index, offset, w->input.Take<int32_t>()});
   }
-  spec.quantum_bytes = w->input.Take<uint8_t>();
-  spec.flags = w->input.Take<uint8_t>();
+  layout.quantum_bytes = w->input.Take<uint8_t>();
+  layout.flags = w->input.Take<uint8_t>();
   const std::vector<uint8_t> bytes = w->input.TakeBytes(w->input.Take<uint8_t>());
-  spec.fds.push_back(MemoryFile(bytes.data(), bytes.size()).Release());
-  w->hal.ConfigureQueue(w->caller, std::move(spec));
+  layout.fds.push_back(MemoryFile(bytes.data(), bytes.size()).Release());
+  w->hal.ConfigureQueue(w->caller, std::move(layout));
 }
 
 void Announce(World* w) {

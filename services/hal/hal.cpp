@@ -10,7 +10,7 @@
 
 namespace orb::hal {
 
-bool Hal::ConfigureQueue(const Caller& caller, QueueSpec queue) {
+bool Hal::ConfigureQueue(const Caller& caller, QueueLayout queue) {
   std::string why;
   std::shared_ptr<const PayloadQueue> opened = PayloadQueue::Open(std::move(queue), &why);
   if (opened == nullptr) {

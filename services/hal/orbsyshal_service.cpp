@@ -56,16 +56,16 @@ OrbsyshalService::OrbsyshalService(std::shared_ptr<Hal> hal)
 OrbsyshalService::~OrbsyshalService() = default;
 
 ScopedAStatus OrbsyshalService::configure_fmq(const QueueDescriptor& in_queue, bool* _aidl_return) {
-  QueueSpec spec;
+  QueueLayout layout;
   for (const ::ndk::ScopedFileDescriptor& fd : in_queue.handle.fds) {
-    spec.fds.push_back(Duplicate(fd));
+    layout.fds.push_back(Duplicate(fd));
   }
   for (const auto& grantor : in_queue.grantors) {
-    spec.pieces.push_back({grantor.fdIndex, grantor.offset, grantor.extent});
+    layout.pieces.push_back({grantor.fdIndex, grantor.offset, grantor.extent});
   }
-  spec.quantum_bytes = in_queue.quantum;
-  spec.flags = in_queue.flags;
-  *_aidl_return = hal_->ConfigureQueue(ThisCaller(), std::move(spec));
+  layout.quantum_bytes = in_queue.quantum;
+  layout.flags = in_queue.flags;
+  *_aidl_return = hal_->ConfigureQueue(ThisCaller(), std::move(layout));
   return ScopedAStatus::ok();
 }
 

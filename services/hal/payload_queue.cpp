@@ -17,10 +17,10 @@ constexpr size_t kMaxPieces = 4;
 constexpr int64_t kCounterBytes = sizeof(uint64_t);
 constexpr int32_t kSynchronized = 1;
 
-std::shared_ptr<const SharedRegion> OpenPiece(const QueueSpec& spec, size_t index, int64_t bytes,
-                                              std::string* why) {
-  const QueueSpec::Piece& piece = spec.pieces[index];
-  if (piece.fd_index < 0 || static_cast<size_t>(piece.fd_index) >= spec.fds.size()) {
+std::shared_ptr<const SharedRegion> OpenPiece(const QueueLayout& layout, size_t index,
+                                              int64_t bytes, std::string* why) {
+  const QueueLayout::Piece& piece = layout.pieces[index];
+  if (piece.fd_index < 0 || static_cast<size_t>(piece.fd_index) >= layout.fds.size()) {
     *why = "a piece of descriptor " + std::to_string(piece.fd_index);
     return nullptr;
   }
@@ -28,7 +28,7 @@ std::shared_ptr<const SharedRegion> OpenPiece(const QueueSpec& spec, size_t inde
     *why = "a piece of " + std::to_string(piece.extent) + " bytes";
     return nullptr;
   }
-  const int fd = spec.fds[static_cast<size_t>(piece.fd_index)].get();
+  const int fd = layout.fds[static_cast<size_t>(piece.fd_index)].get();
   return SharedRegion::Open(UniqueFd(fcntl(fd, F_DUPFD_CLOEXEC, 0)), piece.offset, piece.extent,
                             why);
 }
@@ -42,21 +42,21 @@ bool ReadCounter(const SharedRegion& region, uint64_t* value) {
 
 }  // namespace
 
-std::shared_ptr<const PayloadQueue> PayloadQueue::Open(QueueSpec spec, std::string* why) {
-  if (spec.quantum_bytes != 1 || spec.flags != kSynchronized) {
+std::shared_ptr<const PayloadQueue> PayloadQueue::Open(QueueLayout layout, std::string* why) {
+  if (layout.quantum_bytes != 1 || layout.flags != kSynchronized) {
     *why = "not a synchronized queue of bytes";
     return nullptr;
   }
-  if (spec.pieces.size() < kMinPieces || spec.pieces.size() > kMaxPieces) {
-    *why = std::to_string(spec.pieces.size()) + " pieces";
+  if (layout.pieces.size() < kMinPieces || layout.pieces.size() > kMaxPieces) {
+    *why = std::to_string(layout.pieces.size()) + " pieces";
     return nullptr;
   }
   auto queue = std::make_shared<PayloadQueue>();
-  queue->read_counter_ = OpenPiece(spec, 0, kCounterBytes, why);
+  queue->read_counter_ = OpenPiece(layout, 0, kCounterBytes, why);
   if (queue->read_counter_ == nullptr) return nullptr;
-  queue->write_counter_ = OpenPiece(spec, 1, kCounterBytes, why);
+  queue->write_counter_ = OpenPiece(layout, 1, kCounterBytes, why);
   if (queue->write_counter_ == nullptr) return nullptr;
-  queue->data_ = OpenPiece(spec, 2, 1, why);
+  queue->data_ = OpenPiece(layout, 2, 1, why);
   if (queue->data_ == nullptr) return nullptr;
   return queue;
 }

@@ -32,12 +32,12 @@ class DecodeCommandTest : public ::testing::Test {
   // An upload of counter `kpi` below the spool; sealed when there is a key.
   std::string Add(const std::string& folder, uint32_t seqno, uint32_t kpi, uint64_t lic_sn,
                   const std::string& public_pem = "") {
-    test::UploadSpec spec;
-    spec.records = Counter(kpi, 10) + Counter(kpi, 20);
-    spec.seqno = seqno;
-    spec.lic_sn = lic_sn;
-    spec.public_pem = public_pem;
-    const std::vector<uint8_t> bytes = test::BuildUpload(spec);
+    test::UploadPlan plan;
+    plan.records = Counter(kpi, 10) + Counter(kpi, 20);
+    plan.seqno = seqno;
+    plan.lic_sn = lic_sn;
+    plan.public_pem = public_pem;
+    const std::vector<uint8_t> bytes = test::BuildUpload(plan);
     return Put(folder, seqno, std::string(bytes.begin(), bytes.end()));
   }
   std::string Put(const std::string& folder, uint32_t seqno, const std::string& content) {
@@ -106,9 +106,9 @@ TEST_F(DecodeCommandTest, OpensWithTheKeyThatFitsAndNamesTheOwnersItHasNoneFor) 
 TEST_F(DecodeCommandTest, NamesDamagedFilesAndDecodesTheOthers) {
   Add("up/7/radio.42", 0, 1, 42);
   const std::string cut = Put("up/7/radio.42", 1, "short");
-  test::UploadSpec spec;
-  spec.records = Counter(1, 1) + "\x07garbage";
-  const std::vector<uint8_t> bytes = test::BuildUpload(spec);
+  test::UploadPlan plan;
+  plan.records = Counter(1, 1) + "\x07garbage";
+  const std::vector<uint8_t> bytes = test::BuildUpload(plan);
   const std::string garbage = Put("up/7/radio.42", 2, std::string(bytes.begin(), bytes.end()));
   command_.paths.push_back(temp_.path() + "/gone.orb");
   EXPECT_EQ(Run(), 1);

@@ -37,10 +37,10 @@ std::string Take(uint8_t* buffer, uint64_t bytes) {
 }
 
 // Ciphertext; the footer's content to *footer.
-std::string Seal(const UploadSpec& spec, const std::string& data, TelemetryFooter* footer) {
+std::string Seal(const UploadPlan& plan, const std::string& data, TelemetryFooter* footer) {
   uint8_t* out[4] = {};
   uint64_t bytes[4] = {};
-  EXPECT_EQ(orb_encrypt(spec.gcm ? 2 : 1, 1, spec.public_pem.c_str(),
+  EXPECT_EQ(orb_encrypt(plan.gcm ? 2 : 1, 1, plan.public_pem.c_str(),
                         reinterpret_cast<const uint8_t*>(data.data()), data.size(), &out[0],
                         &bytes[0], &out[1], &bytes[1], &out[2], &bytes[2], &out[3], &bytes[3]),
             0);
@@ -66,12 +66,12 @@ std::string Gzip(const std::string& data) {
   return out;
 }
 
-std::vector<uint8_t> BuildUpload(const UploadSpec& spec) {
-  std::string payload = spec.gzip ? Gzip(spec.records) : spec.records;
+std::vector<uint8_t> BuildUpload(const UploadPlan& plan) {
+  std::string payload = plan.gzip ? Gzip(plan.records) : plan.records;
   std::vector<uint8_t> file(66);
-  if (!spec.public_pem.empty()) {
+  if (!plan.public_pem.empty()) {
     TelemetryFooter footer;
-    payload = Seal(spec, payload, &footer);
+    payload = Seal(plan, payload, &footer);
     file[61] = 1;
     StoreBigEndian<uint32_t>(&file[62], 66 + static_cast<uint32_t>(payload.size()));
     payload += footer.SerializeAsString();
@@ -88,8 +88,8 @@ std::vector<uint8_t> BuildUpload(const UploadSpec& spec) {
   StoreBigEndian<uint64_t>(&file[31], 5000);
   StoreBigEndian<uint16_t>(&file[39], static_cast<uint16_t>(-180));
   StoreBigEndian<uint64_t>(&file[41], 9);
-  StoreBigEndian<uint32_t>(&file[49], spec.seqno);
-  StoreBigEndian<uint64_t>(&file[53], spec.lic_sn);
+  StoreBigEndian<uint32_t>(&file[49], plan.seqno);
+  StoreBigEndian<uint64_t>(&file[53], plan.lic_sn);
   file.insert(file.end(), payload.begin(), payload.end());
   return file;
 }

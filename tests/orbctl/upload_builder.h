@@ -7,7 +7,7 @@
 
 namespace orb::orbctl::test {
 
-struct UploadSpec {
+struct UploadPlan {
   std::string records;
   uint64_t lic_sn = 42;
   uint32_t seqno = 3;
@@ -18,7 +18,7 @@ struct UploadSpec {
 
 std::string Gzip(const std::string& data);
 // The whole file.
-std::vector<uint8_t> BuildUpload(const UploadSpec& spec);
+std::vector<uint8_t> BuildUpload(const UploadPlan& plan);
 // The text of a key: private (of this number) or its public half. Kept for the process.
 const std::string& PrivatePem(int number);
 const std::string& PublicPem(int number);

@@ -16,31 +16,31 @@ namespace {
 using test::BuildUpload;
 using test::PrivatePem;
 using test::PublicPem;
-using test::UploadSpec;
+using test::UploadPlan;
 using Bytes = std::vector<uint8_t>;
 
 constexpr const char* kRecords = "\x08\x01\x12\x02\x10\x07";
 
 std::string Text(const Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
 
-UploadSpec Sealed(bool gcm) {
-  UploadSpec spec;
-  spec.records = kRecords;
-  spec.public_pem = PublicPem(1);
-  spec.gcm = gcm;
-  return spec;
+UploadPlan Sealed(bool gcm) {
+  UploadPlan plan;
+  plan.records = kRecords;
+  plan.public_pem = PublicPem(1);
+  plan.gcm = gcm;
+  return plan;
 }
 
 TEST(UploadReaderTest, OpensPlainZippedAndSealedUploads) {
   const PrivateKey keys[] = {{"other.pem", PrivatePem(2)}, {"owner.pem", PrivatePem(1)}};
-  UploadSpec plain;
+  UploadPlan plain;
   plain.records = kRecords;
   plain.gzip = false;  // As from a shared-memory slot: the flag says 1, the data are plain.
-  UploadSpec zipped;
+  UploadPlan zipped;
   zipped.records = kRecords;
   const struct {
     const char* name;
-    UploadSpec spec;
+    UploadPlan plan;
     const char* key;
   } kCases[] = {{"plain", plain, ""},
                 {"zipped", zipped, ""},
@@ -48,7 +48,7 @@ TEST(UploadReaderTest, OpensPlainZippedAndSealedUploads) {
                 {"cbc", Sealed(false), "owner.pem"}};
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    const Upload upload = OpenUpload(BuildUpload(c.spec), keys);
+    const Upload upload = OpenUpload(BuildUpload(c.plan), keys);
     EXPECT_EQ(upload.status, UploadStatus::kOpened) << upload.reason;
     EXPECT_EQ(Text(upload.records), kRecords);
     EXPECT_EQ(upload.key_path, c.key);
@@ -56,10 +56,10 @@ TEST(UploadReaderTest, OpensPlainZippedAndSealedUploads) {
 }
 
 TEST(UploadReaderTest, ReadsEveryNumberOfTheHeader) {
-  UploadSpec spec;
-  spec.records = kRecords;
-  spec.gzip = false;
-  const UploadHeader header = OpenUpload(BuildUpload(spec), {}).header;
+  UploadPlan plan;
+  plan.records = kRecords;
+  plan.gzip = false;
+  const UploadHeader header = OpenUpload(BuildUpload(plan), {}).header;
   EXPECT_EQ(header.client_id, 7U);
   EXPECT_EQ(header.kind, 4);
   EXPECT_EQ(header.version, 1U);
@@ -90,7 +90,7 @@ TEST(UploadReaderTest, SaysWhyASealedUploadStaysShut) {
 
 // Each case damages a good upload in one place.
 TEST(UploadReaderTest, NamesEveryDamageWithItsPlace) {
-  UploadSpec zipped;
+  UploadPlan zipped;
   zipped.records = std::string(1000, 'r');
   const Bytes plain = BuildUpload(zipped);
   const Bytes sealed = BuildUpload(Sealed(true));

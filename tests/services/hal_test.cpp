@@ -36,7 +36,7 @@ UniqueFd Memory(const Bytes& content) {
 std::string Text(const Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
 
 // A queue that holds `payload` behind `skip` bytes that were read before.
-QueueSpec Queue(const Bytes& payload, uint64_t skip = 0) {
+QueueLayout Queue(const Bytes& payload, uint64_t skip = 0) {
   const uint64_t written = skip + payload.size();
   Bytes memory(16 + payload.size());
   memcpy(&memory[0], &skip, sizeof skip);
@@ -44,12 +44,12 @@ QueueSpec Queue(const Bytes& payload, uint64_t skip = 0) {
   for (size_t i = 0; i < payload.size(); ++i) {
     memory[16 + (skip + i) % payload.size()] = payload[i];
   }
-  QueueSpec spec;
-  spec.fds.push_back(Memory(memory));
-  spec.pieces = {{0, 0, 8}, {0, 8, 8}, {0, 16, static_cast<int64_t>(payload.size())}};
-  spec.quantum_bytes = 1;
-  spec.flags = 1;
-  return spec;
+  QueueLayout layout;
+  layout.fds.push_back(Memory(memory));
+  layout.pieces = {{0, 0, 8}, {0, 8, 8}, {0, 16, static_cast<int64_t>(payload.size())}};
+  layout.quantum_bytes = 1;
+  layout.flags = 1;
+  return layout;
 }
 
 class HalTest : public ::testing::Test {
@@ -108,29 +108,29 @@ TEST_F(HalTest, RefusesQueuesThatAreNotWhatTheyClaim) {
   const Bytes upload = Upload(3, 5, 34);
   const struct {
     const char* what;
-    std::function<void(QueueSpec*)> change;
+    std::function<void(QueueLayout*)> change;
   } kCases[] = {
-      {"empty", [](QueueSpec* q) { *q = QueueSpec(); }},
-      {"words", [](QueueSpec* q) { q->quantum_bytes = 4; }},
-      {"unsynchronized", [](QueueSpec* q) { q->flags = 2; }},
-      {"two pieces", [](QueueSpec* q) { q->pieces.pop_back(); }},
-      {"five pieces", [](QueueSpec* q) { q->pieces.resize(5); }},
-      {"no descriptor", [](QueueSpec* q) { q->fds.clear(); }},
-      {"another's index", [](QueueSpec* q) { q->pieces[2].fd_index = 1; }},
-      {"negative index", [](QueueSpec* q) { q->pieces[0].fd_index = -1; }},
-      {"closed descriptor", [](QueueSpec* q) { q->fds[0].reset(); }},
-      {"short counter", [](QueueSpec* q) { q->pieces[1].extent = 4; }},
-      {"negative offset", [](QueueSpec* q) { q->pieces[2].offset = -1; }},
-      {"offset behind the end", [](QueueSpec* q) { q->pieces[2].offset = 1000; }},
-      {"extent beyond the end", [](QueueSpec* q) { q->pieces[2].extent = INT64_MAX; }},
-      {"no data", [](QueueSpec* q) { q->pieces[2].extent = 0; }},
+      {"empty", [](QueueLayout* q) { *q = QueueLayout(); }},
+      {"words", [](QueueLayout* q) { q->quantum_bytes = 4; }},
+      {"unsynchronized", [](QueueLayout* q) { q->flags = 2; }},
+      {"two pieces", [](QueueLayout* q) { q->pieces.pop_back(); }},
+      {"five pieces", [](QueueLayout* q) { q->pieces.resize(5); }},
+      {"no descriptor", [](QueueLayout* q) { q->fds.clear(); }},
+      {"another's index", [](QueueLayout* q) { q->pieces[2].fd_index = 1; }},
+      {"negative index", [](QueueLayout* q) { q->pieces[0].fd_index = -1; }},
+      {"closed descriptor", [](QueueLayout* q) { q->fds[0].reset(); }},
+      {"short counter", [](QueueLayout* q) { q->pieces[1].extent = 4; }},
+      {"negative offset", [](QueueLayout* q) { q->pieces[2].offset = -1; }},
+      {"offset behind the end", [](QueueLayout* q) { q->pieces[2].offset = 1000; }},
+      {"extent beyond the end", [](QueueLayout* q) { q->pieces[2].extent = INT64_MAX; }},
+      {"no data", [](QueueLayout* q) { q->pieces[2].extent = 0; }},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.what);
     log_.Clear();
-    QueueSpec spec = Queue(upload);
-    c.change(&spec);
-    EXPECT_FALSE(hal_->ConfigureQueue(kMallory, std::move(spec)));
+    QueueLayout layout = Queue(upload);
+    c.change(&layout);
+    EXPECT_FALSE(hal_->ConfigureQueue(kMallory, std::move(layout)));
     EXPECT_TRUE(log_.Contains("queue of pid 666 uid 1000 refused: "));
     EXPECT_FALSE(hal_->StoreQueue(kMallory, kName, 100));
   }
@@ -157,9 +157,9 @@ TEST_F(HalTest, ReadsNoMoreThanTheQueueHolds) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.what);
-    QueueSpec spec = Queue(upload);
-    const UniqueFd client_side(dup(spec.fds[0].get()));
-    ASSERT_TRUE(hal_->ConfigureQueue(kMallory, std::move(spec)));
+    QueueLayout layout = Queue(upload);
+    const UniqueFd client_side(dup(layout.fds[0].get()));
+    ASSERT_TRUE(hal_->ConfigureQueue(kMallory, std::move(layout)));
     if (c.change) c.change(client_side.get());
     EXPECT_FALSE(hal_->StoreQueue(kMallory, kName, c.total));
   }
