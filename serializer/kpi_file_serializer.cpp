@@ -31,17 +31,19 @@ KPIFileSerializer::~KPIFileSerializer() { stopWriterThread(); }
 
 int KPIFileSerializer::Initialize(const char* cacheDir, unsigned int sizeThreshold,
                                   unsigned int timeThreshold, kiv_collector* collector) {
-  orb::MutexLock lock(fileMutex);
-  this->cacheDir = cacheDir != nullptr ? cacheDir : "";
-  this->sizeThreshold = sizeThreshold;
-  this->timeThreshold = timeThreshold;
-  this->collector = collector;
-  fileMap.clear();
-  versionRecord = collector->header_override() ? std::string() : VersionRecord();
-  emptyFileSize = orb::CheckedAdd<uint32_t>(TelemetryHeader::kBytes, versionRecord.size());
-  if (handleTmpFile() < 0) return -1;
   {
-    orb::MutexLock queueLock(queueMutex);
+    orb::MutexLock lock(fileMutex);
+    this->cacheDir = cacheDir != nullptr ? cacheDir : "";
+    this->sizeThreshold = sizeThreshold;
+    this->timeThreshold = timeThreshold;
+    this->collector = collector;
+    fileMap.clear();
+    versionRecord = collector->header_override() ? std::string() : VersionRecord();
+    emptyFileSize = orb::CheckedAdd<uint32_t>(TelemetryHeader::kBytes, versionRecord.size());
+    if (handleTmpFile() < 0) return -1;
+  }
+  {
+    orb::MutexLock lock(queueMutex);
     stopWriter = false;
   }
   writerThread = std::thread([this] { writer_func(); });

@@ -86,6 +86,9 @@ class KPIFileSerializer : public KPISerializer {
   void AddToEveryFile(const kpiDataStruct& item) REQUIRES(fileMutex);
   void add_to_file(uint64_t licSN, const kpiDataStruct& item) REQUIRES(fileMutex);
   int createFout(uint64_t licSN) REQUIRES(fileMutex);
+  // Makes header and version record the whole content. False, with a part of
+  // them written, when the disk is full.
+  bool WriteStart(uint64_t licSN, FILE* file) REQUIRES(fileMutex);
   // Closes the LicSN's file and sends it, or deletes it when it has no record.
   // The result of that; with reopen, 1 when both this and the creation of the
   // next file failed, else 0. -1 when no file is open.

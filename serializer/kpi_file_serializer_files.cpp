@@ -119,13 +119,17 @@ void KPIFileSerializer::add_to_file(uint64_t licSN, const kpiDataStruct& item) {
     LOGE("%s: error: fout is NULL for licSN %llu - skipping data", "add_to_file", Printable(licSN));
     return;
   }
+  // Behind half a header every record would be misread, and with it the LicSN
+  // that says whether the upload must be encrypted. So no record before it is whole.
+  if (ftell(file) < static_cast<long>(emptyFileSize) && !WriteStart(licSN, file)) {
+    return LogWriteError("add_to_file");
+  }
   if (!WriteThrough(file, item.data.data(), item.data.size())) LogWriteError("add_to_file");
   const long position = ftell(file);
   if (position >= 1 && static_cast<uint64_t>(position) > sizeThreshold) fileFlush(licSN, true);
 }
 
 int KPIFileSerializer::createFout(uint64_t licSN) {
-  const std::vector<uint8_t> header = collector->BuildFileHeader(licSN);
   const std::string path = TmpPath(licSN);
   File file(fopen(path.c_str(), "w+be"));
   if (file == nullptr) {
@@ -137,11 +141,17 @@ int KPIFileSerializer::createFout(uint64_t licSN) {
   // Every write is pushed through at once, and without a buffer a write that
   // the disk did not take is seen where it happens.
   setvbuf(file.get(), nullptr, _IONBF, 0);
-  std::string start(header.begin(), header.end());
-  start += versionRecord;
-  if (!WriteThrough(file.get(), start.data(), start.size())) LogWriteError("createFout");
+  if (!WriteStart(licSN, file.get())) LogWriteError("createFout");
   fileMap[licSN] = std::move(file);
   return 0;
+}
+
+bool KPIFileSerializer::WriteStart(uint64_t licSN, FILE* file) {
+  const std::vector<uint8_t> header = collector->BuildFileHeader(licSN);
+  std::string start(header.begin(), header.end());
+  start += versionRecord;
+  rewind(file);
+  return ftruncate(fileno(file), 0) == 0 && WriteThrough(file, start.data(), start.size());
 }
 
 int KPIFileSerializer::fileFlush(uint64_t licSN, bool reopen) {

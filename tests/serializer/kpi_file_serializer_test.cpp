@@ -187,19 +187,6 @@ TEST_F(FileSerializerTest, AFileBeyondTheThresholdIsSentAtOnce) {
   }
 }
 
-TEST_F(FileSerializerTest, ThresholdsChangeWhileRunning) {
-  StartSession({{42, {}}});
-  Open(4096);
-  files_->UpdateConfig(static_cast<kiv_param_type_t>(7), 0);
-  files_->UpdateConfig(KIV_PARAM_TIME_THRESHOLD, 0);
-  Log("a");
-  ASSERT_TRUE(WaitForBytes(42, kPrefixBytes + 1));
-  EXPECT_EQ(client_->Count("sendData"), 0u);
-  files_->UpdateConfig(KIV_PARAM_SIZE_THRESHOLD, kPrefixBytes + 1);
-  Log("b");
-  ASSERT_TRUE(client_->WaitForCalls("sendData", 1));
-}
-
 TEST_F(FileSerializerTest, RecordsGoToTheOwnersOfTheirKpi) {
   StartSession({{7, {2, 3}}, {42, {1, 3}}});
   Open();
@@ -338,21 +325,49 @@ TEST_F(FileSerializerTest, ShortPathsAreNotPrinted) {
   EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "createFout: tmpfile created "));
 }
 
+// While it lives, no file of this process grows beyond a size.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(size_t bytes) {
+    signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before_);
+    rlimit tight = before_;
+    tight.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &tight);
+  }
+  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
+
+ private:
+  rlimit before_{};
+};
+
 TEST_F(FileSerializerTest, AFullDiskKeepsThePartThatFits) {
   StartSession({{42, {}}});
   Open();
-  signal(SIGXFSZ, SIG_IGN);
-  rlimit before{};
-  getrlimit(RLIMIT_FSIZE, &before);
-  rlimit tight = before;
-  tight.rlim_cur = kPrefixBytes + 4;
-  setrlimit(RLIMIT_FSIZE, &tight);
-  Log("0123456789");
-  EXPECT_TRUE(log_.WaitFor("add_to_file: error writing to file"));
-  setrlimit(RLIMIT_FSIZE, &before);
+  {
+    const FileSizeLimit full(kPrefixBytes + 4);
+    Log("0123456789");
+    EXPECT_TRUE(log_.WaitFor("add_to_file: error writing to file"));
+  }
   Log("next");
   files_->Finalize();
   EXPECT_EQ(Sent(42), "0123next");
+}
+
+TEST_F(FileSerializerTest, NoRecordFollowsHalfAHeader) {
+  StartSession({{42, {}}});
+  Open();
+  {
+    const FileSizeLimit full(55);  // Ends within the LicSN.
+    files_->Flush();
+    EXPECT_TRUE(log_.WaitFor("createFout: error writing to file"));
+    Log("lost");
+    EXPECT_TRUE(log_.WaitFor("add_to_file: error writing to file"));
+  }
+  Log("next");
+  files_->Finalize();
+  EXPECT_EQ(Sent(42), "next") << "under its own name, with a whole header";
+  EXPECT_EQ(client_->Count("sendData"), 1u);
 }
 
 TEST_F(FileSerializerTest, LosesNothingUnderLoad) {
