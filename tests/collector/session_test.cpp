@@ -1,4 +1,6 @@
+#include "proto/kpi_data.pb.h"
 #include "tests/collector/collector_fixture.h"
+#include "tests/collector/gunzip.h"
 #include "utility/byte_order.h"
 
 namespace orb::test {
@@ -10,9 +12,16 @@ int stop_calls;
 
 int OnStart(kiv_collector* c, const uint8_t* payload, uint32_t len) {
   start_payload.assign(reinterpret_cast<const char*>(payload), len);
-  // Both must work although the collector is in the middle of its start.
+  // These must work although the collector is in the middle of its start.
   EXPECT_EQ(kiv_set_cfg(c, KIV_PARAM_SIZE_THRESHOLD, 5000), 0);
   EXPECT_EQ(kiv_flush(c), 0);
+  uint64_t campaign = 0;
+  EXPECT_EQ(kiv_get_campaign_id(c, &campaign), 0);
+  if (kiv_fd_handle_s* region = kiv_set_fd(c, 1, 0, 64, nullptr)) {
+    EXPECT_EQ(kiv_log_fd_buf(region, 0, 0, 1), 0);
+    EXPECT_EQ(kiv_unset_fd(region), 0);
+    free(region);
+  }
   return start_result;
 }
 
@@ -76,6 +85,36 @@ TEST_F(SessionTest, RunsFromStartToStop) {
                      "StopSessionLocked: radio: StopSession received when session is not active - "
                      "ignored"));
   EXPECT_EQ(stop_calls, 1);
+}
+
+// A record that went to another owner would be a leak.
+TEST_F(SessionTest, EveryLicSnGetsTheRecordsOfItsOwnKpis) {
+  MakeRegistered();
+  LTCCampaignDef def =
+      MakeCampaign({MakeKpi(1, KPI_NUMERIC, COUNTER), MakeKpi(2, KPI_NUMERIC, HISTOGRAM),
+                    MakeKpi(3, KPI_NUMERIC, COUNTER), MakeKpi(4, KPI_BLOB)});
+  AddLicSn(&def, 42, false, {1, 4});
+  AddLicSn(&def, 43, false, {2, 3});
+  ASSERT_EQ(collector_->StartSession(MakeConfig(def, {MakeLicInfo(42), MakeLicInfo(43)})), 0);
+  for (const uint32_t kpi : {1u, 2u, 3u}) EXPECT_EQ(collector_->Log(kpi, 5u), 0);
+  const uint8_t byte = 1;
+  EXPECT_EQ(collector_->Log(4, &byte, 1), 0);
+  EXPECT_EQ(collector_->StopSession(), 11);
+  const auto uploads = client_->Uploads();
+  ASSERT_EQ(uploads.size(), 2u);
+  orbtr::KPIData records[2];  // Records back to back read as one message.
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(uploads[i].name, "/up/7/radio." + std::to_string(42 + i));
+    ASSERT_TRUE(records[i].ParseFromString(Gunzip(uploads[i].data.data(), uploads[i].data.size())));
+  }
+  ASSERT_EQ(records[0].counters_size(), 1);
+  EXPECT_EQ(records[0].counters(0).meta().kpi_id(), 1u);
+  EXPECT_EQ(records[0].histograms_size(), 0);
+  EXPECT_EQ(records[0].blobs_size(), 1);
+  ASSERT_EQ(records[1].counters_size(), 1);
+  EXPECT_EQ(records[1].counters(0).meta().kpi_id(), 3u);
+  EXPECT_EQ(records[1].histograms_size(), 1);
+  EXPECT_EQ(records[1].blobs_size(), 0);
 }
 
 TEST_F(SessionTest, LimitsOfTheDefinition) {
@@ -276,7 +315,13 @@ TEST_F(SessionTest, ThresholdSetAtRunTimeSendsFilesEarlier) {
   ASSERT_EQ(collector_->StartSession(MakeConfig(def, {MakeLicInfo(42)})), 0);
   const std::string record(300, 'r');
   const auto* bytes = reinterpret_cast<const uint8_t*>(record.data());
+  collector_->SetConfigParams(static_cast<kiv_param_type_t>(7), 200);
   EXPECT_EQ(kiv_set_cfg(collector_.get(), static_cast<kiv_param_type_t>(7), 200), 0);
+  EXPECT_EQ(kiv_set_cfg(collector_.get(), KIV_PARAM_TIME_THRESHOLD, 200), 0);
+  EXPECT_EQ(kiv_log_buf(collector_.get(), bytes, 300), 0);
+  const std::string file = data_dir_ + "/radio-42.tmp";
+  EXPECT_TRUE(WaitFor([&] { return ReadFileOrEmpty(file).size() == 66 + 2 + 300; }));
+  EXPECT_EQ(client_->Count("sendData"), 0u);
   EXPECT_EQ(kiv_set_cfg(collector_.get(), KIV_PARAM_SIZE_THRESHOLD, 200), 0);
   EXPECT_EQ(kiv_log_buf(collector_.get(), bytes, 300), 0);
   EXPECT_TRUE(client_->WaitForCalls("sendData", 1));

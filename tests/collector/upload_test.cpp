@@ -159,9 +159,16 @@ TEST_F(UploadTest, DecidesWhatIsSealed) {
     client_ = std::make_shared<FakeAidlClient>();
     cfg_.header_override = c.header_override;
     LTCCampaignDef def = MakeCampaign();
-    if (c.flag != kAbsent) AddLicSn(&def, kLicSn, c.flag == kOn);
     std::vector<LicInfo> infos;
-    if (c.key != nullptr) infos.push_back(MakeLicInfo(kLicSn, c.key, c.palgo, c.salgo));
+    // Of two entries for a LicSN the first one counts.
+    if (c.flag != kAbsent) {
+      AddLicSn(&def, kLicSn, c.flag == kOn);
+      AddLicSn(&def, kLicSn, c.flag != kOn);
+    }
+    if (c.key != nullptr) {
+      infos.push_back(MakeLicInfo(kLicSn, c.key, c.palgo, c.salgo));
+      infos.push_back(MakeLicInfo(kLicSn, "another key", 3, 3));
+    }
     Destroy();
     unlink((data_dir_ + "radio-42.tmp").c_str());  // Empty, but for an overridden header.
     StartWith(def, infos);

@@ -66,17 +66,6 @@ TEST(KpiCreateTest, MakesTheKindThatTypeAndSubtypeName) {
   }
 }
 
-TEST(StateMachineTest, AcceptsAndWritesNothing) {
-  FakeSerializer serializer;
-  KPICfg cfg;
-  cfg.set_type(KPI_STATE);
-  StateMachine states(cfg, &serializer);
-  states.AddSample(1);
-  EXPECT_EQ(states.AddStateTransistion(1, 2), 0);
-  EXPECT_EQ(states.Serialize(), 0);
-  EXPECT_TRUE(serializer.records().empty());
-}
-
 // Bare window logic; counts the closures with samples that Serialize sees.
 class WindowProbe : public KPI {
  public:
@@ -132,19 +121,6 @@ TEST_F(KpiWindowTest, CountsSamplesPerWindow) {
     EXPECT_EQ(without_value.closed, c.without_value);
     EXPECT_EQ(with_value.resets, static_cast<int>(c.with_value.size()));
   }
-}
-
-TEST_F(KpiWindowTest, TheClosingSampleBelongsToTheNextWindowOnlyWithAValue) {
-  WindowProbe with_value = Make(WithSampleWindow(NumericCfg(COUNTER), 3));
-  WindowProbe without_value = Make(WithSampleWindow(NumericCfg(COUNTER), 3));
-  for (int i = 0; i < 3; ++i) {
-    with_value.AddSample(1);
-    without_value.AddSample();
-  }
-  EXPECT_EQ(with_value.numSamples, 3u);
-  EXPECT_EQ(without_value.numSamples, 0u);
-  with_value.AddSample(1);
-  EXPECT_EQ(with_value.numSamples, 1u);
 }
 
 TEST_F(KpiWindowTest, TimeWindowEndsAtItsLastMillisecond) {
