@@ -32,8 +32,9 @@ typedef struct kiv_fd_handle_s kiv_fd_handle_s;
 /* Called at every session start, on a thread of the library, with the
  * campaign's payload for the client: [len] bytes, borrowed for the call.
  * 0 accepts; any other value refuses the session and is what the manager is
- * told. Must not log, and must not register or de-register; kiv_flush and
- * kiv_set_cfg are allowed. */
+ * told. Must not log, and must not register or de-register; kiv_flush,
+ * kiv_set_cfg, kiv_get_campaign_id, kiv_set_fd, kiv_log_fd_buf and kiv_unset_fd
+ * are allowed. */
 typedef int (*kiv_start_session_cb)(kiv_collector* c, const uint8_t* payload, uint32_t len);
 
 /* Called at every session stop, same rules. Its result is the stop's result. */
