@@ -1,4 +1,5 @@
-// Tested by tests/collector/clock_test.cpp.
+// Tested by tests/collector/clock_test.cpp and
+// tests/serializer/telemetry_header_test.cpp.
 #include "collector/clock.h"
 
 #include <ctime>

@@ -109,7 +109,8 @@ KIV_API kiv_collector* kiv_register(kiv_cfg_s* cfg);
 /* Stops any session, tells the manager and destroys the collector, which must
  * not be in use by any other call and is gone afterwards. Blocks until the
  * library's threads for it have ended: at most one retry wait, plus the final
- * upload when a session was running. Not from inside a callback.
+ * upload when a session was running; with slots, until the receiver has consumed
+ * every one, which one that died never does. Not from inside a callback.
  *
  * Returns 0, or -1: c is NULL, the client was not registered, or the manager
  * could not be told. The collector is destroyed in every case. */
@@ -133,7 +134,8 @@ KIV_API int kiv_log_state(kiv_collector* c, uint32_t kpi_id, uint32_t a, uint32_
 /* Logs one blob of [len] bytes, borrowed for the call, as one record.
  *
  * Returns 0; -1 when c is NULL, the KPI is unknown, or len exceeds the
- * campaign's limit for it; -2 when it is no blob KPI. */
+ * campaign's limit for it; -2 when it is no blob KPI; with slots also what
+ * kiv_log_buf may answer. */
 KIV_API int kiv_log_blob(kiv_collector* c, uint32_t kpi_id, const uint8_t* buf, uint32_t len);
 
 /* Logs one blob given as [count] segments, in order; each is stored as its
@@ -147,7 +149,9 @@ KIV_API int kiv_log_blob_segments(kiv_collector* c, uint32_t kpi_id, kiv_blob_se
                                   uint32_t count);
 
 /* Appends [len] bytes of already encoded records to the session's data, past
- * all KPIs. Returns 0, or -1: c is NULL, no session, or no room. */
+ * all KPIs. Returns 0, or -1: c is NULL, no session, or no room. With slots also
+ * the non-zero result of announcing the slot before, whose records are lost;
+ * these bytes are kept then. */
 KIV_API int kiv_log_buf(kiv_collector* c, const uint8_t* buf, uint32_t len);
 
 /* Asks the running session to send what it has. Does not wait in file mode.

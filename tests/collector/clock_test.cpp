@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <ctime>
-
 namespace {
 
 TEST(ClockTest, WallClocksAgree) {
@@ -13,19 +10,6 @@ TEST(ClockTest, WallClocksAgree) {
   const int64_t after_s = curr_ts();
   EXPECT_GE(static_cast<int64_t>(now_ms / 1000), before_s);
   EXPECT_LE(static_cast<int64_t>(now_ms / 1000), after_s);
-}
-
-TEST(ClockTest, TimezoneIsMinutesEastOfUtc) {
-  const struct {
-    const char* tz;
-    int32_t want;
-  } cases[] = {{"UTC0", 0}, {"IST-5:30", 330}, {"BRT3", -180}, {"XXX0:00:59", 0}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.tz);
-    setenv("TZ", c.tz, 1);
-    tzset();
-    EXPECT_EQ(veskstats_timezone_min(), c.want);
-  }
 }
 
 TEST(ClockTest, HtonllReversesBytes) {

@@ -185,17 +185,5 @@ TEST_F(LifecycleTest, SurvivesAStormOfLostConnections) {
   }
 }
 
-TEST_F(LifecycleTest, HeaderPrefixComesFromTheRecordOnlyWhenOverridden) {
-  cfg_.header_kind = 9;
-  cfg_.header_version = 0x01020304;
-  for (const uint8_t override : {0, 1}) {
-    cfg_.header_override = override;
-    const std::vector<uint8_t> header = Make().BuildFileHeader(1);
-    const std::vector<uint8_t> want =
-        override ? std::vector<uint8_t>{9, 1, 2, 3, 4} : std::vector<uint8_t>{4, 0, 0, 0, 1};
-    EXPECT_EQ(std::vector<uint8_t>(header.begin() + 12, header.begin() + 17), want);
-  }
-}
-
 }  // namespace
 }  // namespace orb::test

@@ -98,7 +98,8 @@ TEST(TelemetryHeaderTest, CarriesUptimeAndTimeZone) {
   const struct {
     const char* zone;
     Bytes want;
-  } kCases[] = {{"UTC0", {0, 0}}, {"IST-5:30", {0x01, 0x4A}}, {"BRT3", {0xFF, 0x4C}}};
+  } kCases[] = {
+      {"UTC0", {0, 0}}, {"IST-5:30", {0x01, 0x4A}}, {"BRT3", {0xFF, 0x4C}}, {"XXX0:00:59", {0, 0}}};
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.zone);
     setenv("TZ", c.zone, 1);
