@@ -45,6 +45,12 @@ void Stack::StartHal() {
   hal_ = ChildProcess({ORB_HALD, "--spool", spool()}, {Environment(), path("orb-hald.log")});
 }
 
+ChildProcess Stack::StartHoldingHal() {
+  ChildProcess hal({ORB_HOLDING_HAL}, {Environment(), path("holding-hal.log")});
+  if (hal.ReadLine(std::chrono::seconds(20)) != "ready") hal.Stop();
+  return hal;
+}
+
 Client Stack::StartClient() {
   Client client;
   client.process_ = ChildProcess(

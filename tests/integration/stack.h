@@ -43,6 +43,8 @@ class Stack {
 
   void StartManager();
   void StartHal();
+  // A HAL that completes no slot (tests/integration/holding_hal.cpp), ready.
+  ChildProcess StartHoldingHal();
   ChildProcess& manager() { return manager_; }
   ChildProcess& hal() { return hal_; }
   PrivateBus& bus() { return bus_; }
