@@ -1,5 +1,5 @@
 // The hot path: one lock, one look-up, one virtual call; nothing is
-// allocated or logged here. Tested by tests/collector/logging_test.cpp.
+// allocated or logged here. Tested by tests/collector/session_test.cpp.
 #include "collector/kiv_collector.h"
 #include "kpi/blob.h"
 #include "kpi/kpi.h"
