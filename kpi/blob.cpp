@@ -7,23 +7,13 @@
 
 #include "collector/conf.h"
 #include "serializer/kpi_serializer.h"
-#include "utility/checked.h"
+#include "utility/blob_segments.h"
 #include "utility/log.h"
 #include "utility/malloc_bytes.h"
 
 namespace {
 
-// Bytes of all segments with their length prefixes.
-uint32_t GatheredBytes(const kiv_blob_segment_t* segs, uint32_t count) {
-  uint32_t total_bytes = 0;
-  for (uint32_t i = 0; i < count; ++i) {
-    const uint32_t piece_bytes = orb::CheckedAdd<uint32_t>(sizeof segs[i].len, segs[i].len);
-    total_bytes = orb::CheckedAdd<uint32_t>(total_bytes, piece_bytes);
-  }
-  return total_bytes;
-}
-
-// `out` holds GatheredBytes(segs, count).
+// `out` holds orb::SegmentBytes(segs, count).
 void Gather(const kiv_blob_segment_t* segs, uint32_t count, uint8_t* out) {
   for (uint32_t i = 0; i < count; ++i) {
     memcpy(out, &segs[i].len, sizeof segs[i].len);
@@ -54,7 +44,7 @@ int Blob::LogBufSegs(const kiv_blob_segment_t* segs, uint32_t count) {
                                               static_cast<uint64_t>(Tenths(tsEnd)), numSamples,
                                               segs, count);
   }
-  const uint32_t total_bytes = GatheredBytes(segs, count);
+  const uint32_t total_bytes = orb::SegmentBytes(segs, count);
   // malloc, so that a lack of memory is an answer and not the host's end.
   orb::MallocBytes gathered;
   gathered.data = static_cast<uint8_t*>(malloc(std::max<size_t>(total_bytes, 1)));

@@ -8,7 +8,7 @@
 #include <pb.h>
 #include <pb_encode.h>
 
-#include "utility/checked.h"
+#include "utility/blob_segments.h"
 
 namespace {
 
@@ -59,15 +59,6 @@ struct Pieces {
   uint32_t data_bytes;
 };
 
-uint32_t DataBytes(const kiv_blob_segment_t* segs, uint32_t count) {
-  uint32_t total_bytes = 0;
-  for (uint32_t i = 0; i < count; ++i) {
-    const uint32_t piece_bytes = orb::CheckedAdd<uint32_t>(sizeof segs[i].len, segs[i].len);
-    total_bytes = orb::CheckedAdd<uint32_t>(total_bytes, piece_bytes);
-  }
-  return total_bytes;
-}
-
 // Runs more than once a record: sizes are found by encoding into nothing.
 bool EncodePieces(pb_ostream_t* stream, const pb_field_iter_t* field, void* const* arg) {
   const auto& pieces = *static_cast<const Pieces*>(*arg);
@@ -101,7 +92,7 @@ DataRecord MakeRecord(const BlobWindow& window, Pieces* pieces) {
 
 BlobSegmentEncoder::BlobSegmentEncoder(const BlobWindow& window, const kiv_blob_segment_t* segs,
                                        uint32_t count)
-    : window_(window), segs_(segs), count_(count), data_bytes_(DataBytes(segs, count)) {}
+    : window_(window), segs_(segs), count_(count), data_bytes_(orb::SegmentBytes(segs, count)) {}
 
 bool BlobSegmentEncoder::Measure(size_t* bytes) {
   Pieces pieces{segs_, count_, data_bytes_};
