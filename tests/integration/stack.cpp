@@ -36,25 +36,28 @@ std::map<std::string, std::string> Stack::Environment() const {
           {"ANDROID_LOG_TAGS", "*:d"}};
 }
 
-void Stack::StartManager() {
-  manager_ = ChildProcess({ORB_MANAGERD, "--state", path("state")},
-                          {Environment(), path("orb-managerd.log")});
+ChildProcess Stack::StartProgram(const std::vector<std::string>& argv, const std::string& log_name,
+                                 const std::map<std::string, std::string>& env) const {
+  std::map<std::string, std::string> all = Environment();
+  for (const auto& [name, value] : env) all[name] = value;
+  return ChildProcess(argv, {all, path(log_name + ".log")});
 }
 
-void Stack::StartHal() {
-  hal_ = ChildProcess({ORB_HALD, "--spool", spool()}, {Environment(), path("orb-hald.log")});
+void Stack::StartManager() {
+  manager_ = StartProgram({ORB_MANAGERD, "--state", path("state")}, "orb-managerd");
 }
+
+void Stack::StartHal() { hal_ = StartProgram({ORB_HALD, "--spool", spool()}, "orb-hald"); }
 
 ChildProcess Stack::StartHoldingHal() {
-  ChildProcess hal({ORB_HOLDING_HAL}, {Environment(), path("holding-hal.log")});
+  ChildProcess hal = StartProgram({ORB_HOLDING_HAL}, "holding-hal");
   if (hal.ReadLine(std::chrono::seconds(20)) != "ready") hal.Stop();
   return hal;
 }
 
 Client Stack::StartClient() {
   Client client;
-  client.process_ = ChildProcess(
-      {ORB_PROBE}, {Environment(), path("client" + std::to_string(++clients_) + ".log")});
+  client.process_ = StartProgram({ORB_PROBE}, "client" + std::to_string(++clients_));
   return client;
 }
 

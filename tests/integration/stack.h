@@ -43,6 +43,9 @@ class Stack {
 
   void StartManager();
   void StartHal();
+  // A program on this stack's bus; its log is LogOf(log_name).
+  ChildProcess StartProgram(const std::vector<std::string>& argv, const std::string& log_name,
+                            const std::map<std::string, std::string>& env = {}) const;
   // A HAL that completes no slot (tests/integration/holding_hal.cpp), ready.
   ChildProcess StartHoldingHal();
   ChildProcess& manager() { return manager_; }

@@ -38,7 +38,8 @@ void PrivateBus::Kill() {
 
 void PrivateBus::Start() {
   daemon_ = ChildProcess({"dbus-daemon", "--nofork", "--nopidfile", "--print-address",
-                          "--config-file=" + dir_.path() + "/bus.conf"});
+                          "--config-file=" + dir_.path() + "/bus.conf"},
+                         {{}, dir_.path() + "/bus.log"});
   // It prints its address once it listens.
   if (!daemon_.ReadLine(std::chrono::seconds(20)).has_value()) abort();
 }

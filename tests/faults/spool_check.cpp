@@ -1,0 +1,194 @@
+#include "tests/faults/spool_check.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <set>
+#include <sstream>
+
+#include "tests/support/child_process.h"
+
+namespace orb::test {
+namespace {
+
+// The campaigns of the phases.
+constexpr uint64_t kFirstCampaign = 5;
+
+struct Totals {
+  uint64_t samples = 0;  // Of a histogram; records, of blobs.
+  uint64_t sum = 0;      // Of a counter.
+};
+
+int64_t ModifiedMs(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return -1;
+  return int64_t{status.st_mtim.tv_sec} * 1000 + status.st_mtim.tv_nsec / 1000000;
+}
+
+// Bytes of "6162" as text.
+std::string FromHex(const std::string& hex) {
+  std::string out;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+    out.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+  }
+  return out;
+}
+
+class Checker {
+ public:
+  Checker(const LoadCounts& counts, const SpoolRules& rules) : counts_(counts), rules_(rules) {}
+
+  void Numbers(const std::string& spool);
+  void Record(const nlohmann::json& json);
+  void Sums();
+  SpoolReport report;
+
+ private:
+  void Fail(const std::string& what) {
+    // The first ones tell enough.
+    if (report.failures.size() < 20) report.failures.push_back(what);
+  }
+  bool Excused(int64_t from_ms, int64_t to_ms) const {
+    return std::any_of(rules_.outages.begin(), rules_.outages.end(),
+                       [&](const Outage& o) { return o.begin_ms <= to_ms && from_ms <= o.end_ms; });
+  }
+  void Missing(uint64_t from, uint64_t to, int64_t from_ms, int64_t to_ms);
+  void Blob(const nlohmann::json& json, uint64_t owner, const std::string& file);
+
+  const LoadCounts& counts_;
+  const SpoolRules& rules_;
+  std::map<std::tuple<uint64_t, uint64_t, uint32_t>, Totals> totals_;        // Phase, owner, KPI.
+  std::map<std::pair<uint64_t, std::string>, std::set<std::string>> blobs_;  // Files by text.
+};
+
+// [from, to) are not there; the files around them were stored at those times.
+void Checker::Missing(uint64_t from, uint64_t to, int64_t from_ms, int64_t to_ms) {
+  if (from >= to) return;
+  report.missing_numbers += to - from;
+  if (!Excused(from_ms, to_ms)) {
+    Fail("uploads " + std::to_string(from) + " to " + std::to_string(to - 1) +
+         " are missing, and nothing failed then");
+  }
+}
+
+void Checker::Numbers(const std::string& spool) {
+  std::map<uint64_t, int64_t> stored;  // Time by number.
+  for (const std::string& name : ListFiles(spool)) {
+    if (!name.ends_with(".orb")) continue;
+    ++report.files;
+    const std::string stem = name.substr(name.rfind('/') + 1);
+    const uint64_t seqno = std::stoull(stem);
+    if (!stored.emplace(seqno, ModifiedMs(spool + "/" + name)).second) {
+      Fail("upload number " + stem + " is there twice");
+    }
+  }
+  uint64_t next = 0;
+  int64_t last_ms = 0;
+  for (const auto& [seqno, at_ms] : stored) {
+    Missing(next, seqno, last_ms, at_ms);
+    next = seqno + 1;
+    last_ms = at_ms;
+  }
+  Missing(next, rules_.next_seqno, last_ms, INT64_MAX);
+  if (next > rules_.next_seqno) Fail("the sequence file lags behind the uploads");
+}
+
+void Checker::Blob(const nlohmann::json& json, uint64_t owner, const std::string& file) {
+  const std::string text = FromHex(json.value("data_hex", ""));
+  uint64_t number[4] = {};
+  if (sscanf(text.c_str(), "%lu-%lu-%lu-%lu", &number[0], &number[1], &number[2], &number[3]) !=
+      4) {
+    return Fail(file + ": a blob that nobody logged: " + text);
+  }
+  std::set<std::string>& files = blobs_[{owner, text}];
+  if (!files.insert(file).second) Fail(file + ": blob " + text + " is there twice");
+  if (files.size() > 1 && !rules_.blobs_may_repeat) {
+    Fail(file + ": blob " + text + " is also in " + *files.begin());
+  }
+}
+
+void Checker::Record(const nlohmann::json& json) {
+  ++report.records;
+  const std::string file = json.value("file", "");
+  const uint64_t owner = json.value("lic_sn", uint64_t{0});
+  const uint64_t phase = json.value("campaign_id", uint64_t{0}) - kFirstCampaign;
+  const auto id = json.value("kpi_id", 0u);
+  const auto* kpi = std::find_if(std::begin(kLoadKpis), std::end(kLoadKpis),
+                                 [&](const LoadKpi& k) { return k.id == id; });
+  if (kpi == std::end(kLoadKpis) || phase >= kLoadPhases ||
+      (owner != kFirstOwner && (owner != kSecondOwner || !kpi->second_owner))) {
+    return Fail(file + ": a record of a KPI, campaign or owner that there is not: " + json.dump());
+  }
+  if (json.value("ts_end", int64_t{0}) < json.value("ts_start", int64_t{0})) {
+    Fail(file + ": a record that ends before it begins: " + json.dump());
+  }
+  Totals& totals = totals_[{phase, owner, id}];
+  switch (kpi->kind) {
+    case LoadKind::kCounter:
+      totals.sum += json.value("count", uint64_t{0});
+      break;
+    case LoadKind::kHistogram:
+      for (const auto& count : json["bucket_counts"]) totals.samples += count.get<uint64_t>();
+      break;
+    case LoadKind::kGauge:
+      if (json.value("min", 0) < 1 || json.value("max", 0) > static_cast<int>(kLoadValueMax)) {
+        Fail(file + ": a gauge beyond what was logged: " + json.dump());
+      }
+      break;
+    case LoadKind::kBlob:
+      Blob(json, owner, file);
+      ++totals.samples;
+      break;
+  }
+}
+
+void Checker::Sums() {
+  for (uint64_t phase = 0; phase < kLoadPhases; ++phase) {
+    for (size_t i = 0; i < kLoadKpiCount; ++i) {
+      const LoadKpi& kpi = kLoadKpis[i];
+      // A gauge's windows overlap: its records cannot be added up.
+      if (kpi.kind == LoadKind::kGauge) continue;
+      const LoadCount& count = counts_.kpis[phase][i];
+      const bool counter = kpi.kind == LoadKind::kCounter;
+      const uint64_t logged = counter ? count.sum.load() : count.accepted();
+      for (const uint64_t owner : {kFirstOwner, kSecondOwner}) {
+        if (owner == kSecondOwner && !(kpi.second_owner && rules_.two_owners)) continue;
+        const Totals& totals = totals_[{phase, owner, kpi.id}];
+        const uint64_t decoded = counter ? totals.sum : totals.samples;
+        if (phase == 0 && owner == kFirstOwner) {
+          report.accepted += logged;
+          report.decoded += decoded;
+        }
+        const bool complete = phase > 0 || rules_.lossless;
+        const bool repeats = rules_.blobs_may_repeat && phase == 0;
+        // A slot that could not be announced refuses the blob behind it, and keeps it.
+        const uint64_t most = counter ? logged : count.offered.load();
+        if ((decoded > most && !repeats) || (complete && decoded != logged)) {
+          Fail("KPI " + std::to_string(kpi.id) + " of " + std::to_string(owner) + ", phase " +
+               std::to_string(phase) + ": logged " + std::to_string(logged) + ", decoded " +
+               std::to_string(decoded));
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+
+SpoolReport CheckSpool(const std::string& spool, const std::string& json_lines,
+                       const LoadCounts& counts, const SpoolRules& rules) {
+  Checker checker(counts, rules);
+  checker.Numbers(spool);
+  std::istringstream lines(json_lines);
+  for (std::string line; std::getline(lines, line);) {
+    const nlohmann::json json = nlohmann::json::parse(line, nullptr, false);
+    if (json.is_object()) checker.Record(json);
+  }
+  checker.Sums();
+  return checker.report;
+}
+
+}  // namespace orb::test

@@ -1,0 +1,301 @@
+#include "tests/faults/world.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <filesystem>
+#include <sstream>
+
+namespace orb::test {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// Longer than anything takes that is not stuck, sanitizers included.
+constexpr seconds kPatience(60);
+// What a client may take to notice a death.
+constexpr int64_t kNoticeMs = 500;
+constexpr milliseconds kPhaseOne(300);
+constexpr char kClient[] = "load";
+constexpr const char* kReports[] = {"Sanitizer", "runtime error:", "terminate called", "Assertion"};
+
+int64_t NowMs() {
+  return std::chrono::duration_cast<milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+size_t DescriptorsOf(pid_t pid) {
+  std::error_code error;
+  const std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd", error);
+  return static_cast<size_t>(std::distance(begin(fds), end(fds)));
+}
+
+}  // namespace
+
+World::World(const Scenario& scenario, uint64_t seed) : scenario_(scenario), random_(seed) {}
+
+World::~World() {
+  if (counts_ != nullptr) munmap(counts_, sizeof *counts_);
+}
+
+void World::Expect(bool holds, const std::string& what) {
+  if (!holds) Fail(what);
+}
+
+void World::Pause(int max_ms) {
+  std::this_thread::sleep_for(milliseconds(1 + Random(static_cast<uint64_t>(max_ms))));
+}
+
+void World::BeginOutage() { outages_.push_back({NowMs(), INT64_MAX}); }
+
+void World::EndOutage() { outages_.back().end_ms = NowMs() + kNoticeMs; }
+
+size_t World::CountLines(const std::string& log, const std::string& text) const {
+  const std::string content = stack_.LogOf(log);
+  size_t count = 0;
+  for (size_t at = 0; (at = content.find(text, at)) != std::string::npos; ++at) ++count;
+  return count;
+}
+
+bool World::WaitForLine(const std::string& log, const std::string& text, size_t before) {
+  const bool there = WaitFor([&] { return CountLines(log, text) > before; }, kPatience);
+  Expect(there, log + " does not say: " + text);
+  return there;
+}
+
+void World::StartManager() {
+  const size_t before = CountLines("orb-managerd", "is published");
+  stack_.StartManager();
+  WaitForLine("orb-managerd", "is published", before);
+}
+
+void World::StartHal() {
+  if (scenario_.odd_hal) {
+    odd_hal_ = stack_.StartProgram({"orb_odd_hal", stack_.spool()}, "odd-hal");
+    Expect(odd_hal_.ReadLine(kPatience) == "ready", "the HAL does not start");
+    return;
+  }
+  const size_t before = CountLines("orb-hald", "is published");
+  stack_.StartHal();
+  WaitForLine("orb-hald", "is published", before);
+}
+
+void World::KillManager() {
+  stack_.manager().Signal(SIGKILL);
+  stack_.manager().Wait(kPatience);
+}
+
+void World::KillHal(int signal) {
+  hal().Signal(signal);
+  const int code = hal().Wait(kPatience);
+  Expect(code == (signal == SIGKILL ? 128 + SIGKILL : 0),
+         "the HAL ended with " + std::to_string(code));
+}
+
+void World::RestartBus() {
+  const size_t manager = CountLines("orb-managerd", "is published");
+  const size_t hal = CountLines("orb-hald", "is published");
+  stack_.bus().Kill();
+  Pause(300);
+  stack_.bus().Start();
+  WaitForLine("orb-managerd", "is published", manager);
+  WaitForLine("orb-hald", "is published", hal);
+}
+
+void World::ExpectRunning() {
+  Expect(stack_.manager().Running(), "the manager ended");
+  Expect(hal().Running(), "the HAL ended");
+  Expect(client_.Running(), "the client ended");
+}
+
+void World::DumpStacks(ChildProcess* process, const std::string& who) {
+  const CommandResult stacks = RunCommand(
+      {"gdb", "-p", std::to_string(process->pid()), "-batch", "-ex", "thread apply all backtrace"});
+  WriteFile(stack_.path("stacks-" + who + ".log"), stacks.out + stacks.err);
+}
+
+std::string World::Ask(const std::string& command) {
+  const auto answer =
+      client_.Send(command) ? client_.ReadLine(kPatience) : std::optional<std::string>();
+  if (answer.has_value()) return *answer;
+  Fail("the client does not answer: " + command);
+  if (client_.Running()) DumpStacks(&client_, "client");
+  return "gone";
+}
+
+void World::StartClient() {
+  std::vector<std::string> argv = {ORB_LOAD_CLIENT, kClient, data_dir_, stack_.path("counts")};
+  if (scenario_.slots) argv.push_back("slots");
+  if (scenario_.sync) argv.push_back("sync");
+  client_ = stack_.StartProgram(argv, "client", client_environment_);
+  Expect(client_.ReadLine(kPatience) == "ready", "the client does not start");
+  Expect(stack_.WaitRegistered(kClient), "the client is not registered");
+}
+
+bool World::StartCampaign(uint64_t id) {
+  std::vector<uint64_t> owners = {kFirstOwner};
+  if (!scenario_.slots) owners.push_back(kSecondOwner);
+  return stack_.StartCampaign(kClient, stack_.path("campaign.txtpb"), owners, id);
+}
+
+bool World::WaitForCampaign() {
+  return WaitFor(
+      [this] {
+        const std::string enabled = Ask("enabled");
+        if (enabled != "gone") std::this_thread::sleep_for(milliseconds(20));
+        return enabled != "0";
+      },
+      kPatience);
+}
+
+void World::WriteCampaign() {
+  static constexpr const char* kKinds[] = {
+      "type: KPI_NUMERIC sub_type: COUNTER",
+      "type: KPI_NUMERIC sub_type: HISTOGRAM h_cfg { bucket_bounds: 2 bucket_bounds: 5 "
+      "overflow_bucket: true underflow_bucket: true }",
+      "type: KPI_NUMERIC sub_type: GAUGE g_cfg { report_min: true report_max: true "
+      "report_mean: true report_slope: true }",
+      "type: KPI_BLOB b_cfg { single_sample_size_threshold_bytes: 4096 }"};
+  std::ostringstream text;
+  std::ostringstream first;
+  std::ostringstream second;
+  text << "threshold_size: 1024\nthreshold_time: 60\n";
+  for (const LoadKpi& kpi : kLoadKpis) {
+    text << "kpi_cfgs { kpi_id: " << kpi.id << ' ' << kKinds[static_cast<int>(kpi.kind)] << ' '
+         << kpi.window << " }\n";
+    first << " kpi_ids: " << kpi.id;
+    if (kpi.second_owner) second << " kpi_ids: " << kpi.id;
+  }
+  text << "lic_sn_kpi_maps { lic_sn: " << kFirstOwner << first.str() << " }\n";
+  if (!scenario_.slots) {
+    text << "lic_sn_kpi_maps { lic_sn: " << kSecondOwner << second.str() << " }\n";
+  }
+  WriteFile(stack_.path("campaign.txtpb"), text.str());
+}
+
+void World::Start() {
+  const std::string counts = stack_.path("counts");
+  WriteFile(counts, std::string(sizeof(LoadCounts), '\0'));
+  const int fd = open(counts.c_str(), O_RDWR | O_CLOEXEC);
+  counts_ = static_cast<LoadCounts*>(
+      mmap(nullptr, sizeof *counts_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+  close(fd);
+  WriteCampaign();
+  data_dir_ = stack_.MakeDataDir("data");
+  if (scenario_.prepare != nullptr) scenario_.prepare(*this);
+  StartManager();
+  StartHal();
+  for (ChildProcess* service : {&stack_.manager(), &hal()}) {
+    service_descriptors_[service->pid()] = DescriptorsOf(service->pid());
+  }
+  StartClient();
+  first_state_ = Ask("state");
+  Expect(StartCampaign(5), "the client does not take its campaign");
+  Ask("load");
+  if (scenario_.started != nullptr) scenario_.started(*this);
+}
+
+void World::Run(milliseconds duration) {
+  Start();
+  const auto end = std::chrono::steady_clock::now() + duration;
+  while (failures_.empty() && std::chrono::steady_clock::now() < end) {
+    Pause(400);
+    if (scenario_.inject == nullptr) continue;
+    scenario_.inject(*this);
+    ++faults_;
+    ExpectRunning();
+  }
+  if (scenario_.finish != nullptr && failures_.empty()) scenario_.finish(*this);
+  if (failures_.empty()) Recover();
+  if (failures_.empty()) End();
+  if (failures_.empty()) Check();
+  CheckLogs();
+}
+
+// A new campaign, undisturbed, of which nothing may be missing.
+void World::Recover() {
+  Expect(stack_.WaitRegistered(kClient), "the client has not registered again");
+  Expect(WaitForCampaign(), "the client has not got its campaign back");
+  const CommandResult stopped = stack_.Ctl({"campaign", "stop", kClient});
+  Expect(stopped.exit_code == 0, "the campaign does not stop: " + stopped.err);
+  Ask("phase 1");
+  Expect(StartCampaign(6), "the client does not take another campaign");
+  Ask("load");
+  std::this_thread::sleep_for(kPhaseOne);
+}
+
+void World::End() {
+  Expect(Ask("end") == "0", "de-registration failed");
+  const std::string last_state = Ask("state");
+  std::istringstream first(first_state_);
+  std::istringstream last(last_state);
+  size_t threads[2], binder[2], descriptors[2];
+  first >> threads[0] >> binder[0] >> descriptors[0];
+  last >> threads[1] >> binder[1] >> descriptors[1];
+  Expect(threads[0] == threads[1] && descriptors[0] == descriptors[1] && binder[1] <= 16,
+         "left over (threads, binder threads, descriptors, bytes): " + first_state_ + " became " +
+             last_state);
+  client_.CloseInput();
+  const int code = client_.Wait(kPatience);
+  Expect(code == 0, "the client ended with " + std::to_string(code));
+  for (ChildProcess* service : {&stack_.manager(), &hal()}) {
+    const auto before = service_descriptors_.find(service->pid());
+    if (before == service_descriptors_.end()) continue;
+    const bool same = WaitFor([&] { return DescriptorsOf(service->pid()) <= before->second; });
+    Expect(same, "a service keeps " + std::to_string(DescriptorsOf(service->pid())) +
+                     " descriptors, it had " + std::to_string(before->second));
+  }
+  Expect(stack_.manager().Stop() == 0, "the manager does not end cleanly");
+  Expect(hal().Stop() == 0, "the HAL does not end cleanly");
+}
+
+void World::Check() {
+  SpoolRules rules;
+  rules.two_owners = !scenario_.slots;
+  rules.lossless = scenario_.lossless;
+  rules.blobs_may_repeat = scenario_.client_dies;
+  rules.outages = outages_;
+  rules.next_seqno = strtoull(ReadFileOrEmpty(data_dir_ + kClient + ".seq").c_str(), nullptr, 10);
+  const CommandResult decoded = stack_.Ctl({"decode", stack_.spool(), "--format", "json"});
+  Expect(decoded.exit_code == 0, "not everything can be decoded: " + decoded.err);
+  report_ = CheckSpool(stack_.spool(), decoded.out, *counts_, rules);
+  failures_.insert(failures_.end(), report_.failures.begin(), report_.failures.end());
+}
+
+void World::CheckLogs() {
+  for (const std::string& name : ListFiles(stack_.path("."))) {
+    if (!name.ends_with(".log") || name.starts_with("stacks")) continue;
+    const std::string log = ReadFileOrEmpty(stack_.path(name));
+    for (const char* report : kReports) {
+      const size_t at = log.find(report);
+      if (at != std::string::npos) Fail(name + ": " + log.substr(at, 2000));
+    }
+  }
+}
+
+void World::Keep(const std::string& folder) {
+  std::error_code error;
+  std::filesystem::copy(
+      stack_.path("."), folder,
+      std::filesystem::copy_options::recursive | std::filesystem::copy_options::overwrite_existing,
+      error);
+}
+
+std::string World::Summary() const {
+  char text[256];
+  snprintf(text, sizeof text,
+           "%d faults, %" PRIu64 " uploads, %" PRIu64 " missing, %" PRIu64 " records; %" PRIu64
+           " samples accepted, %" PRIu64 " decoded",
+           faults_, report_.files, report_.missing_numbers, report_.records, report_.accepted,
+           report_.decoded);
+  return text;
+}
+
+}  // namespace orb::test

@@ -1,0 +1,99 @@
+// A whole system under load, in which a scenario lets things fail.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/faults/load.h"
+#include "tests/faults/spool_check.h"
+#include "tests/integration/stack.h"
+
+namespace orb::test {
+
+class World;
+
+struct Scenario {
+  const char* name;
+  const char* does;
+  // One fault and its end, or null for none: afterwards everything runs again.
+  void (*inject)(World&) = nullptr;
+  bool slots = false;        // Slots instead of files.
+  bool lossless = false;     // What was accepted must all be decoded.
+  bool sync = false;         // The client registers synchronously.
+  bool odd_hal = false;      // tests/faults/odd_hal.cpp instead of orb-hald.
+  bool client_dies = false;  // The fault ends the client now and then.
+  // Before the client starts, and after its campaign has.
+  void (*prepare)(World&) = nullptr;
+  void (*started)(World&) = nullptr;
+  void (*finish)(World&) = nullptr;  // Before the last, undisturbed phase.
+};
+
+// Not thread-safe. What goes wrong is collected in failures().
+class World {
+ public:
+  World(const Scenario& scenario, uint64_t seed);
+  ~World();
+
+  // The whole of it: start, faults for that long, recovery, end, checks.
+  void Run(std::chrono::milliseconds duration);
+  const std::vector<std::string>& failures() const { return failures_; }
+  void Fail(const std::string& what) { failures_.push_back(what); }
+  std::string Summary() const;
+  // Copies logs and files to the folder.
+  void Keep(const std::string& folder);
+
+  // For scenarios.
+  Stack& stack() { return stack_; }
+  ChildProcess& client() { return client_; }
+  ChildProcess& hal() { return scenario_.odd_hal ? odd_hal_ : stack_.hal(); }
+  std::string data_dir() const { return data_dir_; }
+  std::map<std::string, std::string>& client_environment() { return client_environment_; }
+  uint64_t Random(uint64_t below) { return random_() % below; }
+  void Pause(int max_ms);
+  void KillManager();
+  void KillHal(int signal);
+  void StartManager();
+  void StartHal();
+  void RestartBus();
+  // Uploads made between the two may be missing.
+  void BeginOutage();
+  void EndOutage();
+  void StartClient();
+  bool StartCampaign(uint64_t id);
+  bool WaitForCampaign();
+  // "gone" and a failure with the client's stacks when no answer comes in time.
+  std::string Ask(const std::string& command);
+  void Expect(bool holds, const std::string& what);
+  void ExpectRunning();
+
+ private:
+  void Start();
+  void Recover();
+  void End();
+  void Check();
+  void WriteCampaign();
+  void DumpStacks(ChildProcess* process, const std::string& who);
+  void CheckLogs();
+  bool WaitForLine(const std::string& log, const std::string& text, size_t before);
+  size_t CountLines(const std::string& log, const std::string& text) const;
+
+  const Scenario& scenario_;
+  std::mt19937_64 random_;
+  Stack stack_;
+  ChildProcess client_;
+  ChildProcess odd_hal_;
+  std::string data_dir_;
+  std::map<std::string, std::string> client_environment_;
+  LoadCounts* counts_ = nullptr;
+  std::vector<Outage> outages_;
+  std::vector<std::string> failures_;
+  std::string first_state_;
+  std::map<pid_t, size_t> service_descriptors_;
+  SpoolReport report_;
+  int faults_ = 0;
+};
+
+}  // namespace orb::test
