@@ -7,12 +7,17 @@ namespace orb::services {
 
 SerialExecutor::~SerialExecutor() {
   Stop();
-  if (thread_.joinable()) thread_.join();
+  std::thread ended;
+  {
+    MutexLock lock(mutex_);
+    ended.swap(thread_);
+  }
+  if (ended.joinable()) ended.join();
 }
 
 bool SerialExecutor::Post(std::function<void()> task) {
   MutexLock lock(mutex_);
-  if (stopping_ || tasks_.size() >= max_tasks_) return false;
+  if (stopping_ || finishing_ || tasks_.size() >= max_tasks_) return false;
   tasks_.push_back(std::move(task));
   if (!running_) {
     running_ = true;
@@ -30,6 +35,12 @@ void SerialExecutor::Stop() {
   changed_.NotifyAll();
 }
 
+void SerialExecutor::Finish() {
+  MutexLock lock(mutex_);
+  finishing_ = true;
+  changed_.NotifyAll();
+}
+
 bool SerialExecutor::Pause(std::chrono::milliseconds duration) {
   const auto deadline = std::chrono::steady_clock::now() + duration;
   MutexLock lock(mutex_);
@@ -40,10 +51,15 @@ bool SerialExecutor::Pause(std::chrono::milliseconds duration) {
 }
 
 bool SerialExecutor::StoppedBy(std::chrono::steady_clock::time_point deadline) {
-  MutexLock lock(mutex_);
-  while (running_) {
-    if (!changed_.WaitUntil(mutex_, deadline)) return !running_;
+  std::thread ended;
+  {
+    MutexLock lock(mutex_);
+    while (running_) {
+      if (!changed_.WaitUntil(mutex_, deadline) && running_) return false;
+    }
+    ended.swap(thread_);
   }
+  if (ended.joinable()) ended.join();
   return true;
 }
 
@@ -51,6 +67,7 @@ void SerialExecutor::Run() {
   mutex_.Lock();
   while (!stopping_) {
     if (tasks_.empty()) {
+      if (finishing_) break;
       changed_.Wait(mutex_);
       continue;
     }

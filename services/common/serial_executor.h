@@ -28,11 +28,14 @@ class SerialExecutor {
 
   // Drops the tasks that wait and takes no more. The running one goes on.
   void Stop() EXCLUDES(mutex_);
+  // Takes no more tasks; those that wait are still run.
+  void Finish() EXCLUDES(mutex_);
 
   // For the running task: waits, and returns false at once when Stop is called.
   bool Pause(std::chrono::milliseconds duration) EXCLUDES(mutex_);
 
-  // Whether no task runs any more after a Stop, waiting for it until then.
+  // Whether no task runs any more after a Stop or Finish, waiting for it until
+  // then; the thread is gone, too.
   bool StoppedBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);
 
  private:
@@ -43,8 +46,9 @@ class SerialExecutor {
   CondVar changed_;
   std::deque<std::function<void()>> tasks_ GUARDED_BY(mutex_);
   bool stopping_ GUARDED_BY(mutex_) = false;
+  bool finishing_ GUARDED_BY(mutex_) = false;
   bool running_ GUARDED_BY(mutex_) = false;
-  std::thread thread_;  // Started under mutex_, joined by the destructor.
+  std::thread thread_ GUARDED_BY(mutex_);  // Joined by StoppedBy or the destructor.
 };
 
 }  // namespace orb::services

@@ -91,14 +91,16 @@ bool ChannelTable::Has(uint32_t token) const {
   return channels_.count(token) != 0;
 }
 
-bool ChannelTable::StopBy(std::chrono::steady_clock::time_point deadline) {
+bool ChannelTable::FinishBy(std::chrono::steady_clock::time_point deadline) {
   std::vector<std::shared_ptr<Channel>> all;
   {
     MutexLock lock(mutex_);
     all = retired_;
     for (const auto& [token, channel] : channels_) all.push_back(channel);
   }
-  for (const auto& channel : all) channel->executor().Stop();
+  // A client whose slots stay unconfirmed cannot end its session. Retired
+  // channels are stopped already.
+  for (const auto& channel : all) channel->executor().Finish();
   return std::all_of(all.begin(), all.end(),
                      [&](const auto& channel) { return channel->executor().StoppedBy(deadline); });
 }

@@ -65,8 +65,9 @@ class ChannelTable {
   bool RemoveDead(uint32_t token) EXCLUDES(mutex_);
   bool Has(uint32_t token) const EXCLUDES(mutex_);
 
-  // Stops all confirmations; false when one still waits at the deadline.
-  bool StopBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);
+  // Takes no more slots to confirm, and gives the clients those that wait; false
+  // when one is not confirmed by the deadline.
+  bool FinishBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);
 
  private:
   using Channels = std::map<uint32_t, std::shared_ptr<Channel>>;

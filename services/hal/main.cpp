@@ -40,7 +40,7 @@ int main(int argc, char** argv) {
                nullptr;
       });
   const int result = host.Run();
-  if (!hal->channels().StopBy(std::chrono::steady_clock::now() + std::chrono::seconds(2))) {
+  if (!hal->channels().FinishBy(std::chrono::steady_clock::now() + std::chrono::seconds(2))) {
     LOGW("a client has not taken note of a slot; ending all the same");
   }
   orb::services::ServiceHost::Exit(result);

@@ -273,9 +273,10 @@ TEST_F(HalTest, ServesOthersWhileOneClientNeverTakesNote) {
   EXPECT_EQ(hal_->StoreSlot(kRadio, kName, header, token, 0, 8), 0);
   EXPECT_TRUE(WaitConfirmed(1));
   EXPECT_TRUE(hal_->RemoveChannel(kMallory, static_cast<int32_t>(stuck)));
-  EXPECT_FALSE(hal_->channels().StopBy(std::chrono::steady_clock::now()));
+  EXPECT_FALSE(hal_->channels().FinishBy(std::chrono::steady_clock::now()));
   release.set_value();
-  EXPECT_TRUE(hal_->channels().StopBy(std::chrono::steady_clock::now() + std::chrono::seconds(20)));
+  EXPECT_TRUE(
+      hal_->channels().FinishBy(std::chrono::steady_clock::now() + std::chrono::seconds(20)));
 }
 
 }  // namespace

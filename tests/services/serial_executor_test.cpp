@@ -42,5 +42,18 @@ TEST(SerialExecutorTest, BoundsAndDropsWhatWaitsBehindAStuckTask) {
   EXPECT_FALSE(second_ran);
 }
 
+TEST(SerialExecutorTest, RunsWhatWaitsBeforeItFinishes) {
+  std::promise<void> release;
+  int ran = 0;
+  SerialExecutor executor(10);
+  EXPECT_TRUE(executor.Post([&] { release.get_future().wait(); }));
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(executor.Post([&] { ++ran; }));
+  executor.Finish();
+  EXPECT_FALSE(executor.Post([] {})) << "took a task at the end";
+  release.set_value();
+  EXPECT_TRUE(executor.StoppedBy(steady_clock::now() + std::chrono::seconds(20)));
+  EXPECT_EQ(ran, 3);
+}
+
 }  // namespace
 }  // namespace orb::services
