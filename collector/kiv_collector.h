@@ -85,6 +85,9 @@ struct kiv_collector {
   // These two take no collector lock but a leaf, so callbacks may use them.
   void SetConfigParams(kiv_param_type_t type, uint32_t value) EXCLUDES(serializerMutex);
   void Flush() EXCLUDES(serializerMutex);
+  // Records that the session's files do not hold yet; 0 without a session, and
+  // with slots.
+  size_t Pending() const EXCLUDES(serializerMutex);
 
   // --- Uploads (kiv_collector_upload.cpp). Called by the file serializer. ---
   // Compresses, seals and sends one closed data file, then deletes it. The

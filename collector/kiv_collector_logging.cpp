@@ -62,3 +62,8 @@ void kiv_collector::Flush() {
   if (!sessionActive_) return;
   if (const auto serializer = Serializer()) serializer->Flush();
 }
+
+size_t kiv_collector::Pending() const {
+  const auto serializer = Serializer();
+  return serializer == nullptr ? 0 : serializer->Pending();
+}

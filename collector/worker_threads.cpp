@@ -1,23 +1,7 @@
 // Tested by tests/collector/lifecycle_test.cpp.
 #include "collector/worker_threads.h"
 
-#include <chrono>
 #include <utility>
-
-void StopSignal::Raise() {
-  {
-    orb::MutexLock lock(mutex_);
-    raised_ = true;
-  }
-  cv_.NotifyAll();
-}
-
-void StopSignal::WaitFor(int32_t seconds) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  orb::MutexLock lock(mutex_);
-  while (!raised_ && cv_.WaitUntil(mutex_, deadline)) {
-  }
-}
 
 void WorkerThreads::Start(std::function<void()> work) noexcept {
   std::list<Worker> finished;

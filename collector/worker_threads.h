@@ -2,26 +2,12 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 #include <functional>
 #include <list>
 #include <thread>
 
+#include "collector/stop_signal.h"
 #include "utility/thread_annotations.h"
-
-// Raised once, when its owner is about to go. Thread-safe.
-class StopSignal {
- public:
-  void Raise() EXCLUDES(mutex_);
-  bool raised() const { return raised_.load(); }
-  // Returns after the seconds, or as soon as the signal is raised.
-  void WaitFor(int32_t seconds) EXCLUDES(mutex_);
-
- private:
-  orb::Mutex mutex_;
-  orb::CondVar cv_;
-  std::atomic<bool> raised_{false};  // Set under mutex_, so that no waiter misses it.
-};
 
 // A group of threads under one stop signal. Once that is raised nothing is
 // started any more, so a JoinAll() that follows finds every thread there is.

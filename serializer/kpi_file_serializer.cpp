@@ -66,6 +66,11 @@ int KPIFileSerializer::WriteBuf(const unsigned char* buf, unsigned int len) {
   return 0;
 }
 
+size_t KPIFileSerializer::Pending() {
+  orb::MutexLock lock(queueMutex);
+  return queue.size() + (writing ? 1 : 0);
+}
+
 int KPIFileSerializer::WriteBlobSegsOptimized(unsigned int, uint64_t, uint64_t, unsigned int,
                                               const kiv_blob_segment_t*, unsigned int) {
   LOGE("%s not supported in KPIFileSerializer", "WriteBlobSegsOptimized");
@@ -112,11 +117,13 @@ std::shared_ptr<kpiDataStruct> KPIFileSerializer::NextItem() {
   std::shared_ptr<kpiDataStruct> item;
   {
     orb::MutexLock lock(queueMutex);
+    writing = false;
     while (queue.empty() && !stopWriter) queueCv.Wait(queueMutex);
     if (stopWriter) return nullptr;
     queued = queue.size();
     item = std::move(queue.front());
     queue.pop_front();
+    writing = true;
   }
   LOGD("%s: q size: %d", "writer_func", static_cast<int>(queued));
   return item;

@@ -46,6 +46,9 @@ class KPIFileSerializer : public KPISerializer {
   int WriteBuf(const unsigned char* buf, unsigned int len) override EXCLUDES(queueMutex);
   int Flush() override EXCLUDES(queueMutex);
 
+  // Records and flushes that are queued, and the one being written.
+  size_t Pending() override EXCLUDES(queueMutex);
+
   // Not supported: logs and answers -1.
   int WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsStart, uint64_t tsEnd,
                              unsigned int numSamples, const kiv_blob_segment_t* segs,
@@ -101,6 +104,7 @@ class KPIFileSerializer : public KPISerializer {
   std::deque<std::shared_ptr<kpiDataStruct>> queue GUARDED_BY(queueMutex);
   orb::Mutex queueMutex;
   bool stopWriter GUARDED_BY(queueMutex) = false;
+  bool writing GUARDED_BY(queueMutex) = false;
   orb::CondVar queueCv;
   std::thread writerThread;
   std::string cacheDir GUARDED_BY(fileMutex);

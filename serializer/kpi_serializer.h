@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -44,6 +45,10 @@ class KPISerializer {
     if (param == KIV_PARAM_SIZE_THRESHOLD) sizeThreshold = value;
     if (param == KIV_PARAM_TIME_THRESHOLD) timeThreshold = value;
   }
+
+  // Items accepted that are not dealt with yet; what a call has dealt with before
+  // it returns never counts.
+  virtual size_t Pending() { return 0; }
 
   // Pushes everything buffered towards its destination.
   virtual int Flush() = 0;

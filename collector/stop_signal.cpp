@@ -1,0 +1,19 @@
+// Tested by tests/collector/lifecycle_test.cpp.
+#include "collector/stop_signal.h"
+
+#include <chrono>
+
+void StopSignal::Raise() {
+  {
+    orb::MutexLock lock(mutex_);
+    raised_ = true;
+  }
+  cv_.NotifyAll();
+}
+
+void StopSignal::WaitFor(int32_t seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  orb::MutexLock lock(mutex_);
+  while (!raised_ && cv_.WaitUntil(mutex_, deadline)) {
+  }
+}
