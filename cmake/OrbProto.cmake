@@ -1,12 +1,14 @@
 # Generated protobuf code in two flavours from the same schemas: lite for the
-# library, full for the tool. One process links one of them, never both.
+# library, full for the tool. One process links one of them, never both: lite
+# code runs on either runtime, and goes on the full one in a program that has
+# the property ORB_FULL_PROTOBUF.
 find_package(Protobuf 3.21 REQUIRED)
 # Here, so that its target is known in every folder.
 find_package(nanopb REQUIRED)
 
 # orb_proto_library(TARGET lite|full FILE.proto...)
 function(orb_proto_library target flavour)
-  set(out ${CMAKE_BINARY_DIR}/gen/${flavour})
+  set(out ${CMAKE_BINARY_DIR}/gen/${target})
   file(MAKE_DIRECTORY ${out}/proto)
   set(prefix "")
   if(flavour STREQUAL "lite")
@@ -27,7 +29,9 @@ function(orb_proto_library target flavour)
   target_compile_options(${target} PRIVATE -Wno-error -w)
   target_include_directories(${target} SYSTEM PUBLIC ${out})
   if(flavour STREQUAL "lite")
-    target_link_libraries(${target} PUBLIC protobuf::libprotobuf-lite)
+    set(full $<BOOL:$<TARGET_PROPERTY:ORB_FULL_PROTOBUF>>)
+    target_link_libraries(${target} PUBLIC
+      $<IF:${full},protobuf::libprotobuf,protobuf::libprotobuf-lite>)
   else()
     target_link_libraries(${target} PUBLIC protobuf::libprotobuf)
   endif()
