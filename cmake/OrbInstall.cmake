@@ -1,7 +1,28 @@
-# Install rules in four components and the Debian packages made of them: sdk
-# (what a client runs with), sdk_dev (what its build needs on top), services
-# and tools. Nothing installed names the prefix: it may be moved as a whole.
+# Install rules in four components: sdk (what a client runs with), sdk_dev (what
+# its build needs on top), services and tools. Nothing installed names the prefix:
+# it may be moved as a whole.
 include(CMakePackageConfigHelpers)
+
+# orb_compress(FILE NAME RESULT): FILE as NAME.gz in the build tree, its path in
+# RESULT. Made when configuring, so that any one component can be installed.
+function(orb_compress file name result)
+  set(target ${CMAKE_BINARY_DIR}/packaging/${name}.gz)
+  file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/packaging)
+  execute_process(COMMAND gzip -9nc ${PROJECT_SOURCE_DIR}/${file} OUTPUT_FILE ${target}
+    COMMAND_ERROR_IS_FATAL ANY)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${file})
+  set(${result} ${target} PARENT_SCOPE)
+endfunction()
+
+# orb_install_manual(COMPONENT PAGE...): pages of docs/man.
+function(orb_install_manual component)
+  foreach(page ${ARGN})
+    string(REGEX REPLACE ".*\\." "" section ${page})
+    orb_compress(docs/man/${page} ${page} compressed)
+    install(FILES ${compressed} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
+      COMPONENT ${component})
+  endforeach()
+endfunction()
 
 install(TARGETS orb_sdk LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   COMPONENT sdk NAMELINK_COMPONENT sdk_dev)
@@ -28,8 +49,7 @@ install(FILES ${CMAKE_BINARY_DIR}/orb_sdk.pc
 
 install(TARGETS orb-managerd orb-hald RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   COMPONENT services)
-install(FILES docs/man/orb-managerd.8 docs/man/orb-hald.8
-  DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT services)
+orb_install_manual(services orb-managerd.8 orb-hald.8)
 # Units, bus policy, user and folders: under the prefix like the rest, though the
 # system looks for them below /usr only.
 set(ORB_SYSTEM_FILES
@@ -46,38 +66,6 @@ while(ORB_SYSTEM_FILES)
 endwhile()
 
 install(TARGETS orbctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-install(FILES docs/man/orbctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+orb_install_manual(tools orbctl.1)
 install(FILES packaging/linux/orbctl.bash-completion
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME orbctl COMPONENT tools)
-
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_VENDOR "orb SDK")
-set(CPACK_PACKAGE_CONTACT "orb SDK maintainers <maintainers@orb-sdk.invalid>")
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL sdk sdk_dev services tools)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}/collector
-  ${CMAKE_BINARY_DIR}/platform/linux)
-set(CPACK_COMPONENT_SDK_DESCRIPTION "Telemetry library for native daemons")
-set(CPACK_DEBIAN_SDK_PACKAGE_NAME liborb-sdk3)
-set(CPACK_DEBIAN_SDK_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_SDK_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/linux/sdk/triggers)
-set(CPACK_COMPONENT_SDK_DEV_DESCRIPTION "Headers and build files of the telemetry library")
-set(CPACK_DEBIAN_SDK_DEV_PACKAGE_NAME liborb-sdk-dev)
-set(CPACK_DEBIAN_SDK_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_SDK_DEV_PACKAGE_DEPENDS "liborb-sdk3 (= ${PROJECT_VERSION})")
-set(CPACK_COMPONENT_SERVICES_DESCRIPTION "Telemetry manager and HAL of a Linux system")
-set(CPACK_DEBIAN_SERVICES_PACKAGE_NAME orb-services)
-set(CPACK_DEBIAN_SERVICES_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_SERVICES_PACKAGE_DEPENDS "liborb-sdk3 (= ${PROJECT_VERSION}), dbus")
-set(CPACK_DEBIAN_SERVICES_PACKAGE_CONTROL_EXTRA
-  ${PROJECT_SOURCE_DIR}/packaging/linux/services/postinst)
-set(CPACK_COMPONENT_TOOLS_DESCRIPTION "Runs telemetry campaigns and reads what they bring")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME orbctl)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "liborb-sdk3 (= ${PROJECT_VERSION})")
-include(CPack)

@@ -1,0 +1,91 @@
+#!/usr/bin/env bash
+# Run by clean_root.sh in the root where the packages of /tmp/debs belong, with
+# the examples in /tmp: installs, uses and purges them as an administrator would.
+set -euo pipefail
+cd /tmp
+fail() { echo "in_root: $*" >&2; tail -n 20 /tmp/*.log >&2; exit 1; }
+await() {
+  local tries
+  for tries in $(seq 200); do
+    "$@" >/dev/null 2>&1 && return
+    sleep 0.05
+  done
+  fail "gave up waiting for: $*"
+}
+pids=()
+nobody=(setpriv --reuid nobody --regid nogroup --clear-groups)
+start_bus() {
+  mkdir -p /run/dbus
+  dbus-daemon --system --nofork --nopidfile 2>/tmp/bus.log &
+  bus=$!
+  await test -S /run/dbus/system_bus_socket
+}
+# Starts what a unit starts, as the user that it names.
+start_unit() {
+  local unit=/usr/lib/systemd/system/$1.service user key value
+  (
+    while IFS='=' read -r key value; do export "$key=$value"; done \
+      < <(sed -n 's/^Environment=//p' "$unit")
+    user=$(sed -n 's/^User=//p' "$unit")
+    eval "exec setpriv --reuid $user --regid $user --init-groups $(sed -n 's/^ExecStart=//p' "$unit")"
+  ) 2>"/tmp/$1.log" &
+  pids+=($!)
+}
+
+# The bus runs already, where there is one: it must take notice of the new policy.
+command -v dbus-daemon >/dev/null && start_bus
+dpkg -i debs/*.deb >dpkg.log 2>&1 || apt-get install -y -f --no-install-recommends >apt.log 2>&1 ||
+  fail "cannot be installed"
+{ command -v cc && command -v pkg-config; } >/dev/null ||
+  apt-get install -y --no-install-recommends gcc libc6-dev pkg-config >apt.log 2>&1
+[ -n "${bus:-}" ] || start_bus
+dpkg -i debs/*.deb >dpkg.log 2>&1 || fail "cannot be installed a second time"
+dpkg --audit | grep . && fail "dpkg finds fault"
+for folder in /var/lib/orb-managerd /var/spool/orb; do
+  [ "$(stat -c '%U:%G %a' $folder)" = "orb:orb 750" ] || fail "$folder: $(stat -c '%U:%G %a' $folder)"
+done
+for file in man/man1/orbctl.1 man/man8/orb-managerd.8 man/man8/orb-hald.8 \
+            doc/liborb-sdk3/changelog doc/orbctl/changelog; do
+  gzip -t /usr/share/$file.gz
+done
+[ -s /usr/share/bash-completion/completions/orbctl ] || fail "no completion"
+if command -v systemd-analyze >/dev/null; then
+  systemd-analyze verify --man=no orb-hald.service orb-managerd.service 2>verify.log || fail "units"
+fi
+[ "$(dpkg-query -W -f='${Version}' orbctl)" = "$(orbctl --version)" ] || fail "version"
+
+orbctl client list >none.log 2>&1 && fail "a manager before the services run"
+start_unit orb-hald
+start_unit orb-managerd
+await orbctl client list
+
+cc -std=gnu99 -Wall -Werror -o client orb_sysmon.c sysmon_proc.c $(pkg-config --cflags --libs orb_sdk)
+install -d -o nobody data
+(exec "${nobody[@]}" ./client --data-dir /tmp/data/) 2>client.log &
+pids+=($!)
+listed() { orbctl client list | grep -q orb-sysmon; }
+await listed
+"${nobody[@]}" orbctl client list >refused.log 2>&1 && fail "anybody may list clients"
+
+cat >c.txtpb <<'END'
+threshold_size: 1000
+kpi_cfgs { kpi_id: 1001 type: KPI_NUMERIC sub_type: COUNTER c_cfg {} sample_window: 5 }
+lic_sn_kpi_maps { lic_sn: 42 encrypt: true kpi_ids: 1001 }
+END
+orbctl key new owner
+orbctl campaign lint c.txtpb
+orbctl campaign start orb-sysmon c.txtpb --id 7 --lic 42:owner/public.pem:gcm
+await grep -q 'Serialize(), numSamples=5' client.log
+orbctl campaign stop orb-sysmon
+orbctl decode /var/spool/orb --key owner/private.pem >decoded.log || fail "decode"
+grep -q '1001  counter' decoded.log || fail "no record of KPI 1001"
+
+for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
+  kill "${pids[i]}"
+  wait "${pids[i]}" || fail "the ${i}. of HAL, manager and client ended with $?"
+done
+dpkg -r liborb-sdk-dev orbctl orb-services liborb-sdk3 >dpkg.log 2>&1 || fail "cannot be removed"
+[ -n "$(find /var/spool/orb -name '*.orb')" ] || fail "removal takes the uploads with it"
+dpkg -P liborb-sdk-dev orbctl orb-services liborb-sdk3 >dpkg.log 2>&1 || fail "cannot be purged"
+ldconfig -p | grep liborb && fail "the loader still knows the library"
+kill $bus
