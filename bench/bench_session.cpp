@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <numeric>
 #include <random>
 #include <thread>
 
@@ -13,6 +14,8 @@
 
 namespace orb::bench {
 namespace {
+
+constexpr size_t kDraws = 65536;
 
 void SleepMs(int ms) {
   if (ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
@@ -118,10 +121,13 @@ int Session::Start(const std::string& campaign) {
   return collector_->StartSession(config);
 }
 
-std::vector<uint32_t> ShuffledIds(uint32_t first, uint32_t count) {
+std::vector<uint32_t> RandomIds(uint32_t first, uint32_t count) {
+  std::mt19937 random(20);
   std::vector<uint32_t> ids(count);
-  for (uint32_t i = 0; i < count; ++i) ids[i] = first + i;
-  std::shuffle(ids.begin(), ids.end(), std::mt19937(20));
+  std::iota(ids.begin(), ids.end(), first);
+  std::shuffle(ids.begin(), ids.end(), random);
+  std::uniform_int_distribution<uint32_t> draw(first, first + count - 1);
+  while (ids.size() < kDraws) ids.push_back(draw(random));
   return ids;
 }
 

@@ -40,7 +40,7 @@ class PlainCollector {
 
 template <typename LogOne>
 void Repeat(benchmark::State& state, LogOne log_one) {
-  const std::vector<uint32_t> ids = ShuffledIds(kFirstCounter, kKpis);
+  const std::vector<uint32_t> ids = RandomIds(kFirstCounter, kKpis);
   size_t next = static_cast<size_t>(state.thread_index()) * 50;
   for (auto _ : state) {
     if (log_one(ids[next], 1) != 0) state.SkipWithError("refused");
@@ -103,7 +103,7 @@ void BM_LogDistribution(benchmark::State& state) {
   for (auto _ : state) {
     std::vector<int64_t> taken[2];
     const auto body = [&session](std::vector<int64_t>* out) {
-      const std::vector<uint32_t> ids = ShuffledIds(kFirstCounter, kKpis);
+      const std::vector<uint32_t> ids = RandomIds(kFirstCounter, kKpis);
       for (int i = 0; i < 50000; ++i) {
         const auto before = Clock::now();
         kiv_log(session.get(), ids[static_cast<size_t>(i) % ids.size()], 1);

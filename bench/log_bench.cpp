@@ -26,7 +26,7 @@ BENCHMARK(BM_FloorMutex);
 void BM_FloorMap(benchmark::State& state) {
   const uint32_t count = static_cast<uint32_t>(state.range(0));
   std::map<uint32_t, std::unique_ptr<int>> map;
-  const std::vector<uint32_t> ids = ShuffledIds(kFirstCounter, count);
+  const std::vector<uint32_t> ids = RandomIds(kFirstCounter, count);
   for (uint32_t id : ids) map[id] = std::make_unique<int>(0);
   size_t next = 0;
   for (auto _ : state) {
@@ -82,7 +82,7 @@ void BM_LogCounter(benchmark::State& state) {
   KpiMix mix;
   mix.counters = count;
   Session session(mix);
-  LogInTurn(state, session.get(), ShuffledIds(kFirstCounter, count));
+  LogInTurn(state, session.get(), RandomIds(kFirstCounter, count));
 }
 BENCHMARK(BM_LogCounter)->Arg(100)->Arg(1024);
 
@@ -90,7 +90,7 @@ void BM_LogHistogram(benchmark::State& state) {
   KpiMix mix;
   mix.histograms = 100;
   Session session(mix);
-  LogInTurn(state, session.get(), ShuffledIds(kFirstHistogram, 100));
+  LogInTurn(state, session.get(), RandomIds(kFirstHistogram, 100));
 }
 BENCHMARK(BM_LogHistogram);
 
@@ -98,7 +98,7 @@ void BM_LogGauge(benchmark::State& state) {
   KpiMix mix;
   mix.gauges = 100;
   Session session(mix);
-  LogInTurn(state, session.get(), ShuffledIds(kFirstGauge, 100));
+  LogInTurn(state, session.get(), RandomIds(kFirstGauge, 100));
 }
 BENCHMARK(BM_LogGauge);
 
