@@ -65,7 +65,7 @@ int Gauge::Serialize() {
        Nanoseconds(tsStart), Nanoseconds(tsEnd));
   if (N < 2) return 0;
   if (TIMEBASED()) sampleSpan = N;
-  orbtr::KPIData data;
+  orbtr::KPIData& data = serializer->EmptyRecord();
   orbtr::Gauge* record = data.add_gauges();
   fillMeta(record->mutable_meta());
   FillStatistics(record);
@@ -107,12 +107,11 @@ int Gauge::SampleAdd(long long ts) {
 }
 
 void Gauge::Print() const {
+  size_t run = 0;
   for (int32_t i = 0; i + 1 < N; ++i) {
-    int64_t offset_s = 0;
-    if (!tsArray.empty()) {
-      const size_t stored = std::min(static_cast<size_t>(i), tsArray.size() - 1);
-      offset_s = CheckedSub<int64_t>(tsArray[stored], tsArray[0]);
-    }
+    while (run + 1 < tsFirst.size() && tsFirst[run + 1] <= static_cast<uint32_t>(i)) ++run;
+    const int64_t offset_s =
+        tsArray.empty() ? 0 : CheckedSub<int64_t>(tsArray[run], tsArray.front());
     printf(" Index: %d  of %d SlopeBased %g Min %d Max %d Avg %g\n", i, N,
            static_cast<double>(b0 + b1 * static_cast<float>(offset_s)), min, max,
            static_cast<double>(avg));
@@ -121,15 +120,16 @@ void Gauge::Print() const {
 
 bool Gauge::IsFirstSample() const { return (TIMEBASED() ? sampleSpan : timeSpan) == 0; }
 
-// Memory grows with the samples that come, not with the window that was asked
-// for: a day in milliseconds would be 691 MB at once.
+// Memory grows with the seconds that pass, not with the samples nor with the
+// window that was asked for: a day in milliseconds would be 691 MB at once.
 void Gauge::StoreTimestamp(int64_t ts) {
-  if (tsIndex < tsCapacity) {
-    if (tsIndex < tsArray.size()) {
-      tsArray[tsIndex] = ts;
-    } else {
-      tsArray.push_back(ts);
-    }
+  if (tsIndex == 0) {
+    tsArray.clear();
+    tsFirst.clear();
+  }
+  if (tsIndex < tsCapacity && (tsArray.empty() || tsArray.back() != ts)) {
+    tsArray.push_back(ts);
+    tsFirst.push_back(tsIndex);
   }
   tsCount = CheckedAdd<uint32_t>(tsCount, 1);
   tsIndex = CheckedAdd<uint32_t>(tsIndex, 1);

@@ -50,9 +50,12 @@ class Gauge : public KPI {
   int64_t sumY = 0, sumX = 0, sumXY = 0, sumXX = 0, sumYY = 0;  // X seconds from refTs, Y values.
   float b0 = 0, b1 = 0;  // Offset and slope as of the last record.
   uint32_t mode = kSampleBased;
-  uint32_t tsCount = 0;          // Timestamps since the last reset.
-  uint32_t tsIndex = 0;          // Where the next timestamp goes.
-  std::vector<int64_t> tsArray;  // Seconds, for Print only; grows up to tsCapacity.
+  uint32_t tsCount = 0;  // Timestamps since the last reset.
+  uint32_t tsIndex = 0;  // Timestamps since the gauge's window opened.
+  // For Print only: the seconds of the first tsCapacity samples of the window,
+  // each second once, beside the index of its first sample.
+  std::vector<int64_t> tsArray;
+  std::vector<uint32_t> tsFirst;
   uint32_t tsCapacity = 0;
 
  private:

