@@ -21,7 +21,7 @@ int Counter::Serialize() {
     LOGI("numSamples < 1, so skipping");
     return 0;
   }
-  orbtr::KPIData data;
+  orbtr::KPIData& data = serializer->EmptyRecord();
   orbtr::Counter* counter = data.add_counters();
   fillMeta(counter->mutable_meta());
   counter->set_count(static_cast<uint64_t>(sum));

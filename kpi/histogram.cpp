@@ -63,7 +63,7 @@ int Histogram::Serialize() {
     LOGI("numSamples < 1, so skipping");
     return 0;
   }
-  orbtr::KPIData data;
+  orbtr::KPIData& data = serializer->EmptyRecord();
   orbtr::Histogram* histogram = data.add_histograms();
   fillMeta(histogram->mutable_meta());
   histogram->mutable_bucket_counts()->Add(buckets.begin(), buckets.end());

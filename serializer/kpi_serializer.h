@@ -27,6 +27,11 @@ class KPISerializer {
   // Null for an unknown type, or when the serializer could not be initialised.
   static std::unique_ptr<KPISerializer> Create(const Config& config);
 
+  // An empty record to fill and hand to Write: the same one each time, which
+  // keeps its parts, so that a closing window allocates none. Not thread-safe:
+  // the collector serializes its KPIs.
+  orbtr::KPIData& EmptyRecord();
+
   // Accepts one record; kpiId routes it to the LicSNs of that KPI. 0 on success.
   virtual int Write(orbtr::KPIData& data, unsigned int kpiId) = 0;
 
@@ -56,16 +61,19 @@ class KPISerializer {
   // Flushes and stops; no work is accepted afterwards.
   virtual int Finalize() = 0;
 
-  virtual ~KPISerializer() = default;
+  virtual ~KPISerializer();
 
   KPISerializer(const KPISerializer&) = delete;
   KPISerializer& operator=(const KPISerializer&) = delete;
 
  protected:
-  explicit KPISerializer(const char* name) : name(name) {}
+  explicit KPISerializer(const char* name);
 
   kiv_collector* collector = nullptr;
   const char* name;
   std::atomic<uint32_t> sizeThreshold{0};
   std::atomic<uint32_t> timeThreshold{0};
+
+ private:
+  const std::unique_ptr<orbtr::KPIData> record_;
 };

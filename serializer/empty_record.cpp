@@ -1,0 +1,14 @@
+// The record that a session's KPIs fill in turn.
+// Tested by tests/kpi/counter_test.cpp and its neighbours.
+#include "proto/kpi_data.pb.h"
+#include "serializer/kpi_serializer.h"
+
+KPISerializer::KPISerializer(const char* name)
+    : name(name), record_(std::make_unique<orbtr::KPIData>()) {}
+
+KPISerializer::~KPISerializer() = default;
+
+orbtr::KPIData& KPISerializer::EmptyRecord() {
+  record_->Clear();
+  return *record_;
+}
