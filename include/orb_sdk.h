@@ -1,4 +1,5 @@
-/* orb SDK: the telemetry API that a native daemon links (liborb_sdk.so).
+/** @file
+ * orb SDK: the telemetry API that a native daemon links (liborb_sdk.so).
  *
  * A daemon registers once, logs samples against numeric KPI ids as they happen
  * and forgets about them. Whether anything is collected, and over which
@@ -6,7 +7,16 @@
  *
  * Compiles as C99 and C++17. Unless a function says otherwise it may be called
  * from any thread, at any time between kiv_register and kiv_deregister, but
- * not from inside a session callback of the same collector.
+ * not from inside a session callback of the same collector and not from a signal
+ * handler. A process that forks does so before it registers: the library has
+ * threads.
+ *
+ * The functions that log, and kiv_is_kpi_enabled, wait while a session starts or
+ * stops; a stop hands the last data over. With slots, the call that fills one up
+ * also waits for the receiver's answer to it.
+ *
+ * A count or a sum that no longer fits its type ends the process: samples of a
+ * window past 2^32 - 1, a counter past 2^63 - 1.
  */
 #ifndef ORB_SDK_H_
 #define ORB_SDK_H_
@@ -18,180 +28,245 @@
 extern "C" {
 #endif
 
+/** Marks what the library exports. */
 #define KIV_API __attribute__((visibility("default")))
 
-/* What kiv_get_api_version answers. */
+/** What kiv_get_api_version answers. */
 #define KIV_API_VERSION 3u
 
-/* One registered client. Opaque; owned by the library. */
+/** One registered client. Opaque; owned by the library. */
 typedef struct kiv_collector kiv_collector;
 
-/* One piece of shared memory that was announced with kiv_set_fd. */
+/** A region of shared memory that was announced with kiv_set_fd. Opaque. */
 typedef struct kiv_fd_handle_s kiv_fd_handle_s;
 
-/* Called at every session start, on a thread of the library, with the
- * campaign's payload for the client: [len] bytes, borrowed for the call.
- * 0 accepts; any other value refuses the session and is what the manager is
- * told. Must not log, and must not register or de-register; kiv_flush,
- * kiv_set_cfg, kiv_get_campaign_id, kiv_set_fd, kiv_log_fd_buf and kiv_unset_fd
- * are allowed. */
+/** Called at every session start, on a thread of the library.
+ *
+ * @param c        the collector. Of its functions only kiv_flush, kiv_set_cfg,
+ *                 kiv_get_campaign_id, kiv_set_fd, kiv_log_fd_buf and kiv_unset_fd
+ *                 may be called; any other one waits for ever.
+ * @param payload  the campaign's payload for the client, borrowed for the call;
+ *                 may be null when len is 0.
+ * @param len      its bytes.
+ *
+ * @return 0 accepts; any other value refuses the session and is what the manager
+ *         is told. What a refused session has set up stays until the next start:
+ *         logging goes on answering 0. */
 typedef int (*kiv_start_session_cb)(kiv_collector* c, const uint8_t* payload, uint32_t len);
 
-/* Called at every session stop, same rules. Its result is the stop's result. */
+/** Called at every session stop, before the last data goes out; same rules. Its
+ * result is the stop's result. */
 typedef int (*kiv_stop_session_cb)(kiv_collector* c);
 
-/* Called on a thread of the library when the receiver has consumed a piece
- * that kiv_log_fd_buf announced; a, b and c are what it reports: byte offset of
- * the piece, and two values of the receiver's own. May run before
- * kiv_log_fd_buf has returned. */
+/** Called on a thread of the library when the receiver has consumed a piece that
+ * kiv_log_fd_buf announced. May run before kiv_log_fd_buf has returned, and for
+ * several pieces at once. Must not log, de-register or announce: it may be what
+ * one of these waits for. Hand the work to a thread of your own.
+ *
+ * @param h  what kiv_set_fd returned.
+ * @param a  byte offset of the piece in the region.
+ * @param b  a value of the receiver's own; orb-hald: the piece's bytes.
+ * @param c  another one; orb-hald: 0.
+ *
+ * @return ignored. */
 typedef int (*kiv_fd_done_cb)(kiv_fd_handle_s* h, uint32_t a, uint32_t b, int c);
 
 #pragma pack(push, 1)
-/* The registration record: 70 bytes without padding, its layout is part of the
+/** The registration record: 70 bytes without padding, its layout is part of the
  * interface. Read only during kiv_register; the strings are copied. Zero the
  * record first, then set what is needed. On processors that trap unaligned
  * access, copy fields by value and never take their address. */
 typedef struct kiv_cfg_s {
-  const char* name;                      /* Client name, not null: identity towards the manager. */
-  uint32_t registration_arg1;            /* Client type, passed to the manager unchanged. */
-  const char* data_dir;                  /* Directory for data files, not null; must end with '/'.
-                                            "orb_sdk.conf" is looked for there. */
-  kiv_start_session_cb start_session_cb; /* May be null. */
-  kiv_stop_session_cb stop_session_cb;   /* May be null. */
-  uint32_t client_mode;                  /* Below 2: connect to the manager. */
-  uint8_t hbt;                           /* Non-zero: records go to shared-memory slots instead of
-                                            files, and a campaign may name one LicSN only. */
-  uint8_t allocate_fd;                   /* With hbt: non-zero, the library allocates the memory. */
-  uint32_t fd_slot_size;                 /* With hbt and allocate_fd: bytes of one slot. */
-  uint32_t fd_nof_slots;                 /* With hbt and allocate_fd: slots, 1 to 64; at most 31 are
-                                            in use at a time. */
-  uint32_t fd_arg3;                      /* Where slots are compressed: 0, by the receiver. */
-  uint32_t fd_arg4;                      /* How slots are compressed. */
-  uint8_t custom_session_format;         /* Non-zero: campaigns are the client's own; the library
-                                            passes them to start_session_cb uninterpreted. */
-  uint8_t header_override;               /* Non-zero: the next two fields are used. */
-  uint8_t header_kind;                   /* Header byte 12; default 4. */
-  uint32_t header_version;               /* Header bytes 13 to 16; default 1. */
-  uint32_t registration_arg2;            /* Client option; the low byte reaches the manager. */
-  uint8_t sync_register;                 /* Non-zero: kiv_register waits for the manager. */
+  /** Client name, not null: its identity towards the manager, and part of file and
+   * upload names, so without '/' and not beginning with '.'. orb-managerd takes 1
+   * to 200 bytes without control characters, orb-hald at most 179. */
+  const char* name;
+  uint32_t registration_arg1; /**< Client type, passed to the manager unchanged. */
+  /** Directory for data files, not null; must exist, end with '/' and belong to
+   * this client alone. "orb_sdk.conf" is looked for there. */
+  const char* data_dir;
+  kiv_start_session_cb start_session_cb; /**< May be null. */
+  kiv_stop_session_cb stop_session_cb;   /**< May be null. */
+  /** 0 or 1: connect to the manager. From 2 on every attempt to register fails. */
+  uint32_t client_mode;
+  /** Non-zero: records go to shared-memory slots instead of files, and a campaign
+   * may name one LicSN only. */
+  uint8_t hbt;
+  /** With hbt: non-zero, the library allocates the memory; zero, campaigns are
+   * refused unless they are the client's own (custom_session_format). */
+  uint8_t allocate_fd;
+  /** With hbt and allocate_fd: bytes of one slot. Must hold the longest record;
+   * times fd_nof_slots it must stay below 2^32, or a session start ends the
+   * process. */
+  uint32_t fd_slot_size;
+  /** With hbt and allocate_fd: slots, 1 to 64; at most 31 are in use at a time. */
+  uint32_t fd_nof_slots;
+  /** Where slots and pieces are compressed: 0, by the receiver, and their header
+   * says that they are; else elsewhere, and it says that they are not. */
+  uint32_t fd_arg3;
+  /** How: the receiver is asked for type 1, or for none when this and fd_arg3 are 0.
+   * orb-hald keeps the bytes as they come. */
+  uint32_t fd_arg4;
+  /** Non-zero: campaigns are the client's own; the library passes them to
+   * start_session_cb uninterpreted and knows no KPIs: kiv_log_buf only. */
+  uint8_t custom_session_format;
+  uint8_t header_override;    /**< Non-zero: the next two fields are used. */
+  uint8_t header_kind;        /**< Header byte 12; default 4. */
+  uint32_t header_version;    /**< Header bytes 13 to 16; default 1. */
+  uint32_t registration_arg2; /**< Client option; the low byte, signed, reaches the manager. */
+  uint8_t sync_register;      /**< Non-zero: kiv_register waits for the manager. */
 } kiv_cfg_s;
 #pragma pack(pop)
 
-/* What kiv_set_cfg changes, for the running session. Other values may be passed,
+/** What kiv_set_cfg changes, for the running session. Other values may be passed,
  * so C++ needs the type named that C compilers choose. */
 #ifdef __cplusplus
 typedef enum kiv_param_type_t : unsigned int {
 #else
 typedef enum kiv_param_type_t {
 #endif
-  KIV_PARAM_SIZE_THRESHOLD = 0, /* Bytes of a data file before it is sent. */
-  KIV_PARAM_TIME_THRESHOLD = 1, /* Seconds; kept, no flush depends on it. */
-  KIV_PARAM_ANY = 0x7FFFFFFF    /* No parameter: makes every number a value of this type. */
+  KIV_PARAM_SIZE_THRESHOLD = 0, /**< Bytes of a data file before it is sent; 0: each record. */
+  KIV_PARAM_TIME_THRESHOLD = 1, /**< Seconds; kept, no flush depends on it. */
+  KIV_PARAM_ANY = 0x7FFFFFFF    /**< No parameter: makes every number a value of this type. */
 } kiv_param_type_t;
 
-/* One piece of a scattered blob; 16 bytes on 64-bit systems. */
+/** One piece of a scattered blob; 16 bytes on 64-bit systems. */
 typedef struct kiv_blob_segment_t {
-  const uint8_t* buf; /* [len] bytes, borrowed for the call; may be null when len is 0. */
-  uint32_t len;
+  const uint8_t* buf; /**< [len] bytes, borrowed for the call; may be null when len is 0. */
+  uint32_t len;       /**< Bytes. */
 } kiv_blob_segment_t;
 
-/* Registers a client and returns its collector, or NULL when that failed; the
- * log says why. cfg must not be NULL.
+/** Registers a client. cfg must not be NULL. "orb_sdk.conf" is read, for all
+ * clients of the process.
  *
  * Synchronous (sync_register): blocks until the manager has answered, at most
- * register_max_retries attempts register_retry_wait_sec apart (orb_sdk.conf).
- * Otherwise returns a collector at once and registers on a thread of its own,
- * also when there is no manager yet.
+ * register_max_retries attempts with register_retry_wait_sec after each
+ * (orb_sdk.conf; 12 and 5 unless set). Otherwise returns at once and registers on
+ * a thread of its own, also when there is no manager yet; after as many attempts
+ * it gives up for good.
  *
- * The collector is the library's; give it back with kiv_deregister. */
+ * @return a collector, the library's, to be given back with kiv_deregister; or
+ *         NULL when a synchronous registration failed; the log says why. */
 KIV_API kiv_collector* kiv_register(kiv_cfg_s* cfg);
 
-/* Stops any session, tells the manager and destroys the collector, which must
+/** Stops any session, tells the manager and destroys the collector, which must
  * not be in use by any other call and is gone afterwards. Blocks until the
- * library's threads for it have ended: at most one retry wait, plus the final
- * upload when a session was running; with slots, until the receiver has consumed
- * every one, which one that died never does. Not from inside a callback.
+ * library's threads for it have ended and the last data is handed over: a wait
+ * between two attempts ends at once, a call to the manager or the receiver ends
+ * with its answer. With slots, until the receiver has consumed every one, which one
+ * that died never does. Not from inside a callback.
  *
- * Returns 0, or -1: c is NULL, the client was not registered, or the manager
- * could not be told. The collector is destroyed in every case. */
+ * @return 0; -1: c is NULL, the client was not registered, or the manager could
+ *         not be told. The collector is destroyed in every case. */
 KIV_API int kiv_deregister(kiv_collector* c);
 
-/* Logs one sample of a counter, gauge or histogram, in the KPI's own unit.
- * Gauges and histograms read the value as signed.
+/** Logs one sample of a counter, gauge or histogram, in the KPI's own unit.
+ * Gauges and histograms read the value as signed. A histogram without a bucket for
+ * it ignores the value. Allocates nothing unless a window closes; a gauge's first
+ * long window grows a list of times.
  *
- * Returns 0; -1 when c is NULL, when no running campaign collects kpi_id, or
- * when the KPI is not numeric. Allocates nothing unless a window closes. */
+ * @return 0; -1: c is NULL, no running campaign collects kpi_id, or the KPI is
+ *         not numeric. That the record of a window that closed was lost is not told
+ *         here. */
 KIV_API int kiv_log(kiv_collector* c, uint32_t kpi_id, uint32_t value);
 
-/* Checks that kpi_id is an event KPI. Returns 0; -1 when c is NULL or the KPI is
- * unknown or of another type. Nothing is recorded. */
+/** Checks that kpi_id is an event KPI; arg is ignored and nothing is recorded.
+ * Campaigns with event KPIs are refused, so no id is one.
+ *
+ * @return 0; -1: c is NULL, or the KPI is unknown or of another type. */
 KIV_API int kiv_log_event(kiv_collector* c, uint32_t kpi_id, uint32_t arg);
 
-/* Checks that kpi_id is a state KPI. Returns 0; -1 when c is NULL or the KPI is
- * unknown; -2 when it is of another type. Nothing is recorded. */
+/** Checks that kpi_id is a state KPI; a and b are ignored, nothing is recorded.
+ *
+ * @return 0; -1: c is NULL or the KPI is unknown; -2: it is of another type. */
 KIV_API int kiv_log_state(kiv_collector* c, uint32_t kpi_id, uint32_t a, uint32_t b);
 
-/* Logs one blob of [len] bytes, borrowed for the call, as one record.
+/** Logs one blob of [len] bytes, borrowed for the call, as one record. buf may be
+ * null when len is 0.
  *
- * Returns 0; -1 when c is NULL, the KPI is unknown, or len exceeds the
- * campaign's limit for it; -2 when it is no blob KPI; with slots also what
- * kiv_log_buf may answer. */
+ * @return 0; -1: c is NULL, the KPI is unknown, or len exceeds the campaign's
+ *         limit for it; -2: it is no blob KPI; with slots also what kiv_log_buf
+ *         may answer. */
 KIV_API int kiv_log_blob(kiv_collector* c, uint32_t kpi_id, const uint8_t* buf, uint32_t len);
 
-/* Logs one blob given as [count] segments, in order; each is stored as its
+/** Logs one blob given as [count] segments, in order; each is stored as its
  * length, 32 bits in host byte order, and its bytes. The campaign's limit does
- * not apply.
+ * not apply; 4 GiB or more in all end the process.
  *
- * Returns 0; -1 when c is NULL, the KPI is unknown, there is no memory, or the
- * session writes to files while blob_segments_optimized is 1 (the default);
- * -2 when it is no blob KPI. */
+ * @return 0; -1: c is NULL, the KPI is unknown, there is no memory, or the session
+ *         writes to files while blob_segments_optimized is 1 (the default); -2: it
+ *         is no blob KPI; with slots also what kiv_log_buf may answer. */
 KIV_API int kiv_log_blob_segments(kiv_collector* c, uint32_t kpi_id, kiv_blob_segment_t* segs,
                                   uint32_t count);
 
-/* Appends [len] bytes of already encoded records to the session's data, past
- * all KPIs. Returns 0, or -1: c is NULL, no session, or no room. With slots also
- * the non-zero result of announcing the slot before, whose records are lost;
- * these bytes are kept then. */
+/** Appends [len] bytes of already encoded records to the session's data, past
+ * all KPIs; to the file of every owner. buf may be null when len is 0. With files
+ * the five bytes "Flush" are not data but do what kiv_flush does.
+ *
+ * @return 0; -1: c is NULL, no session, or no room. With slots also the non-zero
+ *         result of announcing the slot before, whose records are lost; these bytes
+ *         are kept then. */
 KIV_API int kiv_log_buf(kiv_collector* c, const uint8_t* buf, uint32_t len);
 
-/* Asks the running session to send what it has. Does not wait in file mode.
- * Returns 0 (also without a session), or -1 when c is NULL. */
+/** Asks the running session to send the records that it has; windows that are open
+ * stay open. With files it does not wait; with slots it announces the current one.
+ *
+ * @return 0, also without a session; -1: c is NULL. */
 KIV_API int kiv_flush(kiv_collector* c);
 
-/* Changes a threshold of the running session. Unknown types are ignored.
- * Returns 0, or -1 when c is NULL. */
+/** Changes a threshold of the running session, until it ends; campaigns' limits do
+ * not apply. With slots, without a session and for unknown types nothing happens.
+ *
+ * @return 0; -1: c is NULL. */
 KIV_API int kiv_set_cfg(kiv_collector* c, kiv_param_type_t type, uint32_t value);
 
-/* 1 when the running campaign collects kpi_id, else 0; -1 when c is NULL. */
+/** Whether the running campaign collects a KPI.
+ *
+ * @return 1 or 0; -1: c is NULL. */
 KIV_API int kiv_is_kpi_enabled(kiv_collector* c, uint32_t kpi_id);
 
-/* Announces a region of shared memory to the receiver: length bytes from
- * offset, of descriptor fd, which stays the caller's and must stay open until
- * kiv_unset_fd. done may be called from then on.
+/** Announces a region of shared memory to the receiver, which is not told again
+ * when it dies and returns: then set it anew.
  *
- * Returns a handle, or NULL: c is NULL or the receiver is absent or refused. */
+ * @param c       the collector.
+ * @param fd      descriptor of shared memory (ashmem, memfd or a file) that can be
+ *                read; stays the caller's, and open until kiv_unset_fd.
+ * @param offset  first byte of the region.
+ * @param length  its bytes, at least 1; all of them must be there.
+ * @param done    called for each piece that was consumed; may be null.
+ *
+ * @return a handle; NULL: c is NULL, its registration has not begun, or the
+ *         receiver is absent or refused. */
 KIV_API kiv_fd_handle_s* kiv_set_fd(kiv_collector* c, int fd, uint32_t offset, uint32_t length,
                                     kiv_fd_done_cb done);
 
-/* Announces len filled bytes at byte offset of the region; the receiver copies
- * them and then calls `done`. Leave the piece alone until it has. `unused` is
- * ignored; only the low 32 bits of offset count.
+/** Announces a filled piece of the region; the receiver copies it and then calls
+ * `done`. Leave the piece alone until it has. Needs no session.
  *
- * Returns 0, the receiver's own non-zero result, or -1: h is NULL or the
- * receiver could not be reached; after that `done` is not called. */
+ * @param h       what kiv_set_fd returned.
+ * @param unused  ignored.
+ * @param offset  first byte of the piece, counted from the region's first; only the
+ *                low 32 bits count.
+ * @param len     its bytes.
+ *
+ * @return 0; the receiver's own non-zero result; -1: h is NULL or the receiver
+ *         could not be reached. `done` is called after 0 only. */
 KIV_API int kiv_log_fd_buf(kiv_fd_handle_s* h, uint64_t unused, uint64_t offset, uint32_t len);
 
-/* Withdraws the region. The handle is out of use whatever the result; its
- * memory may then be released with free().
+/** Withdraws the region. The handle is out of use whatever the result, and no
+ * further `done` begins. One that has begun may still be running: release the
+ * handle with free() when every piece has been consumed, or after kiv_deregister.
  *
- * Returns 0, or -1: h is NULL or the receiver could not be told. */
+ * @return 0; -1: h is NULL or the receiver could not be told. */
 KIV_API int kiv_unset_fd(kiv_fd_handle_s* h);
 
-/* KIV_API_VERSION of the library that is linked. */
+/** KIV_API_VERSION of the library that is linked. */
 KIV_API uint32_t kiv_get_api_version(void);
 
-/* Stores the id of the current, or else the latest, campaign in *out; 0 before
- * the first. Returns 0, or -1 when c or out is NULL. */
+/** Stores the id of the current, or else the latest, campaign in *out; 0 before
+ * the first. A start that was refused counts.
+ *
+ * @return 0; -1: c or out is NULL. */
 KIV_API int kiv_get_campaign_id(kiv_collector* c, uint64_t* out);
 
 #ifdef __cplusplus
