@@ -1,7 +1,10 @@
 // seq-file := decimal number, line feed
+// Rewritten in place: a file that was emptied first would begin again at 0 when
+// the disk is full, or when the process ends in between.
 // Tested by tests/collector/next_seqno_test.cpp.
 #include "collector/next_seqno.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -11,11 +14,13 @@
 #include <limits>
 
 #include "utility/checked.h"
+#include "utility/unique_fd.h"
 
 namespace {
 
 // Longer text is no number of ours.
 constexpr size_t kTextBytesMax = 64;
+constexpr mode_t kMode = 0666;
 
 // 0 for anything that is not an unsigned 32-bit decimal.
 uint32_t ReadNumber(const char* path) {
@@ -35,11 +40,13 @@ uint32_t ReadNumber(const char* path) {
 
 uint32_t next_seqno(const char* path) {
   const uint32_t number = ReadNumber(path);
-  if (FILE* file = fopen(path, "we")) {
-    fprintf(file, "%" PRIu32 "\n", orb::CheckedAdd<uint32_t>(number, 1));
-    fflush(file);
-    fsync(fileno(file));
-    fclose(file);
+  char text[kTextBytesMax];
+  const int bytes =
+      snprintf(text, sizeof text, "%" PRIu32 "\n", orb::CheckedAdd<uint32_t>(number, 1));
+  const orb::UniqueFd file(open(path, O_WRONLY | O_CREAT | O_CLOEXEC, kMode));
+  // Numbers grow, so a tail is left of damaged files only; the line feed ends it.
+  if (file.ok() && pwrite(file.get(), text, static_cast<size_t>(bytes), 0) == bytes) {
+    if (ftruncate(file.get(), bytes) == 0) fsync(file.get());
   }
   return number;
 }
