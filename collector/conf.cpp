@@ -36,20 +36,33 @@ constexpr Key kKeys[] = {
 constexpr size_t kPathSkipChars = 17;
 
 // Every Conf ever published stays reachable, newest first: readers keep
-// references without a lock.
+// references without a lock. One with equal values is published again, so that
+// a client that registers again and again does not grow.
 struct Published {
   Conf conf;
   const Published* previous = nullptr;
 };
 
 constinit const Published first_published{};
-constinit std::atomic<const Published*> latest_published{&first_published};
+constinit std::atomic<const Published*> newest{&first_published};
+constinit std::atomic<const Published*> in_force{&first_published};
+
+const Published* FindEqual(const Conf& conf) {
+  const Published* found = newest.load(std::memory_order_acquire);
+  while (found != nullptr && found->conf != conf) found = found->previous;
+  return found;
+}
 
 void Publish(const Conf& conf) {
-  auto* published = new Published{conf, latest_published.load(std::memory_order_acquire)};
-  while (!latest_published.compare_exchange_weak(published->previous, published,
-                                                 std::memory_order_acq_rel)) {
+  const Published* found = FindEqual(conf);
+  if (found == nullptr) {
+    auto* published = new Published{conf, newest.load(std::memory_order_acquire)};
+    while (
+        !newest.compare_exchange_weak(published->previous, published, std::memory_order_acq_rel)) {
+    }
+    found = published;
   }
+  in_force.store(found, std::memory_order_release);
 }
 
 void ApplyLine(const std::string& line, Conf* conf) {
@@ -91,7 +104,7 @@ std::string Conf::trim(const std::string& text) {
   return text.substr(first, text.find_last_not_of(kDefaults.whitespace) - first + 1);
 }
 
-const Conf& Conf::Get() { return latest_published.load(std::memory_order_acquire)->conf; }
+const Conf& Conf::Get() { return in_force.load(std::memory_order_acquire)->conf; }
 
 bool Conf::ReadFile(const std::string& path, Conf* conf) {
   FILE* file = fopen(path.c_str(), "re");

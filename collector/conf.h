@@ -3,7 +3,7 @@
 // Every collector's construction builds a fresh Conf from the defaults and
 // the client's "orb_sdk.conf" and publishes it; with several collectors the
 // last one decides for all. A published Conf never changes and is never freed,
-// so readers need no lock and may keep the reference.
+// so readers need no lock and may keep the reference; equal ones are one object.
 #pragma once
 
 #include <cstdint>
@@ -26,6 +26,8 @@ struct Conf {
   int32_t nof_kpis_max = 1024;
   int32_t hist_nof_buckets_max = 1024;
   int32_t blob_segments_optimized = 1;
+
+  bool operator==(const Conf&) const = default;
 
   // `text` without leading and trailing whitespace.
   static std::string trim(const std::string& text);

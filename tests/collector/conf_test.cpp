@@ -99,11 +99,18 @@ TEST(ConfTest, MissingFileIsNamedFromItsEighteenthCharacter) {
 }
 
 TEST(ConfTest, PublishedValuesOutliveTheirSuccessors) {
+  orb::test::TempDir dir;
+  ASSERT_TRUE(orb::test::WriteFile(dir.path() + "/orb_sdk.conf", "nof_kpis_max = 7\n"));
   const Conf& before = Conf::Get();
   const int32_t value = before.nof_kpis_max;
-  Conf::Load("n/");
-  EXPECT_NE(&Conf::Get(), &before);
+  Conf::Load(dir.path() + "/");
+  const Conf& seven = Conf::Get();
+  EXPECT_EQ(seven.nof_kpis_max, 7);
   EXPECT_EQ(before.nof_kpis_max, value);
+  Conf::Load("n/");
+  EXPECT_EQ(Conf::Get().nof_kpis_max, value);
+  Conf::Load(dir.path() + "/");
+  EXPECT_EQ(&Conf::Get(), &seven) << "equal values are kept twice";
 }
 
 TEST(ConfTest, TrimsAllWhitespace) {
