@@ -2,9 +2,11 @@
 #include "services/common/service_host.h"
 
 #include <binder/ProcessState.h>
+#include <orb_platform/stop.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <utility>
 
@@ -15,6 +17,7 @@ namespace {
 
 constexpr int kUsage = 2;
 constexpr timespec kCheckInterval{1, 0};
+constexpr std::chrono::seconds kLastCalls(2);
 
 }  // namespace
 
@@ -54,6 +57,11 @@ int ServiceHost::Run() {
     received = sigtimedwait(&signals_, nullptr, &kCheckInterval);
   } while (received < 0);
   LOGI("ending on signal %d", received);
+  // A caller whose call has been carried out must hear of it: an upload that is
+  // stored, but not acknowledged, counts as lost with its client.
+  if (!orb_platform::StopThreadPoolBy(std::chrono::steady_clock::now() + kLastCalls)) {
+    LOGW("a call still runs; ending all the same");
+  }
   return 0;
 }
 

@@ -25,7 +25,7 @@ uint32_t FirstToken() {
 bool Channel::Confirm(uint32_t token, uint32_t offset, uint32_t size) {
   // The task owns what it needs: it may outlive the channel's place in the table.
   unconfirmed_->fetch_add(1);
-  const bool posted = executor_.Post([done = done_, count = unconfirmed_, token, offset, size] {
+  const bool posted = executor_->Post([done = done_, count = unconfirmed_, token, offset, size] {
     done(static_cast<int32_t>(token), static_cast<int32_t>(offset), static_cast<int32_t>(size), 0);
     count->fetch_sub(1);
   });
@@ -38,12 +38,11 @@ ChannelTable::ChannelTable() : next_token_(FirstToken()) {}
 uint32_t ChannelTable::Add(const Caller& caller, std::shared_ptr<const SharedRegion> region,
                            SlotDone done) {
   MutexLock lock(mutex_);
-  retired_.erase(
-      std::remove_if(retired_.begin(), retired_.end(),
-                     [](const std::shared_ptr<Channel>& gone) {
-                       return gone->executor().StoppedBy(std::chrono::steady_clock::now());
-                     }),
-      retired_.end());
+  retired_.erase(std::remove_if(retired_.begin(), retired_.end(),
+                                [](const std::shared_ptr<services::SerialExecutor>& gone) {
+                                  return gone->StoppedBy(std::chrono::steady_clock::now());
+                                }),
+                 retired_.end());
   const auto own = std::count_if(channels_.begin(), channels_.end(),
                                  [&](const auto& entry) { return entry.second->owner == caller; });
   if (static_cast<size_t>(own) >= kMaxPerCaller ||
@@ -80,9 +79,10 @@ bool ChannelTable::RemoveDead(uint32_t token) {
   return true;
 }
 
+// The region goes at once, with whoever still reads it.
 void ChannelTable::Retire(Channels::iterator at) {
-  at->second->executor().Stop();
-  retired_.push_back(std::move(at->second));
+  at->second->executor()->Stop();
+  retired_.push_back(at->second->executor());
   channels_.erase(at);
 }
 
@@ -92,17 +92,17 @@ bool ChannelTable::Has(uint32_t token) const {
 }
 
 bool ChannelTable::FinishBy(std::chrono::steady_clock::time_point deadline) {
-  std::vector<std::shared_ptr<Channel>> all;
+  std::vector<std::shared_ptr<services::SerialExecutor>> all;
   {
     MutexLock lock(mutex_);
     all = retired_;
-    for (const auto& [token, channel] : channels_) all.push_back(channel);
+    for (const auto& [token, channel] : channels_) all.push_back(channel->executor());
   }
-  // A client whose slots stay unconfirmed cannot end its session. Retired
-  // channels are stopped already.
-  for (const auto& channel : all) channel->executor().Finish();
+  // A client whose slots stay unconfirmed cannot end its session. Retired ones
+  // are stopped already.
+  for (const auto& executor : all) executor->Finish();
   return std::all_of(all.begin(), all.end(),
-                     [&](const auto& channel) { return channel->executor().StoppedBy(deadline); });
+                     [&](const auto& executor) { return executor->StoppedBy(deadline); });
 }
 
 }  // namespace orb::hal

@@ -35,13 +35,15 @@ class Channel {
   // keeps only its own slots. False when too many wait.
   bool Confirm(uint32_t token, uint32_t offset, uint32_t size);
   bool TooManyUnconfirmed() const { return unconfirmed_->load() >= kMaxUnconfirmed; }
-  services::SerialExecutor& executor() { return executor_; }
+  // Outlives the channel while a client has not taken note.
+  const std::shared_ptr<services::SerialExecutor>& executor() const { return executor_; }
 
  private:
   const SlotDone done_;
   const std::shared_ptr<std::atomic<size_t>> unconfirmed_ =
       std::make_shared<std::atomic<size_t>>(0);
-  services::SerialExecutor executor_{kMaxUnconfirmed};
+  const std::shared_ptr<services::SerialExecutor> executor_ =
+      std::make_shared<services::SerialExecutor>(kMaxUnconfirmed);
 };
 
 // Thread-safe.
@@ -75,9 +77,9 @@ class ChannelTable {
 
   mutable Mutex mutex_;
   Channels channels_ GUARDED_BY(mutex_);
-  // Closed, but a confirmation may not have returned; nobody else may drop the
-  // last reference of such a channel, because its destructor waits.
-  std::vector<std::shared_ptr<Channel>> retired_ GUARDED_BY(mutex_);
+  // Of closed channels. A confirmation may not have returned, and nobody else may
+  // drop the last reference then, because the destructor waits.
+  std::vector<std::shared_ptr<services::SerialExecutor>> retired_ GUARDED_BY(mutex_);
   uint32_t next_token_ GUARDED_BY(mutex_);
 };
 

@@ -26,6 +26,10 @@ const Caller* CallerScope::Exchange(const Caller* caller) {
 
 void StopThreadPool() { WorkerPool::Get().Stop(); }
 
+bool StopThreadPoolBy(std::chrono::steady_clock::time_point deadline) {
+  return WorkerPool::Get().StopBy(deadline);
+}
+
 }  // namespace orb_platform
 
 namespace android {

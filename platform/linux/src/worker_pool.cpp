@@ -57,6 +57,15 @@ void WorkerPool::Stop() {
   Bus::Get().Wake();
 }
 
+bool WorkerPool::StopBy(std::chrono::steady_clock::time_point deadline) {
+  Stop();
+  orb::MutexLock lock(mutex_);
+  while (running_ > 0) {
+    if (!done_.WaitUntil(mutex_, deadline)) return running_ == 0;
+  }
+  return true;
+}
+
 void WorkerPool::Post(std::function<void()> task) {
   orb::MutexLock lock(mutex_);
   tasks_.push_back(std::move(task));
@@ -83,10 +92,13 @@ void WorkerPool::Work() {
     if (!tasks_.empty()) {
       std::function<void()> task = std::move(tasks_.front());
       tasks_.pop_front();
+      ++running_;
       mutex_.Unlock();
       task();
       task = nullptr;
       mutex_.Lock();
+      --running_;
+      if (stopped.load()) done_.NotifyAll();
     } else if (!seat_taken_) {
       seat_taken_ = true;
       mutex_.Unlock();

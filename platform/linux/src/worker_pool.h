@@ -5,6 +5,7 @@
 // worker, or starts one while fewer than the maximum run.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -27,6 +28,8 @@ class WorkerPool {
   void Join() EXCLUDES(mutex_);
   // Async-signal-safe.
   void Stop();
+  // Stop(), and waits until no task runs; false when one does at the deadline.
+  bool StopBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);
 
   void Post(std::function<void()> task) EXCLUDES(mutex_);
   // Whether a task waits for a worker.
@@ -39,9 +42,11 @@ class WorkerPool {
 
   mutable orb::Mutex mutex_;
   orb::CondVar signalled_;
+  orb::CondVar done_;  // A task has ended, and the pool is stopped.
   std::deque<std::function<void()>> tasks_ GUARDED_BY(mutex_);
   size_t waiting_ GUARDED_BY(mutex_) = 0;  // Workers in signalled_.Wait.
   size_t signals_ GUARDED_BY(mutex_) = 0;  // Of those, how many are being woken.
+  size_t running_ GUARDED_BY(mutex_) = 0;  // Tasks.
   bool seat_taken_ GUARDED_BY(mutex_) = false;
   bool seat_woken_ GUARDED_BY(mutex_) = false;
   bool started_ GUARDED_BY(mutex_) = false;
