@@ -5,6 +5,7 @@
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
 #include <binder/Status.h>
+#include <utils/Errors.h>
 #include <utils/String16.h>
 
 #include "collector/kiv_collector.h"
@@ -67,6 +68,12 @@ int kivAIDLClient::registerClient(const std::string& name, uint32_t clientType,
   const Status status = manager_->registerKIVClient(info, callback_, &id);
   if (!status.isOk()) {
     LOGE("%s - failed with error - %d", "registerClient", status.exceptionCode());
+    // One that died before it could be watched is never reported, and every
+    // later attempt would meet it again.
+    if (!managerWatched_) {
+      ipcInitialised_ = false;
+      manager_ = nullptr;
+    }
     return -1;
   }
   LOGI("%s success. Token received - %s , client id received - %d", "registerClient",
@@ -109,6 +116,7 @@ bool kivAIDLClient::initOrbVHandle() {
   if (managerDeath_ == nullptr) managerDeath_ = sp<OrbvDeathRecipient>(new OrbvDeathRecipient());
   const ::android::status_t linked = managerBinder_->linkToDeath(managerDeath_, nullptr, 0);
   LOGI("%s: linkToDeath status: %d", "initOrbVHandle", linked);
+  managerWatched_ = linked == ::android::OK;
   manager_ = sp<IKIVManager>(new BpKIVManager(managerBinder_));
   callback_ = sp<IKIVCallback>(new KIVCallbackImpl());
   ipcInitialised_ = true;

@@ -95,6 +95,8 @@ class kivAIDLClient {
   // Each connects without waiting for a service that is absent: false then.
   bool initOrbVHandle() REQUIRES(mutex_);
   bool initOrbsyshalHandle() REQUIRES(mutex_);
+  // Whether there is a HAL, connecting when there is none.
+  bool EnsureHal() REQUIRES(mutex_);
 
   orb::Mutex mutex_;
   // True from a connection to the manager until its death.
@@ -104,11 +106,13 @@ class kivAIDLClient {
   // Kept for the death notice: the link lives as long as both do.
   ::android::sp<::android::IBinder> managerBinder_ GUARDED_BY(mutex_);
   ::android::sp<OrbvDeathRecipient> managerDeath_ GUARDED_BY(mutex_);
+  bool managerWatched_ GUARDED_BY(mutex_) = false;
 
   // Null until the first upload or region, and after the HAL's death.
   std::shared_ptr<::aidl::vendor::nuv::orbsyshal_aidl::IOrbsyshal> hal_ GUARDED_BY(mutex_);
   std::shared_ptr<OrbsyshalFDCallback> fdCallback_ GUARDED_BY(mutex_);
   ::ndk::ScopedAIBinder_DeathRecipient halDeath_ GUARDED_BY(mutex_);
+  bool halWatched_ GUARDED_BY(mutex_) = false;
 
   CollectorRoutes routes_;
 };

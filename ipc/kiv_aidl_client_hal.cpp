@@ -61,7 +61,8 @@ bool kivAIDLClient::initOrbsyshalHandle() {
   }
   LOGI("%s: got new instance of IOrbsyshal", "initOrbsyshalHandle");
   halDeath_.set(AIBinder_DeathRecipient_new(serviceDied));
-  if (AIBinder_linkToDeath(binder.get(), halDeath_.get(), nullptr) != STATUS_OK) {
+  halWatched_ = AIBinder_linkToDeath(binder.get(), halDeath_.get(), nullptr) == STATUS_OK;
+  if (!halWatched_) {
     LOGE("%s: transport error in orbsyshal->linkToDeath", "initOrbsyshalHandle");
   } else {
     LOGI("Registered orbsyshal death recipient");
@@ -70,11 +71,20 @@ bool kivAIDLClient::initOrbsyshalHandle() {
   return true;
 }
 
+bool kivAIDLClient::EnsureHal() {
+  // One that died before it could be watched is never reported.
+  if (hal_ != nullptr && !halWatched_ && !AIBinder_isAlive(hal_->asBinder().get())) {
+    hal_ = nullptr;
+    fdCallback_ = nullptr;
+  }
+  return hal_ != nullptr || initOrbsyshalHandle();
+}
+
 int kivAIDLClient::sendData(const std::string&, const std::string& name, const uint8_t* header,
                             uint32_t headerLen, const uint8_t* data, uint32_t dataLen,
                             const uint8_t* footer, uint32_t footerLen) {
   orb::MutexLock lock(mutex_);
-  if (hal_ == nullptr && !initOrbsyshalHandle()) {
+  if (!EnsureHal()) {
     LOGE("%s: could not initialize orbsyshal handle", "sendData");
     return -1;
   }
@@ -107,7 +117,7 @@ int kivAIDLClient::sendData(const std::string&, const std::string& name, const u
 int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, const std::string& token,
                            uint32_t* fdToken) {
   orb::MutexLock lock(mutex_);
-  if (hal_ == nullptr && !initOrbsyshalHandle()) {
+  if (!EnsureHal()) {
     LOGE("%s: could not initialize orbsyshal handle", "setupFD");
     return -1;
   }

@@ -3,6 +3,7 @@
 #include <android/log.h>
 #include <binder/IServiceManager.h>
 #include <stdlib.h>
+#include <utils/String8.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -18,6 +19,10 @@ namespace orb::test {
 namespace {
 
 constexpr char kManagerService[] = "vendor_kivsdkservice";
+
+class Nobody : public android::IBinder::DeathRecipient {
+  void binderDied(const android::wp<android::IBinder>&) override {}
+};
 
 }  // namespace
 
@@ -38,9 +43,20 @@ ClientTest::~ClientTest() {
   std::filesystem::remove_all(dir_);
 }
 
-sp<LocalServiceManager> ClientTest::Services() {
+sp<android::IBinder> MortalServices::checkService(const String16& name) const {
+  const sp<android::IBinder> found = LocalServiceManager::checkService(name);
+  if (found != nullptr && lookups_left_ > 0 && --lookups_left_ == 0) {
+    const_cast<MortalServices*>(this)->Kill(android::String8(name).c_str());
+    // Until its death has been reported, a link is still taken.
+    const sp<Nobody> nobody(new Nobody);
+    while (found->linkToDeath(nobody) == android::OK) std::this_thread::yield();
+  }
+  return found;
+}
+
+sp<MortalServices> ClientTest::Services() {
   static const auto* const services = [] {
-    auto* made = new sp<LocalServiceManager>(new LocalServiceManager());
+    auto* made = new sp<MortalServices>(new MortalServices());
     android::setDefaultServiceManager(*made);
     return made;
   }();

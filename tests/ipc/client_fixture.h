@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <orb_platform/local_service_manager.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -17,6 +18,17 @@
 #include "tests/support/log_capture.h"
 
 namespace orb::test {
+
+// Services that may die as soon as somebody has found them.
+class MortalServices : public orb_platform::LocalServiceManager {
+ public:
+  // After so many look-ups from now on, of any service.
+  void KillAfter(int lookups) { lookups_left_ = lookups; }
+  android::sp<android::IBinder> checkService(const android::String16& name) const override;
+
+ private:
+  mutable std::atomic<int> lookups_left_{0};
+};
 
 class ClientTest : public ::testing::Test {
  protected:
@@ -39,7 +51,7 @@ class ClientTest : public ::testing::Test {
   // "I text" of every line of the library since the last call or log_.Clear().
   std::vector<std::string> TakeLog();
 
-  static android::sp<orb_platform::LocalServiceManager> Services();
+  static android::sp<MortalServices> Services();
 
   LogCapture log_;  // Tests clear it.
   android::sp<FakeManager> manager_;

@@ -136,6 +136,16 @@ TEST_F(ManagerClientTest, ManagerDeathReachesEveryCollectorAndEachReturns) {
   EXPECT_EQ(manager_->StartSession("token-3", Campaign(2)), 0);
 }
 
+TEST_F(ManagerClientTest, AManagerThatDiesWhenItIsFoundIsNotKept) {
+  StartManager();
+  Services()->KillAfter(2);
+  kiv_collector* const collector = NewCollector("radio");
+  EXPECT_EQ(client_->registerClient("radio", 2, 0, collector), -1);
+  EXPECT_TRUE(log_.Contains("initOrbVHandle: linkToDeath status: -32"));
+  StartManager();
+  EXPECT_EQ(client_->registerClient("radio", 2, 0, collector), 0);
+}
+
 TEST_F(ManagerClientTest, CallsOfTheManagerInsideOurCallsDoNotBlock) {
   StartManager();
   FakeManager* const manager = manager_.get();
