@@ -1,8 +1,5 @@
 // Sessions: what a campaign builds, and how it is taken down again.
 // Tested by tests/collector/session_test.cpp.
-#include <google/protobuf/arena.h>
-
-#include <climits>
 #include <utility>
 
 #include "collector/conf.h"
@@ -42,11 +39,8 @@ int kiv_collector::StartSession(const KIVCampConfig& config) {
   }
   if (cfg_.custom_session_format) return StartCustomSession(config);
   LogCalled("StartSession");
-  // A thousand KPIs are a thousand messages: made and freed as one piece.
-  google::protobuf::Arena arena;
-  LTCCampaignDef& def = *google::protobuf::Arena::CreateMessage<LTCCampaignDef>(&arena);
-  const size_t bytes = config.campaignDef.size();
-  if (bytes > INT_MAX || !def.ParseFromArray(config.campaignDef.data(), static_cast<int>(bytes))) {
+  LTCCampaignDef def;
+  if (!def.ParseFromString(std::string(config.campaignDef.begin(), config.campaignDef.end()))) {
     LOGE("%s: failed to parse session config", cfg_.name.c_str());
     return -1;
   }
@@ -62,7 +56,6 @@ int kiv_collector::StartSession(const KIVCampConfig& config) {
   licSnEncrypt_.clear();
   generateLicSn2IsvKeyMap(config.licInfo);
   for (const LicenseSNKPIMap& entry : def.lic_sn_kpi_maps()) generateKpi2LicSNMap(entry);
-  kpiLicSns_.Sort();
 
   KPISerializer::Config serializer;
   if (!ConfigureSerializer(def, &serializer)) return -1;
@@ -152,7 +145,7 @@ int kiv_collector::generateLicSn2IsvKeyMap(const std::vector<LicInfo>& list) {
 int kiv_collector::generateKpi2LicSNMap(const LicenseSNKPIMap& entry) {
   licSnEncrypt_.emplace(entry.lic_sn(), entry.encrypt());
   for (const uint32_t kpi : entry.kpi_ids()) {
-    kpiLicSns_.Add(kpi, entry.lic_sn());
+    kpiLicSns_.try_emplace(kpiLicSns_.end(), kpi)->second.push_back(entry.lic_sn());
   }
   return 0;
 }

@@ -1,6 +1,12 @@
 #include "tests/faults/scenarios.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
 
 namespace orb::test {
 namespace {
@@ -36,6 +42,156 @@ void KillBoth(World& world) {
   RecoverMostly(world);
 }
 
+// The clean end of the service, as for an update.
+void RestartHal(World& world) {
+  world.BeginOutage();
+  world.KillHal(SIGTERM);
+  world.StartHal();
+  world.EndOutage();
+}
+
+void RestartBus(World& world) {
+  world.BeginOutage();
+  world.RestartBus();
+  world.EndOutage();
+  world.ExpectProgress();
+  RecoverMostly(world);
+}
+
+void SlowHal(World& world) {
+  world.Mood("slow");
+  world.Pause(600);
+  world.ExpectProgress();
+  world.Mood("well");
+}
+
+void WrongHal(World& world) {
+  world.BeginOutage();
+  world.Mood("wrong");
+  world.Pause(600);
+  world.Mood("well");
+  world.EndOutage();
+}
+
+// It comes to its senses, or it is put out of its misery.
+void SilentHal(World& world) {
+  const bool dies = world.Random(2) == 0;
+  world.Mood("never");
+  world.Pause(600);
+  world.ExpectProgress();
+  if (dies) {
+    KillHal(world);
+  } else {
+    world.Mood("well");
+  }
+}
+
+// A HAL that stands still and returns; every slot call waits for it.
+void StopAndContinueHal(World& world) {
+  world.hal().Signal(SIGSTOP);
+  world.Pause(300);
+  world.hal().Signal(SIGCONT);
+}
+
+// The region was announced to the HAL of before: a new session announces it again.
+void RestartHalBetweenSessions(World& world) {
+  RestartHal(world);
+  world.Expect(world.StopCampaign(std::chrono::seconds(60)),
+               "the session does not end after a clean end of the HAL");
+  world.Expect(world.StartCampaign(5), "the client does not take its campaign again");
+}
+
+void KillHalWithSlots(World& world) {
+  KillHal(world);
+  if (!world.StopCampaign(std::chrono::seconds(3))) world.ReplaceStuckClient();
+  world.Expect(world.StartCampaign(5), "the client does not take its campaign again");
+  world.Ask("load");
+}
+
+void RegisterAgainAndAgain(World& world) {
+  std::istringstream answer(world.Ask("rounds 23"));
+  int failed = 0;
+  int64_t grown = 0;
+  answer >> failed >> grown;
+  world.Expect(failed == 0, "a registration failed");
+  // What the first ones leave is kept once; some scatter remains.
+  if (world.heap_rounds > 0) world.heap_grown += grown;
+  world.heap_rounds += 20;
+  world.Expect(world.heap_grown <= 4096 + 40 * world.heap_rounds,
+               std::to_string(world.heap_rounds) + " registrations left " +
+                   std::to_string(world.heap_grown) + " bytes");
+}
+
+void FillData(World& world) {
+  world.Fill(world.data_dir(), true);
+  world.Pause(400);
+  world.Fill(world.data_dir(), false);
+}
+
+void FillSpool(World& world) {
+  world.BeginOutage();
+  world.Fill(world.stack().spool(), true);
+  world.Pause(400);
+  world.Fill(world.stack().spool(), false);
+  world.EndOutage();
+}
+
+// An owner whose file cannot be made stays without one until the next session.
+void TakeDataAway(World& world) {
+  const std::string there = world.stack().path("data");
+  const std::string away = world.stack().path("away");
+  world.BeginOutage();
+  rename(there.c_str(), away.c_str());
+  world.Pause(300);
+  rename(away.c_str(), there.c_str());
+  world.EndOutage();
+  world.Expect(world.StopCampaign(std::chrono::seconds(60)), "the campaign does not stop");
+  world.Expect(world.StartCampaign(5), "the client does not take its campaign again");
+}
+
+void ReplaceClient(World& world, int code) {
+  world.Expect(world.client().Wait(std::chrono::seconds(60)) == code, "the client does not end");
+  world.StartClient();
+  world.Expect(world.WaitForCampaign(), "the campaign is not back");
+  world.EndOutage();
+  world.Ask("load");
+}
+
+void ExitClient(World& world) {
+  world.BeginOutage();
+  world.client().Send("exit");
+  ReplaceClient(world, 0);
+}
+
+void KillClient(World& world) {
+  world.BeginOutage();
+  world.client().Signal(SIGKILL);
+  ReplaceClient(world, 128 + SIGKILL);
+}
+
+void StepClock(World& world) {
+  const int64_t reach = world.Random(2) == 0 ? 3600 : 30 * 86400;
+  const int64_t offset_s = static_cast<int64_t>(world.Random(2 * reach)) - reach;
+  const int fd = open(world.stack().path("clock").c_str(), O_WRONLY | O_CLOEXEC);
+  world.Expect(pwrite(fd, &offset_s, sizeof offset_s, 0) == sizeof offset_s, "no clock");
+  close(fd);
+}
+
+void PrepareClock(World& world) {
+  WriteFile(world.stack().path("clock"), std::string(sizeof(int64_t), '\0'));
+  world.client_environment()["ORB_CLOCK"] = world.stack().path("clock");
+  world.client_environment()["LD_PRELOAD"] = ORB_STEPPING_CLOCK;
+}
+
+void FinishForks(World& world) {
+  std::istringstream answer(world.Ask("forks off"));
+  int run = 0;
+  int failed = -1;
+  answer >> run >> failed;
+  world.Expect(run > 0 && failed == 0, std::to_string(failed) + " of " + std::to_string(run) +
+                                           " programs were handed a descriptor");
+}
+
 }  // namespace
 
 const std::vector<Scenario>& Scenarios() {
@@ -52,6 +208,93 @@ const std::vector<Scenario>& Scenarios() {
        .sync = true},
       {.name = "hal-kill", .does = "the HAL is killed", .inject = KillHal},
       {.name = "both-kill", .does = "manager and HAL are killed", .inject = KillBoth},
+      {.name = "hal-restart", .does = "the HAL is ended and started", .inject = RestartHal},
+      {.name = "bus-restart", .does = "the bus daemon is killed", .inject = RestartBus},
+      {.name = "hal-slow",
+       .does = "the HAL takes 200 ms a call",
+       .inject = SlowHal,
+       .lossless = true,
+       .odd_hal = true},
+      {.name = "hal-wrong",
+       .does = "the HAL fails, refuses and lies",
+       .inject = WrongHal,
+       .odd_hal = true},
+      {.name = "hal-silent",
+       .does = "the HAL does not answer, until it does or is killed",
+       .inject = SilentHal,
+       .odd_hal = true},
+      {.name = "rounds",
+       .does = "the client registers and de-registers",
+       .inject = RegisterAgainAndAgain,
+       .lossless = true},
+      {.name = "client-kill",
+       .does = "the client is killed",
+       .inject = KillClient,
+       .client_dies = true},
+      {.name = "client-exit",
+       .does = "the client calls exit() with all its threads alive",
+       .inject = ExitClient,
+       .client_dies = true,
+       .prepare =
+           [](World& world) {
+             const char* options = getenv("TSAN_OPTIONS");
+             world.client_environment()["TSAN_OPTIONS"] =
+                 std::string(options != nullptr ? options : "") + ":report_thread_leaks=0";
+           }},
+      {.name = "client-forks",
+       .does = "the client forks and executes programs; the manager is killed",
+       .inject = KillManager,
+       .lossless = true,
+       .started = [](World& world) { world.Ask("forks on"); },
+       .finish = FinishForks},
+      {.name = "clock",
+       .does = "the wall clock steps, up to a month",
+       .inject = StepClock,
+       .lossless = true,
+       .prepare = PrepareClock},
+      {.name = "data-away",
+       .does = "the data directory is moved away and back",
+       .inject = TakeDataAway,
+       .numbers_may_repeat = true},
+      {.name = "data-full",
+       .does = "the client's disk is full",
+       .inject = FillData,
+       .mounts = true,
+       .torn = true,
+       .prepare =
+           [](World& world) {
+             world.MountSmall(world.data_dir());
+             world.stack().MakeDataDir("data");
+           }},
+      {.name = "spool-full",
+       .does = "the HAL's disk is full",
+       .inject = FillSpool,
+       .mounts = true,
+       .prepare = [](World& world) { world.MountSmall(world.stack().spool()); }},
+      {.name = "slots-manager-kill",
+       .does = "slots; the manager is killed",
+       .inject = KillManager,
+       .slots = true,
+       .lossless = true},
+      {.name = "slots-hal-stop",
+       .does = "slots; the HAL stands still and goes on",
+       .inject = StopAndContinueHal,
+       .slots = true,
+       .lossless = true},
+      {.name = "slots-hal-wrong",
+       .does = "slots; the HAL fails, refuses and lies",
+       .inject = WrongHal,
+       .slots = true,
+       .odd_hal = true},
+      {.name = "slots-hal-restart",
+       .does = "slots; the HAL is ended and started, then the campaign",
+       .inject = RestartHalBetweenSessions,
+       .slots = true},
+      {.name = "slots-hal-kill",
+       .does = "slots; the HAL is killed, and with it clients that wait for it",
+       .inject = KillHalWithSlots,
+       .slots = true,
+       .client_dies = true},
   };
   return all;
 }

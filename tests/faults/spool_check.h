@@ -19,6 +19,8 @@ struct SpoolRules {
   bool two_owners = true;
   bool lossless = false;          // Phase 0 is complete, like phase 1 always.
   bool blobs_may_repeat = false;  // In another file: the client died in between.
+  bool torn = false;              // Phase 0 is not looked at.
+  bool numbers_may_repeat = false;
   std::vector<Outage> outages;
   uint64_t next_seqno = 0;  // The content of the client's .seq file.
 };

@@ -42,6 +42,9 @@ size_t DescriptorsOf(pid_t pid) {
 World::World(const Scenario& scenario, uint64_t seed) : scenario_(scenario), random_(seed) {}
 
 World::~World() {
+  client_.Signal(SIGKILL);
+  stack_.hal().Signal(SIGKILL);
+  for (const std::string& folder : mounts_) RunCommand({"umount", "-l", folder});
   if (counts_ != nullptr) munmap(counts_, sizeof *counts_);
 }
 
@@ -78,7 +81,7 @@ void World::StartManager() {
 
 void World::StartHal() {
   if (scenario_.odd_hal) {
-    odd_hal_ = stack_.StartProgram({"orb_odd_hal", stack_.spool()}, "odd-hal");
+    odd_hal_ = stack_.StartProgram({ORB_ODD_HAL, stack_.spool()}, "odd-hal");
     Expect(odd_hal_.ReadLine(kPatience) == "ready", "the HAL does not start");
     return;
   }
@@ -107,6 +110,61 @@ void World::RestartBus() {
   stack_.bus().Start();
   WaitForLine("orb-managerd", "is published", manager);
   WaitForLine("orb-hald", "is published", hal);
+}
+
+void World::Mood(const std::string& word) { Expect(odd_hal_.Send(word), "the HAL is gone"); }
+
+uint64_t World::Logged() const {
+  uint64_t logged = 0;
+  for (const LoadCount& count : counts_->kpis[0]) logged += count.offered;
+  return logged;
+}
+
+void World::ExpectProgress() {
+  const uint64_t before = Logged();
+  const bool on = WaitFor([&] { return Logged() > before + 1000; }, kPatience);
+  Expect(on, "the client's threads hang");
+  if (!on) DumpStacks(&client_, "client");
+}
+
+void World::MountSmall(const std::string& folder) {
+  RunCommand({"mkdir", "-p", folder});
+  const CommandResult mounted =
+      RunCommand({"mount", "-t", "tmpfs", "-o", "size=512k", "tmpfs", folder});
+  Expect(mounted.exit_code == 0, "mount: " + mounted.err);
+  mounts_.push_back(folder);
+}
+
+void World::Fill(const std::string& folder, bool full) {
+  const std::string ballast = folder + "/ballast";
+  if (!full) {
+    unlink(ballast.c_str());
+    return;
+  }
+  const int fd = open(ballast.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  const char page[4096] = {};
+  while (write(fd, page, sizeof page) > 0) {
+  }
+  close(fd);
+}
+
+// The only way out for a client that waits for slots of a HAL that died.
+void World::ReplaceStuckClient() {
+  const std::string log = stack_.LogOf("client");
+  const std::string text = "nof_slots_sent_pending: ";
+  const size_t at = log.rfind(text);
+  const bool waits = at != std::string::npos && log[at + text.size()] != '0';
+  Expect(waits, "the session does not end, though no slot is pending");
+  if (!waits) DumpStacks(&client_, "client");
+  client_.Signal(SIGKILL);
+  client_.Wait(kPatience);
+  ++replaced_;
+  StartClient();
+}
+
+bool World::StopCampaign(std::chrono::milliseconds patience) {
+  ChildProcess stop = stack_.StartProgram({ORB_CTL, "campaign", "stop", kClient}, "stop");
+  return stop.Wait(patience) == 0;
 }
 
 void World::ExpectRunning() {
@@ -253,7 +311,12 @@ void World::End() {
                      " descriptors, it had " + std::to_string(before->second));
   }
   Expect(stack_.manager().Stop() == 0, "the manager does not end cleanly");
-  Expect(hal().Stop() == 0, "the HAL does not end cleanly");
+  if (scenario_.odd_hal) {
+    odd_hal_.CloseInput();
+    Expect(odd_hal_.Wait(kPatience) == 0, "the HAL does not end cleanly");
+  } else {
+    Expect(hal().Stop() == 0, "the HAL does not end cleanly");
+  }
 }
 
 void World::Check() {
@@ -261,10 +324,12 @@ void World::Check() {
   rules.two_owners = !scenario_.slots;
   rules.lossless = scenario_.lossless;
   rules.blobs_may_repeat = scenario_.client_dies;
+  rules.torn = scenario_.torn;
+  rules.numbers_may_repeat = scenario_.numbers_may_repeat;
   rules.outages = outages_;
   rules.next_seqno = strtoull(ReadFileOrEmpty(data_dir_ + kClient + ".seq").c_str(), nullptr, 10);
   const CommandResult decoded = stack_.Ctl({"decode", stack_.spool(), "--format", "json"});
-  Expect(decoded.exit_code == 0, "not everything can be decoded: " + decoded.err);
+  Expect(decoded.exit_code == 0 || scenario_.torn, "not everything can be decoded: " + decoded.err);
   report_ = CheckSpool(stack_.spool(), decoded.out, *counts_, rules);
   failures_.insert(failures_.end(), report_.failures.begin(), report_.failures.end());
 }
@@ -291,10 +356,10 @@ void World::Keep(const std::string& folder) {
 std::string World::Summary() const {
   char text[256];
   snprintf(text, sizeof text,
-           "%d faults, %" PRIu64 " uploads, %" PRIu64 " missing, %" PRIu64 " records; %" PRIu64
-           " samples accepted, %" PRIu64 " decoded",
-           faults_, report_.files, report_.missing_numbers, report_.records, report_.accepted,
-           report_.decoded);
+           "%d faults, %d clients replaced, %" PRIu64 " uploads, %" PRIu64 " missing, %" PRIu64
+           " records; %" PRIu64 " samples accepted, %" PRIu64 " decoded",
+           faults_, replaced_, report_.files, report_.missing_numbers, report_.records,
+           report_.accepted, report_.decoded);
   return text;
 }
 

@@ -20,11 +20,14 @@ struct Scenario {
   const char* does;
   // One fault and its end, or null for none: afterwards everything runs again.
   void (*inject)(World&) = nullptr;
-  bool slots = false;        // Slots instead of files.
-  bool lossless = false;     // What was accepted must all be decoded.
-  bool sync = false;         // The client registers synchronously.
-  bool odd_hal = false;      // tests/faults/odd_hal.cpp instead of orb-hald.
-  bool client_dies = false;  // The fault ends the client now and then.
+  bool slots = false;               // Slots instead of files.
+  bool lossless = false;            // What was accepted must all be decoded.
+  bool sync = false;                // The client registers synchronously.
+  bool odd_hal = false;             // tests/faults/odd_hal.cpp instead of orb-hald.
+  bool client_dies = false;         // Ends now and then, and sends what it left when it is back.
+  bool mounts = false;              // Needs a mount namespace of its own.
+  bool torn = false;                // Uploads of phase 0 may hold half a record.
+  bool numbers_may_repeat = false;  // Of uploads: the client could not see its .seq file.
   // Before the client starts, and after its campaign has.
   void (*prepare)(World&) = nullptr;
   void (*started)(World&) = nullptr;
@@ -58,6 +61,8 @@ class World {
   void StartManager();
   void StartHal();
   void RestartBus();
+  // What the odd HAL is told.
+  void Mood(const std::string& word);
   // Uploads made between the two may be missing.
   void BeginOutage();
   void EndOutage();
@@ -68,8 +73,21 @@ class World {
   std::string Ask(const std::string& command);
   void Expect(bool holds, const std::string& what);
   void ExpectRunning();
+  // The client's threads go on logging, whatever it is that fails.
+  void ExpectProgress();
+  bool StopCampaign(std::chrono::milliseconds patience);
+  void ReplaceStuckClient();
+  // A small file system in place of a folder.
+  void MountSmall(const std::string& folder);
+  // Leaves no room on it; with false, gives the room back.
+  void Fill(const std::string& folder, bool full);
+
+  // For scenarios: bytes that stayed, after so many rounds.
+  int64_t heap_grown = 0;
+  int64_t heap_rounds = 0;
 
  private:
+  uint64_t Logged() const;
   void Start();
   void Recover();
   void End();
@@ -93,7 +111,9 @@ class World {
   std::string first_state_;
   std::map<pid_t, size_t> service_descriptors_;
   SpoolReport report_;
+  std::vector<std::string> mounts_;
   int faults_ = 0;
+  int replaced_ = 0;
 };
 
 }  // namespace orb::test
