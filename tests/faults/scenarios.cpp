@@ -4,9 +4,11 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
+#include <thread>
 
 namespace orb::test {
 namespace {
@@ -122,10 +124,19 @@ void RegisterAgainAndAgain(World& world) {
                    std::to_string(world.heap_grown) + " bytes");
 }
 
+// Whatever a file gives up meanwhile is taken, too. Sessions end in it, so that
+// there are uploads, and numbers for them.
 void FillData(World& world) {
-  world.Fill(world.data_dir(), true);
+  std::atomic<bool> full{true};
+  std::thread filler([&] {
+    while (full) world.Fill(world.data_dir(), true);
+  });
   world.Pause(400);
+  world.Expect(world.StopCampaign(std::chrono::seconds(60)), "the campaign does not stop");
+  full = false;
+  filler.join();
   world.Fill(world.data_dir(), false);
+  world.Expect(world.StartCampaign(5), "the client does not take its campaign again");
 }
 
 void FillSpool(World& world) {
