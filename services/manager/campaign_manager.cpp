@@ -184,7 +184,8 @@ std::vector<ClientRecord> CampaignManager::ListClients() {
 
 ControlReply CampaignManager::NotThere(const std::string& name) const {
   return store_->Knows(name) ? Reply(ControlReply::REFUSED, name + " is not connected")
-                             : Reply(ControlReply::REFUSED, "no client is called " + name);
+                             : Reply(ControlReply::REFUSED,
+                                     "no client is called " + name + "; see orbctl client list");
 }
 
 ControlReply CampaignManager::RunOn(const Client& client, std::function<ControlReply()> call) {

@@ -47,7 +47,8 @@ ControlReply CampaignManager::Start(RegisteredClient* client, const KIVCampConfi
     LOGW("client %s refused campaign %" PRId64 ": result %d", client->name.c_str(), config.campId,
          result);
     return Reply(ControlReply::REFUSED,
-                 client->name + " refused the campaign with result " + std::to_string(result),
+                 client->name + " refused the campaign with result " + std::to_string(result) +
+                     "; its log says why",
                  result);
   }
   LOGI("client %s runs campaign %" PRId64, client->name.c_str(), config.campId);

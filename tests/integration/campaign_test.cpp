@@ -241,7 +241,12 @@ TEST_F(CampaignTest, RefusesBadInputWithAReason) {
       {"below a limit", {"campaign", "start", "radio", small, "--lic", "42"}, 1, "-1"},
       {"no such file", {"campaign", "start", "radio", "/nonexistent", "--lic", "42"}, 1, "open"},
       {"nothing to stop", {"campaign", "stop", "gps"}, 1, "gps"},
-      {"no verb", {"campaign"}, 2, ""},
+      {"no verb", {"campaign"}, 2, "orbctl campaign --help"},
+      {"no such verb", {"campaign", "strat", "radio", good}, 2, "strat"},
+      {"no public key",
+       {"campaign", "start", "radio", good, "--lic", "42:" + good + ":gcm"},
+       2,
+       "no P-256 public key"},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);

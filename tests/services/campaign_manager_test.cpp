@@ -201,12 +201,14 @@ TEST_F(CampaignManagerTest, TellsOperatorsWhyNot) {
   ControlReply reply = manager_->StartCampaign("radio", Campaign(9));
   EXPECT_EQ(reply.status, ControlReply::REFUSED);
   EXPECT_EQ(reply.result, 5);
-  EXPECT_EQ(reply.message, "radio refused the campaign with result 5");
+  EXPECT_EQ(reply.message, "radio refused the campaign with result 5; its log says why");
   EXPECT_EQ(Record("radio").session, ClientRecord::NONE);
   EXPECT_EQ(Record("radio").lastResult, 5);
-  EXPECT_EQ(manager_->StartCampaign("nobody", Campaign(9)).message, "no client is called nobody");
+  EXPECT_EQ(manager_->StartCampaign("nobody", Campaign(9)).message,
+            "no client is called nobody; see orbctl client list");
   EXPECT_EQ(manager_->StartCampaign("gps", Campaign(9)).message, "gps is not connected");
-  EXPECT_EQ(manager_->StopCampaign("nobody").message, "no client is called nobody");
+  EXPECT_EQ(manager_->StopCampaign("nobody").message,
+            "no client is called nobody; see orbctl client list");
   for (const char* name : {"radio", "gps"}) {
     EXPECT_EQ(manager_->StopCampaign(name).message, std::string("no campaign runs on ") + name);
   }

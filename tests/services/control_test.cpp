@@ -50,9 +50,9 @@ TEST(ControlTest, CarriesRequestsAndAnswersThroughTheProxy) {
   EXPECT_EQ(reply.status, ControlReply::REFUSED);
   EXPECT_EQ(reply.message, "radio is not connected");
   ASSERT_TRUE(control->startLicSN("gps", 42, &reply).isOk());
-  EXPECT_EQ(reply.message, "no client is called gps");
+  EXPECT_EQ(reply.message, "no client is called gps; see orbctl client list");
   ASSERT_TRUE(control->stopLicSN("gps", 42, &reply).isOk());
-  EXPECT_EQ(reply.message, "no client is called gps");
+  EXPECT_EQ(reply.message, "no client is called gps; see orbctl client list");
   ASSERT_TRUE(control->stopCampaign("radio", &reply).isOk());
   EXPECT_EQ(reply.status, ControlReply::DONE);
   android::setDefaultServiceManager(nullptr);

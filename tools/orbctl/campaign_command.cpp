@@ -79,6 +79,14 @@ int CampaignStartCommand::Run() const {
       PrintError(error);
       return kUsage;
     }
+    // A private key would even go out in the campaign.
+    if (!options[i].key_pem.empty() && !CanSealFor(options[i])) {
+      PrintError(
+          fmt::format("--lic {}: no P-256 public key in PEM; give the public.pem that "
+                      "`orbctl key new` wrote",
+                      lics[i]));
+      return kUsage;
+    }
   }
   LTCCampaignDef campaign;
   if (!ReadCampaignFile(path, &campaign, &error)) return Fail(error);

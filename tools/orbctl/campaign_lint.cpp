@@ -3,11 +3,9 @@
 
 #include <fmt/format.h>
 
-#include <cstdlib>
 #include <map>
 #include <set>
 
-#include "orb_encrypt.h"
 #include "tools/orbctl/campaign_lint_kpi.h"
 
 namespace orb::orbctl {
@@ -149,22 +147,10 @@ class Linter {
           "is marked encrypt but its record has no key: its data is dropped");
       return;
     }
-    if (!CanEncryptFor(lic)) {
+    if (!CanSealFor(lic)) {
       Add(kWarning, LicEntry(lic.lic_sn), "key_unusable",
           "its key is no P-256 public key in PEM: its data cannot be encrypted and is dropped");
     }
-  }
-
-  // Tries it: what an upload will do.
-  static bool CanEncryptFor(const LicOption& lic) {
-    const uint8_t byte = 0;
-    uint8_t *key = nullptr, *data = nullptr, *iv = nullptr, *tag = nullptr;
-    uint64_t key_len = 0, data_len = 0, iv_len = 0, tag_len = 0;
-    const int32_t status =
-        orb_encrypt(lic.symmetric_algo, lic.public_key_algo, lic.key_pem.c_str(), &byte, 1, &key,
-                    &key_len, &data, &data_len, &iv, &iv_len, &tag, &tag_len);
-    for (uint8_t* buffer : {key, data, iv, tag}) free(buffer);
-    return status == 0;
   }
 
   static std::string MapEntry(uint64_t lic_sn) {

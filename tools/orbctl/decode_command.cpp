@@ -161,6 +161,7 @@ int DecodeCommand::Run(std::ostream& out) const {
       files.push_back(path);
     }
   }
+  if (files.empty() && all) PrintError("note: no uploads in " + paths.front());
   const std::unique_ptr<RecordPrinter> printer =
       RecordPrinter::Create(format, &out, index ? &*index : nullptr);
   Decoder decoder(std::move(keys), printer.get());

@@ -51,4 +51,15 @@ bool ParseLicOption(const std::string& text, LicOption* option, std::string* err
   return ReadFile(text.substr(first + 1, last - first - 1), kKeyBytesMax, &option->key_pem, error);
 }
 
+bool CanSealFor(const LicOption& option) {
+  const uint8_t byte = 0;
+  uint8_t *key = nullptr, *data = nullptr, *iv = nullptr, *tag = nullptr;
+  uint64_t key_len = 0, data_len = 0, iv_len = 0, tag_len = 0;
+  const int32_t status =
+      orb_encrypt(option.symmetric_algo, option.public_key_algo, option.key_pem.c_str(), &byte, 1,
+                  &key, &key_len, &data, &data_len, &iv, &iv_len, &tag, &tag_len);
+  for (uint8_t* buffer : {key, data, iv, tag}) free(buffer);
+  return status == 0;
+}
+
 }  // namespace orb::orbctl

@@ -18,4 +18,7 @@ struct LicOption {
 // *error, one line, when the text is malformed or the file cannot be read.
 bool ParseLicOption(const std::string& text, LicOption* option, std::string* error);
 
+// Whether the library can seal data for the option's key; tries it.
+bool CanSealFor(const LicOption& option);
+
 }  // namespace orb::orbctl

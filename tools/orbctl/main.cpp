@@ -138,7 +138,16 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);
-    PrintError(std::string(error.what()) + "; see orbctl --help");
+    // A word that is no command also makes the command that it should be a missing
+    // one, which alone would be a riddle.
+    const std::vector<std::string> unknown = app.remaining(true);
+    std::string text = unknown.empty() ? error.what() : "\"" + unknown.front() + "\" is not known";
+    text += "; see orbctl";
+    for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
+      at = at->get_subcommands().front();
+      text += " " + at->get_name();
+    }
+    PrintError(text + " --help");
     return kUsage;
   }
   return args.code;
