@@ -48,6 +48,12 @@ RULES = {
         CONTRACT + ["include/", "utility/", "proto/", "services/", "serializer/telemetry_header.h"],
         BINDER + ["orb_platform/", "systemd/"],
     ),
+    # The library and the services themselves, in one process.
+    "tools/orbctl/sim/": (
+        ["include/", "utility/", "proto/", "serializer/", "collector/", "kpi/kpi_clock.h",
+         "services/", "tools/orbctl/"] + CONTRACT,
+        BINDER + ["orb_platform/"],
+    ),
     "tools/orbctl/": (
         ["include/", "utility/", "proto/", "crypto/", "serializer/telemetry_header.h",
          "collector/conf.h", "services/manager/control/", "tools/orbctl/"] + CONTRACT,

@@ -18,7 +18,7 @@ SECONDS_MAX = 50
 # must match.
 PAGES = [
     ("docs/quickstart.md", None, r"(?s)1001.*counter"),
-    ("README.md", "By hand", r"(?s)1004.*counter"),
+    ("README.md", "By hand", r"(?s)1004.*counter.*\b6 stored"),
 ]
 
 

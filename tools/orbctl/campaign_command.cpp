@@ -23,31 +23,6 @@ LicInfo ToLicInfo(const LicOption& option) {
   return info;
 }
 
-// Owners whose data are to be sealed, but who have no key: their data are lost.
-void WarnOfMissingKeys(const LTCCampaignDef& campaign, const KIVCampConfig& config) {
-  for (const LicenseSNKPIMap& map : campaign.lic_sn_kpi_maps()) {
-    const bool sealed =
-        std::any_of(config.licInfo.begin(), config.licInfo.end(), [&](const LicInfo& info) {
-          return info.licSN == static_cast<int64_t>(map.lic_sn()) && !info.encryptionPKey.empty();
-        });
-    if (map.encrypt() && !sealed) {
-      PrintError(
-          fmt::format("warning: LicSN {0} is to be encrypted and has no key, so its data "
-                      "will be dropped; give --lic {0}:PUB.pem:gcm",
-                      map.lic_sn()));
-    }
-  }
-}
-
-// What a client most likely objects to.
-void ExplainRefusal(const LTCCampaignDef& campaign) {
-  for (const LintFinding& finding : LintCampaign({campaign, Conf(), std::nullopt, false})) {
-    if (finding.refused) {
-      PrintError(finding.entry + ": " + finding.message + " [" + finding.rule + "]");
-    }
-  }
-}
-
 }  // namespace
 
 KIVCampConfig MakeConfig(const LTCCampaignDef& campaign, int64_t id,
@@ -69,6 +44,29 @@ KIVCampConfig MakeConfig(const LTCCampaignDef& campaign, int64_t id,
     config.licInfo.push_back(ToLicInfo(option));
   }
   return config;
+}
+
+void WarnOfMissingKeys(const LTCCampaignDef& campaign, const KIVCampConfig& config) {
+  for (const LicenseSNKPIMap& map : campaign.lic_sn_kpi_maps()) {
+    const bool sealed =
+        std::any_of(config.licInfo.begin(), config.licInfo.end(), [&](const LicInfo& info) {
+          return info.licSN == static_cast<int64_t>(map.lic_sn()) && !info.encryptionPKey.empty();
+        });
+    if (map.encrypt() && !sealed) {
+      PrintError(
+          fmt::format("warning: LicSN {0} is to be encrypted and has no key, so its data "
+                      "will be dropped; give --lic {0}:PUB.pem:gcm",
+                      map.lic_sn()));
+    }
+  }
+}
+
+void ExplainRefusal(const LTCCampaignDef& campaign, const Conf& conf, bool shared_memory) {
+  for (const LintFinding& finding : LintCampaign({campaign, conf, std::nullopt, shared_memory})) {
+    if (finding.refused) {
+      PrintError(finding.entry + ": " + finding.message + " [" + finding.rule + "]");
+    }
+  }
 }
 
 int CampaignStartCommand::Run() const {
@@ -98,7 +96,7 @@ int CampaignStartCommand::Run() const {
   const android::binder::Status status = manager->startCampaign(client, config, &reply);
   const int code =
       PrintReply(status, reply, fmt::format("campaign {} runs on {}", id, client), json);
-  if (status.isOk() && reply.result != 0) ExplainRefusal(campaign);
+  if (status.isOk() && reply.result != 0) ExplainRefusal(campaign, Conf(), false);
   return code;
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "collector/conf.h"
 #include "ipc/KIVCampConfig.h"
 #include "proto/ltc_campaign.pb.h"
 #include "tools/orbctl/lic_option.h"
@@ -16,6 +17,13 @@ namespace orb::orbctl {
 // because a client keeps data of listed owners only.
 KIVCampConfig MakeConfig(const LTCCampaignDef& campaign, int64_t id,
                          const std::vector<LicOption>& lics);
+
+// Tells of owners whose data are to be sealed, but who have no key: their data
+// are lost.
+void WarnOfMissingKeys(const LTCCampaignDef& campaign, const KIVCampConfig& config);
+
+// Tells what a client with these limits most likely objected to.
+void ExplainRefusal(const LTCCampaignDef& campaign, const Conf& conf, bool shared_memory);
 
 struct CampaignStartCommand {
   std::string client;

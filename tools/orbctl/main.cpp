@@ -10,6 +10,7 @@
 #include "tools/orbctl/event_decode.h"
 #include "tools/orbctl/key_command.h"
 #include "tools/orbctl/output.h"
+#include "tools/orbctl/sim/sim_command.h"
 #include "utility/log.h"
 
 namespace {
@@ -24,6 +25,7 @@ struct Arguments {
   CampaignLintCommand lint;
   DecodeCommand decode;
   EventDecodeOptions events;
+  SimCommand sim;
   std::string client;
   uint64_t lic_sn = 0;
   std::string directory;
@@ -134,6 +136,7 @@ int main(int argc, char** argv) {
   AddCampaign(&app, &args);
   AddDecode(&app, &args);
   AddOthers(&app, &args);
+  AddSim(&app, &args.sim, &args.code);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -1,0 +1,147 @@
+// Tested by tests/orbctl/sim_test.cpp.
+#include "tools/orbctl/sim/trial_report.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <string_view>
+
+#include "tools/orbctl/output.h"
+#include "tools/orbctl/record_splitter.h"
+
+namespace orb::orbctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uint64_t kUploadBytesMax = uint64_t{256} << 20;
+
+bool ListUploads(const std::string& spool, std::vector<std::string>* files, std::string* error) {
+  std::error_code ec;
+  for (fs::recursive_directory_iterator at(spool, ec), end; !ec && at != end; at.increment(ec)) {
+    if (at->path().filename().string().starts_with(".")) {
+      at.disable_recursion_pending();
+    } else if (at->path().extension() == ".orb") {
+      files->push_back(at->path().string());
+    }
+  }
+  if (ec) *error = spool + ": " + ec.message();
+  return !ec;
+}
+
+}  // namespace
+
+uint64_t OwnerTally::records() const {
+  uint64_t sum = 0;
+  for (const auto& [id, stream] : kpis) sum += stream.records;
+  return sum;
+}
+
+uint64_t OwnerTally::samples() const {
+  uint64_t sum = 0;
+  for (const auto& [id, stream] : kpis) sum += stream.samples;
+  return sum;
+}
+
+TrialReport::TrialReport(const LTCCampaignDef& campaign, const TrialInput& input) : input_(input) {
+  for (const KPICfg& cfg : campaign.kpi_cfgs()) kpis_[cfg.kpi_id()] = cfg;
+  for (const LicInfo& info : input.config.licInfo) owners_[static_cast<uint64_t>(info.licSN)];
+  for (const LicenseSNKPIMap& map : campaign.lic_sn_kpi_maps()) {
+    for (const uint32_t kpi : map.kpi_ids()) owners_of_[kpi].push_back(map.lic_sn());
+  }
+}
+
+bool TrialReport::Collect(const Trial& trial, const LibraryLog& log, const std::string& spool,
+                          const std::vector<PrivateKey>& keys, std::string* error) {
+  calls_ = trial.calls();
+  queue_max_ = trial.queue_max();
+  problems_ = log.Problems();
+  if (input_.slots == 0) {
+    for (auto& [lic_sn, owner] : owners_) owner.handled = owner.unwritten = 0;
+    for (const auto& [lic_sn, records] : log.Records()) {
+      std::tie(owners_[lic_sn].handled, owners_[lic_sn].unwritten) = records;
+    }
+  }
+  CountAccepted();
+  std::vector<std::string> files;
+  if (!ListUploads(spool, &files, error)) return false;
+  for (const std::string& file : files) {
+    std::string content;
+    if (!ReadFile(file, kUploadBytesMax, &content, error)) return false;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(content.data());
+    CountUpload(file, OpenUpload({bytes, content.size()}, keys), content.size());
+  }
+  return true;
+}
+
+void TrialReport::CountUpload(const std::string& path, const Upload& upload, uint64_t bytes) {
+  OwnerTally& owner = owners_[upload.header.lic_sn];
+  ++owner.uploads;
+  owner.bytes += bytes;
+  if (upload.status == UploadStatus::kSealed) {
+    ++owner.sealed;
+    return;
+  }
+  RecordSplitter splitter(
+      {reinterpret_cast<const char*>(upload.records.data()), upload.records.size()});
+  PayloadRecord record;
+  while (splitter.Next(&record)) {
+    StreamTally& stream = owner.kpis[record.meta().kpi_id()];
+    ++stream.records;
+    if (IsGauge(record.meta().kpi_id())) continue;
+    stream.samples += record.kind == RecordKind::kBlob ? 1 : record.meta().num_samples();
+  }
+  if (upload.status == UploadStatus::kOpened && splitter.damage().empty()) return;
+  ++owner.damaged;
+  PrintError("warning: " + path + " is damaged; `orbctl decode` says where");
+}
+
+// A KPI of no owner goes to all; what is in the load but not in the campaign
+// was refused.
+void TrialReport::CountAccepted() {
+  for (const auto& [kpi, tally] : calls_) {
+    const auto cfg = kpis_.find(kpi);
+    if (cfg == kpis_.end() || IsGauge(kpi) || cfg->second.type() == KPI_STATE) continue;
+    const auto list = owners_of_.find(kpi);
+    for (auto& [lic_sn, owner] : owners_) {
+      const bool theirs =
+          input_.slots > 0 || list == owners_of_.end() ||
+          std::find(list->second.begin(), list->second.end(), lic_sn) != list->second.end();
+      if (theirs) owner.accepted += tally.accepted;
+    }
+  }
+}
+
+const char* TrialReport::KindOf(uint32_t kpi) const {
+  const auto found = kpis_.find(kpi);
+  if (found == kpis_.end()) return "unknown";
+  if (found->second.type() == KPI_BLOB) return "blob";
+  if (found->second.type() == KPI_STATE) return "state";
+  switch (found->second.sub_type()) {
+    case COUNTER:
+      return "counter";
+    case GAUGE:
+      return "gauge";
+    case HISTOGRAM:
+      return "histogram";
+    default:
+      return "unknown";
+  }
+}
+
+bool TrialReport::IsGauge(uint32_t kpi) const { return std::string_view(KindOf(kpi)) == "gauge"; }
+
+CallTally TrialReport::AllCalls() const {
+  CallTally all;
+  for (const auto& [kpi, tally] : calls_) {
+    all.logged += tally.logged;
+    all.accepted += tally.accepted;
+    all.refused += tally.refused;
+  }
+  return all;
+}
+
+double TrialReport::LoadSeconds() const {
+  return static_cast<double>(input_.load.items.back().time.count()) / 1e9;
+}
+
+}  // namespace orb::orbctl
