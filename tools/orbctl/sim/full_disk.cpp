@@ -1,7 +1,6 @@
 // Tested by tests/orbctl/sim_test.cpp.
 #include "tools/orbctl/sim/full_disk.h"
 
-#include <stdio_ext.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,9 +13,7 @@
 
 extern "C" {
 size_t __real_fwrite(const void* bytes, size_t size, size_t count, FILE* file);
-int __real_fflush(FILE* file);
 size_t __wrap_fwrite(const void* bytes, size_t size, size_t count, FILE* file);
-int __wrap_fflush(FILE* file);
 }
 
 namespace orb::orbctl {
@@ -71,14 +68,4 @@ size_t __wrap_fwrite(const void* bytes, size_t size, size_t count, FILE* file) {
   if (written == size * count) return count;
   errno = ENOSPC;
   return written / size;
-}
-
-int __wrap_fflush(FILE* file) {
-  // What waits in a buffer has no block yet.
-  if (file == nullptr || __fpending(file) == 0 || !orb::orbctl::IsFullFor(file)) {
-    return __real_fflush(file);
-  }
-  __fpurge(file);
-  errno = ENOSPC;
-  return EOF;
 }
