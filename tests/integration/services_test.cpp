@@ -58,11 +58,16 @@ TEST(ServicesTest, RefuseANameOfAnotherProcess) {
   Stack stack;
   stack.StartManager();
   ASSERT_TRUE(WaitFor([&] { return stack.Ctl({"client", "list"}).exit_code == 0; }));
-  const CommandResult second =
-      RunCommand({ORB_MANAGERD, "--state", stack.path("other")},
-                 {{"ORB_BUS_ADDRESS", stack.bus().address()}}, seconds(20));
-  EXPECT_EQ(second.exit_code, 1);
-  EXPECT_THAT(second.err, HasSubstr("vendor_kivsdkservice is published by another process"));
+  const auto start_second = [&](const char* log_tags) {
+    const CommandResult second = RunCommand(
+        {ORB_MANAGERD, "--state", stack.path("other")},
+        {{"ORB_BUS_ADDRESS", stack.bus().address()}, {"ANDROID_LOG_TAGS", log_tags}}, seconds(20));
+    EXPECT_EQ(second.exit_code, 1);
+    return second.err;
+  };
+  EXPECT_THAT(start_second("orb-service:s *:W"),
+              HasSubstr("vendor_kivsdkservice is published by another process"));
+  EXPECT_EQ(start_second("*:f"), "") << "only what is fatal is asked for";
 }
 
 TEST(ServicesTest, ReturnWithABusThatRestarts) {

@@ -31,9 +31,7 @@ Stack::~Stack() {
 }
 
 std::map<std::string, std::string> Stack::Environment() const {
-  return {{"ORB_BUS_ADDRESS", bus_.address()},
-          {"ORB_EVENT_LOG", dir_.path() + "/events.bin"},
-          {"ANDROID_LOG_TAGS", "*:d"}};
+  return {{"ORB_BUS_ADDRESS", bus_.address()}, {"ORB_EVENT_LOG", dir_.path() + "/events.bin"}};
 }
 
 ChildProcess Stack::StartProgram(const std::vector<std::string>& argv, const std::string& log_name,
