@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
-# usage: clean_root.sh BUILD_OR_DEB_DIR SOURCE_DIR [ROOT]
+# usage: clean_root.sh BUILD_OR_DEB_DIR SOURCE_DIR [ROOT [boot]]
 #
 # Installs the Debian packages into a system that has none of them, runs a
 # campaign there (in_root.sh) and purges them again. ROOT is a Debian 12 system
 # as debootstrap makes it; it stays as it is, missing packages come from its
 # mirror. Without ROOT it is this machine's system without the tree: quick, and
 # what is left behind shows, but a forgotten dependency may be there by chance.
+# With "boot", systemd runs as the first process of ROOT, and the services as units.
 # Root and overlay mounts, or exit 77.
 set -euo pipefail
 from=$(cd "$1" && pwd)
 source=$(cd "$2" && pwd)
 base=$(cd "${3:-/}" && pwd)
+boot=${4:-}
 fail() { echo "clean_root: $*" >&2; exit 1; }
 
 if [ -z "${ORB_DIR:-}" ]; then
@@ -44,17 +46,64 @@ done
 
 mount -t proc proc "$root/proc"
 mount --rbind /dev "$root/dev"
-for folder in run tmp; do mount -t tmpfs tmpfs "$root/$folder"; done
+mkdir "$root/check"
+for folder in run tmp check; do mount -t tmpfs tmpfs "$root/$folder"; done
 [ "$base" != / ] || mount -t tmpfs tmpfs "$root$source"
-mkdir "$root/tmp/debs"
-cp "$from"/*.deb "$root/tmp/debs"
-cp "$source"/examples/*.[ch] "$source/tests/install/in_root.sh" "$root/tmp"
+mkdir "$root/check/debs"
+cp "$from"/*.deb "$root/check/debs"
+cp "$source"/examples/*.[ch] "$source/tests/install/in_root.sh" "$root/check"
 cp /etc/resolv.conf "$root/run/resolv.conf"
 [ "$base" = / ] || cp /etc/resolv.conf "$root/etc/resolv.conf"
 printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"  # Nothing starts by itself.
 chmod +x "$root/usr/sbin/policy-rc.d"
-env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
-  DEBIAN_FRONTEND=noninteractive chroot "$root" bash /tmp/in_root.sh || fail "exit $?"
+in_root() {
+  env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
+    DEBIAN_FRONTEND=noninteractive chroot "$root" "$@"
+}
+# Becomes systemd, in namespaces of its own, on $root as the root.
+be_systemd() {
+  mount --make-rprivate /
+  umount -l "$root/dev" "$root/proc" "$root/run"
+  mount -t proc proc "$root/proc"
+  mount -t sysfs sysfs "$root/sys"
+  mount -t cgroup2 cgroup2 "$root/sys/fs/cgroup"
+  mount -t tmpfs tmpfs "$root/run"
+  mount -t tmpfs -o mode=755 tmpfs "$root/dev"
+  local node
+  for node in null zero full random urandom tty; do
+    touch "$root/dev/$node"
+    mount --bind "/dev/$node" "$root/dev/$node"
+  done
+  mkdir "$root/dev/pts" "$root/dev/shm" "$root/old"
+  mount -t devpts -o newinstance,ptmxmode=666 devpts "$root/dev/pts"
+  ln -s pts/ptmx "$root/dev/ptmx"
+  ln -s /proc/self/fd "$root/dev/fd"
+  touch "$root/dev/console"
+  cd "$root"
+  pivot_root . old
+  umount -l /old
+  exec env -i container=lxc PATH=/usr/sbin:/usr/bin:/sbin:/bin /lib/systemd/systemd --system
+}
+if [ -z "$boot" ]; then
+  in_root bash /check/in_root.sh || fail "exit $?"
+else
+  in_root apt-get install -y --no-install-recommends systemd dbus gcc libc6-dev pkg-config \
+    >"$dir/apt.log" 2>&1 || { tail "$dir/apt.log" >&2; fail "no systemd"; }
+  rm "$root/usr/sbin/policy-rc.d"
+  cat >"$root/etc/systemd/system/check.service" <<'END'
+[Service]
+ExecStart=/bin/bash /check/in_root.sh booted
+ExecStopPost=/bin/systemctl poweroff --force --force
+StandardOutput=append:/check/check.log
+StandardError=inherit
+END
+  mkdir -p "$root/etc/systemd/system/multi-user.target.wants"
+  ln -s ../check.service "$root/etc/systemd/system/multi-user.target.wants"
+  export -f be_systemd
+  root=$root timeout 200 unshare -mpfiuC --kill-child bash -euc be_systemd >"$dir/boot.log" 2>&1 || true
+  tail -n 40 "$root/check/check.log"
+  grep -qx "all well" "$root/check/check.log" || { tail "$dir/boot.log" >&2; fail "as units"; }
+fi
 
 # All that was written is in the upper layer. Accounts and caches may stay.
 cd "$dir/upper"

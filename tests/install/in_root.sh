@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
-# Run by clean_root.sh in the root where the packages of /tmp/debs belong, with
-# the examples in /tmp: installs, uses and purges them as an administrator would.
+# usage: in_root.sh [booted]
+# Run by clean_root.sh in the root where the packages of /check/debs belong, with
+# the examples in /check: installs, uses and purges them as an administrator would;
+# booted: on a system with systemd, else starting by itself what units would.
 set -euo pipefail
-cd /tmp
-fail() { echo "in_root: $*" >&2; tail -n 20 /tmp/*.log >&2; exit 1; }
+booted=${1:-}
+cd /check
+fail() { echo "in_root: $*" >&2; tail -n 20 /check/*.log >&2; exit 1; }
 await() {
   local tries
   for tries in $(seq 200); do
@@ -16,24 +19,26 @@ pids=()
 nobody=(setpriv --reuid nobody --regid nogroup --clear-groups)
 start_bus() {
   mkdir -p /run/dbus
-  dbus-daemon --system --nofork --nopidfile 2>/tmp/bus.log &
+  dbus-daemon --system --nofork --nopidfile 2>/check/bus.log &
   bus=$!
   await test -S /run/dbus/system_bus_socket
 }
 # Starts what a unit starts, as the user that it names.
 start_unit() {
+  [ -z "$booted" ] || { systemctl enable --now "$1"; return; }
   local unit=/usr/lib/systemd/system/$1.service user key value
   (
     while IFS='=' read -r key value; do export "$key=$value"; done \
       < <(sed -n 's/^Environment=//p' "$unit")
     user=$(sed -n 's/^User=//p' "$unit")
     eval "exec setpriv --reuid $user --regid $user --init-groups $(sed -n 's/^ExecStart=//p' "$unit")"
-  ) 2>"/tmp/$1.log" &
+  ) 2>"/check/$1.log" &
   pids+=($!)
 }
 
 # The bus runs already, where there is one: it must take notice of the new policy.
-command -v dbus-daemon >/dev/null && start_bus
+[ -n "$booted" ] && bus=systemd
+[ -z "${bus:-}" ] && command -v dbus-daemon >/dev/null && start_bus
 dpkg -i debs/*.deb >dpkg.log 2>&1 || apt-get install -y -f --no-install-recommends >apt.log 2>&1 ||
   fail "cannot be installed"
 { command -v cc && command -v pkg-config; } >/dev/null ||
@@ -61,9 +66,18 @@ await orbctl client list
 
 cc -std=gnu99 -Wall -Werror -o client orb_sysmon.c sysmon_proc.c $(pkg-config --cflags --libs orb_sdk)
 install -d -o nobody data
-(exec "${nobody[@]}" ./client --data-dir /tmp/data/) 2>client.log &
-pids+=($!)
-listed() { orbctl client list | grep -q orb-sysmon; }
+# Whom the bus lets be a client.
+group=$(getent group orb-client >/dev/null && echo orb-client || echo nogroup)
+if [ -n "$booted" ]; then
+  systemd-run --quiet --unit=client -p User=nobody -p Group="$group" \
+    -p StandardError=file:/check/client.log -p RemainAfterExit=yes \
+    /check/client --data-dir /check/data/
+else
+  (exec setpriv --reuid nobody --regid "$group" --clear-groups ./client --data-dir /check/data/) \
+    2>client.log &
+  pids+=($!)
+fi
+listed() { orbctl client list | grep -q "orb-sysmon${1:-}"; }
 await listed
 "${nobody[@]}" orbctl client list >refused.log 2>&1 && fail "anybody may list clients"
 
@@ -75,17 +89,34 @@ END
 orbctl key new owner
 orbctl campaign lint c.txtpb
 orbctl campaign start orb-sysmon c.txtpb --id 7 --lic 42:owner/public.pem:gcm
-await grep -q 'Serialize(), numSamples=5' client.log
+windows() { grep -c 'Serialize(), numSamples=5' client.log; }
+more_windows() { [ "$(windows)" -gt "$1" ]; }
+await more_windows 0
+if [ -n "$booted" ]; then
+  before=$(systemctl show -P MainPID orb-hald orb-managerd)
+  dpkg -i debs/liborb-sdk3*.deb debs/orb-services*.deb >dpkg.log 2>&1 || fail "no upgrade"
+  [ "$before" != "$(systemctl show -P MainPID orb-hald orb-managerd)" ] || fail "still the old ones"
+  await listed '.* 7 running'
+  await more_windows "$(windows)"  # What went out while both were away is lost.
+fi
 orbctl campaign stop orb-sysmon
 orbctl decode /var/spool/orb --key owner/private.pem >decoded.log || fail "decode"
 grep -q '1001  counter' decoded.log || fail "no record of KPI 1001"
 
+if [ -n "$booted" ]; then
+  systemctl stop client
+  [ "$(systemctl show -P Result client)" = success ] || fail "the client failed"
+fi
 for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
   kill "${pids[i]}"
   wait "${pids[i]}" || fail "the ${i}. of HAL, manager and client ended with $?"
 done
 dpkg -r liborb-sdk-dev orbctl orb-services liborb-sdk3 >dpkg.log 2>&1 || fail "cannot be removed"
+if [ -n "$booted" ]; then
+  systemctl is-active -q orb-hald orb-managerd && fail "services outlive their package"
+fi
 [ -n "$(find /var/spool/orb -name '*.orb')" ] || fail "removal takes the uploads with it"
 dpkg -P liborb-sdk-dev orbctl orb-services liborb-sdk3 >dpkg.log 2>&1 || fail "cannot be purged"
 ldconfig -p | grep liborb && fail "the loader still knows the library"
-kill $bus
+[ -n "$booted" ] || kill "$bus"
+echo "all well"
