@@ -60,9 +60,11 @@ class BpInterface : public INTERFACE, public BpRefBase {
 
 // NAME is the interface's name without its leading I. setDefaultImpl works
 // once: a second call, or one with null, returns false and changes nothing.
+// Neither the descriptor nor the default is ever destroyed: pool threads use
+// them while exit() runs.
 #define DECLARE_META_INTERFACE(NAME)                                                     \
  public:                                                                                 \
-  static const ::android::String16 descriptor;                                           \
+  static const ::android::String16& descriptor;                                          \
   static ::android::sp<I##NAME> asInterface(const ::android::sp<::android::IBinder>& o); \
   virtual const ::android::String16& getInterfaceDescriptor() const;                     \
   I##NAME();                                                                             \
@@ -71,12 +73,12 @@ class BpInterface : public INTERFACE, public BpRefBase {
   static const ::android::sp<I##NAME>& getDefaultImpl();                                 \
                                                                                          \
  private:                                                                                \
-  static ::android::sp<I##NAME> default_impl;                                            \
+  static ::android::sp<I##NAME>& default_impl;                                           \
                                                                                          \
  public:
 
 #define DO_NOT_DIRECTLY_USE_ME_IMPLEMENT_META_INTERFACE(NAME, TEXT)                         \
-  const ::android::String16 I##NAME::descriptor(TEXT);                                      \
+  const ::android::String16& I##NAME::descriptor = *new ::android::String16(TEXT);          \
   const ::android::String16& I##NAME::getInterfaceDescriptor() const {                      \
     return I##NAME::descriptor;                                                             \
   }                                                                                         \
@@ -87,7 +89,7 @@ class BpInterface : public INTERFACE, public BpRefBase {
     if (local != nullptr) return local;                                                     \
     return ::android::sp<I##NAME>(new Bp##NAME(o));                                         \
   }                                                                                         \
-  ::android::sp<I##NAME> I##NAME::default_impl;                                             \
+  ::android::sp<I##NAME>& I##NAME::default_impl = *new ::android::sp<I##NAME>();            \
   bool I##NAME::setDefaultImpl(::android::sp<I##NAME> impl) {                               \
     if (impl == nullptr || default_impl != nullptr) return false;                           \
     default_impl = impl;                                                                    \
