@@ -26,7 +26,6 @@ enum TestCode : uint32_t {
   kReplyBytes,  // n -> n bytes
   kBlock,       // waits until kUnblock
   kUnblock,
-  kTake,  // descriptor; taken and closed
 };
 
 class TestObject : public android::BBinder {

@@ -180,7 +180,9 @@ sd_bus_message* Bus::CallAndWait(sd_bus_message* call,
     Rearm();
     return nullptr;
   }
+  WorkerPool::Get().BeginWait();
   Await(&pending);
+  WorkerPool::Get().EndWait();
   sd_bus_slot_unref(pending.slot);
   return pending.reply;
 }

@@ -1,6 +1,7 @@
 // Tested by tests/platform/contract_test.cpp.
 #include "platform/linux/src/worker_pool.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 
@@ -12,6 +13,10 @@ namespace orb_platform {
 namespace {
 
 std::atomic<bool> stopped{false};
+// Bounds a recursion between two processes that has no end.
+constexpr size_t kMostWaiting = 512;
+
+thread_local bool is_worker = false;
 // This thread sits in the seat, so what it posts needs no wake-up.
 thread_local bool seated = false;
 
@@ -47,10 +52,14 @@ size_t WorkerPool::MaxExtra() const {
 
 void WorkerPool::Spawn() {
   threads_++;
-  StartThread("binder", [this] { Work(); });
+  StartThread("binder", [this] { Work(true); });
 }
 
-void WorkerPool::Join() { Work(); }
+bool WorkerPool::MayGrow() const {
+  return started_ && threads_ < max_extra_ + 1 + std::min(replies_, kMostWaiting);
+}
+
+void WorkerPool::Join() { Work(false); }
 
 void WorkerPool::Stop() {
   stopped.store(true);
@@ -76,9 +85,23 @@ void WorkerPool::Post(std::function<void()> task) {
   } else if (seat_taken_ && !seat_woken_ && !seated) {
     seat_woken_ = true;
     Bus::Get().Wake();
-  } else if (started_ && threads_ < max_extra_ + 1) {
+  } else if (MayGrow()) {
     Spawn();
   }
+}
+
+void WorkerPool::BeginWait() {
+  if (!is_worker) return;
+  orb::MutexLock lock(mutex_);
+  ++replies_;
+  // Found all workers busy; those that were idle have been woken for theirs.
+  if (tasks_.size() > signals_ && !seat_taken_ && MayGrow()) Spawn();
+}
+
+void WorkerPool::EndWait() {
+  if (!is_worker) return;
+  orb::MutexLock lock(mutex_);
+  --replies_;
 }
 
 bool WorkerPool::HasWork() const {
@@ -86,7 +109,8 @@ bool WorkerPool::HasWork() const {
   return !tasks_.empty();
 }
 
-void WorkerPool::Work() {
+void WorkerPool::Work(bool may_end) {
+  is_worker = true;
   mutex_.Lock();
   while (!stopped.load()) {
     if (!tasks_.empty()) {
@@ -99,6 +123,9 @@ void WorkerPool::Work() {
       mutex_.Lock();
       --running_;
       if (stopped.load()) done_.NotifyAll();
+    } else if (may_end && threads_ > max_extra_ + 1 + replies_) {
+      --threads_;
+      break;
     } else if (!seat_taken_) {
       seat_taken_ = true;
       mutex_.Unlock();

@@ -2,7 +2,9 @@
 //
 // An idle worker sits in the one seat (it waits on the bus, too, so that a call
 // needs no hand-over) or waits for a signal. Each posted task wakes one idle
-// worker, or starts one while fewer than the maximum run.
+// worker, or starts one while fewer than the maximum run. A worker that waits
+// for a reply does not count: what it waits for may need a worker, again and
+// again. Those too many end when they are idle.
 #pragma once
 
 #include <chrono>
@@ -32,13 +34,19 @@ class WorkerPool {
   bool StopBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);
 
   void Post(std::function<void()> task) EXCLUDES(mutex_);
+  // This thread is about to wait for a reply, and has got it. Nothing unless it
+  // is a worker.
+  void BeginWait() EXCLUDES(mutex_);
+  void EndWait() EXCLUDES(mutex_);
   // Whether a task waits for a worker.
   bool HasWork() const EXCLUDES(mutex_);
 
  private:
   WorkerPool() = default;
   void Spawn() REQUIRES(mutex_);
-  void Work() EXCLUDES(mutex_);
+  bool MayGrow() const REQUIRES(mutex_);
+  // A worker that `may_end` does so once there are too many.
+  void Work(bool may_end) EXCLUDES(mutex_);
 
   mutable orb::Mutex mutex_;
   orb::CondVar signalled_;
@@ -51,6 +59,7 @@ class WorkerPool {
   bool seat_woken_ GUARDED_BY(mutex_) = false;
   bool started_ GUARDED_BY(mutex_) = false;
   size_t threads_ GUARDED_BY(mutex_) = 0;
+  size_t replies_ GUARDED_BY(mutex_) = 0;  // Workers that wait for one.
   size_t max_extra_ GUARDED_BY(mutex_) = 15;
 };
 
