@@ -109,9 +109,13 @@ int kiv_collector::SendData(const std::string& path) {
     return -1;
   }
   const int result = SendOpenFile(file, path);
+  // Also when the upload failed: data is never kept for a second attempt. Nor is
+  // it found again when its directory comes back.
+  if (unlink(path.c_str()) != 0 && ftruncate(fileno(file), 0) != 0) {
+    LOGE("%s: error in deleting file %s - %s", "SendData", path.c_str(),
+         orb::ErrorText(errno).c_str());
+  }
   fclose(file);
-  // Also when the upload failed: data is never kept for a second attempt.
-  unlink(path.c_str());
   return result;
 }
 
