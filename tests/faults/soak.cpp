@@ -103,6 +103,8 @@ int Main(int argc, char** argv) {
   if (options.scenarios.empty()) {
     for (const Scenario& s : Scenarios()) options.scenarios.push_back(&s);
   }
+  // A disk that others keep busy would set the pace: every record is synchronised.
+  if (std::filesystem::is_directory("/dev/shm")) setenv("TMPDIR", "/dev/shm", 0);
   size_t skipped = 0;
   size_t failed = 0;
   for (const Scenario* scenario : options.scenarios) {

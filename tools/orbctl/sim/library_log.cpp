@@ -2,6 +2,7 @@
 #include "tools/orbctl/sim/library_log.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -24,16 +25,7 @@ constexpr std::string_view kShort = "add_to_file: error writing to file";
 constexpr std::string_view kRoutine[] = {"initOrbsyshalHandle: getting new instance",
                                          "SLOT_USAGE: ", "SetItem: unknown CfgItem"};
 
-// Threads of the library may log while the log goes away.
-struct Current {
-  Mutex mutex;
-  LibraryLog* log GUARDED_BY(mutex) = nullptr;
-};
-
-Current& TheCurrent() {
-  static auto* const current = new Current();
-  return *current;
-}
+std::atomic<LibraryLog*> current{nullptr};
 
 // So that one message about many files is one.
 std::string WithoutNumbers(std::string_view text) {
@@ -75,26 +67,18 @@ std::unique_ptr<LibraryLog> LibraryLog::Open(const std::string& path, std::strin
 }
 
 LibraryLog::LibraryLog(FILE* file) : file_(file) {
-  {
-    Current& current = TheCurrent();
-    MutexLock lock(current.mutex);
-    current.log = this;
-  }
+  current.store(this);
   __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
   __android_log_set_logger(&LibraryLog::Receive);
 }
 
 LibraryLog::~LibraryLog() {
   __android_log_set_logger([](const __android_logger_data*, const char*) {});
-  Current& current = TheCurrent();
-  MutexLock lock(current.mutex);
-  current.log = nullptr;
+  current.store(nullptr);
 }
 
 void LibraryLog::Receive(const __android_logger_data* data, const char* text) {
-  Current& current = TheCurrent();
-  MutexLock lock(current.mutex);
-  if (current.log != nullptr) current.log->Add(*data, text);
+  if (LibraryLog* const log = current.load()) log->Add(*data, text);
 }
 
 void LibraryLog::Add(const __android_logger_data& data, const std::string& text) {
