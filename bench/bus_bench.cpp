@@ -107,10 +107,17 @@ double MeasureEcho(int calls) {
   });
 }
 
-// The service calls back before it answers: two hops.
+// The service calls back before it answers: two hops. It holds the callback
+// from before, as a manager holds its clients'.
 double MeasureNested(int calls) {
   const android::sp<android::IBinder> service = Service();
   const android::sp<android::IBinder> back(new orb::test::TestObject);
+  {
+    android::Parcel data;
+    android::Parcel reply;
+    data.writeStrongBinder(back);
+    Check(service->transact(orb::test::kStore, data, &reply) == android::OK, "keeping a callback");
+  }
   return MicrosPerCall(calls,
                        [&] {
                          android::Parcel data;
@@ -130,7 +137,7 @@ double MeasureDescriptor(int calls) {
     android::Parcel data;
     android::Parcel reply;
     data.writeDupFileDescriptor(null.get());
-    Check(service->transact(orb::test::kDescriptor, data, &reply) == android::OK, "a descriptor");
+    Check(service->transact(orb::test::kTake, data, &reply) == android::OK, "a descriptor");
   });
 }
 

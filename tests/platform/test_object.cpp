@@ -64,6 +64,10 @@ status_t TestObject::onTransact(uint32_t code, const Parcel& data, Parcel* reply
       return Nest(data, reply);
     case kDescriptor:
       return Descriptor(data, reply);
+    case kTake: {
+      android::base::unique_fd taken;
+      return data.readUniqueFileDescriptor(&taken);
+    }
     case kHang:
       for (;;) pause();
     case kCaller:

@@ -26,6 +26,7 @@ enum TestCode : uint32_t {
   kReplyBytes,  // n -> n bytes
   kBlock,       // waits until kUnblock
   kUnblock,
+  kTake,  // descriptor; taken and closed
 };
 
 class TestObject : public android::BBinder {

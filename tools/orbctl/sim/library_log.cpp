@@ -2,7 +2,6 @@
 #include "tools/orbctl/sim/library_log.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -25,7 +24,16 @@ constexpr std::string_view kShort = "add_to_file: error writing to file";
 constexpr std::string_view kRoutine[] = {"initOrbsyshalHandle: getting new instance",
                                          "SLOT_USAGE: ", "SetItem: unknown CfgItem"};
 
-std::atomic<LibraryLog*> current{nullptr};
+// Threads of the library may log while the log goes away.
+struct Current {
+  Mutex mutex;
+  LibraryLog* log GUARDED_BY(mutex) = nullptr;
+};
+
+Current& TheCurrent() {
+  static auto* const current = new Current();
+  return *current;
+}
 
 // So that one message about many files is one.
 std::string WithoutNumbers(std::string_view text) {
@@ -67,18 +75,26 @@ std::unique_ptr<LibraryLog> LibraryLog::Open(const std::string& path, std::strin
 }
 
 LibraryLog::LibraryLog(FILE* file) : file_(file) {
-  current.store(this);
+  {
+    Current& current = TheCurrent();
+    MutexLock lock(current.mutex);
+    current.log = this;
+  }
   __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
   __android_log_set_logger(&LibraryLog::Receive);
 }
 
 LibraryLog::~LibraryLog() {
   __android_log_set_logger([](const __android_logger_data*, const char*) {});
-  current.store(nullptr);
+  Current& current = TheCurrent();
+  MutexLock lock(current.mutex);
+  current.log = nullptr;
 }
 
 void LibraryLog::Receive(const __android_logger_data* data, const char* text) {
-  if (LibraryLog* const log = current.load()) log->Add(*data, text);
+  Current& current = TheCurrent();
+  MutexLock lock(current.mutex);
+  if (current.log != nullptr) current.log->Add(*data, text);
 }
 
 void LibraryLog::Add(const __android_logger_data& data, const std::string& text) {

@@ -20,6 +20,11 @@ namespace fs = std::filesystem;
 
 constexpr uint32_t kSlotsMax = 64;
 
+int WrongUsage(const std::string& text) {
+  PrintError(text);
+  return kUsage;
+}
+
 // 0 is "max".
 bool ParseSpeed(const std::string& text, double* factor) {
   *factor = 0;
@@ -92,16 +97,16 @@ int SimCommand::Run(std::ostream& out) const {
   std::string error;
   std::vector<LicOption> options(lics.size());
   for (size_t i = 0; i < lics.size(); ++i) {
-    if (!ParseLicOption(lics[i], &options[i], &error)) return PrintError(error), kUsage;
+    if (!ParseLicOption(lics[i], &options[i], &error)) return WrongUsage(error);
   }
   TrialInput input;
   double factor = 0;
-  if (!ParseFaults(faults, &input.faults, &error)) return PrintError(error), kUsage;
+  if (!ParseFaults(faults, &input.faults, &error)) return WrongUsage(error);
   if (!ParseSpeed(speed, &factor)) {
-    return PrintError("--speed " + speed + ": write max, or a factor of 0.001 to 1000000"), kUsage;
+    return WrongUsage("--speed " + speed + ": write max, or a factor of 0.001 to 1000000");
   }
   if (!ParseSlots(slots, &input)) {
-    return PrintError("--slots " + slots + ": write COUNTxBYTES with at most 64 slots"), kUsage;
+    return WrongUsage("--slots " + slots + ": write COUNTxBYTES with at most 64 slots");
   }
   LTCCampaignDef campaign;
   if (!ReadInput(*this, options, &campaign, &input, &error)) return Fail(error);

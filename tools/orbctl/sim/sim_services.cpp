@@ -16,6 +16,16 @@ using android::sp;
 using android::String16;
 using ::ndk::ScopedAStatus;
 
+namespace {
+
+// For services that outlive what they serve: threads end with their owner.
+template <typename T>
+std::shared_ptr<T> Borrowed(T* object) {
+  return std::shared_ptr<T>(std::shared_ptr<void>(), object);
+}
+
+}  // namespace
+
 // One incarnation of the HAL's process.
 class SimServices::SimHal : public hal::OrbsyshalService {
  public:
@@ -86,10 +96,15 @@ SimServices::SimServices(std::shared_ptr<hal::Hal> hal,
   android::setDefaultServiceManager(names_);
 }
 
-SimServices::~SimServices() = default;
+// Nobody calls them any more; the client, which is never destroyed, still holds
+// the services.
+SimServices::~SimServices() {
+  names_->Remove(hal::kHalServiceName);
+  names_->Remove(manager::kManagerServiceName);
+}
 
 bool SimServices::StartHal() {
-  hal_service_ = ::ndk::SharedRefBase::make<SimHal>(hal_, state_);
+  hal_service_ = ::ndk::SharedRefBase::make<SimHal>(Borrowed(hal_.get()), state_);
   return AServiceManager_addService(hal_service_->asBinder().get(), hal::kHalServiceName) ==
          EX_NONE;
 }
@@ -102,7 +117,7 @@ void SimServices::KillHal() {
 // A manager that comes back remembers what its predecessor left on disk, and
 // this one has it in memory: for the client they are the same.
 void SimServices::StartManager() {
-  const sp<manager::ManagerService> service(new manager::ManagerService(manager_));
+  const sp<manager::ManagerService> service(new manager::ManagerService(Borrowed(manager_.get())));
   names_->addService(String16(manager::kManagerServiceName), service);
   manager_runs_ = true;
 }

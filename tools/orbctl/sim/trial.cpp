@@ -1,7 +1,10 @@
 // Tested by tests/orbctl/sim_test.cpp.
 #include "tools/orbctl/sim/trial.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdio>
 #include <thread>
 
 #include "collector/conf.h"
@@ -32,6 +35,33 @@ bool WaitFor(Done done) {
   }
   return true;
 }
+
+// A line on a terminal for who waits longer than a second.
+class Progress {
+ public:
+  explicit Progress(SimClock::Time total) : total_s_(Seconds(total)) {}
+  ~Progress() {
+    if (told_) fprintf(stderr, "\r%*s\r", kWidth, "");
+  }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  void Tell(SimClock::Time now) {
+    if (!terminal_ || steady_clock::now() < next_) return;
+    next_ = steady_clock::now() + std::chrono::seconds(1);
+    told_ = true;
+    fprintf(stderr, "\r%12.1f of %.1f s", Seconds(now), total_s_);
+  }
+
+ private:
+  static constexpr int kWidth = 40;
+  static double Seconds(SimClock::Time time) { return static_cast<double>(time.count()) / 1e9; }
+
+  const double total_s_;
+  const bool terminal_ = isatty(STDERR_FILENO) == 1;
+  steady_clock::time_point next_ = steady_clock::now() + std::chrono::seconds(1);
+  bool told_ = false;
+};
 
 }  // namespace
 
@@ -91,6 +121,7 @@ bool Trial::Begin(double factor, int32_t* result, std::string* error) {
 
 void Trial::Run() {
   const std::vector<LoadItem>& items = input_.load.items;
+  Progress progress(items.back().time);
   auto edge = edges_.begin();
   for (auto item = items.begin(); item != items.end();) {
     const SimClock::Time time = item->time;
@@ -101,6 +132,7 @@ void Trial::Run() {
     AdvanceTo(time);
     for (; item != items.end() && item->time == time; ++item) Feed(*item);
     queue_max_ = std::max(queue_max_, collector_->Pending());
+    progress.Tell(time);
   }
   if (clock_.stepped()) Settle();
 }
