@@ -12,6 +12,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const Upload upload = OpenUpload({data, size}, some);
     FUZZ_CHECK(upload.reason.empty() == (upload.status == UploadStatus::kOpened));
     FUZZ_CHECK(upload.offset_bytes <= size);
+    const Upload salvaged = SalvageUpload({data, size}, some);
+    uint64_t skipped_bytes = 0;
+    for (const Skipped& part : salvaged.skipped) skipped_bytes += part.bytes;
+    FUZZ_CHECK(salvaged.skipped.empty() == (upload.status == UploadStatus::kOpened));
+    FUZZ_CHECK(salvaged.status == UploadStatus::kOpened || skipped_bytes == size);
     RecordSplitter splitter(
         {reinterpret_cast<const char*>(upload.records.data()), upload.records.size()});
     PayloadRecord record;

@@ -83,7 +83,7 @@ class Demo:
                 child.wait()
                 raise DemoFailed(f"{name} did not stop on SIGTERM")
 
-    def clean_up(self):
+    def clean_up(self, keep=None):
         for _, child in reversed(self.children):
             if child.poll() is None:
                 child.terminate()
@@ -93,6 +93,8 @@ class Demo:
             except subprocess.TimeoutExpired:
                 child.kill()
                 child.wait()
+        if keep:
+            shutil.copytree(self.dir, keep, ignore=shutil.ignore_patterns("bus"))
         shutil.rmtree(self.dir, ignore_errors=True)
 
     # --- the story ---
@@ -291,7 +293,10 @@ def main():
     parser.add_argument("--build", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--json", action="store_true")
     parser.add_argument("--seconds", type=int, default=10)
+    parser.add_argument("--keep", metavar="DIR")
     args = parser.parse_args()
+    if args.keep and os.path.exists(args.keep):
+        parser.error(f"{args.keep} is there already")
 
     def interrupted(signum, _frame):
         raise DemoFailed(f"interrupted by {signal.Signals(signum).name}")
@@ -311,7 +316,7 @@ def main():
         return 1
     finally:
         signal.signal(signal.SIGINT, signal.SIG_IGN)
-        demo.clean_up()
+        demo.clean_up(args.keep)
     return 0
 
 

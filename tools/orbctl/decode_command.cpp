@@ -63,8 +63,8 @@ bool ReadKeys(const std::vector<std::string>& paths, std::vector<PrivateKey>* ke
 
 class Decoder {
  public:
-  Decoder(std::vector<PrivateKey> keys, RecordPrinter* printer)
-      : keys_(std::move(keys)), printer_(*printer) {}
+  Decoder(std::vector<PrivateKey> keys, bool salvage, RecordPrinter* printer)
+      : keys_(std::move(keys)), salvage_(salvage), printer_(*printer) {}
 
   // False when something of the file could not be decoded; that is told.
   bool Decode(const std::string& path) {
@@ -74,9 +74,10 @@ class Decoder {
       PrintError(error);
       return false;
     }
-    const Upload upload =
-        OpenUpload({reinterpret_cast<const uint8_t*>(content.data()), content.size()}, keys_);
-    if (upload.status == UploadStatus::kDamaged) {
+    const std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(content.data()),
+                                         content.size());
+    const Upload upload = salvage_ ? SalvageUpload(bytes, keys_) : OpenUpload(bytes, keys_);
+    if (upload.status == UploadStatus::kDamaged && !salvage_) {
       PrintError(
           fmt::format("{}: damaged at offset {}: {}", path, upload.offset_bytes, upload.reason));
       return false;
@@ -85,9 +86,9 @@ class Decoder {
       Sealed& sealed = sealed_[upload.header.lic_sn];
       if (sealed.files++ == 0) sealed.first = path;
       sealed.reason = upload.reason;
-      return false;
+      if (!salvage_) return false;
     }
-    return Print(path, upload);
+    return salvage_ ? Salvage(path, upload) : Print(path, upload);
   }
 
   // One line for each owner whose uploads stay shut.
@@ -105,7 +106,7 @@ class Decoder {
     std::string reason;
   };
 
-  bool Print(const std::string& path, const Upload& upload) {
+  void BeginSource(const std::string& path, const Upload& upload) {
     RecordSource source;
     source.file = path;
     source.client = ClientOfPath(path);
@@ -113,8 +114,15 @@ class Decoder {
     source.lic_sn = upload.header.lic_sn;
     source.seqno = upload.header.seqno;
     printer_.BeginSource(source);
-    RecordSplitter splitter(
-        {reinterpret_cast<const char*>(upload.records.data()), upload.records.size()});
+  }
+
+  static std::string_view Records(const Upload& upload) {
+    return {reinterpret_cast<const char*>(upload.records.data()), upload.records.size()};
+  }
+
+  bool Print(const std::string& path, const Upload& upload) {
+    BeginSource(path, upload);
+    RecordSplitter splitter(Records(upload));
     PayloadRecord record;
     while (splitter.Next(&record)) printer_.Print(record);
     if (splitter.damage().empty()) return true;
@@ -124,7 +132,42 @@ class Decoder {
     return false;
   }
 
+  bool Salvage(const std::string& path, const Upload& upload) {
+    BeginSource(path, upload);
+    RecordSplitter splitter(Records(upload), RecordSplitter::Trust::kWary);
+    SalvageReport report;
+    report.skipped = upload.skipped;
+    report.unchecked = upload.unchecked;
+    PayloadRecord record;
+    for (;;) {
+      while (splitter.Next(&record)) printer_.Print(record);
+      if (splitter.damage().empty()) break;
+      Skipped part{Skipped::Of::kData, splitter.damage_offset_bytes(), 0, splitter.damage()};
+      part.bytes = splitter.Resync();
+      report.skipped.push_back(std::move(part));
+    }
+    report.records = splitter.count();
+    if (report.skipped.empty()) return true;
+    printer_.PrintSalvage(report);
+    TellSkipped(path, report);
+    return false;
+  }
+
+  static void TellSkipped(const std::string& path, const SalvageReport& report) {
+    for (const Skipped& part : report.skipped) {
+      PrintError(
+          fmt::format("{}: {} bytes skipped at offset {}{}: {}", path, part.bytes, part.offset,
+                      part.of == Skipped::Of::kFile ? "" : " of the unzipped data", part.reason));
+    }
+    PrintError(fmt::format(
+        "{}: {} records salvaged, {} bytes of the file and {} of the unzipped data skipped{}", path,
+        report.records, report.SkippedBytes(Skipped::Of::kFile),
+        report.SkippedBytes(Skipped::Of::kData),
+        report.unchecked ? "; no checksum covers these records, values may be wrong" : ""));
+  }
+
   const std::vector<PrivateKey> keys_;
+  const bool salvage_;
   RecordPrinter& printer_;
   std::map<uint64_t, Sealed> sealed_;
 };
@@ -164,7 +207,7 @@ int DecodeCommand::Run(std::ostream& out) const {
   if (files.empty() && all) PrintError("note: no uploads in " + paths.front());
   const std::unique_ptr<RecordPrinter> printer =
       RecordPrinter::Create(format, &out, index ? &*index : nullptr);
-  Decoder decoder(std::move(keys), printer.get());
+  Decoder decoder(std::move(keys), salvage, printer.get());
   for (const std::string& file : files) all = decoder.Decode(file) && all;
   decoder.TellSealed();
   out.flush();

@@ -14,6 +14,7 @@ struct DecodeCommand {
   std::vector<std::string> key_paths;  // Private keys; the one that fits opens an upload.
   std::string campaign_path;           // Empty: records are not explained.
   RecordFormat format = RecordFormat::kText;
+  bool salvage = false;  // Go on behind damage, and tell what was passed over.
 
   // Prints records to `out`; what is damaged or stays sealed is named on
   // standard error, and the rest still decoded. The exit code: 0 when everything

@@ -40,7 +40,7 @@ std::string Gunzip(std::span<const uint8_t> data, uint64_t max_bytes, std::vecto
     fault = std::string("the gzip stream is damaged: ") +
             (stream.msg != nullptr ? stream.msg : zError(result));
   }
-  if (fault.empty() && stream.avail_in != 0) fault = "bytes follow the gzip stream";
+  if (fault.empty() && stream.avail_in != 0) fault = kTrailingBytes;
   inflateEnd(&stream);
   return fault;
 }

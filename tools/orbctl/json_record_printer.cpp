@@ -1,7 +1,7 @@
-// JSON Lines: one object a record. Integers are written in full, so 64-bit
-// values are exact for readers that keep integers; floats that JSON has no
-// number for are the strings "NaN", "Infinity" and "-Infinity".
-// Tested by tests/orbctl/record_printer_test.cpp.
+// JSON Lines: one object a record, and one with "salvage" behind those of a damaged upload.
+// Integers are written in full, so 64-bit values are exact for readers that keep integers; floats
+// that JSON has no number for are the strings "NaN", "Infinity" and "-Infinity". Tested by
+// tests/orbctl/record_printer_test.cpp.
 #include <cmath>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
@@ -82,6 +82,23 @@ class JsonPrinter : public RecordPrinter {
     const std::string note = NoteFor(record, campaign_);
     if (!note.empty()) object["note"] = note;
     // A file name need not be UTF-8.
+    out_ << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+  }
+
+  void PrintSalvage(const SalvageReport& report) override {
+    Json salvage = {{"records", report.records},
+                    {"skipped_file_bytes", report.SkippedBytes(Skipped::Of::kFile)},
+                    {"skipped_data_bytes", report.SkippedBytes(Skipped::Of::kData)},
+                    {"unchecked", report.unchecked},
+                    {"skipped", Json::array()}};
+    for (const Skipped& part : report.skipped) {
+      salvage["skipped"].push_back({{"of", part.of == Skipped::Of::kFile ? "file" : "data"},
+                                    {"offset", part.offset},
+                                    {"bytes", part.bytes},
+                                    {"reason", part.reason}});
+    }
+    Json object = source_;
+    object["salvage"] = std::move(salvage);
     out_ << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
   }
 

@@ -94,6 +94,8 @@ void AddDecode(CLI::App* app, Arguments* args) {
                             ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case))
                             ->type_name("FORMAT");
   decode->add_flag("--json", args->json, "As --format json")->excludes(format);
+  decode->add_flag("--salvage", args->decode.salvage,
+                   "Goes on behind damage, and tells what it skipped");
   decode->callback([args] {
     if (args->json) args->decode.format = RecordFormat::kJson;
     args->code = args->decode.Run(std::cout);

@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "tools/orbctl/record_formats.h"
+#include "utility/checked.h"
 
 namespace orb::orbctl {
 namespace {
@@ -61,6 +62,14 @@ std::string CampaignIndex::Note(const PayloadRecord& record) const {
   const size_t buckets = Layout(kpi_id)->labels.size();
   if (static_cast<size_t>(record.data.histograms(0).bucket_counts_size()) == buckets) return "";
   return fmt::format("the campaign's layout has {} buckets", buckets);
+}
+
+uint64_t SalvageReport::SkippedBytes(Skipped::Of of) const {
+  uint64_t bytes = 0;
+  for (const Skipped& part : skipped) {
+    if (part.of == of) bytes = CheckedAdd<uint64_t>(bytes, part.bytes);
+  }
+  return bytes;
 }
 
 std::unique_ptr<RecordPrinter> RecordPrinter::Create(RecordFormat format, std::ostream* out,

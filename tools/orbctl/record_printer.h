@@ -10,10 +10,12 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "proto/ltc_campaign.pb.h"
 #include "tools/orbctl/histogram_layout.h"
 #include "tools/orbctl/record_splitter.h"
+#include "tools/orbctl/upload_reader.h"
 
 namespace orb::orbctl {
 
@@ -45,6 +47,15 @@ class CampaignIndex {
   std::map<uint32_t, HistogramLayout> layouts_;
 };
 
+// What was left out of a damaged upload.
+struct SalvageReport {
+  size_t records = 0;  // That were printed.
+  std::vector<Skipped> skipped;
+  bool unchecked = false;  // As in Upload.
+
+  uint64_t SkippedBytes(Skipped::Of of) const;
+};
+
 class RecordPrinter {
  public:
   // `out` is borrowed, as is the campaign, which may be null.
@@ -55,6 +66,8 @@ class RecordPrinter {
   // The following records come from `source`.
   virtual void BeginSource(const RecordSource& source) = 0;
   virtual void Print(const PayloadRecord& record) = 0;
+  // Behind the records of a source that was salvaged; nothing in tables.
+  virtual void PrintSalvage(const SalvageReport&) {}
 };
 
 }  // namespace orb::orbctl

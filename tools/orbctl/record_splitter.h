@@ -37,11 +37,24 @@ struct PayloadRecord {
 // Not thread-safe.
 class RecordSplitter {
  public:
+  enum class Trust {
+    kWellFormed,  // Whatever parses is a record.
+    // A torn record swallows the start of the next. So one that does not end where the
+    // data end or another begins must look as a client writes it and hide no such start.
+    kWary,
+  };
+
   // The payload, uncompressed and in the clear, is borrowed.
-  explicit RecordSplitter(std::string_view payload) : payload_(payload) {}
+  explicit RecordSplitter(std::string_view payload, Trust trust = Trust::kWellFormed)
+      : payload_(payload), trust_(trust), budget_bytes_(kSearchBudget * payload.size()) {}
 
   // The next record; false at the end and at damage.
   bool Next(PayloadRecord* record);
+
+  // At damage: moves to the next place where a record stands as a client writes it
+  // (known fields in order, metadata first, begun before it ended), or to the end, and
+  // forgets the damage. Returns the bytes skipped, 1 or more.
+  size_t Resync();
 
   // After Next() gave false: empty at the end, else what is wrong at damage_offset_bytes().
   const std::string& damage() const { return damage_; }
@@ -56,8 +69,15 @@ class RecordSplitter {
   bool ReadVersion(size_t at);
   bool ReadRecord(uint64_t field, size_t at, PayloadRecord* record);
   bool Damage(std::string reason);
+  size_t Believable(size_t at);
+  bool IsOverlapped(size_t at, size_t end);
+
+  // What a search may parse, in sizes of the payload: hostile data are all false starts.
+  static constexpr size_t kSearchBudget = 16;
 
   const std::string_view payload_;
+  const Trust trust_;
+  size_t budget_bytes_;
   size_t offset_ = 0;
   size_t count_ = 0;
   uint64_t version_ = 0;

@@ -7,24 +7,17 @@
 #include "include/orb_encrypt.h"
 #include "proto/telemetry_footer.pb.h"
 #include "serializer/telemetry_header.h"
+#include "tools/orbctl/cbc_blocks.h"
 #include "tools/orbctl/gunzip.h"
+#include "tools/orbctl/upload_layout.h"
 #include "utility/byte_order.h"
 #include "utility/checked.h"
 
 namespace orb::orbctl {
 namespace {
 
-constexpr uint32_t kHeaderBytes = TelemetryHeader::kBytes;
 constexpr size_t kIvBytes = 16;
 constexpr size_t kTagBytes = 16;
-
-// Offsets in the header.
-constexpr size_t kFormatAt = 0;
-constexpr size_t kSizeAt = 4;
-constexpr size_t kLengthAt = 25;
-constexpr size_t kConstantAt = 29;
-constexpr size_t kEncryptedAt = 61;
-constexpr size_t kFooterOffsetAt = 62;
 
 struct Free {
   void operator()(uint8_t* buffer) const { free(buffer); }
@@ -118,7 +111,7 @@ bool ReadFooter(std::span<const uint8_t> file, TelemetryFooter* footer, Upload* 
 // Empty when the key does not fit. CBC has no tag, and one wrong key in 256
 // leaves padding that looks right; but an encrypted payload is always gzip.
 std::vector<uint8_t> Decrypt(std::span<const uint8_t> data, const TelemetryFooter& footer,
-                             const PrivateKey& key) {
+                             const PrivateKey& key, Effort effort) {
   const auto bytes = [](const std::string& text) {
     return reinterpret_cast<const uint8_t*>(text.data());
   };
@@ -136,20 +129,25 @@ std::vector<uint8_t> Decrypt(std::span<const uint8_t> data, const TelemetryFoote
                 data.size(), bytes(footer.ephemeral_key()), footer.ephemeral_key().size(),
                 bytes(footer.iv()), footer.iv().size(), &raw, &raw_bytes);
   const std::unique_ptr<uint8_t, Free> owned(raw);
+  if (result != 0 && !gcm && effort == Effort::kParts) {
+    std::vector<uint8_t> blocks =
+        DecryptCbcBlocks(data, footer.ephemeral_key(), footer.iv(), key.pem);
+    return IsGzip(blocks) ? blocks : std::vector<uint8_t>();
+  }
   if (result != 0 || raw == nullptr) return {};
   const std::span<const uint8_t> plain(raw, raw_bytes);
   if (!IsGzip(plain)) return {};
   return {plain.begin(), plain.end()};
 }
 
-bool Unseal(std::span<const uint8_t> file, std::span<const PrivateKey> keys,
+bool Unseal(std::span<const uint8_t> file, std::span<const PrivateKey> keys, Effort effort,
             std::vector<uint8_t>* payload, Upload* upload) {
   TelemetryFooter footer;
   if (!ReadFooter(file, &footer, upload)) return false;
   const std::span<const uint8_t> data =
       file.subspan(kHeaderBytes, upload->header.footer_offset - kHeaderBytes);
   for (const PrivateKey& key : keys) {
-    *payload = Decrypt(data, footer, key);
+    *payload = Decrypt(data, footer, key, effort);
     if (payload->empty()) continue;
     upload->key_path = key.path;
     return true;
@@ -161,9 +159,21 @@ bool Unseal(std::span<const uint8_t> file, std::span<const PrivateKey> keys,
   return false;
 }
 
+// The gzip stream breaks at `fault_at` of the payload; what came before it stays.
+void AcceptPart(uint64_t payload_bytes, uint64_t fault_at, const std::string& fault,
+                Upload* upload) {
+  const uint64_t left = payload_bytes - fault_at;
+  upload->unchecked = fault != kTrailingBytes;
+  upload->skipped.push_back({Skipped::Of::kFile, kHeaderBytes + fault_at, left, fault});
+}
+
 }  // namespace
 
 Upload OpenUpload(std::span<const uint8_t> file, std::span<const PrivateKey> keys) {
+  return OpenUpload(file, keys, Effort::kWhole);
+}
+
+Upload OpenUpload(std::span<const uint8_t> file, std::span<const PrivateKey> keys, Effort effort) {
   Upload upload;
   if (!CheckConstants(file, &upload)) return upload;
   upload.has_header = true;
@@ -172,7 +182,7 @@ Upload OpenUpload(std::span<const uint8_t> file, std::span<const PrivateKey> key
   std::vector<uint8_t> payload;
   if (!upload.header.encrypted) {
     payload.assign(file.begin() + kHeaderBytes, file.end());
-  } else if (!Unseal(file, keys, &payload, &upload)) {
+  } else if (!Unseal(file, keys, effort, &payload, &upload)) {
     return upload;
   }
   // The stream's own first bytes decide, not the header's flag: data sent by
@@ -181,11 +191,12 @@ Upload OpenUpload(std::span<const uint8_t> file, std::span<const PrivateKey> key
   if (IsGzip(payload)) {
     uint64_t fault_at = 0;
     const std::string fault = Gunzip(payload, kMaxRecordBytes, &upload.records, &fault_at);
-    if (!fault.empty()) {
+    if (!fault.empty() && effort == Effort::kWhole) {
       upload.records.clear();
       Damaged(&upload, kHeaderBytes + fault_at, fault);
       return upload;
     }
+    if (!fault.empty()) AcceptPart(payload.size(), fault_at, fault, &upload);
   } else {
     upload.records = std::move(payload);
   }

@@ -40,6 +40,15 @@ enum class UploadStatus {
   kDamaged,
 };
 
+// Bytes that were passed over: of the file, or of what came out of it.
+struct Skipped {
+  enum class Of { kFile, kData };
+  Of of = Of::kFile;
+  uint64_t offset = 0;
+  uint64_t bytes = 0;  // 0: nothing is lost by this, or nothing that is there.
+  std::string reason;
+};
+
 struct Upload {
   UploadStatus status = UploadStatus::kDamaged;
   bool has_header = false;  // `header` holds; also true for many damaged files.
@@ -48,7 +57,9 @@ struct Upload {
   // Why it is not kOpened, and the offset in the file that this is about.
   std::string reason;
   uint64_t offset_bytes = 0;
-  std::string key_path;  // The key that opened it; empty when it was not encrypted.
+  std::string key_path;          // The key that opened it; empty when it was not encrypted.
+  std::vector<Skipped> skipped;  // By SalvageUpload(), in order; empty for a sound upload.
+  bool unchecked = false;        // `records` may hold wrong bytes: no checksum covers them.
 };
 
 // Never more than this comes out of a gzip stream: a few KiB can claim anything.
@@ -56,5 +67,14 @@ inline constexpr uint64_t kMaxRecordBytes = uint64_t{256} << 20;
 
 // Tries the keys in order. Any bytes will do.
 Upload OpenUpload(std::span<const uint8_t> file, std::span<const PrivateKey> keys);
+
+// The same for damaged files: kOpened with whatever can be had.
+//   header    wrong constants, flags and lengths are put right; what cannot be known
+//             (campaign, owner, number) is believed
+//   gzip      everything before the damage; `unchecked`, as the checksum is behind it
+//   CBC       whole blocks in front of the footer; wrong ones end the gzip stream
+//   GCM       all or nothing: without its tag no byte is known to be the client's
+// kSealed and kDamaged: nothing, and `skipped` covers the file.
+Upload SalvageUpload(std::span<const uint8_t> file, std::span<const PrivateKey> keys);
 
 }  // namespace orb::orbctl
