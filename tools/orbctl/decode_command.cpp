@@ -3,7 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -14,52 +13,14 @@
 
 #include "tools/orbctl/campaign_file.h"
 #include "tools/orbctl/output.h"
+#include "tools/orbctl/private_keys.h"
+#include "tools/orbctl/upload_files.h"
 #include "tools/orbctl/upload_reader.h"
 
 namespace orb::orbctl {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr uint64_t kMaxFileBytes = uint64_t{256} << 20;
-constexpr uint64_t kMaxKeyBytes = 64U << 10;
-
-// Adds the uploads below a folder. The spool's own hidden folder holds none.
-bool AddFolder(const std::string& folder, std::vector<std::string>* files) {
-  std::error_code ec;
-  std::vector<std::string> found;
-  fs::recursive_directory_iterator at(folder, ec);
-  while (!ec && at != fs::end(at)) {
-    std::error_code gone;
-    if (at->path().filename().string().starts_with(".")) {
-      at.disable_recursion_pending();
-    } else if (at->path().extension() == ".orb" && at->is_regular_file(gone)) {
-      found.push_back(at->path().string());
-    }
-    at.increment(ec);
-  }
-  if (ec) PrintError(folder + ": " + ec.message());
-  std::sort(found.begin(), found.end());
-  files->insert(files->end(), found.begin(), found.end());
-  return !ec;
-}
-
-bool ReadKeys(const std::vector<std::string>& paths, std::vector<PrivateKey>* keys) {
-  for (const std::string& path : paths) {
-    PrivateKey key{path, ""};
-    std::string error;
-    if (!ReadFile(path, kMaxKeyBytes, &key.pem, &error)) {
-      PrintError(error);
-      return false;
-    }
-    if (key.pem.find("PRIVATE KEY") == std::string::npos) {
-      PrintError(path + ": no private key in PEM; give what `orbctl key new` wrote");
-      return false;
-    }
-    keys->push_back(std::move(key));
-  }
-  return true;
-}
 
 class Decoder {
  public:

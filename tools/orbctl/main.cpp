@@ -11,6 +11,7 @@
 #include "tools/orbctl/key_command.h"
 #include "tools/orbctl/output.h"
 #include "tools/orbctl/sim/sim_command.h"
+#include "tools/orbctl/verify_command.h"
 #include "utility/log.h"
 
 namespace {
@@ -26,6 +27,7 @@ struct Arguments {
   DecodeCommand decode;
   EventDecodeOptions events;
   SimCommand sim;
+  VerifyCommand verify;
   std::string client;
   uint64_t lic_sn = 0;
   std::string directory;
@@ -102,6 +104,17 @@ void AddDecode(CLI::App* app, Arguments* args) {
   });
 }
 
+void AddVerify(CLI::App* app, Arguments* args) {
+  CLI::App* verify =
+      app->add_subcommand("verify", "Looks for what is missing or damaged in a spool");
+  verify->add_option("DIR", args->verify.directory, "The spool")->required();
+  verify->add_option("--key", args->verify.key_paths, "A private key; may be repeated")
+      ->type_name("PRIV.pem")
+      ->allow_extra_args(false);
+  verify->add_flag("--json", args->verify.json, "Prints one JSON object a line");
+  verify->callback([args] { args->code = args->verify.Run(std::cout); });
+}
+
 void AddOthers(CLI::App* app, Arguments* args) {
   CLI::App* client = app->add_subcommand("client", "Shows clients");
   client->require_subcommand(1);
@@ -137,6 +150,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   AddCampaign(&app, &args);
   AddDecode(&app, &args);
+  AddVerify(&app, &args);
   AddOthers(&app, &args);
   AddSim(&app, &args.sim, &args.code);
   try {

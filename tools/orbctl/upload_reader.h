@@ -62,6 +62,7 @@ struct Upload {
   bool unchecked = false;        // `records` may hold wrong bytes: no checksum covers them.
 };
 
+inline constexpr uint64_t kMaxFileBytes = uint64_t{256} << 20;  // Of an upload that is read.
 // Never more than this comes out of a gzip stream: a few KiB can claim anything.
 inline constexpr uint64_t kMaxRecordBytes = uint64_t{256} << 20;
 
