@@ -1,0 +1,252 @@
+// A client killed at every system call that changes a file, from its first session to the
+// end, and started again: what the HAL has then is every record that was written, none
+// twice in an upload, and every number once.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+
+#include "proto/kpi_data.pb.h"
+#include "tests/collector/collector_fixture.h"
+#include "tests/collector/gunzip.h"
+#include "tests/support/traced_child.h"
+#include "utility/byte_order.h"
+
+namespace orb::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uint64_t kOwners[] = {42, 43};
+constexpr uint32_t kRecords = 9;    // Over three files of each owner, by size and by flush.
+constexpr size_t kStartBytes = 68;  // Header and version record.
+
+// A HAL whose memory outlives the client: an upload is one write to the end of a file.
+class FileHal : public FakeAidlClient {
+ public:
+  explicit FileHal(const std::string& path)
+      : fd_(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600)) {}
+  int sendData(const std::string&, const std::string&, const uint8_t* header, uint32_t header_len,
+               const uint8_t* data, uint32_t data_len, const uint8_t*, uint32_t) override {
+    std::string bytes(4, '\0');
+    StoreBigEndian<uint32_t>(reinterpret_cast<uint8_t*>(bytes.data()), header_len + data_len);
+    bytes.append(reinterpret_cast<const char*>(header), header_len);
+    bytes.append(reinterpret_cast<const char*>(data), data_len);
+    return write(fd_.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()) ? 0
+                                                                                              : -1;
+  }
+
+ private:
+  UniqueFd fd_;
+};
+
+// A session that logs `records` records, the client's own and all to both owners.
+int RunClient(const std::string& dir, uint32_t records) {
+  const LogCapture quiet;
+  const std::string data_dir = dir + "/data/";
+  kiv_cfg_s cfg{};
+  cfg.name = "radio";
+  cfg.data_dir = data_dir.c_str();
+  cfg.sync_register = 1;
+  kiv_collector collector(&cfg);
+  collector.SetClientForTest(std::make_shared<FileHal>(dir + "/hal"));
+  LTCCampaignDef def = MakeCampaign({MakeKpi(1, KPI_NUMERIC, COUNTER)});
+  def.set_threshold_size(120);
+  std::vector<LicInfo> infos;
+  for (const uint64_t owner : kOwners) {
+    AddLicSn(&def, owner, false);
+    infos.push_back(MakeLicInfo(static_cast<int64_t>(owner)));
+  }
+  int failed = collector.Register() | collector.StartSession(MakeConfig(def, infos));
+  for (uint32_t i = 1; i <= records; ++i) {
+    orbtr::KPIData record;
+    record.add_counters()->set_count(i);
+    record.mutable_counters(0)->mutable_meta()->set_kpi_id(1);
+    record.mutable_counters(0)->mutable_meta()->set_ts_start(36000);
+    const std::string bytes = record.SerializeAsString();
+    failed |= collector.LogBuf(reinterpret_cast<const uint8_t*>(bytes.data()),
+                               static_cast<uint32_t>(bytes.size()));
+    if (i == 7) collector.Flush();
+  }
+  failed |= collector.StopSession() | collector.DeRegister();
+  collector.Unroute();
+  return failed == 0 ? 0 : 1;
+}
+
+struct Received {
+  std::string header;
+  uint64_t owner = 0;
+  uint32_t seqno = 0;
+  std::vector<uint64_t> ids;
+  size_t torn_bytes = 0;
+};
+
+Received Parse(const std::string& upload) {
+  Received got;
+  got.header = upload.substr(0, 66);
+  const auto* at = reinterpret_cast<const uint8_t*>(upload.data());
+  got.seqno = LoadBigEndian<uint32_t>(at + 49);
+  got.owner = LoadBigEndian<uint64_t>(at + 53);
+  const std::string data = Gunzip(at + 66, upload.size() - 66);
+  EXPECT_EQ(data.substr(0, 2), std::string("\x08\x01"));
+  size_t offset = 2;
+  while (offset + 2 <= data.size() &&
+         offset + 2 + static_cast<uint8_t>(data[offset + 1]) <= data.size()) {
+    const size_t bytes = 2 + static_cast<uint8_t>(data[offset + 1]);
+    orbtr::KPIData record;
+    EXPECT_TRUE(record.ParseFromString(data.substr(offset, bytes)) && record.counters_size() == 1);
+    got.ids.push_back(record.counters(0).count());
+    offset += bytes;
+  }
+  got.torn_bytes = data.size() - offset;
+  return got;
+}
+
+std::vector<Received> ReadHal(const std::string& dir) {
+  std::vector<Received> uploads;
+  const std::string bytes = ReadFileOrEmpty(dir + "/hal");
+  for (size_t at = 0; at < bytes.size();) {
+    const uint32_t length =
+        LoadBigEndian<uint32_t>(reinterpret_cast<const uint8_t*>(bytes.data()) + at);
+    uploads.push_back(Parse(bytes.substr(at + 4, length)));
+    at += 4 + length;
+  }
+  return uploads;
+}
+
+// Records of an owner that the kernel had when the client died.
+uint64_t WrittenFor(uint64_t owner, const std::vector<FileCall>& calls) {
+  const std::string path_end = "radio-" + std::to_string(owner) + ".tmp";
+  return static_cast<uint64_t>(std::count_if(calls.begin(), calls.end(), [&](const FileCall& call) {
+    return call.name == "write" && call.path.ends_with(path_end) && call.result > 0 &&
+           static_cast<size_t>(call.result) < kStartBytes;
+  }));
+}
+
+// The same data file sent again: number and lengths apart, the header is the same.
+bool SameFile(const Received& a, const Received& b) {
+  return a.owner == b.owner && a.ids == b.ids && a.header.substr(8, 17) == b.header.substr(8, 17);
+}
+
+// `kills` bounds how many files are sent again: one that dies between the HAL's answer and
+// the deletion of the file does that.
+void ExpectDelivered(const std::string& dir, const std::vector<FileCall>& first_run, size_t kills,
+                     uint64_t torn_owner = 0) {
+  const std::vector<Received> uploads = ReadHal(dir);
+  std::set<uint32_t> numbers;
+  size_t repeats = 0;
+  for (const Received& upload : uploads) {
+    EXPECT_TRUE(numbers.insert(upload.seqno).second) << "number " << upload.seqno << " twice";
+    EXPECT_TRUE(torn_owner == upload.owner || upload.torn_bytes == 0);
+  }
+  for (const uint64_t owner : kOwners) {
+    std::vector<uint64_t> ids;
+    const Received* last = nullptr;
+    for (const Received& upload : uploads) {
+      if (upload.owner != owner) continue;
+      if (last != nullptr && SameFile(*last, upload)) {
+        ++repeats;
+        continue;
+      }
+      last = &upload;
+      ids.insert(ids.end(), upload.ids.begin(), upload.ids.end());
+    }
+    std::vector<uint64_t> want(WrittenFor(owner, first_run) - (owner == torn_owner ? 1 : 0));
+    for (size_t i = 0; i < want.size(); ++i) want[i] = i + 1;
+    EXPECT_EQ(ids, want) << "of owner " << owner;
+  }
+  EXPECT_LE(repeats, kills);
+  EXPECT_TRUE(fs::is_empty(dir + "/data") || ListFiles(dir + "/data").size() <= 3)
+      << "an empty file for each owner, and the number";
+}
+
+class CrashTest : public testing::Test {
+ protected:
+  // A directory as the client finds it: a copy of `from`, or an empty one.
+  std::string Fresh(const std::string& from = "") {
+    const std::string dir = temp_.path() + "/" + std::to_string(++dirs_);
+    if (from.empty()) {
+      fs::create_directories(dir + "/data");
+    } else {
+      fs::copy(from, dir, fs::copy_options::recursive);
+    }
+    return dir;
+  }
+  static TraceResult Run(const std::string& dir, uint32_t records, size_t nth,
+                         KillAt when = KillAt::kEntry) {
+    return RunTraced([&] { return RunClient(dir, records); }, dir, nth, when);
+  }
+  static void Recover(const std::string& dir) {
+    const TraceResult run = Run(dir, 0, 0);
+    ASSERT_EQ(run.exit_code, 0);
+  }
+
+  // In memory where there is such a place: what the kernel has is what a kill leaves, and
+  // some thousand synchronisations cost nothing.
+  const int in_memory_ = access("/dev/shm", W_OK) == 0 ? setenv("TMPDIR", "/dev/shm", 1) : 0;
+  TempDir temp_;
+  int dirs_ = 0;
+};
+
+TEST_F(CrashTest, RecoveryLosesNothingThatWasWritten) {
+  for (size_t n = 1;; ++n) {
+    SCOPED_TRACE("killed before call " + std::to_string(n));
+    const std::string dir = Fresh();
+    const TraceResult run = Run(dir, kRecords, n);
+    if (!run.killed) {
+      ASSERT_EQ(run.exit_code, 0);
+      EXPECT_EQ(WrittenFor(42, run.done), kRecords);
+      EXPECT_GT(n, 100U) << "the write path has become short, or is not seen";
+      return ExpectDelivered(dir, run.done, 0);
+    }
+    Recover(dir);
+    ExpectDelivered(dir, run.done, 1);
+    if (HasFailure())
+      FAIL() << "the call was after " << run.done.back().name << " of " << run.done.back().path;
+  }
+}
+
+// A record that got to the disk in part is the only one that is lost.
+TEST_F(CrashTest, ATornRecordCostsItselfOnly) {
+  const TraceResult whole = Run(Fresh(), kRecords, 0);
+  size_t torn = 0;
+  for (size_t n = 1; n <= whole.done.size(); ++n) {
+    const FileCall& call = whole.done[n - 1];
+    if (call.name != "write" || !call.path.ends_with(".tmp")) continue;
+    SCOPED_TRACE("torn in call " + std::to_string(n));
+    const std::string dir = Fresh();
+    const TraceResult run = Run(dir, kRecords, n, KillAt::kReturn);
+    ASSERT_TRUE(run.killed);
+    const std::string path = run.done.back().path;
+    fs::resize_file(path, fs::file_size(path) - 3);
+    const bool record = static_cast<size_t>(run.done.back().result) < kStartBytes;
+    Recover(dir);
+    ExpectDelivered(dir, run.done, 1, !record ? 0 : path.ends_with("-42.tmp") ? 42 : 43);
+    torn += record ? 1 : 0;
+  }
+  EXPECT_EQ(torn, 2 * kRecords);
+}
+
+// The second life dies as well, anywhere.
+TEST_F(CrashTest, RecoveryMayBeKilledToo) {
+  const size_t calls = Run(Fresh(), kRecords, 0).done.size();
+  const std::string dead = Fresh();
+  const TraceResult first = Run(dead, kRecords, calls / 2);
+  for (size_t n = 1;; ++n) {
+    SCOPED_TRACE("killed before call " + std::to_string(n) + " of the recovery");
+    const std::string dir = Fresh(dead);
+    const TraceResult run = Run(dir, 0, n);
+    Recover(dir);
+    ExpectDelivered(dir, first.done, 2);
+    if (!run.killed) {
+      EXPECT_GT(n, 15U);
+      return;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace orb::test
