@@ -26,7 +26,10 @@ int ParseCommandLine(CLI::App* app, int argc, char** argv) {
   try {
     app->parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app->exit(error) == 0 ? 0 : kUsage;
+    if (error.get_exit_code() == 0) return app->exit(error);
+    const char* const name = app->get_name().c_str();
+    fprintf(stderr, "%s: %s; see %s --help\n", name, error.what(), name);
+    return kUsage;
   }
   return -1;
 }
