@@ -1,4 +1,4 @@
-// Tested by tests/ipc/kiv_callback_impl_test.cpp.
+// Tested by tests/ipc/manager_client_test.cpp.
 #include "ipc/kiv_callback_impl.h"
 
 #include <memory>

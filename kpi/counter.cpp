@@ -1,4 +1,4 @@
-// Tested by tests/kpi/counter_test.cpp.
+// Tested by tests/kpi/kpi_test.cpp.
 #include "kpi/counter.h"
 
 #include "serializer/kpi_serializer.h"

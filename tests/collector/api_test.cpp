@@ -20,23 +20,9 @@ TEST_F(ApiTest, FailedSynchronousRegistrationGivesNull) {
   EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "radio: registration failed -1"));
 }
 
-TEST_F(ApiTest, AsynchronousRegistrationSucceedsWithoutManager) {
-  cfg_.sync_register = 0;
-  kiv_collector* c = kiv_register(&cfg_);
-  ASSERT_NE(c, nullptr);
-  EXPECT_EQ(kiv_deregister(c), -1);
-}
-
 TEST_F(ApiTest, RawDataIsAnnouncedInTheLogEvenWithoutCollector) {
   EXPECT_EQ(kiv_log_buf(nullptr, nullptr, 0), -1);
   EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "orb_log_buf: called"));
-}
-
-TEST_F(ApiTest, CampaignIdIsTheLatestOne) {
-  Make().SetCampaignId(0x1122334455667788u);
-  uint64_t id = 0;
-  EXPECT_EQ(kiv_get_campaign_id(collector_.get(), &id), 0);
-  EXPECT_EQ(id, 0x1122334455667788u);
 }
 
 }  // namespace

@@ -65,27 +65,6 @@ TEST_F(LifecycleTest, RetriesUntilItGivesUp) {
   }
 }
 
-TEST_F(LifecycleTest, WaitsAlsoAfterTheLastAttempt) {
-  WriteConf("register_max_retries=1\nregister_retry_wait_sec=1\n");
-  client_->Fail("registerClient", 1, 1);
-  Make();
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(collector_->Register(), -1);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, seconds(1));
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
-                     "radio: MGR registration failed - waiting for 1 seconds before retrying"));
-}
-
-TEST_F(LifecycleTest, DeRegisterTwiceAsksTheManagerAgain) {
-  MakeRegistered();
-  client_->Fail("deRegisterClient", 1, 1, -1);
-  EXPECT_EQ(collector_->DeRegister(), -1) << "the manager's status";
-  EXPECT_EQ(collector_->DeRegister(), 0);
-  EXPECT_EQ(client_->Calls().back(), "deRegisterClient token-1");
-  EXPECT_EQ(log_.Count("StopSession received when session is not active - ignored"), 2u);
-  EXPECT_FALSE(log_.Contains("waiting for")) << "no thread was ever started";
-}
-
 TEST_F(LifecycleTest, DeRegisterCutsTheRetryWaitShort) {
   cfg_.sync_register = 0;
   WriteConf("register_retry_wait_sec=3600\n");

@@ -1,12 +1,8 @@
-#include <openssl/ec.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-
 #include "collector/seal.h"
-#include "orb_encrypt.h"
 #include "proto/telemetry_footer.pb.h"
 #include "tests/collector/collector_fixture.h"
 #include "tests/collector/gunzip.h"
+#include "tests/crypto/sealed_payload.h"
 #include "utility/byte_order.h"
 
 namespace orb::test {
@@ -15,50 +11,15 @@ namespace {
 constexpr uint64_t kLicSn = 42;
 const std::string kPayload = "\x08\x01 twelve records, twelve records, twelve records";
 
-struct KeyPair {
-  std::string public_pem;
-  std::string private_pem;
-};
-
-std::string Text(BIO* bio) {
-  char* text = nullptr;
-  const long len = BIO_get_mem_data(bio, &text);
-  std::string copy(text, static_cast<size_t>(len));
-  BIO_free(bio);
-  return copy;
-}
-
-KeyPair MakeKeyPair() {
-  EVP_PKEY* key = EVP_EC_gen("P-256");
-  BIO* public_bio = BIO_new(BIO_s_mem());
-  BIO* private_bio = BIO_new(BIO_s_mem());
-  PEM_write_bio_PUBKEY(public_bio, key);
-  PEM_write_bio_PrivateKey(private_bio, key, nullptr, nullptr, 0, nullptr, nullptr);
-  EVP_PKEY_free(key);
-  return {Text(public_bio), Text(private_bio)};
-}
-
 // Decrypts an upload the way its receiver would, from the upload's bytes alone.
 std::string Open(const FakeAidlClient::Upload& upload, const std::string& private_pem, int salgo) {
   TelemetryFooter footer;
   EXPECT_TRUE(footer.ParseFromArray(upload.footer.data(), static_cast<int>(upload.footer.size())));
-  const auto bytes = [](const std::string& s) {
-    return reinterpret_cast<const uint8_t*>(s.data());
-  };
-  orb::MallocBytes out;
-  const int32_t result =
-      salgo == ORB_SALGO_AES_256_GCM
-          ? orb_decrypt_evp2_ecc_aes_gcm(
-                salgo, ORB_PALGO_ECDH_P256, private_pem.c_str(), upload.data.data(),
-                upload.data.size(), bytes(footer.ephemeral_key()), footer.ephemeral_key().size(),
-                bytes(footer.iv()), footer.iv().size(), bytes(footer.gcm_tag()),
-                footer.gcm_tag().size(), &out.data, &out.size)
-          : orb_decrypt_evp2_ecc_aes_cbc(
-                salgo, ORB_PALGO_ECDH_P256, private_pem.c_str(), upload.data.data(),
-                upload.data.size(), bytes(footer.ephemeral_key()), footer.ephemeral_key().size(),
-                bytes(footer.iv()), footer.iv().size(), &out.data, &out.size);
-  EXPECT_EQ(result, 0);
-  return result == 0 ? Gunzip(out.data, out.size) : std::string();
+  const orb::SealedPayload sealed{0, footer.ephemeral_key(),
+                                  std::string(upload.data.begin(), upload.data.end()), footer.iv(),
+                                  footer.gcm_tag()};
+  const std::string data = orb::Open(salgo, private_pem, sealed).data;
+  return Gunzip(reinterpret_cast<const uint8_t*>(data.data()), data.size());
 }
 
 class UploadTest : public CollectorFixture {
@@ -130,7 +91,7 @@ struct SealCase {
 };
 
 TEST_F(UploadTest, DecidesWhatIsSealed) {
-  const KeyPair pair = MakeKeyPair();
+  const orb::KeyPair pair = orb::NewP256();
   const char* const pem = pair.public_pem.c_str();
   const char* const plain = "radio: encryption not enabled for licSN: 42";
   const char* const failed = "radio: encryption failed - 2";
@@ -238,7 +199,7 @@ TEST_F(UploadTest, IncompleteSealsAreRefused) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     log_.Clear();
-    SealedPayload sealed;
+    ::SealedPayload sealed;
     sealed.status = c.status;
     orb::MallocBytes* const parts[] = {&sealed.ciphertext, &sealed.ephemeral_key, &sealed.iv,
                                        &sealed.tag};

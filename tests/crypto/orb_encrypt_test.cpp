@@ -202,26 +202,6 @@ TEST(OrbDecryptTest, NeverOpensWithAWrongKey) {
   }
 }
 
-TEST(OrbEncryptTest, RoundTripOfAllSizes) {
-  const KeyPair own = NewP256();
-  for (const size_t bytes : {1u, 15u, 16u, 17u, 4095u, 65536u, 4u << 20}) {
-    const std::string data = SomeData(bytes);
-    const SealedPayload cbc = Seal(kCbc, own.public_pem, data);
-    EXPECT_EQ(cbc.data.size(), bytes / 16 * 16 + 16);
-    EXPECT_EQ(cbc.tag, "");
-    const SealedPayload gcm = Seal(kGcm, own.public_pem, data);
-    EXPECT_EQ(gcm.data.size(), bytes);
-    EXPECT_EQ(gcm.tag.size(), 16u);
-    for (const auto& [salgo, sealed] : {std::pair(kCbc, cbc), std::pair(kGcm, gcm)}) {
-      EXPECT_EQ(sealed.iv.size(), 16u);
-      EXPECT_TRUE(sealed.key.starts_with("-----BEGIN PUBLIC KEY-----\n"));
-      const OpenedPayload opened = Open(salgo, own.private_pem, sealed);
-      EXPECT_EQ(opened.result, 0);
-      EXPECT_TRUE(opened.data == data) << bytes;
-    }
-  }
-}
-
 TEST(OrbEncryptTest, CbcNeedsNoTag) {
   const KeyPair own = NewP256();
   Args args;
@@ -331,22 +311,6 @@ TEST(OrbDecryptTest, AboveDebugNoSecretIsLogged) {
   EXPECT_TRUE(log.Contains("get EVP PKEY id"));
   EXPECT_FALSE(log.Contains("symmetric key:")) << log.Dump();
   EXPECT_FALSE(log.Contains("symmetric key string")) << log.Dump();
-}
-
-TEST(CryptoErrorTest, OnlyFailuresLeaveErrorsPending) {
-  const KeyPair own = NewP256();
-  LogCapture log;
-  // What tests before this one left pending.
-  while (!log.Contains("boringssl error code[0] string: ")) crypto_error_log_detail();
-  log.Clear();
-  ASSERT_EQ(Seal(kGcm, own.public_pem, "payload").result, 0);
-  crypto_error_log_detail();
-  EXPECT_TRUE(log.Contains("boringssl error code[0] string: ")) << log.Dump();
-  log.Clear();
-  ASSERT_EQ(Seal(kGcm, "no key", "payload").result, 2);
-  crypto_error_log_detail();
-  EXPECT_TRUE(log.Contains("boringssl error code[")) << log.Dump();
-  EXPECT_FALSE(log.Contains("code[0]")) << log.Dump();
 }
 
 }  // namespace

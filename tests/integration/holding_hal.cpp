@@ -10,7 +10,6 @@
 int main() {
   ABinderProcess_startThreadPool();
   const auto hal = orb::test::FakeHal::Make();
-  hal->HoldCompletions();
   if (!hal->Publish()) return 1;
   puts("ready");
   fflush(stdout);

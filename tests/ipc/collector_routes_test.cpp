@@ -36,18 +36,6 @@ TEST(CollectorRoutesTest, RegionsOutliveTokens) {
   EXPECT_FALSE(routes.FindRegion(7));
 }
 
-TEST(CollectorRoutesTest, AllComeInTheOrderOfTheirTokens) {
-  CollectorRoutes routes;
-  routes.Add("b", Collector(1));
-  routes.Add("ab", Collector(2));
-  routes.Add("a", Collector(0));
-  const std::vector<CollectorRoutes::Pin> all = routes.FindAll();
-  ASSERT_EQ(all.size(), 3u);
-  EXPECT_EQ(all[0].operator->(), Collector(0));
-  EXPECT_EQ(all[1].operator->(), Collector(2));
-  EXPECT_EQ(all[2].operator->(), Collector(1));
-}
-
 TEST(CollectorRoutesTest, ForgetWaitsForEveryPinOfThatCollector) {
   CollectorRoutes routes;
   routes.Add("a", Collector(0));

@@ -1,4 +1,5 @@
-// The client's way to the manager: connecting, registering, losing it.
+// The client's way to the manager, connecting, registering, losing it; and the
+// manager's calls on their way to a collector.
 #include <android/log.h>
 #include <gtest/gtest.h>
 
@@ -102,18 +103,6 @@ TEST_F(ManagerClientTest, DeregistrationForgetsTheTokenWhateverTheAnswer) {
   EXPECT_EQ(manager_->Deregistrations(), std::vector<std::string>{"token-1"});
 }
 
-TEST_F(ManagerClientTest, LatestCollectorOfATokenGetsItsCalls) {
-  StartManager();
-  manager_->AssignAlways("tok", 1);
-  kiv_collector* const first = NewCollector("radio");
-  kiv_collector* const last = NewCollector("radio");
-  ASSERT_EQ(client_->registerClient("radio", 2, 0, first), 0);
-  ASSERT_EQ(client_->registerClient("radio", 2, 0, last), 0);
-  EXPECT_EQ(manager_->StartSession("tok", Campaign(9)), 0);
-  EXPECT_EQ(first->GetCampaignId(), 0u);
-  EXPECT_EQ(last->GetCampaignId(), 9u);
-}
-
 TEST_F(ManagerClientTest, ManagerDeathReachesEveryCollectorAndEachReturns) {
   StartManager();
   for (const char* name : {"a", "b", "c"}) ASSERT_NE(Register(name), nullptr);
@@ -184,6 +173,49 @@ TEST_F(ManagerClientTest, DeregisterWaitsForACallbackUnderWay) {
   leave.set_value();
   EXPECT_EQ(start.get(), 7);
   EXPECT_EQ(gone.get(), 0);
+}
+
+using KIVCallbackImplTest = orb::test::ClientTest;
+
+TEST_F(KIVCallbackImplTest, UnknownTokensAreAnsweredAndLogged) {
+  StartManager();
+  ASSERT_NE(Register("radio"), nullptr);
+  log_.Clear();
+  EXPECT_EQ(manager_->StartSession("other", Campaign(1)), -1);
+  EXPECT_EQ(manager_->StopSession("", 1), 0);
+  EXPECT_EQ(manager_->StartSessionforLicSN("token-11", 1, 5), 0);
+  EXPECT_EQ(manager_->StopSessionforLicSN("token-", 1, 5), 0);
+  EXPECT_EQ(TakeLog(), (Lines{
+                           "E StartSession - No entry found for token: other",
+                           "E StopSession - No entry found for token: ",
+                           "E StartSessionforLicSN - No entry found for token: token-11",
+                           "E StopSessionforLicSN - No entry found for token: token-",
+                       }));
+}
+
+TEST_F(KIVCallbackImplTest, EventsAreLoggedAndReachTheCollector) {
+  StartManager();
+  kiv_collector* const collector = Register("radio");
+  ASSERT_NE(collector, nullptr);
+  EXPECT_EQ(manager_->StartSession("token-1", Campaign(-2)), 0);
+  EXPECT_EQ(collector->GetCampaignId(), 0xfffffffffffffffeu);
+
+  log_.Clear();
+  manager_->StartSessionforLicSN("token-1", 77, -1);
+  EXPECT_EQ(TakeLog().front(),
+            "I StartSessionforLicSN - camp start event received for LicSN - 18446744073709551615"
+            " camp id -  77  token - token-1");
+  manager_->StopSessionforLicSN("token-1", -77, 5);
+  EXPECT_EQ(TakeLog().front(),
+            "I StopSessionforLicSN - camp stop event received for LicSN - 5"
+            " camp id - -77  token - token-1");
+
+  // The campaign is not compared with the running one.
+  manager_->StopSession("token-1", 12345);
+  const Lines lines = TakeLog();
+  EXPECT_EQ(lines.front(),
+            "I StopSession - camp stop event received, camp id -  12345  token - token-1");
+  EXPECT_EQ(manager_->StartSession("token-1", Campaign(3)), 0);  // Free again.
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include "ipc/KIVClientId.h"
 #include "ipc/KIVClientInfo.h"
 #include "ipc/LicInfo.h"
-#include "tests/ipc/wire.h"
+#include "tests/support/parcel_hex.h"
 
 using android::BAD_VALUE;
 using android::NOT_ENOUGH_DATA;

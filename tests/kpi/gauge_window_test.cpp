@@ -106,44 +106,6 @@ TEST_F(GaugeWindowTest, AClockThatDoesNotAdvanceClosesTheWindow) {
   }
 }
 
-// A window that closed within its first second looks fresh, so the next sample
-// starts the sums anew; the count of the seed stays.
-TEST_F(GaugeWindowTest, CountOutlivesTheSumsAfterAClosureWithinTheSecond) {
-  GaugeProbe gauge = SampleBased(1000);
-  Feed(&gauge, {{100, 1}, {50, 10}, {50, 20}});
-  EXPECT_EQ(gauge.timeSpan, 0);
-  Feed(&gauge, {{60, 30}});
-  EXPECT_EQ(gauge.N, 2);
-  EXPECT_EQ(gauge.refTs, 59);
-  EXPECT_EQ(gauge.sumY, 30);
-  EXPECT_EQ(gauge.avg, 30);
-  gauge.Serialize();
-  EXPECT_EQ(LastGauge(serializer_).min(), 30);
-  EXPECT_EQ(LastGauge(serializer_).variance(), 450);  // (900 - 900/2) / 1.
-}
-
-TEST_F(GaugeWindowTest, SeedKeepsWhatAFloatHolds) {
-  struct Case {
-    int value;
-    int32_t want;
-  };
-  const Case kCases[] = {
-      {16'777'216, 16'777'216},
-      {16'777'217, 16'777'216},
-      {-16'777'217, -16'777'216},
-      {std::numeric_limits<int32_t>::max(), std::numeric_limits<int32_t>::max()},
-      {std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::min()},
-  };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.value);
-    GaugeProbe gauge = SampleBased(1000);
-    Feed(&gauge, {{100, 0}, {50, c.value}});
-    EXPECT_EQ(gauge.min, c.want);
-    EXPECT_EQ(gauge.max, c.want);
-    EXPECT_EQ(gauge.sumY, c.value);
-  }
-}
-
 // The base window closes first: the gauge's own never fills by count.
 TEST_F(GaugeWindowTest, BaseWindowWritesAndResets) {
   GaugeProbe gauge = SampleBased(3);
@@ -174,22 +136,6 @@ TEST_F(GaugeWindowTest, GaugeWindowClosesInsideALongerBaseWindow) {
   EXPECT_EQ(LastGauge(serializer_).meta().num_samples(), 2u);  // The third is not counted yet.
   EXPECT_EQ(gauge.numSamples, 4u);
   EXPECT_EQ(gauge.N, 2);
-}
-
-TEST_F(GaugeWindowTest, WithoutAUsableWindowNothingIsWritten) {
-  GaugeProbe kGauges[] = {GaugeProbe(GaugeCfg(AllStatistics()), &serializer_), SampleBased(0),
-                          TimeBased(0)};
-  for (GaugeProbe& gauge : kGauges) {
-    for (int i = 0; i < 10; ++i) {
-      gauge.AddSample(5);
-      clock_.AdvanceWall(i % 2);
-    }
-  }
-  // Beyond 31 bits the count reads as negative: every sample is one too many.
-  GaugeProbe negative = SampleBased(0x80000000);
-  Feed(&negative, {{100, 1}, {101, 2}, {102, 3}});
-  EXPECT_EQ(negative.N, 1);
-  EXPECT_EQ(RecordCount(), 2u);  // Its seeds and the next samples, in pairs.
 }
 
 TEST_F(GaugeWindowTest, TimestampsStayWithinTheirCapacity) {

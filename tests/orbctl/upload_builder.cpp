@@ -5,49 +5,28 @@
 
 #include <map>
 
-#include "include/orb_encrypt.h"
 #include "proto/telemetry_footer.pb.h"
-#include "tests/support/child_process.h"
-#include "tools/orbctl/key_command.h"
+#include "tests/crypto/sealed_payload.h"
 #include "utility/byte_order.h"
 
 namespace orb::orbctl::test {
 namespace {
 
-struct KeyPair {
-  std::string private_pem;
-  std::string public_pem;
-};
-
 const KeyPair& Pair(int number) {
   static std::map<int, KeyPair> pairs;
-  if (pairs.count(number) == 0) {
-    const orb::test::TempDir dir;
-    EXPECT_EQ(NewKey(dir.path(), false), 0);
-    pairs[number] = {orb::test::ReadFileOrEmpty(dir.path() + "/private.pem"),
-                     orb::test::ReadFileOrEmpty(dir.path() + "/public.pem")};
-  }
-  return pairs[number];
-}
-
-std::string Take(uint8_t* buffer, uint64_t bytes) {
-  const std::string text(reinterpret_cast<char*>(buffer), bytes);
-  free(buffer);
-  return text;
+  const auto [pair, added] = pairs.try_emplace(number);
+  if (added) pair->second = NewP256();
+  return pair->second;
 }
 
 // Ciphertext; the footer's content to *footer.
 std::string Seal(const UploadPlan& plan, const std::string& data, TelemetryFooter* footer) {
-  uint8_t* out[4] = {};
-  uint64_t bytes[4] = {};
-  EXPECT_EQ(orb_encrypt(plan.gcm ? 2 : 1, 1, plan.public_pem.c_str(),
-                        reinterpret_cast<const uint8_t*>(data.data()), data.size(), &out[0],
-                        &bytes[0], &out[1], &bytes[1], &out[2], &bytes[2], &out[3], &bytes[3]),
-            0);
-  footer->set_ephemeral_key(Take(out[0], bytes[0]));
-  footer->set_iv(Take(out[2], bytes[2]));
-  footer->set_gcm_tag(Take(out[3], bytes[3]));
-  return Take(out[1], bytes[1]);
+  const SealedPayload sealed = orb::Seal(plan.gcm ? kGcm : kCbc, plan.public_pem, data);
+  EXPECT_EQ(sealed.result, 0);
+  footer->set_ephemeral_key(sealed.key);
+  footer->set_iv(sealed.iv);
+  footer->set_gcm_tag(sealed.tag);
+  return sealed.data;
 }
 
 }  // namespace

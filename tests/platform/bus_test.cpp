@@ -103,12 +103,6 @@ TEST_F(BusTest, ReplacedServiceGoesWithItsLastProxy) {
   EXPECT_TRUE(WaitFor([&] { return Ask(peer.get(), "alive") == "alive 1"; }));
 }
 
-TEST_F(BusTest, OneObjectUnderTwoNamesIsOneProxy) {
-  const auto peer = Peer("one");
-  EXPECT_EQ(Ask(peer.get(), "name two"), "name 0");
-  EXPECT_EQ(Check("one"), Check("two"));
-}
-
 TEST_F(BusTest, ThirdProcessUsesWhatItWasGiven) {
   const auto giver = Peer("giver");
   const auto taker = Peer("taker");

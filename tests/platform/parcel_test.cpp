@@ -6,8 +6,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <functional>
+
+#include "tests/support/parcel_hex.h"
 
 namespace {
 
@@ -16,58 +17,10 @@ using android::IBinder;
 using android::Parcel;
 using android::sp;
 using android::String16;
-using android::String8;
 using android::binder::Status;
-
-std::vector<uint8_t> Bytes(const Parcel& parcel) {
-  return {parcel.data(), parcel.data() + parcel.dataSize()};
-}
-
-std::vector<uint8_t> FromHex(const std::string& hex) {
-  std::vector<uint8_t> out;
-  for (size_t i = 0; i + 1 < hex.size();) {
-    if (hex[i] == ' ') {
-      i++;
-      continue;
-    }
-    out.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-    i += 2;
-  }
-  return out;
-}
-
-TEST(ParcelTest, WritesTheBytesOfARegistration) {
-  const sp<IBinder> callback(new BBinder());
-  Parcel parcel;
-  parcel.writeInterfaceToken(String16("IKIVManager"));
-  parcel.writeInt32(1);
-  const size_t start = parcel.dataPosition();
-  parcel.writeInt32(0);
-  parcel.writeUtf8AsUtf16(std::string("abc"));
-  parcel.writeInt32(2);
-  parcel.writeInt32(-1);
-  const size_t end = parcel.dataPosition();
-  parcel.setDataPosition(start);
-  parcel.writeInt32(static_cast<int32_t>(end - start));
-  parcel.setDataPosition(end);
-  ASSERT_EQ(parcel.writeStrongBinder(callback), android::OK);
-
-  std::vector<uint8_t> got = Bytes(parcel);
-  ASSERT_EQ(got.size(), 96u);
-  // The two addresses differ from run to run.
-  EXPECT_NE(got, std::vector<uint8_t>(96));
-  std::fill(got.begin() + 0x4c, got.begin() + 0x5c, uint8_t{0});
-  EXPECT_EQ(got, FromHex("00000080 ffffffff 54535953 0b000000"
-                         "49004b00 49005600 4d006100 6e006100"
-                         "67006500 72000000 01000000 18000000"
-                         "03000000 61006200 63000000 02000000"
-                         "ffffffff 852a6273 13010000 00000000"
-                         "00000000 00000000 00000000 0c000000"));
-  parcel.setDataPosition(0);
-  EXPECT_TRUE(parcel.enforceInterface(String16("IKIVManager")));
-  parcel.setDataPosition(0x44);
-  EXPECT_EQ(parcel.readStrongBinder(), callback);
-}
+using orb::test::Compact;
+using orb::test::Fill;
+using orb::test::ToHex;
 
 TEST(ParcelTest, WritesEachType) {
   struct Case {
@@ -111,7 +64,7 @@ TEST(ParcelTest, WritesEachType) {
     SCOPED_TRACE(c.name);
     Parcel parcel;
     EXPECT_EQ(c.write(&parcel), android::OK);
-    EXPECT_EQ(Bytes(parcel), FromHex(c.hex));
+    EXPECT_EQ(ToHex(parcel), Compact(c.hex));
   }
 }
 
@@ -162,9 +115,8 @@ TEST(ParcelTest, ReadersRefuseBrokenData) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const std::vector<uint8_t> data = FromHex(c.hex);
     Parcel parcel;
-    parcel.setData(data.data(), data.size());
+    Fill(&parcel, c.hex);
     EXPECT_EQ(c.read(parcel), c.want);
   }
 }

@@ -1,9 +1,8 @@
 // usage: platform_peer NAME     (the other process of the bus tests)
 //
 // Serves a TestObject under NAME and prints "ready CODE". Then, per line:
-// "again" serves a new object under the name, "name X" serves that one
-// under X, too, and "alive" prints how many objects there are; each prints its
-// word and a number. Ends with its input.
+// "again" serves a new object under the name, and "alive" prints how many
+// objects there are; each prints its word and a number. Ends with its input.
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
@@ -44,7 +43,6 @@ int main(int argc, char** argv) {
       object = new orb::test::TestObject();
       Print("again", Serve(argv[1], object));
     }
-    if (line.rfind("name ", 0) == 0) Print("name", Serve(line.substr(5), object));
     if (line == "alive") Print("alive", orb::test::TestObject::Alive());
   }
   orb_platform::StopThreadPool();

@@ -47,18 +47,6 @@ TEST_F(NdkBinderTest, OneRemoteIsOneHandleAndDiesWithItsLastReference) {
   EXPECT_NE(Check().get(), nullptr);
 }
 
-TEST_F(NdkBinderTest, ALocalObjectInAParcelStaysItself) {
-  ScopedAParcel parcel(AParcel_create());
-  ASSERT_EQ(AParcel_writeStrongBinder(parcel.get(), local_.get()), STATUS_OK);
-  ASSERT_EQ(AParcel_writeStrongBinder(parcel.get(), nullptr), STATUS_OK);
-  ASSERT_EQ(AParcel_setDataPosition(parcel.get(), 0), STATUS_OK);
-  SpAIBinder read;
-  ASSERT_EQ(AParcel_readStrongBinder(parcel.get(), read.getR()), STATUS_OK);
-  EXPECT_EQ(read, local_);
-  ASSERT_EQ(AParcel_readStrongBinder(parcel.get(), read.getR()), STATUS_OK);
-  EXPECT_EQ(read.get(), nullptr);
-}
-
 TEST_F(NdkBinderTest, UserDataLivesAsLongAsAnybodyHoldsTheBinder) {
   const int before = orb::test::live_echoes;
   int args = 0;
@@ -116,15 +104,6 @@ TEST_F(NdkBinderTest, ARequestBelongsToTheBinderItWasPreparedFor) {
   EXPECT_EQ(AIBinder_transact(remote.get(), 1, &in, &out, 0), STATUS_BAD_VALUE);
   EXPECT_EQ(in, nullptr);
   EXPECT_EQ(AIBinder_transact(remote.get(), 1, &in, &out, 0), STATUS_UNEXPECTED_NULL);
-}
-
-TEST_F(NdkBinderTest, AWrongInterfaceTokenIsRefused) {
-  const android::sp<android::IBinder> remote = manager_->checkService(android::String16(kName));
-  android::Parcel data;
-  android::Parcel reply;
-  ASSERT_EQ(data.writeInterfaceToken(android::String16("orb.test.Forged")), android::OK);
-  ASSERT_EQ(data.writeInt32(41), android::OK);
-  EXPECT_EQ(remote->transact(1, data, &reply), android::BAD_TYPE);
 }
 
 }  // namespace

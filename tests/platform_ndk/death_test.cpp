@@ -107,16 +107,6 @@ TEST_F(NdkDeathTest, DeletingTheRecipientUnlinksAllItsLinks) {
   EXPECT_EQ(one_.Now(), "u");
 }
 
-TEST_F(NdkDeathTest, ALinkNeedsTheBinderHeld) {
-  ASSERT_EQ(Link(remote_, &one_), STATUS_OK);
-  remote_.set(nullptr);
-  remote_ = Check();
-  ASSERT_EQ(Link(remote_, &witness_), STATUS_OK);
-  ASSERT_TRUE(manager_->Kill(kName));
-  EXPECT_EQ(witness_.WaitFor(2), "du");
-  EXPECT_EQ(one_.Now(), "u");
-}
-
 TEST_F(NdkDeathTest, OnlyRemoteObjectsDie) {
   EXPECT_EQ(Link(local_, &one_), STATUS_INVALID_OPERATION);
   EXPECT_EQ(one_.Now(), "u");

@@ -271,20 +271,6 @@ TEST_F(FileSerializerTest, DestructionKeepsWhatIsNotSentForTheNextStart) {
   EXPECT_EQ(Sent(42), "kept");
 }
 
-TEST_F(FileSerializerTest, FinalizeWritesWhatIsQueued) {
-  StartSession({{42, {}}});
-  Open(1 << 20);
-  std::string want;
-  for (int i = 0; i < 200; ++i) {
-    Log(std::to_string(i) + ";");
-    want += std::to_string(i) + ";";
-  }
-  EXPECT_EQ(files_->Finalize(), 0);
-  EXPECT_EQ(client_->Count("sendData"), 1u);
-  EXPECT_EQ(Sent(42), want);
-  EXPECT_EQ(ReadFileOrEmpty(Tmp(42)).size(), kPrefixBytes) << "an empty file stays";
-}
-
 TEST_F(FileSerializerTest, SegmentsAreNotSupported) {
   StartSession({{42, {}}});
   Open();
@@ -312,17 +298,6 @@ TEST_F(FileSerializerTest, WithoutItsDirectoryALicSnHasNoFile) {
   Log("after");
   files_->Finalize();
   EXPECT_EQ(Sent(42), "after");
-}
-
-TEST_F(FileSerializerTest, ShortPathsAreNotPrinted) {
-  StartSession({{42, {}}});
-  const auto before = std::filesystem::current_path();
-  std::filesystem::current_path(cache_.path());
-  files_ = std::make_unique<KPIFileSerializer>();
-  EXPECT_EQ(files_->Initialize(".", 4096, 60, collector_.get()), 0);
-  files_->Finalize();
-  std::filesystem::current_path(before);
-  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "createFout: tmpfile created "));
 }
 
 // While it lives, no file of this process grows beyond a size.

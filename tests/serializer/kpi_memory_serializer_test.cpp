@@ -313,24 +313,6 @@ TEST_F(MemorySerializerTest, SegmentsWithoutMemoryAreRefused) {
       Logged(ANDROID_LOG_ERROR, "KPIMemorySerializer::WriteBlobSegsOptimized: malloc failed "));
 }
 
-TEST_F(MemorySerializerTest, CompletionsReachTheirOwnSerializer) {
-  Open(1);
-  KPIMemorySerializer other;
-  ASSERT_EQ(other.Initialize(kSlotBytes, 1, collector_.get()), 0);
-  EXPECT_EQ(Log("mine"), 0);
-  EXPECT_EQ(WriteText(other, "other"), 0);
-  slots_->Flush();
-  other.Flush();
-  ASSERT_EQ(hal_->Slots().size(), 2u);
-  hal_->Complete(1);
-  EXPECT_EQ(Log("x"), -1);
-  EXPECT_EQ(WriteText(other, "y"), 0);
-  other.Flush();
-  EXPECT_EQ(hal_->Slots()[2].bytes, "y");
-  hal_->Complete(2);
-  EXPECT_EQ(other.Finalize(), 0);
-}
-
 TEST_F(MemorySerializerTest, LosesNothingUnderLoad) {
   Open(4);
   constexpr int kWriters = 4;

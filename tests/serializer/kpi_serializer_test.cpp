@@ -7,15 +7,6 @@ namespace {
 
 class KPISerializerTest : public CollectorFixture {};
 
-TEST_F(KPISerializerTest, UnknownTypesGiveNothingAndSayNothing) {
-  kiv_collector& collector = MakeRegistered();
-  log_.Clear();
-  for (const uint32_t type : {0u, 3u, 0xFFFFFFFFu}) {
-    EXPECT_EQ(KPISerializer::Create({type, 4096, 4, data_dir_.c_str(), &collector}), nullptr);
-  }
-  EXPECT_TRUE(log_.Lines().empty()) << log_.Dump();
-}
-
 TEST_F(KPISerializerTest, FailedInitialisationGivesNothing) {
   kiv_collector& collector = MakeRegistered();
   const std::string missing = dir_.path() + "/missing";

@@ -21,6 +21,7 @@ namespace orb::hal {
 namespace {
 
 using ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbFdCallback;
+using ::aidl::vendor::nuv::orbsyshal_aidl::IOrbFdCallback;
 using ::aidl::vendor::nuv::orbsyshal_aidl::IOrbsyshal;
 using ::aidl::vendor::nuv::orbsyshal_aidl::SetFdResult;
 using orb::test::ReadFileOrEmpty;
@@ -134,6 +135,18 @@ TEST_F(OrbsyshalServiceTest, RefusesHandlesOfAnotherShape) {
   EXPECT_TRUE(refused(two));
   EXPECT_TRUE(refused(IOrbsyshal::NativeHandle()));
   EXPECT_EQ(log_.Count("refused: "), 7U) << log_.Dump();
+  SetFdResult channel;
+  EXPECT_EQ(hal_->set_fd(two, nullptr, &channel).getStatus(), STATUS_UNEXPECTED_NULL);
+  two.fds[0].set(-1);
+  EXPECT_EQ(hal_->set_fd(two, completions, &channel).getStatus(), STATUS_UNEXPECTED_NULL);
+}
+
+TEST_F(OrbsyshalServiceTest, OnlyABinderOfTheInterfaceBecomesAProxy) {
+  const auto completions = ::ndk::SharedRefBase::make<Completions>();
+  EXPECT_EQ(IOrbsyshal::fromBinder(nullptr), nullptr);
+  EXPECT_EQ(IOrbsyshal::fromBinder(completions->asBinder()), nullptr);
+  EXPECT_EQ(IOrbFdCallback::fromBinder(hal_->asBinder()), nullptr);
+  EXPECT_EQ(IOrbFdCallback::fromBinder(completions->asBinder()), completions);
 }
 
 }  // namespace

@@ -22,8 +22,6 @@ UniqueFd Memory(const std::string& content) {
   return fd;
 }
 
-std::string Text(const std::vector<uint8_t>& bytes) { return {bytes.begin(), bytes.end()}; }
-
 TEST(SharedRegionTest, RefusesWhatIsNoSharedMemory) {
   int pair[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
@@ -69,45 +67,6 @@ TEST(SharedRegionTest, RefusesADescriptorThatCannotBeRead) {
   std::string why;
   EXPECT_EQ(SharedRegion::Open(std::move(write_only), 0, 16, &why), nullptr);
   EXPECT_EQ(why, "the descriptor cannot be read");
-}
-
-TEST(SharedRegionTest, ReadsOnlyInsideTheAnnouncedPart) {
-  std::string why;
-  const auto region = SharedRegion::Open(Memory("0123456789"), 2, 6, &why);
-  ASSERT_NE(region, nullptr) << why;
-  const struct {
-    uint64_t offset;
-    uint64_t size;
-    const char* want;  // Null: refused.
-  } kCases[] = {
-      {0, 6, "234567"},
-      {5, 1, "7"},
-      {6, 0, ""},
-      {0, 7, nullptr},
-      {6, 1, nullptr},
-      {7, 0, nullptr},
-      {UINT64_MAX, 2, nullptr},
-      {2, UINT64_MAX, nullptr},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(std::to_string(c.offset) + "+" + std::to_string(c.size));
-    std::vector<uint8_t> out{'!'};
-    EXPECT_EQ(region->Read(c.offset, c.size, &out), c.want != nullptr);
-    EXPECT_EQ(Text(out), std::string("!") + (c.want != nullptr ? c.want : ""));
-  }
-}
-
-TEST(SharedRegionTest, SurvivesAClientThatShrinksItsRegion) {
-  UniqueFd fd = Memory(std::string(8192, 'x'));
-  const UniqueFd client_side(dup(fd.get()));
-  std::string why;
-  const auto region = SharedRegion::Open(std::move(fd), 0, 8192, &why);
-  ASSERT_NE(region, nullptr);
-  ASSERT_EQ(ftruncate(client_side.get(), 100), 0);
-  std::vector<uint8_t> out;
-  EXPECT_FALSE(region->Read(0, 8192, &out));
-  EXPECT_TRUE(out.empty());
-  EXPECT_TRUE(region->Read(0, 100, &out));
 }
 
 }  // namespace

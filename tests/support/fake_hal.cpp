@@ -1,9 +1,11 @@
-// Tested by tests/platform_ndk/contract_test.cpp.
 #include "tests/support/fake_hal.h"
 
 #include <android/binder_manager.h>
 #include <fcntl.h>
 #include <unistd.h>
+
+#include <chrono>
+#include <utility>
 
 namespace orb::test {
 namespace {
@@ -18,25 +20,13 @@ ScopedAStatus TransportError() { return ScopedAStatus::fromStatus(STATUS_FAILED_
 
 std::shared_ptr<FakeHal> FakeHal::Make() { return ::ndk::SharedRefBase::make<FakeHal>(); }
 
-FakeHal::FakeHal() : completer_([this] { CompleteSlots(); }) {}
-
-FakeHal::~FakeHal() {
-  {
-    MutexLock lock(mutex_);
-    stopping_ = true;
-    changed_.NotifyAll();
-  }
-  completer_.join();
-}
-
 bool FakeHal::Publish() {
   return AServiceManager_addService(asBinder().get(), kService) == EX_NONE;
 }
 
-void FakeHal::Inject(Method method, Fault fault, size_t nth) {
+void FakeHal::Inject(Method method, Fault fault) {
   MutexLock lock(mutex_);
-  Script& script = scripts_[method];
-  script.faults[script.calls + nth] = fault;
+  scripts_[method].fault = fault;
 }
 
 void FakeHal::Pause(Method method) {
@@ -45,7 +35,12 @@ void FakeHal::Pause(Method method) {
 }
 
 bool FakeHal::WaitUntilPaused(Method method) {
-  return WaitFor([=, this]() REQUIRES(mutex_) { return scripts_[method].paused; });
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  MutexLock lock(mutex_);
+  while (!scripts_[method].paused) {
+    if (!changed_.WaitUntil(mutex_, deadline)) return scripts_[method].paused;
+  }
+  return true;
 }
 
 void FakeHal::Resume(Method method) {
@@ -57,35 +52,14 @@ void FakeHal::Resume(Method method) {
 FakeHal::Outcome FakeHal::Enter(Method method) {
   MutexLock lock(mutex_);
   Script& script = scripts_[method];
-  const size_t call = ++script.calls;
+  ++script.calls;
   script.paused = script.pause;
   changed_.NotifyAll();
-  while (script.pause && !stopping_) changed_.Wait(mutex_);
+  while (script.pause) changed_.Wait(mutex_);
   script.paused = false;
-  const auto fault = script.faults.find(call);
-  if (fault == script.faults.end()) return Outcome::kNormal;
-  return fault->second == Fault::kFail ? Outcome::kFail : Outcome::kRefuse;
-}
-
-template <typename Ready>
-bool FakeHal::WaitFor(Ready ready) {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  MutexLock lock(mutex_);
-  while (!ready()) {
-    if (!changed_.WaitUntil(mutex_, deadline)) return ready();
-  }
-  return true;
-}
-
-void FakeHal::HoldCompletions() {
-  MutexLock lock(mutex_);
-  hold_completions_ = true;
-}
-
-void FakeHal::ReleaseCompletions() {
-  MutexLock lock(mutex_);
-  hold_completions_ = false;
-  changed_.NotifyAll();
+  const std::optional<Fault> fault = std::exchange(script.fault, std::nullopt);
+  if (!fault.has_value()) return Outcome::kNormal;
+  return *fault == Fault::kFail ? Outcome::kFail : Outcome::kRefuse;
 }
 
 bool FakeHal::Complete(int32_t token, int32_t a, int32_t b, int32_t c) {
@@ -99,25 +73,7 @@ bool FakeHal::Complete(int32_t token, int32_t a, int32_t b, int32_t c) {
       if (channel.region.token == token) callback = channel.callback;
     }
   }
-  const bool answered = callback->fd_write_done(token, a, b, c).isOk();
-  MutexLock lock(mutex_);
-  if (answered) ++completed_;
-  changed_.NotifyAll();
-  return answered;
-}
-
-void FakeHal::CompleteSlots() {
-  while (true) {
-    Completion next;
-    {
-      MutexLock lock(mutex_);
-      while (!stopping_ && (hold_completions_ || completions_.empty())) changed_.Wait(mutex_);
-      if (stopping_) return;
-      next = completions_.front();
-      completions_.pop_front();
-    }
-    Complete(next.token, next.a, next.b, next.c);
-  }
+  return callback->fd_write_done(token, a, b, c).isOk();
 }
 
 std::vector<FakeHal::Upload> FakeHal::uploads() const {
@@ -141,18 +97,6 @@ size_t FakeHal::calls(Method method) const {
   MutexLock lock(mutex_);
   const auto script = scripts_.find(method);
   return script == scripts_.end() ? 0 : script->second.calls;
-}
-
-bool FakeHal::WaitForUploads(size_t count) {
-  return WaitFor([=, this]() REQUIRES(mutex_) { return uploads_.size() >= count; });
-}
-
-bool FakeHal::WaitForSlots(size_t count) {
-  return WaitFor([=, this]() REQUIRES(mutex_) { return slots_.size() >= count; });
-}
-
-bool FakeHal::WaitForCompletions(size_t count) {
-  return WaitFor([=, this]() REQUIRES(mutex_) { return completed_ >= count; });
 }
 
 ScopedAStatus FakeHal::configure_fmq(const QueueDescriptor& in_queue, bool* _aidl_return) {
@@ -179,7 +123,6 @@ ScopedAStatus FakeHal::request_read(const std::string& in_name, int32_t in_total
   Upload upload{in_name, std::vector<uint8_t>(static_cast<size_t>(in_total))};
   *_aidl_return = queue->read(reinterpret_cast<int8_t*>(upload.bytes.data()), upload.bytes.size());
   if (*_aidl_return) uploads_.push_back(std::move(upload));
-  changed_.NotifyAll();
   return ScopedAStatus::ok();
 }
 
@@ -223,8 +166,6 @@ ScopedAStatus FakeHal::fd_write_to_system_dropbox(const std::string& in_name,
   const ssize_t got = pread(channel.fd.get(), slot.bytes.data(), slot.bytes.size(), at);
   slot.bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
   slots_.push_back(std::move(slot));
-  completions_.push_back({in_fdToken, in_offset, in_size, 0});
-  changed_.NotifyAll();
   *_aidl_return = 0;
   return ScopedAStatus::ok();
 }

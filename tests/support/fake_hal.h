@@ -5,20 +5,17 @@
 //   const auto hal = FakeHal::Make();
 //   hal->Publish();  ...  manager->Kill(FakeHal::kService);
 //
-// Every announced slot is consumed by a thread of the HAL's own, right away
-// unless completions are held. Thread-safe.
+// Announced slots are completed only by Complete(). Thread-safe.
 #pragma once
 
 #include <aidl/vendor/nuv/orbsyshal_aidl/BnOrbsyshal.h>
 #include <fmq/AidlMessageQueue.h>
 
-#include <chrono>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "utility/thread_annotations.h"
@@ -60,22 +57,18 @@ class FakeHal : public ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbsyshal {
   };
 
   static std::shared_ptr<FakeHal> Make();
-  ~FakeHal() override;
 
   // Under kService, with the default service manager. False when that fails.
   bool Publish();
 
-  // The n-th call of the method from now on meets the fault; 1 is the next one.
-  void Inject(Method method, Fault fault, size_t nth = 1) EXCLUDES(mutex_);
+  // The next call of the method meets the fault.
+  void Inject(Method method, Fault fault) EXCLUDES(mutex_);
   // The next call of the method waits inside the HAL until Resume().
   void Pause(Method method) EXCLUDES(mutex_);
   // Waits until a call is waiting there; false after ten seconds.
   bool WaitUntilPaused(Method method) EXCLUDES(mutex_);
   void Resume(Method method) EXCLUDES(mutex_);
 
-  void HoldCompletions() EXCLUDES(mutex_);
-  // Those held are sent now, later ones right away.
-  void ReleaseCompletions() EXCLUDES(mutex_);
   // Sends this completion on the calling thread: a repeated, forged or early
   // one. False when the region was never announced or the call fails.
   bool Complete(int32_t token, int32_t a, int32_t b, int32_t c) EXCLUDES(mutex_);
@@ -84,11 +77,6 @@ class FakeHal : public ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbsyshal {
   std::vector<Region> regions() const EXCLUDES(mutex_);
   std::vector<Slot> slots() const EXCLUDES(mutex_);
   size_t calls(Method method) const EXCLUDES(mutex_);
-  // False after ten seconds.
-  bool WaitForUploads(size_t count) EXCLUDES(mutex_);
-  bool WaitForSlots(size_t count) EXCLUDES(mutex_);
-  // Completions answered by the client.
-  bool WaitForCompletions(size_t count) EXCLUDES(mutex_);
 
   ::ndk::ScopedAStatus configure_fmq(const QueueDescriptor& in_queue, bool* _aidl_return) override;
   ::ndk::ScopedAStatus request_read(const std::string& in_name, int32_t in_total,
@@ -111,7 +99,7 @@ class FakeHal : public ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbsyshal {
   enum class Outcome { kNormal, kFail, kRefuse };
   struct Script {
     size_t calls = 0;
-    std::map<size_t, Fault> faults;  // By number of the call.
+    std::optional<Fault> fault;
     bool pause = false;
     bool paused = false;
   };
@@ -120,16 +108,10 @@ class FakeHal : public ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbsyshal {
     ::ndk::ScopedFileDescriptor fd;
     std::shared_ptr<IOrbFdCallback> callback;
   };
-  struct Completion {
-    int32_t token, a, b, c;
-  };
 
-  FakeHal();
+  FakeHal() = default;
   // Counts the call, waits while paused, and says how it is to end.
   Outcome Enter(Method method) EXCLUDES(mutex_);
-  template <typename Ready>
-  bool WaitFor(Ready ready) EXCLUDES(mutex_);
-  void CompleteSlots() EXCLUDES(mutex_);
 
   mutable Mutex mutex_;
   CondVar changed_;
@@ -138,11 +120,6 @@ class FakeHal : public ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbsyshal {
   std::vector<Upload> uploads_ GUARDED_BY(mutex_);
   std::vector<Channel> channels_ GUARDED_BY(mutex_);  // Token i + 1 at index i.
   std::vector<Slot> slots_ GUARDED_BY(mutex_);
-  std::deque<Completion> completions_ GUARDED_BY(mutex_);
-  size_t completed_ GUARDED_BY(mutex_) = 0;
-  bool hold_completions_ GUARDED_BY(mutex_) = false;
-  bool stopping_ GUARDED_BY(mutex_) = false;
-  std::thread completer_;
 };
 
 }  // namespace orb::test

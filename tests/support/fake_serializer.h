@@ -41,12 +41,7 @@ class FakeSerializer : public KPISerializer {
     records_.push_back({data, data.SerializeAsString(), kpiId});
     return 0;
   }
-  int WriteBuf(const unsigned char* buf, unsigned int len) override {
-    MutexLock lock(mutex_);
-    if (Fails()) return failure_;
-    buffers_.emplace_back(reinterpret_cast<const char*>(buf), len);
-    return 0;
-  }
+  int WriteBuf(const unsigned char*, unsigned int) override { return 0; }
   int WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsStart, uint64_t tsEnd,
                              unsigned int numSamples, const kiv_blob_segment_t* segs,
                              unsigned int count) override {
@@ -58,16 +53,8 @@ class FakeSerializer : public KPISerializer {
     }
     return 0;
   }
-  int Flush() override {
-    MutexLock lock(mutex_);
-    ++flushes_;
-    return 0;
-  }
-  int Finalize() override {
-    MutexLock lock(mutex_);
-    finalized_ = true;
-    return 0;
-  }
+  int Flush() override { return 0; }
+  int Finalize() override { return 0; }
 
   std::vector<Record> records() const {
     MutexLock lock(mutex_);
@@ -76,18 +63,6 @@ class FakeSerializer : public KPISerializer {
   std::vector<Segments> segments() const {
     MutexLock lock(mutex_);
     return segments_;
-  }
-  std::vector<std::string> buffers() const {
-    MutexLock lock(mutex_);
-    return buffers_;
-  }
-  int flushes() const {
-    MutexLock lock(mutex_);
-    return flushes_;
-  }
-  bool finalized() const {
-    MutexLock lock(mutex_);
-    return finalized_;
   }
 
  private:
@@ -98,9 +73,6 @@ class FakeSerializer : public KPISerializer {
   int failure_ GUARDED_BY(mutex_) = 0;
   std::vector<Record> records_ GUARDED_BY(mutex_);
   std::vector<Segments> segments_ GUARDED_BY(mutex_);
-  std::vector<std::string> buffers_ GUARDED_BY(mutex_);
-  int flushes_ GUARDED_BY(mutex_) = 0;
-  bool finalized_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace orb::test

@@ -1,4 +1,3 @@
-// Tested by tests/support/log_capture_test.cpp.
 #include "tests/support/log_capture.h"
 
 #include <android/log.h>

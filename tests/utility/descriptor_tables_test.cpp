@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "include/orb_event_log.h"
+#include "tests/support/hex.h"
 
 namespace orb {
 namespace {
@@ -14,13 +14,8 @@ template <size_t kCount>
 std::string Numbers(const kiv_field_s (&table)[kCount]) {
   std::string out;
   for (const kiv_field_s& field : table) {
-    uint8_t bytes[sizeof field];
-    std::memcpy(bytes, &field, sizeof field);
     if (!out.empty()) out += ' ';
-    for (int i = 0; i < 6; ++i) {
-      out += "0123456789abcdef"[bytes[i] >> 4];
-      out += "0123456789abcdef"[bytes[i] & 15];
-    }
+    out += test::ToHex({reinterpret_cast<const char*>(&field), 6});
   }
   return out;
 }
@@ -47,26 +42,23 @@ TEST(DescriptorTablesTest, EveryByteIsAsPublished) {
 }
 
 TEST(DescriptorTablesTest, SubMessagesPointToTheirTables) {
-  const struct {
-    const kiv_field_s* table;
-    std::vector<const void*> want;
-  } cases[] = {
-      {KivMessage_fields, {KivHeader_fields, KivPayload_fields, nullptr}},
-      {KivHeader_fields, {nullptr, nullptr, nullptr, nullptr, nullptr}},
-      {KivPayload_fields, {nullptr, nullptr}},
-      {orbtr_Counter_fields, {orbtr_MetaData_fields, nullptr, nullptr}},
-      {orbtr_Gauge_fields, {orbtr_MetaData_fields, nullptr, nullptr, nullptr, nullptr}},
-      {orbtr_Histogram_fields, {orbtr_MetaData_fields, nullptr, nullptr}},
-      {orbtr_Blob_fields, {orbtr_MetaData_fields, nullptr, nullptr}},
-      {orbtr_KPIData_fields,
-       {nullptr, orbtr_Counter_fields, orbtr_Gauge_fields, orbtr_Histogram_fields,
-        orbtr_Blob_fields, nullptr}},
+  const std::vector<std::pair<kiv_field_s, const void*>> cases = {
+      {KivMessage_fields[0], KivHeader_fields},
+      {KivMessage_fields[1], KivPayload_fields},
+      {KivHeader_fields[0], nullptr},
+      {KivPayload_fields[0], nullptr},
+      {orbtr_Counter_fields[0], orbtr_MetaData_fields},
+      {orbtr_Gauge_fields[0], orbtr_MetaData_fields},
+      {orbtr_Histogram_fields[0], orbtr_MetaData_fields},
+      {orbtr_Blob_fields[0], orbtr_MetaData_fields},
+      {orbtr_KPIData_fields[1], orbtr_Counter_fields},
+      {orbtr_KPIData_fields[2], orbtr_Gauge_fields},
+      {orbtr_KPIData_fields[3], orbtr_Histogram_fields},
+      {orbtr_KPIData_fields[4], orbtr_Blob_fields},
   };
-  for (const auto& c : cases) {
-    for (size_t i = 0; i < c.want.size(); ++i) {
-      const void* const ptr = c.table[i].ptr;  // Packed: compared by value.
-      EXPECT_EQ(ptr, c.want[i]) << i;
-    }
+  for (const auto& [field, want] : cases) {
+    const void* const ptr = field.ptr;  // Packed: compared by value.
+    EXPECT_EQ(ptr, want);
   }
 }
 

@@ -167,32 +167,29 @@ TEST_F(EventLogTest, ShortBufferFails) {
   EXPECT_EQ(written, 0u);
 }
 
-TEST_F(EventLogTest, CallbackTellsThatTheStreamIsFull) {
-  KivByteBuffer payload = {2, Bytes(kHi)};
-  void* const arg = &payload;
-  uint8_t out[3];
-  pb_ostream_t stream = pb_ostream_from_buffer(out, sizeof out);
-  pb_field_iter_t field = {};
-  field.tag = 1;
-  field.type = PB_LTYPE_BYTES;
-  EXPECT_FALSE(encode_payload_callback(&stream, &field, &arg));
-  EXPECT_TRUE(log_.Has(ANDROID_LOG_INFO, kTag, "Encoding the payload callback : Failed"))
-      << log_.Dump();
-}
-
-TEST_F(EventLogTest, CallbackRefusesAnExtensionField) {
+TEST_F(EventLogTest, CallbackRefusesExtensionsAndFullStreams) {
   KivByteBuffer payload = {2, Bytes(kHi)};
   void* const arg = &payload;
   uint8_t out[16];
-  for (const pb_type_t type : {PB_LTYPE_BYTES, PB_LTYPE_UVARINT, PB_LTYPE_EXTENSION}) {
-    pb_ostream_t stream = pb_ostream_from_buffer(out, sizeof out);
+  const struct {
+    pb_type_t type;
+    size_t room;
+    const char* error;
+  } cases[] = {{PB_LTYPE_BYTES, 16, "(none)"},
+               {PB_LTYPE_UVARINT, 16, "(none)"},
+               {PB_LTYPE_EXTENSION, 16, "invalid field type"},
+               {PB_LTYPE_BYTES, 3, "stream full"}};
+  for (const auto& c : cases) {
+    log_.Clear();
+    pb_ostream_t stream = pb_ostream_from_buffer(out, c.room);
     pb_field_iter_t field = {};
     field.tag = 1;
-    field.type = type;
-    const bool accepted = type != PB_LTYPE_EXTENSION;
+    field.type = c.type;
+    const bool accepted = c.error[0] == '(';
     EXPECT_EQ(encode_payload_callback(&stream, &field, &arg), accepted);
-    EXPECT_STREQ(PB_GET_ERROR(&stream), accepted ? "(none)" : "invalid field type");
-    EXPECT_EQ(log_.Contains("Encoding the payload callback : Failed"), !accepted);
+    EXPECT_STREQ(PB_GET_ERROR(&stream), c.error);
+    EXPECT_EQ(log_.Has(ANDROID_LOG_INFO, kTag, "Encoding the payload callback : Failed"),
+              !accepted);
   }
 }
 

@@ -1,5 +1,5 @@
 // body := size:int32 result:int32 fdToken:int32      size counts itself
-// Tested by tests/platform_ndk/contract_test.cpp.
+// Tested by tests/platform_ndk/parcel_test.cpp.
 #include <aidl/vendor/nuv/orbsyshal_aidl/SetFdResult.h>
 
 #include <climits>
