@@ -67,7 +67,7 @@ await orbctl client list
 cc -std=gnu99 -Wall -Werror -o client orb_sysmon.c sysmon_proc.c $(pkg-config --cflags --libs orb_sdk)
 install -d -o nobody data
 # Whom the bus lets be a client.
-group=$(getent group orb-client >/dev/null && echo orb-client || echo nogroup)
+group=orb-client
 if [ -n "$booted" ]; then
   systemd-run --quiet --unit=client -p User=nobody -p Group="$group" \
     -p StandardError=file:/check/client.log -p RemainAfterExit=yes \
@@ -79,6 +79,8 @@ else
 fi
 listed() { orbctl client list | grep -q "orb-sysmon${1:-}"; }
 await listed
+setpriv --reuid nobody --regid $group --clear-groups orbctl client list >refused.log 2>&1 &&
+  fail "clients may list clients"
 "${nobody[@]}" orbctl client list >refused.log 2>&1 && fail "anybody may list clients"
 
 cat >c.txtpb <<'END'
@@ -93,6 +95,9 @@ windows() { grep -c 'Serialize(), numSamples=5' client.log; }
 more_windows() { [ "$(windows)" -gt "$1" ]; }
 await more_windows 0
 if [ -n "$booted" ]; then
+  for unit in orb-hald orb-managerd; do
+    grep -qx 'Seccomp:.2' "/proc/$(systemctl show -P MainPID $unit)/status" || fail "$unit: no filter"
+  done
   before=$(systemctl show -P MainPID orb-hald orb-managerd)
   dpkg -i debs/liborb-sdk3*.deb debs/orb-services*.deb >dpkg.log 2>&1 || fail "no upgrade"
   [ "$before" != "$(systemctl show -P MainPID orb-hald orb-managerd)" ] || fail "still the old ones"
