@@ -143,11 +143,15 @@ TEST_F(SimTest, SealsForTheOwnerOfAKey) {
   ASSERT_EQ(RunCommand({ORB_CTL, "key", "new", Path("key")}).exit_code, 0);
   std::string sealed = kBlobs;
   sealed.replace(sealed.find("lic_sn: 42"), 10, "lic_sn: 42 encrypt: true");
-  const json report =
-      Report(Sim(sealed, BlobLoad(), {"--lic", "42:" + Path("key/public.pem") + ":gcm"}));
-  EXPECT_EQ(report["owners"][0]["sealed"], 20);
-  EXPECT_TRUE(report["owners"][0]["samples"]["lost"].is_null());
-  EXPECT_EQ(Decode({"--key", Path("key/private.pem")}).size(), 20u);
+  const std::string lic = "42:" + Path("key/public.pem") + ":gcm";
+  const json shut = Report(Sim(sealed, BlobLoad(), {"--lic", lic}))["owners"][0];
+  EXPECT_EQ(shut["sealed"], 20);
+  EXPECT_TRUE(shut["samples"]["lost"].is_null());
+  const std::string key = Path("key/private.pem");
+  EXPECT_EQ(Decode({"--key", key}).size(), 20u);
+  const json open =
+      Report(Sim(sealed, BlobLoad(), {"--lic", lic, "--key", key, "--fault", "hal-dead@15s"}));
+  EXPECT_EQ(open["owners"][0]["samples"]["lost"], 5);
 }
 
 TEST_F(SimTest, RefusesBeforeAnythingRuns) {

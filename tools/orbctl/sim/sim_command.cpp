@@ -10,6 +10,7 @@
 #include "tools/orbctl/campaign_command.h"
 #include "tools/orbctl/campaign_file.h"
 #include "tools/orbctl/output.h"
+#include "tools/orbctl/private_keys.h"
 #include "tools/orbctl/sim/number.h"
 #include "tools/orbctl/sim/trial_report.h"
 
@@ -108,6 +109,8 @@ int SimCommand::Run(std::ostream& out) const {
   if (!ParseSlots(slots, &input)) {
     return WrongUsage("--slots " + slots + ": write COUNTxBYTES with at most 64 slots");
   }
+  std::vector<PrivateKey> keys;
+  if (!ReadKeys(key_paths, &keys)) return kFailed;
   LTCCampaignDef campaign;
   if (!ReadInput(*this, options, &campaign, &input, &error)) return Fail(error);
   WarnOfMissingKeys(campaign, input.config);
@@ -133,7 +136,7 @@ int SimCommand::Run(std::ostream& out) const {
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
 
   TrialReport report(campaign, input);
-  if (!report.Collect(trial, *log, directory + "/spool", {}, &error)) return Fail(error);
+  if (!report.Collect(trial, *log, directory + "/spool", keys, &error)) return Fail(error);
   report.offered = services->hal().asked;
   report.stored = services->hal().accepted;
   report.took_s = took.count();
@@ -159,6 +162,10 @@ void AddSim(CLI::App* app, SimCommand* command, int* code) {
   sim->add_option("--lic", command->lics,
                   "An owner, and the key that its data are sealed for; may be repeated")
       ->type_name("LICSN[:PUB.pem:cbc|gcm]")
+      ->allow_extra_args(false);
+  sim->add_option("--key", command->key_paths,
+                  "A private key, to count what is sealed; may be repeated")
+      ->type_name("PRIV.pem")
       ->allow_extra_args(false);
   sim->add_option("--conf", command->conf_path, "Limits of the device")->type_name("orb_sdk.conf");
   sim->add_option("--slots", command->slots, "The client uses slots, not files")

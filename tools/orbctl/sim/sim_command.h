@@ -14,12 +14,13 @@ struct SimCommand {
   std::string client = "client";
   std::string load_path;
   std::vector<std::string> faults;
-  std::string directory;          // Made, or empty.
-  std::string speed = "max";      // Or a factor.
-  int64_t id = 1;                 // Of the campaign.
-  std::vector<std::string> lics;  // The --lic options as given.
-  std::string conf_path;          // Empty: the library's defaults.
-  std::string slots;              // COUNTxBYTES; empty: data files.
+  std::string directory;               // Made, or empty.
+  std::string speed = "max";           // Or a factor.
+  int64_t id = 1;                      // Of the campaign.
+  std::vector<std::string> lics;       // The --lic options as given.
+  std::vector<std::string> key_paths;  // Private keys, to count what is sealed.
+  std::string conf_path;               // Empty: the library's defaults.
+  std::string slots;                   // COUNTxBYTES; empty: data files.
   bool json = false;
 
   // Prints the report to `out`. The exit code; losses are no failure.

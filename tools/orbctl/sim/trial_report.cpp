@@ -2,31 +2,16 @@
 #include "tools/orbctl/sim/trial_report.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <string_view>
 
 #include "tools/orbctl/output.h"
 #include "tools/orbctl/record_splitter.h"
+#include "tools/orbctl/upload_files.h"
 
 namespace orb::orbctl {
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr uint64_t kUploadBytesMax = uint64_t{256} << 20;
-
-bool ListUploads(const std::string& spool, std::vector<std::string>* files, std::string* error) {
-  std::error_code ec;
-  for (fs::recursive_directory_iterator at(spool, ec), end; !ec && at != end; at.increment(ec)) {
-    if (at->path().filename().string().starts_with(".")) {
-      at.disable_recursion_pending();
-    } else if (at->path().extension() == ".orb") {
-      files->push_back(at->path().string());
-    }
-  }
-  if (ec) *error = spool + ": " + ec.message();
-  return !ec;
-}
 
 }  // namespace
 
@@ -63,7 +48,10 @@ bool TrialReport::Collect(const Trial& trial, const LibraryLog& log, const std::
   }
   CountAccepted();
   std::vector<std::string> files;
-  if (!ListUploads(spool, &files, error)) return false;
+  if (!AddFolder(spool, &files)) {
+    *error = "the spool cannot be read";
+    return false;
+  }
   for (const std::string& file : files) {
     std::string content;
     if (!ReadFile(file, kUploadBytesMax, &content, error)) return false;
