@@ -275,8 +275,8 @@ int main(int argc, char** argv) {
     const std::string line = text + "\n";
     return write(answers, line.data(), line.size()) == static_cast<ssize_t>(line.size());
   };
-  // Never destroyed: exit() leaves its threads running.
-  auto* client = new orb::test::LoadClient(argc, argv);
+  // Never destroyed: exit() leaves its threads running. Static, so that it is no leak.
+  static auto* const client = new orb::test::LoadClient(argc, argv);
   if (!answer(client->Begin() ? "ready" : "failed")) return 2;
   for (std::string line; std::getline(std::cin, line);) {
     if (!answer(client->Run(line))) return 2;

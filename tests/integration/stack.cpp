@@ -62,7 +62,7 @@ Client Stack::StartClient() {
 std::string Stack::MakeDataDir(const std::string& name) {
   const std::string dir = path(name) + "/";
   RunCommand({"mkdir", "-p", dir});
-  WriteFile(dir + "orb_sdk.conf", "register_max_retries = 100\nregister_retry_wait_sec = 1\n");
+  WriteFile(dir + "orb_sdk.conf", "register_max_retries = 1000\nregister_retry_wait_sec = 1\n");
   return dir;
 }
 
@@ -106,7 +106,10 @@ bool Stack::StartCampaign(const std::string& client, const std::string& file,
 bool Stack::WaitRegistered(const std::string& client) {
   return WaitFor([&] {
     const CommandResult list = Ctl({"client", "list"});
-    return list.exit_code == 0 && list.out.find(client) != std::string::npos;
+    const bool there = list.exit_code == 0 && list.out.find(client) != std::string::npos;
+    // Starting the tool is work that the services need not compete with.
+    if (!there) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    return there;
   });
 }
 
