@@ -242,6 +242,29 @@ TEST_P(ContractTest, DescriptorsPassBothWays) {
   }
 }
 
+TEST_P(ContractTest, DumpsGoToTheCallersDescriptor) {
+  for (const std::vector<std::string>& words : {std::vector<std::string>{}, {"--x", "", "é"}}) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    android::Vector<String16> args;
+    std::string want;
+    for (const std::string& word : words) {
+      args.add(String16(word.c_str()));
+      want += '[' + word + ']';
+    }
+    EXPECT_EQ(service_->dump(ends[1], args), android::OK);
+    EXPECT_EQ(fcntl(ends[1], F_GETFD) & ~FD_CLOEXEC, 0) << "still the caller's";
+    close(ends[1]);
+    std::string got;
+    char block[64];
+    for (ssize_t count; (count = read(ends[0], block, sizeof block)) > 0;) {
+      got.append(block, static_cast<size_t>(count));
+    }
+    close(ends[0]);
+    EXPECT_EQ(got, want) << "and nobody else holds it";
+  }
+}
+
 TEST_P(ContractTest, DeathIsReportedOncePerLinkAndForEver) {
   const sp<Recipient> twice(new Recipient());
   const sp<Recipient> unlinked(new Recipient());

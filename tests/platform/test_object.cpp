@@ -2,8 +2,11 @@
 
 #include <binder/IPCThreadState.h>
 #include <unistd.h>
+#include <utils/String8.h>
 
 #include <atomic>
+#include <cerrno>
+#include <string>
 
 namespace orb::test {
 
@@ -26,6 +29,15 @@ int TestObject::Alive() { return alive.load(); }
 const android::String16& TestObject::getInterfaceDescriptor() const {
   static const android::String16* const name = new android::String16("orb.test.Object");
   return *name;
+}
+
+status_t TestObject::dump(int fd, const android::Vector<android::String16>& args) {
+  std::string text;
+  for (size_t i = 0; i < args.size(); i++) {
+    text += '[' + std::string(android::String8(args[i]).c_str()) + ']';
+  }
+  const auto size = static_cast<ssize_t>(text.size());
+  return write(fd, text.data(), text.size()) == size ? android::OK : -errno;
 }
 
 status_t TestObject::Nest(const Parcel& data, Parcel* reply) {

@@ -5,6 +5,7 @@
 #include <binder/Binder.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
+#include <utils/Vector.h>
 
 #include <vector>
 
@@ -36,6 +37,8 @@ class TestObject : public android::BBinder {
   // Objects of this class that are not destroyed yet.
   static int Alive();
   const android::String16& getInterfaceDescriptor() const override;
+  // Writes the arguments, each in brackets.
+  android::status_t dump(int fd, const android::Vector<android::String16>& args) override;
 
  protected:
   android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,

@@ -2,6 +2,7 @@
 // Tested by tests/platform/contract_test.cpp.
 #include <binder/BpBinder.h>
 #include <binder/Parcel.h>
+#include <utils/Vector.h>
 
 #include <atomic>
 #include <vector>
@@ -84,6 +85,16 @@ status_t BpBinder::pingBinder() {
   Parcel data;
   Parcel reply;
   return transact(PING_TRANSACTION, data, &reply, 0);
+}
+
+status_t BpBinder::dump(int fd, const Vector<String16>& args) {
+  Parcel data;
+  Parcel reply;
+  // A duplicate: a parcel closes, once delivered, what it carries.
+  status_t status = data.writeDupFileDescriptor(fd);
+  if (status == OK) status = data.writeInt32(static_cast<int32_t>(args.size()));
+  for (size_t i = 0; status == OK && i < args.size(); i++) status = data.writeString16(args[i]);
+  return status == OK ? transact(DUMP_TRANSACTION, data, &reply, 0) : status;
 }
 
 status_t BpBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {

@@ -23,7 +23,8 @@ class BBinder : public IBinder {
   status_t unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie = nullptr,
                          uint32_t flags = 0, wp<DeathRecipient>* outRecipient = nullptr) override;
 
-  virtual status_t dump(int fd, const Vector<String16>& args);
+  // OK, and writes nothing.
+  status_t dump(int fd, const Vector<String16>& args) override;
   BBinder* localBinder() override;
 
   // Another interface of the same service, handed out on EXTENSION_TRANSACTION.

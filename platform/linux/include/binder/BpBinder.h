@@ -24,6 +24,7 @@ class BpBinder : public IBinder {
   const String16& getInterfaceDescriptor() const override;
   bool isBinderAlive() const override;
   status_t pingBinder() override;
+  status_t dump(int fd, const Vector<String16>& args) override;
   status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0) override;
   status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie = nullptr,
                        uint32_t flags = 0) override;

@@ -14,6 +14,8 @@ class BBinder;
 class BpBinder;
 class IInterface;
 class Parcel;
+template <typename TYPE>
+class Vector;
 
 constexpr uint32_t BinderPackChars(char a, char b, char c, char d) {
   return static_cast<uint32_t>(a) << 24 | static_cast<uint32_t>(b) << 16 |
@@ -50,6 +52,9 @@ class IBinder : public virtual RefBase {
   virtual const String16& getInterfaceDescriptor() const = 0;
   virtual bool isBinderAlive() const = 0;
   virtual status_t pingBinder() = 0;
+  // Has the object describe itself, as text for a person, into fd; what `args`
+  // mean is the object's own. Of a proxy: fd goes to the remote, which is waited for.
+  virtual status_t dump(int fd, const Vector<String16>& args) = 0;
   // Blocks until the reply is there, but with FLAG_ONEWAY only until the call
   // is queued. `reply` may be null. Transport errors: DEAD_OBJECT,
   // FAILED_TRANSACTION (too large); else what onTransact returned.
