@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,7 @@
 #include "collector/manager_link.h"
 #include "collector/worker_threads.h"
 #include "orb_sdk.h"
+#include "serializer/delivery_ledger.h"
 #include "serializer/kpi_serializer.h"
 #include "serializer/telemetry_header.h"
 #include "utility/thread_annotations.h"
@@ -117,6 +119,18 @@ struct kiv_collector {
   // thread read them without a lock.
   const LicSnKeyTable& licSnKeys() const { return licSnKeys_; }
   const KpiLicSnTable& kpiLicSns() const { return kpiLicSns_; }
+  // The LicSNs that get a KPI's records, in that order; 0 alone when there are none.
+  std::vector<uint64_t> OwnersOf(uint32_t kpi) const;
+  // The one LicSN of all slots, 0 when there is none.
+  uint64_t SlotOwner() const { return licSnKeys_.empty() ? 0 : licSnKeys_.begin()->first; }
+  DeliveryLedger& ledger() { return ledger_; }
+  // The most items that a queue held.
+  void NoteQueueDepth(uint64_t depth);
+
+  // --- What this client is doing (kiv_collector_dump.cpp). ---
+  // "key: value" lines, docs/operations.md. Any thread; waits for a session that
+  // starts or stops for at most a moment, and leaves out what it would say then.
+  std::string Dump() EXCLUDES(stateMutex);
 
   // Guards session state, KPI table and the serializer's creation and end.
   orb::Mutex stateMutex;
@@ -134,8 +148,12 @@ struct kiv_collector {
       REQUIRES(stateMutex);
   bool CreateSerializer(const KPISerializer::Config& config, const char* operation)
       REQUIRES(stateMutex);
+  struct KpiState;
+  std::vector<KpiState> DescribeKPIs(Books* books) REQUIRES(stateMutex);
   bool CreateKPIs(const LTCCampaignDef& def) REQUIRES(stateMutex);
   bool FillKPITable(const LTCCampaignDef& def) REQUIRES(stateMutex);
+  // Enters the KPIs into the books; samples of open windows are lost, by that cause.
+  void BookKPIs(orb::LossCause open_windows) REQUIRES(stateMutex);
   void ClearKPIs() REQUIRES(stateMutex);
   int CallStart(const uint8_t* payload, size_t len) REQUIRES(stateMutex);
   int CallStop() REQUIRES(stateMutex);
@@ -147,7 +165,12 @@ struct kiv_collector {
   std::shared_ptr<KPISerializer> Serializer() const EXCLUDES(serializerMutex);
   void SetSerializer(std::shared_ptr<KPISerializer> serializer) EXCLUDES(serializerMutex);
 
-  int SendOpenFile(FILE* file, const std::string& path);
+  // What became of one upload.
+  struct Fate {
+    uint32_t payload_bytes = 0;  // Before compression.
+    std::optional<orb::LossCause> lost;
+  };
+  int SendOpenFile(FILE* file, const std::string& path, Fate* fate);
   std::string UploadName(int32_t clientId, uint64_t suffix) const;
   // The next upload's number, from the client's ".seq" file.
   uint32_t NextSeqno() EXCLUDES(seqMutex);
@@ -160,6 +183,9 @@ struct kiv_collector {
 
   std::atomic<bool> sessionActive_{false};
   std::atomic<uint64_t> campaignId_{0};  // Host order; merged into headers when they are built.
+  DeliveryLedger ledger_;
+  std::atomic<uint64_t> queueDepthMax_{0};
+  std::atomic<int64_t> lastSeqno_{-1};  // Of this process; -1: none yet.
   std::map<uint32_t, std::unique_ptr<KPI>> kpis_ GUARDED_BY(stateMutex);
   KpiIndex kpiIndex_ GUARDED_BY(stateMutex);  // Of kpis_, for the hot path.
 

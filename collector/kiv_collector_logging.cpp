@@ -3,6 +3,7 @@
 #include "collector/kiv_collector.h"
 #include "kpi/blob.h"
 #include "kpi/kpi.h"
+#include "kpi/state_machine.h"
 #include "serializer/kpi_serializer.h"
 
 int kiv_collector::Log(uint32_t kpi, uint32_t value) {
@@ -19,11 +20,12 @@ int kiv_collector::LogEvent(uint32_t kpi, uint32_t /*arg*/) {
   return found == nullptr || found->GetType() != KPI_EVENT ? -1 : 0;
 }
 
-int kiv_collector::LogState(uint32_t kpi, uint32_t /*a*/, uint32_t /*b*/) {
+int kiv_collector::LogState(uint32_t kpi, uint32_t a, uint32_t b) {
   orb::SpinningMutexLock lock(stateMutex);
   KPI* const found = kpiIndex_.Find(kpi);
   if (found == nullptr) return -1;
-  return found->GetType() != KPI_STATE ? -2 : 0;
+  if (found->GetType() != KPI_STATE) return -2;
+  return static_cast<StateMachine*>(found)->AddStateTransistion(a, b);
 }
 
 int kiv_collector::Log(uint32_t kpi, const uint8_t* buf, uint32_t len) {
@@ -65,5 +67,5 @@ void kiv_collector::Flush() {
 
 size_t kiv_collector::Pending() const {
   const auto serializer = Serializer();
-  return serializer == nullptr ? 0 : serializer->Pending();
+  return serializer == nullptr || cfg_.hbt ? 0 : serializer->backlog().depth;
 }

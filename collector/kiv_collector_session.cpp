@@ -90,8 +90,7 @@ bool kiv_collector::ConfigureSerializer(const LTCCampaignDef& def,
     return false;
   }
   orb::MutexLock lock(headerMutex);
-  header_.SetItem(TelemetryHeader::HDR_ITEM_LICSN,
-                  licSnKeys_.empty() ? 0 : licSnKeys_.begin()->first);
+  header_.SetItem(TelemetryHeader::HDR_ITEM_LICSN, SlotOwner());
   return true;
 }
 
@@ -211,6 +210,7 @@ int kiv_collector::StopSessionLocked() {
   LogCalled("StopSessionLocked");
   const int result = CallStop();
   for (const auto& [id, kpi] : kpis_) kpi->Serialize();
+  BookKPIs(orb::LossCause::kNoRecord);
   ClearKPIs();
   FinalizeSerializer();
   return result;
@@ -245,6 +245,25 @@ KPIFileSerializer* kiv_collector::FilesOf(uint64_t licSN, const char* operation)
   return static_cast<KPIFileSerializer*>(serializer.get());
 }
 
+std::vector<uint64_t> kiv_collector::OwnersOf(uint32_t kpi) const {
+  if (cfg_.hbt) return {SlotOwner()};
+  const auto list = kpiLicSns_.find(kpi);
+  if (list != kpiLicSns_.end() && !list->second.empty()) return list->second;
+  std::vector<uint64_t> all;
+  for (const auto& [licSN, key] : licSnKeys_) all.push_back(licSN);
+  if (all.empty()) all.push_back(0);
+  return all;
+}
+
+void kiv_collector::BookKPIs(orb::LossCause open_windows) {
+  for (const auto& [id, kpi] : kpis_) {
+    orb::KpiSamples samples = kpi->CountSamples();
+    uint64_t& lost = samples.lost[open_windows];
+    lost = orb::CheckedAdd<uint64_t>(lost, samples.open);
+    ledger_.Enter(OwnersOf(id), samples);
+  }
+}
+
 void kiv_collector::ClearKPIs() {
   kpiIndex_.Clear();
   kpis_.clear();
@@ -256,13 +275,11 @@ void kiv_collector::FinalizeSerializer() {
 }
 
 void kiv_collector::DropSession() {
+  BookKPIs(orb::LossCause::kDropped);
   ClearKPIs();
-  const auto serializer = Serializer();
   // Its writer thread reads the tables, and kiv_set_cfg may hold the serializer
-  // a moment longer than this: end the thread here.
-  if (serializer != nullptr && !cfg_.hbt) {
-    static_cast<KPIFileSerializer*>(serializer.get())->stopWriterThread();
-  }
+  // a moment longer than this: end it here.
+  if (const auto serializer = Serializer()) serializer->Abandon();
   SetSerializer(nullptr);
 }
 

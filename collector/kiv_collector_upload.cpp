@@ -16,6 +16,8 @@
 #include "utility/log.h"
 #include "utility/malloc_bytes.h"
 
+using orb::LossCause;
+
 namespace {
 
 // With an overridden header no flag says what to encrypt; a shorter key than
@@ -69,21 +71,24 @@ bool WantsEncryption(const CollectorSettings& cfg, const LicSnKeyTable& keys,
   return wanted;
 }
 
-// Replaces *data by its ciphertext. False, with the cause logged, when it must not go out.
-bool SealData(const CollectorSettings& cfg, const LicSnKeyTable& keys, uint64_t licSN,
-              TelemetryHeader* header, orb::MallocBytes* data, std::string* footer) {
+// Replaces *data by its ciphertext. A cause, which is logged, when it must not go out.
+std::optional<LossCause> SealData(const CollectorSettings& cfg, const LicSnKeyTable& keys,
+                                  uint64_t licSN, TelemetryHeader* header, orb::MallocBytes* data,
+                                  std::string* footer) {
   const auto it = keys.find(licSN);
   if (it == keys.end()) {
     LOGE("%s: %s: ISVKey info not found for LicSN %llu in LicSn2ISVKeyMap", "SendData",
          cfg.name.c_str(), static_cast<unsigned long long>(licSN));
-    return false;
+    return LossCause::kNoKey;
   }
   const ISVKeyStruct& key = it->second;
   LOGI("%s: %s: encryptionPkey %s encryptionPkeySize %d salgo %d palgo %d", "SendData",
        cfg.name.c_str(), key.encryptionPKey.c_str(), static_cast<int>(key.encryptionPKey.size()),
        key.sKeyEncAlgo, key.pKeyEncAlgo);
   SealedPayload sealed = Seal(key, data->data, static_cast<uint32_t>(data->size));
-  if (!sealed.Complete(cfg.name, key.sKeyEncAlgo)) return false;
+  if (!sealed.Complete(cfg.name, key.sKeyEncAlgo)) {
+    return key.encryptionPKey.empty() ? LossCause::kNoKey : LossCause::kEncrypt;
+  }
 
   *footer = sealed.Footer();
   const auto sealed_bytes = orb::CheckedCast<uint32_t>(sealed.ciphertext.size);
@@ -96,7 +101,7 @@ bool SealData(const CollectorSettings& cfg, const LicSnKeyTable& keys, uint64_t 
                   orb::CheckedAdd<uint32_t>(TelemetryHeader::kBytes, sealed_bytes));
   header->SetItem(TelemetryHeader::HDR_ITEM_ENCRYPTED, 1);
   *data = std::move(sealed.ciphertext);
-  return true;
+  return std::nullopt;
 }
 
 }  // namespace
@@ -108,7 +113,9 @@ int kiv_collector::SendData(const std::string& path) {
          orb::ErrorText(errno).c_str());
     return -1;
   }
-  const int result = SendOpenFile(file, path);
+  Fate fate;
+  const int result = SendOpenFile(file, path, &fate);
+  if (!ledger_.Settle(path, fate.lost)) ledger_.SettleRecovered(fate.payload_bytes, fate.lost);
   // Also when the upload failed: data is never kept for a second attempt. Nor is
   // it found again when its directory comes back.
   if (unlink(path.c_str()) != 0 && ftruncate(fileno(file), 0) != 0) {
@@ -119,10 +126,12 @@ int kiv_collector::SendData(const std::string& path) {
   return result;
 }
 
-int kiv_collector::SendOpenFile(FILE* file, const std::string& path) {
+int kiv_collector::SendOpenFile(FILE* file, const std::string& path, Fate* fate) {
   TelemetryHeader header;
   header.ParseFromFile(file);
   const uint32_t payload_bytes = SeekToPayload(file, path);
+  fate->payload_bytes = payload_bytes;
+  fate->lost = LossCause::kUnreadable;
   if (payload_bytes == 0) return -1;
 
   orb::MallocBytes data;
@@ -130,6 +139,7 @@ int kiv_collector::SendOpenFile(FILE* file, const std::string& path) {
   if (kiv_data_compress(file, payload_bytes, &data.data, &compressed_bytes) != 0 ||
       compressed_bytes == 0) {
     LOGE("%s: compress failed", "SendData");
+    fate->lost = LossCause::kCompress;
     return -1;
   }
   data.size = compressed_bytes;
@@ -139,19 +149,24 @@ int kiv_collector::SendOpenFile(FILE* file, const std::string& path) {
 
   std::string footer;
   const uint64_t licSN = header.GetItem(TelemetryHeader::HDR_ITEM_LICSN);
-  if (WantsEncryption(cfg_, licSnKeys_, licSnEncrypt_, licSN) &&
-      !SealData(cfg_, licSnKeys_, licSN, &header, &data, &footer)) {
+  fate->lost = WantsEncryption(cfg_, licSnKeys_, licSnEncrypt_, licSN)
+                   ? SealData(cfg_, licSnKeys_, licSN, &header, &data, &footer)
+                   : std::nullopt;
+  if (fate->lost) {
     LOGE("%s: %s: encrypt enabled but encryption failed - dropping data %s", "SendData",
          cfg_.name.c_str(), path.c_str());
     return -1;
   }
+  fate->lost = LossCause::kHal;
   const auto client = link_.client();
   if (client == nullptr) return -1;
-  return client->sendData(
+  const int result = client->sendData(
       link_.token(), UploadName(link_.client_id(), licSN), header.GetHeader().data(),
       TelemetryHeader::kBytes, data.data, static_cast<uint32_t>(data.size),
       footer.empty() ? nullptr : reinterpret_cast<const uint8_t*>(footer.data()),
       orb::CheckedCast<uint32_t>(footer.size()));
+  if (result == 0) fate->lost.reset();
+  return result;
 }
 
 std::string kiv_collector::UploadName(int32_t clientId, uint64_t suffix) const {
@@ -160,5 +175,7 @@ std::string kiv_collector::UploadName(int32_t clientId, uint64_t suffix) const {
 
 uint32_t kiv_collector::NextSeqno() {
   orb::MutexLock lock(seqMutex);
-  return next_seqno((cfg_.data_dir + "/" + cfg_.name + ".seq").c_str());
+  const uint32_t seqno = next_seqno((cfg_.data_dir + "/" + cfg_.name + ".seq").c_str());
+  lastSeqno_ = seqno;
+  return seqno;
 }

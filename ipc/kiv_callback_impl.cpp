@@ -1,12 +1,19 @@
 // Tested by tests/ipc/manager_client_test.cpp.
 #include "ipc/kiv_callback_impl.h"
 
+#include <utils/String8.h>
+
 #include <memory>
 
 #include "collector/kiv_collector.h"
 #include "ipc/kiv_aidl_client.h"
+#include "ipc/quiet_write.h"
 #include "utility/log.h"
 
+using ::android::status_t;
+using ::android::String16;
+using ::android::String8;
+using ::android::Vector;
 using ::android::binder::Status;
 
 namespace {
@@ -62,4 +69,22 @@ Status KIVCallbackImpl::StopSessionforLicSN(const std::string& token, int64_t ca
     collector->StopSessionForLicSN(static_cast<uint64_t>(licSN));
   }
   return Status::ok();
+}
+
+status_t KIVCallbackImpl::dump(int fd, const Vector<String16>& args) {
+  std::string text;
+  CollectorRoutes& routes = kivAIDLClient::getClientInstance()->routes();
+  if (args.isEmpty()) {
+    for (const CollectorRoutes::Pin& collector : routes.FindAll()) {
+      text += (text.empty() ? "" : "\n") + collector->Dump();
+    }
+  } else if (args.size() == 2 && args[0] == String16("--token")) {
+    const CollectorRoutes::Pin collector = routes.Find(String8(args[1]).c_str());
+    if (!collector) return ::android::NAME_NOT_FOUND;
+    text = collector->Dump();
+  } else {
+    return ::android::BAD_VALUE;
+  }
+  // Nothing is pinned or locked any more: a reader that is slow keeps only this call.
+  return -QuietWrite(fd, text);
 }

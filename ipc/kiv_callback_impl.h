@@ -23,4 +23,9 @@ class KIVCallbackImpl : public BnKIVCallback {
 
   ::android::binder::Status StopSessionforLicSN(const std::string& token, int64_t campId,
                                                 int64_t licSN) override;
+
+  // Writes what the collectors of this process say of themselves to fd, or with
+  // the arguments "--token TOKEN" the one of that token: NAME_NOT_FOUND when there
+  // is none, BAD_VALUE for other arguments. Blocks while fd takes nothing.
+  ::android::status_t dump(int fd, const ::android::Vector<::android::String16>& args) override;
 };

@@ -8,10 +8,13 @@
 #include "collector/conf.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/blob_segments.h"
+#include "utility/checked.h"
 #include "utility/log.h"
 #include "utility/malloc_bytes.h"
 
 namespace {
+
+void CountOne(uint64_t* count) { *count = orb::CheckedAdd<uint64_t>(*count, 1); }
 
 // `out` holds orb::SegmentBytes(segs, count).
 void Gather(const kiv_blob_segment_t* segs, uint32_t count, uint8_t* out) {
@@ -27,10 +30,12 @@ void Gather(const kiv_blob_segment_t* segs, uint32_t count, uint8_t* out) {
 }  // namespace
 
 int Blob::LogBuf(const unsigned char* buf, uint32_t len) {
+  CountOne(&samples.logged);
   const uint32_t len_max = cfg.b_cfg().single_sample_size_threshold_bytes();
   if (len > len_max) {
     LOGE("%s: blob size %d greater than singlesamplesizetresholdbytes %d", "LogBuf",
          static_cast<int>(len), static_cast<int>(len_max));
+    CountOne(&samples.lost[orb::LossCause::kOversize]);
     return -1;
   }
   AddSample();
@@ -38,8 +43,10 @@ int Blob::LogBuf(const unsigned char* buf, uint32_t len) {
 }
 
 int Blob::LogBufSegs(const kiv_blob_segment_t* segs, uint32_t count) {
+  CountOne(&samples.logged);
   AddSample();
   if (Conf::Get().blob_segments_optimized == 1) {
+    CountOne(&samples.records);
     return serializer->WriteBlobSegsOptimized(cfg.kpi_id(), static_cast<uint64_t>(Tenths(tsStart)),
                                               static_cast<uint64_t>(Tenths(tsEnd)), numSamples,
                                               segs, count);
@@ -50,6 +57,7 @@ int Blob::LogBufSegs(const kiv_blob_segment_t* segs, uint32_t count) {
   gathered.data = static_cast<uint8_t*>(malloc(std::max<size_t>(total_bytes, 1)));
   if (gathered.data == nullptr) {
     LOGE("Failed to allocate buf");
+    CountOne(&samples.lost[orb::LossCause::kMemory]);
     return -1;
   }
   Gather(segs, count, gathered.data);
@@ -77,5 +85,6 @@ int Blob::WriteRecord(const void* bytes, uint32_t len) {
   if (len != 0) blob->set_data(bytes, len);
   fillMeta(blob->mutable_meta());
   numSamples = 0;
+  CountOne(&samples.records);
   return serializer->Write(data, cfg.kpi_id());
 }

@@ -29,10 +29,14 @@ class Blob : public KPI {
   bool validCfg() override;
   // Nothing is left to write when a window closes.
   int Serialize() override;
+  // A sample is a call here: one record, or lost.
+  orb::KpiSamples CountSamples() const override { return samples; }
 
  protected:
   std::vector<std::vector<uint8_t>> pending;  // Unused so far: records are written at once.
 
  private:
   int WriteRecord(const void* bytes, uint32_t len);
+
+  orb::KpiSamples samples;
 };

@@ -25,5 +25,5 @@ int Counter::Serialize() {
   orbtr::Counter* counter = data.add_counters();
   fillMeta(counter->mutable_meta());
   counter->set_count(static_cast<uint64_t>(sum));
-  return serializer->Write(data, kpiId);
+  return WriteWindow(data);
 }

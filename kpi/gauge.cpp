@@ -72,7 +72,7 @@ int Gauge::Serialize() {
   LOGD("Gauze: Min %d Max %d Samples %d Avg %f Stdev %f b0 %f b1 %f", min, max, N,
        static_cast<double>(avg), static_cast<double>(stdev), static_cast<double>(b0),
        static_cast<double>(b1));
-  return serializer->Write(data, kpiId);
+  return WriteWindow(data);
 }
 
 void Gauge::NewTimedSample(long long ts, int value) {

@@ -67,5 +67,5 @@ int Histogram::Serialize() {
   orbtr::Histogram* histogram = data.add_histograms();
   fillMeta(histogram->mutable_meta());
   histogram->mutable_bucket_counts()->Add(buckets.begin(), buckets.end());
-  return serializer->Write(data, kpiId);
+  return WriteWindow(data);
 }

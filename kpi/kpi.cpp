@@ -10,6 +10,7 @@
 #include "kpi/histogram.h"
 #include "kpi/kpi_clock.h"
 #include "kpi/state_machine.h"
+#include "serializer/kpi_serializer.h"
 #include "utility/checked.h"
 #include "utility/log.h"
 
@@ -90,6 +91,10 @@ bool KPI::IsWithinWindow(TimePoint now) const {
 }
 
 void KPI::ResetWindow(TimePoint now) {
+  closedSamples = orb::CheckedAdd<uint64_t>(closedSamples, numSamples);
+  uncountedSamples =
+      orb::CheckedAdd<uint64_t>(uncountedSamples, orb::CheckedSub<uint32_t>(numSamples, counted));
+  counted = 0;
   numSamples = 0;
   tsStart = now;
   tsEnd = now;
@@ -105,6 +110,23 @@ void KPI::fillMeta(orbtr::MetaData* meta) const {
 int64_t KPI::Tenths(TimePoint time) { return Nanoseconds(time) / kNanosecondsPerTenth; }
 
 long KPI::Nanoseconds(TimePoint time) { return time.time_since_epoch().count(); }
+
+int KPI::WriteWindow(orbtr::KPIData& data) {
+  repeatedSamples = orb::CheckedAdd<uint64_t>(repeatedSamples, counted);
+  counted = numSamples;
+  records = orb::CheckedAdd<uint64_t>(records, 1);
+  return serializer->Write(data, kpiId);
+}
+
+orb::KpiSamples KPI::CountSamples() const {
+  orb::KpiSamples samples;
+  samples.logged = orb::CheckedAdd<uint64_t>(closedSamples, numSamples);
+  samples.repeated = repeatedSamples;
+  samples.records = records;
+  samples.open = orb::CheckedSub<uint32_t>(numSamples, counted);
+  samples.lost[orb::LossCause::kNoRecord] = uncountedSamples;
+  return samples;
+}
 
 // A record that could not be written is lost: the window is over either way.
 void KPI::CloseWindow(TimePoint now) {

@@ -11,6 +11,7 @@
 
 #include "proto/kpi_data.pb.h"
 #include "proto/ltc_campaign.pb.h"
+#include "utility/kpi_samples.h"
 
 class KPISerializer;
 
@@ -43,17 +44,25 @@ class KPI {
   int AddSample();
 
   bool IsWithinWindow(TimePoint now) const;
-  // Restarts the window at `now`; the aggregates stay.
+  // Restarts the window at `now`; the aggregates stay. Samples that no record
+  // counts are lost.
   void ResetWindow(TimePoint now);
   void fillMeta(orbtr::MetaData* meta) const;
   void setKPIId(unsigned int id) { kpiId = id; }
   KPIType GetType() const { return cfg.type(); }
+  const KPICfg& config() const { return cfg; }
+  // What became of the samples so far.
+  virtual orb::KpiSamples CountSamples() const;
 
  protected:
   // What records carry: tenths of a second of the monotonic clock.
   static int64_t Tenths(TimePoint time);
   // For log lines: nanoseconds of the monotonic clock.
   static long Nanoseconds(TimePoint time);
+
+  // Hands over a record whose metadata counts the open window's samples so far.
+  // The serializer's result.
+  int WriteWindow(orbtr::KPIData& data);
 
   KPICfg cfg;
   uint32_t numSamples = 0;
@@ -65,4 +74,11 @@ class KPI {
  private:
   // Hands the window over and opens the next one at `now`.
   void CloseWindow(TimePoint now);
+
+  // Counted when a window closes or is written, never when a sample comes.
+  uint32_t counted = 0;  // Samples of the open window that a record counts.
+  uint64_t closedSamples = 0;
+  uint64_t repeatedSamples = 0;
+  uint64_t uncountedSamples = 0;  // Closed without a record that counts them.
+  uint64_t records = 0;
 };

@@ -11,7 +11,12 @@ class StateMachine : public KPI {
   void ResetAggregates() override;
   bool validCfg() override;
   int Serialize() override;
+  // All lost: no record has states.
+  orb::KpiSamples CountSamples() const override;
 
-  // Accepted without effect. Always 0.
+  // Counted, without other effect. Always 0.
   int AddStateTransistion(unsigned int from, unsigned int to);
+
+ private:
+  uint64_t transitions = 0;
 };

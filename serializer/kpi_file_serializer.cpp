@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "collector/kiv_collector.h"
@@ -54,6 +55,7 @@ int KPIFileSerializer::Write(orbtr::KPIData& data, unsigned int kpiId) {
   auto item = std::make_shared<kpiDataStruct>();
   data.SerializeToString(&item->data);
   item->kpiId = kpiId;
+  item->samples = SamplesOf(data);
   Push(std::move(item));
   return 0;
 }
@@ -66,14 +68,14 @@ int KPIFileSerializer::WriteBuf(const unsigned char* buf, unsigned int len) {
   return 0;
 }
 
-size_t KPIFileSerializer::Pending() {
-  orb::MutexLock lock(queueMutex);
-  return queue.size() + (writing ? 1 : 0);
-}
-
-int KPIFileSerializer::WriteBlobSegsOptimized(unsigned int, uint64_t, uint64_t, unsigned int,
+int KPIFileSerializer::WriteBlobSegsOptimized(unsigned int kpiId, uint64_t, uint64_t, unsigned int,
                                               const kiv_blob_segment_t*, unsigned int) {
   LOGE("%s not supported in KPIFileSerializer", "WriteBlobSegsOptimized");
+  if (collector != nullptr) {
+    for (const uint64_t owner : collector->OwnersOf(kpiId)) {
+      collector->ledger().Lost(owner, orb::LossCause::kEncode, {1, 1, 0});
+    }
+  }
   return -1;
 }
 
@@ -98,6 +100,15 @@ void KPIFileSerializer::stopWriterThread() {
   }
   queueCv.NotifyOne();
   writerThread.join();
+  collector->NoteQueueDepth(KPIFileSerializer::backlog().depth_max);
+  LeaveFiles();
+}
+
+void KPIFileSerializer::LeaveFiles() {
+  orb::MutexLock lock(fileMutex);
+  for (const auto& [licSN, file] : fileMap) {
+    if (file != nullptr) collector->ledger().Close(licSN, TmpPath(licSN));
+  }
 }
 
 void KPIFileSerializer::addFlushToQueue() {
@@ -107,26 +118,41 @@ void KPIFileSerializer::addFlushToQueue() {
 void KPIFileSerializer::Push(std::shared_ptr<kpiDataStruct> item) {
   {
     orb::MutexLock lock(queueMutex);
+    queued.depth = orb::CheckedAdd<uint64_t>(queued.depth, 1);
+    queued.depth_max = std::max(queued.depth_max, queued.depth);
+    queued.samples = orb::CheckedAdd<uint64_t>(queued.samples, item->samples);
     queue.push_back(std::move(item));
   }
   queueCv.NotifyOne();
 }
 
 std::shared_ptr<kpiDataStruct> KPIFileSerializer::NextItem() {
-  size_t queued;
+  size_t length;
   std::shared_ptr<kpiDataStruct> item;
   {
     orb::MutexLock lock(queueMutex);
-    writing = false;
+    ItemDone();
     while (queue.empty() && !stopWriter) queueCv.Wait(queueMutex);
     if (stopWriter) return nullptr;
-    queued = queue.size();
+    length = queue.size();
     item = std::move(queue.front());
     queue.pop_front();
-    writing = true;
+    itemOut = true;
+    itemSamples = item->samples;
   }
-  LOGD("%s: q size: %d", "writer_func", static_cast<int>(queued));
+  LOGD("%s: q size: %d", "writer_func", static_cast<int>(length));
   return item;
+}
+
+void KPIFileSerializer::ItemDone() {
+  if (!std::exchange(itemOut, false)) return;
+  queued.depth = orb::CheckedSub<uint64_t>(queued.depth, 1);
+  queued.samples = orb::CheckedSub<uint64_t>(queued.samples, itemSamples);
+}
+
+KPISerializer::Backlog KPIFileSerializer::backlog() {
+  orb::MutexLock lock(queueMutex);
+  return queued;
 }
 
 void KPIFileSerializer::writer_func() {
@@ -139,4 +165,7 @@ void KPIFileSerializer::writer_func() {
     rest.swap(queue);
   }
   for (const auto& item : rest) prepare_file(*item);
+  orb::MutexLock lock(queueMutex);
+  queued.depth = 0;
+  queued.samples = 0;
 }

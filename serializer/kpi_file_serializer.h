@@ -18,9 +18,11 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 
+#include "serializer/delivery_ledger.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/thread_annotations.h"
 
@@ -28,6 +30,7 @@
 struct kpiDataStruct {
   std::string data;  // A serialized KPIData, or "Flush".
   uint32_t kpiId;    // Routes the record; 0 for raw buffers, all ones for a flush.
+  uint64_t samples = 0;
 };
 
 class KPIFileSerializer : public KPISerializer {
@@ -46,19 +49,19 @@ class KPIFileSerializer : public KPISerializer {
   int WriteBuf(const unsigned char* buf, unsigned int len) override EXCLUDES(queueMutex);
   int Flush() override EXCLUDES(queueMutex);
 
-  // Records and flushes that are queued, and the one being written.
-  size_t Pending() override EXCLUDES(queueMutex);
-
   // Not supported: logs and answers -1.
   int WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsStart, uint64_t tsEnd,
                              unsigned int numSamples, const kiv_blob_segment_t* segs,
                              unsigned int count) override;
+
+  Backlog backlog() override EXCLUDES(queueMutex);
 
   // Writes out and sends what is queued, and ends the writer thread. 0.
   int Finalize() override EXCLUDES(queueMutex, fileMutex);
   // Ends the writer thread once the queue is drained. This and Finalize are
   // the owner's calls, one at a time.
   void stopWriterThread() EXCLUDES(queueMutex, fileMutex);
+  void Abandon() override EXCLUDES(queueMutex, fileMutex) { stopWriterThread(); }
 
   // Sends the LicSN's file, then starts a fresh one, or none. Records that are
   // still queued are not waited for.
@@ -78,8 +81,9 @@ class KPIFileSerializer : public KPISerializer {
   // Queue and writer thread (kpi_file_serializer.cpp).
   void addFlushToQueue() EXCLUDES(queueMutex);
   void Push(std::shared_ptr<kpiDataStruct> item) EXCLUDES(queueMutex);
-  // Waits for the next item; null once the writer is to stop.
+  // Waits for the next item; null once the writer is to stop. The one before it is done.
   std::shared_ptr<kpiDataStruct> NextItem() EXCLUDES(queueMutex);
+  void ItemDone() REQUIRES(queueMutex);
   void writer_func() EXCLUDES(queueMutex, fileMutex);
 
   // Files (kpi_file_serializer_files.cpp).
@@ -88,6 +92,11 @@ class KPIFileSerializer : public KPISerializer {
   void prepare_file(const kpiDataStruct& item) EXCLUDES(fileMutex);
   void AddToEveryFile(const kpiDataStruct& item) REQUIRES(fileMutex);
   void add_to_file(uint64_t licSN, const kpiDataStruct& item) REQUIRES(fileMutex);
+  // Books what of the item got into the open file.
+  void Book(uint64_t licSN, const kpiDataStruct& item, size_t written) REQUIRES(fileMutex);
+  void BookWithoutFile(uint64_t licSN, const kpiDataStruct& item) REQUIRES(fileMutex);
+  // Files with records stay where they are; the next Initialize sends them.
+  void LeaveFiles() EXCLUDES(fileMutex);
   int createFout(uint64_t licSN) REQUIRES(fileMutex);
   // Makes header and version record the whole content. False, with a part of
   // them written, when the disk is full.
@@ -104,11 +113,15 @@ class KPIFileSerializer : public KPISerializer {
   std::deque<std::shared_ptr<kpiDataStruct>> queue GUARDED_BY(queueMutex);
   orb::Mutex queueMutex;
   bool stopWriter GUARDED_BY(queueMutex) = false;
-  bool writing GUARDED_BY(queueMutex) = false;
+  Backlog queued GUARDED_BY(queueMutex);            // With the item that is being written.
+  uint64_t itemSamples GUARDED_BY(queueMutex) = 0;  // Of that item.
+  bool itemOut GUARDED_BY(queueMutex) = false;      // There is one.
   orb::CondVar queueCv;
   std::thread writerThread;
   std::string cacheDir GUARDED_BY(fileMutex);
   std::map<uint64_t, File> fileMap GUARDED_BY(fileMutex);  // By LicSN; null: no file now.
+  std::set<uint64_t> tornFiles GUARDED_BY(fileMutex);      // LicSNs whose file holds half a record.
+  std::set<uint64_t> stopped GUARDED_BY(fileMutex);        // LicSNs that DisableLicSN named.
   orb::Mutex fileMutex;
   uint32_t emptyFileSize GUARDED_BY(fileMutex) = 0;  // Bytes of a file without a record.
   std::string versionRecord GUARDED_BY(fileMutex);   // Empty with an overridden header.

@@ -13,6 +13,8 @@
 #include "utility/error_text.h"
 #include "utility/log.h"
 
+using orb::LossCause;
+
 namespace {
 
 constexpr char kTmpSuffix[] = ".tmp";
@@ -26,13 +28,17 @@ const char* Shortened(const std::string& path) {
   return path.size() > kSkippedPathChars ? path.c_str() + kSkippedPathChars : "";
 }
 
-// To storage, not only to the kernel. False when some of it did not get there.
-bool WriteThrough(FILE* file, const void* bytes, size_t count) {
-  const bool written = count == 0 || fwrite(bytes, 1, count, file) == count;
+// To storage, not only to the kernel. False when some of it did not get there;
+// *written is what a reader of the file finds.
+bool WriteThrough(FILE* file, const void* bytes, size_t count, size_t* written = nullptr) {
+  const size_t taken = count == 0 ? 0 : fwrite(bytes, 1, count, file);
   const bool flushed = fflush(file) == 0;
   const bool synced = fsync(fileno(file)) == 0;
-  return written && flushed && synced;
+  if (written != nullptr) *written = taken;
+  return taken == count && flushed && synced;
 }
+
+Tally TallyOf(const kpiDataStruct& item) { return {1, item.samples, item.data.size()}; }
 
 void LogWriteError(const char* operation) { LOGE("%s: error writing to file", operation); }
 
@@ -81,6 +87,7 @@ void KPIFileSerializer::RecoverFile(const std::string& path) {
   if (status.st_size <= static_cast<off_t>(emptyFileSize)) {
     LOGI("%s: Deleting old tmp file with no data - %s", "handleTmpFile", path.c_str());
     unlink(path.c_str());
+    collector->ledger().Settle(path, LossCause::kUnreadable);
     return;
   }
   LOGI("%s: Sending old tmp file with data - %s", "handleTmpFile", path.c_str());
@@ -103,6 +110,7 @@ void KPIFileSerializer::prepare_file(const kpiDataStruct& item) {
       add_to_file(licSN, item);
     } else {
       LOGE("%s: fout not found for lic SN: %llu", "prepare_file", Printable(licSN));
+      BookWithoutFile(licSN, item);
     }
   }
 }
@@ -110,6 +118,11 @@ void KPIFileSerializer::prepare_file(const kpiDataStruct& item) {
 // Flushes on the way change the map's values, never its keys.
 void KPIFileSerializer::AddToEveryFile(const kpiDataStruct& item) {
   for (const auto& entry : fileMap) add_to_file(entry.first, item);
+  const auto& owners = collector->licSnKeys();
+  for (const auto& [licSN, key] : owners) {
+    if (fileMap.count(licSN) == 0) BookWithoutFile(licSN, item);
+  }
+  if (owners.empty()) collector->ledger().Lost(0, LossCause::kNoOwner, TallyOf(item));
 }
 
 void KPIFileSerializer::add_to_file(uint64_t licSN, const kpiDataStruct& item) {
@@ -117,16 +130,40 @@ void KPIFileSerializer::add_to_file(uint64_t licSN, const kpiDataStruct& item) {
   FILE* file = fileMap[licSN].get();
   if (file == nullptr) {
     LOGE("%s: error: fout is NULL for licSN %llu - skipping data", "add_to_file", Printable(licSN));
+    BookWithoutFile(licSN, item);
     return;
   }
   // Behind half a header every record would be misread, and with it the LicSN
   // that says whether the upload must be encrypted. So no record before it is whole.
   if (ftell(file) < static_cast<long>(emptyFileSize) && !WriteStart(licSN, file)) {
+    collector->ledger().Lost(licSN, LossCause::kShortWrite, TallyOf(item));
     return LogWriteError("add_to_file");
   }
-  if (!WriteThrough(file, item.data.data(), item.data.size())) LogWriteError("add_to_file");
+  size_t written = 0;
+  if (!WriteThrough(file, item.data.data(), item.data.size(), &written)) {
+    LogWriteError("add_to_file");
+  }
+  Book(licSN, item, written);
   const long position = ftell(file);
   if (position >= 1 && static_cast<uint64_t>(position) > sizeThreshold) fileFlush(licSN, true);
+}
+
+void KPIFileSerializer::Book(uint64_t licSN, const kpiDataStruct& item, size_t written) {
+  if (item.data.empty()) return;
+  DeliveryLedger& ledger = collector->ledger();
+  if (written < item.data.size()) {
+    if (written != 0) tornFiles.insert(licSN);
+    ledger.Lost(licSN, LossCause::kShortWrite, TallyOf(item));
+  } else if (tornFiles.count(licSN) != 0) {
+    ledger.Lost(licSN, LossCause::kTorn, TallyOf(item));
+  } else {
+    ledger.Written(licSN, TallyOf(item));
+  }
+}
+
+void KPIFileSerializer::BookWithoutFile(uint64_t licSN, const kpiDataStruct& item) {
+  const LossCause cause = stopped.count(licSN) != 0 ? LossCause::kStopped : LossCause::kNoFile;
+  collector->ledger().Lost(licSN, cause, TallyOf(item));
 }
 
 int KPIFileSerializer::createFout(uint64_t licSN) {
@@ -138,6 +175,9 @@ int KPIFileSerializer::createFout(uint64_t licSN) {
     return -1;
   }
   LOGI("%s: tmpfile created %s", "createFout", Shortened(path));
+  tornFiles.erase(licSN);
+  // One of that name that could not be opened for its upload is gone now.
+  collector->ledger().Settle(path, LossCause::kUnreadable);
   // Every write is pushed through at once, and without a buffer a write that
   // the disk did not take is seen where it happens.
   setvbuf(file.get(), nullptr, _IONBF, 0);
@@ -164,6 +204,7 @@ int KPIFileSerializer::fileFlush(uint64_t licSN, bool reopen) {
   WriteThrough(file.get(), nullptr, 0);
   file.reset();
   const std::string path = TmpPath(licSN);
+  collector->ledger().Close(licSN, path);
   const int result =
       size > static_cast<long>(emptyFileSize) ? collector->SendData(path) : unlink(path.c_str());
   if (!reopen) return result;
@@ -175,6 +216,7 @@ void KPIFileSerializer::EnableLicSN(uint64_t licSN) {
   orb::MutexLock lock(fileMutex);
   fileFlushforLicSN(licSN);
   removeLicSNfromMap(licSN);
+  stopped.erase(licSN);
   createFout(licSN);
 }
 
@@ -182,6 +224,7 @@ void KPIFileSerializer::DisableLicSN(uint64_t licSN) {
   orb::MutexLock lock(fileMutex);
   fileFlushforLicSN(licSN);
   removeLicSNfromMap(licSN);
+  stopped.insert(licSN);
 }
 
 int KPIFileSerializer::fileFlushforLicSN(uint64_t licSN) {

@@ -22,6 +22,8 @@
 #include "utility/log.h"
 #include "utility/malloc_bytes.h"
 
+using orb::LossCause;
+
 namespace {
 
 constexpr uint32_t kMaskBits = 64;
@@ -57,12 +59,14 @@ KPIMemorySerializer::KPIMemorySerializer() : KPISerializer("KPIMemorySerializer"
 }
 
 KPIMemorySerializer::~KPIMemorySerializer() {
+  KPIMemorySerializer::Abandon();
   orb::MutexLock lock(writerMutex);
   ReleaseRegion();
 }
 
 int KPIMemorySerializer::Initialize(uint32_t size, uint32_t numSlots, kiv_collector* collector) {
   this->collector = collector;
+  owner = collector->SlotOwner();
   if (numSlots > kMaskBits) {
     LOGE("%s::%s: num_slots %d greater than bitmask field %d", name, "Initialize",
          static_cast<int>(numSlots), static_cast<int>(kMaskBits));
@@ -112,16 +116,19 @@ int KPIMemorySerializer::CreateRegion(uint32_t size) {
 
 int KPIMemorySerializer::Write(orbtr::KPIData& data, unsigned int) {
   const std::string record = data.SerializeAsString();
-  return WriteBuf(reinterpret_cast<const unsigned char*>(record.data()),
-                  orb::CheckedCast<uint32_t>(record.size()));
+  return Append(record.data(), orb::CheckedCast<uint32_t>(record.size()), SamplesOf(data));
 }
 
 int KPIMemorySerializer::WriteBuf(const unsigned char* buf, unsigned int len) {
+  return Append(buf, len, 0);
+}
+
+int KPIMemorySerializer::Append(const void* record, uint32_t len, uint64_t samples) {
   orb::MutexLock lock(writerMutex);
   int sent = 0;
-  if (MakeRoom(len, "WriteBuf", &sent) != 0) return -1;
-  if (len != 0) memcpy(currentPtr + bytesWritten, buf, len);
-  RecordWritten(len, "WriteBuf");
+  if (MakeRoom(len, samples, "WriteBuf", &sent) != 0) return -1;
+  if (len != 0) memcpy(currentPtr + bytesWritten, record, len);
+  RecordWritten(len, samples, "WriteBuf");
   return sent;
 }
 
@@ -136,6 +143,7 @@ int KPIMemorySerializer::WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsS
   copy.data = static_cast<uint8_t*>(malloc(std::max<uint64_t>(copy.size, 1)));
   if (copy.data == nullptr) {
     LOGE("%s::%s: malloc failed ", name, "WriteBlobSegsOptimized");
+    BookLoss(LossCause::kMemory, 0, 1);
     return -1;
   }
   if (copy.size != 0) memcpy(copy.data, segs, copy.size);
@@ -147,14 +155,15 @@ int KPIMemorySerializer::WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsS
   orb::MutexLock lock(writerMutex);
   if (encoded) {
     const auto len = orb::CheckedCast<uint32_t>(bytes);
-    if (MakeRoom(len, "WriteBlobSegsOptimized", &sent) != 0) return -1;
+    if (MakeRoom(len, 1, "WriteBlobSegsOptimized", &sent) != 0) return -1;
     encoded = encoder.Encode(currentPtr + bytesWritten, bytes);
   }
   if (!encoded) {
     LOGE("%s::%s:Encoding failed Reason: %s", name, "WriteBlobSegsOptimized", encoder.reason());
+    BookLoss(LossCause::kEncode, 0, 1);
     return -1;
   }
-  RecordWritten(static_cast<uint32_t>(bytes), "WriteBlobSegsOptimized");
+  RecordWritten(static_cast<uint32_t>(bytes), 1, "WriteBlobSegsOptimized");
   return sent;
 }
 
@@ -185,7 +194,8 @@ int KPIMemorySerializer::GetNewSlot() {
   return 0;
 }
 
-int KPIMemorySerializer::MakeRoom(uint32_t len, const char* operation, int* sent) {
+int KPIMemorySerializer::MakeRoom(uint32_t len, uint64_t samples, const char* operation,
+                                  int* sent) {
   bool ready = currentSlot != kNoSlot || GetNewSlot() == 0;
   if (ready && (currentSent || orb::CheckedAdd<uint32_t>(bytesWritten, len) > slotSize)) {
     if (!currentSent) *sent = SendCurrent();
@@ -194,15 +204,29 @@ int KPIMemorySerializer::MakeRoom(uint32_t len, const char* operation, int* sent
   }
   if (!ready) {
     LOGE("%s::%s: Failed to get free slot", name, operation);
+    BookLoss(LossCause::kNoSlot, len, samples);
     return -1;
   }
   // A record may be longer than a slot, but nothing leaves the region.
   const size_t left = totalSize - static_cast<size_t>(currentPtr - base) - bytesWritten;
-  return len <= left ? 0 : -1;
+  if (len <= left) return 0;
+  BookLoss(LossCause::kOversize, len, samples);
+  return -1;
 }
 
-void KPIMemorySerializer::RecordWritten(uint32_t len, const char* operation) {
+void KPIMemorySerializer::BookLoss(LossCause cause, uint64_t bytes, uint64_t samples) const {
+  collector->ledger().Lost(owner, cause, {1, samples, bytes});
+}
+
+void KPIMemorySerializer::RecordWritten(uint32_t len, uint64_t samples, const char* operation) {
   bytesWritten = orb::CheckedAdd<uint32_t>(bytesWritten, len);
+  const auto add = [](std::atomic<uint64_t>* to, uint64_t more) {
+    to->store(orb::CheckedAdd<uint64_t>(to->load(std::memory_order_relaxed), more),
+              std::memory_order_relaxed);
+  };
+  add(&currentRecords, 1);
+  add(&currentSamples, samples);
+  add(&currentBytes, len);
   LOGD("%s::%s: curr_slot_ptr %p curr_bytes_written %d size %d fd_buf_ptr %p", name, operation,
        static_cast<void*>(currentPtr), static_cast<int>(bytesWritten), static_cast<int>(len),
        static_cast<void*>(base));
@@ -225,12 +249,15 @@ int KPIMemorySerializer::SendSlot(int slot, int size) {
   {
     orb::MutexLock lock(pendingMutex);
     pendingCount = orb::CheckedAdd<uint32_t>(pendingCount, 1);
+    pendingMax = std::max(pendingMax, pendingCount);
   }
+  collector->ledger().Written(owner, TakeCurrent());
+  collector->ledger().Close(owner, ParcelOf(static_cast<uint32_t>(slot)));
   announced.fetch_or(BitOf(static_cast<uint32_t>(slot)));
   const int result = collector->FdWrite(handle->fdToken, 0, offset, static_cast<uint32_t>(size));
   if (result != 0) {
     LOGE("SendSlot failed - dropping data");
-    FreeSlot(offset, 0, 0);
+    EndAnnouncement(offset, LossCause::kSlotRefused);
   }
   return result;
 }
@@ -250,18 +277,40 @@ int KPIMemorySerializer::FreeSlot(int slot) {
 }
 
 int KPIMemorySerializer::FreeSlot(uint32_t offset, uint32_t, uint32_t) {
+  EndAnnouncement(offset, std::nullopt);
+  return 0;
+}
+
+void KPIMemorySerializer::EndAnnouncement(uint32_t offset, std::optional<LossCause> lost) {
   const uint32_t slot = slotSize == 0 ? kMaskBits : offset / slotSize;
-  if (slot >= slotCount) return 0;
+  if (slot >= slotCount) return;
   LOGI("LTC-Profiling: Free Slot %d Timestamp: %llu", static_cast<int>(slot), MonotonicMs());
   // One caller per announcement gets past this: a second completion must not
   // free a slot that is being filled again.
   const uint64_t bit = BitOf(slot);
-  if ((announced.fetch_and(~bit) & bit) == 0) return 0;
+  if ((announced.fetch_and(~bit) & bit) == 0) return;
+  // Before the slot can be filled again, and before the session can end.
+  collector->ledger().Settle(ParcelOf(slot), lost);
   slotMask.fetch_and(~bit);
   orb::MutexLock lock(pendingMutex);
   pendingCount = orb::CheckedSub<uint32_t>(pendingCount, 1);
   pendingCv.NotifyAll();
-  return 0;
+}
+
+std::string KPIMemorySerializer::ParcelOf(uint32_t slot) const {
+  return "region " + std::to_string(handle->fdToken) + " slot " + std::to_string(slot);
+}
+
+void KPIMemorySerializer::Abandon() {
+  orb::MutexLock lock(writerMutex);
+  if (currentSlot != kNoSlot && !currentSent) {
+    const Tally dropped = TakeCurrent();
+    if (!dropped.empty()) collector->ledger().Lost(owner, LossCause::kDropped, dropped);
+  }
+  for (uint32_t slot = 0; slot < slotCount; ++slot) {
+    if ((announced.fetch_and(~BitOf(slot)) & BitOf(slot)) == 0) continue;
+    collector->ledger().Settle(ParcelOf(slot), LossCause::kUnconfirmed);
+  }
 }
 
 int KPIMemorySerializer::Flush() {
@@ -274,6 +323,15 @@ int KPIMemorySerializer::Flush() {
     return -1;
   }
   return sent;
+}
+
+KPISerializer::Backlog KPIMemorySerializer::backlog() {
+  orb::MutexLock lock(pendingMutex);
+  return {pendingCount, pendingMax, 0, owner, currentRecords, currentSamples, currentBytes};
+}
+
+Tally KPIMemorySerializer::TakeCurrent() {
+  return {currentRecords.exchange(0), currentSamples.exchange(0), currentBytes.exchange(0)};
 }
 
 void KPIMemorySerializer::wait_for_pending_slots() {
@@ -293,6 +351,7 @@ int KPIMemorySerializer::Finalize() {
     }
   }
   wait_for_pending_slots();
+  collector->NoteQueueDepth(backlog().depth_max);
   const uint64_t mask = slotMask;
   LOGI("%s::%s: current slot usage 0x%x", name, "Finalize", static_cast<unsigned int>(mask));
   if (mask != 0) LOGE("%s::%s: Error! not all slots are free'ed", name, "Finalize");

@@ -14,7 +14,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <optional>
+#include <string>
 
+#include "serializer/delivery_ledger.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/thread_annotations.h"
 #include "utility/unique_fd.h"
@@ -46,9 +49,14 @@ class KPIMemorySerializer : public KPISerializer {
   // no slot is free to go on with.
   int Flush() override EXCLUDES(writerMutex);
 
+  Backlog backlog() override EXCLUDES(pendingMutex);
+
   // Announces what is left, waits until the HAL has consumed every slot, for
   // ever if need be, and closes the channel. The result of closing it.
   int Finalize() override EXCLUDES(writerMutex);
+
+  // What is not announced is lost; so is, as far as is known, what the HAL still has.
+  void Abandon() override EXCLUDES(writerMutex);
 
   // The HAL has consumed the slot at this byte offset of the region.
   static int WriteDone(kiv_fd_handle_s* handle, uint32_t offset, uint32_t, int);
@@ -59,10 +67,16 @@ class KPIMemorySerializer : public KPISerializer {
   int CreateRegion(uint32_t size);
   // Makes the lowest free slot current. 0, or -2 when none of the first 31 is free.
   int GetNewSlot() REQUIRES(writerMutex);
+  // Writes one record of len bytes, which counts `samples`.
+  int Append(const void* record, uint32_t len, uint64_t samples) EXCLUDES(writerMutex);
   // Makes room for len bytes; `operation` is for the log. 0, or -1 when there is
-  // none; *sent is what announcing the slot before gave.
-  int MakeRoom(uint32_t len, const char* operation, int* sent) REQUIRES(writerMutex);
-  void RecordWritten(uint32_t len, const char* operation) REQUIRES(writerMutex);
+  // none and the record is lost; *sent is what announcing the slot before gave.
+  int MakeRoom(uint32_t len, uint64_t samples, const char* operation, int* sent)
+      REQUIRES(writerMutex);
+  // What the current slot holds, which is counted elsewhere from now on.
+  Tally TakeCurrent() REQUIRES(writerMutex);
+  void RecordWritten(uint32_t len, uint64_t samples, const char* operation) REQUIRES(writerMutex);
+  void BookLoss(orb::LossCause cause, uint64_t bytes, uint64_t samples) const;
   // Announces the current slot. Non-zero: refused, the slot is free again and no
   // longer current.
   int SendCurrent() REQUIRES(writerMutex);
@@ -71,6 +85,10 @@ class KPIMemorySerializer : public KPISerializer {
   int FreeSlot(int slot) REQUIRES(writerMutex);
   // Ends the announcement of the slot at `offset`; ignored unless it is announced.
   int FreeSlot(uint32_t offset, uint32_t, uint32_t) EXCLUDES(pendingMutex);
+  // The same; its records have arrived, or are lost.
+  void EndAnnouncement(uint32_t offset, std::optional<orb::LossCause> lost) EXCLUDES(pendingMutex);
+  // The slot's name in the ledger.
+  std::string ParcelOf(uint32_t slot) const;
   void wait_for_pending_slots() EXCLUDES(pendingMutex);
   // Closes the channel and unmaps. What closing gave; 0 when there is none.
   int ReleaseRegion() REQUIRES(writerMutex);
@@ -81,12 +99,17 @@ class KPIMemorySerializer : public KPISerializer {
   uint32_t totalSize = 0;  // Bytes.
   uint32_t slotSize = 0;   // Bytes.
   uint32_t slotCount = 0;
+  uint64_t owner = 0;                 // LicSN of all records.
   kiv_fd_handle_s* handle = nullptr;  // Owned from SetFD on.
 
   orb::Mutex writerMutex;
   uint32_t currentSlot GUARDED_BY(writerMutex) = kNoSlot;
   uint8_t* currentPtr GUARDED_BY(writerMutex) = nullptr;
   uint32_t bytesWritten GUARDED_BY(writerMutex) = 0;
+  // Changed under writerMutex; atomic for backlog(), which must not wait for it.
+  std::atomic<uint64_t> currentRecords{0};
+  std::atomic<uint64_t> currentSamples{0};
+  std::atomic<uint64_t> currentBytes{0};
   bool currentSent GUARDED_BY(writerMutex) = false;  // It may be the HAL's, leave it alone.
   uint64_t slotStartMs GUARDED_BY(writerMutex) = 0;  // Wall clock; for whoever debugs.
 
@@ -97,4 +120,5 @@ class KPIMemorySerializer : public KPISerializer {
   orb::Mutex pendingMutex;
   orb::CondVar pendingCv;
   uint32_t pendingCount GUARDED_BY(pendingMutex) = 0;
+  uint32_t pendingMax GUARDED_BY(pendingMutex) = 0;
 };

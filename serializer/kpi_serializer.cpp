@@ -1,8 +1,10 @@
 // Tested by tests/serializer/kpi_serializer_test.cpp.
 #include "serializer/kpi_serializer.h"
 
+#include "proto/kpi_data.pb.h"
 #include "serializer/kpi_file_serializer.h"
 #include "serializer/kpi_memory_serializer.h"
+#include "utility/checked.h"
 #include "utility/log.h"
 
 namespace {
@@ -30,6 +32,19 @@ std::unique_ptr<KPISerializer> CreateSlots(const KPISerializer::Config& config) 
 }
 
 }  // namespace
+
+uint64_t KPISerializer::SamplesOf(const orbtr::KPIData& data) {
+  uint64_t samples = static_cast<uint64_t>(data.blobs_size());
+  const auto add = [&samples](const auto& records) {
+    for (const auto& record : records) {
+      samples = orb::CheckedAdd<uint64_t>(samples, record.meta().num_samples());
+    }
+  };
+  add(data.counters());
+  add(data.gauges());
+  add(data.histograms());
+  return samples;
+}
 
 std::unique_ptr<KPISerializer> KPISerializer::Create(const Config& config) {
   switch (config.type) {

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -51,23 +50,39 @@ class KPISerializer {
     if (param == KIV_PARAM_TIME_THRESHOLD) timeThreshold = value;
   }
 
-  // Items accepted that are not dealt with yet; what a call has dealt with before
-  // it returns never counts.
-  virtual size_t Pending() { return 0; }
-
   // Pushes everything buffered towards its destination.
   virtual int Flush() = 0;
 
   // Flushes and stops; no work is accepted afterwards.
   virtual int Finalize() = 0;
 
+  // Ends a session that never ran, without flushing.
+  virtual void Abandon() {}
+
   virtual ~KPISerializer();
+
+  // What waits. Files: items queued or being written, flushes included. Slots:
+  // slots that the HAL has.
+  struct Backlog {
+    uint64_t depth = 0;
+    uint64_t depth_max = 0;  // The most there were so far.
+    uint64_t samples = 0;    // Files: of the records among them, each record once.
+    // Slots: in the current one. Files: in the ledger.
+    uint64_t open_owner = 0;
+    uint64_t open_records = 0;
+    uint64_t open_samples = 0;
+    uint64_t open_bytes = 0;
+  };
+  virtual Backlog backlog() { return {}; }
 
   KPISerializer(const KPISerializer&) = delete;
   KPISerializer& operator=(const KPISerializer&) = delete;
 
  protected:
   explicit KPISerializer(const char* name);
+
+  // What the metadata of the records counts; a blob is one sample.
+  static uint64_t SamplesOf(const orbtr::KPIData& data);
 
   kiv_collector* collector = nullptr;
   const char* name;

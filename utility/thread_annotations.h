@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #if defined(__clang__)
 #define ORB_TSA(x) __attribute__((x))
@@ -56,6 +57,16 @@ class CAPABILITY("mutex") Mutex {
   void Lock() ACQUIRE() { mutex_.lock(); }
   void Unlock() RELEASE() { mutex_.unlock(); }
   bool TryLock() TRY_ACQUIRE(true) { return mutex_.try_lock(); }
+
+  // False when it could not be had in time. Looks every millisecond.
+  bool TryLockFor(std::chrono::milliseconds wait) TRY_ACQUIRE(true) NO_THREAD_SAFETY_ANALYSIS {
+    const auto deadline = std::chrono::steady_clock::now() + wait;
+    while (!mutex_.try_lock()) {
+      if (std::chrono::steady_clock::now() >= deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+  }
 
   // For locks that are held for some ten nanoseconds: tries for about a
   // microsecond before it sleeps, so that two threads that meet do not both

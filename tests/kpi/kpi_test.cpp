@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <random>
 #include <typeinfo>
 #include <vector>
 
@@ -264,6 +265,41 @@ TEST_F(CounterTest, SumBeyond64BitsAborts) {
   counter_.sum = std::numeric_limits<int64_t>::max() - 1;
   EXPECT_EQ(counter_.Aggregate(1), 0);
   EXPECT_ABORT(counter_.Aggregate(1));
+}
+
+// Whatever the clocks do: what the records count, what is lost and what is open
+// add up to what was logged and to what records count again.
+TEST(KpiSamplesTest, AddUpForEveryKindAndClock) {
+  FakeClock clock;
+  const uint32_t seed = std::random_device()();
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  for (const KPISubType type : {COUNTER, GAUGE, HISTOGRAM}) {
+    for (const bool time_window : {false, true}) {
+      SCOPED_TRACE(testing::Message() << type << " " << time_window);
+      const KPICfg cfg = NumericCfg(type);
+      FakeSerializer out;
+      const auto kpi =
+          KPI::Create(time_window ? WithTimeWindow(cfg, 3000) : WithSampleWindow(cfg, 6), &out);
+      for (int i = 0; i < 2000; ++i) {
+        clock.AdvanceSteady(milliseconds(random() % 700));
+        clock.AdvanceWall(static_cast<int64_t>(random() % 5) - 1);
+        kpi->AddSample(random() % 100);
+      }
+      const KpiSamples samples = kpi->CountSamples();
+      uint64_t counted = 0;
+      for (const auto& record : out.records()) {
+        for (const auto& part : record.data.counters()) counted += part.meta().num_samples();
+        for (const auto& part : record.data.gauges()) counted += part.meta().num_samples();
+        for (const auto& part : record.data.histograms()) counted += part.meta().num_samples();
+      }
+      EXPECT_EQ(samples.logged, 2000u);
+      EXPECT_EQ(samples.records, out.records().size());
+      EXPECT_EQ(samples.logged + samples.repeated,
+                counted + samples.lost[LossCause::kNoRecord] + samples.open);
+      EXPECT_EQ(samples.repeated != 0, type == GAUGE) << "a gauge also closes windows of its own";
+    }
+  }
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "serializer/kpi_file_serializer.h"
 
-#include <signal.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +12,7 @@
 #include "tests/collector/collector_fixture.h"
 #include "tests/collector/gunzip.h"
 #include "tests/serializer/open_descriptors.h"
+#include "tests/support/file_size_limit.h"
 
 namespace orb::test {
 namespace {
@@ -299,22 +298,6 @@ TEST_F(FileSerializerTest, WithoutItsDirectoryALicSnHasNoFile) {
   files_->Finalize();
   EXPECT_EQ(Sent(42), "after");
 }
-
-// While it lives, no file of this process grows beyond a size.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(size_t bytes) {
-    signal(SIGXFSZ, SIG_IGN);
-    getrlimit(RLIMIT_FSIZE, &before_);
-    rlimit tight = before_;
-    tight.rlim_cur = bytes;
-    setrlimit(RLIMIT_FSIZE, &tight);
-  }
-  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
-
- private:
-  rlimit before_{};
-};
 
 TEST_F(FileSerializerTest, AFullDiskKeepsThePartThatFits) {
   StartSession({{42, {}}});

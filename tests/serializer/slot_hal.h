@@ -21,7 +21,7 @@ class SlotHal : public FakeAidlClient {
     std::string bytes;
   };
 
-  // Completes every piece inside its announcement, this many times; 0: when asked.
+  // Completes every piece that it takes inside its announcement, this many times; 0: when asked.
   explicit SlotHal(int completions_inside = 0) : completions_inside_(completions_inside) {}
   ~SlotHal() override {
     for (const auto& [token, region] : regions_) munmap(region.base, region.bytes);
@@ -42,7 +42,8 @@ class SlotHal : public FakeAidlClient {
               CompressType compress) override {
     const int result =
         FakeAidlClient::FdWrite(token, fdToken, name, header, offset, size, compress);
-    if (result == 0) {
+    if (result != 0) return result;
+    {
       MutexLock lock(mutex_);
       const char* base = static_cast<const char*>(regions_.at(fdToken).base);
       slots_.push_back({fdToken, offset, std::string(base + offset, size)});

@@ -1,0 +1,58 @@
+// Why a sample, a record or an upload was lost. The names are what a dump
+// shows and what docs/delivery.md explains.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace orb {
+
+enum class LossCause : uint8_t {
+  kOversize,     // Above the campaign's limit of a blob, or beyond the shared region.
+  kMemory,       // No memory for a scattered blob.
+  kEncode,       // A scattered blob that the serializer cannot encode.
+  kNoRecord,     // Its kind of KPI makes no record of it.
+  kDropped,      // Of a session that was given up without its end being written.
+  kNoOwner,      // The campaign has no owner.
+  kStopped,      // Its owner is stopped.
+  kNoFile,       // Its owner's file could not be made.
+  kShortWrite,   // The disk took a part of it, or nothing.
+  kTorn,         // Written behind a part of a record, where no reader finds it.
+  kUnreadable,   // Its file could not be opened or read again.
+  kCompress,     // Its file could not be compressed.
+  kNoKey,        // Its file is to be sealed, and the owner has no key.
+  kEncrypt,      // Sealing its file failed.
+  kHal,          // The HAL was away, or refused the upload, or died in it.
+  kNoSlot,       // All slots are with the HAL.
+  kSlotRefused,  // The HAL was away when its slot was due, or refused it.
+  kUnconfirmed,  // The HAL took its slot, which was given up before it was confirmed.
+};
+
+inline constexpr std::array kLossCauseNames = {
+    "oversize", "memory",  "encode",      "no_record", "dropped",      "no_owner",
+    "stopped",  "no_file", "short_write", "torn",      "unreadable",   "compress",
+    "no_key",   "encrypt", "hal",         "no_slot",   "slot_refused", "unconfirmed"};
+inline constexpr size_t kLossCauses = kLossCauseNames.size();
+static_assert(kLossCauses == static_cast<size_t>(LossCause::kUnconfirmed) + 1);
+
+// Something for each cause; zero at first.
+template <typename T>
+class ByLossCause {
+ public:
+  T& operator[](LossCause cause) { return values_[static_cast<size_t>(cause)]; }
+  const T& operator[](LossCause cause) const { return values_[static_cast<size_t>(cause)]; }
+
+  // Calls visit(cause, value) for each, in order.
+  template <typename Visit>
+  void ForEach(Visit visit) const {
+    for (size_t i = 0; i < kLossCauses; ++i) visit(static_cast<LossCause>(i), values_[i]);
+  }
+
+ private:
+  std::array<T, kLossCauses> values_{};
+};
+
+inline const char* NameOf(LossCause cause) { return kLossCauseNames[static_cast<size_t>(cause)]; }
+
+}  // namespace orb
