@@ -70,7 +70,7 @@ CampaignManager::~CampaignManager() {
   }
   for (const Client& client : clients) {
     IInterface::asBinder(client->callback)->unlinkToDeath(client->death);
-    client->executor().Stop();
+    client->StopCalls();
   }
 }
 
@@ -102,12 +102,11 @@ bool CampaignManager::Register(const KIVClientInfo& info, const sp<IKIVCallback>
   {
     MutexLock lock(mutex_);
     by_token_[token] = client;
-    retired_.erase(
-        std::remove_if(retired_.begin(), retired_.end(),
-                       [](const Client& gone) {
-                         return gone->executor().StoppedBy(std::chrono::steady_clock::now());
-                       }),
-        retired_.end());
+    retired_.erase(std::remove_if(retired_.begin(), retired_.end(),
+                                  [](const Client& gone) {
+                                    return gone->CallsStoppedBy(std::chrono::steady_clock::now());
+                                  }),
+                   retired_.end());
   }
   // Linked after it is known, so that a notice finds what it is about. A
   // callback in this process cannot die alone; the refusal is of no interest.
@@ -164,7 +163,7 @@ CampaignManager::Client CampaignManager::Take(const std::string& token) {
 }
 
 void CampaignManager::Retire(const Client& client) {
-  client->executor().Stop();
+  client->StopCalls();
   retired_.push_back(client);
 }
 
@@ -225,6 +224,19 @@ ControlReply CampaignManager::SetLicSn(const std::string& name, int64_t lic_sn, 
                [this, raw = client.get(), lic_sn, run] { return SwitchLicSn(raw, lic_sn, run); });
 }
 
+ControlReply CampaignManager::DumpClient(const std::string& name, UniqueFd fd) {
+  const Client client = Find(name);
+  if (client == nullptr) return NotThere(name);
+  const auto answer = std::make_shared<Answer>();
+  const auto ticket = std::make_shared<AnswerTicket>(answer, name);
+  const auto to = std::make_shared<UniqueFd>(std::move(fd));
+  const bool posted = client->asking().Post(
+      [this, ticket, to, raw = client.get()] { ticket->Give(Dump(raw, to->get())); });
+  ControlReply reply;
+  if (posted && answer->Wait(timing_.dump, &reply)) return reply;
+  return Reply(ControlReply::FAILED, name + " has not answered in time: its process hangs");
+}
+
 bool CampaignManager::StopBy(std::chrono::steady_clock::time_point deadline) {
   std::vector<Client> clients;
   {
@@ -232,9 +244,9 @@ bool CampaignManager::StopBy(std::chrono::steady_clock::time_point deadline) {
     for (const auto& [token, client] : by_token_) clients.push_back(client);
     clients.insert(clients.end(), retired_.begin(), retired_.end());
   }
-  for (const Client& client : clients) client->executor().Stop();
+  for (const Client& client : clients) client->StopCalls();
   return std::all_of(clients.begin(), clients.end(),
-                     [&](const Client& client) { return client->executor().StoppedBy(deadline); });
+                     [&](const Client& client) { return client->CallsStoppedBy(deadline); });
 }
 
 }  // namespace orb::manager

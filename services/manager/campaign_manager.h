@@ -21,6 +21,7 @@
 #include "services/manager/registered_client.h"
 #include "services/manager/state_store.h"
 #include "utility/thread_annotations.h"
+#include "utility/unique_fd.h"
 
 namespace orb::manager {
 
@@ -32,6 +33,7 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   struct Timing {
     // How long an operator waits for a client's answer.
     std::chrono::milliseconds answer{30000};
+    std::chrono::milliseconds dump{5000};  // The same, where the client only describes itself.
     // Waits before each attempt to give a client its campaign back: it answers
     // -1 until it has taken note of its own registration.
     std::vector<std::chrono::milliseconds> restart_waits = {
@@ -61,6 +63,8 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   ControlReply StartCampaign(const std::string& name, const KIVCampConfig& config);
   ControlReply StopCampaign(const std::string& name);
   ControlReply SetLicSn(const std::string& name, int64_t lic_sn, bool run);
+  // Takes the descriptor.
+  ControlReply DumpClient(const std::string& name, UniqueFd fd);
 
   // Stops all calls to clients; false when one still waits at the deadline.
   bool StopBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);
@@ -82,6 +86,7 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   ControlReply SwitchLicSn(RegisteredClient* client, int64_t lic_sn, bool run);
   ControlReply CallFailed(RegisteredClient* client, const char* call,
                           const android::binder::Status& status);
+  ControlReply Dump(RegisteredClient* client, int fd);
   void ReapplyStops(RegisteredClient* client, const SavedCampaign& saved);
 
   const std::unique_ptr<StateStore> store_;

@@ -1,5 +1,8 @@
 // What the manager asks of a client; all of it runs on the client's executor.
 // Tested by tests/services/campaign_manager_test.cpp.
+#include <utils/String16.h>
+#include <utils/Vector.h>
+
 #include <algorithm>
 #include <cinttypes>
 
@@ -103,6 +106,18 @@ ControlReply CampaignManager::SwitchLicSn(RegisteredClient* client, int64_t lic_
   stopped->erase(std::remove(stopped->begin(), stopped->end(), lic_sn), stopped->end());
   if (!run) stopped->Add(lic_sn);
   return store_->SetCampaign(client->name, saved) ? Reply(ControlReply::DONE, "") : NotSaved();
+}
+
+ControlReply CampaignManager::Dump(RegisteredClient* client, int fd) {
+  android::Vector<android::String16> args;
+  args.add(android::String16("--token"));
+  args.add(android::String16(client->token.c_str()));
+  const android::status_t status = android::IInterface::asBinder(client->callback)->dump(fd, args);
+  if (status == android::OK) return Reply(ControlReply::DONE, "");
+  if (status == android::NAME_NOT_FOUND) {
+    return Reply(ControlReply::REFUSED, client->name + " does not know of its registration yet");
+  }
+  return CallFailed(client, "dump", Status::fromStatusT(status));
 }
 
 void CampaignManager::PostRestart(const Client& client) {

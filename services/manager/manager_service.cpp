@@ -2,9 +2,11 @@
 #include "services/manager/manager_service.h"
 
 #include <binder/IPCThreadState.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <functional>
+#include <utility>
 
 #include "utility/log.h"
 
@@ -71,6 +73,13 @@ Status ControlService::startLicSN(const std::string& client, int64_t lic_sn, Con
 
 Status ControlService::stopLicSN(const std::string& client, int64_t lic_sn, ControlReply* reply) {
   return ForOperators([&] { *reply = manager_->SetLicSn(client, lic_sn, false); });
+}
+
+Status ControlService::dumpClient(const std::string& client, const UniqueFd& fd,
+                                  ControlReply* reply) {
+  // The task outlives this call when the client hangs.
+  UniqueFd copy(fcntl(fd.get(), F_DUPFD_CLOEXEC, 0));
+  return ForOperators([&] { *reply = manager_->DumpClient(client, std::move(copy)); });
 }
 
 }  // namespace orb::manager

@@ -9,6 +9,7 @@
 #include "ipc/BnKIVManager.h"
 #include "services/manager/campaign_manager.h"
 #include "services/manager/control/BnOrbControl.h"
+#include "utility/unique_fd.h"
 
 namespace orb::manager {
 
@@ -48,6 +49,8 @@ class ControlService : public BnOrbControl {
                                      ControlReply* reply) override;
   android::binder::Status stopLicSN(const std::string& client, int64_t lic_sn,
                                     ControlReply* reply) override;
+  android::binder::Status dumpClient(const std::string& client, const UniqueFd& fd,
+                                     ControlReply* reply) override;
 
  private:
   const std::shared_ptr<CampaignManager> manager_;

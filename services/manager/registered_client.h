@@ -1,6 +1,7 @@
 // One client that is registered now: how to reach it, and what runs on it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -19,12 +20,13 @@ struct SessionState {
   bool restart_refused = false;
 };
 
-// All calls to the client are made by tasks of its executor, so they have one
-// order and a client that hangs keeps nobody else waiting. Session() is for any
+// All calls that change something are made by tasks of its executor, so they
+// have one order and a client that hangs keeps nobody else waiting. Session() is for any
 // thread; SetSession for tasks only.
 class RegisteredClient {
  public:
   static constexpr size_t kMaxWaitingCalls = 64;
+  static constexpr size_t kMaxWaitingQuestions = 4;
 
   std::string name;
   std::string token;
@@ -44,11 +46,23 @@ class RegisteredClient {
     session_ = session;
   }
   services::SerialExecutor& executor() { return executor_; }
+  // For calls that only ask: they do not wait for those that change something,
+  // so that a client which hangs in one of these can still be looked into.
+  services::SerialExecutor& asking() { return asking_; }
+  // Both of them.
+  void StopCalls() {
+    executor_.Stop();
+    asking_.Stop();
+  }
+  bool CallsStoppedBy(std::chrono::steady_clock::time_point deadline) {
+    return executor_.StoppedBy(deadline) && asking_.StoppedBy(deadline);
+  }
 
  private:
   mutable Mutex mutex_;
   SessionState session_ GUARDED_BY(mutex_);
   services::SerialExecutor executor_{kMaxWaitingCalls};
+  services::SerialExecutor asking_{kMaxWaitingQuestions};
 };
 
 }  // namespace orb::manager

@@ -4,7 +4,11 @@
 
 #include <android/log.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <utils/String8.h>
 
+#include <cerrno>
 #include <functional>
 #include <future>
 #include <thread>
@@ -47,6 +51,16 @@ class FakeClient : public BnKIVCallback {
   Status StopSessionforLicSN(const std::string&, int64_t camp_id, int64_t lic_sn) override {
     Note("lic-stop " + std::to_string(camp_id) + " " + std::to_string(lic_sn));
     return StatusNow();
+  }
+
+  android::status_t dump(int fd, const android::Vector<android::String16>& args) override {
+    std::string text;
+    for (size_t i = 0; i < args.size(); ++i) text += android::String8(args[i]).c_str();
+    {
+      MutexLock lock(mutex_);
+      if (status_ != android::OK) return status_;
+    }
+    return write(fd, text.data(), text.size()) >= 0 ? android::OK : -errno;
   }
 
   void OnStart(std::function<int32_t()> script) {
@@ -322,10 +336,32 @@ TEST_F(CampaignManagerTest, KeepsNobodyWaitingForAClientThatHangs) {
   EXPECT_EQ(reply.status, ControlReply::FAILED);
   EXPECT_EQ(reply.message, "hung has not answered in time; it may still do what was asked");
   EXPECT_EQ(manager_->StartCampaign("radio", Campaign(2)).status, ControlReply::DONE);
+  EXPECT_EQ(manager_->DumpClient("hung", UniqueFd(memfd_create("dump", 0))).status,
+            ControlReply::DONE)
+      << "that is when one wants to look";
   EXPECT_TRUE(manager_->Deregister(token));
   EXPECT_FALSE(manager_->StopBy(std::chrono::steady_clock::now()));
   release.set_value();
   EXPECT_TRUE(manager_->StopBy(std::chrono::steady_clock::now() + std::chrono::seconds(20)));
+}
+
+TEST_F(CampaignManagerTest, PassesOnWhatAClientSaysOfItself) {
+  const sp<FakeClient> client = new FakeClient();
+  const std::string token = Register("radio", client).token;
+  const UniqueFd memory(memfd_create("dump", MFD_CLOEXEC));
+  const auto dump = [&](const char* name) {
+    return manager_->DumpClient(name, UniqueFd(dup(memory.get())));
+  };
+  EXPECT_EQ(dump("radio").status, ControlReply::DONE);
+  char text[100] = {};
+  EXPECT_GT(pread(memory.get(), text, sizeof text - 1, 0), 0);
+  EXPECT_EQ(text, "--token" + token);
+  EXPECT_EQ(dump("gps").message, "no client is called gps; see orbctl client list");
+  client->AnswerWith(android::NAME_NOT_FOUND);
+  EXPECT_EQ(dump("radio").message, "radio does not know of its registration yet");
+  client->AnswerWith(android::DEAD_OBJECT);
+  EXPECT_EQ(dump("radio").message, "radio died");
+  EXPECT_EQ(dump("radio").message, "radio is not connected");
 }
 
 TEST_F(CampaignManagerTest, AnswersWhoWaitsForAClientThatGoes) {

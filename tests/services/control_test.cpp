@@ -1,6 +1,7 @@
 // What operators ask for and are told, through the proxy.
 #include <binder/IServiceManager.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "orb_platform/local_service_manager.h"
 #include "services/manager/manager_service.h"
@@ -53,6 +54,8 @@ TEST(ControlTest, CarriesRequestsAndAnswersThroughTheProxy) {
   EXPECT_EQ(reply.message, "no client is called gps; see orbctl client list");
   ASSERT_TRUE(control->stopLicSN("gps", 42, &reply).isOk());
   EXPECT_EQ(reply.message, "no client is called gps; see orbctl client list");
+  ASSERT_TRUE(control->dumpClient("radio", UniqueFd(dup(1)), &reply).isOk());
+  EXPECT_EQ(reply.message, "radio is not connected");
   ASSERT_TRUE(control->stopCampaign("radio", &reply).isOk());
   EXPECT_EQ(reply.status, ControlReply::DONE);
   android::setDefaultServiceManager(nullptr);

@@ -6,6 +6,7 @@
 #include "tools/orbctl/campaign_command.h"
 #include "tools/orbctl/campaign_lint.h"
 #include "tools/orbctl/client_command.h"
+#include "tools/orbctl/client_dump.h"
 #include "tools/orbctl/decode_command.h"
 #include "tools/orbctl/event_decode.h"
 #include "tools/orbctl/key_command.h"
@@ -122,6 +123,11 @@ void AddOthers(CLI::App* app, Arguments* args) {
   list->add_flag("--all", args->all, "Also those that are away");
   list->add_flag("--json", args->json, "Prints one JSON object a line");
   list->callback([args] { args->code = ListClients(args->all, args->json); });
+
+  CLI::App* dump = client->add_subcommand("dump", "What a client says of itself");
+  dump->add_option("CLIENT", args->client, "Name of the client")->required();
+  dump->add_flag("--json", args->json, "Prints JSON");
+  dump->callback([args] { args->code = DumpClient(args->client, args->json); });
 
   CLI::App* key = app->add_subcommand("key", "Makes keys");
   key->require_subcommand(1);

@@ -53,6 +53,16 @@ status_t BnOrbControl::onTransact(uint32_t _aidl_code, const Parcel& _aidl_data,
       return Serve(
           this, _aidl_data, _aidl_reply, {_aidl_code, "IOrbControl::stopLicSN::cppServer"},
           read_client_and_lic_sn, [&] { return stopLicSN(client, licSN, &answer); }, write_answer);
+    case TRANSACTION_dumpClient: {
+      ::orb::UniqueFd fd;
+      return Serve(
+          this, _aidl_data, _aidl_reply, {_aidl_code, "IOrbControl::dumpClient::cppServer"},
+          [&] {
+            const status_t status = read_client();
+            return status != OK ? status : _aidl_data.readUniqueFileDescriptor(&fd);
+          },
+          [&] { return dumpClient(client, fd, &answer); }, write_answer);
+    }
     default:
       return ::android::BBinder::onTransact(_aidl_code, _aidl_data, _aidl_reply, _aidl_flags);
   }

@@ -65,3 +65,15 @@ Status BpOrbControl::stopLicSN(const ::std::string& client, int64_t licSN,
       [&](IOrbControl& impl) { return impl.stopLicSN(client, licSN, _aidl_return); },
       [&](const Parcel& reply) { return reply.readParcelable(_aidl_return); });
 }
+
+Status BpOrbControl::dumpClient(const ::std::string& client, const ::orb::UniqueFd& fd,
+                                ::ControlReply* _aidl_return) {
+  return Call<IOrbControl>(
+      remoteStrong(), {BnOrbControl::TRANSACTION_dumpClient, "IOrbControl::dumpClient::cppClient"},
+      [&](Parcel* data) {
+        const status_t status = data->writeUtf8AsUtf16(client);
+        return status != ::android::OK ? status : data->writeUniqueFileDescriptor(fd);
+      },
+      [&](IOrbControl& impl) { return impl.dumpClient(client, fd, _aidl_return); },
+      [&](const Parcel& reply) { return reply.readParcelable(_aidl_return); });
+}

@@ -21,4 +21,6 @@ class BpOrbControl : public ::android::BpInterface<IOrbControl> {
                                        ::ControlReply* _aidl_return) override;
   ::android::binder::Status stopLicSN(const ::std::string& client, int64_t licSN,
                                       ::ControlReply* _aidl_return) override;
+  ::android::binder::Status dumpClient(const ::std::string& client, const ::orb::UniqueFd& fd,
+                                       ::ControlReply* _aidl_return) override;
 };

@@ -14,6 +14,7 @@
 #include "ipc/KIVCampConfig.h"
 #include "services/manager/control/ClientRecord.h"
 #include "services/manager/control/ControlReply.h"
+#include "utility/unique_fd.h"
 
 class IOrbControl : public ::android::IInterface {
  public:
@@ -39,4 +40,11 @@ class IOrbControl : public ::android::IInterface {
                                                ::ControlReply* _aidl_return) = 0;
   virtual ::android::binder::Status stopLicSN(const ::std::string& client, int64_t licSN,
                                               ::ControlReply* _aidl_return) = 0;
+
+  // Has the client's library describe itself as text into `fd`, which the client
+  // then holds itself: an ordinary file or memory, so that it cannot be made to
+  // wait. It may still write after a FAILED.
+  virtual ::android::binder::Status dumpClient(const ::std::string& client,
+                                               const ::orb::UniqueFd& fd,
+                                               ::ControlReply* _aidl_return) = 0;
 };
