@@ -6,7 +6,12 @@
 //   buf NAME TEXT                 -> result
 //   hammer NAME KPI THREADS       -> ok; logs value 1 from that many threads
 //   calm                          -> samples that hammering logged and got 0 for
+//   blob NAME KPI BYTES           -> result
+//   limit BYTES                   -> ok; no file of the process grows beyond, 0: any may
 //   enabled NAME KPI | campaign NAME | flush NAME | deregister NAME   -> result
+#include <signal.h>
+#include <sys/resource.h>
+
 #include <atomic>
 #include <iostream>
 #include <map>
@@ -55,6 +60,7 @@ class Probe {
     std::string name;
     in >> verb;
     if (verb == "calm") return std::to_string(hammer_.Stop());
+    if (verb == "limit") return Limit(in);
     in >> name;
     if (verb == "register") return Register(name, in);
     const auto found = collectors_.find(name);
@@ -64,6 +70,16 @@ class Probe {
   ~Probe() { hammer_.Stop(); }
 
  private:
+  static std::string Limit(std::istringstream& in) {
+    rlim_t bytes = 0;
+    in >> bytes;
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = bytes == 0 ? limit.rlim_max : bytes;
+    signal(SIGXFSZ, SIG_IGN);
+    return setrlimit(RLIMIT_FSIZE, &limit) == 0 ? "ok" : "failed";
+  }
+
   std::string Register(const std::string& name, std::istringstream& in) {
     std::string dir;
     std::string mode;
@@ -113,6 +129,12 @@ class Probe {
       in >> threads;
       hammer_.Start(c, kpi, threads);
       return "ok";
+    }
+    if (verb == "blob") {
+      uint32_t bytes = 0;
+      in >> bytes;
+      const std::vector<uint8_t> blob(bytes, 'b');
+      return std::to_string(kiv_log_blob(c, kpi, blob.data(), bytes));
     }
     if (verb == "log") {
       uint32_t value = 0;
