@@ -69,21 +69,23 @@ TEST_F(SimTest, FaultsCostWhatTheyCostOnADevice) {
   struct Case {
     const char* faults;
     uint64_t refused, stored, lost, queue_max;
+    const char* cause;  // Of all losses; nothing for none.
     const char* logged;
   };
   const Case kCases[] = {
-      {"", 0, 20, 0, 1, ""},
-      {"hal-dead@5s..10s", 0, 15, 5, 1, "could not initialize orbsyshal handle"},
-      {"hal-dead@15s", 0, 15, 5, 1, "orbsyshal service doesn't exist"},
-      {"hal-wrong@5s..10s", 0, 15, 5, 1, "request_read() failed"},
+      {"", 0, 20, 0, 1, "", ""},
+      {"hal-dead@5s..10s", 0, 15, 5, 1, "hal", "could not initialize orbsyshal handle"},
+      {"hal-dead@15s", 0, 15, 5, 1, "hal", "orbsyshal service doesn't exist"},
+      {"hal-wrong@5s..10s", 0, 15, 5, 1, "hal", "request_read() failed"},
       // From 5 s on one upload takes as long as two and a half samples.
-      {"hal-slow=2500ms@5s", 0, 20, 0, 10, ""},
+      {"hal-slow=2500ms@5s", 0, 20, 0, 10, "", ""},
       // The client tries again after five seconds.
-      {"manager-dead@5s..8s", 5, 15, 0, 1, "registers again"},
-      {"manager-dead@15s", 5, 15, 0, 1, "MGR registration failed"},
+      {"manager-dead@5s..8s", 5, 15, 0, 1, "", "registers again"},
+      {"manager-dead@15s", 5, 15, 0, 1, "", "MGR registration failed"},
       // The file that is open at 5 s has room left in its block; the next has none.
-      {"enospc@5s..10s", 0, 16, 4, 1, "error writing to file"},
-      {"hal-dead@5s..10s,manager-dead@12s,hal-slow=200ms", 8, 7, 5, 1, "MGR registration failed"},
+      {"enospc@5s..10s", 0, 16, 4, 1, "short_write", "error writing to file"},
+      {"hal-dead@5s..10s,manager-dead@12s,hal-slow=200ms", 8, 7, 5, 1, "hal",
+       "MGR registration failed"},
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.faults);
@@ -98,6 +100,12 @@ TEST_F(SimTest, FaultsCostWhatTheyCostOnADevice) {
     EXPECT_EQ(owner["uploads"], c.stored);
     EXPECT_EQ(owner["samples"]["lost"], c.lost);
     EXPECT_EQ(owner["records"]["lost"], c.lost);
+    const json& losses = owner["losses"];  // By the library's own account.
+    ASSERT_EQ(losses.size(), c.lost == 0 ? 0u : 1u) << losses;
+    if (c.lost > 0) {
+      EXPECT_EQ(losses[0]["cause"], c.cause);
+      EXPECT_EQ(losses[0]["samples"], c.lost);
+    }
     EXPECT_THAT(report["log"].dump(), HasSubstr(c.logged));
     EXPECT_EQ(Decode().size(), c.stored);
   }

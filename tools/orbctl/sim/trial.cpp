@@ -140,7 +140,11 @@ void Trial::Run() {
 void Trial::End() {
   if (collector_ == nullptr) return;
   clock_.RunFreely();
-  kiv_deregister(collector_);
+  // What kiv_deregister does; the books go with the collector.
+  collector_->DeRegister();
+  books_ = collector_->ledger().Copy();
+  collector_->Unroute();
+  delete collector_;
   collector_ = nullptr;
   SetFullDisk("");
 }

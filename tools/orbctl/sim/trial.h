@@ -11,6 +11,7 @@
 
 #include "ipc/KIVCampConfig.h"
 #include "orb_sdk.h"
+#include "serializer/delivery_ledger.h"
 #include "tools/orbctl/sim/fault_plan.h"
 #include "tools/orbctl/sim/library_log.h"
 #include "tools/orbctl/sim/load_file.h"
@@ -54,6 +55,8 @@ class Trial {
 
   const std::map<uint32_t, CallTally>& calls() const { return calls_; }
   size_t queue_max() const { return queue_max_; }
+  // The library's own account; after End().
+  const Books& books() const { return books_; }
 
  private:
   struct Edge {
@@ -82,6 +85,7 @@ class Trial {
   std::vector<Edge> edges_;  // In order of time.
   std::map<uint32_t, CallTally> calls_;
   size_t queue_max_ = 0;
+  Books books_;
 
   // Of a client that lost its manager.
   bool lost_ = false;

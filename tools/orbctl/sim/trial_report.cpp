@@ -46,6 +46,7 @@ bool TrialReport::Collect(const Trial& trial, const LibraryLog& log, const std::
       std::tie(owners_[lic_sn].handled, owners_[lic_sn].unwritten) = records;
     }
   }
+  for (const auto& [lic_sn, book] : trial.books().owners) owners_[lic_sn].losses = book.lost;
   CountAccepted();
   std::vector<std::string> files;
   if (!AddFolder(spool, &files)) {

@@ -13,6 +13,7 @@
 #include "proto/ltc_campaign.pb.h"
 #include "tools/orbctl/sim/trial.h"
 #include "tools/orbctl/upload_reader.h"
+#include "utility/loss_cause.h"
 
 namespace orb::orbctl {
 
@@ -35,6 +36,9 @@ struct OwnerTally {
   std::optional<uint64_t> unwritten;
   // Accepted by a call; gauges left out, whose records do not tell.
   uint64_t accepted = 0;
+
+  // By the library's own account, gauges included.
+  ByLossCause<EventTally> losses;
 
   uint64_t records() const;
   uint64_t samples() const;  // Gauges left out, too.

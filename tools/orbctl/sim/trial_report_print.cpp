@@ -10,6 +10,8 @@ namespace {
 
 constexpr char kOwnerRow[] = "{:>10} {:>8} {:>9}  {:>8} {:>9} {:>9} {:>8}  {:>9} {:>8} {:>8}\n";
 
+constexpr char kLossRow[] = "{:>10}  {:<12} {:>8} {:>8} {:>8}\n";
+
 using Json = nlohmann::ordered_json;
 
 double Seconds(std::chrono::nanoseconds time) { return static_cast<double>(time.count()) / 1e9; }
@@ -27,11 +29,30 @@ std::string Text(std::optional<uint64_t> number) { return number ? std::to_strin
 
 Json Value(std::optional<uint64_t> number) { return number ? Json(*number) : Json(); }
 
+// What is lost of an owner's data, one row a cause.
+std::string Losses(uint64_t lic_sn, const OwnerTally& owner) {
+  std::string rows;
+  owner.losses.ForEach([&](LossCause cause, const EventTally& lost) {
+    if (lost.events == 0) return;
+    rows += fmt::format(kLossRow, lic_sn, NameOf(cause), lost.events, lost.tally.records,
+                        lost.tally.samples);
+  });
+  return rows;
+}
+
 Json ToJson(uint64_t lic_sn, const OwnerTally& owner) {
   Json kpis = Json::array();
   for (const auto& [id, stream] : owner.kpis) {
     kpis.push_back({{"kpi", id}, {"records", stream.records}, {"samples", stream.samples}});
   }
+  Json losses = Json::array();
+  owner.losses.ForEach([&](LossCause cause, const EventTally& lost) {
+    if (lost.events == 0) return;
+    losses.push_back({{"cause", NameOf(cause)},
+                      {"times", lost.events},
+                      {"records", lost.tally.records},
+                      {"samples", lost.tally.samples}});
+  });
   return {{"lic_sn", lic_sn},
           {"uploads", owner.uploads},
           {"bytes", owner.bytes},
@@ -46,6 +67,7 @@ Json ToJson(uint64_t lic_sn, const OwnerTally& owner) {
            {{"accepted", owner.accepted},
             {"decoded", owner.samples()},
             {"lost", Value(Lost(owner, owner.accepted, owner.samples()))}}},
+          {"losses", losses},
           {"kpis", kpis}};
 }
 
@@ -77,6 +99,12 @@ void TrialReport::PrintText(std::ostream& out) const {
                        Text(Lost(owner, owner.handled, owner.records())), owner.accepted,
                        open ? std::to_string(owner.samples()) : "sealed",
                        Text(Lost(owner, owner.accepted, owner.samples())));
+  }
+  std::string losses;
+  for (const auto& [lic_sn, owner] : owners_) losses += Losses(lic_sn, owner);
+  if (!losses.empty()) {
+    out << "\nlosses, as the library counts them\n";
+    out << fmt::format(kLossRow, "owner", "cause", "times", "records", "samples") << losses;
   }
   if (!problems_.empty()) out << "\nwarnings and errors in the log\n";
   for (const LibraryLog::Message& message : problems_) {
