@@ -6,6 +6,8 @@ find_package(Protobuf 3.21 REQUIRED)
 # Here, so that its target is known in every folder.
 find_package(nanopb REQUIRED)
 
+add_custom_target(orb_generated)
+
 # orb_proto_library(TARGET lite|full FILE.proto...)
 function(orb_proto_library target flavour)
   set(out ${CMAKE_BINARY_DIR}/gen/${target})
@@ -26,6 +28,9 @@ function(orb_proto_library target flavour)
     list(APPEND sources ${out}/proto/${stem}.pb.cc ${out}/proto/${stem}.pb.h)
   endforeach()
   add_library(${target} STATIC ${sources})
+  # Alone it makes the headers of all, for tools that only read the sources.
+  add_custom_target(${target}_sources DEPENDS ${sources})
+  add_dependencies(orb_generated ${target}_sources)
   target_compile_options(${target} PRIVATE -Wno-error -w)
   target_include_directories(${target} SYSTEM PUBLIC ${out})
   if(flavour STREQUAL "lite")

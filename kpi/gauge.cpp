@@ -112,9 +112,9 @@ void Gauge::Print() const {
     while (run + 1 < tsFirst.size() && tsFirst[run + 1] <= static_cast<uint32_t>(i)) ++run;
     const int64_t offset_s =
         tsArray.empty() ? 0 : CheckedSub<int64_t>(tsArray[run], tsArray.front());
-    printf(" Index: %d  of %d SlopeBased %g Min %d Max %d Avg %g\n", i, N,
-           static_cast<double>(b0 + b1 * static_cast<float>(offset_s)), min, max,
-           static_cast<double>(avg));
+    static_cast<void>(printf(" Index: %d  of %d SlopeBased %g Min %d Max %d Avg %g\n", i, N,
+                             static_cast<double>(b0 + b1 * static_cast<float>(offset_s)), min, max,
+                             static_cast<double>(avg)));
   }
 }
 

@@ -48,6 +48,7 @@ bool ListTmpFiles(const std::string& directory, const std::string& prefix,
                   std::vector<std::string>* names) {
   DIR* dir = opendir(directory.c_str());
   if (dir == nullptr) return false;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread has this stream.
   while (const dirent* entry = readdir(dir)) {
     const std::string name = entry->d_name;
     if (name.compare(0, prefix.size(), prefix) == 0 && name.find(kTmpSuffix) != std::string::npos) {
@@ -180,7 +181,7 @@ int KPIFileSerializer::createFout(uint64_t licSN) {
   collector->ledger().Settle(path, LossCause::kUnreadable);
   // Every write is pushed through at once, and without a buffer a write that
   // the disk did not take is seen where it happens.
-  setvbuf(file.get(), nullptr, _IONBF, 0);
+  static_cast<void>(setvbuf(file.get(), nullptr, _IONBF, 0));
   if (!WriteStart(licSN, file.get())) LogWriteError("createFout");
   fileMap[licSN] = std::move(file);
   return 0;

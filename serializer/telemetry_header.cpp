@@ -147,6 +147,6 @@ std::vector<uint8_t> TelemetryHeader::GetHeader() const {
 int TelemetryHeader::ParseFromFile(FILE* file) {
   const long position = ftell(file);
   [[maybe_unused]] const size_t got = fread(bytes_.data(), 1, bytes_.size(), file);
-  fseek(file, position, SEEK_SET);
+  static_cast<void>(fseek(file, position, SEEK_SET));
   return 0;
 }

@@ -52,7 +52,7 @@ struct EntryHeader {
 static_assert(sizeof(EntryHeader) == 28);
 
 std::string Variable(const char* name) {
-  const char* value = std::getenv(name);
+  const char* value = secure_getenv(name);
   return value != nullptr ? value : "";
 }
 
@@ -67,7 +67,7 @@ std::string StateDirectory() {
 }
 
 std::string LogPath() {
-  const std::string named = Variable("ORB_EVENT_LOG");
+  std::string named = Variable("ORB_EVENT_LOG");
   if (!named.empty()) return named;
   const std::string directory = StateDirectory();
   if (directory.empty()) return "";

@@ -83,7 +83,7 @@ void ServiceHost::Check(Service* service) {
 }
 
 void ServiceHost::Exit(int code) {
-  fflush(nullptr);
+  static_cast<void>(fflush(nullptr));
   _exit(code);
 }
 

@@ -23,7 +23,7 @@ int main(int argc, char** argv) {
   std::string error;
   std::unique_ptr<orb::hal::Spool> spool = orb::hal::Spool::Open(directory, max_bytes, &error);
   if (spool == nullptr) {
-    fprintf(stderr, "orb-hald: %s\n", error.c_str());
+    static_cast<void>(fprintf(stderr, "orb-hald: %s\n", error.c_str()));
     return 1;
   }
   LOGI("%s holds %" PRIu64 " bytes", directory.c_str(), spool->StoredBytes());

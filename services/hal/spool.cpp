@@ -35,9 +35,9 @@ constexpr int kMaxRepeats = 1000;
 // SEQNO-TIMESTAMP of the upload's header.
 std::string StemOf(std::span<const uint8_t> upload) {
   char stem[48];
-  snprintf(stem, sizeof stem, "%010" PRIu32 "-%013" PRIu64,
-           LoadBigEndian<uint32_t>(upload.data() + kSeqnoOffset),
-           LoadBigEndian<uint64_t>(upload.data() + kTimestampOffset));
+  static_cast<void>(snprintf(stem, sizeof stem, "%010" PRIu32 "-%013" PRIu64,
+                             LoadBigEndian<uint32_t>(upload.data() + kSeqnoOffset),
+                             LoadBigEndian<uint64_t>(upload.data() + kTimestampOffset)));
   return stem;
 }
 

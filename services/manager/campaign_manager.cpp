@@ -30,7 +30,7 @@ std::string NewToken() {
   std::string token;
   for (const uint8_t byte : bytes) {
     char digits[3];
-    snprintf(digits, sizeof digits, "%02x", byte);
+    static_cast<void>(snprintf(digits, sizeof digits, "%02x", byte));
     token += digits;
   }
   return token;

@@ -12,7 +12,7 @@ namespace {
 
 // systemd makes the folder and tells where it is.
 std::string DefaultState() {
-  const char* folder = getenv("STATE_DIRECTORY");
+  const char* folder = secure_getenv("STATE_DIRECTORY");
   return folder != nullptr && *folder != '\0' ? folder : "/var/lib/orb-managerd";
 }
 
@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
   std::string error;
   std::unique_ptr<orb::manager::StateStore> store = orb::manager::StateStore::Open(state, &error);
   if (store == nullptr) {
-    fprintf(stderr, "orb-managerd: %s\n", error.c_str());
+    static_cast<void>(fprintf(stderr, "orb-managerd: %s\n", error.c_str()));
     return 1;
   }
   const auto manager = std::make_shared<orb::manager::CampaignManager>(std::move(store));

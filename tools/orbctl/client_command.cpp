@@ -103,7 +103,7 @@ int ListClients(bool all, bool json) {
   std::copy_if(known.begin(), known.end(), std::back_inserter(clients),
                [&](const ClientRecord& client) { return all || client.connected; });
   const std::string text = json ? ClientJson(clients) : ClientTable(clients);
-  fwrite(text.data(), 1, text.size(), stdout);
+  static_cast<void>(fwrite(text.data(), 1, text.size(), stdout));
   return kOk;
 }
 

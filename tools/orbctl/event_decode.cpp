@@ -129,7 +129,7 @@ std::string Time(const Entry& entry) {
   char date[32];
   std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &utc);
   char out[64];
-  std::snprintf(out, sizeof out, "%s.%09uZ", date, entry.nsec);
+  static_cast<void>(std::snprintf(out, sizeof out, "%s.%09uZ", date, entry.nsec));
   return out;
 }
 
@@ -137,7 +137,7 @@ std::string NameOf(uint32_t hash, const Names& names) {
   const auto found = names.find(hash & kHashMask);
   if (found != names.end()) return found->second;
   char out[16];
-  std::snprintf(out, sizeof out, "0x%08x", hash);
+  static_cast<void>(std::snprintf(out, sizeof out, "0x%08x", hash));
   return out;
 }
 

@@ -13,7 +13,7 @@ namespace orb::orbctl {
 namespace {
 
 struct CloseFile {
-  void operator()(FILE* file) const { fclose(file); }
+  void operator()(FILE* file) const { static_cast<void>(fclose(file)); }
 };
 
 }  // namespace
@@ -23,7 +23,7 @@ void PrintError(const std::string& text) {
   std::replace_if(
       line.begin(), line.end(),
       [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '?');
-  fprintf(stderr, "orbctl: %s\n", line.c_str());
+  static_cast<void>(fprintf(stderr, "orbctl: %s\n", line.c_str()));
 }
 
 int Fail(const std::string& text) {
@@ -32,8 +32,8 @@ int Fail(const std::string& text) {
 }
 
 void PrintLine(const std::string& text) {
-  fwrite(text.data(), 1, text.size(), stdout);
-  fputc('\n', stdout);
+  static_cast<void>(fwrite(text.data(), 1, text.size(), stdout));
+  static_cast<void>(fputc('\n', stdout));
 }
 
 bool ReadFile(const std::string& path, uint64_t max_bytes, std::string* content,

@@ -30,7 +30,7 @@ bool Bus::Connect() {
 bool Bus::ConnectLocked() {
   Process();  // Shows an end of the connection that nobody has read yet.
   if (bus_ != nullptr) return true;
-  const char* const address = getenv("ORB_BUS_ADDRESS");
+  const char* const address = secure_getenv("ORB_BUS_ADDRESS");
   sd_bus* bus = nullptr;
   int result = 0;
   if (address != nullptr && *address != 0) {

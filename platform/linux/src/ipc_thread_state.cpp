@@ -60,6 +60,7 @@ int64_t IPCThreadState::clearCallingIdentity() {
 }
 
 void IPCThreadState::restoreCallingIdentity(int64_t token) {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): what clearCallingIdentity made of a pointer.
   CallerScope::Exchange(reinterpret_cast<const Caller*>(token));
 }
 

@@ -14,7 +14,7 @@ namespace {
 constexpr std::string_view kLetters = "vdiwefs";
 
 [[gnu::constructor]] void ApplyEnvironment() {
-  const char* const tags = getenv("ANDROID_LOG_TAGS");
+  const char* const tags = secure_getenv("ANDROID_LOG_TAGS");
   const std::string_view text = tags == nullptr ? "" : tags;
   const size_t at = text.find("*:");
   if (at == std::string_view::npos || at + 2 >= text.size()) return;

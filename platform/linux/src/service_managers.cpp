@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -103,13 +104,15 @@ std::string BusNameOf(const std::string& service) {
       out += c;
     } else {
       char escaped[4];
-      snprintf(escaped, sizeof escaped, "_%02x", static_cast<unsigned>(static_cast<uint8_t>(c)));
+      static_cast<void>(snprintf(escaped, sizeof escaped, "_%02x",
+                                 static_cast<unsigned>(static_cast<uint8_t>(c))));
       out += escaped;
     }
   }
   if (out.size() <= kMaxBusNameBytes) return out;
   char hash[kHashBytes + 1];
-  snprintf(hash, sizeof hash, "_-%016llx", static_cast<unsigned long long>(Fnv1a(service)));
+  static_cast<void>(
+      snprintf(hash, sizeof hash, "_-%016llx", static_cast<unsigned long long>(Fnv1a(service))));
   return out.substr(0, kMaxBusNameBytes - kHashBytes) + hash;
 }
 
@@ -122,8 +125,10 @@ std::string ServiceOf(const std::string& bus_name) {
       out += bus_name[i];
       continue;
     }
-    unsigned code = 0;
-    if (sscanf(bus_name.c_str() + i + 1, "%2x", &code) != 1) return {};
+    const std::string digits = bus_name.substr(i + 1, 2);
+    char* end = nullptr;
+    const unsigned long code = strtoul(digits.c_str(), &end, 16);
+    if (end == digits.c_str()) return {};
     out += static_cast<char>(code);
     i += 2;
   }
