@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstdio>
 #include <map>
 #include <optional>
 
@@ -142,6 +143,7 @@ class Tracer {
 
 TraceResult RunTraced(const std::function<int()>& body, const std::string& prefix, size_t nth,
                       KillAt when) {
+  fflush(nullptr);  // Else the child may print what this process has in its buffers.
   const pid_t child = fork();
   if (child == 0) {
     if (ptrace(PTRACE_TRACEME, 0, 0, 0) != 0) _exit(99);
