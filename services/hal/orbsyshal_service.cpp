@@ -25,6 +25,8 @@ Current& TheCurrent() {
   return *current;
 }
 
+// A number is all that a notice needs, and outlives whatever it names.
+// NOLINTNEXTLINE(performance-no-int-to-ptr)
 void* CookieOf(uint32_t token) { return reinterpret_cast<void*>(static_cast<uintptr_t>(token)); }
 
 void OnDied(void* cookie) {
