@@ -28,7 +28,7 @@ int ParseCommandLine(CLI::App* app, int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app->exit(error);
     const char* const name = app->get_name().c_str();
-    fprintf(stderr, "%s: %s; see %s --help\n", name, error.what(), name);
+    static_cast<void>(fprintf(stderr, "%s: %s; see %s --help\n", name, error.what(), name));
     return kUsage;
   }
   return -1;
@@ -39,7 +39,7 @@ ServiceHost::ServiceHost() {
   sigaddset(&signals_, SIGTERM);
   sigaddset(&signals_, SIGINT);
   pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
-  signal(SIGPIPE, SIG_IGN);
+  static_cast<void>(signal(SIGPIPE, SIG_IGN));
 }
 
 void ServiceHost::Add(const std::string& name, std::function<bool()> publish,

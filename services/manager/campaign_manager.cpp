@@ -156,7 +156,7 @@ CampaignManager::Client CampaignManager::Take(const std::string& token) {
   MutexLock lock(mutex_);
   const auto found = by_token_.find(token);
   if (found == by_token_.end()) return nullptr;
-  const Client client = found->second;
+  Client client = found->second;
   by_token_.erase(found);
   Retire(client);
   return client;

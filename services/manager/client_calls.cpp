@@ -75,7 +75,7 @@ ControlReply CampaignManager::Stop(RegisteredClient* client) {
     const Status status = client->callback->StopSession(client->token, camp_id);
     // A client that died has no session either.
     if (!status.isOk()) {
-      const ControlReply failed = CallFailed(client, "StopSession", status);
+      ControlReply failed = CallFailed(client, "StopSession", status);
       if (status.transactionError() != android::DEAD_OBJECT) return failed;
     }
     LOGI("client %s: campaign %" PRId64 " stopped", client->name.c_str(), camp_id);

@@ -13,7 +13,7 @@ namespace {
 
 constexpr bool kRefused = true;
 constexpr bool kWarning = false;
-constexpr size_t kTransactionBytesMax = 1024 * 1024;
+constexpr size_t kTransactionBytesMax = size_t{1024} * 1024;
 
 class Linter {
  public:

@@ -3,4 +3,5 @@
 
 #include "services/manager/control/BpOrbControl.h"
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the platform fixes the signature.
 DO_NOT_DIRECTLY_USE_ME_IMPLEMENT_META_INTERFACE(OrbControl, "orb.manager.IOrbControl")
