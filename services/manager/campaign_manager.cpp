@@ -189,9 +189,10 @@ ControlReply CampaignManager::NotThere(const std::string& name) const {
 
 ControlReply CampaignManager::RunOn(const Client& client, std::function<ControlReply()> call) {
   const auto answer = std::make_shared<Answer>();
-  const auto ticket = std::make_shared<AnswerTicket>(answer, client->name);
-  const bool posted =
-      client->executor().Post([ticket, call = std::move(call)] { ticket->Give(call()); });
+  // The task alone has it: one that is dropped answers at once.
+  auto ticket = std::make_shared<AnswerTicket>(answer, client->name);
+  const bool posted = client->executor().Post(
+      [ticket = std::move(ticket), call = std::move(call)] { ticket->Give(call()); });
   if (!posted) return Reply(ControlReply::FAILED, client->name + " has too many calls waiting");
   ControlReply reply;
   if (answer->Wait(timing_.answer, &reply)) return reply;
@@ -228,10 +229,12 @@ ControlReply CampaignManager::DumpClient(const std::string& name, UniqueFd fd) {
   const Client client = Find(name);
   if (client == nullptr) return NotThere(name);
   const auto answer = std::make_shared<Answer>();
-  const auto ticket = std::make_shared<AnswerTicket>(answer, name);
+  auto ticket = std::make_shared<AnswerTicket>(answer, name);
   const auto to = std::make_shared<UniqueFd>(std::move(fd));
-  const bool posted = client->asking().Post(
-      [this, ticket, to, raw = client.get()] { ticket->Give(Dump(raw, to->get())); });
+  const bool posted =
+      client->asking().Post([this, ticket = std::move(ticket), to, raw = client.get()] {
+        ticket->Give(Dump(raw, to->get()));
+      });
   ControlReply reply;
   if (posted && answer->Wait(timing_.dump, &reply)) return reply;
   return Reply(ControlReply::FAILED, name + " has not answered in time: its process hangs");
