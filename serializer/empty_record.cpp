@@ -1,5 +1,5 @@
 // The record that a session's KPIs fill in turn.
-// Tested by tests/kpi/counter_test.cpp and its neighbours.
+// Tested by tests/kpi/kpi_test.cpp and its neighbours.
 #include "proto/kpi_data.pb.h"
 #include "serializer/kpi_serializer.h"
 

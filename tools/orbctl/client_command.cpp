@@ -39,7 +39,7 @@ std::string TimeText(int64_t ms) {
   tm utc{};
   char text[32];
   if (gmtime_r(&seconds, &utc) == nullptr) return "?";
-  strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  static_cast<void>(strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc));
   return text;
 }
 

@@ -127,7 +127,7 @@ std::string Time(const Entry& entry) {
   std::tm utc{};
   gmtime_r(&seconds, &utc);
   char date[32];
-  std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &utc);
+  static_cast<void>(std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &utc));
   char out[64];
   static_cast<void>(std::snprintf(out, sizeof out, "%s.%09uZ", date, entry.nsec));
   return out;
