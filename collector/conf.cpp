@@ -110,7 +110,7 @@ bool Conf::ReadFile(const std::string& path, Conf* conf) {
   FILE* file = fopen(path.c_str(), "re");
   if (file == nullptr) return false;
   ApplyFile(file, conf);
-  static_cast<void>(fclose(file));  // It was only read.
+  (void)fclose(file);  // It was only read.
   return true;
 }
 

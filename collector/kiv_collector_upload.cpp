@@ -122,7 +122,7 @@ int kiv_collector::SendData(const std::string& path) {
     LOGE("%s: error in deleting file %s - %s", "SendData", path.c_str(),
          orb::ErrorText(errno).c_str());
   }
-  static_cast<void>(fclose(file));  // It was only read.
+  (void)fclose(file);  // It was only read.
   return result;
 }
 

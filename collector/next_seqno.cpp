@@ -28,7 +28,7 @@ uint32_t ReadNumber(const char* path) {
   if (file == nullptr) return 0;
   char text[kTextBytesMax];
   text[fread(text, 1, sizeof text - 1, file)] = '\0';
-  static_cast<void>(fclose(file));  // It was only read.
+  (void)fclose(file);  // It was only read.
   const char* digits = text;
   while (isspace(static_cast<unsigned char>(*digits))) ++digits;
   if (!isdigit(static_cast<unsigned char>(*digits))) return 0;

@@ -74,7 +74,7 @@ class KPIFileSerializer : public KPISerializer {
   static constexpr char kFlush[] = "Flush";  // The control word.
 
   struct CloseFile {
-    void operator()(FILE* file) const { static_cast<void>(fclose(file)); }
+    void operator()(FILE* file) const { (void)fclose(file); }
   };
   using File = std::unique_ptr<FILE, CloseFile>;
 

@@ -13,7 +13,7 @@ namespace orb::orbctl {
 namespace {
 
 struct CloseFile {
-  void operator()(FILE* file) const { static_cast<void>(fclose(file)); }
+  void operator()(FILE* file) const { (void)fclose(file); }
 };
 
 }  // namespace
