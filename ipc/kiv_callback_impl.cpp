@@ -76,7 +76,8 @@ status_t KIVCallbackImpl::dump(int fd, const Vector<String16>& args) {
   CollectorRoutes& routes = kivAIDLClient::getClientInstance()->routes();
   if (args.isEmpty()) {
     for (const CollectorRoutes::Pin& collector : routes.FindAll()) {
-      text += (text.empty() ? "" : "\n") + collector->Dump();
+      if (!text.empty()) text += '\n';
+      text += collector->Dump();
     }
   } else if (args.size() == 2 && args[0] == String16("--token")) {
     const CollectorRoutes::Pin collector = routes.Find(String8(args[1]).c_str());
