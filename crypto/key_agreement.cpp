@@ -26,6 +26,18 @@ PKeyPtr ReadPublicKey(BIO* pem) {
   return PKeyPtr(PEM_read_bio_PUBKEY(pem, nullptr, NoPassphrase, nullptr));
 }
 
+EcKeyPtr ReadEcPublicKey(BIO* pem) {
+  ErrorMark errors;
+  EcKeyPtr key(PEM_read_bio_EC_PUBKEY(pem, nullptr, NoPassphrase, nullptr));
+  errors.Drop();
+  if (key != nullptr && EC_POINT_is_at_infinity(EC_KEY_get0_group(key.get()),
+                                                EC_KEY_get0_public_key(key.get())) == 0) {
+    return key;
+  }
+  BIO_reset(pem);
+  return nullptr;
+}
+
 PKeyPtr ReadPrivateKey(BIO* pem) {
   return PKeyPtr(PEM_read_bio_PrivateKey(pem, nullptr, NoPassphrase, nullptr));
 }

@@ -60,6 +60,7 @@ EcKeyPtr ReadEphemeralKey(const uint8_t* pem, uint64_t length) {
     LOGD("can't read ephemeral_bio_ptr key to bio_ptr");
     return nullptr;
   }
+  if (EcKeyPtr quick = ReadEcPublicKey(bio.get())) return quick;
   const PKeyPtr key = ReadPublicKey(bio.get());
   if (key == nullptr) {
     LOGD("can't read ephemeral key");

@@ -39,6 +39,7 @@ EcKeyPtr ReadRecipient(const char* pem) {
     LOGD("can't mallic BIO mem buf");
     return nullptr;
   }
+  if (EcKeyPtr quick = ReadEcPublicKey(bio.get())) return quick;
   const PKeyPtr key = ReadPublicKey(bio.get());
   if (key == nullptr) {
     LOGD("can't read asymmetric key");
