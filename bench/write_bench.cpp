@@ -63,7 +63,7 @@ BENCHMARK(BM_CloseWindow)->Iterations(20000);
 
 // --- Records of 200 bytes to disk. ---
 constexpr uint32_t kRecordBytes = 200;
-constexpr int kRecords = 500;
+constexpr int kRecords = 4000;
 
 void BM_FloorDisk(benchmark::State& state) {
   std::string path = std::filesystem::temp_directory_path() / "orb-bench-file-XXXXXX";
