@@ -1,5 +1,8 @@
 // Sessions: what a campaign builds, and how it is taken down again.
 // Tested by tests/collector/session_test.cpp.
+#include <google/protobuf/arena.h>
+
+#include <climits>
 #include <utility>
 
 #include "collector/conf.h"
@@ -39,8 +42,11 @@ int kiv_collector::StartSession(const KIVCampConfig& config) {
   }
   if (cfg_.custom_session_format) return StartCustomSession(config);
   LogCalled("StartSession");
-  LTCCampaignDef def;
-  if (!def.ParseFromString(std::string(config.campaignDef.begin(), config.campaignDef.end()))) {
+  // A thousand KPIs are a thousand messages: made and freed as one piece.
+  google::protobuf::Arena arena;
+  LTCCampaignDef& def = *google::protobuf::Arena::CreateMessage<LTCCampaignDef>(&arena);
+  const size_t bytes = config.campaignDef.size();
+  if (bytes > INT_MAX || !def.ParseFromArray(config.campaignDef.data(), static_cast<int>(bytes))) {
     LOGE("%s: failed to parse session config", cfg_.name.c_str());
     return -1;
   }
@@ -56,6 +62,7 @@ int kiv_collector::StartSession(const KIVCampConfig& config) {
   licSnEncrypt_.clear();
   generateLicSn2IsvKeyMap(config.licInfo);
   for (const LicenseSNKPIMap& entry : def.lic_sn_kpi_maps()) generateKpi2LicSNMap(entry);
+  kpiLicSns_.Sort();
 
   KPISerializer::Config serializer;
   if (!ConfigureSerializer(def, &serializer)) return -1;
@@ -144,7 +151,7 @@ int kiv_collector::generateLicSn2IsvKeyMap(const std::vector<LicInfo>& list) {
 int kiv_collector::generateKpi2LicSNMap(const LicenseSNKPIMap& entry) {
   licSnEncrypt_.emplace(entry.lic_sn(), entry.encrypt());
   for (const uint32_t kpi : entry.kpi_ids()) {
-    kpiLicSns_.try_emplace(kpiLicSns_.end(), kpi)->second.push_back(entry.lic_sn());
+    kpiLicSns_.Add(kpi, entry.lic_sn());
   }
   return 0;
 }
@@ -247,12 +254,12 @@ KPIFileSerializer* kiv_collector::FilesOf(uint64_t licSN, const char* operation)
 
 std::vector<uint64_t> kiv_collector::OwnersOf(uint32_t kpi) const {
   if (cfg_.hbt) return {SlotOwner()};
-  const auto list = kpiLicSns_.find(kpi);
-  if (list != kpiLicSns_.end() && !list->second.empty()) return list->second;
-  std::vector<uint64_t> all;
-  for (const auto& [licSN, key] : licSnKeys_) all.push_back(licSN);
-  if (all.empty()) all.push_back(0);
-  return all;
+  std::vector<uint64_t> owners;
+  for (const auto& [id, licSN] : kpiLicSns_.Find(kpi)) owners.push_back(licSN);
+  if (!owners.empty()) return owners;
+  for (const auto& [licSN, key] : licSnKeys_) owners.push_back(licSN);
+  if (owners.empty()) owners.push_back(0);
+  return owners;
 }
 
 void kiv_collector::BookKPIs(orb::LossCause open_windows) {

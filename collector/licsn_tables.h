@@ -1,8 +1,10 @@
 // What a campaign says of each LicSN: how its data is sealed, which KPIs feed it.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -14,5 +16,37 @@ struct ISVKeyStruct {
 };
 
 using LicSnKeyTable = std::map<uint64_t, ISVKeyStruct>;
-using KpiLicSnTable = std::map<uint32_t, std::vector<uint64_t>>;
+
+// Which LicSNs the records of a KPI go to. A sorted array in place of a tree of
+// lists: a session's start fills it at once, and nothing changes afterwards.
+class KpiLicSnTable {
+ public:
+  void clear() { entries_.clear(); }
+  void Add(uint32_t kpi, uint64_t licSN) { entries_.push_back({kpi, licSN}); }
+  // To be called once all are added. The LicSNs of a KPI keep their order.
+  void Sort() {
+    if (!std::is_sorted(entries_.begin(), entries_.end(), Before{})) {
+      std::stable_sort(entries_.begin(), entries_.end(), Before{});
+    }
+  }
+
+  struct Entry {
+    uint32_t kpi;
+    uint64_t licSN;
+  };
+  // Empty for a KPI that no LicSN names. Valid until the next change.
+  std::span<const Entry> Find(uint32_t kpi) const {
+    const auto [first, last] =
+        std::equal_range(entries_.begin(), entries_.end(), Entry{kpi, 0}, Before{});
+    return {first, last};
+  }
+
+ private:
+  struct Before {
+    bool operator()(const Entry& a, const Entry& b) const { return a.kpi < b.kpi; }
+  };
+
+  std::vector<Entry> entries_;
+};
+
 using LicSnFlagTable = std::map<uint64_t, bool>;

@@ -103,10 +103,9 @@ void KPIFileSerializer::prepare_file(const kpiDataStruct& item) {
     return;
   }
   if (collector->custom_session_format()) return AddToEveryFile(item);
-  const auto& lists = collector->kpiLicSns();
-  const auto list = lists.find(item.kpiId);
-  if (list == lists.end() || list->second.empty()) return AddToEveryFile(item);
-  for (const uint64_t licSN : list->second) {
+  const auto owners = collector->kpiLicSns().Find(item.kpiId);
+  if (owners.empty()) return AddToEveryFile(item);
+  for (const auto& [kpi, licSN] : owners) {
     if (fileMap.count(licSN) != 0) {
       add_to_file(licSN, item);
     } else {
