@@ -10,9 +10,9 @@
 
 namespace orb::hal {
 
-bool Hal::ConfigureQueue(const Caller& caller, QueueLayout queue) {
+bool Hal::ConfigureQueue(const Caller& caller, const QueueLayout& queue) {
   std::string why;
-  std::shared_ptr<const PayloadQueue> opened = PayloadQueue::Open(std::move(queue), &why);
+  std::shared_ptr<const PayloadQueue> opened = PayloadQueue::Open(queue, &why);
   if (opened == nullptr) {
     LOGE("queue of %s refused: %s", caller.ToString().c_str(), why.c_str());
     return false;

@@ -8,6 +8,8 @@
 #include "services/hal/orbsyshal_service.h"
 #include "utility/log.h"
 
+// What nobody catches ends the program, as it should.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) {
   CLI::App app("Keeps the uploads of telemetry clients as files.", "orb-hald");
   std::string directory;

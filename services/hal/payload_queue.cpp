@@ -42,7 +42,8 @@ bool ReadCounter(const SharedRegion& region, uint64_t* value) {
 
 }  // namespace
 
-std::shared_ptr<const PayloadQueue> PayloadQueue::Open(QueueLayout layout, std::string* why) {
+std::shared_ptr<const PayloadQueue> PayloadQueue::Open(const QueueLayout& layout,
+                                                       std::string* why) {
   if (layout.quantum_bytes != 1 || layout.flags != kSynchronized) {
     *why = "not a synchronized queue of bytes";
     return nullptr;

@@ -32,7 +32,7 @@ class PayloadQueue {
  public:
   // Null, with the reason in *why, unless the descriptor is one of a queue of
   // bytes with one reader and one writer.
-  static std::shared_ptr<const PayloadQueue> Open(QueueLayout layout, std::string* why);
+  static std::shared_ptr<const PayloadQueue> Open(const QueueLayout& layout, std::string* why);
 
   // The next `total` bytes. False when fewer are there, or its memory is gone.
   bool Read(uint32_t total, std::vector<uint8_t>* out) const;

@@ -89,6 +89,7 @@ bool CampaignManager::Register(const KIVClientInfo& info, const sp<IKIVCallback>
   client->token = token;
   client->id = client_id;
   client->type = info.clientType;
+  // NOLINTNEXTLINE(bugprone-signed-char-misuse): a number, not a character.
   client->option = info.clientOption;
   client->since_ms = NowMs();
   client->callback = callback;

@@ -29,6 +29,8 @@ void Publish(orb::services::ServiceHost* host, const char* name,
 
 }  // namespace
 
+// What nobody catches ends the program, as it should.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) {
   CLI::App app("Registers telemetry clients and runs campaigns on them.", "orb-managerd");
   std::string state = DefaultState();

@@ -148,6 +148,8 @@ void AddOthers(CLI::App* app, Arguments* args) {
 
 }  // namespace
 
+// What nobody catches ends the program, as it should.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) {
   __android_log_set_logger(Silent);
   Arguments args;

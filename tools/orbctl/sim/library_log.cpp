@@ -103,8 +103,8 @@ void LibraryLog::Add(const __android_logger_data& data, const std::string& text)
   CountRecord(text);
   if (data.priority < ANDROID_LOG_INFO) return;
   const std::string tag = data.tag != nullptr ? data.tag : "";
-  fprintf(file_.get(), "%12.6f %c %s: %s\n", static_cast<double>(now.count()) / 1e9,
-          Letter(data.priority), tag.c_str(), text.c_str());
+  (void)fprintf(file_.get(), "%12.6f %c %s: %s\n", static_cast<double>(now.count()) / 1e9,
+                Letter(data.priority), tag.c_str(), text.c_str());
   Message& message = messages_[tag + ": " + WithoutNumbers(text)];
   if (message.count++ > 0) return;
   message.priority = data.priority;

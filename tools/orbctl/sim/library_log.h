@@ -45,7 +45,7 @@ class LibraryLog {
 
  private:
   struct CloseFile {
-    void operator()(FILE* file) const { fclose(file); }
+    void operator()(FILE* file) const { (void)fclose(file); }
   };
 
   explicit LibraryLog(FILE* file);

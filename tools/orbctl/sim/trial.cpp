@@ -41,7 +41,7 @@ class Progress {
  public:
   explicit Progress(SimClock::Time total) : total_s_(Seconds(total)) {}
   ~Progress() {
-    if (told_) fprintf(stderr, "\r%*s\r", kWidth, "");
+    if (told_) (void)fprintf(stderr, "\r%*s\r", kWidth, "");
   }
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
@@ -50,7 +50,7 @@ class Progress {
     if (!terminal_ || steady_clock::now() < next_) return;
     next_ = steady_clock::now() + std::chrono::seconds(1);
     told_ = true;
-    fprintf(stderr, "\r%12.1f of %.1f s", Seconds(now), total_s_);
+    (void)fprintf(stderr, "\r%12.1f of %.1f s", Seconds(now), total_s_);
   }
 
  private:
