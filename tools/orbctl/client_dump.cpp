@@ -97,7 +97,7 @@ int DumpClient(const std::string& client, bool json) {
   std::string text = ReadAll(fd.get());
   if (text.empty()) return Fail(client + " says nothing of itself; its library is an older one");
   if (json) text = DumpJson(text) + "\n";
-  fwrite(text.data(), 1, text.size(), stdout);
+  (void)fwrite(text.data(), 1, text.size(), stdout);
   return kOk;
 }
 
