@@ -1,4 +1,4 @@
-// Tested by tests/crypto/round_trip_test.cpp and interop_test.cpp.
+// Tested by tests/crypto/orb_encrypt_test.cpp and interop_test.cpp.
 #include "crypto/key_agreement.h"
 
 #include <openssl/ecdh.h>

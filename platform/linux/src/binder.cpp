@@ -1,5 +1,5 @@
 // What every binder has, and the local side of a call.
-// Tested by tests/platform/binder_test.cpp.
+// Tested by tests/platform/contract_test.cpp.
 #include <binder/Binder.h>
 #include <binder/BpBinder.h>
 #include <binder/IInterface.h>

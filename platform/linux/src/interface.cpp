@@ -1,5 +1,5 @@
 // The untyped part of typed interfaces, and stability marks.
-// Tested by tests/platform/binder_test.cpp.
+// Tested by tests/platform/contract_test.cpp.
 #include <binder/IInterface.h>
 #include <binder/Stability.h>
 

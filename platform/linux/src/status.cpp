@@ -2,7 +2,7 @@
 //         | code:i32 message:String16 trace_bytes:i32=0
 //           [error:i32 when EX_SERVICE_SPECIFIC] [0:i32 when EX_PARCELABLE]
 //         | EX_HAS_REPLY_HEADER:i32 header_bytes:i32 header        means EX_NONE
-// header_bytes counts itself. Tested by tests/platform/status_test.cpp.
+// header_bytes counts itself. Tested by tests/platform/parcel_test.cpp.
 #include <binder/Status.h>
 
 #include <limits>
