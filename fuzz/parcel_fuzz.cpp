@@ -15,6 +15,7 @@ namespace {
 using android::Parcel;
 using android::binder::Status;
 using orb::fuzz::Input;
+using orb::fuzz::ReadParcelable;
 
 class Callback : public BnKIVCallback {
  public:
@@ -42,21 +43,6 @@ class Manager : public BnKIVManager {
     return Status();
   }
 };
-
-// What was read can be sent on, and arrives as it was.
-template <typename T>
-void ReadParcelable(Input* input) {
-  Parcel parcel;
-  orb::fuzz::AppendRaw(input, &parcel);
-  T value;
-  if (value.readFromParcel(&parcel) != android::OK) return;
-  Parcel copy;
-  FUZZ_CHECK(value.writeToParcel(&copy) == android::OK);
-  copy.setDataPosition(0);
-  T again;
-  FUZZ_CHECK(again.readFromParcel(&copy) == android::OK);
-  FUZZ_CHECK(again == value);
-}
 
 template <typename Stub>
 void Request(uint32_t code, Input* input) {

@@ -40,6 +40,24 @@ inline void AppendRaw(Input* input, android::Parcel* parcel) {
   parcel->setDataPosition(0);
 }
 
+// What could be read can be sent on, and arrives as it was.
+template <typename T>
+void ReadParcelable(Input* input) {
+  android::Parcel parcel;
+  AppendRaw(input, &parcel);
+  T value;
+  if (value.readFromParcel(&parcel) != android::OK) return;
+  android::Parcel first;
+  FUZZ_CHECK(value.writeToParcel(&first) == android::OK);
+  first.setDataPosition(0);
+  T arrived;
+  FUZZ_CHECK(arrived.readFromParcel(&first) == android::OK);
+  android::Parcel second;
+  FUZZ_CHECK(arrived.writeToParcel(&second) == android::OK);
+  FUZZ_CHECK(second.dataSize() == first.dataSize());
+  FUZZ_CHECK(memcmp(second.data(), first.data(), first.dataSize()) == 0);
+}
+
 // Answers every call with the input.
 class RawPeer : public android::BBinder {
  public:
