@@ -274,14 +274,14 @@ const std::vector<Scenario>& Scenarios() {
        .torn = true,
        .prepare =
            [](World& world) {
-             world.MountSmall(world.data_dir());
+             world.MountDisk(world.data_dir());
              world.stack().MakeDataDir("data");
            }},
       {.name = "spool-full",
        .does = "the HAL's disk is full",
        .inject = FillSpool,
        .mounts = true,
-       .prepare = [](World& world) { world.MountSmall(world.stack().spool()); }},
+       .prepare = [](World& world) { world.MountDisk(world.stack().spool()); }},
       {.name = "slots-manager-kill",
        .does = "slots; the manager is killed",
        .inject = KillManager,

@@ -2,7 +2,7 @@
 //
 // Runs the scenarios, all of them unless some are named, one after the other,
 // each for so many seconds. Exit 1 when one failed; what it left is copied to
-// soak-SCENARIO in the working directory. Scenarios with a small disk run in a
+// soak-SCENARIO in the working directory. Scenarios with a full disk run in a
 // mount namespace of their own; exit 77 when none could run here.
 #include <algorithm>
 #include <cstdio>

@@ -3,6 +3,9 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,6 +26,7 @@ constexpr seconds kPatience(90);
 constexpr int64_t kNoticeMs = 500;
 constexpr milliseconds kPhaseOne(300);
 constexpr char kClient[] = "load";
+constexpr char kRoom[] = "size=1g";
 constexpr const char* kReports[] = {"Sanitizer", "runtime error:", "terminate called", "Assertion"};
 
 int64_t NowMs() {
@@ -44,7 +48,7 @@ World::World(const Scenario& scenario, uint64_t seed) : scenario_(scenario), ran
 World::~World() {
   client_.Signal(SIGKILL);
   stack_.hal().Signal(SIGKILL);
-  for (const std::string& folder : mounts_) RunCommand({"umount", "-l", folder});
+  for (const std::string& folder : mounts_) umount2(folder.c_str(), MNT_DETACH);
   if (counts_ != nullptr) munmap(counts_, sizeof *counts_);
 }
 
@@ -127,25 +131,26 @@ void World::ExpectProgress() {
   if (!on) DumpStacks(&client_, "client");
 }
 
-void World::MountSmall(const std::string& folder) {
-  RunCommand({"mkdir", "-p", folder});
-  const CommandResult mounted =
-      RunCommand({"mount", "-t", "tmpfs", "-o", "size=512k", "tmpfs", folder});
-  Expect(mounted.exit_code == 0, "mount: " + mounted.err);
-  mounts_.push_back(folder);
+// With room for any run: it must be full only when a scenario wants it to be. The file keeps
+// it from being empty, because a size of 0 means no limit.
+void World::MountDisk(const std::string& folder) {
+  mkdir(folder.c_str(), 0755);
+  const bool mounted = mount("tmpfs", folder.c_str(), "tmpfs", 0, kRoom) == 0;
+  Expect(mounted && WriteFile(folder + "/taken", "x"), "no disk at " + folder);
+  if (mounted) mounts_.push_back(folder);
 }
 
+// Shrinks it to what lies on it, which may become more meanwhile; or gives it room again.
 void World::Fill(const std::string& folder, bool full) {
-  const std::string ballast = folder + "/ballast";
-  if (!full) {
-    unlink(ballast.c_str());
-    return;
-  }
-  const int fd = open(ballast.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  const char page[4096] = {};
-  while (write(fd, page, sizeof page) > 0) {
-  }
-  close(fd);
+  const auto resize = [&](const std::string& size) {
+    return mount("tmpfs", folder.c_str(), "tmpfs", MS_REMOUNT, size.c_str()) == 0;
+  };
+  const auto taken = [&] {
+    struct statvfs disk {};
+    statvfs(folder.c_str(), &disk);
+    return "size=" + std::to_string((disk.f_blocks - disk.f_bfree) * disk.f_frsize);
+  };
+  Expect(full ? WaitFor([&] { return resize(taken()); }) : resize(kRoom), "the disk is fixed");
 }
 
 // The only way out for a client that waits for slots of a HAL that died.

@@ -77,8 +77,8 @@ class World {
   void ExpectProgress();
   bool StopCampaign(std::chrono::milliseconds patience);
   void ReplaceStuckClient();
-  // A small file system in place of a folder.
-  void MountSmall(const std::string& folder);
+  // A file system of its own in place of a folder.
+  void MountDisk(const std::string& folder);
   // Leaves no room on it; with false, gives the room back.
   void Fill(const std::string& folder, bool full);
 
