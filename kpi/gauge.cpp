@@ -1,4 +1,4 @@
-// Tested by tests/kpi/gauge_test.cpp and gauge_window_test.cpp.
+// Tested by tests/kpi/gauge_test.cpp.
 #include "kpi/gauge.h"
 
 #include <algorithm>

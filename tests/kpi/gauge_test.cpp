@@ -1,34 +1,71 @@
-// The statistics of one window.
+// The statistics of one window; the gauge's own window, its seed, and how it
+// meets the base window.
 #include "kpi/gauge.h"
 
 #include <android/log.h>
-#include <gtest/gtest.h>
 
-#include <cmath>
-#include <limits>
+#include <algorithm>
+#include <vector>
 
-#include "tests/kpi/gauge_test_support.h"
+#include "tests/kpi/kpi_test_support.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/log_capture.h"
 
 namespace orb::test {
 namespace {
 
-constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
-constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
+constexpr int64_t kMax64 = std::numeric_limits<int64_t>::max();
+constexpr int64_t kMin64 = std::numeric_limits<int64_t>::min();
+constexpr uint32_t kMaxU32 = std::numeric_limits<uint32_t>::max();
+
+struct TimedValue {
+  long long ts;  // Wall-clock seconds.
+  int value;
+};
+
+class GaugeProbe : public Gauge {
+ public:
+  GaugeProbe(const KPICfg& cfg, FakeSerializer* serializer) : Gauge(cfg, serializer) {
+    setKPIId(kRoutingId);
+  }
+  void Feed(const std::vector<TimedValue>& samples) {
+    for (const TimedValue& sample : samples) NewTimedSample(sample.ts, sample.value);
+  }
+  using Gauge::N;
+  using Gauge::numSamples;
+  using Gauge::refTs;
+  using Gauge::sampleSpan;
+  using Gauge::sumX;
+  using Gauge::sumXX;
+  using Gauge::sumXY;
+  using Gauge::sumY;
+  using Gauge::sumYY;
+  using Gauge::tsArray;
+  using Gauge::tsCount;
+  using Gauge::tsIndex;
+};
+
+KPICfg GaugeCfg() {
+  KPICfg cfg = NumericCfg(GAUGE);
+  cfg.mutable_g_cfg()->set_report_min(true);
+  cfg.mutable_g_cfg()->set_report_max(true);
+  cfg.mutable_g_cfg()->set_report_mean(true);
+  cfg.mutable_g_cfg()->set_report_stdev(true);
+  cfg.mutable_g_cfg()->set_report_variance(true);
+  cfg.mutable_g_cfg()->set_report_slope(true);
+  return cfg;
+}
 
 class GaugeTest : public testing::Test {
  protected:
-  // A window too wide to close by itself.
-  GaugeProbe Make(const GaugeConfig& selected) {
-    return GaugeProbe(WithSampleWindow(GaugeCfg(selected), 1000), &serializer_);
+  GaugeProbe SampleBased(uint32_t samples) {
+    return GaugeProbe(WithSampleWindow(GaugeCfg(), samples), &serializer_);
   }
-  orbtr::Gauge Summarise(const std::vector<TimedValue>& samples) {
-    GaugeProbe gauge = Make(AllStatistics());
-    Feed(&gauge, samples);
-    EXPECT_EQ(gauge.Serialize(), 0);
-    return LastGauge(serializer_);
+  GaugeProbe TimeBased(uint32_t limit) {
+    return GaugeProbe(WithTimeWindow(GaugeCfg(), limit), &serializer_);
   }
+  size_t RecordCount() { return serializer_.records().size(); }
+  std::string LastStatistics() { return Text(serializer_.records().back().data.gauges(0)); }
 
   LogCapture log_;
   FakeClock clock_;
@@ -37,168 +74,111 @@ class GaugeTest : public testing::Test {
 
 // Worked by hand, with the divisions of sums that truncate.
 TEST_F(GaugeTest, SummarisesAWindow) {
-  struct Case {
+  const struct {
     const char* name;
     std::vector<TimedValue> samples;
-    int32_t min, max;
-    float mean, variance, slope, offset;
-  };
-  const Case kCases[] = {
-      {"a line", {{100, 10}, {101, 20}, {102, 30}}, 10, 30, 20, 100, 10, 0},
+    const char* want;
+  } cases[] = {
+      {"a line",
+       {{100, 10}, {101, 20}, {102, 30}},
+       " min 10 max 30 mean 20 stdev 10 variance 100 slope 10 offset 0"},
       // Variance 5 - 9/2 -> 5 - 4; slope -0.5 / (9/2 - 5) -> -0.5 / -1.
-      {"two values", {{100, 1}, {101, 2}}, 1, 2, 1, 1, 0.5f, 0.75f},
+      {"two values",
+       {{100, 1}, {101, 2}},
+       " min 1 max 2 mean 1 stdev 1 variance 1 slope 0.5 offset 0.75"},
+      // sumX 55, sumY 29, sumXY 164, sumXX 385: -4.5 / -83 (3025/10 -> 302).
       {"mean of 2.9",
        {{1, 2}, {2, 3}, {3, 3}, {4, 3}, {5, 3}, {6, 3}, {7, 3}, {8, 3}, {9, 3}, {10, 3}},
-       // sumX 55, sumY 29, sumXY 164, sumXX 385: -4.5 / -83 (3025/10 -> 302).
-       2,
-       3,
-       2,
-       0,
-       0.05421687f,
-       2.6018072f},
+       " min 2 max 3 mean 2 stdev 0 variance 0 slope 0.0542169 offset 2.60181"},
       // Variance 61 - 121/2 -> 61 - 60; the mean -5.5 truncates toward zero.
-      {"negative", {{0, -5}, {1, -6}}, -6, -5, -5, 1, -0.5f, -4.75f},
-      {"before the epoch", {{-10, 4}, {-9, 4}, {-8, 4}}, 4, 4, 4, 0, 0, 4},
-      {"zeros", {{100, 0}, {101, 0}}, 0, 0, 0, 0, 0, 0},
+      {"negative",
+       {{0, -5}, {1, -6}},
+       " min -6 max -5 mean -5 stdev 1 variance 1 slope -0.5 offset -4.75"},
+      {"before the epoch",
+       {{-10, 4}, {-9, 4}, {-8, 4}},
+       " min 4 max 4 mean 4 stdev 0 variance 0 slope -0 offset 4"},
       {"extremes",
        {{100, kMin}, {101, kMax}},
-       kMin,
-       kMax,
-       0,
-       9223372032559808513.0f,
-       2147483648.0f,
-       -2147483648.0f * 1.5f},
+       " min -2147483648 max 2147483647 mean 0 stdev 3.037e+09 variance 9.22337e+18"
+       " slope 2.14748e+09 offset -3.22123e+09"},
+      {"equal times have no slope",
+       {{100, 10}, {100, 30}},
+       " min 10 max 30 mean 20 stdev 14.1421 variance 200 slope nan offset nan"},
   };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.name);
-    const orbtr::Gauge got = Summarise(c.samples);
-    EXPECT_EQ(got.min(), c.min);
-    EXPECT_EQ(got.max(), c.max);
-    EXPECT_EQ(got.mean(), c.mean);
-    EXPECT_EQ(got.variance(), c.variance);
-    EXPECT_EQ(got.stdev(), static_cast<float>(std::sqrt(static_cast<double>(c.variance))));
-    EXPECT_FLOAT_EQ(got.slope(), c.slope);
-    EXPECT_FLOAT_EQ(got.offset(), c.offset);
+  for (const auto& c : cases) {
+    GaugeProbe gauge = SampleBased(1000);
+    gauge.Feed(c.samples);
+    EXPECT_EQ(gauge.Serialize(), 0);
+    EXPECT_EQ(LastStatistics(), c.want) << c.name;
   }
-}
-
-TEST_F(GaugeTest, EqualTimesHaveNoSlope) {
-  const orbtr::Gauge got = Summarise({{100, 10}, {100, 30}});
-  EXPECT_TRUE(std::isnan(got.slope()));
-  EXPECT_TRUE(std::isnan(got.offset()));
-  EXPECT_EQ(got.mean(), 20);
 }
 
 TEST_F(GaugeTest, WritesOnlySelectedStatistics) {
-  struct Case {
-    const char* name;
+  const struct {
     void (GaugeConfig::*select)(bool);
-    const char* want;  // Set fields: min, maX, mEan, Stdev, Variance, sLope, Offset.
+    const char* want;
+  } cases[] = {
+      {&GaugeConfig::set_report_min, " min 0"},
+      {&GaugeConfig::set_report_max, " max 2"},
+      {&GaugeConfig::set_report_mean, " mean 1"},
+      {&GaugeConfig::set_report_stdev, " stdev 1.41421"},
+      {&GaugeConfig::set_report_variance, " variance 2"},
+      {&GaugeConfig::set_gauge_flag_6, ""},
+      {&GaugeConfig::set_report_slope, " slope 1 offset -0.5"},
+      {&GaugeConfig::set_report_offset, " slope 1 offset -0.5"},
   };
-  const Case kCases[] = {
-      {"min", &GaugeConfig::set_report_min, "m"},
-      {"max", &GaugeConfig::set_report_max, "X"},
-      {"mean", &GaugeConfig::set_report_mean, "E"},
-      {"stdev", &GaugeConfig::set_report_stdev, "S"},
-      {"variance", &GaugeConfig::set_report_variance, "V"},
-      {"ignored", &GaugeConfig::set_gauge_flag_6, ""},
-      {"slope", &GaugeConfig::set_report_slope, "LO"},
-      {"offset", &GaugeConfig::set_report_offset, "LO"},
-  };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.name);
-    GaugeConfig selected;
-    (selected.*c.select)(true);
-    GaugeProbe gauge = Make(selected);
-    Feed(&gauge, {{100, 1}, {101, 2}});
+  for (const auto& c : cases) {
+    KPICfg cfg = WithSampleWindow(NumericCfg(GAUGE), 1000);
+    (cfg.mutable_g_cfg()->*c.select)(true);
+    GaugeProbe gauge(cfg, &serializer_);
+    gauge.Feed({{100, 0}, {101, 2}});
     gauge.Serialize();
-    const orbtr::Gauge got = LastGauge(serializer_);
-    std::string set;
-    if (got.has_min()) set += "m";
-    if (got.has_max()) set += "X";
-    if (got.has_mean()) set += "E";
-    if (got.has_stdev()) set += "S";
-    if (got.has_variance()) set += "V";
-    if (got.has_slope()) set += "L";
-    if (got.has_offset()) set += "O";
-    EXPECT_EQ(set, c.want);
+    EXPECT_EQ(LastStatistics(), c.want);
   }
 }
 
-TEST_F(GaugeTest, RecordBytes) {
-  GaugeConfig selected;
-  selected.set_report_min(true);
-  selected.set_report_max(true);
-  selected.set_report_mean(true);
-  GaugeProbe gauge = Make(selected);
-  Feed(&gauge, {{100, -1}, {101, 0}, {102, -5}});
-  EXPECT_EQ(gauge.Serialize(), 0);
-  const auto record = serializer_.records().at(0);
-  EXPECT_EQ(record.kpi_id, kRoutingId);
-  // gauges { meta { kpi_id 7 } min -5, in ten bytes, max 0, written although zero, mean -2 }
-  const std::string want(
-      "\x1a\x16\x0a\x02\x08\x07"
-      "\x10\xfb\xff\xff\xff\xff\xff\xff\xff\xff\x01"
-      "\x18\x00"
-      "\x25\x00\x00\x00\xc0",
-      24);
-  EXPECT_EQ(record.bytes, want);
-  // Head words and order are fixed: the first two numbers are N and the window's count.
-  EXPECT_TRUE(log_.Has(ANDROID_LOG_DEBUG, "orb_sdk",
-                       "Gauge::Serialize(), numSamples=3, N=1000 tsStart=0, tsEnd=0"))
-      << log_.Dump();
-  EXPECT_TRUE(log_.Has(ANDROID_LOG_DEBUG, "orb_sdk",
-                       "Gauze: Min -5 Max 0 Samples 3 Avg -2.000000 Stdev 0.000000 b0 0.000000 "
-                       "b1 0.000000"))
-      << log_.Dump();
-}
-
 TEST_F(GaugeTest, FewerThanTwoSamplesWriteNothing) {
-  GaugeProbe gauge = Make(AllStatistics());
+  GaugeProbe gauge = SampleBased(1000);
+  gauge.Feed({{100, -5}});
   EXPECT_EQ(gauge.Serialize(), 0);
-  Feed(&gauge, {{100, 5}});
+  EXPECT_EQ(Text(serializer_), "");
+  gauge.Feed({{101, -1}});
   EXPECT_EQ(gauge.Serialize(), 0);
-  EXPECT_TRUE(serializer_.records().empty());
-  Feed(&gauge, {{101, 5}});
-  serializer_.FailCall(1, -8);
-  EXPECT_EQ(gauge.Serialize(), -8);
+  // Head words and order are fixed: the first two numbers are N and the window's count.
+  EXPECT_EQ(log_.Dump(),
+            "3 orb_sdk: Gauge::Serialize(), numSamples=1, N=1000 tsStart=0, tsEnd=0\n"
+            "3 orb_sdk: Gauge::Serialize(), numSamples=2, N=1000 tsStart=0, tsEnd=0\n"
+            "3 orb_sdk: Gauze: Min -5 Max -1 Samples 2 Avg -3.000000 Stdev 2.828427 "
+            "b0 -6.000000 b1 2.000000\n");
 }
 
 // A sum that no longer fits ends the process instead of lying.
 TEST_F(GaugeTest, OverflowAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  constexpr int64_t kMax64 = std::numeric_limits<int64_t>::max();
-  constexpr int64_t kMin64 = std::numeric_limits<int64_t>::min();
-  constexpr uint32_t kMaxU32 = std::numeric_limits<uint32_t>::max();
-  struct Case {
+  const struct {
     const char* name;
-    bool time_based;
     void (*spoil)(GaugeProbe*);
-    TimedValue sample;
+    TimedValue sample = {101, 5};
+  } cases[] = {
+      {"sumX", [](GaugeProbe* g) { g->sumX = kMax64; }},
+      {"sumY", [](GaugeProbe* g) { g->sumY = kMax64; }},
+      {"sumY, negative", [](GaugeProbe* g) { g->sumY = kMin64; }, {101, -5}},
+      {"sumXY", [](GaugeProbe* g) { g->sumXY = kMax64; }},
+      {"sumXX", [](GaugeProbe* g) { g->sumXX = kMax64; }},
+      {"sumYY", [](GaugeProbe* g) { g->sumYY = kMax64; }},
+      {"N", [](GaugeProbe* g) { g->N = kMax; }},
+      {"sampleSpan", [](GaugeProbe* g) { g->sampleSpan = kMax; }},
+      {"tsCount", [](GaugeProbe* g) { g->tsCount = kMaxU32; }},
+      {"tsIndex", [](GaugeProbe* g) { g->tsIndex = kMaxU32; }},
+      {"ts - refTs", [](GaugeProbe* g) { g->refTs = -2; }, {kMax64, 5}},
+      {"ts - 1", [](GaugeProbe* g) { g->ResetAggregates(); }, {kMin64, 5}},
   };
-  const Case kCases[] = {
-      {"sumX", false, [](GaugeProbe* g) { g->sumX = kMax64; }, {101, 5}},
-      {"sumY", false, [](GaugeProbe* g) { g->sumY = kMax64; }, {101, 5}},
-      {"sumY, negative", false, [](GaugeProbe* g) { g->sumY = kMin64; }, {101, -5}},
-      {"sumXY", false, [](GaugeProbe* g) { g->sumXY = kMax64; }, {101, 5}},
-      {"sumXY, negative", false, [](GaugeProbe* g) { g->sumXY = kMin64; }, {101, -5}},
-      {"sumXX", false, [](GaugeProbe* g) { g->sumXX = kMax64; }, {101, 5}},
-      {"sumYY", false, [](GaugeProbe* g) { g->sumYY = kMax64; }, {101, 5}},
-      {"N", false, [](GaugeProbe* g) { g->N = kMax; }, {101, 5}},
-      {"sampleSpan", true, [](GaugeProbe* g) { g->sampleSpan = kMax; }, {101, 5}},
-      {"tsCount", false, [](GaugeProbe* g) { g->tsCount = kMaxU32; }, {101, 5}},
-      {"tsIndex", false, [](GaugeProbe* g) { g->tsIndex = kMaxU32; }, {101, 5}},
-      {"ts - refTs", false, [](GaugeProbe* g) { g->refTs = -2; }, {kMax64, 5}},
-      {"ts - 1", false, [](GaugeProbe* g) { g->ResetAggregates(); }, {kMin64, 5}},
-  };
-  for (const Case& c : kCases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    const KPICfg cfg = GaugeCfg(AllStatistics());
-    GaugeProbe gauge(c.time_based ? WithTimeWindow(cfg, 1000) : WithSampleWindow(cfg, 1000),
-                     &serializer_);
-    Feed(&gauge, {{100, 1}});  // The first sample clears the sums; the second adds.
+    GaugeProbe gauge = TimeBased(1000);
+    gauge.Feed({{100, 1}});  // The first sample clears the sums; the second adds.
     c.spoil(&gauge);
-    EXPECT_ABORT(gauge.NewTimedSample(c.sample.ts, c.sample.value));
+    EXPECT_ABORT(gauge.Feed({c.sample}));
   }
   // While the statistics are computed.
   void (*const kSpoils[])(GaugeProbe*) = {
@@ -209,11 +189,113 @@ TEST_F(GaugeTest, OverflowAborts) {
       [](GaugeProbe* g) { g->sumYY = kMin64; },
   };
   for (const auto spoil : kSpoils) {
-    GaugeProbe gauge = Make(AllStatistics());
-    Feed(&gauge, {{100, 1}, {101, 3}});
+    GaugeProbe gauge = SampleBased(1000);
+    gauge.Feed({{100, 1}, {101, 3}});
     spoil(&gauge);
     EXPECT_ABORT(gauge.Serialize());
   }
+}
+
+using GaugeWindowTest = GaugeTest;
+
+TEST_F(GaugeWindowTest, ClosesOneSampleBeyondTheCountAndSeedsTheNext) {
+  GaugeProbe gauge = SampleBased(3);
+  gauge.Feed({{100, 10}, {101, 20}, {102, 30}});
+  EXPECT_EQ(RecordCount(), 0u);
+  testing::internal::CaptureStdout();
+  gauge.Feed({{103, 40}});
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            " Index: 0  of 4 SlopeBased 0 Min 10 Max 40 Avg 25\n"
+            " Index: 1  of 4 SlopeBased 10 Min 10 Max 40 Avg 25\n"
+            " Index: 2  of 4 SlopeBased 20 Min 10 Max 40 Avg 25\n");
+  EXPECT_EQ(gauge.tsIndex, 0u);
+  // The closing sample counts again, at offset 0.
+  gauge.Feed({{104, 50}, {105, 60}, {106, 70}});
+  EXPECT_EQ(Text(serializer_),
+            "900: 7 0..0 x0 min 10 max 40 mean 25 stdev 12.8841 variance 166 slope 10 offset 0\n"
+            "900: 7 0..0 x0 min 40 max 70 mean 55 stdev 12.8841 variance 166 slope 10 offset 40\n");
+}
+
+TEST_F(GaugeWindowTest, TimeLimitIsComparedWithSeconds) {
+  GaugeProbe gauge = TimeBased(2);
+  gauge.Feed({{100, 1}, {101, 2}, {101, 3}});
+  EXPECT_EQ(RecordCount(), 0u);
+  gauge.Feed({{102, 4}});
+  EXPECT_EQ(RecordCount(), 1u);
+  // The seed lies at offset 0, so the next window is a second longer.
+  gauge.Feed({{103, 5}, {104, 6}});
+  EXPECT_EQ(RecordCount(), 1u);
+  gauge.Feed({{105, 7}});
+  EXPECT_EQ(RecordCount(), 2u);
+  // The running count becomes the window's own at every closure and record.
+  EXPECT_EQ(gauge.sampleSpan, 4);
+  gauge.Feed({{105, 8}});
+  EXPECT_EQ(gauge.sampleSpan, 1);
+  gauge.Feed({{106, 9}, {107, 9}});
+  gauge.sampleSpan = 77;
+  gauge.Serialize();
+  EXPECT_EQ(gauge.sampleSpan, 3);
+}
+
+// Samples, and how many records and how many samples remain after the last.
+TEST_F(GaugeWindowTest, AClockThatDoesNotAdvanceClosesTheWindow) {
+  const struct {
+    const char* name;
+    std::vector<TimedValue> samples;
+    size_t want_records;
+    int32_t want_n;
+    long long want_ref;
+  } cases[] = {
+      {"second of a fresh window's first", {{100, 1}, {100, 2}}, 0, 2, 99},
+      {"step back", {{100, 1}, {101, 2}, {90, 3}}, 1, 1, 90},
+      {"back to the reference second", {{100, 1}, {101, 2}, {99, 3}}, 1, 1, 99},
+      {"just inside the jump limit", {{100, 1}, {101, 2}, {86'400'098, 3}}, 0, 3, 99},
+      {"jump", {{100, 1}, {101, 2}, {86'400'099, 3}}, 1, 1, 86'400'099},
+      {"back after one sample", {{100, 1}, {50, 2}}, 0, 1, 50},
+      {"second of the seed", {{100, 1}, {101, 2}, {90, 3}, {90, 4}}, 1, 1, 90},
+  };
+  for (const auto& c : cases) {
+    for (const bool time_based : {false, true}) {
+      SCOPED_TRACE(testing::Message() << c.name << (time_based ? ", by time" : ", by count"));
+      const size_t records_before = RecordCount();
+      GaugeProbe gauge = time_based ? TimeBased(1'000'000'000) : SampleBased(1000);
+      gauge.Feed(c.samples);
+      EXPECT_EQ(RecordCount() - records_before, c.want_records);
+      EXPECT_EQ(gauge.N, c.want_n);
+      EXPECT_EQ(gauge.refTs, c.want_ref);
+    }
+  }
+}
+
+// Metadata counts the base window's samples, the statistics the gauge's.
+TEST_F(GaugeWindowTest, GaugeWindowClosesInsideALongerBaseWindow) {
+  GaugeProbe gauge = TimeBased(2);  // 2 ms for the base window, 2 s for the gauge's.
+  for (int i = 0; i < 4; ++i) {
+    gauge.AddSample(5);
+    clock_.AdvanceWall(1);  // The monotonic clock stands: the base window stays open.
+  }
+  ASSERT_EQ(RecordCount(), 1u);
+  EXPECT_EQ(Text(serializer_).substr(0, 18), "900: 7 12..12 x2 m")
+      << "the third is not counted yet";
+  EXPECT_EQ(gauge.numSamples, 4u);
+  EXPECT_EQ(gauge.N, 2);
+}
+
+TEST_F(GaugeWindowTest, TimestampsStayWithinTheirCapacity) {
+  GaugeProbe day = TimeBased(86'400'000);
+  GaugeProbe small = TimeBased(2);
+  GaugeProbe huge = SampleBased(kMaxU32);
+  for (int i = 0; i < 10; ++i) {
+    for (GaugeProbe* gauge : {&day, &small}) gauge->Feed({{100, i}});
+  }
+  huge.Feed({{100, 1}});
+  EXPECT_EQ(day.tsArray.size(), 1u);  // All in one second.
+  EXPECT_EQ(small.tsCount, 10u);
+  EXPECT_EQ(huge.tsArray.size(), 0u);
+  testing::internal::CaptureStdout();
+  small.Print();
+  const std::string printed = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 9);
 }
 
 }  // namespace
