@@ -1,5 +1,4 @@
-// Tested by tests/collector/clock_test.cpp and
-// tests/serializer/telemetry_header_test.cpp.
+// Tested by tests/serializer/telemetry_header_test.cpp.
 #include "collector/clock.h"
 
 #include <ctime>

@@ -1,5 +1,5 @@
 // The C functions: each checks its pointers and forwards to the collector.
-// Tested by tests/collector/c_api_test.c and api_test.cpp.
+// Tested by tests/collector/c_api_test.c and lifecycle_test.cpp.
 #include "collector/kiv_collector.h"
 #include "utility/log.h"
 

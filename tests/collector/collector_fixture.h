@@ -16,6 +16,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/fake_aidl_client.h"
 #include "tests/support/log_capture.h"
+#include "utility/byte_order.h"
 
 namespace orb::test {
 
@@ -51,9 +52,13 @@ class CollectorFixture : public testing::Test {
     collector_.reset();
   }
 
-  bool Logged(int priority, const std::string& text) const {
-    return log_.Has(priority, "orb_sdk", text);
+  // Exactly this line was logged.
+  void ExpectLog(int priority, const std::string& text) const {
+    EXPECT_TRUE(log_.Has(priority, "orb_sdk", text)) << text << "\nis not in\n" << log_.Dump();
   }
+  void ExpectError(const std::string& text) const { ExpectLog(ANDROID_LOG_ERROR, text); }
+  void ExpectInfo(const std::string& text) const { ExpectLog(ANDROID_LOG_INFO, text); }
+  void ExpectDebug(const std::string& text) const { ExpectLog(ANDROID_LOG_DEBUG, text); }
 
   TempDir dir_;
   const std::string data_dir_;
@@ -71,6 +76,22 @@ inline KPICfg MakeKpi(uint32_t id, KPIType type, KPISubType sub_type = INVALID) 
   if (type == KPI_BLOB) cfg.mutable_b_cfg()->set_single_sample_size_threshold_bytes(100);
   cfg.set_sample_window(1000);
   return cfg;
+}
+
+// A header's numbers, but for its times.
+inline std::string HeaderText(const std::vector<uint8_t>& header) {
+  EXPECT_EQ(header.size(), 66u);
+  const auto word = [&](size_t at) { return std::to_string(LoadBigEndian<uint32_t>(&header[at])); };
+  const auto wide = [&](size_t at) { return std::to_string(LoadBigEndian<uint64_t>(&header[at])); };
+  const auto byte = [&](size_t at) { return std::to_string(header[at]); };
+  return word(0) + " " + word(4) + " client " + word(8) + " kind " + byte(12) + " version " +
+         word(13) + " length " + word(25) + " " + byte(29) + " compressed " + byte(30) +
+         " campaign " + wide(41) + " number " + word(49) + " owner " + wide(53) + " sealed " +
+         byte(61) + " footer at " + word(62);
+}
+
+inline const uint8_t* Bytes(const std::string& text) {
+  return reinterpret_cast<const uint8_t*>(text.data());
 }
 
 // Thresholds that are always accepted, and the KPIs.

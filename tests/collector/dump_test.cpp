@@ -1,6 +1,4 @@
 // The books: every sample is somewhere, and a lost one is lost for a reason.
-#include <signal.h>
-
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -56,14 +54,16 @@ class DumpTest : public CollectorFixture {
   void LogCounter(int samples, uint32_t kpi = kCounter) {
     for (int i = 0; i < samples; ++i) EXPECT_EQ(collector_->Log(kpi, 1u), 0);
   }
+  // And they are in their files, if they have any.
+  void LogAndWrite(int samples) {
+    LogCounter(samples);
+    ASSERT_TRUE(WaitFor([&] { return Dump().Number("queue", "depth") == 0; }));
+  }
   int LogBlob(size_t bytes) {
     const std::vector<uint8_t> blob(bytes, 'x');
     return collector_->Log(kBlob, blob.data(), static_cast<uint32_t>(bytes));
   }
   DumpLines Dump() { return DumpLines(collector_->Dump()); }
-  bool WaitForWriter() {
-    return WaitFor([&] { return Dump().Number("queue", "depth") == 0; });
-  }
   // Whatever happened, nothing has vanished.
   void ExpectBalance(const DumpLines& dump) {
     for (const std::string& owner : dump.Owners()) {
@@ -77,7 +77,7 @@ class DumpTest : public CollectorFixture {
 // What a case leaves in the books once the session is over.
 struct LossCase {
   const char* name;
-  std::function<void(DumpTest*)> run;  // From registration to the end of the session.
+  std::function<void()> run;  // From registration to the end of the session.
   const char* key;
   uint64_t samples;
   uint64_t sent = 0;  // Of owner 42.
@@ -92,7 +92,7 @@ class LossTest : public DumpTest {
       client_ = std::make_shared<FakeAidlClient>();
       std::filesystem::remove_all(data_dir_);
       std::filesystem::create_directory(data_dir_);
-      c.run(this);
+      c.run();
       collector_->StopSession();
       const DumpLines dump = Dump();
       EXPECT_EQ(dump.Number(c.key, "samples"), c.samples) << collector_->Dump();
@@ -104,12 +104,20 @@ class LossTest : public DumpTest {
 
 TEST_F(LossTest, OfFilesAreCountedByCause) {
   const auto with = [this](std::function<void()> body) {
-    return [this, body](DumpTest*) {
+    return [this, body] {
       StartFiles();
       body();
     };
   };
-  const kiv_blob_segment_t segment{reinterpret_cast<const uint8_t*>("abc"), 3};
+  const auto four_for = [this](std::vector<uint64_t> owners, std::vector<LicInfo> keys,
+                               bool encrypt = false) {
+    return [=, this] {
+      MakeRegistered();
+      ASSERT_EQ(Start(owners, keys, encrypt), 0);
+      LogCounter(4);
+    };
+  };
+  const kiv_blob_segment_t segment{Bytes("abc"), 3};
   Check({
       {"nothing lost", with([&] { LogCounter(5); }), "owner.42.lost", 0, 5},
       {"blob too long", with([&] { EXPECT_EQ(LogBlob(200), -1); }), "owner.42.lost.oversize", 1},
@@ -121,54 +129,29 @@ TEST_F(LossTest, OfFilesAreCountedByCause) {
        "owner.42.lost.no_record", 1},
       {"HAL refuses one of two", with([&] {
          client_->Fail("sendData", 1, 1);
-         LogCounter(3);
-         ASSERT_TRUE(WaitForWriter());
+         LogAndWrite(3);
          collector_->Flush();
        }),
        "owner.42.lost.hal", 2, 1},
       {"owner stopped", with([&] {
-         LogCounter(3);
-         ASSERT_TRUE(WaitForWriter());
+         LogAndWrite(3);
          collector_->StopSessionForLicSN(42);
          LogCounter(1, kUnlisted);
        }),
        "owner.42.lost.stopped", 2, 2},
       {"file removed under it", with([&] {
-         LogCounter(3);
-         ASSERT_TRUE(WaitForWriter());
+         LogAndWrite(3);
          std::filesystem::remove(data_dir_ + "/radio-42.tmp");
        }),
        "owner.42.lost.unreadable", 3},
-      {"an owner without a file",
-       [this](DumpTest*) {
-         MakeRegistered();
-         ASSERT_EQ(Start({42, 77}, {MakeLicInfo(42)}), 0);
-         LogCounter(4);
-       },
-       "owner.77.lost.no_file", 4, 4},
-      {"no owner at all",
-       [this](DumpTest*) {
-         MakeRegistered();
-         ASSERT_EQ(Start({}, {}), 0);
-         LogCounter(4);
-       },
-       "owner.0.lost.no_owner", 4},
-      {"no key",
-       [this](DumpTest*) {
-         MakeRegistered();
-         ASSERT_EQ(Start({42}, {MakeLicInfo(42)}, true), 0);
-         LogCounter(4);
-       },
-       "owner.42.lost.no_key", 4},
-      {"an unusable key",
-       [this](DumpTest*) {
-         MakeRegistered();
-         ASSERT_EQ(Start({42}, {MakeLicInfo(42, "no PEM", 1, 2)}, true), 0);
-         LogCounter(4);
-       },
+      {"an owner without a file", four_for({42, 77}, {MakeLicInfo(42)}), "owner.77.lost.no_file", 4,
+       4},
+      {"no owner at all", four_for({}, {}), "owner.0.lost.no_owner", 4},
+      {"no key", four_for({42}, {MakeLicInfo(42)}, true), "owner.42.lost.no_key", 4},
+      {"an unusable key", four_for({42}, {MakeLicInfo(42, "no PEM", 1, 2)}, true),
        "owner.42.lost.encrypt", 4},
       {"a start that was refused",
-       [this](DumpTest*) {
+       [&] {
          MakeRegistered();
          refuse_start = true;
          EXPECT_EQ(Start({42}, {MakeLicInfo(42)}), -5);
@@ -183,21 +166,18 @@ TEST_F(LossTest, OfFilesAreCountedByCause) {
 // A record in part, and what comes behind it until the file is sent.
 TEST_F(DumpTest, AFullDiskLosesWhatNoReaderFinds) {
   StartFiles();
-  LogCounter(3);
-  ASSERT_TRUE(WaitForWriter());
+  LogAndWrite(3);
   {
     const FileSizeLimit full(kPrefixBytes + kRecordBytes + 8);
-    LogCounter(2);
-    ASSERT_TRUE(WaitForWriter());
+    LogAndWrite(2);
   }
-  LogCounter(2);
-  ASSERT_TRUE(WaitForWriter());
+  LogAndWrite(2);
   DumpLines dump = Dump();
   EXPECT_EQ(dump.Number("owner.42.lost.short_write", "samples"), 2u);
   EXPECT_EQ(dump.Number("owner.42.lost.torn", "samples"), 2u);
   EXPECT_EQ(dump.Number("owner.42.open", "samples"), 2u);
   collector_->Flush();
-  ASSERT_TRUE(WaitForWriter());
+  LogAndWrite(0);
   EXPECT_EQ(collector_->StopSession(), 0);
   dump = Dump();
   EXPECT_EQ(dump.Number("owner.42.sent", "samples"), 3u) << "the new file is whole again";
@@ -220,92 +200,87 @@ TEST_F(DumpTest, FilesOfAnEarlierProcessAreNobodysSamples) {
 }
 
 TEST_F(LossTest, OfSlotsAreCountedByCause) {
-  const auto start = [this](uint32_t slots, int completions_inside = 1) {
-    UseSlots(slots, 64, completions_inside);
-    MakeRegistered();
-    hal_->Serve(collector_.get());
-    return Start({42}, {MakeLicInfo(42)});
+  const auto with = [this](uint32_t slots, int completions_inside, std::function<void()> body) {
+    return [=, this] {
+      UseSlots(slots, 64, completions_inside);
+      MakeRegistered();
+      hal_->Serve(collector_.get());
+      EXPECT_EQ(Start({42}, {MakeLicInfo(42)}), refuse_start ? -5 : 0);
+      body();
+    };
   };
   const kiv_blob_segment_t without_bytes{nullptr, 3};
   Check({
-      {"nothing lost",
-       [&](DumpTest*) {
-         ASSERT_EQ(start(4), 0);
-         LogCounter(40);
-       },
-       "owner.42.lost", 0, 40},
+      {"nothing lost", with(4, 1, [&] { LogCounter(40); }), "owner.42.lost", 0, 40},
       {"the HAL refuses a slot",
-       [&](DumpTest*) {
-         ASSERT_EQ(start(4), 0);
-         client_->Fail("FdWrite", 1, 1);
-         LogCounter(3);
-         collector_->Flush();
-       },
+       with(4, 1,
+            [&] {
+              client_->Fail("FdWrite", 1, 1);
+              LogCounter(3);
+              collector_->Flush();
+            }),
        "owner.42.lost.slot_refused", 2, 1},
       {"all slots with the HAL",
-       [&](DumpTest*) {
-         ASSERT_EQ(start(1, 0), 0);
-         LogCounter(3);
-         collector_->Flush();
-         EXPECT_EQ(Dump().Number("owner.42.under_way", "samples"), 2u);
-         EXPECT_EQ(Dump().Number("queue", "depth"), 1u);
-         LogCounter(4);
-         hal_->Complete(0);
-         EXPECT_EQ(Dump().Number("queue", "depth_max"), 1u);
-         // The end of the session fills the slot again and waits for it.
-         std::future<int> stopped =
-             std::async(std::launch::async, [this] { return collector_->StopSession(); });
-         ASSERT_TRUE(WaitFor([&] { return hal_->Slots().size() == 2; }));
-         hal_->Complete(1);
-         EXPECT_EQ(stopped.get(), 0);
-       },
+       with(1, 0,
+            [&] {
+              LogCounter(3);
+              collector_->Flush();
+              EXPECT_EQ(Dump().Number("owner.42.under_way", "samples"), 2u);
+              EXPECT_EQ(Dump().Number("queue", "depth"), 1u);
+              LogCounter(4);
+              hal_->Complete(0);
+              EXPECT_EQ(Dump().Number("queue", "depth_max"), 1u);
+              // The end of the session fills the slot again and waits.
+              auto stopped =
+                  std::async(std::launch::async, [this] { return collector_->StopSession(); });
+              ASSERT_TRUE(WaitFor([&] { return hal_->Slots().size() == 2; }));
+              hal_->Complete(1);
+              EXPECT_EQ(stopped.get(), 0);
+            }),
        "owner.42.lost.no_slot", 4, 3},
-      {"a record beyond the region",
-       [&](DumpTest*) {
-         ASSERT_EQ(start(1), 0);
-         EXPECT_EQ(LogBlob(90), -1);
-       },
+      {"a record beyond the region", with(1, 1, [&] { EXPECT_EQ(LogBlob(90), -1); }),
        "owner.42.lost.oversize", 1},
       {"segments that cannot be encoded",
-       [&](DumpTest*) {
-         ASSERT_EQ(start(4), 0);
-         EXPECT_EQ(collector_->Log(kBlob, &without_bytes, 1), -1);
-       },
+       with(4, 1, [&] { EXPECT_EQ(collector_->Log(kBlob, &without_bytes, 1), -1); }),
        "owner.42.lost.encode", 1},
-      {"a start that was refused, with a slot at the HAL",
-       [&](DumpTest*) {
-         refuse_start = true;
-         EXPECT_EQ(start(4, 0), -5);
-         // Three records fill a slot: the fourth announces it.
-         LogCounter(9);
-         EXPECT_EQ(Dump().Number("owner.42.under_way", "samples"), 6u);
-         refuse_start = false;
-         EXPECT_EQ(Start({42}, {MakeLicInfo(42)}), 0);
-         EXPECT_EQ(Dump().Number("owner.42.lost.dropped", "samples"), 3u);
-       },
-       "owner.42.lost.unconfirmed", 6},
   });
+  refuse_start = true;
+  Check({{"a start that was refused, with a slot at the HAL",
+          with(4, 0,
+               [&] {
+                 // Three records fill a slot: the fourth announces it.
+                 LogCounter(9);
+                 EXPECT_EQ(Dump().Number("owner.42.under_way", "samples"), 6u);
+                 refuse_start = false;
+                 EXPECT_EQ(Start({42}, {MakeLicInfo(42)}), 0);
+                 EXPECT_EQ(Dump().Number("owner.42.lost.dropped", "samples"), 3u);
+               }),
+          "owner.42.lost.unconfirmed", 6}});
 }
 
 TEST_F(DumpTest, TellsWhatASessionIsDoing) {
   StartFiles();
   collector_->SetCampaignId(9);
-  LogCounter(5);
-  ASSERT_TRUE(WaitForWriter());
-  const DumpLines dump = Dump();
-  EXPECT_EQ(dump.Value("client.name"), "\"radio\"");
-  EXPECT_EQ(dump.Value("client.id"), "7");
-  EXPECT_EQ(dump.Value("client.mode"), "files");
-  EXPECT_EQ(dump.Value("client.last_seqno"), "none");
-  EXPECT_EQ(dump.Value("session.state"), "running");
-  EXPECT_EQ(dump.Value("session.campaign"), "9");
-  EXPECT_EQ(dump.Value("kpi.1"),
-            "type=counter window=2 unit=samples open=1 records=2 logged=5 repeated=0 lost=0");
-  EXPECT_EQ(dump.Number("samples", "logged"), 5u);
-  EXPECT_GE(dump.Number("queue", "depth_max"), 1u);
-  EXPECT_EQ(dump.Number("owner.42", "samples"), 5u);
-  EXPECT_EQ(dump.Number("owner.42.open", "samples"), 4u);
-  EXPECT_EQ(collector_->Dump().find(FakeAidlClient::kToken), std::string::npos) << "a secret";
+  LogAndWrite(5);
+  EXPECT_GE(Dump().Number("queue", "depth_max"), 1u);
+  const std::string text = collector_->Dump();
+  EXPECT_EQ(text.substr(0, text.find("queue:")),
+            "client.name: \"radio\"\n"
+            "client.id: 7\n"
+            "client.api_version: 3\n"
+            "client.mode: files\n"
+            "client.last_seqno: none\n"
+            "session.state: running\n"
+            "session.campaign: 9\n"
+            "session.format: campaign\n");
+  EXPECT_NE(text.find("samples: logged=5 repeated=0\n"
+                      "kpi.1: type=counter window=2 unit=samples open=1 records=2 logged=5 "
+                      "repeated=0 lost=0\n"),
+            std::string::npos);
+  EXPECT_NE(text.find("owner.42: samples=5\n"
+                      "owner.42.open: records=2 samples=4 "),
+            std::string::npos);
+  EXPECT_EQ(text.find(FakeAidlClient::kToken), std::string::npos) << "a secret";
   EXPECT_EQ(collector_->StopSession(), 0);
   EXPECT_EQ(Dump().Value("session.state"), "idle");
   EXPECT_EQ(Dump().Value("client.last_seqno"), "0");

@@ -1,7 +1,6 @@
 #include <algorithm>
 
 #include "tests/collector/collector_fixture.h"
-#include "utility/byte_order.h"
 
 namespace orb::test {
 namespace {
@@ -56,12 +55,12 @@ TEST_F(FdTest, PiecesCarryTheHeaderTheNameAndTheCompression) {
   const struct {
     uint32_t loc;
     uint32_t type;
-    uint8_t want_compressed;
+    const char* want_compressed;
     CompressType want_ctype;
-  } cases[] = {{0, 0, 1, COMPRESS_NONE},
-               {0, 2, 1, COMPRESS_TYPE_1},
-               {1, 0, 0, COMPRESS_TYPE_1},
-               {3, 2, 0, COMPRESS_TYPE_1}};
+  } cases[] = {{0, 0, "1", COMPRESS_NONE},
+               {0, 2, "1", COMPRESS_TYPE_1},
+               {1, 0, "0", COMPRESS_TYPE_1},
+               {3, 2, "0", COMPRESS_TYPE_1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.loc << " " << c.type);
     client_ = std::make_shared<FakeAidlClient>();
@@ -82,24 +81,17 @@ TEST_F(FdTest, PiecesCarryTheHeaderTheNameAndTheCompression) {
     EXPECT_EQ(piece.offset, 0x20u) << "only the low 32 bits count";
     EXPECT_EQ(piece.size, 1000u);
     EXPECT_EQ(piece.compress, c.want_ctype);
-    const uint8_t* header = piece.header.data();
-    ASSERT_EQ(piece.header.size(), 66u);
-    EXPECT_EQ(LoadBigEndian<uint32_t>(header), 9u);
-    EXPECT_EQ(LoadBigEndian<uint32_t>(header + 4), 66u);
-    EXPECT_EQ(LoadBigEndian<uint32_t>(header + 8), 7u);
-    EXPECT_EQ(LoadBigEndian<uint32_t>(header + 25), 1000u);
-    EXPECT_EQ(header[29], 1);
-    EXPECT_EQ(header[30], c.want_compressed);
-    EXPECT_EQ(LoadBigEndian<uint64_t>(header + 41), 77u);
-    EXPECT_EQ(LoadBigEndian<uint32_t>(header + 49), 0u);
-    EXPECT_EQ(LoadBigEndian<uint32_t>(client_->Pieces()[1].header.data() + 49), 1u);
-    EXPECT_EQ(piece.name, "/up/7/radio." + std::to_string(LoadBigEndian<uint64_t>(header + 17)));
+    EXPECT_EQ(HeaderText(piece.header),
+              std::string("9 66 client 7 kind 4 version 1 length 1000 1 compressed ") +
+                  c.want_compressed + " campaign 77 number 0 owner 0 sealed 0 footer at 0");
+    EXPECT_NE(HeaderText(client_->Pieces()[1].header).find(" number 1 "), std::string::npos);
+    const uint8_t* const creation_time = &piece.header[17];
+    EXPECT_EQ(piece.name, "/up/7/radio." + std::to_string(LoadBigEndian<uint64_t>(creation_time)));
     const std::string settings = "FdWrite: compress.loc " + std::to_string(c.loc) +
                                  " compress.type " + std::to_string(c.type);
-    EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "SetItem: unknown CfgItem 9"));
-    EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG, settings));
-    EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG,
-                       settings + " ctype " + std::to_string(static_cast<int>(c.want_ctype))));
+    ExpectError("SetItem: unknown CfgItem 9");
+    ExpectDebug(settings);
+    ExpectDebug(settings + " ctype " + std::to_string(static_cast<int>(c.want_ctype)));
     free(handle);
   }
 }
@@ -108,11 +100,11 @@ TEST_F(FdTest, RefusedAndUnreachableRegionsLeaveNoHandle) {
   MakeRegistered();
   client_->Fail("setupFD", 1, 1, 3);
   EXPECT_EQ(kiv_set_fd(collector_.get(), 5, 0, 64, OnDone), nullptr);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "SetFD: clientIntf->setupFD failed - 3"));
+  ExpectError("SetFD: clientIntf->setupFD failed - 3");
 
   Make();  // Not registered: there is no client.
   EXPECT_EQ(kiv_set_fd(collector_.get(), 5, 0, 64, OnDone), nullptr);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "SetFD: clientIntf->setupFD failed - -1"));
+  ExpectError("SetFD: clientIntf->setupFD failed - -1");
   kiv_fd_handle_s handle{1, 5, 0, 64, OnDone, collector_.get()};
   EXPECT_EQ(kiv_log_fd_buf(&handle, 0, 0, 1), -1);
   EXPECT_EQ(kiv_unset_fd(&handle), -1);

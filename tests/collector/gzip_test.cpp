@@ -17,37 +17,28 @@ std::string RandomBytes(size_t count) {
 class GzipTest : public CollectorFixture {
  protected:
   // A file of this content, positioned at its start.
-  FILE* Open(const std::string& content, const char* mode = "rb") {
-    const std::string path = data_dir_ + "src";
+  FILE* Open(const std::string& content, const std::string& mode = "rb") {
+    const std::string path = data_dir_ + mode;
     EXPECT_TRUE(WriteFile(path, content));
-    return fopen(path.c_str(), mode);
+    return fopen(path.c_str(), mode.c_str());
   }
 };
 
 TEST_F(GzipTest, RestoresWhatRemainsOfTheFile) {
-  const struct {
-    const char* name;
-    std::string content;
-  } cases[] = {
-      {"one byte", "x"},
-      {"one short of a chunk", RandomBytes(16383)},
-      {"one chunk", RandomBytes(16384)},
-      {"one over a chunk", RandomBytes(16385)},
-      {"output beyond a window", RandomBytes(100000)},
-      {"well compressed", std::string(1000000, 'z')},
-      {"empty", ""},
-  };
   Make();
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  // About a chunk, beyond a window of output, well compressed, and nothing at all.
+  for (const std::string& content :
+       {RandomBytes(1), RandomBytes(16383), RandomBytes(16384), RandomBytes(16385),
+        RandomBytes(100000), std::string(1000000, 'z'), std::string()}) {
+    SCOPED_TRACE(content.size());
     log_.Clear();
-    FILE* src = Open("prefix" + c.content);
+    FILE* src = Open("prefix" + content);
     ASSERT_EQ(fseek(src, 6, SEEK_SET), 0);
     uint8_t* dst = nullptr;
     uint32_t dst_len = 0;
-    const auto len = static_cast<uint32_t>(c.content.size());
+    const auto len = static_cast<uint32_t>(content.size());
     ASSERT_EQ(collector_->kiv_data_compress(src, len, &dst, &dst_len), 0);
-    EXPECT_EQ(Gunzip(dst, dst_len), c.content);
+    EXPECT_EQ(Gunzip(dst, dst_len), content);
     EXPECT_TRUE(log_.Contains("orb_data_compress: allocated dst_buf with size "));
     EXPECT_TRUE(log_.Contains(" src_buf_len " + std::to_string(len)));
     free(dst);
@@ -64,18 +55,15 @@ TEST_F(GzipTest, RefusesWhatItCannotDo) {
   EXPECT_EQ(collector_->kiv_data_compress(src, 1, nullptr, &dst_len), -EINVAL);
   EXPECT_EQ(collector_->kiv_data_compress(src, 1, &dst, nullptr), -EINVAL);
   EXPECT_EQ(log_.Count("src fp/dst_buf/dst_buf_len is NULL"), 3u);
-
+  FILE* unreadable = Open("unreadable", "wb");
   // Sized for 10 bytes, there are 100000.
-  EXPECT_EQ(collector_->kiv_data_compress(src, 10, &dst, &dst_len), -EINVAL);
-  EXPECT_EQ(dst, nullptr);
-  EXPECT_EQ(dst_len, 0u);
-  fclose(src);
-
-  src = Open("unreadable", "wb");
-  EXPECT_EQ(collector_->kiv_data_compress(src, 10, &dst, &dst_len), -EINVAL);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "orb_data_compress: fread failed.\n"));
-  EXPECT_EQ(dst, nullptr);
-  fclose(src);
+  for (FILE* bad : {src, unreadable}) {
+    EXPECT_EQ(collector_->kiv_data_compress(bad, 10, &dst, &dst_len), -EINVAL);
+    EXPECT_EQ(dst, nullptr);
+    EXPECT_EQ(dst_len, 0u);
+    fclose(bad);
+  }
+  ExpectError("orb_data_compress: fread failed.\n");
 }
 
 }  // namespace

@@ -1,3 +1,5 @@
+// Registration and its end, the lost connection, and the refusal of a client
+// that cannot register.
 #include <atomic>
 #include <future>
 #include <thread>
@@ -54,7 +56,7 @@ TEST_F(LifecycleTest, RetriesUntilItGivesUp) {
     EXPECT_EQ(client_->Count("registerClient"), c.want_calls);
     EXPECT_EQ(log_.Count(failed), c.want_failed);
     EXPECT_EQ(log_.Count("radio: Resetting client ptr"), c.want_calls - (c.want == 0 ? 1 : 0));
-    EXPECT_EQ(Logged(ANDROID_LOG_INFO, "radio: MGR registration succeeded"), c.want == 0);
+    EXPECT_EQ(log_.Count("radio: MGR registration succeeded"), c.want == 0 ? 1u : 0u);
     EXPECT_EQ(collector_->Token(), c.want == 0 ? "token-1" : "");
     EXPECT_EQ(collector_->ClientId(), c.want == 0 ? 7 : 0);
     if (c.want_calls > 0) {
@@ -65,18 +67,28 @@ TEST_F(LifecycleTest, RetriesUntilItGivesUp) {
   }
 }
 
+// The first registration, and the one after a lost connection.
 TEST_F(LifecycleTest, DeRegisterCutsTheRetryWaitShort) {
-  cfg_.sync_register = 0;
-  WriteConf("register_retry_wait_sec=3600\n");
-  client_->Fail("registerClient", 1, 99);
-  Make();
-  ASSERT_EQ(collector_->Register(), 0);
-  ASSERT_TRUE(log_.WaitFor("waiting for 3600 seconds"));
-  auto result = DeRegisterLater();
-  EXPECT_EQ(Get(result), -1);
-  EXPECT_EQ(client_->Count("registerClient"), 1u);
-  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "DeRegister: waiting for registerThread"));
-  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "DeRegister: registerThread exited"));
+  for (const bool lost : {false, true}) {
+    SCOPED_TRACE(lost);
+    client_ = std::make_shared<FakeAidlClient>();
+    cfg_.sync_register = lost;
+    WriteConf("register_retry_wait_sec=3600\n");
+    if (lost) MakeRegistered();
+    client_->Fail("registerClient", 1, 99);
+    if (lost) {
+      collector_->LostConn();
+    } else {
+      EXPECT_EQ(Make().Register(), 0);
+    }
+    ASSERT_TRUE(log_.WaitFor("waiting for 3600 seconds"));
+    auto result = DeRegisterLater();
+    EXPECT_EQ(Get(result), -1) << "there is no connection";
+    const std::string thread = lost ? "lostConnThread" : "registerThread";
+    ExpectInfo("DeRegister: waiting for " + thread);
+    ExpectInfo("DeRegister: " + thread + " exited");
+    log_.Clear();
+  }
 }
 
 TEST_F(LifecycleTest, DeRegisterWaitsForARegistrationUnderWay) {
@@ -103,18 +115,7 @@ TEST_F(LifecycleTest, DeRegisterJoinsALostConnectionThatWantsTheStateMutex) {
     EXPECT_TRUE(log_.WaitFor("DeRegister: waiting for lostConnThread"));
   }
   EXPECT_EQ(Get(result), 0);
-  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "DeRegister: lostConnThread exited"));
   EXPECT_EQ(client_->Count("registerClient"), 1u) << "no new attempt while stopping";
-}
-
-TEST_F(LifecycleTest, DeRegisterEndsASynchronousReRegistration) {
-  WriteConf("register_retry_wait_sec=3600\n");
-  MakeRegistered();
-  client_->Fail("registerClient", 1, 99);
-  collector_->LostConn();
-  ASSERT_TRUE(log_.WaitFor("waiting for 3600 seconds"));
-  auto result = DeRegisterLater();
-  EXPECT_EQ(Get(result), -1) << "the connection was dropped";
 }
 
 TEST_F(LifecycleTest, LostConnectionStopsTheSessionAndRegistersAgain) {
@@ -130,8 +131,7 @@ TEST_F(LifecycleTest, LostConnectionStopsTheSessionAndRegistersAgain) {
     ASSERT_TRUE(client_->WaitForCalls("registerClient", 2));
     ASSERT_TRUE(log_.WaitFor("MGR registration succeeded"));
     EXPECT_EQ(collector_->IsKPIEnabled(1), 0);
-    EXPECT_TRUE(Logged(ANDROID_LOG_INFO,
-                       "radio: c::LostConn deleteing client instance for token - token-1"));
+    ExpectInfo("radio: c::LostConn deleteing client instance for token - token-1");
     EXPECT_EQ(collector_->DeRegister(), 0);
   }
 }
@@ -162,6 +162,19 @@ TEST_F(LifecycleTest, SurvivesAStormOfLostConnections) {
     collector_->DeRegister();
     EXPECT_EQ(client_->Count("registerClient"), attempts) << "nothing starts once stopping";
   }
+}
+
+// Through the process-wide client, on a bus that does not exist.
+TEST_F(LifecycleTest, FailedSynchronousRegistrationGivesNull) {
+  setenv("ORB_BUS_ADDRESS", ("unix:path=" + data_dir_ + "no-bus").c_str(), 1);
+  WriteConf("register_max_retries=2\nregister_retry_wait_sec=-1\n");
+  cfg_.custom_session_format = 1;
+  EXPECT_EQ(kiv_register(&cfg_), nullptr);
+  ExpectInfo("orb_register: custom_session_format 1");
+  EXPECT_EQ(log_.Count("radio: MGR registration failed"), 2u);
+  ExpectError("radio: registration failed -1");
+  EXPECT_EQ(kiv_log_buf(nullptr, nullptr, 0), -1);
+  ExpectInfo("orb_log_buf: called");
 }
 
 }  // namespace

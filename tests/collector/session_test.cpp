@@ -1,7 +1,6 @@
 #include "proto/kpi_data.pb.h"
 #include "tests/collector/collector_fixture.h"
 #include "tests/collector/gunzip.h"
-#include "utility/byte_order.h"
 
 namespace orb::test {
 namespace {
@@ -61,29 +60,29 @@ TEST_F(SessionTest, RunsFromStartToStop) {
   const KIVCampConfig config = MakeConfig(def, {MakeLicInfo(42, "PEM", 1, 2)});
   ASSERT_EQ(collector_->StartSession(config), 0);
   EXPECT_EQ(start_payload, std::string("in\0fo", 5));
-  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "radio: StartSession called for token - token-1"));
-  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "radio: Recvd Thresholds Size: 4096 Time: 60"));
+  ExpectInfo("radio: StartSession called for token - token-1");
+  ExpectInfo("radio: Recvd Thresholds Size: 4096 Time: 60");
   EXPECT_TRUE(log_.Contains("radio: Recvd KPICfg "));
-  EXPECT_TRUE(Logged(ANDROID_LOG_INFO,
-                     "generateLicSn2IsvKeyMap: licSN: 42, encryptionPKey:PEM, pKeyEncAlgo:1, "
-                     "sKeyEncAlgo:2"));
+  ExpectInfo(
+      "generateLicSn2IsvKeyMap: licSN: 42, encryptionPKey:PEM, pKeyEncAlgo:1, "
+      "sKeyEncAlgo:2");
   EXPECT_EQ(collector_->IsKPIEnabled(1), 1);
 
   EXPECT_EQ(collector_->StartSession(config), -1);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
-                     "StartSession: radio: StartSession received when an existing session is "
-                     "already active - ignored"));
+  ExpectError(
+      "StartSession: radio: StartSession received when an existing session is "
+      "already active - ignored");
   EXPECT_EQ(collector_->Log(1, 5u), 0) << "the running session goes on";
   EXPECT_EQ(collector_->StopSession(), 11);
-  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "radio: StopSessionLocked called for token - token-1"));
+  ExpectInfo("radio: StopSessionLocked called for token - token-1");
   EXPECT_EQ(collector_->IsKPIEnabled(1), 0);
   ASSERT_EQ(client_->Uploads().size(), 1u) << "the open window is written and sent";
   EXPECT_EQ(client_->Uploads()[0].name, "/up/7/radio.42");
 
   EXPECT_EQ(collector_->StopSession(), -1);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
-                     "StopSessionLocked: radio: StopSession received when session is not active - "
-                     "ignored"));
+  ExpectError(
+      "StopSessionLocked: radio: StopSession received when session is not active - "
+      "ignored");
   EXPECT_EQ(stop_calls, 1);
 }
 
@@ -100,21 +99,17 @@ TEST_F(SessionTest, EveryLicSnGetsTheRecordsOfItsOwnKpis) {
   const uint8_t byte = 1;
   EXPECT_EQ(collector_->Log(4, &byte, 1), 0);
   EXPECT_EQ(collector_->StopSession(), 11);
-  const auto uploads = client_->Uploads();
-  ASSERT_EQ(uploads.size(), 2u);
-  orbtr::KPIData records[2];  // Records back to back read as one message.
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(uploads[i].name, "/up/7/radio." + std::to_string(42 + i));
-    ASSERT_TRUE(records[i].ParseFromString(Gunzip(uploads[i].data.data(), uploads[i].data.size())));
+  std::string got;
+  for (const auto& upload : client_->Uploads()) {
+    orbtr::KPIData all;  // Records back to back read as one message.
+    ASSERT_TRUE(all.ParseFromString(Gunzip(upload.data.data(), upload.data.size())));
+    got += upload.name + ":";
+    for (const auto& part : all.counters()) got += " " + std::to_string(part.meta().kpi_id());
+    for (const auto& part : all.histograms()) got += " " + std::to_string(part.meta().kpi_id());
+    for (const auto& part : all.blobs()) got += " " + std::to_string(part.meta().kpi_id());
+    got += '\n';
   }
-  ASSERT_EQ(records[0].counters_size(), 1);
-  EXPECT_EQ(records[0].counters(0).meta().kpi_id(), 1u);
-  EXPECT_EQ(records[0].histograms_size(), 0);
-  EXPECT_EQ(records[0].blobs_size(), 1);
-  ASSERT_EQ(records[1].counters_size(), 1);
-  EXPECT_EQ(records[1].counters(0).meta().kpi_id(), 3u);
-  EXPECT_EQ(records[1].histograms_size(), 1);
-  EXPECT_EQ(records[1].blobs_size(), 0);
+  EXPECT_EQ(got, "/up/7/radio.42: 1 4\n/up/7/radio.43: 3 2\n");
 }
 
 TEST_F(SessionTest, LimitsOfTheDefinition) {
@@ -151,19 +146,18 @@ TEST_F(SessionTest, LimitsOfTheDefinition) {
     for (int i = 0; i < c.kpis; ++i) *def.add_kpi_cfgs() = MakeKpi(i, KPI_STATE);
     def.set_campaign_info(std::string(c.payload, 'p'));
     ExpectStart(MakeConfig(def), c.want ? 0 : -1);
-    EXPECT_EQ(Logged(ANDROID_LOG_ERROR, "radio: invalid session config"), !c.want);
+    EXPECT_EQ(log_.Contains("radio: invalid session config"), !c.want);
   }
 }
 
 TEST_F(SessionTest, FailedStartsLeaveTheCollectorIdle) {
   Make();
   ExpectStart(MakeConfig("\xff\xff"), -1);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "radio: failed to parse session config"));
+  ExpectError("radio: failed to parse session config");
 
   start_result = 5;
   ExpectStart(MakeConfig(MakeCampaign({MakeKpi(1, KPI_STATE)})), 5);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
-                     "c::StartSession: radio return failure 5 on start_session callback"));
+  ExpectError("c::StartSession: radio return failure 5 on start_session callback");
   // What was built stays in use until the next start.
   EXPECT_EQ(collector_->IsKPIEnabled(1), 1);
   const uint8_t byte = 1;
@@ -172,7 +166,7 @@ TEST_F(SessionTest, FailedStartsLeaveTheCollectorIdle) {
 
   start_result = 0;
   ExpectStart(MakeConfig(MakeCampaign({MakeKpi(2, KPI_STATE), MakeKpi(3, KPI_EVENT)})), -1);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "radio: error: could not create KPI id: 3 from KPICfg"));
+  ExpectError("radio: error: could not create KPI id: 3 from KPICfg");
   EXPECT_EQ(collector_->IsKPIEnabled(1), 0) << "the next start replaced them";
   EXPECT_EQ(collector_->IsKPIEnabled(2), 1);
 
@@ -185,21 +179,20 @@ TEST_F(SessionTest, SerializerThatCannotStartRefusesTheSession) {
   cfg_.data_dir = missing.c_str();
   Make();
   ExpectStart(MakeConfig(MakeCampaign()), -1);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "StartSession: Failed to initialize KPI Serializer"));
+  ExpectError("StartSession: Failed to initialize KPI Serializer");
   cfg_.custom_session_format = 1;
   Make();
   ExpectStart(MakeConfig("raw"), -1);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "StartCustomSession: Failed to initialize KPI Serializer"));
+  ExpectError("StartCustomSession: Failed to initialize KPI Serializer");
 }
 
 TEST_F(SessionTest, SlotsBelongToOneLicSn) {
   UseSlots(4096, 4);
   MakeRegistered();
   ExpectStart(MakeConfig(MakeCampaign(), {MakeLicInfo(1), MakeLicInfo(2)}), -1);
-  EXPECT_TRUE(
-      Logged(ANDROID_LOG_ERROR, "c::StartSession: ERROR - multiple lic SN received for hbt"));
+  ExpectError("c::StartSession: ERROR - multiple lic SN received for hbt");
   ExpectStart(MakeConfig(MakeCampaign(), {MakeLicInfo(9), MakeLicInfo(9)}), 0);
-  EXPECT_EQ(LoadBigEndian<uint64_t>(collector_->BuildFileHeader(9).data() + 53), 9u);
+  EXPECT_NE(HeaderText(collector_->BuildFileHeader(9)).find(" owner 9 "), std::string::npos);
   ExpectStart(MakeConfig(MakeCampaign()), 0);
 }
 
@@ -207,15 +200,15 @@ TEST_F(SessionTest, SlotsThatTheLibraryDoesNotAllocateAreRefused) {
   cfg_.hbt = 1;
   MakeRegistered();
   ExpectStart(MakeConfig(MakeCampaign()), -1);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
-                     "c::StartSession: ERROR - non custom session with allocate_fd = 0 - not "
-                     "supported"));
+  ExpectError(
+      "c::StartSession: ERROR - non custom session with allocate_fd = 0 - not "
+      "supported");
   cfg_.custom_session_format = 1;
   MakeRegistered();
   EXPECT_EQ(collector_->StartSession(MakeConfig("raw")), 0);
-  EXPECT_TRUE(Logged(ANDROID_LOG_INFO,
-                     "c::StartCustomSession: custom session with allocate_fd = 0 - skip "
-                     "initializer kpi_srlzr"));
+  ExpectInfo(
+      "c::StartCustomSession: custom session with allocate_fd = 0 - skip "
+      "initializer kpi_srlzr");
   EXPECT_EQ(start_payload, "raw");
   EXPECT_EQ(collector_->LogBuf(nullptr, 0), -1) << "there is no serializer";
   EXPECT_EQ(collector_->StopSession(), 11);
@@ -227,17 +220,16 @@ TEST_F(SessionTest, CustomSessionsPassThePayloadAndWriteRawData) {
   const KIVCampConfig config = MakeConfig("\xff\xff no protobuf", {MakeLicInfo(42)});
   ASSERT_EQ(collector_->StartSession(config), 0);
   EXPECT_EQ(start_payload, "\xff\xff no protobuf");
-  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "radio: StartCustomSession called for token - token-1"));
+  ExpectInfo("radio: StartCustomSession called for token - token-1");
   const std::string record(1000, 'r');
-  EXPECT_EQ(collector_->LogBuf(reinterpret_cast<const uint8_t*>(record.data()), 1000), 0);
+  EXPECT_EQ(collector_->LogBuf(Bytes(record), 1000), 0);
   EXPECT_EQ(collector_->StopSession(), 11);
-  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "radio: StopCustomSession called for token - token-1"));
+  ExpectInfo("radio: StopCustomSession called for token - token-1");
   EXPECT_EQ(client_->Uploads().size(), 1u);
 
   start_result = 6;
   ExpectStart(config, 6);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR,
-                     "c::StartCustomSession: radio return failure 6 on start_session callback"));
+  ExpectError("c::StartCustomSession: radio return failure 6 on start_session callback");
 }
 
 TEST_F(SessionTest, OneLicSnStopsAndStartsAlone) {
@@ -245,7 +237,7 @@ TEST_F(SessionTest, OneLicSnStopsAndStartsAlone) {
       ": Either hbt enabled or kpi serializer not initialized or LicSN not found in campaign";
   MakeRegistered();
   EXPECT_EQ(collector_->StartSessionForLicSN(42), 0);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "StartSessionForLicSN" + refused));
+  ExpectError("StartSessionForLicSN" + refused);
   ASSERT_EQ(collector_->StartSession(MakeConfig(MakeCampaign(), {MakeLicInfo(42)})), 0);
   log_.Clear();
   const std::string file = data_dir_ + "/radio-42.tmp";
@@ -255,7 +247,7 @@ TEST_F(SessionTest, OneLicSnStopsAndStartsAlone) {
   EXPECT_EQ(access(file.c_str(), F_OK), 0);
   EXPECT_FALSE(log_.Contains(refused));
   EXPECT_EQ(collector_->StopSessionForLicSN(43), 0);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "StopSessionForLicSN" + refused));
+  ExpectError("StopSessionForLicSN" + refused);
 }
 
 TEST_F(SessionTest, NoSessionStartsOnceDeRegistered) {
@@ -311,24 +303,18 @@ TEST_F(SessionTest, OperationsTakeTheirOwnTypeOnly) {
 
 TEST_F(SessionTest, ThresholdSetAtRunTimeSendsFilesEarlier) {
   MakeRegistered();
-  LTCCampaignDef def = MakeCampaign();
-  ASSERT_EQ(collector_->StartSession(MakeConfig(def, {MakeLicInfo(42)})), 0);
+  ASSERT_EQ(collector_->StartSession(MakeConfig(MakeCampaign(), {MakeLicInfo(42)})), 0);
   const std::string record(300, 'r');
-  const auto* bytes = reinterpret_cast<const uint8_t*>(record.data());
-  collector_->SetConfigParams(static_cast<kiv_param_type_t>(7), 200);
-  EXPECT_EQ(kiv_set_cfg(collector_.get(), static_cast<kiv_param_type_t>(7), 200), 0);
-  EXPECT_EQ(kiv_set_cfg(collector_.get(), KIV_PARAM_TIME_THRESHOLD, 200), 0);
-  EXPECT_EQ(kiv_log_buf(collector_.get(), bytes, 300), 0);
+  for (const int parameter : {7, int{KIV_PARAM_TIME_THRESHOLD}}) {  // Neither counts.
+    EXPECT_EQ(kiv_set_cfg(collector_.get(), static_cast<kiv_param_type_t>(parameter), 200), 0);
+  }
+  EXPECT_EQ(kiv_log_buf(collector_.get(), Bytes(record), 300), 0);
   const std::string file = data_dir_ + "/radio-42.tmp";
   EXPECT_TRUE(WaitFor([&] { return ReadFileOrEmpty(file).size() == 66 + 2 + 300; }));
   EXPECT_EQ(client_->Count("sendData"), 0u);
   EXPECT_EQ(kiv_set_cfg(collector_.get(), KIV_PARAM_SIZE_THRESHOLD, 200), 0);
-  EXPECT_EQ(kiv_log_buf(collector_.get(), bytes, 300), 0);
+  EXPECT_EQ(kiv_log_buf(collector_.get(), Bytes(record), 300), 0);
   EXPECT_TRUE(client_->WaitForCalls("sendData", 1));
-  EXPECT_EQ(kiv_set_cfg(collector_.get(), KIV_PARAM_SIZE_THRESHOLD, 4096), 0);
-  EXPECT_EQ(kiv_log_buf(collector_.get(), bytes, 300), 0);
-  EXPECT_EQ(kiv_flush(collector_.get()), 0);
-  EXPECT_TRUE(client_->WaitForCalls("sendData", 2));
 }
 
 }  // namespace

@@ -2,16 +2,12 @@
 
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <filesystem>
 #include <map>
-#include <thread>
 
 #include "proto/kpi_data.pb.h"
 #include "tests/collector/collector_fixture.h"
 #include "tests/collector/gunzip.h"
-#include "tests/serializer/open_descriptors.h"
+#include "tests/serializer/serializer_load.h"
 #include "tests/support/file_size_limit.h"
 
 namespace orb::test {
@@ -44,28 +40,31 @@ class FileSerializerTest : public CollectorFixture {
     files_ = std::make_unique<KPIFileSerializer>();
     ASSERT_EQ(files_->Initialize(cache_.path().c_str(), threshold, 60, collector_.get()), 0);
   }
+  // For most tests.
+  void OpenFor42() {
+    StartSession({{42, {1}}});
+    Open();
+  }
   void Log(const std::string& record) {
-    EXPECT_EQ(files_->WriteBuf(reinterpret_cast<const uint8_t*>(record.data()),
-                               static_cast<uint32_t>(record.size())),
-              0);
+    EXPECT_EQ(files_->WriteBuf(Bytes(record), static_cast<uint32_t>(record.size())), 0);
   }
-  void LogBlob(uint32_t kpi, const std::string& bytes) {
-    orbtr::KPIData data = BlobData(bytes);
-    EXPECT_EQ(files_->Write(data, kpi), 0);
-  }
-  static orbtr::KPIData BlobData(const std::string& bytes) {
+  static orbtr::KPIData Blob(const std::string& bytes) {
     orbtr::KPIData data;
     data.add_blobs()->set_data(bytes);
     return data;
   }
   static std::string BlobRecord(const std::string& bytes) {
-    return BlobData(bytes).SerializeAsString();
+    return Blob(bytes).SerializeAsString();
+  }
+  void LogBlob(uint32_t kpi, const std::string& bytes) {
+    orbtr::KPIData data = Blob(bytes);
+    EXPECT_EQ(files_->Write(data, kpi), 0);
   }
   std::string Tmp(uint64_t licSN) const {
     return cache_.path() + "/radio-" + std::to_string(licSN) + ".tmp";
   }
-  bool WaitForBytes(uint64_t licSN, size_t bytes) const {
-    return WaitFor([&] { return ReadFileOrEmpty(Tmp(licSN)).size() == bytes; });
+  bool WaitForBytes(size_t bytes) const {
+    return WaitFor([&] { return ReadFileOrEmpty(Tmp(42)).size() == bytes; });
   }
   // What went out for a LicSN, all uploads together, without their version records.
   std::string Sent(uint64_t licSN) const {
@@ -83,82 +82,48 @@ class FileSerializerTest : public CollectorFixture {
   std::unique_ptr<KPIFileSerializer> files_;
 };
 
-// The bytes that depend on the clock, as zeros.
-std::string WithoutTimes(std::string header) {
-  std::fill(header.begin() + 17, header.begin() + 25, 0);
-  std::fill(header.begin() + 31, header.begin() + 41, 0);
-  return header;
-}
-
-std::string Header(uint8_t kind, uint8_t version) {
-  std::string header(66, 0);
-  header[3] = 9;
-  header[7] = 66;
-  header[11] = 7;  // Client id.
-  header[12] = static_cast<char>(kind);
-  header[16] = static_cast<char>(version);
-  header[29] = 1;
-  header[48] = 77;  // Campaign.
-  header[60] = 42;  // LicSN.
-  return header;
-}
-
 TEST_F(FileSerializerTest, AFileIsHeaderVersionAndRecordsAsQueued) {
-  StartSession({{42, {}}});
-  Open();
-  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "handleTmpFile: Creating 1 new tmp files - radio"));
-  EXPECT_TRUE(Logged(ANDROID_LOG_INFO, "createFout: tmpfile created " + Tmp(42).substr(17)));
-  ASSERT_EQ(ReadFileOrEmpty(Tmp(42)).size(), kPrefixBytes);
-  Log("abc");
-  LogBlob(1, "xyz");
-  Log("");
-  ASSERT_TRUE(WaitForBytes(42, kPrefixBytes + 3 + 7));
-  EXPECT_EQ(WithoutTimes(ReadFileOrEmpty(Tmp(42))),
-            Header(4, 1) + kVersion + "abc" + "\x2a\x05\x12\x03xyz");
-  EXPECT_TRUE(log_.Contains("writer_func: q size: "));
-  EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG, "add_to_file: licsn - 42"));
-}
-
-TEST_F(FileSerializerTest, AnOverriddenHeaderComesWithoutVersion) {
-  cfg_.header_override = 1;
-  cfg_.header_kind = 9;
-  cfg_.header_version = 3;
-  StartSession({{42, {}}});
-  Open();
-  Log("abc");
-  ASSERT_TRUE(WaitForBytes(42, 69));
-  EXPECT_EQ(WithoutTimes(ReadFileOrEmpty(Tmp(42))), Header(9, 3) + "abc");
-}
-
-TEST_F(FileSerializerTest, AFlushBecomesOneUploadOfAllRecords) {
-  StartSession({{42, {}}});
-  Open();
-  Log("abc");
-  EXPECT_EQ(files_->Flush(), 0);
-  ASSERT_TRUE(client_->WaitForCalls("sendData", 1));
-  EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG, "prepare_file: Flush received in thread"));
-  const FakeAidlClient::Upload upload = client_->Uploads()[0];
-  EXPECT_EQ(upload.name, "/up/7/radio.42");
-  std::string want = Header(4, 1);
-  want[28] = static_cast<char>(upload.data.size());
-  want[30] = 1;  // Compressed; sequence number 0.
-  EXPECT_EQ(WithoutTimes({upload.header.begin(), upload.header.end()}), want);
-  EXPECT_EQ(Gunzip(upload.data.data(), upload.data.size()), kVersion + "abc");
-  EXPECT_TRUE(upload.footer.empty());
-  EXPECT_TRUE(WaitForBytes(42, kPrefixBytes)) << "a fresh file follows";
+  const struct {
+    uint8_t override;  // Its header comes without a version record.
+    const char* want_kind;
+    std::string want_version;
+  } cases[] = {{0, "kind 4 version 1", kVersion}, {1, "kind 9 version 3", ""}};
+  for (const auto& c : cases) {
+    cfg_.header_override = c.override;
+    cfg_.header_kind = 9;
+    cfg_.header_version = 3;
+    OpenFor42();
+    ExpectInfo("handleTmpFile: Creating 1 new tmp files - radio");
+    ExpectInfo("createFout: tmpfile created " + Tmp(42).substr(17));
+    Log("abc");
+    LogBlob(1, "xyz");
+    Log("");
+    const std::string payload = c.want_version + "abc" + BlobRecord("xyz");
+    ASSERT_TRUE(WaitForBytes(66 + payload.size()));
+    const std::string file = ReadFileOrEmpty(Tmp(42));
+    EXPECT_EQ(HeaderText({file.begin(), file.begin() + 66}),
+              std::string("9 66 client 7 ") + c.want_kind +
+                  " length 0 1 compressed 0 campaign 77 number 0 owner 42 sealed 0 footer at 0");
+    EXPECT_EQ(file.substr(66), payload);
+    EXPECT_TRUE(log_.Contains("writer_func: q size: "));
+    ExpectDebug("add_to_file: licsn - 42");
+    files_->Finalize();
+  }
 }
 
 TEST_F(FileSerializerTest, FilesWithoutARecordAreDeletedNotSent) {
-  StartSession({{42, {}}});
-  Open();
-  const auto created = [&] { return log_.Count("tmpfile created"); };
-  ASSERT_EQ(created(), 1u);
+  OpenFor42();
   files_->Flush();
   ASSERT_TRUE(log_.WaitFor("tmpfile created", 2));
+  ExpectDebug("prepare_file: Flush received in thread");
   Log("Flush");  // Raw bytes that read like the control word are one.
   ASSERT_TRUE(log_.WaitFor("tmpfile created", 3));
-  EXPECT_TRUE(WaitForBytes(42, kPrefixBytes));
+  EXPECT_TRUE(WaitForBytes(kPrefixBytes));
   EXPECT_EQ(client_->Count("sendData"), 0u);
+  Log("abc");
+  files_->Flush();
+  ASSERT_TRUE(log_.WaitFor("tmpfile created", 4));
+  EXPECT_EQ(Sent(42), "abc");
 }
 
 TEST_F(FileSerializerTest, AFileBeyondTheThresholdIsSentAtOnce) {
@@ -167,20 +132,20 @@ TEST_F(FileSerializerTest, AFileBeyondTheThresholdIsSentAtOnce) {
     std::vector<size_t> records;
     size_t want_uploads;
     size_t want_bytes;  // Of the file that is left.
-  } kCases[] = {
+  } cases[] = {
       {"the third of 400 passes 1000", {400, 400, 400}, 1, kPrefixBytes},
       {"exactly 1000 stays", {1000 - kPrefixBytes}, 0, 1000},
       {"one more goes", {1000 - kPrefixBytes, 1}, 1, kPrefixBytes},
       {"each alone", {2000, 2000, 5}, 2, kPrefixBytes + 5},
   };
   StartSession({{42, {}}});
-  for (const auto& c : kCases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const size_t before = client_->Count("sendData");
     Open(1000);
     for (const size_t bytes : c.records) Log(std::string(bytes, 'r'));
     ASSERT_TRUE(client_->WaitForCalls("sendData", before + c.want_uploads));
-    EXPECT_TRUE(WaitForBytes(42, c.want_bytes));
+    EXPECT_TRUE(WaitForBytes(c.want_bytes));
     EXPECT_EQ(client_->Count("sendData"), before + c.want_uploads);
     files_->Finalize();
   }
@@ -194,6 +159,8 @@ TEST_F(FileSerializerTest, RecordsGoToTheOwnersOfTheirKpi) {
   LogBlob(3, "both");
   LogBlob(99, "nobody's");
   Log("raw");
+  EXPECT_EQ(files_->WriteBlobSegsOptimized(1, 2, 3, 4, nullptr, 0), -1);
+  ExpectError("WriteBlobSegsOptimized not supported in KPIFileSerializer");
   files_->Finalize();
   const std::string everyones = BlobRecord("nobody's") + "raw";
   EXPECT_EQ(Sent(42), BlobRecord("one") + BlobRecord("both") + everyones);
@@ -212,18 +179,17 @@ TEST_F(FileSerializerTest, CustomSessionsRouteNothing) {
 }
 
 TEST_F(FileSerializerTest, ALicSnStopsAndStartsAgain) {
-  StartSession({{42, {1}}});
-  Open();
+  OpenFor42();
   LogBlob(1, "before");
-  ASSERT_TRUE(WaitForBytes(42, kPrefixBytes + BlobRecord("before").size()));
+  ASSERT_TRUE(WaitForBytes(kPrefixBytes + BlobRecord("before").size()));
   files_->DisableLicSN(42);
   EXPECT_EQ(Sent(42), BlobRecord("before"));
   EXPECT_FALSE(std::filesystem::exists(Tmp(42)));
-  EXPECT_TRUE(Logged(ANDROID_LOG_DEBUG, "removeLicSNfromMap: Removed Lic SN - 42 from map"));
+  ExpectDebug("removeLicSNfromMap: Removed Lic SN - 42 from map");
   LogBlob(1, "lost");
   EXPECT_TRUE(log_.WaitFor("prepare_file: fout not found for lic SN: 42"));
   files_->DisableLicSN(42);
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "removeLicSNfromMap: could not find Lic Sn - 42 in map"));
+  ExpectError("removeLicSNfromMap: could not find Lic Sn - 42 in map");
   files_->Flush();  // Without an open file it does nothing.
   files_->EnableLicSN(42);
   LogBlob(1, "after");
@@ -232,57 +198,33 @@ TEST_F(FileSerializerTest, ALicSnStopsAndStartsAgain) {
 }
 
 TEST_F(FileSerializerTest, LeftOverFilesAreSentOrDeleted) {
-  const std::string header = Header(4, 1) + kVersion;
-  const std::map<std::string, std::string> left = {
-      {"radio-7.tmp", header + "seven"},    {"radio-8.tmp", header},
-      {"radio-9.tmp.bak", header + "nine"}, {"radio2-5.tmp", header + "five"},
-      {"other-7.tmp", header + "other"},    {"radio-6.txt", header + "six"},
-  };
-  for (const auto& [name, content] : left) {
-    ASSERT_TRUE(WriteFile(cache_.path() + "/" + name, content));
+  OpenFor42();
+  Log("own");
+  ASSERT_TRUE(WaitForBytes(kPrefixBytes + 3));
+  files_.reset();  // Ends the writer thread, but sends nothing.
+  EXPECT_EQ(client_->Count("sendData"), 0u);
+  const std::string start = ReadFileOrEmpty(Tmp(42)).substr(0, kPrefixBytes);
+  for (const char* name :
+       {"radio-7.tmp", "radio-9.tmp.bak", "radio2-5.tmp", "other-7.tmp", "radio-6.txt"}) {
+    ASSERT_TRUE(WriteFile(cache_.path() + "/" + name, start + name));
   }
+  ASSERT_TRUE(WriteFile(Tmp(8), start));
   const std::string dangling = cache_.path() + "/radio-link.tmp";
   ASSERT_EQ(symlink("nowhere", dangling.c_str()), 0);
-  StartSession({{42, {}}});
   Open();
   EXPECT_EQ(ListFiles(cache_.path()),
             (std::vector<std::string>{"other-7.tmp", "radio-42.tmp", "radio-6.txt"}));
-  EXPECT_EQ(Sent(42),
-            "sevennine"
-            "five")
-      << "the owner is in the header";
-  EXPECT_TRUE(
-      Logged(ANDROID_LOG_INFO, "handleTmpFile: Sending old tmp file with data - " + Tmp(7)));
-  EXPECT_TRUE(
-      Logged(ANDROID_LOG_INFO, "handleTmpFile: Deleting old tmp file with no data - " + Tmp(8)));
-  EXPECT_TRUE(Logged(ANDROID_LOG_ERROR, "handleTmpFile: error in stat() call on tmpfile " +
-                                            dangling + " - err: No such file or directory"));
-}
-
-TEST_F(FileSerializerTest, DestructionKeepsWhatIsNotSentForTheNextStart) {
-  StartSession({{42, {}}});
-  Open();
-  Log("kept");
-  files_.reset();  // Ends the writer thread, but sends nothing.
-  EXPECT_EQ(client_->Count("sendData"), 0u);
-  EXPECT_EQ(ReadFileOrEmpty(Tmp(42)).substr(kPrefixBytes), "kept");
-  Open();
-  EXPECT_EQ(Sent(42), "kept");
-}
-
-TEST_F(FileSerializerTest, SegmentsAreNotSupported) {
-  StartSession({{42, {}}});
-  Open();
-  EXPECT_EQ(files_->WriteBlobSegsOptimized(1, 2, 3, 4, nullptr, 0), -1);
-  EXPECT_TRUE(
-      Logged(ANDROID_LOG_ERROR, "WriteBlobSegsOptimized not supported in KPIFileSerializer"));
+  EXPECT_EQ(Sent(42), "ownradio-7.tmpradio-9.tmp.bakradio2-5.tmp") << "the header tells the owner";
+  ExpectInfo("handleTmpFile: Sending old tmp file with data - " + Tmp(7));
+  ExpectInfo("handleTmpFile: Deleting old tmp file with no data - " + Tmp(8));
+  ExpectError("handleTmpFile: error in stat() call on tmpfile " + dangling +
+              " - err: No such file or directory");
 }
 
 TEST_F(FileSerializerTest, WithoutItsDirectoryALicSnHasNoFile) {
-  StartSession({{42, {}}});
-  Open();
+  OpenFor42();
   Log("lost");
-  ASSERT_TRUE(WaitForBytes(42, kPrefixBytes + 4));
+  ASSERT_TRUE(WaitForBytes(kPrefixBytes + 4));
   const std::string away = cache_.path() + ".away";
   ASSERT_EQ(rename(cache_.path().c_str(), away.c_str()), 0);
   files_->Flush();
@@ -299,9 +241,20 @@ TEST_F(FileSerializerTest, WithoutItsDirectoryALicSnHasNoFile) {
   EXPECT_EQ(Sent(42), "after");
 }
 
+TEST_F(FileSerializerTest, CreationFailsWithoutADirectoryOrWithTooManySlots) {
+  MakeRegistered();
+  const std::string missing = dir_.path() + "/missing";
+  EXPECT_EQ(KPISerializer::Create({1, 4096, 4, missing.c_str(), collector_.get()}), nullptr);
+  ExpectError("handleTmpFile: Failed to open cache dir " + missing +
+              " - err: No such file or directory");
+  ExpectError("KPISerializer::Create: Failed to initialze KPIFileSerializer");
+  EXPECT_EQ(KPISerializer::Create({1, 4096, 4, nullptr, collector_.get()}), nullptr);
+  EXPECT_EQ(KPISerializer::Create({2, 4096, 65, nullptr, collector_.get()}), nullptr);
+  ExpectError("KPISerializer::Create: Failed to initialze KPIMemorySerializer");
+}
+
 TEST_F(FileSerializerTest, AFullDiskKeepsThePartThatFits) {
-  StartSession({{42, {}}});
-  Open();
+  OpenFor42();
   {
     const FileSizeLimit full(kPrefixBytes + 4);
     Log("0123456789");
@@ -313,8 +266,7 @@ TEST_F(FileSerializerTest, AFullDiskKeepsThePartThatFits) {
 }
 
 TEST_F(FileSerializerTest, NoRecordFollowsHalfAHeader) {
-  StartSession({{42, {}}});
-  Open();
+  OpenFor42();
   {
     const FileSizeLimit full(55);  // Ends within the LicSN.
     files_->Flush();
@@ -331,41 +283,19 @@ TEST_F(FileSerializerTest, NoRecordFollowsHalfAHeader) {
 TEST_F(FileSerializerTest, LosesNothingUnderLoad) {
   StartSession({{7, {}}, {42, {}}});
   Open(500);
-  constexpr int kWriters = 4;
-  constexpr int kRecords = 50;
-  std::vector<std::thread> threads;
-  for (int writer = 0; writer < kWriters; ++writer) {
-    threads.emplace_back([this, writer] {
-      for (int i = 0; i < kRecords; ++i) {
-        char record[16];
-        snprintf(record, sizeof record, "<%d:%03d>", writer, i);
-        Log(record);
-      }
-    });
+  auto threads = StartWriters([this](const std::string& record, int) { Log(record); });
+  for (uint32_t i = 0; i < 10; ++i) {
+    files_->DisableLicSN(7);
+    files_->UpdateConfig(KIV_PARAM_SIZE_THRESHOLD, 300 + 20 * i);
+    files_->Flush();
+    files_->EnableLicSN(7);
   }
-  threads.emplace_back([this] {
-    for (uint32_t i = 0; i < 10; ++i) {
-      files_->DisableLicSN(7);
-      files_->UpdateConfig(KIV_PARAM_SIZE_THRESHOLD, 300 + 20 * i);
-      files_->Flush();
-      files_->EnableLicSN(7);
-    }
-  });
   for (std::thread& thread : threads) thread.join();
   files_->Finalize();
-
-  const std::string sent = Sent(42);
-  EXPECT_EQ(sent.size(), size_t{kWriters * kRecords * 7});
-  std::vector<int> next(kWriters, 0);
-  for (size_t at = 0; at + 7 <= sent.size(); at += 7) {
-    int writer = -1;
-    int record = -1;
-    ASSERT_EQ(sscanf(sent.c_str() + at, "<%d:%d>", &writer, &record), 2) << sent.substr(at, 7);
-    ASSERT_EQ(record, next.at(static_cast<size_t>(writer))++) << "order of one thread";
-  }
+  ExpectAllInOrder(Sent(42));
 }
 
-// "comm" and the context switches of this process's writer threads.
+// The context switches of this process's writer threads.
 std::vector<std::string> WriterThreads() {
   std::vector<std::string> out;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -377,10 +307,9 @@ std::vector<std::string> WriterThreads() {
 }
 
 TEST_F(FileSerializerTest, TheWriterSleepsWhileThereIsNothingToDo) {
-  StartSession({{42, {}}});
-  Open();
+  OpenFor42();
   Log("x");
-  ASSERT_TRUE(WaitForBytes(42, kPrefixBytes + 1));
+  ASSERT_TRUE(WaitForBytes(kPrefixBytes + 1));
   // Asleep once two looks in a row agree; a thread that polls never gets there.
   std::vector<std::string> last;
   EXPECT_TRUE(WaitFor([&] {
