@@ -59,17 +59,6 @@ TEST(CampaignSchemaTest, AWindowOfZeroIsPresent) {
   EXPECT_EQ(cfg.SerializeAsString(), FromHex("2a 00 38 00"));
 }
 
-TEST(CampaignSchemaTest, UnknownValuesAndFieldsSurvive) {
-  // type -5 in ten bytes, then a field 15 that nobody knows.
-  const std::string bytes = FromHex("10 fbffffffffffffffff01 7a 01 41");
-  KPICfg cfg;
-  ASSERT_TRUE(cfg.ParseFromString(bytes));
-  EXPECT_EQ(static_cast<int>(cfg.type()), -5);
-  EXPECT_EQ(cfg.sub_type(), INVALID);
-  EXPECT_FALSE(KPIType_IsValid(cfg.type()));
-  EXPECT_EQ(cfg.SerializeAsString(), bytes);
-}
-
 TEST(KpiDataSchemaTest, EveryFieldHasItsNumber) {
   EXPECT_EQ(Hex<orbtr::KPIData>(R"(
                 version: V1 blobs { meta {} data: "x" }
