@@ -46,7 +46,17 @@ int StubClient::registerClient(const std::string&, uint32_t, uint32_t, kiv_colle
 int StubClient::sendData(const std::string&, const std::string&, const uint8_t*, uint32_t,
                          const uint8_t*, uint32_t, const uint8_t*, uint32_t) {
   SleepMs(delay_ms_);
+  if (!hold_) return 0;
+  held_ = true;
+  held_.notify_all();
+  hold_.wait(true);
+  held_ = false;
   return 0;
+}
+
+void StubClient::LetUploadsGo() {
+  hold_ = false;
+  hold_.notify_all();
 }
 
 int StubClient::deRegisterClient(const std::string&) { return 0; }

@@ -2,6 +2,7 @@
 // HAL stubbed in process and log output discarded.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -31,10 +32,16 @@ class StubClient : public kivAIDLClient {
   // Completes an announced piece at once, from inside FdWrite.
   void CompleteAnnounces(kiv_collector* collector) { complete_ = collector; }
   void DelayCalls(int ms) { delay_ms_ = ms; }
+  // From now on an upload does not return until it is let go.
+  void HoldUploads() { hold_ = true; }
+  void WaitHeld() { held_.wait(false); }
+  void LetUploadsGo();
 
  private:
   kiv_collector* complete_ = nullptr;
   int delay_ms_ = 0;
+  std::atomic<bool> hold_{false};
+  std::atomic<bool> held_{false};
 };
 
 struct KpiMix {

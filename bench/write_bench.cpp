@@ -5,6 +5,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
@@ -12,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "bench/bench_session.h"
 #include "proto/kpi_data.pb.h"
@@ -24,42 +27,132 @@ struct Item {
   std::string data;
   uint32_t kpi_id;
 };
+constexpr int kQueued = 1024;
 
-// Build and serialize the same record, one allocation, one locked push and
-// notify; somebody drains outside the timed part.
+KpiMix OneCounter() {
+  KpiMix mix;
+  mix.counters = 1;
+  mix.sample_window = 1;
+  return mix;
+}
+
+// Polls; then there is time for the thread that did it to fall asleep.
+template <typename Done>
+void AwaitSleep(Done done) {
+  constexpr std::chrono::microseconds kPoll(50);
+  while (!done()) std::this_thread::sleep_for(kPoll);
+  std::this_thread::sleep_for(kPoll);
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Into an upload that does not return, once it has written what is queued.
+void SendWriterAway(Session* session) {
+  session->client().LetUploadsGo();
+  // An empty file is not sent; the second sample closes the window of the first.
+  for (int i = 0; i < 2; ++i) kiv_log(session->get(), kFirstCounter, 1);
+  AwaitSleep([&] { return session->get()->Pending() == 0; });
+  session->client().HoldUploads();
+  session->get()->Flush();
+  session->client().WaitHeld();
+}
+
+// Build and serialize the same record, one allocation, one locked push and notify.
+void PushOne(std::mutex* mutex, std::condition_variable* cv,
+             std::deque<std::shared_ptr<Item>>* queue) {
+  orbtr::KPIData data;
+  orbtr::Counter* counter = data.add_counters();
+  counter->mutable_meta()->set_kpi_id(1);
+  counter->mutable_meta()->set_ts_start(123456);
+  counter->mutable_meta()->set_ts_end(123457);
+  counter->mutable_meta()->set_num_samples(1);
+  counter->set_count(1);
+  auto item = std::make_shared<Item>();
+  data.SerializeToString(&item->data);
+  item->kpi_id = 1;
+  {
+    std::lock_guard<std::mutex> lock(*mutex);
+    queue->push_back(std::move(item));
+    if (queue->size() > kQueued) queue->clear();
+  }
+  cv->notify_one();
+}
+
 void BM_FloorCloseWindow(benchmark::State& state) {
   std::mutex mutex;
   std::condition_variable cv;
   std::deque<std::shared_ptr<Item>> queue;
-  for (auto _ : state) {
-    orbtr::KPIData data;
-    orbtr::Counter* counter = data.add_counters();
-    counter->mutable_meta()->set_kpi_id(1);
-    counter->mutable_meta()->set_ts_start(123456);
-    counter->mutable_meta()->set_ts_end(123457);
-    counter->mutable_meta()->set_num_samples(1);
-    counter->set_count(1);
-    auto item = std::make_shared<Item>();
-    data.SerializeToString(&item->data);
-    item->kpi_id = 1;
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      queue.push_back(std::move(item));
-      if (queue.size() > 1024) queue.clear();
-    }
-    cv.notify_one();
-  }
+  for (auto _ : state) PushOne(&mutex, &cv, &queue);
 }
 BENCHMARK(BM_FloorCloseWindow);
 
+// Somebody drains outside the timed part here, too: the writer is with the HAL
+// while windows close, and then catches up.
 void BM_CloseWindow(benchmark::State& state) {
-  KpiMix mix;
-  mix.counters = 1;
-  mix.sample_window = 1;
-  Session session(mix);
+  Session session(OneCounter());
+  int queued = kQueued;
+  for (auto _ : state) {
+    if (++queued > kQueued) {
+      state.PauseTiming();
+      SendWriterAway(&session);
+      queued = 1;
+      state.ResumeTiming();
+    }
+    kiv_log(session.get(), kFirstCounter, 1);
+  }
+  session.client().LetUploadsGo();
+}
+BENCHMARK(BM_CloseWindow)->Iterations(8 * kQueued);
+
+// The same while the writer writes and the disk interrupts.
+void BM_CloseWindowBesideDisk(benchmark::State& state) {
+  Session session(OneCounter());
   for (auto _ : state) kiv_log(session.get(), kFirstCounter, 1);
 }
-BENCHMARK(BM_CloseWindow)->Iterations(20000);
+BENCHMARK(BM_CloseWindowBesideDisk)->Iterations(20000);
+
+// The floor's consumer sleeps, and each push wakes it.
+void BM_FloorCloseWindowAsleep(benchmark::State& state) {
+  std::mutex mutex;
+  std::condition_variable cv;
+  std::deque<std::shared_ptr<Item>> queue;
+  bool stop = false;
+  std::atomic<bool> idle{false};
+  std::thread consumer([&] {
+    std::unique_lock<std::mutex> lock(mutex);
+    while (!stop) {
+      queue.clear();
+      idle = true;
+      cv.wait(lock);
+    }
+  });
+  for (auto _ : state) {
+    AwaitSleep([&] { return idle.exchange(false); });
+    const auto start = std::chrono::steady_clock::now();
+    PushOne(&mutex, &cv, &queue);
+    state.SetIterationTime(SecondsSince(start));
+  }
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    stop = true;
+  }
+  cv.notify_one();
+  consumer.join();
+}
+BENCHMARK(BM_FloorCloseWindowAsleep)->Iterations(1000)->UseManualTime();
+
+void BM_CloseWindowAsleep(benchmark::State& state) {
+  Session session(OneCounter());
+  for (auto _ : state) {
+    AwaitSleep([&] { return session.get()->Pending() == 0; });
+    const auto start = std::chrono::steady_clock::now();
+    kiv_log(session.get(), kFirstCounter, 1);
+    state.SetIterationTime(SecondsSince(start));
+  }
+}
+BENCHMARK(BM_CloseWindowAsleep)->Iterations(1000)->UseManualTime();
 
 // --- Records of 200 bytes to disk. ---
 constexpr uint32_t kRecordBytes = 200;

@@ -21,8 +21,8 @@ int Counter::Serialize() {
     LOGI("numSamples < 1, so skipping");
     return 0;
   }
-  orbtr::KPIData& data = serializer->EmptyRecord();
-  orbtr::Counter* counter = data.add_counters();
+  orbtr::KPIData& data = serializer->CounterRecord();
+  orbtr::Counter* counter = data.mutable_counters(0);
   fillMeta(counter->mutable_meta());
   counter->set_count(static_cast<uint64_t>(sum));
   return WriteWindow(data);

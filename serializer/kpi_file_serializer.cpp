@@ -17,6 +17,9 @@ namespace {
 
 constexpr uint32_t kFlushKpiId = 0xFFFFFFFF;
 constexpr uint32_t kRawKpiId = 0;
+// What is kept for the next records: enough for a thousand windows that close together.
+constexpr size_t kSparesMax = 1024;
+constexpr size_t kSpareBytesMax = 256;
 constexpr char kThreadName[] = "orb_writer";  // At most 15 characters.
 
 // The first record of a file.
@@ -52,19 +55,29 @@ int KPIFileSerializer::Initialize(const char* cacheDir, unsigned int sizeThresho
 }
 
 int KPIFileSerializer::Write(orbtr::KPIData& data, unsigned int kpiId) {
-  auto item = std::make_shared<kpiDataStruct>();
-  data.SerializeToString(&item->data);
-  item->kpiId = kpiId;
-  item->samples = SamplesOf(data);
-  Push(std::move(item));
+  {
+    orb::MutexLock lock(queueMutex);
+    std::shared_ptr<kpiDataStruct> item = TakeItem();
+    // As SerializeToString would, without its stream and its growth of the string.
+    item->data.resize(data.ByteSizeLong());
+    data.SerializeWithCachedSizesToArray(reinterpret_cast<uint8_t*>(item->data.data()));
+    item->kpiId = kpiId;
+    item->samples = SamplesOf(data);
+    Push(std::move(item));
+  }
+  queueCv.NotifyOne();
   return 0;
 }
 
 int KPIFileSerializer::WriteBuf(const unsigned char* buf, unsigned int len) {
-  auto item = std::make_shared<kpiDataStruct>();
-  if (len != 0) item->data.assign(reinterpret_cast<const char*>(buf), len);
-  item->kpiId = kRawKpiId;
-  Push(std::move(item));
+  {
+    orb::MutexLock lock(queueMutex);
+    std::shared_ptr<kpiDataStruct> item = TakeItem();
+    if (len != 0) item->data.assign(reinterpret_cast<const char*>(buf), len);
+    item->kpiId = kRawKpiId;
+    Push(std::move(item));
+  }
+  queueCv.NotifyOne();
   return 0;
 }
 
@@ -112,42 +125,51 @@ void KPIFileSerializer::LeaveFiles() {
 }
 
 void KPIFileSerializer::addFlushToQueue() {
-  Push(std::make_shared<kpiDataStruct>(kpiDataStruct{kFlush, kFlushKpiId}));
-}
-
-void KPIFileSerializer::Push(std::shared_ptr<kpiDataStruct> item) {
   {
     orb::MutexLock lock(queueMutex);
-    queued.depth = orb::CheckedAdd<uint64_t>(queued.depth, 1);
-    queued.depth_max = std::max(queued.depth_max, queued.depth);
-    queued.samples = orb::CheckedAdd<uint64_t>(queued.samples, item->samples);
-    queue.push_back(std::move(item));
+    Push(std::make_shared<kpiDataStruct>(kpiDataStruct{kFlush, kFlushKpiId}));
   }
   queueCv.NotifyOne();
 }
 
-std::shared_ptr<kpiDataStruct> KPIFileSerializer::NextItem() {
+void KPIFileSerializer::Push(std::shared_ptr<kpiDataStruct> item) {
+  queued.depth = orb::CheckedAdd<uint64_t>(queued.depth, 1);
+  queued.depth_max = std::max(queued.depth_max, queued.depth);
+  queued.samples = orb::CheckedAdd<uint64_t>(queued.samples, item->samples);
+  queue.push_back(std::move(item));
+}
+
+std::shared_ptr<kpiDataStruct> KPIFileSerializer::TakeItem() {
+  if (spares.empty()) return std::make_shared<kpiDataStruct>();
+  std::shared_ptr<kpiDataStruct> item = std::move(spares.back());
+  spares.pop_back();
+  return item;
+}
+
+void KPIFileSerializer::ItemDone(std::shared_ptr<kpiDataStruct> item) {
+  if (item == nullptr) return;
+  queued.depth = orb::CheckedSub<uint64_t>(queued.depth, 1);
+  queued.samples = orb::CheckedSub<uint64_t>(queued.samples, item->samples);
+  if (spares.size() >= kSparesMax || item->data.capacity() > kSpareBytesMax) return;
+  item->data.clear();
+  item->samples = 0;
+  spares.push_back(std::move(item));
+}
+
+std::shared_ptr<kpiDataStruct> KPIFileSerializer::NextItem(std::shared_ptr<kpiDataStruct> done) {
   size_t length;
   std::shared_ptr<kpiDataStruct> item;
   {
     orb::MutexLock lock(queueMutex);
-    ItemDone();
+    ItemDone(std::move(done));
     while (queue.empty() && !stopWriter) queueCv.Wait(queueMutex);
     if (stopWriter) return nullptr;
     length = queue.size();
     item = std::move(queue.front());
     queue.pop_front();
-    itemOut = true;
-    itemSamples = item->samples;
   }
   LOGD("%s: q size: %d", "writer_func", static_cast<int>(length));
   return item;
-}
-
-void KPIFileSerializer::ItemDone() {
-  if (!std::exchange(itemOut, false)) return;
-  queued.depth = orb::CheckedSub<uint64_t>(queued.depth, 1);
-  queued.samples = orb::CheckedSub<uint64_t>(queued.samples, itemSamples);
 }
 
 KPISerializer::Backlog KPIFileSerializer::backlog() {
@@ -157,14 +179,15 @@ KPISerializer::Backlog KPIFileSerializer::backlog() {
 
 void KPIFileSerializer::writer_func() {
   pthread_setname_np(pthread_self(), kThreadName);
-  while (const auto item = NextItem()) prepare_file(*item);
+  std::shared_ptr<kpiDataStruct> item;
+  while ((item = NextItem(std::move(item))) != nullptr) prepare_file(*item);
   // What was queued before the stop; callers need not wait while it is written.
   std::deque<std::shared_ptr<kpiDataStruct>> rest;
   {
     orb::MutexLock lock(queueMutex);
     rest.swap(queue);
   }
-  for (const auto& item : rest) prepare_file(*item);
+  for (const auto& left : rest) prepare_file(*left);
   orb::MutexLock lock(queueMutex);
   queued.depth = 0;
   queued.samples = 0;

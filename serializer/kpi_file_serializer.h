@@ -21,6 +21,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "serializer/delivery_ledger.h"
 #include "serializer/kpi_serializer.h"
@@ -28,8 +29,8 @@
 
 // One queued record, or a control word.
 struct kpiDataStruct {
-  std::string data;  // A serialized KPIData, or "Flush".
-  uint32_t kpiId;    // Routes the record; 0 for raw buffers, all ones for a flush.
+  std::string data;    // A serialized KPIData, or "Flush".
+  uint32_t kpiId = 0;  // Routes the record; 0 for raw buffers, all ones for a flush.
   uint64_t samples = 0;
 };
 
@@ -80,10 +81,15 @@ class KPIFileSerializer : public KPISerializer {
 
   // Queue and writer thread (kpi_file_serializer.cpp).
   void addFlushToQueue() EXCLUDES(queueMutex);
-  void Push(std::shared_ptr<kpiDataStruct> item) EXCLUDES(queueMutex);
-  // Waits for the next item; null once the writer is to stop. The one before it is done.
-  std::shared_ptr<kpiDataStruct> NextItem() EXCLUDES(queueMutex);
-  void ItemDone() REQUIRES(queueMutex);
+  // The caller notifies the writer when it has let go of the mutex.
+  void Push(std::shared_ptr<kpiDataStruct> item) REQUIRES(queueMutex);
+  // An empty item, used before where there is one: memory that the writer frees
+  // on its own thread is slow to get back on another.
+  std::shared_ptr<kpiDataStruct> TakeItem() REQUIRES(queueMutex);
+  // Waits for the next item; null once the writer is to stop. `done` is the one
+  // before it, or null.
+  std::shared_ptr<kpiDataStruct> NextItem(std::shared_ptr<kpiDataStruct> done) EXCLUDES(queueMutex);
+  void ItemDone(std::shared_ptr<kpiDataStruct> item) REQUIRES(queueMutex);
   void writer_func() EXCLUDES(queueMutex, fileMutex);
 
   // Files (kpi_file_serializer_files.cpp).
@@ -113,9 +119,8 @@ class KPIFileSerializer : public KPISerializer {
   std::deque<std::shared_ptr<kpiDataStruct>> queue GUARDED_BY(queueMutex);
   orb::Mutex queueMutex;
   bool stopWriter GUARDED_BY(queueMutex) = false;
-  Backlog queued GUARDED_BY(queueMutex);            // With the item that is being written.
-  uint64_t itemSamples GUARDED_BY(queueMutex) = 0;  // Of that item.
-  bool itemOut GUARDED_BY(queueMutex) = false;      // There is one.
+  std::vector<std::shared_ptr<kpiDataStruct>> spares GUARDED_BY(queueMutex);
+  Backlog queued GUARDED_BY(queueMutex);  // With the item that is being written.
   orb::CondVar queueCv;
   std::thread writerThread;
   std::string cacheDir GUARDED_BY(fileMutex);

@@ -30,6 +30,9 @@ class KPISerializer {
   // keeps its parts, so that a closing window allocates none. Not thread-safe:
   // the collector serializes its KPIs.
   orbtr::KPIData& EmptyRecord();
+  // The same for what most records are: a record of one counter, whose fields are
+  // the last user's, to be set all of them. Clearing would free its metadata.
+  orbtr::KPIData& CounterRecord();
 
   // Accepts one record; kpiId routes it to the LicSNs of that KPI. 0 on success.
   virtual int Write(orbtr::KPIData& data, unsigned int kpiId) = 0;
@@ -91,4 +94,5 @@ class KPISerializer {
 
  private:
   const std::unique_ptr<orbtr::KPIData> record_;
+  const std::unique_ptr<orbtr::KPIData> counterRecord_;
 };
