@@ -1,4 +1,4 @@
-// Tested by tests/serializer/kpi_file_serializer_test.cpp and kpi_memory_serializer_test.cpp.
+// Tested by tests/collector/session_test.cpp.
 #include "serializer/kpi_serializer.h"
 
 #include "proto/kpi_data.pb.h"

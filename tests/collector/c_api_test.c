@@ -1,9 +1,7 @@
 /* The API as a C99 program sees it. Exit code 0, or the line that failed. */
 #include "orb_sdk.h"
 
-#include <stddef.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #define CHECK(condition)                                      \
@@ -13,30 +11,6 @@
       return 1;                                               \
     }                                                         \
   } while (0)
-
-/* The record's layout is part of the interface. */
-typedef char size_is_70[sizeof(kiv_cfg_s) == 70 ? 1 : -1];
-typedef char segment_is_16[sizeof(kiv_blob_segment_t) == 16 ? 1 : -1];
-#define OFFSET(field, want) \
-  typedef char offset_of_##field[offsetof(kiv_cfg_s, field) == (want) ? 1 : -1]
-OFFSET(name, 0);
-OFFSET(registration_arg1, 8);
-OFFSET(data_dir, 12);
-OFFSET(start_session_cb, 20);
-OFFSET(stop_session_cb, 28);
-OFFSET(client_mode, 36);
-OFFSET(hbt, 40);
-OFFSET(allocate_fd, 41);
-OFFSET(fd_slot_size, 42);
-OFFSET(fd_nof_slots, 46);
-OFFSET(fd_arg3, 50);
-OFFSET(fd_arg4, 54);
-OFFSET(custom_session_format, 58);
-OFFSET(header_override, 59);
-OFFSET(header_kind, 60);
-OFFSET(header_version, 61);
-OFFSET(registration_arg2, 65);
-OFFSET(sync_register, 69);
 
 /* Neither no collector at all nor one without a session takes a sample. */
 static int TakesNothing(kiv_collector* c) {

@@ -50,7 +50,7 @@ TEST(ConfTest, LinesDecideValues) {
       {"", "", 0},
       {"nof_kpis_max=7\n", "nof_kpis_max", 7},
       {"register_max_retries = 3", "register_max_retries", 3},
-      {"  time_threshold_max_sec\t =\v600  \r\n", "time_threshold_max_sec", 600},
+      {"  time_threshold_max_sec\t\f =\v600  \r\n", "time_threshold_max_sec", 600},
       {"nof_kpis_max=0\n", "", 0, "nof_kpis_max"},
       {"blob_segments_optimized=off\n", "", 0, "blob_segments_optimized"},
       {"blob_size_min_bytes=8\nblob_size_min_bytes=0\n", "blob_size_min_bytes", 8,
@@ -97,11 +97,6 @@ TEST(ConfTest, PublishedValuesStayAndAreKeptOnce) {
   Load("nof_kpis_max = 7\n");
   EXPECT_EQ(&Conf::Get(), &seven);
   Load("");
-}
-
-TEST(ConfTest, TrimsAllWhitespace) {
-  EXPECT_EQ(Conf::trim(" \n\r\t\f\va b\v \t"), "a b");
-  EXPECT_EQ(Conf::trim(" \n\r\t\f\v"), "");
 }
 
 }  // namespace

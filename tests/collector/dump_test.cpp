@@ -1,6 +1,5 @@
 // The books: every sample is somewhere, and a lost one is lost for a reason.
 #include <filesystem>
-#include <functional>
 #include <future>
 
 #include "tests/collector/collector_fixture.h"
@@ -29,14 +28,6 @@ class DumpTest : public CollectorFixture {
     refuse_start = false;
     cfg_.start_session_cb = OnStart;
   }
-  void UseSlots(uint32_t slots, uint32_t slot_bytes, int completions_inside = 1) {
-    hal_ = std::make_shared<SlotHal>(completions_inside);
-    client_ = hal_;
-    cfg_.hbt = 1;
-    cfg_.allocate_fd = 1;
-    cfg_.fd_nof_slots = slots;
-    cfg_.fd_slot_size = slot_bytes;
-  }
   // Windows of two samples for the listed owners; keys for `keys`.
   int Start(const std::vector<uint64_t>& owners, std::vector<LicInfo> keys, bool encrypt = false) {
     LTCCampaignDef def =
@@ -47,9 +38,20 @@ class DumpTest : public CollectorFixture {
     for (const uint64_t owner : owners) AddLicSn(&def, owner, encrypt, {1, 2, 3, 4});
     return collector_->StartSession(MakeConfig(def, std::move(keys)));
   }
-  void StartFiles() {
+  void StartFiles(const std::vector<uint64_t>& owners = {42},
+                  const std::vector<LicInfo>& keys = {MakeLicInfo(42)}, bool encrypt = false) {
     MakeRegistered();
-    ASSERT_EQ(Start({42}, {MakeLicInfo(42)}), 0);
+    EXPECT_EQ(Start(owners, keys, encrypt), refuse_start ? -5 : 0);
+  }
+  void StartSlots(uint32_t slots, int completions_inside = 1) {
+    client_ = hal_ = std::make_shared<SlotHal>(completions_inside);
+    cfg_.hbt = 1;
+    cfg_.allocate_fd = 1;
+    cfg_.fd_nof_slots = slots;
+    cfg_.fd_slot_size = 64;
+    MakeRegistered();
+    hal_->Serve(collector_.get());
+    EXPECT_EQ(Start({42}, {MakeLicInfo(42)}), refuse_start ? -5 : 0);
   }
   void LogCounter(int samples, uint32_t kpi = kCounter) {
     for (int i = 0; i < samples; ++i) EXPECT_EQ(collector_->Log(kpi, 1u), 0);
@@ -71,96 +73,129 @@ class DumpTest : public CollectorFixture {
     }
   }
 
+  // Ends the session: it lost so many samples, and owner 42's others arrived. Then
+  // clears away what would be left for the next one.
+  void EndWith(const char* lost, uint64_t samples, uint64_t sent = 0) {
+    collector_->StopSession();
+    const DumpLines dump = Dump();
+    EXPECT_EQ(dump.Number(lost, "samples"), samples) << lost << "\n" << collector_->Dump();
+    EXPECT_EQ(dump.Number("owner.42.sent", "samples"), sent) << lost << "\n" << collector_->Dump();
+    ExpectBalance(dump);
+    Destroy();
+    client_ = std::make_shared<FakeAidlClient>();
+    std::filesystem::remove_all(data_dir_);
+    std::filesystem::create_directory(data_dir_);
+  }
+
   std::shared_ptr<SlotHal> hal_;
 };
 
-// What a case leaves in the books once the session is over.
-struct LossCase {
-  const char* name;
-  std::function<void()> run;  // From registration to the end of the session.
-  const char* key;
-  uint64_t samples;
-  uint64_t sent = 0;  // Of owner 42.
-};
+TEST_F(DumpTest, CountsWhatFilesLoseByCause) {
+  StartFiles();
+  LogCounter(5);
+  EndWith("owner.42.lost", 0, 5);
 
-class LossTest : public DumpTest {
- protected:
-  void Check(const std::vector<LossCase>& cases) {
-    for (const LossCase& c : cases) {
-      SCOPED_TRACE(c.name);
-      Destroy();
-      client_ = std::make_shared<FakeAidlClient>();
-      std::filesystem::remove_all(data_dir_);
-      std::filesystem::create_directory(data_dir_);
-      c.run();
-      collector_->StopSession();
-      const DumpLines dump = Dump();
-      EXPECT_EQ(dump.Number(c.key, "samples"), c.samples) << collector_->Dump();
-      EXPECT_EQ(dump.Number("owner.42.sent", "samples"), c.sent) << collector_->Dump();
-      ExpectBalance(dump);
-    }
-  }
-};
+  StartFiles();
+  EXPECT_EQ(LogBlob(200), -1);
+  EndWith("owner.42.lost.oversize", 1);
 
-TEST_F(LossTest, OfFilesAreCountedByCause) {
-  const auto with = [this](std::function<void()> body) {
-    return [this, body] {
-      StartFiles();
-      body();
-    };
-  };
-  const auto four_for = [this](std::vector<uint64_t> owners, std::vector<LicInfo> keys,
-                               bool encrypt = false) {
-    return [=, this] {
-      MakeRegistered();
-      ASSERT_EQ(Start(owners, keys, encrypt), 0);
-      LogCounter(4);
-    };
-  };
+  StartFiles();
   const kiv_blob_segment_t segment{Bytes("abc"), 3};
-  Check({
-      {"nothing lost", with([&] { LogCounter(5); }), "owner.42.lost", 0, 5},
-      {"blob too long", with([&] { EXPECT_EQ(LogBlob(200), -1); }), "owner.42.lost.oversize", 1},
-      {"scattered blob", with([&] { EXPECT_EQ(collector_->Log(kBlob, &segment, 1), -1); }),
-       "owner.42.lost.encode", 1},
-      {"gauge of one sample", with([&] { LogCounter(3, kGauge); }), "owner.42.lost.no_record", 1,
-       2},
-      {"states", with([&] { EXPECT_EQ(collector_->LogState(kState, 1, 2), 0); }),
-       "owner.42.lost.no_record", 1},
-      {"HAL refuses one of two", with([&] {
-         client_->Fail("sendData", 1, 1);
-         LogAndWrite(3);
-         collector_->Flush();
-       }),
-       "owner.42.lost.hal", 2, 1},
-      {"owner stopped", with([&] {
-         LogAndWrite(3);
-         collector_->StopSessionForLicSN(42);
-         LogCounter(1, kUnlisted);
-       }),
-       "owner.42.lost.stopped", 2, 2},
-      {"file removed under it", with([&] {
-         LogAndWrite(3);
-         std::filesystem::remove(data_dir_ + "/radio-42.tmp");
-       }),
-       "owner.42.lost.unreadable", 3},
-      {"an owner without a file", four_for({42, 77}, {MakeLicInfo(42)}), "owner.77.lost.no_file", 4,
-       4},
-      {"no owner at all", four_for({}, {}), "owner.0.lost.no_owner", 4},
-      {"no key", four_for({42}, {MakeLicInfo(42)}, true), "owner.42.lost.no_key", 4},
-      {"an unusable key", four_for({42}, {MakeLicInfo(42, "no PEM", 1, 2)}, true),
-       "owner.42.lost.encrypt", 4},
-      {"a start that was refused",
-       [&] {
-         MakeRegistered();
-         refuse_start = true;
-         EXPECT_EQ(Start({42}, {MakeLicInfo(42)}), -5);
-         LogCounter(5);
-         refuse_start = false;
-         ASSERT_EQ(Start({42}, {MakeLicInfo(42)}), 0);
-       },
-       "owner.42.lost.dropped", 1, 4},
-  });
+  EXPECT_EQ(collector_->Log(kBlob, &segment, 1), -1);
+  EndWith("owner.42.lost.encode", 1);
+
+  StartFiles();
+  LogCounter(3, kGauge);
+  EndWith("owner.42.lost.no_record", 1, 2);
+
+  StartFiles();
+  EXPECT_EQ(collector_->LogState(kState, 1, 2), 0);
+  EndWith("owner.42.lost.no_record", 1);
+
+  StartFiles();
+  client_->Fail("sendData", 1, 1);
+  LogAndWrite(3);
+  collector_->Flush();
+  EndWith("owner.42.lost.hal", 2, 1);
+
+  StartFiles();
+  LogAndWrite(3);
+  collector_->StopSessionForLicSN(42);
+  LogCounter(1, kUnlisted);
+  EndWith("owner.42.lost.stopped", 2, 2);
+
+  StartFiles();
+  LogAndWrite(3);
+  std::filesystem::remove(data_dir_ + "/radio-42.tmp");
+  EndWith("owner.42.lost.unreadable", 3);
+
+  StartFiles({42, 77}, {MakeLicInfo(42)});
+  LogCounter(4);
+  EndWith("owner.77.lost.no_file", 4, 4);
+
+  StartFiles({}, {});
+  LogCounter(4);
+  EndWith("owner.0.lost.no_owner", 4);
+
+  StartFiles({42}, {MakeLicInfo(42)}, true);
+  LogCounter(4);
+  EndWith("owner.42.lost.no_key", 4);
+
+  StartFiles({42}, {MakeLicInfo(42, "no PEM", 1, 2)}, true);
+  LogCounter(4);
+  EndWith("owner.42.lost.encrypt", 4);
+
+  refuse_start = true;
+  StartFiles();
+  LogCounter(5);
+  refuse_start = false;
+  EXPECT_EQ(Start({42}, {MakeLicInfo(42)}), 0);
+  EndWith("owner.42.lost.dropped", 1, 4);
+}
+
+TEST_F(DumpTest, CountsWhatSlotsLoseByCause) {
+  StartSlots(4);
+  LogCounter(40);
+  EndWith("owner.42.lost", 0, 40);
+
+  StartSlots(4);
+  client_->Fail("FdWrite", 1, 1);
+  LogCounter(3);
+  collector_->Flush();
+  EndWith("owner.42.lost.slot_refused", 2, 1);
+
+  StartSlots(1);
+  EXPECT_EQ(LogBlob(90), -1);
+  EndWith("owner.42.lost.oversize", 1);
+
+  StartSlots(4);
+  const kiv_blob_segment_t without_bytes{nullptr, 3};
+  EXPECT_EQ(collector_->Log(kBlob, &without_bytes, 1), -1);
+  EndWith("owner.42.lost.encode", 1);
+
+  StartSlots(1, 0);  // And it stays with the HAL.
+  LogCounter(3);
+  collector_->Flush();
+  EXPECT_EQ(Dump().Number("owner.42.under_way", "samples"), 2u);
+  EXPECT_EQ(Dump().Number("queue", "depth"), 1u);
+  LogCounter(4);
+  hal_->Complete(0);
+  EXPECT_EQ(Dump().Number("queue", "depth_max"), 1u);
+  // The end of the session fills the slot again and waits for it.
+  auto stopped = std::async(std::launch::async, [this] { return collector_->StopSession(); });
+  ASSERT_TRUE(WaitFor([&] { return hal_->Slots().size() == 2; }));
+  hal_->Complete(1);
+  EXPECT_EQ(stopped.get(), 0);
+  EndWith("owner.42.lost.no_slot", 4, 3);
+
+  refuse_start = true;
+  StartSlots(4, 0);
+  LogCounter(9);  // Three records fill a slot: the fourth announces it.
+  EXPECT_EQ(Dump().Number("owner.42.under_way", "samples"), 6u);
+  refuse_start = false;
+  EXPECT_EQ(Start({42}, {MakeLicInfo(42)}), 0);
+  EXPECT_EQ(Dump().Number("owner.42.lost.dropped", "samples"), 3u);
+  EndWith("owner.42.lost.unconfirmed", 6);
 }
 
 // A record in part, and what comes behind it until the file is sent.
@@ -197,65 +232,6 @@ TEST_F(DumpTest, FilesOfAnEarlierProcessAreNobodysSamples) {
     EXPECT_EQ(dump.Number("recovered.lost.hal", "events"), arrives ? 0u : 1u);
     ExpectBalance(dump);
   }
-}
-
-TEST_F(LossTest, OfSlotsAreCountedByCause) {
-  const auto with = [this](uint32_t slots, int completions_inside, std::function<void()> body) {
-    return [=, this] {
-      UseSlots(slots, 64, completions_inside);
-      MakeRegistered();
-      hal_->Serve(collector_.get());
-      EXPECT_EQ(Start({42}, {MakeLicInfo(42)}), refuse_start ? -5 : 0);
-      body();
-    };
-  };
-  const kiv_blob_segment_t without_bytes{nullptr, 3};
-  Check({
-      {"nothing lost", with(4, 1, [&] { LogCounter(40); }), "owner.42.lost", 0, 40},
-      {"the HAL refuses a slot",
-       with(4, 1,
-            [&] {
-              client_->Fail("FdWrite", 1, 1);
-              LogCounter(3);
-              collector_->Flush();
-            }),
-       "owner.42.lost.slot_refused", 2, 1},
-      {"all slots with the HAL",
-       with(1, 0,
-            [&] {
-              LogCounter(3);
-              collector_->Flush();
-              EXPECT_EQ(Dump().Number("owner.42.under_way", "samples"), 2u);
-              EXPECT_EQ(Dump().Number("queue", "depth"), 1u);
-              LogCounter(4);
-              hal_->Complete(0);
-              EXPECT_EQ(Dump().Number("queue", "depth_max"), 1u);
-              // The end of the session fills the slot again and waits.
-              auto stopped =
-                  std::async(std::launch::async, [this] { return collector_->StopSession(); });
-              ASSERT_TRUE(WaitFor([&] { return hal_->Slots().size() == 2; }));
-              hal_->Complete(1);
-              EXPECT_EQ(stopped.get(), 0);
-            }),
-       "owner.42.lost.no_slot", 4, 3},
-      {"a record beyond the region", with(1, 1, [&] { EXPECT_EQ(LogBlob(90), -1); }),
-       "owner.42.lost.oversize", 1},
-      {"segments that cannot be encoded",
-       with(4, 1, [&] { EXPECT_EQ(collector_->Log(kBlob, &without_bytes, 1), -1); }),
-       "owner.42.lost.encode", 1},
-  });
-  refuse_start = true;
-  Check({{"a start that was refused, with a slot at the HAL",
-          with(4, 0,
-               [&] {
-                 // Three records fill a slot: the fourth announces it.
-                 LogCounter(9);
-                 EXPECT_EQ(Dump().Number("owner.42.under_way", "samples"), 6u);
-                 refuse_start = false;
-                 EXPECT_EQ(Start({42}, {MakeLicInfo(42)}), 0);
-                 EXPECT_EQ(Dump().Number("owner.42.lost.dropped", "samples"), 3u);
-               }),
-          "owner.42.lost.unconfirmed", 6}});
 }
 
 TEST_F(DumpTest, TellsWhatASessionIsDoing) {

@@ -30,20 +30,16 @@ TEST_F(LifecycleTest, RetriesUntilItGivesUp) {
   const std::string failed =
       "radio: MGR registration failed - waiting for -1 seconds before retrying";
   const struct {
-    const char* name;
     const char* retries;
     int failures;
-    uint32_t client_mode;
+    uint32_t client_mode;  // 2: without a client.
     int want;
     size_t want_calls;
     size_t want_failed;
-  } cases[] = {
-      {"at once", "3", 0, 1, 0, 1, 0},      {"third attempt", "3", 2, 0, 0, 3, 2},
-      {"never", "3", 99, 0, -1, 3, 3},      {"one attempt", "1", 99, 0, -1, 1, 1},
-      {"no attempt", "-1", 0, 0, -1, 0, 0}, {"without a client", "3", 0, 2, -1, 0, 3},
-  };
+  } cases[] = {{"3", 0, 1, 0, 1, 0},   {"3", 2, 0, 0, 3, 2},   {"3", 99, 0, -1, 3, 3},
+               {"1", 99, 0, -1, 1, 1}, {"-1", 0, 0, -1, 0, 0}, {"3", 0, 2, -1, 0, 3}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(testing::Message() << c.retries << " retries, " << c.failures << " failures");
     client_ = std::make_shared<FakeAidlClient>();
     client_->Fail("registerClient", 1, c.failures);
     WriteConf(std::string("register_retry_wait_sec=-1\nregister_max_retries=") + c.retries + "\n");

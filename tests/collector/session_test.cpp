@@ -64,14 +64,13 @@ TEST_F(SessionTest, RunsFromStartToStop) {
   ExpectInfo("radio: Recvd Thresholds Size: 4096 Time: 60");
   EXPECT_TRUE(log_.Contains("radio: Recvd KPICfg "));
   ExpectInfo(
-      "generateLicSn2IsvKeyMap: licSN: 42, encryptionPKey:PEM, pKeyEncAlgo:1, "
-      "sKeyEncAlgo:2");
+      "generateLicSn2IsvKeyMap: licSN: 42, encryptionPKey:PEM, pKeyEncAlgo:1, sKeyEncAlgo:2");
   EXPECT_EQ(collector_->IsKPIEnabled(1), 1);
 
   EXPECT_EQ(collector_->StartSession(config), -1);
   ExpectError(
-      "StartSession: radio: StartSession received when an existing session is "
-      "already active - ignored");
+      "StartSession: radio: StartSession received when an existing session is already active - "
+      "ignored");
   EXPECT_EQ(collector_->Log(1, 5u), 0) << "the running session goes on";
   EXPECT_EQ(collector_->StopSession(), 11);
   ExpectInfo("radio: StopSessionLocked called for token - token-1");
@@ -81,8 +80,7 @@ TEST_F(SessionTest, RunsFromStartToStop) {
 
   EXPECT_EQ(collector_->StopSession(), -1);
   ExpectError(
-      "StopSessionLocked: radio: StopSession received when session is not active - "
-      "ignored");
+      "StopSessionLocked: radio: StopSession received when session is not active - ignored");
   EXPECT_EQ(stop_calls, 1);
 }
 
@@ -179,10 +177,15 @@ TEST_F(SessionTest, SerializerThatCannotStartRefusesTheSession) {
   cfg_.data_dir = missing.c_str();
   Make();
   ExpectStart(MakeConfig(MakeCampaign()), -1);
+  ExpectError("handleTmpFile: Failed to open cache dir " + missing +
+              " - err: No such file or directory");
+  ExpectError("KPISerializer::Create: Failed to initialze KPIFileSerializer");
   ExpectError("StartSession: Failed to initialize KPI Serializer");
+  UseSlots(16, 65);
   cfg_.custom_session_format = 1;
-  Make();
+  MakeRegistered();
   ExpectStart(MakeConfig("raw"), -1);
+  ExpectError("KPISerializer::Create: Failed to initialze KPIMemorySerializer");
   ExpectError("StartCustomSession: Failed to initialize KPI Serializer");
 }
 
@@ -200,15 +203,12 @@ TEST_F(SessionTest, SlotsThatTheLibraryDoesNotAllocateAreRefused) {
   cfg_.hbt = 1;
   MakeRegistered();
   ExpectStart(MakeConfig(MakeCampaign()), -1);
-  ExpectError(
-      "c::StartSession: ERROR - non custom session with allocate_fd = 0 - not "
-      "supported");
+  ExpectError("c::StartSession: ERROR - non custom session with allocate_fd = 0 - not supported");
   cfg_.custom_session_format = 1;
   MakeRegistered();
   EXPECT_EQ(collector_->StartSession(MakeConfig("raw")), 0);
   ExpectInfo(
-      "c::StartCustomSession: custom session with allocate_fd = 0 - skip "
-      "initializer kpi_srlzr");
+      "c::StartCustomSession: custom session with allocate_fd = 0 - skip initializer kpi_srlzr");
   EXPECT_EQ(start_payload, "raw");
   EXPECT_EQ(collector_->LogBuf(nullptr, 0), -1) << "there is no serializer";
   EXPECT_EQ(collector_->StopSession(), 11);
@@ -239,13 +239,11 @@ TEST_F(SessionTest, OneLicSnStopsAndStartsAlone) {
   EXPECT_EQ(collector_->StartSessionForLicSN(42), 0);
   ExpectError("StartSessionForLicSN" + refused);
   ASSERT_EQ(collector_->StartSession(MakeConfig(MakeCampaign(), {MakeLicInfo(42)})), 0);
-  log_.Clear();
-  const std::string file = data_dir_ + "/radio-42.tmp";
   EXPECT_EQ(collector_->StopSessionForLicSN(42), 0);
-  EXPECT_NE(access(file.c_str(), F_OK), 0);
+  EXPECT_EQ(ListFiles(data_dir_), std::vector<std::string>{"radio.seq"});
   EXPECT_EQ(collector_->StartSessionForLicSN(42), 0);
-  EXPECT_EQ(access(file.c_str(), F_OK), 0);
-  EXPECT_FALSE(log_.Contains(refused));
+  EXPECT_EQ(ListFiles(data_dir_), (std::vector<std::string>{"radio-42.tmp", "radio.seq"}));
+  EXPECT_EQ(log_.Count(refused), 1u);
   EXPECT_EQ(collector_->StopSessionForLicSN(43), 0);
   ExpectError("StopSessionForLicSN" + refused);
 }

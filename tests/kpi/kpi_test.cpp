@@ -62,10 +62,9 @@ class WindowProbe : public KPI {
  public:
   using KPI::KPI;
   using KPI::numSamples;
-  using KPI::tsEnd;
   using KPI::tsStart;
 
-  int Aggregate(unsigned int value) override { return value == kRejected ? 5 : 0; }
+  int Aggregate(unsigned int) override { return 0; }
   void ResetAggregates() override { ++resets; }
   bool validCfg() override { return true; }
   int Serialize() override {
@@ -73,7 +72,6 @@ class WindowProbe : public KPI {
     return -1;  // Ignored: the window ends either way.
   }
 
-  static constexpr unsigned int kRejected = 13;
   std::vector<uint32_t> closed;  // Samples of each window, as it closed.
   int resets = 0;
 };
@@ -137,34 +135,6 @@ TEST_F(KpiWindowTest, TimeWindowEndsAtItsLastMillisecond) {
     EXPECT_EQ(kpi.closed.size(), c.closes ? 1u : 0u);
     EXPECT_EQ(kpi.numSamples, c.closes ? 1u : 2u);
   }
-}
-
-TEST_F(KpiWindowTest, ARejectedSampleCountsNothingButMayCloseTheWindow) {
-  WindowProbe kpi = Make(WithSampleWindow(NumericCfg(COUNTER), 1));
-  kpi.AddSample(1);
-  for (int i = 0; i < 2; ++i) {
-    clock_.AdvanceSteady(milliseconds(700));
-    kpi.AddSample(WindowProbe::kRejected);
-    EXPECT_EQ(kpi.closed, std::vector<uint32_t>{1});
-    EXPECT_EQ(kpi.numSamples, 0u);
-    EXPECT_EQ(kpi.tsEnd, KPI::TimePoint(milliseconds(1950)));
-  }
-}
-
-TEST_F(KpiWindowTest, MetadataCarriesTenthsOfASecond) {
-  WindowProbe kpi = Make(WithTimeWindow(NumericCfg(COUNTER), 60'000));
-  kpi.AddSample(1);
-  clock_.AdvanceSteady(milliseconds(849));
-  kpi.AddSample(1);
-  orbtr::MetaData meta;
-  kpi.fillMeta(&meta);
-  EXPECT_EQ(Text(meta), " 7 12..20 x2");
-  EXPECT_EQ(meta.meta_param_5(), 0u);
-  EXPECT_EQ(meta.meta_values_6_size(), 0);
-  kpi.ResetWindow(KPI::TimePoint(milliseconds(-1250)));
-  kpi.fillMeta(&meta);
-  EXPECT_EQ(Text(meta), " 7 -12..-12 x0");
-  EXPECT_EQ(kpi.resets, 0);
 }
 
 TEST_F(KpiWindowTest, OverflowAborts) {

@@ -2,12 +2,13 @@
 
 #include <unistd.h>
 
+#include <filesystem>
 #include <map>
+#include <thread>
 
 #include "proto/kpi_data.pb.h"
 #include "tests/collector/collector_fixture.h"
 #include "tests/collector/gunzip.h"
-#include "tests/serializer/serializer_load.h"
 #include "tests/support/file_size_limit.h"
 
 namespace orb::test {
@@ -241,30 +242,6 @@ TEST_F(FileSerializerTest, WithoutItsDirectoryALicSnHasNoFile) {
   EXPECT_EQ(Sent(42), "after");
 }
 
-TEST_F(FileSerializerTest, CreationFailsWithoutADirectoryOrWithTooManySlots) {
-  MakeRegistered();
-  const std::string missing = dir_.path() + "/missing";
-  EXPECT_EQ(KPISerializer::Create({1, 4096, 4, missing.c_str(), collector_.get()}), nullptr);
-  ExpectError("handleTmpFile: Failed to open cache dir " + missing +
-              " - err: No such file or directory");
-  ExpectError("KPISerializer::Create: Failed to initialze KPIFileSerializer");
-  EXPECT_EQ(KPISerializer::Create({1, 4096, 4, nullptr, collector_.get()}), nullptr);
-  EXPECT_EQ(KPISerializer::Create({2, 4096, 65, nullptr, collector_.get()}), nullptr);
-  ExpectError("KPISerializer::Create: Failed to initialze KPIMemorySerializer");
-}
-
-TEST_F(FileSerializerTest, AFullDiskKeepsThePartThatFits) {
-  OpenFor42();
-  {
-    const FileSizeLimit full(kPrefixBytes + 4);
-    Log("0123456789");
-    EXPECT_TRUE(log_.WaitFor("add_to_file: error writing to file"));
-  }
-  Log("next");
-  files_->Finalize();
-  EXPECT_EQ(Sent(42), "0123next");
-}
-
 TEST_F(FileSerializerTest, NoRecordFollowsHalfAHeader) {
   OpenFor42();
   {
@@ -278,21 +255,6 @@ TEST_F(FileSerializerTest, NoRecordFollowsHalfAHeader) {
   files_->Finalize();
   EXPECT_EQ(Sent(42), "next") << "under its own name, with a whole header";
   EXPECT_EQ(client_->Count("sendData"), 1u);
-}
-
-TEST_F(FileSerializerTest, LosesNothingUnderLoad) {
-  StartSession({{7, {}}, {42, {}}});
-  Open(500);
-  auto threads = StartWriters([this](const std::string& record, int) { Log(record); });
-  for (uint32_t i = 0; i < 10; ++i) {
-    files_->DisableLicSN(7);
-    files_->UpdateConfig(KIV_PARAM_SIZE_THRESHOLD, 300 + 20 * i);
-    files_->Flush();
-    files_->EnableLicSN(7);
-  }
-  for (std::thread& thread : threads) thread.join();
-  files_->Finalize();
-  ExpectAllInOrder(Sent(42));
 }
 
 // The context switches of this process's writer threads.
@@ -319,18 +281,6 @@ TEST_F(FileSerializerTest, TheWriterSleepsWhileThereIsNothingToDo) {
     return now == last;
   }));
   EXPECT_EQ(last.size(), 2u) << "the session's and this one";
-}
-
-TEST_F(FileSerializerTest, RoundsLeaveNoDescriptorAndNoThread) {
-  StartSession({{7, {}}, {42, {}}});
-  const size_t descriptors = OpenDescriptors();
-  for (int round = 0; round < 50; ++round) {
-    Open();
-    if (round % 2 == 0) files_->Finalize();
-    files_.reset();
-  }
-  EXPECT_EQ(OpenDescriptors(), descriptors);
-  EXPECT_EQ(WriterThreads().size(), 1u) << "the session's";
 }
 
 }  // namespace

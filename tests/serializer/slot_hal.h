@@ -2,7 +2,8 @@
 // and as often as a test wants. Thread-safe.
 #pragma once
 
-#include <sys/mman.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <map>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include "collector/kiv_collector.h"
 #include "tests/support/fake_aidl_client.h"
+#include "utility/unique_fd.h"
 
 namespace orb::test {
 
@@ -23,18 +25,13 @@ class SlotHal : public FakeAidlClient {
 
   // Completes every piece that it takes inside its announcement, this many times; 0: when asked.
   explicit SlotHal(int completions_inside = 0) : completions_inside_(completions_inside) {}
-  ~SlotHal() override {
-    for (const auto& [token, region] : regions_) munmap(region.base, region.bytes);
-  }
 
   int setupFD(int fd, uint32_t offset, uint32_t length, const std::string& token,
               uint32_t* fdToken) override {
     const int result = FakeAidlClient::setupFD(fd, offset, length, token, fdToken);
-    if (result != 0) return result;
-    void* base = mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, offset);
     MutexLock lock(mutex_);
-    regions_[*fdToken] = {base, length};
-    return 0;
+    if (result == 0) regions_[*fdToken].reset(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+    return result;
   }
 
   int FdWrite(const std::string& token, uint32_t fdToken, const std::string& name,
@@ -43,24 +40,19 @@ class SlotHal : public FakeAidlClient {
     const int result =
         FakeAidlClient::FdWrite(token, fdToken, name, header, offset, size, compress);
     if (result != 0) return result;
+    std::string bytes(size, '?');
     {
       MutexLock lock(mutex_);
-      const char* base = static_cast<const char*>(regions_.at(fdToken).base);
-      slots_.push_back({fdToken, offset, std::string(base + offset, size)});
+      if (pread(regions_.at(fdToken).get(), bytes.data(), size, offset) != ssize_t{size}) return -1;
+      slots_.push_back({fdToken, offset, bytes});
     }
     for (int i = 0; i < completions_inside_; ++i) collector_->FdWriteDone(fdToken, offset, size, 0);
     return result;
   }
 
   int UnsetFD(const std::string& token, uint32_t fdToken) override {
-    {
-      MutexLock lock(mutex_);
-      const auto it = regions_.find(fdToken);
-      if (it != regions_.end()) {
-        munmap(it->second.base, it->second.bytes);
-        regions_.erase(it);
-      }
-    }
+    MutexLock lock(mutex_);
+    regions_.erase(fdToken);
     return FakeAidlClient::UnsetFD(token, fdToken);
   }
 
@@ -82,14 +74,10 @@ class SlotHal : public FakeAidlClient {
   }
 
  private:
-  struct Region {
-    void* base;
-    size_t bytes;
-  };
   const int completions_inside_;
   kiv_collector* collector_ = nullptr;
   mutable Mutex mutex_;
-  std::map<uint32_t, Region> regions_ GUARDED_BY(mutex_);
+  std::map<uint32_t, UniqueFd> regions_ GUARDED_BY(mutex_);
   std::vector<Slot> slots_ GUARDED_BY(mutex_);
 };
 

@@ -4,7 +4,6 @@
 #include <stdlib.h>
 #include <time.h>
 
-#include <map>
 #include <memory>
 #include <string>
 
@@ -21,61 +20,33 @@ Bytes Slice(const TelemetryHeader& header, size_t offset, size_t count) {
   return Bytes(all.begin() + offset, all.begin() + offset + count);
 }
 
-TEST(TelemetryHeaderTest, ConstantsAndNothingElse) {
-  TelemetryHeader header;
-  header.SetConstantItems();
-  Bytes want(66, 0);
-  want[3] = 9;
-  want[7] = 66;
-  want[29] = 1;
-  EXPECT_EQ(header.GetHeader(), want);
-}
-
 TEST(TelemetryHeaderTest, ItemsLieWhereReceiversLook) {
   constexpr uint64_t kValue = 0x1122334455667788;
-  struct Item {
-    size_t offset = 0;
-    size_t bytes = 0;  // 0: cannot be set.
-    bool readable = false;
-  };
-  // 9, the time stamp, can only be read.
-  const std::map<int, Item> items = {{-1, {}},
-                                     {0, {}},
-                                     {1, {8, 4, true}},
-                                     {2, {41, 8, true}},
-                                     {3, {53, 8, true}},
-                                     {4, {25, 4}},
-                                     {5, {49, 4}},
-                                     {6, {12, 1}},
-                                     {7, {13, 4}},
-                                     {8, {30, 1}},
-                                     {9, {0, 0, true}},
-                                     {10, {61, 1, true}},
-                                     {11, {62, 4, true}},
-                                     {12, {}}};
-  for (const auto& [item, place] : items) {
+  const struct {
+    int item;
+    size_t offset;
+    size_t bytes;  // 0: cannot be set.
+    bool readable;
+  } cases[] = {{-1, 0, 0, false}, {0, 0, 0, false},  {1, 8, 4, true},   {2, 41, 8, true},
+               {3, 53, 8, true},  {4, 25, 4, false}, {5, 49, 4, false}, {6, 12, 1, false},
+               {7, 13, 4, false}, {8, 30, 1, false}, {9, 0, 0, true},   {10, 61, 1, true},
+               {11, 62, 4, true}, {12, 0, 0, false}};
+  for (const auto& c : cases) {
     orb::LogCapture log;
     TelemetryHeader header;
-    header.SetItem(item, kValue);
+    header.SetItem(c.item, kValue);
     Bytes want(66, 0);
     uint64_t want_read = 0;
-    for (size_t i = 0; i < place.bytes; ++i) {
-      const auto byte = static_cast<uint8_t>(kValue >> 8 * (place.bytes - 1 - i));
-      want[place.offset + i] = byte;
-      want_read = want_read << 8 | byte;
+    for (size_t i = 0; i < c.bytes; ++i) {
+      want[c.offset + i] = static_cast<uint8_t>(kValue >> 8 * (c.bytes - 1 - i));
+      want_read = want_read << 8 | want[c.offset + i];
     }
-    EXPECT_EQ(header.GetHeader(), want) << item;
-    EXPECT_EQ(header.GetItem(item), place.readable ? want_read : UINT64_MAX) << item;
-    const std::string unknown = "Item: unknown CfgItem " + std::to_string(item) + "\n";
-    EXPECT_EQ(log.Dump(), (place.bytes != 0 ? "" : "6 orb_sdk: Set" + unknown) +
-                              (place.readable ? "" : "6 orb_sdk: Get" + unknown));
+    EXPECT_EQ(header.GetHeader(), want) << c.item;
+    EXPECT_EQ(header.GetItem(c.item), c.readable ? want_read : UINT64_MAX) << c.item;
+    const std::string unknown = "Item: unknown CfgItem " + std::to_string(c.item) + "\n";
+    EXPECT_EQ(log.Dump(), (c.bytes != 0 ? "" : "6 orb_sdk: Set" + unknown) +
+                              (c.readable ? "" : "6 orb_sdk: Get" + unknown));
   }
-}
-
-uint64_t Stamp() {
-  TelemetryHeader header;
-  header.SetTimestampItems();
-  return header.GetItem(TelemetryHeader::HDR_ITEM_TIMESTAMP);
 }
 
 TEST(ClockTest, WallClocksAgreeAndHtonllReversesBytes) {
@@ -83,6 +54,12 @@ TEST(ClockTest, WallClocksAgreeAndHtonllReversesBytes) {
   EXPECT_GE(static_cast<int64_t>(veskstats_real_time_ms() / 1000), before_s);
   EXPECT_LE(static_cast<int64_t>(veskstats_real_time_ms() / 1000), curr_ts());
   EXPECT_EQ(htonll(0x0102030405060708u), 0x0807060504030201u);
+}
+
+uint64_t Stamp() {
+  TelemetryHeader header;
+  header.SetTimestampItems();
+  return header.GetItem(TelemetryHeader::HDR_ITEM_TIMESTAMP);
 }
 
 TEST(TelemetryHeaderTest, StampsRepeatOnceThenCountOn) {
