@@ -47,7 +47,8 @@ inline constexpr int kLoadPhases = 2;
 
 struct LoadCounts {
   LoadCount kpis[kLoadPhases][kLoadKpiCount];
-  std::atomic<uint64_t> lives;  // Processes that have logged.
+  LoadCount earlier[kLoadKpiCount];  // Of both phases, before the client's last registration.
+  std::atomic<uint64_t> lives;       // Processes that have logged.
 };
 
 }  // namespace orb::test

@@ -134,7 +134,7 @@ class LoadClient {
   // Once to an end and back, so that what the library keeps for ever is there.
   bool Begin() {
     if (!Round()) return false;
-    collector_ = Register(sync_);
+    Open(sync_);
     return collector_ != nullptr;
   }
 
@@ -171,6 +171,18 @@ class LoadClient {
     return kiv_register(&cfg);
   }
 
+  void Open(bool sync) {
+    for (size_t i = 0; i < kLoadKpiCount; ++i) {
+      LoadCount& earlier = counts_->earlier[i];
+      earlier.offered = earlier.refused = 0;
+      for (const auto& phase : counts_->kpis) {
+        earlier.offered += phase[i].offered;
+        earlier.refused += phase[i].refused;
+      }
+    }
+    collector_ = Register(sync);
+  }
+
   bool Round() const {
     kiv_collector* c = Register(true);
     return c != nullptr && kiv_deregister(c) == 0;
@@ -193,7 +205,7 @@ class LoadClient {
       if (i == 2) before = mallinfo2().uordblks;  // One of each kind.
     }
     const auto grown = static_cast<int64_t>(mallinfo2().uordblks - before);
-    collector_ = Register(true);
+    Open(true);
     Load();
     return std::to_string(failed) + " " + std::to_string(grown);
   }

@@ -10,6 +10,8 @@
 #include <sstream>
 #include <thread>
 
+#include "tests/faults/world.h"
+
 namespace orb::test {
 namespace {
 
@@ -124,18 +126,22 @@ void RegisterAgainAndAgain(World& world) {
                    std::to_string(world.heap_grown) + " bytes");
 }
 
-// Whatever a file gives up meanwhile is taken, too. Sessions end in it, so that
-// there are uploads, and numbers for them.
+// Whatever a file gives up meanwhile is taken, too. Some sessions end in it, so that there
+// are uploads, and numbers for them; others go on behind half a record.
 void FillData(World& world) {
   std::atomic<bool> full{true};
   std::thread filler([&] {
     while (full) world.Fill(world.data_dir(), true);
+    world.Fill(world.data_dir(), false);
   });
-  world.Pause(400);
+  world.Pause(600);
+  if (world.Random(2) == 0) {
+    full = false;
+    world.Pause(300);
+  }
   world.Expect(world.StopCampaign(std::chrono::seconds(60)), "the campaign does not stop");
   full = false;
   filler.join();
-  world.Fill(world.data_dir(), false);
   world.Expect(world.StartCampaign(5), "the client does not take its campaign again");
 }
 
@@ -194,6 +200,24 @@ void PrepareClock(World& world) {
   world.client_environment()["LD_PRELOAD"] = ORB_STEPPING_CLOCK;
 }
 
+// Threads are alive on purpose.
+void PrepareExit(World& world) {
+  const char* options = getenv("TSAN_OPTIONS");
+  world.client_environment()["TSAN_OPTIONS"] =
+      std::string(options != nullptr ? options : "") + ":report_thread_leaks=0";
+}
+
+void PrepareData(World& world) {
+  world.MountDisk(world.data_dir());
+  world.stack().MakeDataDir("data");
+  // Numbers repeat as long as there is no file of them and no room for one.
+  WriteFile(world.data_dir() + "load.seq", "0\n");
+}
+
+void PrepareSpool(World& world) { world.MountDisk(world.stack().spool()); }
+
+void StartForks(World& world) { world.Ask("forks on"); }
+
 void FinishForks(World& world) {
   std::istringstream answer(world.Ask("forks off"));
   int run = 0;
@@ -207,105 +231,37 @@ void FinishForks(World& world) {
 
 const std::vector<Scenario>& Scenarios() {
   static const std::vector<Scenario> all = {
-      {.name = "calm", .does = "nothing fails", .lossless = true},
-      {.name = "manager-kill",
-       .does = "the manager is killed",
-       .inject = KillManager,
-       .lossless = true},
-      {.name = "manager-kill-sync",
-       .does = "the same, to a client that registers synchronously",
-       .inject = KillManager,
-       .lossless = true,
-       .sync = true},
-      {.name = "hal-kill", .does = "the HAL is killed", .inject = KillHal},
-      {.name = "both-kill", .does = "manager and HAL are killed", .inject = KillBoth},
-      {.name = "hal-restart", .does = "the HAL is ended and started", .inject = RestartHal},
-      {.name = "bus-restart", .does = "the bus daemon is killed", .inject = RestartBus},
-      {.name = "hal-slow",
-       .does = "the HAL takes 200 ms a call",
-       .inject = SlowHal,
-       .lossless = true,
-       .odd_hal = true},
-      {.name = "hal-wrong",
-       .does = "the HAL fails, refuses and lies",
-       .inject = WrongHal,
-       .odd_hal = true},
-      {.name = "hal-silent",
-       .does = "the HAL does not answer, until it does or is killed",
-       .inject = SilentHal,
-       .odd_hal = true},
-      {.name = "rounds",
-       .does = "the client registers and de-registers",
-       .inject = RegisterAgainAndAgain,
-       .lossless = true},
-      {.name = "client-kill",
-       .does = "the client is killed",
-       .inject = KillClient,
-       .client_dies = true},
-      {.name = "client-exit",
-       .does = "the client calls exit() with all its threads alive",
-       .inject = ExitClient,
-       .client_dies = true,
-       .prepare =
-           [](World& world) {
-             const char* options = getenv("TSAN_OPTIONS");
-             world.client_environment()["TSAN_OPTIONS"] =
-                 std::string(options != nullptr ? options : "") + ":report_thread_leaks=0";
-           }},
-      {.name = "client-forks",
-       .does = "the client forks and executes programs; the manager is killed",
-       .inject = KillManager,
-       .lossless = true,
-       .started = [](World& world) { world.Ask("forks on"); },
-       .finish = FinishForks},
-      {.name = "clock",
-       .does = "the wall clock steps, up to a month",
-       .inject = StepClock,
-       .lossless = true,
-       .prepare = PrepareClock},
-      {.name = "data-away",
-       .does = "the data directory is moved away and back",
-       .inject = TakeDataAway,
-       .numbers_may_repeat = true},
-      {.name = "data-full",
-       .does = "the client's disk is full",
-       .inject = FillData,
-       .mounts = true,
-       .torn = true,
-       .prepare =
-           [](World& world) {
-             world.MountDisk(world.data_dir());
-             world.stack().MakeDataDir("data");
-           }},
-      {.name = "spool-full",
-       .does = "the HAL's disk is full",
-       .inject = FillSpool,
-       .mounts = true,
-       .prepare = [](World& world) { world.MountDisk(world.stack().spool()); }},
-      {.name = "slots-manager-kill",
-       .does = "slots; the manager is killed",
-       .inject = KillManager,
-       .slots = true,
-       .lossless = true},
-      {.name = "slots-hal-stop",
-       .does = "slots; the HAL stands still and goes on",
-       .inject = StopAndContinueHal,
-       .slots = true,
-       .lossless = true},
-      {.name = "slots-hal-wrong",
-       .does = "slots; the HAL fails, refuses and lies",
-       .inject = WrongHal,
-       .slots = true,
-       .odd_hal = true},
-      {.name = "slots-hal-restart",
-       .does = "slots; the HAL is ended and started, then the campaign",
-       .inject = RestartHalBetweenSessions,
-       .slots = true},
-      {.name = "slots-hal-kill",
-       .does = "slots; the HAL is killed, and with it clients that wait for it",
-       .inject = KillHalWithSlots,
-       .slots = true,
-       .client_dies = true},
+      {"calm", "nothing fails", nullptr, kLossless},
+      {"manager-kill", "the manager is killed", KillManager, kLossless},
+      {"manager-kill-sync", "the same, to a client that registers synchronously", KillManager,
+       kLossless | kSync},
+      {"hal-kill", "the HAL is killed", KillHal, kHalUnheard},
+      {"both-kill", "manager and HAL are killed", KillBoth, kHalUnheard},
+      {"hal-restart", "the HAL is ended and started", RestartHal},
+      {"bus-restart", "the bus daemon is killed", RestartBus, kHalUnheard},
+      {"hal-slow", "the HAL takes 200 ms a call", SlowHal, kLossless | kOddHal},
+      {"hal-wrong", "the HAL fails, refuses and lies", WrongHal, kOddHal | kHalUnheard},
+      {"hal-silent", "the HAL does not answer, until it does or is killed", SilentHal,
+       kOddHal | kHalUnheard},
+      {"rounds", "the client registers and de-registers", RegisterAgainAndAgain, kLossless},
+      {"client-kill", "the client is killed", KillClient, kClientDies},
+      {"client-exit", "the client calls exit() with all its threads alive", ExitClient, kClientDies,
+       PrepareExit},
+      {"client-forks", "the client forks and executes programs; the manager is killed", KillManager,
+       kLossless, nullptr, StartForks, FinishForks},
+      {"clock", "the wall clock steps, up to a month", StepClock, kLossless, PrepareClock},
+      {"data-away", "the data directory is moved away and back", TakeDataAway, kNumbersMayRepeat},
+      {"data-full", "the client's disk is full", FillData, kMounts | kTorn, PrepareData},
+      {"spool-full", "the HAL's disk is full", FillSpool, kMounts, PrepareSpool},
+      {"slots-manager-kill", "slots; the manager is killed", KillManager, kLossless | kSlots},
+      {"slots-hal-stop", "slots; the HAL stands still and goes on", StopAndContinueHal,
+       kLossless | kSlots},
+      {"slots-hal-wrong", "slots; the HAL fails, refuses and lies", WrongHal,
+       kSlots | kOddHal | kHalUnheard | kHalLies},
+      {"slots-hal-restart", "slots; the HAL is ended and started, then the campaign",
+       RestartHalBetweenSessions, kSlots},
+      {"slots-hal-kill", "slots; the HAL is killed, and with it clients that wait for it",
+       KillHalWithSlots, kSlots | kHalUnheard | kClientDies},
   };
   return all;
 }

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/faults/scenarios.h"
+#include "tests/faults/world.h"
 
 namespace orb::test {
 namespace {
@@ -108,7 +108,7 @@ int Main(int argc, char** argv) {
   size_t skipped = 0;
   size_t failed = 0;
   for (const Scenario* scenario : options.scenarios) {
-    const bool outside = scenario->mounts && getenv(kInside) == nullptr;
+    const bool outside = scenario->Is(kMounts) && getenv(kInside) == nullptr;
     const int code = outside                      ? RunInNamespace(*scenario, options)
                      : RunOne(*scenario, options) ? 0
                                                   : 1;

@@ -39,11 +39,13 @@ std::string FromHex(const std::string& hex) {
 
 class Checker {
  public:
-  Checker(const LoadCounts& counts, const SpoolRules& rules) : counts_(counts), rules_(rules) {}
+  explicit Checker(const Remains& remains)
+      : remains_(remains), rules_(remains.scenario), counts_(remains.counts) {}
 
-  void Numbers(const std::string& spool);
+  void Numbers();
   void Record(const nlohmann::json& json);
   void Sums();
+  void Books();
   SpoolReport report;
 
  private:
@@ -52,14 +54,24 @@ class Checker {
     if (report.failures.size() < 20) report.failures.push_back(what);
   }
   bool Excused(int64_t from_ms, int64_t to_ms) const {
-    return std::any_of(rules_.outages.begin(), rules_.outages.end(),
+    return std::any_of(remains_.outages.begin(), remains_.outages.end(),
                        [&](const Outage& o) { return o.begin_ms <= to_ms && from_ms <= o.end_ms; });
+  }
+  bool Owns(uint64_t owner, const LoadKpi& kpi) const {
+    return owner == kFirstOwner || (kpi.second_owner && !rules_.Is(kSlots));
   }
   void Missing(uint64_t from, uint64_t to, int64_t from_ms, int64_t to_ms);
   void Blob(const nlohmann::json& json, uint64_t owner, const std::string& file);
 
+  void Expect(bool holds, const std::string& what) {
+    if (!holds) Fail(what);
+  }
+  bool ExpectLogged(uint64_t owner, uint64_t samples);
+
+  const Remains& remains_;
+  const Scenario& rules_;
   const LoadCounts& counts_;
-  const SpoolRules& rules_;
+  std::map<uint64_t, uint64_t> decoded_;                                     // Samples by owner.
   std::map<std::tuple<uint64_t, uint64_t, uint32_t>, Totals> totals_;        // Phase, owner, KPI.
   std::map<std::pair<uint64_t, std::string>, std::set<std::string>> blobs_;  // Files by text.
 };
@@ -74,15 +86,15 @@ void Checker::Missing(uint64_t from, uint64_t to, int64_t from_ms, int64_t to_ms
   }
 }
 
-void Checker::Numbers(const std::string& spool) {
+void Checker::Numbers() {
   std::map<uint64_t, int64_t> stored;  // Time by number.
-  for (const std::string& name : ListFiles(spool)) {
+  for (const std::string& name : ListFiles(remains_.spool)) {
     if (!name.ends_with(".orb")) continue;
     ++report.files;
     const std::string stem = name.substr(name.rfind('/') + 1);
     const uint64_t seqno = std::stoull(stem);
-    const bool first = stored.emplace(seqno, ModifiedMs(spool + "/" + name)).second;
-    if (!first && !rules_.numbers_may_repeat) {
+    const bool first = stored.emplace(seqno, ModifiedMs(remains_.spool + "/" + name)).second;
+    if (!first && !rules_.Is(kNumbersMayRepeat)) {
       Fail("upload number " + stem + " is there twice");
     }
   }
@@ -93,8 +105,8 @@ void Checker::Numbers(const std::string& spool) {
     next = seqno + 1;
     last_ms = at_ms;
   }
-  Missing(next, rules_.next_seqno, last_ms, INT64_MAX);
-  if (next > rules_.next_seqno) Fail("the sequence file lags behind the uploads");
+  Missing(next, remains_.next_seqno, last_ms, INT64_MAX);
+  if (next > remains_.next_seqno) Fail("the sequence file lags behind the uploads");
 }
 
 void Checker::Blob(const nlohmann::json& json, uint64_t owner, const std::string& file) {
@@ -106,7 +118,7 @@ void Checker::Blob(const nlohmann::json& json, uint64_t owner, const std::string
   }
   std::set<std::string>& files = blobs_[{owner, text}];
   if (!files.insert(file).second) Fail(file + ": blob " + text + " is there twice");
-  if (files.size() > 1 && !rules_.blobs_may_repeat) {
+  if (files.size() > 1 && !rules_.Is(kClientDies)) {
     Fail(file + ": blob " + text + " is also in " + *files.begin());
   }
 }
@@ -116,7 +128,9 @@ void Checker::Record(const nlohmann::json& json) {
   const std::string file = json.value("file", "");
   const uint64_t owner = json.value("lic_sn", uint64_t{0});
   const uint64_t phase = json.value("campaign_id", uint64_t{0}) - kFirstCampaign;
-  if (phase == 0 && rules_.torn) return;
+  decoded_[owner] += json.value("kind", "") == "blob" ? 1 : json.value("num_samples", uint64_t{0});
+  // What stands behind half a record can look like anything.
+  if (phase == 0 && rules_.Is(kTorn)) return;
   const auto id = json.value("kpi_id", 0u);
   const auto* kpi = std::find_if(std::begin(kLoadKpis), std::end(kLoadKpis),
                                  [&](const LoadKpi& k) { return k.id == id; });
@@ -157,15 +171,11 @@ void Checker::Sums() {
       const bool counter = kpi.kind == LoadKind::kCounter;
       const uint64_t logged = counter ? count.sum.load() : count.accepted();
       for (const uint64_t owner : {kFirstOwner, kSecondOwner}) {
-        if (owner == kSecondOwner && !(kpi.second_owner && rules_.two_owners)) continue;
+        if (!Owns(owner, kpi)) continue;
         const Totals& totals = totals_[{phase, owner, kpi.id}];
         const uint64_t decoded = counter ? totals.sum : totals.samples;
-        if (phase == 0 && owner == kFirstOwner) {
-          report.accepted += logged;
-          report.decoded += decoded;
-        }
-        const bool complete = phase > 0 || rules_.lossless;
-        const bool repeats = rules_.blobs_may_repeat && phase == 0;
+        const bool complete = phase > 0 || rules_.Is(kLossless);
+        const bool repeats = rules_.Is(kClientDies) && phase == 0;
         // A slot that could not be announced refuses the blob behind it, and keeps it.
         const uint64_t most = counter ? logged : count.offered.load();
         if ((decoded > most && !repeats) || (complete && decoded != logged)) {
@@ -178,18 +188,70 @@ void Checker::Sums() {
   }
 }
 
+// What the client has counted is what it was told to log, since it registered. False when it
+// had logged before, too.
+bool Checker::ExpectLogged(uint64_t owner, uint64_t samples) {
+  uint64_t least = 0;
+  uint64_t kept = 0;
+  uint64_t earlier = 0;
+  for (size_t i = 0; i < kLoadKpiCount; ++i) {
+    if (!Owns(owner, kLoadKpis[i])) continue;
+    uint64_t refused = 0;
+    for (const auto& phase : counts_.kpis) {
+      least += phase[i].accepted();
+      refused += phase[i].refused;
+    }
+    least -= counts_.earlier[i].accepted();
+    refused -= counts_.earlier[i].refused;
+    // A slot that could not be announced refuses the blob behind it, and keeps it.
+    if (rules_.Is(kSlots) && kLoadKpis[i].kind == LoadKind::kBlob) kept += refused;
+    earlier += counts_.earlier[i].offered;
+  }
+  Expect(least <= samples && samples <= least + kept,
+         "the books of " + std::to_string(owner) + " have " + std::to_string(samples) +
+             " samples, logged were " + std::to_string(least) + " and at most " +
+             std::to_string(kept) + " more");
+  return earlier == 0;
+}
+
+// Samples logged = samples decoded + samples lost.
+void Checker::Books() {
+  const DumpLines& books = remains_.books;
+  for (const uint64_t owner : {kFirstOwner, kSecondOwner}) {
+    if (owner == kSecondOwner && rules_.Is(kSlots)) continue;
+    const std::string key = "owner." + std::to_string(owner);
+    const auto samples = [&](const char* of) { return books.Number(key + of, "samples"); };
+    // Only one KPI is a gauge, and it has one owner.
+    const uint64_t repeated = owner == kFirstOwner ? books.Number("samples", "repeated") : 0;
+    const bool only_life = ExpectLogged(owner, samples("") - repeated);
+    Expect(samples("") == samples(".sent") + samples(".lost"),
+           "the books of " + key + " do not add up");
+    Expect(!rules_.Is(kLossless) || samples(".lost") == samples(".lost.no_record"),
+           "the books of " + key + " have losses");
+    const uint64_t decoded = decoded_[owner];
+    const uint64_t least = rules_.Is(kHalLies) ? 0 : samples(".sent");
+    uint64_t most = samples(".sent");
+    if (rules_.Is(kHalUnheard)) most += samples(".lost.hal") + samples(".lost.slot_refused");
+    if (rules_.Is(kTorn)) most += samples(".lost.short_write") + samples(".lost.torn");
+    Expect(least <= decoded && (decoded <= most || !only_life),
+           "of " + key + " " + std::to_string(decoded) + " samples were decoded, the books say " +
+               std::to_string(least) + " to " + std::to_string(most));
+    if (owner == kFirstOwner) report.decoded = decoded;
+  }
+}
+
 }  // namespace
 
-SpoolReport CheckSpool(const std::string& spool, const std::string& json_lines,
-                       const LoadCounts& counts, const SpoolRules& rules) {
-  Checker checker(counts, rules);
-  checker.Numbers(spool);
-  std::istringstream lines(json_lines);
+SpoolReport CheckSpool(const Remains& remains) {
+  Checker checker(remains);
+  checker.Numbers();
+  std::istringstream lines(remains.records);
   for (std::string line; std::getline(lines, line);) {
     const nlohmann::json json = nlohmann::json::parse(line, nullptr, false);
     if (json.is_object()) checker.Record(json);
   }
   checker.Sums();
+  checker.Books();
   return checker.report;
 }
 

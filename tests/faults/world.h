@@ -8,31 +8,11 @@
 #include <vector>
 
 #include "tests/faults/load.h"
+#include "tests/faults/scenarios.h"
 #include "tests/faults/spool_check.h"
 #include "tests/integration/stack.h"
 
 namespace orb::test {
-
-class World;
-
-struct Scenario {
-  const char* name;
-  const char* does;
-  // One fault and its end, or null for none: afterwards everything runs again.
-  void (*inject)(World&) = nullptr;
-  bool slots = false;               // Slots instead of files.
-  bool lossless = false;            // What was accepted must all be decoded.
-  bool sync = false;                // The client registers synchronously.
-  bool odd_hal = false;             // tests/faults/odd_hal.cpp instead of orb-hald.
-  bool client_dies = false;         // Ends now and then, and sends what it left when it is back.
-  bool mounts = false;              // Needs a mount namespace of its own.
-  bool torn = false;                // Uploads of phase 0 may hold half a record.
-  bool numbers_may_repeat = false;  // Of uploads: the client could not see its .seq file.
-  // Before the client starts, and after its campaign has.
-  void (*prepare)(World&) = nullptr;
-  void (*started)(World&) = nullptr;
-  void (*finish)(World&) = nullptr;  // Before the last, undisturbed phase.
-};
 
 // Not thread-safe. What goes wrong is collected in failures().
 class World {
@@ -51,7 +31,7 @@ class World {
   // For scenarios.
   Stack& stack() { return stack_; }
   ChildProcess& client() { return client_; }
-  ChildProcess& hal() { return scenario_.odd_hal ? odd_hal_ : stack_.hal(); }
+  ChildProcess& hal() { return scenario_.Is(kOddHal) ? odd_hal_ : stack_.hal(); }
   std::string data_dir() const { return data_dir_; }
   std::map<std::string, std::string>& client_environment() { return client_environment_; }
   uint64_t Random(uint64_t below) { return random_() % below; }
@@ -110,6 +90,7 @@ class World {
   std::vector<std::string> failures_;
   std::string first_state_;
   std::map<pid_t, size_t> service_descriptors_;
+  std::string books_;
   SpoolReport report_;
   std::vector<std::string> mounts_;
   int faults_ = 0;
