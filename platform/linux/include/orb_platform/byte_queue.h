@@ -67,7 +67,7 @@ class ByteQueue {
   };
 
   ByteQueue(::ndk::ScopedFileDescriptor fd, std::vector<Grantor> grantors, size_t quantum);
-  bool Map();
+  bool Map(int flags);
   uint8_t* At(size_t grantor) const { return memory_ + grantors_[grantor].offset; }
   std::atomic<uint64_t>& Counter(size_t grantor) const;
   bool Load(Counters* counters) const;
