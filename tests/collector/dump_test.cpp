@@ -1,4 +1,5 @@
 // The books: every sample is somewhere, and a lost one is lost for a reason.
+#include <atomic>
 #include <filesystem>
 #include <future>
 
@@ -6,6 +7,16 @@
 #include "tests/serializer/slot_hal.h"
 #include "tests/support/dump_lines.h"
 #include "tests/support/file_size_limit.h"
+
+namespace {
+
+std::atomic<bool> no_memory;
+
+}  // namespace
+
+// The linker gives these names to what the library, which is linked statically, calls malloc.
+extern "C" void* __real_malloc(size_t bytes);
+extern "C" void* __wrap_malloc(size_t bytes) { return no_memory ? nullptr : __real_malloc(bytes); }
 
 namespace orb::test {
 namespace {
@@ -120,6 +131,16 @@ TEST_F(DumpTest, CountsWhatFilesLoseByCause) {
 
   StartFiles();
   LogAndWrite(3);
+  no_memory = true;
+  collector_->Flush();
+  LogAndWrite(0);
+  no_memory = false;
+  EXPECT_TRUE(log_.Contains("orb_data_compress: failed to allocate dst_buf with size "));
+  ExpectError("SendData: compress failed");
+  EndWith("owner.42.lost.compress", 2, 1);
+
+  StartFiles();
+  LogAndWrite(3);
   collector_->StopSessionForLicSN(42);
   LogCounter(1, kUnlisted);
   EndWith("owner.42.lost.stopped", 2, 2);
@@ -154,6 +175,19 @@ TEST_F(DumpTest, CountsWhatFilesLoseByCause) {
 }
 
 TEST_F(DumpTest, CountsWhatSlotsLoseByCause) {
+  for (const char* conf : {"blob_segments_optimized=1\n", "blob_segments_optimized=2\n"}) {
+    WriteConf(conf);
+    StartSlots(4);
+    const kiv_blob_segment_t segment{Bytes("abc"), 3};
+    no_memory = true;
+    const int result = collector_->Log(kBlob, &segment, 1);
+    no_memory = false;
+    EXPECT_EQ(result, -1);
+    EndWith("owner.42.lost.memory", 1);
+  }
+  ExpectError("KPIMemorySerializer::WriteBlobSegsOptimized: malloc failed ");
+  ExpectError("Failed to allocate buf");
+
   StartSlots(4);
   LogCounter(40);
   EndWith("owner.42.lost", 0, 40);

@@ -1,7 +1,6 @@
 #include "kpi/blob.h"
 
 #include <android/log.h>
-#include <sys/resource.h>
 
 #include "tests/kpi/kpi_test_support.h"
 #include "tests/support/fake_clock.h"
@@ -132,26 +131,6 @@ TEST_F(BlobTest, GatheredSizeBeyond32BitsAborts) {
   const kiv_blob_segment_t two[] = {{&byte, 0x80000000}, {&byte, 0x7FFFFFF8}};
   EXPECT_ABORT(blob_.LogBufSegs(two, 2));
 }
-
-#ifndef __has_feature
-#define __has_feature(x) 0  // Sanitized builds are clang's.
-#endif
-// Sanitizers need more address space than the limit leaves.
-#if !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer)
-TEST_F(BlobTest, NoMemoryToGatherInIsAnAnswer) {
-  const ScopedConf conf(kGathered);
-  const uint8_t byte = 0;
-  const kiv_blob_segment_t huge = {&byte, 0xF0000000};
-  const auto log_short_of_memory = [&] {
-    const rlimit limit = {1u << 30, 1u << 30};
-    setrlimit(RLIMIT_AS, &limit);
-    const int result = blob_.LogBufSegs(&huge, 1);
-    const bool told = log_.Has(ANDROID_LOG_ERROR, "orb_sdk", "Failed to allocate buf");
-    exit(result == -1 && told && serializer_.records().empty() ? 0 : 1);
-  };
-  EXPECT_EXIT(log_short_of_memory(), testing::ExitedWithCode(0), "");
-}
-#endif
 
 }  // namespace
 }  // namespace orb::test

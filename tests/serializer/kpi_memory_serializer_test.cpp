@@ -12,10 +12,6 @@
 #include "tests/collector/collector_fixture.h"
 #include "tests/serializer/slot_hal.h"
 
-#ifndef __has_feature
-#define __has_feature(x) 0  // Sanitized builds are clang's.
-#endif
-
 namespace orb::test {
 namespace {
 
@@ -253,22 +249,6 @@ TEST_F(MemorySerializerTest, SegmentsAreEncodedInPlace) {
   const kiv_blob_segment_t too_long{big.data(), 5000};
   EXPECT_EQ(slots_->WriteBlobSegsOptimized(7, 100, 200, 3, &too_long, 1), -1);
 }
-
-// Sanitizers need more address space than the limit leaves.
-#if !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer)
-TEST_F(MemorySerializerTest, SegmentsWithoutMemoryAreRefused) {
-  Open(2);
-  rlimit before{};
-  getrlimit(RLIMIT_AS, &before);
-  rlimit tight = before;
-  tight.rlim_cur = 8ull << 30;
-  setrlimit(RLIMIT_AS, &tight);
-  const kiv_blob_segment_t one{nullptr, 0};
-  EXPECT_EQ(slots_->WriteBlobSegsOptimized(7, 1, 2, 3, &one, 0xFFFFFFFF), -1);
-  setrlimit(RLIMIT_AS, &before);
-  ExpectError("KPIMemorySerializer::WriteBlobSegsOptimized: malloc failed ");
-}
-#endif
 
 TEST_F(MemorySerializerTest, LosesNothingUnderLoad) {
   Open(4);
