@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -66,8 +67,12 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const Options& 
   std::vector<std::string> env = Environment(options.env);
   const std::vector<char*> arg_pointers = Pointers(args);
   const std::vector<char*> env_pointers = Pointers(env);
+  const pid_t parent = getpid();
   pid_ = fork();
   if (pid_ != 0) return;
+  // Ends with the thread that started it, however that ends.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(127);
   dup2(in_read.get(), STDIN_FILENO);
   dup2(out_write.get(), STDOUT_FILENO);
   if (!options.stderr_path.empty()) {

@@ -14,7 +14,8 @@
 
 namespace orb::test {
 
-// Not thread-safe. The destructor kills and reaps what still runs.
+// Not thread-safe. The destructor kills and reaps what still runs; it is also killed when
+// the thread that started it ends, so that a killed test leaves nothing behind.
 class ChildProcess {
  public:
   struct Options {
