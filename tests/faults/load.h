@@ -44,6 +44,7 @@ struct LoadCount {
 
 // Phase 0 has the faults, phase 1 shows that nothing of them is left.
 inline constexpr int kLoadPhases = 2;
+inline constexpr uint64_t kFirstCampaign = 5;  // Of phase 0; the next one is of phase 1.
 
 struct LoadCounts {
   LoadCount kpis[kLoadPhases][kLoadKpiCount];

@@ -14,7 +14,6 @@
 //   enabled          -> 1 while the campaign is there
 //   end              -> result of the de-registration
 //   exit             no answer: exit(0) with all threads alive
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <malloc.h>
@@ -25,6 +24,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -42,18 +42,12 @@ constexpr int kBurst = 16;                        // Samples between two pauses.
 constexpr int kBlobEvery = 64;                    // Bursts between two blobs of a thread.
 constexpr std::chrono::microseconds kPause(900);  // Leaves the machine to the services.
 
-// Names in a folder of /proc/self, without "." and "..".
+// Names in a folder of /proc/self; among descriptors is the one that lists them.
 std::vector<std::string> ProcEntries(const std::string& folder) {
   std::vector<std::string> names;
-  DIR* dir = opendir(("/proc/self/" + folder).c_str());
-  if (dir == nullptr) return names;
-  const std::string own = std::to_string(dirfd(dir));
-  while (const dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] != '.' && (folder != "fd" || own != entry->d_name)) {
-      names.push_back(entry->d_name);
-    }
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/" + folder)) {
+    names.push_back(entry.path().filename());
   }
-  closedir(dir);
   return names;
 }
 
@@ -75,7 +69,7 @@ std::string State() {
 int DescriptorsAboveStandardError() {
   int count = 0;
   for (const std::string& fd : ProcEntries("fd")) count += std::stoi(fd) > STDERR_FILENO ? 1 : 0;
-  return count;
+  return count - 1;
 }
 
 LoadCounts* MapCounts(const char* path) {

@@ -2,8 +2,12 @@
 //
 // Runs the scenarios, all of them unless some are named, one after the other,
 // each for so many seconds. Exit 1 when one failed; what it left is copied to
-// soak-SCENARIO in the working directory. Scenarios with a full disk run in a
-// mount namespace of their own; exit 77 when none could run here.
+// soak-SCENARIO in the working directory. Scenarios with a full disk take this
+// process into a mount namespace of its own; exit 77 when none could run here.
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -19,7 +23,6 @@ namespace {
 
 constexpr int kUsage = 2;
 constexpr int kSkipped = 77;
-constexpr char kInside[] = "ORB_SOAK_NAMESPACE";  // Set within such a namespace.
 
 struct Options {
   int seconds = 120;
@@ -67,30 +70,28 @@ bool RunOne(const Scenario& scenario, const Options& options) {
   return world.failures().empty();
 }
 
-// The program that gives a namespace in which one may mount; empty when there is none.
-std::vector<std::string> Unshare() {
-  for (const char* how : {"-m", "-Urm"}) {
-    if (RunCommand({"unshare", how, "mount", "-t", "tmpfs", "tmpfs", "/tmp"}).exit_code == 0) {
-      return {"unshare", how};
+// Where one may mount, and nobody else sees it. False where that is not allowed.
+bool EnterMountNamespace() {
+  static const bool entered = [] {
+    const std::string uid = std::to_string(getuid());
+    const std::string gid = std::to_string(getgid());
+    if (unshare(CLONE_NEWNS) != 0) {
+      if (unshare(CLONE_NEWNS | CLONE_NEWUSER) != 0) return false;
+      WriteFile("/proc/self/setgroups", "deny");
+      WriteFile("/proc/self/uid_map", uid + " " + uid + " 1");
+      WriteFile("/proc/self/gid_map", gid + " " + gid + " 1");
     }
-  }
-  return {};
+    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+  }();
+  return entered;
 }
 
-int RunInNamespace(const Scenario& scenario, const Options& options) {
-  std::vector<std::string> argv = Unshare();
-  if (argv.empty()) {
+int RunScenario(const Scenario& scenario, const Options& options) {
+  if (scenario.Is(kMounts) && !EnterMountNamespace()) {
     printf("%s: skipped: no mount namespace here (root, or user namespaces)\n", scenario.name);
     return kSkipped;
   }
-  argv.insert(argv.end(), {std::filesystem::read_symlink("/proc/self/exe").string(), "--seconds",
-                           std::to_string(options.seconds), "--seed", std::to_string(options.seed),
-                           scenario.name});
-  const CommandResult result =
-      RunCommand(argv, {{kInside, "1"}}, std::chrono::seconds(options.seconds + 300));
-  printf("%s%s", result.out.c_str(), result.err.c_str());
-  fflush(stdout);
-  return result.exit_code;
+  return RunOne(scenario, options) ? 0 : 1;
 }
 
 int Main(int argc, char** argv) {
@@ -108,10 +109,7 @@ int Main(int argc, char** argv) {
   size_t skipped = 0;
   size_t failed = 0;
   for (const Scenario* scenario : options.scenarios) {
-    const bool outside = scenario->Is(kMounts) && getenv(kInside) == nullptr;
-    const int code = outside                      ? RunInNamespace(*scenario, options)
-                     : RunOne(*scenario, options) ? 0
-                                                  : 1;
+    const int code = RunScenario(*scenario, options);
     skipped += code == kSkipped ? 1 : 0;
     failed += code != 0 && code != kSkipped ? 1 : 0;
   }

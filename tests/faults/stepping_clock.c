@@ -6,7 +6,6 @@
 #include <stdint.h>
 #include <stdlib.h>
 #include <sys/mman.h>
-#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -38,13 +37,4 @@ __attribute__((visibility("default"))) time_t time(time_t* out) {
   clock_gettime(CLOCK_REALTIME, &now);
   if (out != NULL) *out = now.tv_sec;
   return now.tv_sec;
-}
-
-__attribute__((visibility("default"))) int gettimeofday(struct timeval* out, void* zone) {
-  struct timespec now;
-  (void)zone;
-  clock_gettime(CLOCK_REALTIME, &now);
-  out->tv_sec = now.tv_sec;
-  out->tv_usec = now.tv_nsec / 1000;
-  return 0;
 }

@@ -169,7 +169,7 @@ void World::ReplaceStuckClient() {
   StartClient();
 }
 
-bool World::StopCampaign(std::chrono::milliseconds patience) {
+bool World::CampaignStops(milliseconds patience) {
   const auto deadline = std::chrono::steady_clock::now() + patience;
   do {
     const CommandResult stop = RunCommand({ORB_CTL, "campaign", "stop", kClient},
@@ -211,10 +211,14 @@ void World::StartClient() {
   Expect(stack_.WaitRegistered(kClient), "the client is not registered");
 }
 
-bool World::StartCampaign(uint64_t id) {
+void World::StopCampaign() { Expect(CampaignStops(2 * kPatience), "the campaign does not stop"); }
+
+void World::StartCampaign() {
   std::vector<uint64_t> owners = {kFirstOwner};
   if (!scenario_.Is(kSlots)) owners.push_back(kSecondOwner);
-  return stack_.StartCampaign(kClient, stack_.path("campaign.txtpb"), owners, id);
+  const std::string campaign = stack_.path("campaign.txtpb");
+  Expect(stack_.StartCampaign(kClient, campaign, owners, kFirstCampaign + phase_),
+         "the client does not take its campaign");
 }
 
 bool World::WaitForCampaign() {
@@ -270,7 +274,7 @@ void World::Start() {
   }
   StartClient();
   first_state_ = Ask("state");
-  Expect(StartCampaign(5), "the client does not take its campaign");
+  StartCampaign();
   Ask("load");
   if (scenario_.started != nullptr) scenario_.started(*this);
 }
@@ -296,15 +300,16 @@ void World::Run(milliseconds duration) {
 void World::Recover() {
   Expect(stack_.WaitRegistered(kClient), "the client has not registered again");
   Expect(WaitForCampaign(), "the client has not got its campaign back");
-  Expect(StopCampaign(2 * kPatience), "the campaign does not stop");
+  StopCampaign();
+  phase_ = 1;
   Ask("phase 1");
-  Expect(StartCampaign(6), "the client does not take another campaign");
+  StartCampaign();
   Ask("load");
   std::this_thread::sleep_for(kPhaseOne);
 }
 
 void World::End() {
-  Expect(StopCampaign(2 * kPatience), "the last campaign does not stop");
+  StopCampaign();
   Ask("calm");
   books_ = stack_.Ctl({"client", "dump", kClient}).out;
   Expect(Ask("end") == "0", "de-registration failed");

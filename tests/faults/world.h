@@ -47,7 +47,10 @@ class World {
   void BeginOutage();
   void EndOutage();
   void StartClient();
-  bool StartCampaign(uint64_t id);
+  // The campaign of the phase, on the client.
+  void StartCampaign();
+  void StopCampaign();
+  bool CampaignStops(std::chrono::milliseconds patience);
   bool WaitForCampaign();
   // "gone" and a failure with the client's stacks when no answer comes in time.
   std::string Ask(const std::string& command);
@@ -55,7 +58,6 @@ class World {
   void ExpectRunning();
   // The client's threads go on logging, whatever it is that fails.
   void ExpectProgress();
-  bool StopCampaign(std::chrono::milliseconds patience);
   void ReplaceStuckClient();
   // A file system of its own in place of a folder.
   void MountDisk(const std::string& folder);
@@ -93,6 +95,7 @@ class World {
   std::string books_;
   SpoolReport report_;
   std::vector<std::string> mounts_;
+  uint64_t phase_ = 0;
   int faults_ = 0;
   int replaced_ = 0;
 };
