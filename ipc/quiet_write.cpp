@@ -1,4 +1,4 @@
-// Tested by tests/ipc/dump_test.cpp.
+// Tested by tests/ipc/manager_client_test.cpp.
 #include "ipc/quiet_write.h"
 
 #include <signal.h>

@@ -1,4 +1,4 @@
-// Tested by tests/services/orbsyshal_service_test.cpp.
+// Tested by tests/services/hal_test.cpp.
 #include "services/hal/orbsyshal_service.h"
 
 #include <android/binder_ibinder.h>

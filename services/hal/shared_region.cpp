@@ -1,4 +1,4 @@
-// Tested by tests/services/shared_region_test.cpp.
+// Tested by tests/services/hal_test.cpp.
 #include "services/hal/shared_region.h"
 
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-// Tested by tests/services/upload_name_test.cpp.
+// Tested by tests/services/spool_test.cpp.
 #include "services/hal/upload_name.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// Tested by tests/services/control_test.cpp and tests/integration/.
+// Tested by tests/integration/.
 #include "services/manager/manager_service.h"
 
 #include <binder/IPCThreadState.h>

@@ -1,10 +1,10 @@
-// A whole campaign over the bus, with services and clients that come and go.
+// A whole campaign over the bus. What becomes of it while services and clients
+// are killed is in tests/faults/.
 #include <gmock/gmock.h>
 #include <signal.h>
 
-#include <filesystem>
-
 #include "tests/integration/stack.h"
+#include "tests/support/dump_lines.h"
 
 namespace orb::test {
 namespace {
@@ -15,132 +15,62 @@ using ::testing::HasSubstr;
 
 class CampaignTest : public ::testing::Test {
  protected:
-  // One registered client under both services.
-  Client Registered(const std::string& name, const std::string& dir) {
-    Client client = stack_.StartClient();
-    EXPECT_EQ(client.Ask("register " + name + " " + dir + " async"), "ok");
-    EXPECT_TRUE(stack_.WaitRegistered(name));
-    return client;
+  // The probe registers under the name, in a data directory of that name.
+  void Register(const std::string& name, const std::string& how) {
+    ASSERT_EQ(client_.Ask("register " + name + " " + stack_.MakeDataDir(name) + how), "ok");
+    ASSERT_TRUE(stack_.WaitRegistered(name));
   }
-  uint64_t Sum(uint64_t lic_sn, uint32_t kpi) { return SumOf(stack_.DecodeSpool(), lic_sn, kpi); }
+
+  void Ask(const std::string& command, const std::string& want) {
+    EXPECT_EQ(client_.Ask(command), want) << command;
+  }
 
   Stack stack_;
+  Client client_ = stack_.StartClient();
 };
 
+// Two clients of one process: one writes files, the other slots.
 TEST_F(CampaignTest, CarriesSamplesFromLogToDecodedRecords) {
   stack_.StartHal();
   stack_.StartManager();
-  Client client = Registered("radio", stack_.MakeDataDir("data"));
-  const std::string file = stack_.WriteCampaign("c.txtpb", {42, 77}, {1, 2}, 5, 4096);
-  ASSERT_TRUE(stack_.StartCampaign("radio", file, {42, 77}, 9));
-  EXPECT_EQ(client.Ask("campaign radio"), "9");
-  EXPECT_EQ(client.Ask("enabled radio 1"), "1");
-  EXPECT_EQ(client.Ask("log radio 1 3 7"), "0");
-  EXPECT_EQ(client.Ask("log radio 3 3 1"), "-1");
+  Register("radio", " async");
+  Register("sensor", " sync slots 31 64");
+  const std::string files = stack_.WriteCampaign("c.txtpb", {42, 77}, {1, 2}, 5, 4096);
+  const std::string slots = stack_.WriteCampaign("slots.txtpb", {43}, {1}, 1, 4096);
+  ASSERT_TRUE(stack_.StartCampaign("radio", files, {42, 77}, 9));
+  ASSERT_TRUE(stack_.StartCampaign("sensor", slots, {43}, 10));
+  Ask("campaign radio", "9");
+  Ask("enabled radio 1", "1");
+  Ask("log radio 1 3 7", "0");
+  Ask("log radio 3 3 1", "-1");
+  // Some 60 slots, at a pace that the HAL can keep.
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(client_.Ask("log sensor 1 10 2"), "0");
 
   ASSERT_EQ(stack_.Ctl({"campaign", "lic-stop", "radio", "77"}).exit_code, 0);
-  EXPECT_EQ(client.Ask("log radio 2 100 5"), "0");
+  EXPECT_THAT(stack_.Ctl({"client", "list"}).out, HasSubstr(" 9 running -77\n"));
+  Ask("log radio 2 100 5", "0");
   ASSERT_EQ(stack_.Ctl({"campaign", "stop", "radio"}).exit_code, 0);
-  EXPECT_EQ(client.Ask("enabled radio 1"), "0");
+  Ask("enabled radio 1", "0");
+  Ask("deregister radio", "0");
+  Ask("deregister sensor", "0");
 
-  const std::vector<Record> records = stack_.DecodeSpool();
-  EXPECT_EQ(SumOf(records, 42, 1), 21u);
-  EXPECT_EQ(SumOf(records, 42, 2), 500u);
-  EXPECT_EQ(SumOf(records, 77, 2), 0u);
-  for (const Record& record : records) {
-    EXPECT_EQ(record.client, "radio");
-    EXPECT_EQ(record.campaign, 9u);
+  EXPECT_EQ(stack_.Sum(42, 1), 21u);
+  EXPECT_EQ(stack_.Sum(42, 2), 500u);
+  EXPECT_EQ(stack_.Sum(77, 2), 0u);
+  EXPECT_EQ(stack_.Sum(43, 1), 2000u);
+  for (const nlohmann::json& record : stack_.DecodeSpool()) {
+    EXPECT_EQ(record["client"], record["lic_sn"] == 43 ? "sensor" : "radio");
+    EXPECT_EQ(record["campaign_id"], record["lic_sn"] == 43 ? 10 : 9);
   }
-  EXPECT_EQ(client.Ask("deregister radio"), "0");
-}
-
-TEST_F(CampaignTest, SurvivesAHalThatDiesDuringAnUpload) {
-  stack_.StartHal();
-  stack_.StartManager();
-  Client client = Registered("radio", stack_.MakeDataDir("data"));
-  const std::string file = stack_.WriteCampaign("c.txtpb", {42}, {1}, 1, 4194304);
-  ASSERT_TRUE(stack_.StartCampaign("radio", file, {42}, 5));
-  EXPECT_EQ(client.Ask("log radio 1 1 11"), "0");
-  // The first upload connects; a HAL that dies before that is one that is not there.
-  ASSERT_EQ(client.Ask("flush radio"), "0");
-  ASSERT_TRUE(WaitFor([&] { return Sum(42, 1) == 10; }));
-  EXPECT_EQ(client.Ask("log radio 1 1 10"), "0");
-  // A stopped HAL accepts the call into its queue and never answers.
-  stack_.hal().Signal(SIGSTOP);
-  ASSERT_EQ(client.Ask("flush radio"), "0");
-  std::this_thread::sleep_for(milliseconds(300));
-  stack_.hal().Signal(SIGKILL);
-  stack_.hal().Wait(seconds(5));
-  ASSERT_TRUE(WaitFor([&] {
-    return stack_.LogOf("client1").find("Orbsyshal Server has died") != std::string::npos;
-  }));
-  stack_.StartHal();
-  ASSERT_TRUE(WaitFor([&] {
-    client.Ask("log radio 1 1 2");
-    client.Ask("flush radio");
-    return Sum(42, 1) > 10;
-  }));
-  ASSERT_EQ(stack_.Ctl({"campaign", "stop", "radio"}).exit_code, 0);
-}
-
-TEST_F(CampaignTest, SendsLeftOverFilesOfAnEarlierRun) {
-  stack_.StartHal();
-  stack_.StartManager();
-  const std::string dir = stack_.MakeDataDir("data");
-  {
-    Client client = Registered("radio", dir);
-    const std::string file = stack_.WriteCampaign("old.txtpb", {42, 77}, {1}, 1, 4194304);
-    ASSERT_TRUE(stack_.StartCampaign("radio", file, {42, 77}, 5));
-    EXPECT_EQ(client.Ask("log radio 1 1 11"), "0");
-    // Ten records of each LicSN are on disk once the writer has them.
-    ASSERT_TRUE(WaitFor([&] {
-      return ReadFileOrEmpty(dir + "radio-42.tmp").size() > 150 &&
-             ReadFileOrEmpty(dir + "radio-77.tmp").size() ==
-                 ReadFileOrEmpty(dir + "radio-42.tmp").size();
-    }));
-    std::this_thread::sleep_for(milliseconds(200));
-    client.process().Signal(SIGKILL);
-    client.process().Wait(seconds(5));
-  }
-  ASSERT_EQ(stack_.Ctl({"campaign", "stop", "radio"}).exit_code, 0)
-      << "the campaign of a client that is away can be withdrawn";
-  Client client = Registered("radio", dir);
-  const std::string file = stack_.WriteCampaign("new.txtpb", {42, 99}, {1}, 1, 4194304);
-  ASSERT_TRUE(stack_.StartCampaign("radio", file, {42, 99}, 6));
-  // Killed in mid-collection: at most the record being written is lost, and
-  // the one in the open window.
-  EXPECT_GE(Sum(42, 1), 9u);
-  EXPECT_GE(Sum(77, 1), 9u);
-  EXPECT_FALSE(std::filesystem::exists(dir + "radio-77.tmp"));
-  EXPECT_TRUE(std::filesystem::exists(dir + "radio-99.tmp"));
-}
-
-TEST_F(CampaignTest, KeepsTwoClientsOfOneProcessApart) {
-  stack_.StartHal();
-  stack_.StartManager();
-  Client client = Registered("radio", stack_.MakeDataDir("radio"));
-  ASSERT_EQ(client.Ask("register sensor " + stack_.MakeDataDir("sensor") + " sync"), "ok");
-  const std::string one = stack_.WriteCampaign("one.txtpb", {42}, {1}, 100, 4096);
-  const std::string two = stack_.WriteCampaign("two.txtpb", {43}, {1}, 100, 4096);
-  ASSERT_TRUE(stack_.StartCampaign("radio", one, {42}, 1));
-  ASSERT_TRUE(stack_.StartCampaign("sensor", two, {43}, 2));
-  EXPECT_EQ(client.Ask("log radio 1 1 5"), "0");
-  EXPECT_EQ(client.Ask("log sensor 1 10 5"), "0");
-  EXPECT_EQ(client.Ask("deregister radio"), "0");
-  EXPECT_EQ(client.Ask("log sensor 1 10 5"), "0");
-  EXPECT_EQ(client.Ask("deregister sensor"), "0");
-  EXPECT_EQ(Sum(42, 1), 5u);
-  EXPECT_EQ(Sum(43, 1), 100u);
 }
 
 TEST_F(CampaignTest, DeregistersWithinOneRetryAtEveryStageOfRegistration) {
-  const std::string dir = stack_.MakeDataDir("data");
-  Client client = stack_.StartClient();
+  const std::string begin = "register radio " + stack_.MakeDataDir("radio") + " async";
   const auto register_and_leave = [&](milliseconds stay) {
-    ASSERT_EQ(client.Ask("register radio " + dir + " async"), "ok");
+    ASSERT_EQ(client_.Ask(begin), "ok");
     std::this_thread::sleep_for(stay);
     const auto before = std::chrono::steady_clock::now();
-    EXPECT_NE(client.Ask("deregister radio", seconds(20)), "gone");
+    EXPECT_NE(client_.Ask("deregister radio", seconds(20)), "gone");
     EXPECT_LT(std::chrono::steady_clock::now() - before, seconds(5));
   };
   for (int stay_ms : {0, 1, 20, 500, 1100}) register_and_leave(milliseconds(stay_ms));
@@ -148,48 +78,140 @@ TEST_F(CampaignTest, DeregistersWithinOneRetryAtEveryStageOfRegistration) {
   for (int stay_ms : {0, 1, 5, 20, 300, 1100}) register_and_leave(milliseconds(stay_ms));
   // A manager that hangs inside the registration, and then dies.
   stack_.manager().Signal(SIGSTOP);
-  ASSERT_EQ(client.Ask("register radio " + dir + " async"), "ok");
+  ASSERT_EQ(client_.Ask(begin), "ok");
   std::this_thread::sleep_for(milliseconds(1200));
-  ASSERT_TRUE(client.process().Send("deregister radio"));
+  ASSERT_TRUE(client_.process().Send("deregister radio"));
   stack_.manager().Signal(SIGKILL);
-  EXPECT_TRUE(client.process().ReadLine(seconds(20)).has_value());
+  EXPECT_TRUE(client_.process().ReadLine(seconds(20)).has_value());
 }
 
 TEST_F(CampaignTest, RefusesBadInputWithAReason) {
   stack_.StartHal();
   stack_.StartManager();
-  Client client = Registered("radio", stack_.MakeDataDir("data"));
+  Register("radio", " async");
   const std::string good = stack_.WriteCampaign("good.txtpb", {42}, {1}, 1, 4096);
   const std::string small = stack_.WriteCampaign("small.txtpb", {42}, {1}, 1, 99);
-  WriteFile(stack_.path("bad.txtpb"), "threshold_size: \"many\"\n");
+  const std::string bad = stack_.path("bad.txtpb");
+  WriteFile(bad, "threshold_size: \"many\"\n");
   const struct {
-    const char* name;
-    std::vector<std::string> args;
+    std::string command;
     int exit_code;
     const char* reason;
   } kCases[] = {
-      {"no such client", {"campaign", "start", "gps", good, "--lic", "42"}, 1, "gps"},
-      {"not a campaign",
-       {"campaign", "start", "radio", stack_.path("bad.txtpb"), "--lic", "42"},
-       1,
-       "bad.txtpb"},
-      {"below a limit", {"campaign", "start", "radio", small, "--lic", "42"}, 1, "-1"},
-      {"no such file", {"campaign", "start", "radio", "/nonexistent", "--lic", "42"}, 1, "open"},
-      {"nothing to stop", {"campaign", "stop", "gps"}, 1, "gps"},
-      {"no verb", {"campaign"}, 2, "orbctl campaign --help"},
-      {"no such verb", {"campaign", "strat", "radio", good}, 2, "strat"},
-      {"no public key",
-       {"campaign", "start", "radio", good, "--lic", "42:" + good + ":gcm"},
-       2,
-       "no P-256 public key"},
+      {"start gps " + good + " --lic 42", 1, "gps"},
+      {"start radio " + bad + " --lic 42", 1, "bad.txtpb"},
+      {"start radio " + small + " --lic 42", 1, "-1"},
+      {"start radio /nonexistent --lic 42", 1, "open"},
+      {"start radio " + good + " --lic 42:" + good + ":gcm", 2, "no P-256 public key"},
+      {"stop gps", 1, "gps"},
+      {"", 2, "orbctl campaign --help"},
+      {"strat radio " + good, 2, "strat"},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    const CommandResult result = stack_.Ctl(c.args);
+    SCOPED_TRACE(c.command);
+    std::vector<std::string> args = {"campaign"};
+    std::istringstream words(c.command);
+    for (std::string word; words >> word;) args.push_back(word);
+    const CommandResult result = stack_.Ctl(args);
     EXPECT_EQ(result.exit_code, c.exit_code) << result.err;
     EXPECT_THAT(result.err, HasSubstr(c.reason));
   }
   EXPECT_TRUE(stack_.StartCampaign("radio", good, {42}, 1)) << "the refusals left no trace";
+}
+
+// Samples logged = samples in decoded records + samples counted as lost, exactly,
+// for each owner.
+class LossBooksTest : public CampaignTest {
+ protected:
+  void Log(uint32_t kpi, uint64_t count) {
+    Ask("log radio " + std::to_string(kpi) + " 1 " + std::to_string(count), "0");
+    logged_ += count;
+  }
+  void LogBlob(uint32_t bytes, const char* want) {
+    Ask("blob radio 3 " + std::to_string(bytes), want);
+    ++logged_;
+  }
+  DumpLines Dump() { return DumpLines(stack_.Ctl({"client", "dump", "radio"}).out); }
+  bool WaitForWriter() {
+    return WaitFor([&] { return Dump().Value("queue").rfind("depth=0 ", 0) == 0; });
+  }
+
+  uint64_t logged_ = 0;
+};
+
+TEST_F(LossBooksTest, MatchWhatIsDecoded) {
+  stack_.StartHal();
+  stack_.StartManager();
+  Register("radio", " sync");
+  const std::string file = stack_.path("c.txtpb");
+  WriteFile(file,
+            "threshold_size: 4194304 threshold_time: 60\n"
+            "kpi_cfgs { kpi_id: 1 type: KPI_NUMERIC sub_type: COUNTER sample_window: 3 }\n"
+            "kpi_cfgs { kpi_id: 2 type: KPI_NUMERIC sub_type: GAUGE sample_window: 4\n"
+            "  g_cfg { report_mean: true } }\n"
+            "kpi_cfgs { kpi_id: 3 type: KPI_BLOB\n"
+            "  b_cfg { single_sample_size_threshold_bytes: 2000 sample_rate: 1 } }\n"
+            "kpi_cfgs { kpi_id: 4 type: KPI_NUMERIC sub_type: HISTOGRAM sample_window: 500\n"
+            "  h_cfg { bucket_bounds: [0, 10] } }\n"
+            "lic_sn_kpi_maps { lic_sn: 42 kpi_ids: [1, 2, 3, 4] }\n"
+            "lic_sn_kpi_maps { lic_sn: 77 kpi_ids: [1] encrypt: true }\n");
+  ASSERT_TRUE(stack_.StartCampaign("radio", file, {42, 77}, 9));
+
+  Log(4, 1234);
+  Log(2, 21);
+  Ask("flush radio", "0");
+  ASSERT_TRUE(WaitForWriter());
+
+  stack_.hal().Signal(SIGKILL);
+  stack_.hal().Wait(seconds(5));
+  Log(1, 20);
+  Ask("flush radio", "0");
+  ASSERT_TRUE(WaitFor([&] { return Dump().Number("owner.42.lost.hal", "samples") > 0; }));
+  stack_.StartHal();
+  // Flush until the HAL is back on the bus.
+  const uint64_t arrived = Dump().Number("owner.42.sent", "events");
+  ASSERT_TRUE(WaitFor([&] {
+    Log(1, 3);
+    Ask("flush radio", "0");
+    return WaitForWriter() && Dump().Number("owner.42.sent", "events") > arrived;
+  }));
+
+  // Eight blobs fit, the ninth in part, the tenth not at all.
+  Ask("limit 16384", "ok");
+  for (int i = 0; i < 10; ++i) LogBlob(1900, "0");
+  Ask("flush radio", "0");
+  ASSERT_TRUE(WaitForWriter());
+  EXPECT_EQ(Dump().Number("owner.42.lost.short_write", "records"), 2u);
+  Ask("limit 0", "ok");
+
+  LogBlob(2001, "-1");
+  ASSERT_EQ(stack_.Ctl({"campaign", "lic-stop", "radio", "42"}).exit_code, 0);
+  Log(1, 10);
+  ASSERT_TRUE(WaitForWriter());
+  ASSERT_EQ(stack_.Ctl({"campaign", "lic-start", "radio", "42"}).exit_code, 0);
+  Log(1, 10);
+  ASSERT_EQ(stack_.Ctl({"campaign", "stop", "radio"}).exit_code, 0);
+
+  const DumpLines dump = Dump();
+  EXPECT_EQ(dump.Number("samples", "logged"), logged_);
+  for (const char* loss : {"42.lost.hal", "42.lost.short_write", "42.lost.oversize",
+                           "42.lost.stopped", "42.lost.no_record", "77.lost.no_key"}) {
+    EXPECT_GT(dump.Number(std::string("owner.") + loss, "samples"), 0u) << loss;
+  }
+  std::map<uint64_t, uint64_t> decoded;
+  for (const nlohmann::json& record : stack_.DecodeSpool()) {
+    decoded[record["lic_sn"]] +=
+        record["kind"] == "blob" ? 1 : record["num_samples"].get<uint64_t>();
+  }
+  for (const char* owner : {"owner.42", "owner.77"}) {
+    const uint64_t arrived_samples = decoded[std::stoull(owner + 6)];
+    EXPECT_EQ(dump.Number(owner + std::string(".sent"), "samples"), arrived_samples);
+    EXPECT_EQ(dump.Number(owner, "samples"),
+              arrived_samples + dump.Number(owner + std::string(".lost"), "samples"));
+  }
+  EXPECT_THAT(stack_.Ctl({"client", "dump", "radio", "--json"}).out,
+              ::testing::StartsWith(R"({"client":{"name":"radio","id":1,)"));
+  EXPECT_EQ(stack_.Ctl({"client", "dump", "gps"}).exit_code, 1);
 }
 
 }  // namespace

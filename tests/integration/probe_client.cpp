@@ -3,53 +3,21 @@
 //
 //   register NAME DIR/ sync|async [slots COUNT BYTES]   -> ok | null
 //   log NAME KPI VALUE COUNT      -> result of the last call
-//   buf NAME TEXT                 -> result
-//   hammer NAME KPI THREADS       -> ok; logs value 1 from that many threads
-//   calm                          -> samples that hammering logged and got 0 for
 //   blob NAME KPI BYTES           -> result
 //   limit BYTES                   -> ok; no file of the process grows beyond, 0: any may
 //   enabled NAME KPI | campaign NAME | flush NAME | deregister NAME   -> result
 #include <signal.h>
 #include <sys/resource.h>
 
-#include <atomic>
 #include <iostream>
 #include <map>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "orb_sdk.h"
 
 namespace {
-
-class Hammer {
- public:
-  void Start(kiv_collector* c, uint32_t kpi, int threads) {
-    running_ = true;
-    for (int i = 0; i < threads; ++i) {
-      threads_.emplace_back([this, c, kpi] {
-        while (running_) {
-          if (kiv_log(c, kpi, 1) == 0) ++accepted_;
-          // Leaves the machine to the services, too.
-          std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-      });
-    }
-  }
-  uint64_t Stop() {
-    running_ = false;
-    for (std::thread& thread : threads_) thread.join();
-    threads_.clear();
-    return accepted_.exchange(0);
-  }
-
- private:
-  std::atomic<bool> running_{false};
-  std::atomic<uint64_t> accepted_{0};
-  std::vector<std::thread> threads_;
-};
 
 class Probe {
  public:
@@ -59,7 +27,6 @@ class Probe {
     std::string verb;
     std::string name;
     in >> verb;
-    if (verb == "calm") return std::to_string(hammer_.Stop());
     if (verb == "limit") return Limit(in);
     in >> name;
     if (verb == "register") return Register(name, in);
@@ -67,7 +34,6 @@ class Probe {
     if (found == collectors_.end()) return "no collector " + name;
     return RunOn(found->second, verb, name, in);
   }
-  ~Probe() { hammer_.Stop(); }
 
  private:
   static std::string Limit(std::istringstream& in) {
@@ -116,20 +82,8 @@ class Probe {
       uint64_t id = 0;
       return kiv_get_campaign_id(c, &id) == 0 ? std::to_string(id) : "-1";
     }
-    if (verb == "buf") {
-      std::string text;
-      in >> text;
-      return std::to_string(kiv_log_buf(c, reinterpret_cast<const uint8_t*>(text.data()),
-                                        static_cast<uint32_t>(text.size())));
-    }
     in >> kpi;
     if (verb == "enabled") return std::to_string(kiv_is_kpi_enabled(c, kpi));
-    if (verb == "hammer") {
-      int threads = 1;
-      in >> threads;
-      hammer_.Start(c, kpi, threads);
-      return "ok";
-    }
     if (verb == "blob") {
       uint32_t bytes = 0;
       in >> bytes;
@@ -148,7 +102,6 @@ class Probe {
   }
 
   std::map<std::string, kiv_collector*> collectors_;
-  Hammer hammer_;
 };
 
 }  // namespace

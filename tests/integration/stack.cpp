@@ -1,29 +1,16 @@
 #include "tests/integration/stack.h"
 
-#include <algorithm>
-#include <nlohmann/json.hpp>
+#include <filesystem>
 #include <sstream>
 
+#include "tests/support/json_lines.h"
+
 namespace orb::test {
-namespace {
-
-// "…/up/7/radio.42/…" is of radio.
-std::string ClientOf(const std::string& path) {
-  const size_t id = path.rfind("/up/");
-  if (id == std::string::npos) return "";
-  const size_t begin = path.find('/', id + 4) + 1;
-  const size_t slash = path.find('/', begin);
-  return path.substr(begin, path.rfind('.', slash) - begin);
-}
-
-}  // namespace
 
 std::string Client::Ask(const std::string& command, std::chrono::milliseconds timeout) {
   if (!process_.Send(command)) return "gone";
   return process_.ReadLine(timeout).value_or("gone");
 }
-
-Stack::Stack() = default;
 
 Stack::~Stack() {
   manager_.Stop();
@@ -47,12 +34,6 @@ void Stack::StartManager() {
 
 void Stack::StartHal() { hal_ = StartProgram({ORB_HALD, "--spool", spool()}, "orb-hald"); }
 
-ChildProcess Stack::StartHoldingHal() {
-  ChildProcess hal = StartProgram({ORB_HOLDING_HAL}, "holding-hal");
-  if (hal.ReadLine(std::chrono::seconds(20)) != "ready") hal.Stop();
-  return hal;
-}
-
 Client Stack::StartClient() {
   Client client;
   client.process_ = StartProgram({ORB_PROBE}, "client" + std::to_string(++clients_));
@@ -61,7 +42,7 @@ Client Stack::StartClient() {
 
 std::string Stack::MakeDataDir(const std::string& name) {
   const std::string dir = path(name) + "/";
-  RunCommand({"mkdir", "-p", dir});
+  std::filesystem::create_directories(dir);
   WriteFile(dir + "orb_sdk.conf", "register_max_retries = 1000\nregister_retry_wait_sec = 1\n");
   return dir;
 }
@@ -113,30 +94,14 @@ bool Stack::WaitRegistered(const std::string& client) {
   });
 }
 
-std::vector<Record> Stack::DecodeSpool() {
-  std::vector<Record> records;
-  std::istringstream lines(Ctl({"decode", spool(), "--format", "json"}).out);
-  for (std::string line; std::getline(lines, line);) {
-    const nlohmann::json json = nlohmann::json::parse(line, nullptr, false);
-    if (!json.is_object() || !json.contains("kpi_id")) continue;
-    Record record;
-    record.client = ClientOf(json.value("file", ""));
-    record.lic_sn = json.value("lic_sn", uint64_t{0});
-    record.campaign = json.value("campaign_id", uint64_t{0});
-    record.seqno = json.value("seqno", uint64_t{0});
-    record.kpi_id = json.value("kpi_id", 0u);
-    record.kind = json.value("kind", "");
-    record.count = json.value("count", uint64_t{0});
-    record.num_samples = json.value("num_samples", uint64_t{0});
-    records.push_back(record);
-  }
-  return records;
+std::vector<nlohmann::json> Stack::DecodeSpool() {
+  return JsonLines(Ctl({"decode", spool(), "--format", "json"}).out);
 }
 
-uint64_t SumOf(const std::vector<Record>& records, uint64_t lic_sn, uint32_t kpi) {
+uint64_t Stack::Sum(uint64_t lic_sn, uint32_t kpi) {
   uint64_t sum = 0;
-  for (const Record& record : records) {
-    if (record.lic_sn == lic_sn && record.kpi_id == kpi) sum += record.count;
+  for (const nlohmann::json& record : DecodeSpool()) {
+    if (record["lic_sn"] == lic_sn && record["kpi_id"] == kpi) sum += record.value("count", 0u);
   }
   return sum;
 }

@@ -2,7 +2,7 @@
 // and clients that the test drives. All of it lives in one temporary directory.
 #pragma once
 
-#include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -24,21 +24,8 @@ class Client {
   ChildProcess process_;
 };
 
-// One record that orbctl decoded.
-struct Record {
-  std::string client;
-  uint64_t lic_sn = 0;
-  uint64_t campaign = 0;
-  uint64_t seqno = 0;
-  uint32_t kpi_id = 0;
-  std::string kind;
-  uint64_t count = 0;
-  uint64_t num_samples = 0;
-};
-
 class Stack {
  public:
-  Stack();
   ~Stack();
 
   void StartManager();
@@ -46,8 +33,6 @@ class Stack {
   // A program on this stack's bus; its log is LogOf(log_name).
   ChildProcess StartProgram(const std::vector<std::string>& argv, const std::string& log_name,
                             const std::map<std::string, std::string>& env = {}) const;
-  // A HAL that completes no slot (tests/integration/holding_hal.cpp), ready.
-  ChildProcess StartHoldingHal();
   ChildProcess& manager() { return manager_; }
   ChildProcess& hal() { return hal_; }
   PrivateBus& bus() { return bus_; }
@@ -70,8 +55,10 @@ class Stack {
                      const std::vector<uint64_t>& lic_sns, uint64_t id);
   bool WaitRegistered(const std::string& client);
 
-  // Every record in the spool, in upload order per client and LicSN.
-  std::vector<Record> DecodeSpool();
+  // Every record in the spool as orbctl decodes it, in upload order per client and LicSN.
+  std::vector<nlohmann::json> DecodeSpool();
+  // Sum of count over the records of one KPI and LicSN.
+  uint64_t Sum(uint64_t lic_sn, uint32_t kpi);
 
  private:
   std::map<std::string, std::string> Environment() const;
@@ -82,8 +69,5 @@ class Stack {
   ChildProcess hal_;
   int clients_ = 0;
 };
-
-// Sum of count over the records of one KPI and LicSN.
-uint64_t SumOf(const std::vector<Record>& records, uint64_t lic_sn, uint32_t kpi);
 
 }  // namespace orb::test

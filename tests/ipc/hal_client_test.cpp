@@ -1,25 +1,19 @@
 // The client's way to the HAL: uploads, regions, completions, losing it.
-#include <android/log.h>
 #include <cutils/ashmem.h>
-#include <cutils/native_handle.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <future>
-#include <memory>
-#include <string>
 #include <thread>
 #include <tuple>
-#include <vector>
 
 #include "tests/ipc/client_fixture.h"
-#include "tests/support/fake_hal.h"
+#include "tests/ipc/fake_hal.h"
 #include "utility/unique_fd.h"
 
 using orb::test::FakeHal;
-using Fault = FakeHal::Fault;
-using Method = FakeHal::Method;
+using Answer = FakeHal::Answer;
 
 namespace {
 
@@ -49,27 +43,38 @@ class HalClientTest : public orb::test::ClientTest {
     }
     all_deaths_.Clear();
   }
+  // The HAL answers calls of this method so, from now on.
+  void Script(const std::string& method, Answer answer) {
+    hal_->SetScript(
+        [=](const std::string& called) { return called == method ? answer : Answer::kNormal; });
+  }
 
   int Send(const Bytes& header, const Bytes& data, const Bytes& footer) {
     return client_->sendData(
         "tok", "/up/7/radio.1", header.data(), static_cast<uint32_t>(header.size()), data.data(),
         static_cast<uint32_t>(data.size()), footer.data(), static_cast<uint32_t>(footer.size()));
   }
-  bool Logged(const std::string& text) { return log_.Has(ANDROID_LOG_ERROR, "orb_sdk", text); }
+  int Announce(uint32_t region) {
+    return client_->FdWrite("tok", region, "name", {7, 8}, 16, 4, COMPRESS_NONE);
+  }
+  // A region of a registered client, whose completions go to on_complete.
+  kiv_fd_handle_s* NewRegion() {
+    kiv_collector* const collector = Register("radio");
+    EXPECT_NE(collector, nullptr);
+    return kiv_set_fd(collector, fd_.get(), 0, 64,
+                      [](kiv_fd_handle_s* h, uint32_t a, uint32_t b, int c) {
+                        on_complete(h, a, b, c);
+                        return 0;
+                      });
+  }
 
+  static inline std::function<void(kiv_fd_handle_s*, uint32_t, uint32_t, int)> on_complete;
+  const orb::UniqueFd fd_{ashmem_create_region("region", 64)};
   std::shared_ptr<FakeHal> hal_;
 
  private:
   orb::LogCapture all_deaths_;  // Since the HAL was last killed.
 };
-
-// What the completion functions of the tests' regions saw.
-using Completion = std::tuple<kiv_fd_handle_s*, uint32_t, uint32_t, int>;
-std::promise<Completion>* completion;
-int NoteCompletion(kiv_fd_handle_s* handle, uint32_t a, uint32_t b, int c) {
-  completion->set_value({handle, a, b, c});
-  return 0;
-}
 
 TEST_F(HalClientTest, ConnectsOnceTheHalIsThere) {
   EXPECT_EQ(Send({1}, {2}, {}), -1);
@@ -82,7 +87,7 @@ TEST_F(HalClientTest, ConnectsOnceTheHalIsThere) {
   EXPECT_EQ(client_->setupFD(0, 0, 0, "tok", &region), -1);
   EXPECT_TRUE(Logged("setupFD: could not initialize orbsyshal handle"));
   log_.Clear();
-  EXPECT_EQ(client_->FdWrite("tok", 1, "n", {}, 0, 0, COMPRESS_NONE), -1);
+  EXPECT_EQ(Announce(1), -1);
   EXPECT_EQ(client_->UnsetFD("tok", 1), -1);
   EXPECT_EQ(TakeLog(), (Lines{
                            "E FdWrite: orbsyshal handle is null",
@@ -110,105 +115,76 @@ TEST_F(HalClientTest, AServiceOfAnotherKindIsNotTheHal) {
 TEST_F(HalClientTest, UploadsArriveInOnePiece) {
   StartHal();
   EXPECT_EQ(Send({1, 2}, {3, 4, 5}, {6}), 0);
+  EXPECT_EQ(hal_->Upload(), (Bytes{1, 2, 3, 4, 5, 6}));
   EXPECT_EQ(Send({1, 2}, {}, {6}), 0);
-  EXPECT_EQ(Send(Bytes(66, 1), Bytes(3 << 20, 2), {}), 0);
-  const std::vector<FakeHal::Upload> uploads = hal_->uploads();
-  ASSERT_EQ(uploads.size(), 3u);
-  EXPECT_EQ(uploads[0].name, "/up/7/radio.1");
-  EXPECT_EQ(uploads[0].bytes, (Bytes{1, 2, 3, 4, 5, 6}));
-  EXPECT_EQ(uploads[1].bytes, (Bytes{1, 2, 6}));
-  EXPECT_EQ(uploads[2].bytes.size(), size_t{66} + (3 << 20));
+  EXPECT_EQ(hal_->Upload(), (Bytes{1, 2, 6}));
+  EXPECT_EQ(Send({}, Bytes(3 << 20, 2), {}), 0);
+  EXPECT_EQ(hal_->Upload(), Bytes(3 << 20, 2));
+  EXPECT_EQ(hal_->Taken().back(), "request_read /up/7/radio.1 3145728");
 }
 
 TEST_F(HalClientTest, FailedUploadsSayWhatFailed) {
   StartHal();
   ASSERT_EQ(Send({1}, {2}, {}), 0);
   const struct {
-    const char* name;
-    Method method;
-    Fault fault;
+    const char* method;
+    Answer answer;
     Lines want;
   } kCases[] = {
-      {"no transport for the queue", Method::kConfigureFmq, Fault::kFail, {}},
-      {"queue refused",
-       Method::kConfigureFmq,
-       Fault::kRefuse,
-       {"E [ERROR] Failed to configure fmq"}},
-      {"no transport for the request",
-       Method::kRequestRead,
-       Fault::kFail,
-       {"E [ERROR] orbsyshal->request_read() failed"}},
-      {"request refused",
-       Method::kRequestRead,
-       Fault::kRefuse,
-       {"E [ERROR] orbsyshal->request_read() failed"}},
+      {"configure_fmq", Answer::kFail, {}},
+      {"configure_fmq", Answer::kRefuse, {"E [ERROR] Failed to configure fmq"}},
+      {"request_read", Answer::kFail, {"E [ERROR] orbsyshal->request_read() failed"}},
+      {"request_read", Answer::kRefuse, {"E [ERROR] orbsyshal->request_read() failed"}},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    hal_->Inject(c.method, c.fault);
+    SCOPED_TRACE(c.method);
+    Script(c.method, c.answer);
     log_.Clear();
     EXPECT_EQ(Send({1}, {2}, {3}), -1);
     EXPECT_EQ(TakeLog(), c.want);
   }
-  EXPECT_EQ(hal_->uploads().size(), 1u);
+  hal_->SetScript(nullptr);
+  EXPECT_EQ(Send({}, {}, {}), -1);
+  EXPECT_TRUE(Logged("[ERROR] Failed to write data to fmq header 0 data 0 footer 1"));
+  EXPECT_EQ(hal_->Taken().back(), "configure_fmq");
   EXPECT_EQ(Send({1}, {2}, {}), 0);
 }
 
-TEST_F(HalClientTest, AnUploadOfNothingFails) {
-  StartHal();
-  EXPECT_EQ(Send({}, {}, {}), -1);
-  EXPECT_TRUE(Logged("[ERROR] Failed to write data to fmq header 0 data 0 footer 1"));
-  EXPECT_EQ(hal_->calls(Method::kRequestRead), 0u);
-}
-
 TEST_F(HalClientTest, RegionsAreAnnouncedWrittenAndWithdrawn) {
-  StartManager();
   StartHal();
-  ASSERT_NE(Register("radio"), nullptr);
-  const orb::UniqueFd fd(ashmem_create_region("region", 64));
   uint32_t region = 0;
-  ASSERT_EQ(client_->setupFD(fd.get(), 8, 56, "token-1", &region), 0);
+  ASSERT_EQ(client_->setupFD(fd_.get(), 8, 56, "tok", &region), 0);
   EXPECT_EQ(region, 1u);
-  ASSERT_EQ(hal_->regions().size(), 1u);
-  EXPECT_EQ(hal_->regions()[0].offset_bytes, 8);
-  EXPECT_EQ(hal_->regions()[0].size_bytes, 56);
-  EXPECT_NE(fcntl(fd.get(), F_GETFD), -1);  // Still ours.
-
+  EXPECT_NE(fcntl(fd_.get(), F_GETFD), -1);  // Still ours.
+  Lines want = {"set_fd 8 56"};
   const std::pair<int, int> kCompress[] = {{0, 0}, {1, 1}, {2, 2}, {3, 0}, {5, 0}, {-1, 0}};
   for (const auto& [given, sent] : kCompress) {
-    SCOPED_TRACE(given);
-    EXPECT_EQ(client_->FdWrite("token-1", region, "name", {7, 8}, 16, 4,
-                               static_cast<CompressType>(given)),
+    EXPECT_EQ(client_->FdWrite("tok", 1, "name", {7, 8}, 16, 4, static_cast<CompressType>(given)),
               0);
-    const FakeHal::Slot slot = hal_->slots().back();
-    EXPECT_EQ(slot.compress, sent);
-    EXPECT_EQ(slot.name, "name");
-    EXPECT_EQ(slot.header, (Bytes{7, 8}));
-    EXPECT_EQ(slot.offset_bytes, 16);
-    EXPECT_EQ(slot.size_bytes, 4);
+    want.push_back("fd_write name 0708 1 16 4 " + std::to_string(sent));
   }
-  EXPECT_EQ(client_->UnsetFD("token-1", region), 0);
-  EXPECT_FALSE(hal_->regions()[0].open);
+  EXPECT_EQ(client_->UnsetFD("tok", 1), 0);
+  want.push_back("unset_fd 1");
+  EXPECT_EQ(hal_->Taken(), want);
 }
 
 TEST_F(HalClientTest, RefusalsAndTransportErrorsOfRegions) {
   StartHal();
-  const orb::UniqueFd fd(ashmem_create_region("region", 64));
   uint32_t region = 99;
-  hal_->Inject(Method::kSetFd, Fault::kRefuse);
-  EXPECT_EQ(client_->setupFD(fd.get(), 0, 64, "tok", &region), FakeHal::kRefused);
-  hal_->Inject(Method::kSetFd, Fault::kFail);
-  EXPECT_EQ(client_->setupFD(fd.get(), 0, 64, "tok", &region), -1);
+  Script("set_fd", Answer::kRefuse);
+  EXPECT_EQ(client_->setupFD(fd_.get(), 0, 64, "tok", &region), FakeHal::kRefused);
+  Script("set_fd", Answer::kFail);
+  EXPECT_EQ(client_->setupFD(fd_.get(), 0, 64, "tok", &region), -1);
   EXPECT_TRUE(Logged("setupFD: orbsyshal->set_fd() hidl transport error"));
   EXPECT_EQ(region, 99u);
 
-  ASSERT_EQ(client_->setupFD(fd.get(), 0, 64, "tok", &region), 0);
-  hal_->Inject(Method::kFdWrite, Fault::kRefuse);
-  EXPECT_EQ(client_->FdWrite("tok", region, "n", {}, 0, 1, COMPRESS_NONE), FakeHal::kRefused);
-  hal_->Inject(Method::kFdWrite, Fault::kFail);
-  EXPECT_EQ(client_->FdWrite("tok", region, "n", {}, 0, 1, COMPRESS_NONE), -1);
+  Script("fd_write", Answer::kRefuse);
+  ASSERT_EQ(client_->setupFD(fd_.get(), 0, 64, "tok", &region), 0);
+  EXPECT_EQ(Announce(region), FakeHal::kRefused);
+  Script("fd_write", Answer::kFail);
+  EXPECT_EQ(Announce(region), -1);
   EXPECT_TRUE(Logged("FdWrite: orbsyshal->fd_write_to_system_dropbox() HIDL transport error"));
-  hal_->Inject(Method::kUnsetFd, Fault::kFail);
+  Script("unset_fd", Answer::kFail);
   EXPECT_EQ(client_->UnsetFD("tok", region), -1);
   EXPECT_TRUE(Logged("UnsetFD: orbsyshal->unset_fd(1) HIDL transport error"));
 }
@@ -216,21 +192,18 @@ TEST_F(HalClientTest, RefusalsAndTransportErrorsOfRegions) {
 TEST_F(HalClientTest, CompletionMayComeInsideTheAnnouncement) {
   StartManager();
   StartHal();
-  kiv_collector* const collector = Register("radio");
-  ASSERT_NE(collector, nullptr);
-  std::promise<Completion> seen;
-  completion = &seen;
-  const orb::UniqueFd fd(ashmem_create_region("region", 64));
-  kiv_fd_handle_s* const handle = kiv_set_fd(collector, fd.get(), 0, 64, NoteCompletion);
+  kiv_fd_handle_s* const handle = NewRegion();
   ASSERT_NE(handle, nullptr);
-
-  hal_->Pause(Method::kFdWrite);
-  auto announce = std::async(std::launch::async, [&] { return kiv_log_fd_buf(handle, 0, 16, 4); });
-  ASSERT_TRUE(hal_->WaitUntilPaused(Method::kFdWrite));
-  EXPECT_TRUE(hal_->Complete(static_cast<int32_t>(handle->fdToken), 16, -1, -3));
-  EXPECT_EQ(seen.get_future().get(), Completion(handle, 16, 0xffffffffu, -3));
-  hal_->Resume(Method::kFdWrite);
-  EXPECT_EQ(announce.get(), 0);
+  std::tuple<kiv_fd_handle_s*, uint32_t, uint32_t, int> seen;
+  on_complete = [&](auto... parts) { seen = {parts...}; };
+  hal_->SetScript([&](const std::string&) {
+    return std::async(std::launch::async, [&] { return hal_->Complete(1, 16, -1, -3); }).get()
+               ? Answer::kNormal
+               : Answer::kFail;
+  });
+  EXPECT_EQ(kiv_log_fd_buf(handle, 0, 16, 4), 0);
+  EXPECT_EQ(seen, std::make_tuple(handle, 16u, 0xffffffffu, -3));
+  hal_->SetScript(nullptr);
   EXPECT_EQ(kiv_unset_fd(handle), 0);
   free(handle);
 }
@@ -238,32 +211,24 @@ TEST_F(HalClientTest, CompletionMayComeInsideTheAnnouncement) {
 TEST_F(HalClientTest, DeregisterWaitsForACompletionUnderWay) {
   StartManager();
   StartHal();
-  kiv_collector* const collector = Register("radio");
-  ASSERT_NE(collector, nullptr);
-  static std::promise<void>* entered;
-  static std::promise<void>* leave;
-  std::promise<void> entered_here, leave_here;
-  entered = &entered_here;
-  leave = &leave_here;
-  const orb::UniqueFd fd(ashmem_create_region("region", 64));
-  kiv_fd_handle_s* const handle =
-      kiv_set_fd(collector, fd.get(), 0, 64, [](kiv_fd_handle_s* h, uint32_t, uint32_t, int) {
-        entered->set_value();
-        leave->get_future().wait();
-        EXPECT_EQ(h->collector->name(), "radio");  // Not destroyed yet.
-        return 0;
-      });
+  kiv_fd_handle_s* const handle = NewRegion();
   ASSERT_NE(handle, nullptr);
-  const auto token = static_cast<int32_t>(handle->fdToken);
-  auto done = std::async(std::launch::async, [&] { return hal_->Complete(token, 0, 0, 0); });
-  entered_here.get_future().wait();
-  auto gone = std::async(std::launch::async, [&] { return Deregister(collector); });
+  std::promise<void> entered;
+  std::promise<void> leave;
+  on_complete = [&](kiv_fd_handle_s* h, uint32_t, uint32_t, int) {
+    entered.set_value();
+    leave.get_future().wait();
+    EXPECT_EQ(h->collector->name(), "radio");  // Not destroyed yet.
+  };
+  auto done = std::async(std::launch::async, [&] { return hal_->Complete(1, 0, 0, 0); });
+  entered.get_future().wait();
+  auto gone = std::async(std::launch::async, [&] { return Deregister(handle->collector); });
   // The manager has been told, so only the wait for the completion is left.
-  while (manager_->Deregistrations().empty()) std::this_thread::yield();
-  leave_here.set_value();
+  while (manager_->Calls().back() != "deregister token-1") std::this_thread::yield();
+  leave.set_value();
   EXPECT_TRUE(done.get());
   EXPECT_EQ(gone.get(), 0);
-  EXPECT_TRUE(hal_->Complete(token, 0, 0, 0));
+  EXPECT_TRUE(hal_->Complete(1, 0, 0, 0));
   EXPECT_TRUE(Logged("fd_write_done - No entry found for fd_token: 1"));
   free(handle);
 }
@@ -272,13 +237,13 @@ TEST_F(HalClientTest, ReconnectsAfterTheHalsDeath) {
   StartHal();
   ASSERT_EQ(Send({1}, {2}, {}), 0);
   KillHal();
-  EXPECT_EQ(client_->FdWrite("tok", 1, "n", {}, 0, 1, COMPRESS_NONE), -1);
+  EXPECT_EQ(Announce(1), -1);
   EXPECT_TRUE(Logged("FdWrite: orbsyshal handle is null"));
   StartHal();
-  EXPECT_EQ(client_->FdWrite("tok", 1, "n", {}, 0, 1, COMPRESS_NONE), -1);
-  EXPECT_EQ(hal_->calls(Method::kFdWrite), 0u);
+  EXPECT_EQ(Announce(1), -1);
+  EXPECT_EQ(hal_->Taken(), Lines());
   EXPECT_EQ(Send({1}, {2}, {}), 0);
-  EXPECT_EQ(client_->FdWrite("tok", 1, "n", {}, 0, 1, COMPRESS_NONE), FakeHal::kRefused);
+  EXPECT_EQ(Announce(1), FakeHal::kRefused);
 }
 
 using HalClientDeathTest = HalClientTest;

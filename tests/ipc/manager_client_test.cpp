@@ -1,27 +1,24 @@
 // The client's way to the manager, connecting, registering, losing it; and the
 // manager's calls on their way to a collector.
-#include <android/log.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
-#include <future>
-#include <string>
-#include <vector>
+#include <cerrno>
 
+#include "ipc/collector_routes.h"
 #include "tests/ipc/client_fixture.h"
+#include "utility/unique_fd.h"
 
+using android::String16;
+using android::Vector;
 using android::binder::Status;
-using orb::test::FakeManager;
 
 namespace {
 
 using Lines = std::vector<std::string>;
 using ManagerClientTest = orb::test::ClientTest;
-
-KIVCampConfig Campaign(int64_t id) {
-  KIVCampConfig config;
-  config.campId = id;
-  return config;
-}
 
 TEST_F(ManagerClientTest, RegistersOnceTheManagerIsThere) {
   kiv_collector* const collector = NewCollector("radio");
@@ -41,7 +38,6 @@ TEST_F(ManagerClientTest, RegistersOnceTheManagerIsThere) {
                        }));
 
   StartManager();
-  manager_->AssignAlways("tok", 42);
   EXPECT_EQ(client_->registerClient("radio", 2, 0x1ff, collector), 0);
   EXPECT_EQ(TakeLog(),
             (Lines{
@@ -50,37 +46,29 @@ TEST_F(ManagerClientTest, RegistersOnceTheManagerIsThere) {
                 "I initOrbVHandle - getting new instance of orb client binder",
                 "I initOrbVHandle - got new instance of orb client binder",
                 "I initOrbVHandle: linkToDeath status: 0",
-                "I registerClient success. Token received - tok , client id received - 42",
+                "I registerClient success. Token received - token-1 , client id received - 41",
             }));
-  EXPECT_EQ(collector->Token(), "tok");
-  EXPECT_EQ(collector->ClientId(), 42);
-  ASSERT_EQ(manager_->Registrations().size(), 1u);
-  const KIVClientInfo info = manager_->Registrations()[0].info;
-  EXPECT_EQ(info.clientName, "radio");
-  EXPECT_EQ(info.clientType, 2);
-  EXPECT_EQ(info.clientOption, -1);  // The low byte, signed.
+  EXPECT_EQ(collector->Token(), "token-1");
+  EXPECT_EQ(collector->ClientId(), 41);
+  EXPECT_EQ(manager_->Calls(), Lines{"register radio 2 -1"});  // The low byte, signed.
 }
 
 TEST_F(ManagerClientTest, RefusalsAreReportedAndLeaveNoTrace) {
   StartManager();
   kiv_collector* const collector = NewCollector("radio");
-  const struct {
-    Status answer;
-    const char* line;
-  } kRefusals[] = {
-      {Status::fromExceptionCode(Status::EX_ILLEGAL_STATE),
-       "registerClient - failed with error - -5"},
-      {Status::fromServiceSpecificError(3), "registerClient - failed with error - -8"},
-      {Status::fromStatusT(android::FAILED_TRANSACTION),
-       "registerClient - failed with error - -129"},
+  const std::pair<Status, const char*> kRefusals[] = {
+      {Status::fromExceptionCode(Status::EX_ILLEGAL_STATE), "-5"},
+      {Status::fromServiceSpecificError(3), "-8"},
+      {Status::fromStatusT(android::FAILED_TRANSACTION), "-129"},
   };
-  for (const auto& refusal : kRefusals) {
-    SCOPED_TRACE(refusal.line);
-    manager_->FailCall(1, refusal.answer);
+  for (const auto& [answer, code] : kRefusals) {
+    SCOPED_TRACE(code);
+    manager_->SetHook([answer = answer](const std::string&) { return answer; });
     EXPECT_EQ(client_->registerClient("radio", 2, 0, collector), -1);
-    EXPECT_TRUE(log_.Has(ANDROID_LOG_ERROR, "orb_sdk", refusal.line)) << log_.Dump();
+    EXPECT_TRUE(Logged(std::string("registerClient - failed with error - ") + code));
     EXPECT_EQ(collector->Token(), "");
   }
+  manager_->SetHook(nullptr);
   EXPECT_EQ(client_->registerClient("radio", 2, 0, collector), 0);
 }
 
@@ -91,88 +79,64 @@ TEST_F(ManagerClientTest, DeregistrationForgetsTheTokenWhateverTheAnswer) {
     kiv_collector* const collector = NewCollector("radio");
     ASSERT_EQ(client_->registerClient("radio", 2, 0, collector), 0);
     const std::string token = collector->Token();
-    EXPECT_EQ(manager_->StartSession(token, Campaign(1)), 0);
-    if (fails) manager_->FailCall(1, Status::fromServiceSpecificError(3));
+    EXPECT_EQ(manager_->StartSession(token, 1), 0);
+    manager_->SetHook([&](const std::string&) {
+      return fails ? Status::fromServiceSpecificError(3) : Status::ok();
+    });
     EXPECT_EQ(client_->deRegisterClient(token), fails ? -1 : 0);
-    EXPECT_EQ(log_.Has(ANDROID_LOG_ERROR, "orb_sdk", "deRegisterClient - failed with error - -8"),
-              fails);
-    EXPECT_EQ(manager_->StartSession(token, Campaign(2)), -1);
-    EXPECT_TRUE(log_.Has(ANDROID_LOG_ERROR, "orb_sdk",
-                         "StartSession - No entry found for token: " + token));
+    EXPECT_EQ(Logged("deRegisterClient - failed with error - -8"), fails);
+    EXPECT_EQ(manager_->StartSession(token, 2), -1);
+    EXPECT_TRUE(Logged("StartSession - No entry found for token: " + token));
+    EXPECT_EQ(manager_->Calls().back(), "deregister " + token);
+    manager_->SetHook(nullptr);
   }
-  EXPECT_EQ(manager_->Deregistrations(), std::vector<std::string>{"token-1"});
 }
 
 TEST_F(ManagerClientTest, ManagerDeathReachesEveryCollectorAndEachReturns) {
   StartManager();
   for (const char* name : {"a", "b", "c"}) ASSERT_NE(Register(name), nullptr);
-  EXPECT_EQ(manager_->StartSession("token-2", Campaign(1)), 0);
-  const android::sp<IKIVCallback> callback = manager_->Registrations()[0].callback;
+  EXPECT_EQ(manager_->StartSession("token-2", 1), 0);
+  const android::sp<orb::test::FakeManager> dead = manager_;
   log_.Clear();
   KillManager();
   EXPECT_TRUE(log_.WaitFor("c::LostConn deleteing client instance for token - ", 3));
   EXPECT_EQ(log_.Count("OrbvDeathRecipient - ORB Server has died"), 1u);
   EXPECT_TRUE(log_.Contains("b: StopCustomSession called for token - token-2"));
-
-  // No token is left.
-  int32_t result = 0;
-  EXPECT_TRUE(callback->StartSession("token-1", Campaign(1), &result).isOk());
-  EXPECT_EQ(result, -1);
+  EXPECT_EQ(dead->StartSession("token-1", 1), -1) << "a token is left";
 
   StartManager();
-  EXPECT_TRUE(manager_->WaitForRegistrations(3));
   EXPECT_TRUE(log_.WaitFor("MGR registration succeeded", 3));
-  EXPECT_EQ(manager_->StartSession("token-3", Campaign(2)), 0);
+  EXPECT_EQ(manager_->StartSession("token-3", 2), 0);
 }
 
 TEST_F(ManagerClientTest, AManagerThatDiesWhenItIsFoundIsNotKept) {
-  StartManager();
-  Services()->KillAfter(2);
   kiv_collector* const collector = NewCollector("radio");
+  Services()->all_dead = true;
   EXPECT_EQ(client_->registerClient("radio", 2, 0, collector), -1);
   EXPECT_TRUE(log_.Contains("initOrbVHandle: linkToDeath status: -32"));
+  Services()->all_dead = false;
   StartManager();
   EXPECT_EQ(client_->registerClient("radio", 2, 0, collector), 0);
 }
 
 TEST_F(ManagerClientTest, CallsOfTheManagerInsideOurCallsDoNotBlock) {
   StartManager();
-  FakeManager* const manager = manager_.get();
   int32_t started = 0;
-  manager_->OnRegister([&](const FakeManager::Registration& registration) {
-    EXPECT_TRUE(
-        registration.callback->StartSession(registration.id.token, Campaign(1), &started).isOk());
+  manager_->SetHook([&](const std::string& token) {
+    started = manager_->StartSession(token, 1);
+    return Status::ok();
   });
-  int stopped = -1;
-  manager_->OnDeregister(
-      [&](const std::string& token) { stopped = manager->StopSession(token, 1); });
   kiv_collector* const collector = Register("radio");
   ASSERT_NE(collector, nullptr);
   EXPECT_EQ(started, -1);
-  EXPECT_TRUE(
-      log_.Has(ANDROID_LOG_ERROR, "orb_sdk", "StartSession - No entry found for token: token-1"));
-  EXPECT_EQ(manager_->StartSession("token-1", Campaign(1)), 0);
+  EXPECT_EQ(manager_->StartSession("token-1", 1), 0);
+  int stopped = -1;
+  manager_->SetHook([&](const std::string& token) {
+    stopped = manager_->Callback()->StopSession(token, 1).exceptionCode();
+    return Status::ok();
+  });
   EXPECT_EQ(Deregister(collector), 0);
   EXPECT_EQ(stopped, 0);
-}
-
-TEST_F(ManagerClientTest, DeregisterWaitsForACallbackUnderWay) {
-  StartManager();
-  kiv_collector* const collector = Register("radio");
-  ASSERT_NE(collector, nullptr);
-  std::promise<void> entered, leave;
-  on_start = [&](kiv_collector*) {
-    entered.set_value();
-    leave.get_future().wait();
-    return 7;
-  };
-  auto start = std::async(std::launch::async,
-                          [&] { return manager_->StartSession("token-1", Campaign(1)); });
-  entered.get_future().wait();
-  auto gone = std::async(std::launch::async, [&] { return Deregister(collector); });
-  leave.set_value();
-  EXPECT_EQ(start.get(), 7);
-  EXPECT_EQ(gone.get(), 0);
 }
 
 using KIVCallbackImplTest = orb::test::ClientTest;
@@ -181,10 +145,10 @@ TEST_F(KIVCallbackImplTest, UnknownTokensAreAnsweredAndLogged) {
   StartManager();
   ASSERT_NE(Register("radio"), nullptr);
   log_.Clear();
-  EXPECT_EQ(manager_->StartSession("other", Campaign(1)), -1);
-  EXPECT_EQ(manager_->StopSession("", 1), 0);
-  EXPECT_EQ(manager_->StartSessionforLicSN("token-11", 1, 5), 0);
-  EXPECT_EQ(manager_->StopSessionforLicSN("token-", 1, 5), 0);
+  EXPECT_EQ(manager_->StartSession("other", 1), -1);
+  EXPECT_TRUE(manager_->Callback()->StopSession("", 1).isOk());
+  EXPECT_TRUE(manager_->Callback()->StartSessionforLicSN("token-11", 1, 5).isOk());
+  EXPECT_TRUE(manager_->Callback()->StopSessionforLicSN("token-", 1, 5).isOk());
   EXPECT_EQ(TakeLog(), (Lines{
                            "E StartSession - No entry found for token: other",
                            "E StopSession - No entry found for token: ",
@@ -197,25 +161,76 @@ TEST_F(KIVCallbackImplTest, EventsAreLoggedAndReachTheCollector) {
   StartManager();
   kiv_collector* const collector = Register("radio");
   ASSERT_NE(collector, nullptr);
-  EXPECT_EQ(manager_->StartSession("token-1", Campaign(-2)), 0);
+  EXPECT_EQ(manager_->StartSession("token-1", -2), 0);
   EXPECT_EQ(collector->GetCampaignId(), 0xfffffffffffffffeu);
 
   log_.Clear();
-  manager_->StartSessionforLicSN("token-1", 77, -1);
+  manager_->Callback()->StartSessionforLicSN("token-1", 77, -1);
   EXPECT_EQ(TakeLog().front(),
             "I StartSessionforLicSN - camp start event received for LicSN - 18446744073709551615"
             " camp id -  77  token - token-1");
-  manager_->StopSessionforLicSN("token-1", -77, 5);
+  manager_->Callback()->StopSessionforLicSN("token-1", -77, 5);
   EXPECT_EQ(TakeLog().front(),
             "I StopSessionforLicSN - camp stop event received for LicSN - 5"
             " camp id - -77  token - token-1");
 
   // The campaign is not compared with the running one.
-  manager_->StopSession("token-1", 12345);
-  const Lines lines = TakeLog();
-  EXPECT_EQ(lines.front(),
+  manager_->Callback()->StopSession("token-1", 12345);
+  EXPECT_EQ(TakeLog().front(),
             "I StopSession - camp stop event received, camp id -  12345  token - token-1");
-  EXPECT_EQ(manager_->StartSession("token-1", Campaign(3)), 0);  // Free again.
+  EXPECT_EQ(manager_->StartSession("token-1", 3), 0);  // Free again.
+}
+
+TEST_F(KIVCallbackImplTest, DumpDescribesTheCollectors) {
+  StartManager();
+  ASSERT_NE(Register("radio"), nullptr);
+  ASSERT_NE(Register("sensor"), nullptr);
+  // The names in the dump, or the error.
+  const auto dump = [&](const orb::UniqueFd& fd, const Lines& words) -> std::string {
+    Vector<String16> args;
+    for (const std::string& word : words) args.add(String16(word.c_str()));
+    const auto callback = android::IInterface::asBinder(manager_->Callback());
+    const android::status_t status = callback->dump(fd.get(), args);
+    if (status != android::OK) return std::to_string(status);
+    char bytes[4096];
+    const ssize_t got = pread(fd.get(), bytes, sizeof bytes, 0);
+    const std::string text(bytes, got > 0 ? static_cast<size_t>(got) : 0);
+    std::string names;
+    for (const char* name : {"radio", "sensor"}) {
+      if (text.find("client.name: \"" + std::string(name)) != std::string::npos) names += name;
+    }
+    return names;
+  };
+  const auto memory = [] { return orb::UniqueFd(memfd_create("dump", MFD_CLOEXEC)); };
+  EXPECT_EQ(dump(memory(), {}), "radiosensor");
+  EXPECT_EQ(dump(memory(), {"--token", "token-1"}), "radio");
+  EXPECT_EQ(dump(memory(), {"--token", "other"}), std::to_string(android::NAME_NOT_FOUND));
+  EXPECT_EQ(dump(memory(), {"--token"}), std::to_string(android::BAD_VALUE));
+
+  // Whoever asked has gone, which is no reason to end the host.
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  close(ends[0]);
+  EXPECT_EQ(dump(orb::UniqueFd(ends[1]), {}), std::to_string(-EPIPE));
+  sigset_t pending;
+  sigpending(&pending);
+  EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+}
+
+// The routes never look into a collector: any address does.
+TEST(CollectorRoutesTest, RegionsOutliveTokens) {
+  char storage[1];
+  auto* const collector = reinterpret_cast<kiv_collector*>(storage);
+  CollectorRoutes routes;
+  routes.Add("a", collector);
+  routes.AddRegion(7, "a");
+  routes.AddRegion(8, "unknown");
+  routes.RemoveAll();
+  EXPECT_FALSE(routes.Find("a"));
+  EXPECT_EQ(routes.FindRegion(7).operator->(), collector);
+  EXPECT_FALSE(routes.FindRegion(8));
+  routes.RemoveRegion(7);
+  EXPECT_FALSE(routes.FindRegion(7));
 }
 
 }  // namespace

@@ -5,12 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "proto/kpi_data.pb.h"
 #include "tests/orbctl/upload_builder.h"
 #include "tests/support/child_process.h"
+#include "tests/support/json_lines.h"
 
 namespace orb::orbctl {
 namespace {
@@ -30,21 +30,21 @@ std::string Counter(uint32_t kpi_id, uint64_t count) {
 class DecodeCommandTest : public ::testing::Test {
  protected:
   // An upload of counter `kpi` below the spool; sealed when there is a key.
-  std::string Add(const std::string& folder, uint32_t seqno, uint32_t kpi, uint64_t lic_sn,
-                  const std::string& public_pem = "") {
+  void Add(const std::string& folder, uint32_t seqno, uint32_t kpi, uint64_t lic_sn,
+           const std::string& public_pem = "") {
     test::UploadPlan plan;
     plan.records = Counter(kpi, 10) + Counter(kpi, 20);
     plan.seqno = seqno;
     plan.lic_sn = lic_sn;
     plan.public_pem = public_pem;
-    const std::vector<uint8_t> bytes = test::BuildUpload(plan);
-    return Put(folder, seqno, std::string(bytes.begin(), bytes.end()));
+    Put(folder, plan);
   }
-  std::string Put(const std::string& folder, uint32_t seqno, const std::string& content) {
+  std::string Put(const std::string& folder, const test::UploadPlan& plan) {
     const std::string dir = temp_.path() + "/" + folder;
     std::filesystem::create_directories(dir);
-    const std::string path = dir + "/" + std::to_string(seqno) + "-1763716800000.orb";
-    EXPECT_TRUE(WriteFile(path, content));
+    const std::string path = dir + "/" + std::to_string(plan.seqno) + "-1763716800000.orb";
+    const std::vector<uint8_t> bytes = test::BuildUpload(plan);
+    EXPECT_TRUE(WriteFile(path, {bytes.begin(), bytes.end()}));
     return path;
   }
   int Run() {
@@ -52,11 +52,7 @@ class DecodeCommandTest : public ::testing::Test {
     ::testing::internal::CaptureStderr();
     const int code = command_.Run(out);
     err_ = ::testing::internal::GetCapturedStderr();
-    records_.clear();
-    std::istringstream lines(out.str());
-    for (std::string line; std::getline(lines, line);) {
-      records_.push_back(nlohmann::json::parse(line, nullptr, false));
-    }
+    records_ = orb::test::JsonLines(out.str());
     return code;
   }
   std::string WriteKey(int number) {
@@ -105,17 +101,33 @@ TEST_F(DecodeCommandTest, OpensWithTheKeyThatFitsAndNamesTheOwnersItHasNoneFor) 
 
 TEST_F(DecodeCommandTest, NamesDamagedFilesAndDecodesTheOthers) {
   Add("up/7/radio.42", 0, 1, 42);
-  const std::string cut = Put("up/7/radio.42", 1, "short");
-  test::UploadPlan plan;
-  plan.records = Counter(1, 1) + "\x07garbage";
-  const std::vector<uint8_t> bytes = test::BuildUpload(plan);
-  const std::string garbage = Put("up/7/radio.42", 2, std::string(bytes.begin(), bytes.end()));
+  const std::string cut = temp_.path() + "/up/7/radio.42/1-1.orb";
+  ASSERT_TRUE(WriteFile(cut, "short"));
+  test::UploadPlan torn;
+  torn.records = Counter(2, 1) + "\x07garbage" + Counter(3, 1);
+  const std::string garbage = Put("up/7/radio.42", torn);
   command_.paths.push_back(temp_.path() + "/gone.orb");
   EXPECT_EQ(Run(), 1);
   EXPECT_EQ(records_.size(), 3U) << "what comes before the damage counts, too";
   EXPECT_THAT(err_, HasSubstr(cut + ": damaged at offset 5: the file ends inside"));
   EXPECT_THAT(err_, HasSubstr(garbage + ": damaged at offset 8 of the unzipped data, after 1 "));
   EXPECT_THAT(err_, HasSubstr("cannot open " + temp_.path() + "/gone.orb: "));
+
+  // What comes behind it is salvaged, and each file told what it cost.
+  command_.paths = {garbage};
+  command_.salvage = true;
+  EXPECT_EQ(Run(), 1);
+  ASSERT_EQ(records_.size(), 3U);
+  EXPECT_EQ(records_[1]["kpi_id"], 3);
+  const nlohmann::json& told = records_[2]["salvage"];
+  EXPECT_EQ(told["records"], 2);
+  EXPECT_EQ(told["skipped_data_bytes"], 8);
+  EXPECT_EQ(told["skipped"][0]["offset"], 8);
+  EXPECT_THAT(err_, HasSubstr(garbage + ": 8 bytes skipped at offset 8 of the unzipped data: "));
+  EXPECT_THAT(err_, HasSubstr(garbage + ": 2 records salvaged, 0 bytes of the file and 8 of the "));
+  command_.paths = {temp_.path() + "/up/7/radio.42/0-1763716800000.orb"};
+  EXPECT_EQ(Run(), 0);
+  EXPECT_EQ(err_, "");
 }
 
 TEST_F(DecodeCommandTest, RefusesKeysAndCampaignsThatAreNone) {

@@ -1,20 +1,23 @@
 // Decodes what the library itself wrote, and damaged copies of it.
 #include "tools/orbctl/event_decode.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "include/orb_event_log.h"
 #include "tests/support/child_process.h"
+#include "tests/support/json_lines.h"
 
 namespace orb::orbctl {
 namespace {
+
+using ::testing::HasSubstr;
 
 class EventDecodeTest : public testing::Test {
  protected:
@@ -31,12 +34,6 @@ class EventDecodeTest : public testing::Test {
     std::ostringstream out, err;
     const int result = RunEventDecode({path_, names, json}, out, err);
     return {result, out.str(), err.str()};
-  }
-  std::string Dump() { return test::ReadFileOrEmpty(path_); }
-  // Decodes other bytes than were written.
-  Decoded DecodeBytes(const std::string& dump) {
-    EXPECT_TRUE(test::WriteFile(path_, dump));
-    return Decode();
   }
   static void Log(const std::string& event, const std::string& payload) {
     ORBEventLog(7, "modem", event.c_str(), reinterpret_cast<const uint8_t*>(payload.data()),
@@ -56,16 +53,11 @@ TEST_F(EventDecodeTest, NamesWhatItKnows) {
   EXPECT_EQ(text.result, 0) << text.err;
   const std::string who =
       " pid " + std::to_string(getpid()) + " tid " + std::to_string(gettid()) + " uid ";
-  EXPECT_NE(text.out.find(who), std::string::npos) << text.out;
-  EXPECT_NE(text.out.find(" module modem event attach type 7 size 4 payload 61221b01 \"a\"..\"\n"),
-            std::string::npos)
-      << text.out;
+  EXPECT_THAT(text.out, HasSubstr(who));
+  EXPECT_THAT(text.out, HasSubstr(" module modem event attach type 7 size 4 payload 61221b01 "
+                                  "\"a\"..\"\n"));
 
-  std::istringstream lines(Decode(true, names).out);
-  std::string line;
-  std::getline(lines, line);
-  std::getline(lines, line);
-  const nlohmann::json event = nlohmann::json::parse(line);
+  const nlohmann::json event = test::JsonLines(Decode(true, names).out).at(1);
   EXPECT_EQ(event["module"], "modem");
   EXPECT_EQ(event["event_id"], KIVCommonHashFn(reinterpret_cast<const uint8_t*>("unknown"), 7));
   EXPECT_EQ(event["event"].get<std::string>().substr(0, 2), "0x");
@@ -75,23 +67,17 @@ TEST_F(EventDecodeTest, NamesWhatItKnows) {
 }
 
 TEST_F(EventDecodeTest, EveryPayloadLengthComesBack) {
-  std::string want;
+  for (size_t size = 0; size <= 32; ++size) Log("attach", std::string(size, '\0'));
+  const std::vector<nlohmann::json> events = test::JsonLines(Decode(true).out);
+  ASSERT_EQ(events.size(), 33u);
   for (size_t size = 0; size <= 32; ++size) {
-    Log("attach", std::string(size, '\0'));
-    want += "size " + std::to_string(size) + "|";
+    EXPECT_EQ(events[size]["payload_hex"], std::string(2 * size, '0'));
   }
-  std::istringstream lines(Decode(true).out);
-  std::string got;
-  for (std::string line; std::getline(lines, line);) {
-    const nlohmann::json event = nlohmann::json::parse(line);
-    got += "size " + std::to_string(event["payload_hex"].get<std::string>().size() / 2) + "|";
-  }
-  EXPECT_EQ(got, want);
 }
 
 TEST_F(EventDecodeTest, DamageIsNamedWithItsOffset) {
   Log("attach", "one");
-  const std::string one = Dump();
+  const std::string one = test::ReadFileOrEmpty(path_);
   const size_t tag_at = 28;
   const auto changed = [&](size_t at, char value) {
     std::string copy = one;
@@ -101,36 +87,35 @@ TEST_F(EventDecodeTest, DamageIsNamedWithItsOffset) {
   const struct {
     const char* name;
     std::string dump;
-    int result;
-    size_t events;
+    int events;
     std::string err;
   } cases[] = {
-      {"empty", "", 0, 0, ""},
-      {"whole", one + one, 0, 2, ""},
-      {"foreign tag", changed(tag_at, 0) + one, 0, 1, ""},
-      {"another log", changed(20, 3) + one, 0, 1, ""},
-      {"cut", one + one.substr(0, 40), 1, 1, "the file ends inside an entry"},
-      {"short header", one + one.substr(0, 19), 1, 1, "the file ends inside an entry"},
-      {"no header", one + std::string(40, '\0'), 1, 1, "no entry header: its size says 0"},
-      {"list", one + changed(tag_at + 4, 9) + one, 1, 2, "no list of 32-bit words"},
-      {"count", one + changed(tag_at + 5, 2) + one, 1, 2, "no list of 32-bit words"},
-      {"element", one + changed(tag_at + 6, 1) + one, 1, 2, "no list of 32-bit words"},
-      {"record", one + changed(tag_at + 7, 7) + one, 1, 2, "no event record"},
+      {"empty", "", 0, ""},
+      {"whole", one + one, 2, ""},
+      {"foreign tag", changed(tag_at, 0) + one, 1, ""},
+      {"another log", changed(20, 3) + one, 1, ""},
+      {"cut", one + one.substr(0, 40), 1, "the file ends inside an entry"},
+      {"short header", one + one.substr(0, 19), 1, "the file ends inside an entry"},
+      {"no header", one + std::string(40, '\0'), 1, "no entry header: its size says 0"},
+      {"list", one + changed(tag_at + 4, 9) + one, 2, "no list of 32-bit words"},
+      {"count", one + changed(tag_at + 5, 2) + one, 2, "no list of 32-bit words"},
+      {"element", one + changed(tag_at + 6, 1) + one, 2, "no list of 32-bit words"},
+      {"record", one + changed(tag_at + 7, 7) + one, 2, "no event record"},
   };
+  const std::string where =
+      "orbctl: " + path_ + ": entry at offset " + std::to_string(one.size()) + ": ";
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    const Decoded decoded = DecodeBytes(c.dump);
-    EXPECT_EQ(decoded.result, c.result);
-    EXPECT_EQ(static_cast<size_t>(std::count(decoded.out.begin(), decoded.out.end(), '\n')),
-              c.events);
-    const std::string where = "orbctl: " + path_ + ": entry at offset ";
-    EXPECT_EQ(decoded.err,
-              c.err.empty() ? "" : where + std::to_string(one.size()) + ": " + c.err + "\n");
+    EXPECT_TRUE(test::WriteFile(path_, c.dump));
+    const Decoded decoded = Decode();
+    EXPECT_EQ(decoded.result, c.err.empty() ? 0 : 1);
+    EXPECT_EQ(std::count(decoded.out.begin(), decoded.out.end(), '\n'), c.events);
+    EXPECT_EQ(decoded.err, c.err.empty() ? "" : where + c.err + "\n");
   }
   std::remove(path_.c_str());
   const Decoded missing = Decode();
   EXPECT_EQ(missing.result, 1);
-  EXPECT_NE(missing.err.find(path_), std::string::npos) << missing.err;
+  EXPECT_THAT(missing.err, HasSubstr(path_));
 }
 
 }  // namespace

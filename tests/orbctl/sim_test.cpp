@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "tests/support/child_process.h"
+#include "tests/support/json_lines.h"
 
 namespace orb::orbctl {
 namespace {
@@ -36,28 +36,28 @@ class SimTest : public ::testing::Test {
  protected:
   std::string Path(const std::string& name) const { return temp_.path() + "/" + name; }
 
+  // `options` are words with a space between them.
+  static CommandResult Ctl(std::vector<std::string> argv, const std::string& options) {
+    argv.insert(argv.begin(), ORB_CTL);
+    std::istringstream words(options);
+    for (std::string word; words >> word;) argv.push_back(word);
+    return RunCommand(argv);
+  }
   CommandResult Sim(const std::string& campaign, const std::string& load,
-                    const std::vector<std::string>& options = {}) {
+                    const std::string& options = "") {
     out_ = Path("out" + std::to_string(++runs_));
     EXPECT_TRUE(WriteFile(Path("c.txtpb"), campaign) && WriteFile(Path("load.csv"), load));
-    std::vector<std::string> argv = {ORB_CTL,         "sim",    "--campaign",
-                                     Path("c.txtpb"), "--load", Path("load.csv"),
-                                     "--out",         out_,     "--json"};
-    argv.insert(argv.end(), options.begin(), options.end());
-    return RunCommand(argv);
+    return Ctl(
+        {"sim", "--campaign", Path("c.txtpb"), "--load", Path("load.csv"), "--out", out_, "--json"},
+        options);
   }
   // The report of a trial that ran.
   json Report(const CommandResult& result) const {
     EXPECT_EQ(result.exit_code, 0) << result.err;
     return json::parse(result.out, nullptr, false);
   }
-  std::vector<json> Decode(const std::vector<std::string>& options = {}) const {
-    std::vector<std::string> argv = {ORB_CTL, "decode", out_, "--json"};
-    argv.insert(argv.end(), options.begin(), options.end());
-    std::istringstream lines(RunCommand(argv).out);
-    std::vector<json> records;
-    for (std::string line; std::getline(lines, line);) records.push_back(json::parse(line));
-    return records;
+  std::vector<json> Decode(const std::string& options = "") const {
+    return orb::test::JsonLines(Ctl({"decode", out_, "--json"}, options).out);
   }
 
   const orb::test::TempDir temp_;
@@ -89,9 +89,8 @@ TEST_F(SimTest, FaultsCostWhatTheyCostOnADevice) {
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.faults);
-    std::vector<std::string> options;
-    if (*c.faults != '\0') options = {"--fault", c.faults};
-    const json report = Report(Sim(kBlobs, BlobLoad(), options));
+    const json report = Report(
+        Sim(kBlobs, BlobLoad(), *c.faults == '\0' ? "" : std::string("--fault ") + c.faults));
     const json& owner = report["owners"][0];
     EXPECT_EQ(report["samples"]["logged"], 20);
     EXPECT_EQ(report["samples"]["refused"], c.refused);
@@ -115,7 +114,7 @@ TEST_F(SimTest, FaultsCostWhatTheyCostOnADevice) {
 // must go on without the load.
 TEST_F(SimTest, ASlowHalDoesNotStopTheTime) {
   const json report =
-      Report(Sim(kBlobs, BlobLoad(), {"--fault", "hal-slow=30s@3s", "--fault", "manager-dead@5s"}));
+      Report(Sim(kBlobs, BlobLoad(), "--fault hal-slow=30s@3s --fault manager-dead@5s"));
   EXPECT_EQ(report["owners"][0]["samples"]["lost"], 0);
   EXPECT_EQ(report["uploads"]["stored"], report["samples"]["accepted"]);
 }
@@ -128,12 +127,9 @@ TEST_F(SimTest, WindowsCloseByTheTimeOfTheLoad) {
   const char kCounter[] = R"(
     threshold_size: 4096
     kpi_cfgs { kpi_id: 7 type: KPI_NUMERIC sub_type: COUNTER c_cfg {} time_window: 1000 })";
-  for (const bool slots : {false, true}) {
-    SCOPED_TRACE(slots);
-    const json report =
-        Report(Sim(kCounter, load,
-                   slots ? std::vector<std::string>{"--lic", "9", "--slots", "4x256"}
-                         : std::vector<std::string>{"--lic", "9"}));
+  for (const char* options : {"--lic 9", "--lic 9 --slots 4x256"}) {
+    SCOPED_TRACE(options);
+    const json report = Report(Sim(kCounter, load, options));
     EXPECT_EQ(report["samples"]["accepted"], 200);
     EXPECT_EQ(report["owners"][0]["samples"]["decoded"], 200);
     const std::vector<json> records = Decode();
@@ -148,17 +144,16 @@ TEST_F(SimTest, WindowsCloseByTheTimeOfTheLoad) {
 }
 
 TEST_F(SimTest, SealsForTheOwnerOfAKey) {
-  ASSERT_EQ(RunCommand({ORB_CTL, "key", "new", Path("key")}).exit_code, 0);
+  ASSERT_EQ(Ctl({"key", "new", Path("key")}, "").exit_code, 0);
   std::string sealed = kBlobs;
   sealed.replace(sealed.find("lic_sn: 42"), 10, "lic_sn: 42 encrypt: true");
-  const std::string lic = "42:" + Path("key/public.pem") + ":gcm";
-  const json shut = Report(Sim(sealed, BlobLoad(), {"--lic", lic}))["owners"][0];
+  const std::string lic = "--lic 42:" + Path("key/public.pem") + ":gcm";
+  const json shut = Report(Sim(sealed, BlobLoad(), lic))["owners"][0];
   EXPECT_EQ(shut["sealed"], 20);
   EXPECT_TRUE(shut["samples"]["lost"].is_null());
-  const std::string key = Path("key/private.pem");
-  EXPECT_EQ(Decode({"--key", key}).size(), 20u);
-  const json open =
-      Report(Sim(sealed, BlobLoad(), {"--lic", lic, "--key", key, "--fault", "hal-dead@15s"}));
+  const std::string key = " --key " + Path("key/private.pem");
+  EXPECT_EQ(Decode(key).size(), 20u);
+  const json open = Report(Sim(sealed, BlobLoad(), lic + key + " --fault hal-dead@15s"));
   EXPECT_EQ(open["owners"][0]["samples"]["lost"], 5);
 }
 
@@ -166,28 +161,28 @@ TEST_F(SimTest, RefusesBeforeAnythingRuns) {
   const std::string kHeader = "time,kpi,value\n";
   struct Case {
     std::string load;
-    std::vector<std::string> options;
+    const char* options;
     int code;
     const char* told;
   };
   const Case kCases[] = {
-      {"0,1,2\n", {}, 1, "load.csv:1: the first line must be time,kpi,value"},
-      {kHeader, {}, 1, "load.csv: no line to log"},
-      {kHeader + "0,1,2\n\n0.5,1\n", {}, 1, "load.csv:4: write time,kpi,value"},
-      {kHeader + "1,1,2\n0.5,1,2\n", {}, 1, "load.csv:3: time goes back"},
-      {kHeader + "0.0000000001,1,2\n", {}, 1, "load.csv:2: time is seconds"},
-      {kHeader + "0,x,2\n", {}, 1, "load.csv:2: kpi is a number"},
-      {kHeader + "0,1,4294967296\n", {}, 1, "load.csv:2: value is"},
-      {kHeader + "0,1,-2147483649\n", {}, 1, "load.csv:2: value is"},
-      {kHeader + "0,1,hex:0a0\n", {}, 1, "load.csv:2: hex: takes pairs"},
-      {kHeader + "0,1,5*0\n", {}, 1, "load.csv:2: value is"},
-      {BlobLoad(), {"--fault", "hal-late@3s"}, 2, "the faults are"},
-      {BlobLoad(), {"--fault", "hal-slow@3s"}, 2, "say how slow"},
-      {BlobLoad(), {"--fault", "hal-dead@5s..4s"}, 2, "FROM before TO"},
-      {BlobLoad(), {"--fault", "enospc@2s,enospc@4s"}, 2, "overlap"},
-      {BlobLoad(), {"--fault", "enospc@20s"}, 1, "the load ends before that"},
-      {BlobLoad(), {"--speed", "0"}, 2, "--speed 0"},
-      {BlobLoad(), {"--slots", "65x100"}, 2, "--slots 65x100"},
+      {"0,1,2\n", "", 1, "load.csv:1: the first line must be time,kpi,value"},
+      {kHeader, "", 1, "load.csv: no line to log"},
+      {kHeader + "0,1,2\n\n0.5,1\n", "", 1, "load.csv:4: write time,kpi,value"},
+      {kHeader + "1,1,2\n0.5,1,2\n", "", 1, "load.csv:3: time goes back"},
+      {kHeader + "0.0000000001,1,2\n", "", 1, "load.csv:2: time is seconds"},
+      {kHeader + "0,x,2\n", "", 1, "load.csv:2: kpi is a number"},
+      {kHeader + "0,1,4294967296\n", "", 1, "load.csv:2: value is"},
+      {kHeader + "0,1,-2147483649\n", "", 1, "load.csv:2: value is"},
+      {kHeader + "0,1,hex:0a0\n", "", 1, "load.csv:2: hex: takes pairs"},
+      {kHeader + "0,1,5*0\n", "", 1, "load.csv:2: value is"},
+      {BlobLoad(), "--fault hal-late@3s", 2, "the faults are"},
+      {BlobLoad(), "--fault hal-slow@3s", 2, "say how slow"},
+      {BlobLoad(), "--fault hal-dead@5s..4s", 2, "FROM before TO"},
+      {BlobLoad(), "--fault enospc@2s,enospc@4s", 2, "overlap"},
+      {BlobLoad(), "--fault enospc@20s", 1, "the load ends before that"},
+      {BlobLoad(), "--speed 0", 2, "--speed 0"},
+      {BlobLoad(), "--slots 65x100", 2, "--slots 65x100"},
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.told);

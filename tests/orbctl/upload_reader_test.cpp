@@ -1,11 +1,15 @@
 // Good uploads open; every damage is named with its place.
 #include "tools/orbctl/upload_reader.h"
 
+#include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <optional>
+#include <random>
 
+#include "proto/kpi_data.pb.h"
 #include "tests/orbctl/upload_builder.h"
 #include "tools/orbctl/gunzip.h"
 #include "utility/byte_order.h"
@@ -17,9 +21,12 @@ using test::BuildUpload;
 using test::PrivatePem;
 using test::PublicPem;
 using test::UploadPlan;
+using ::testing::HasSubstr;
 using Bytes = std::vector<uint8_t>;
 
 constexpr const char* kRecords = "\x08\x01\x12\x02\x10\x07";
+
+const std::vector<PrivateKey> kOwner = {{"owner.pem", PrivatePem(1)}};
 
 std::string Text(const Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
 
@@ -38,130 +45,174 @@ TEST(UploadReaderTest, OpensPlainZippedAndSealedUploads) {
   plain.gzip = false;  // As from a shared-memory slot: the flag says 1, the data are plain.
   UploadPlan zipped;
   zipped.records = kRecords;
-  const struct {
-    const char* name;
-    UploadPlan plan;
-    const char* key;
-  } kCases[] = {{"plain", plain, ""},
-                {"zipped", zipped, ""},
-                {"gcm", Sealed(true), "owner.pem"},
-                {"cbc", Sealed(false), "owner.pem"}};
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    const Upload upload = OpenUpload(BuildUpload(c.plan), keys);
+  const std::pair<UploadPlan, const char*> kCases[] = {
+      {plain, ""}, {zipped, ""}, {Sealed(true), "owner.pem"}, {Sealed(false), "owner.pem"}};
+  for (const auto& [plan, key] : kCases) {
+    const Upload upload = OpenUpload(BuildUpload(plan), keys);
     EXPECT_EQ(upload.status, UploadStatus::kOpened) << upload.reason;
     EXPECT_EQ(Text(upload.records), kRecords);
-    EXPECT_EQ(upload.key_path, c.key);
+    EXPECT_EQ(upload.key_path, key);
   }
 }
 
 TEST(UploadReaderTest, ReadsEveryNumberOfTheHeader) {
   UploadPlan plan;
-  plan.records = kRecords;
   plan.gzip = false;
-  const UploadHeader header = OpenUpload(BuildUpload(plan), {}).header;
-  EXPECT_EQ(header.client_id, 7U);
-  EXPECT_EQ(header.kind, 4);
-  EXPECT_EQ(header.version, 1U);
-  EXPECT_EQ(header.timestamp_ms, 1763716800000U);
-  EXPECT_EQ(header.length_bytes, 6U);
-  EXPECT_TRUE(header.compressed);
-  EXPECT_EQ(header.boot_ms, 5000U);
-  EXPECT_EQ(header.zone_minutes, -180);
-  EXPECT_EQ(header.campaign_id, 9U);
-  EXPECT_EQ(header.seqno, 3U);
-  EXPECT_EQ(header.lic_sn, 42U);
-  EXPECT_FALSE(header.encrypted);
+  plan.records = kRecords;
+  const UploadHeader h = OpenUpload(BuildUpload(plan), {}).header;
+  EXPECT_EQ(fmt::format("{} {} {} {} {} {} {} {} {} {} {} {}", h.client_id, h.kind, h.version,
+                        h.timestamp_ms, h.length_bytes, h.compressed, h.boot_ms, h.zone_minutes,
+                        h.campaign_id, h.seqno, h.lic_sn, h.encrypted),
+            "7 4 1 1763716800000 6 true 5000 -180 9 3 42 false");
 }
 
 TEST(UploadReaderTest, SaysWhyASealedUploadStaysShut) {
+  const PrivateKey wrong[] = {{"a", PrivatePem(2)}, {"b", "no key at all"}};
   for (const bool gcm : {true, false}) {
     const Bytes file = BuildUpload(Sealed(gcm));
-    const PrivateKey wrong[] = {{"a", PrivatePem(2)}, {"b", "no key at all"}};
-    Upload upload = OpenUpload(file, {});
-    EXPECT_EQ(upload.status, UploadStatus::kSealed);
-    EXPECT_EQ(upload.reason, "encrypted, and no --key is given");
-    EXPECT_EQ(upload.header.lic_sn, 42U);
-    upload = OpenUpload(file, wrong);
-    EXPECT_EQ(upload.status, UploadStatus::kSealed);
-    EXPECT_EQ(upload.reason, "encrypted, and none of the keys opens it");
+    EXPECT_EQ(OpenUpload(file, {}).reason, "encrypted, and no --key is given");
+    EXPECT_EQ(OpenUpload(file, wrong).reason, "encrypted, and none of the keys opens it");
   }
 }
 
-// Each case damages a good upload in one place.
+// Damage of one place.
+using Damage = std::function<void(Bytes*)>;
+Damage Set(size_t at, uint8_t value) {
+  return [=](Bytes* file) { (*file)[at] = value; };
+}
+Damage Flip(size_t at) {
+  return [=](Bytes* file) { (*file)[at] ^= 1; };
+}
+Damage Set32(size_t at, uint32_t value) {
+  return [=](Bytes* file) { StoreBigEndian<uint32_t>(&(*file)[at], value); };
+}
+Damage Resize(size_t size) {
+  return [=](Bytes* file) { file->resize(size); };
+}
+// The header announces the new size.
+Damage ResizeKnowingly(size_t size) {
+  return [=](Bytes* file) {
+    file->resize(size);
+    StoreBigEndian<uint32_t>(&(*file)[25], static_cast<uint32_t>(size - 66));
+  };
+}
+
 TEST(UploadReaderTest, NamesEveryDamageWithItsPlace) {
   UploadPlan zipped;
   zipped.records = std::string(1000, 'r');
   const Bytes plain = BuildUpload(zipped);
   const Bytes sealed = BuildUpload(Sealed(true));
+  const size_t end = plain.size();
   const uint32_t footer_at = LoadBigEndian<uint32_t>(&sealed[62]);
-  const auto set = [](size_t at, uint8_t value) {
-    return [at, value](Bytes* file) { (*file)[at] = value; };
-  };
-  const auto set32 = [](size_t at, uint32_t value) {
-    return [at, value](Bytes* file) { StoreBigEndian<uint32_t>(&(*file)[at], value); };
-  };
-  const auto resize = [](size_t size) { return [size](Bytes* file) { file->resize(size); }; };
+  const std::optional<uint64_t> kAnywhere;  // zlib decides.
   const struct {
-    const char* name;
-    const Bytes& good;
-    std::function<void(Bytes*)> damage;
-    std::optional<uint64_t> offset;  // Unset: zlib decides.
     const char* reason;
+    const Bytes& good;
+    Damage damage;
+    std::optional<uint64_t> offset;
   } kCases[] = {
-      {"empty", plain, resize(0), 0, "the file ends inside the 66-byte header"},
-      {"header only in part", plain, resize(65), 65, "the file ends inside the 66-byte header"},
-      {"first word", plain, set(3, 8), 0, "the first word is not 9"},
-      {"header size", plain, set(7, 65), 4, "the header size is not 66"},
-      {"constant", plain, set(29, 0), 29, "the constant byte is not 1"},
-      {"compressed flag", plain, set(30, 2), 30, "the flag is neither 0 nor 1"},
-      {"encrypted flag", plain, set(61, 0xFF), 61, "the flag is neither 0 nor 1"},
-      {"no data", plain, resize(66), 66, "bytes are announced behind the header, 0 are there"},
-      {"cut", plain, resize(plain.size() - 1), plain.size() - 1, "cut short: "},
-      {"longer", plain, resize(plain.size() + 3), plain.size(), "3 bytes follow the announced end"},
-      {"announces nothing", plain,
-       [](Bytes* file) {
-         file->resize(66);
-         StoreBigEndian<uint32_t>(&(*file)[25], 0);
-       },
-       66, "nothing follows the header"},
-      {"footer of a plain one", plain, set32(62, 70), 62, "a footer offset, but"},
-      {"claims to be encrypted", plain, set(61, 1), 62, "footer offset 0 lies outside"},
-      {"gzip header", plain, set(66 + 2, 7), std::nullopt, "the gzip stream is damaged: "},
-      {"gzip checksum", plain, set(plain.size() - 5, 0xEE), std::nullopt,
-       "the gzip stream is damaged: "},
-      {"gzip cut", plain,
-       [](Bytes* file) {
-         file->resize(file->size() - 4);
-         StoreBigEndian<uint32_t>(&(*file)[25], static_cast<uint32_t>(file->size() - 66));
-       },
-       plain.size() - 4, "the gzip stream is cut short"},
-      {"behind the gzip stream", plain,
-       [](Bytes* file) {
-         file->resize(file->size() + 4);
-         StoreBigEndian<uint32_t>(&(*file)[25], static_cast<uint32_t>(file->size() - 66));
-       },
-       plain.size(), "bytes follow the gzip stream"},
-      {"footer before the data", sealed, set32(62, 66), 62, "footer offset 66 lies outside"},
-      {"footer behind the end", sealed, set32(62, UINT32_MAX), 62, "lies outside the payload"},
-      {"footer tag", sealed, set(footer_at, 0xFF), footer_at, "the footer is no TelemetryFooter"},
+      {"the file ends inside the 66-byte header", plain, Resize(0), 0},
+      {"the file ends inside the 66-byte header", plain, Resize(65), 65},
+      {"the first word is not 9", plain, Set(3, 8), 0},
+      {"the header size is not 66", plain, Set(7, 65), 4},
+      {"the constant byte is not 1", plain, Set(29, 0), 29},
+      {"the flag is neither 0 nor 1", plain, Set(30, 2), 30},
+      {"the flag is neither 0 nor 1", plain, Set(61, 0xFF), 61},
+      {"bytes are announced behind the header, 0 are there", plain, Resize(66), 66},
+      {"cut short: ", plain, Resize(end - 1), end - 1},
+      {"3 bytes follow the announced end", plain, Resize(end + 3), end},
+      {"nothing follows the header", plain, ResizeKnowingly(66), 66},
+      {"a footer offset, but", plain, Set32(62, 70), 62},
+      {"footer offset 0 lies outside", plain, Set(61, 1), 62},
+      {"the gzip stream is damaged: ", plain, Set(66 + 2, 7), kAnywhere},
+      {"the gzip stream is damaged: ", plain, Set(end - 5, 0xEE), kAnywhere},
+      {"the gzip stream is cut short", plain, ResizeKnowingly(end - 4), end - 4},
+      {"bytes follow the gzip stream", plain, ResizeKnowingly(end + 4), end},
+      {"footer offset 66 lies outside", sealed, Set32(62, 66), 62},
+      {"lies outside the payload", sealed, Set32(62, UINT32_MAX), 62},
+      {"the footer is no TelemetryFooter", sealed, Set(footer_at, 0xFF), footer_at},
   };
-  const PrivateKey keys[] = {{"owner.pem", PrivatePem(1)}};
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.reason);
     Bytes file = c.good;
     c.damage(&file);
-    const Upload upload = OpenUpload(file, keys);
+    const Upload upload = OpenUpload(file, kOwner);
     EXPECT_EQ(upload.status, UploadStatus::kDamaged);
-    EXPECT_NE(upload.reason.find(c.reason), std::string::npos) << upload.reason;
-    if (c.offset) {
-      EXPECT_EQ(upload.offset_bytes, *c.offset);
-    }
+    EXPECT_THAT(upload.reason, HasSubstr(c.reason));
+    EXPECT_EQ(upload.offset_bytes, c.offset.value_or(upload.offset_bytes));
     EXPECT_TRUE(upload.records.empty());
   }
   Bytes tampered = sealed;
   tampered[66] ^= 1;
-  EXPECT_EQ(OpenUpload(tampered, keys).status, UploadStatus::kSealed);
+  EXPECT_EQ(OpenUpload(tampered, kOwner).status, UploadStatus::kSealed);
+}
+
+// What comes out of a damaged upload is what was not damaged.
+TEST(UploadReaderTest, SalvagesWhatIsSound) {
+  // Enough records that damage in the middle leaves something in front.
+  UploadPlan plan;
+  std::mt19937 random(11);
+  for (int i = 0; i < 400; ++i) {
+    orbtr::KPIData data;
+    data.add_blobs()->set_data(std::to_string(random()) + std::to_string(random()));
+    plan.records += data.SerializeAsString();
+  }
+  const Bytes plain = BuildUpload(plan);
+  plan.public_pem = PublicPem(1);
+  const Bytes gcm = BuildUpload(plan);
+  plan.gcm = false;
+  const Bytes cbc = BuildUpload(plan);
+  const uint32_t footer_at = LoadBigEndian<uint32_t>(&cbc[62]);
+  const Damage constants = [](Bytes* f) { (*f)[3] = (*f)[7] = (*f)[29] = (*f)[30] = 7; };
+  const Damage hole = [](Bytes* f) { f->erase(f->begin() + 3000, f->begin() + 3333); };
+  enum Want { kAll, kStart, kSealed, kDamaged };
+  const struct {
+    const char* reason;
+    const Bytes& good;
+    Damage damage;
+    Want want;
+  } kCases[] = {
+      {"the first word is not 9", plain, constants, kAll},
+      {"it announces ", plain, Set(25, 0x10), kAll},
+      {"bytes early", plain, Set(28, 0), kAll},
+      {"bytes follow the gzip stream", plain, Resize(plain.size() + 3), kAll},
+      {"cut short", plain, Resize(plain.size() / 2), kStart},
+      {"the gzip stream is damaged", plain, Set(plain.size() / 2, 0), kStart},
+      {"66-byte", plain, Resize(65), kDamaged},
+      {"flag is wrong", cbc, Set(61, 9), kAll},
+      {"offset is wrong", cbc, Set(62, 9), kAll},
+      {"bytes follow the announced end", cbc, Resize(cbc.size() + 5), kAll},
+      {"the gzip stream is damaged", cbc, Flip(footer_at / 2), kStart},
+      {"the gzip stream is ", cbc, Flip(footer_at - 17), kStart},
+      {"offset is wrong", cbc, hole, kStart},
+      {"lies outside", cbc, Resize(footer_at - 5), kDamaged},
+      {"none of the keys opens it, or it is damaged where no part of it can be trusted", gcm,
+       Flip(3000), kSealed},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.reason);
+    Bytes file = c.good;
+    c.damage(&file);
+    const Upload upload = SalvageUpload(file, kOwner);
+    EXPECT_EQ(upload.status, c.want == kSealed    ? UploadStatus::kSealed
+                             : c.want == kDamaged ? UploadStatus::kDamaged
+                                                  : UploadStatus::kOpened)
+        << upload.reason;
+    EXPECT_EQ(upload.unchecked, c.want == kStart);
+    const std::string got = Text(upload.records);
+    if (c.want == kAll) {
+      EXPECT_EQ(got, plan.records);
+    } else if (c.want == kStart) {
+      EXPECT_EQ(got.substr(0, 3000), plan.records.substr(0, 3000));
+    } else {
+      EXPECT_EQ(got, "");
+      EXPECT_EQ(upload.skipped.at(0).bytes, file.size());
+    }
+    std::string reasons;
+    for (const Skipped& part : upload.skipped) reasons += part.reason + "; ";
+    EXPECT_THAT(reasons, HasSubstr(c.reason));
+  }
+  EXPECT_TRUE(SalvageUpload(gcm, kOwner).skipped.empty());
 }
 
 TEST(UploadReaderTest, StopsAtABomb) {

@@ -8,11 +8,11 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "tests/orbctl/upload_builder.h"
 #include "tests/support/child_process.h"
+#include "tests/support/json_lines.h"
 
 namespace orb::orbctl {
 namespace {
@@ -45,9 +45,9 @@ class VerifyCommandTest : public ::testing::Test {
     fs::create_directories(fs::path(Path(lic_sn, seqno)).parent_path());
     ASSERT_TRUE(WriteFile(Path(lic_sn, seqno), {bytes.begin(), bytes.end()}));
   }
-  void Change(const std::string& path, const std::function<void(std::string*)>& change) {
+  void Flip(const std::string& path, size_t at, int bits) {
     std::string content = ReadFileOrEmpty(path);
-    change(&content);
+    content.at(at) = static_cast<char>(content.at(at) ^ bits);
     ASSERT_TRUE(WriteFile(path, content));
   }
   // The findings as "kind WHERE: TEXT", WHERE below the spool.
@@ -55,27 +55,22 @@ class VerifyCommandTest : public ::testing::Test {
     VerifyCommand command{temp_.path() + "/spool", {}, true};
     if (with_key) command.key_paths = {key_};
     std::ostringstream out;
-    code_ = command.Run(out);
+    const int code = command.Run(out);
     std::vector<std::string> findings;
-    std::istringstream lines(out.str());
-    for (std::string line; std::getline(lines, line);) {
-      const nlohmann::json object = nlohmann::json::parse(line);
-      if (!object.contains("finding")) {
-        counts_ = object;
-        continue;
-      }
-      findings.push_back(std::string(object["finding"]) + " " +
-                         std::string(object["where"]).substr(command.directory.size() + 1) + ": " +
-                         std::string(object["text"]));
+    for (const nlohmann::json& line : orb::test::JsonLines(out.str())) {
+      counts_ = line;  // The last one.
+      if (!line.contains("finding")) continue;
+      findings.push_back(std::string(line["finding"]) + " " +
+                         std::string(line["where"]).substr(command.directory.size() + 1) + ": " +
+                         std::string(line["text"]));
     }
     EXPECT_EQ(counts_["findings"], findings.size());
-    EXPECT_EQ(code_, findings.empty() ? 0 : 1);
+    EXPECT_EQ(code, findings.empty() ? 0 : 1);
     return findings;
   }
 
   orb::test::TempDir temp_;
   std::string key_;
-  int code_ = -1;
   nlohmann::json counts_;
 };
 
@@ -100,58 +95,47 @@ TEST_F(VerifyCommandTest, FindsNothingInASoundSpool) {
 TEST_F(VerifyCommandTest, NamesWhatIsWrong) {
   const std::string plain = Path(42, 4);
   const std::string sealed = Path(43, 5);
+  const std::string again = plain.substr(0, plain.size() - 4) + ".1.orb";
+  const std::string other_key = temp_.path() + "/other.pem";
+  ASSERT_TRUE(WriteFile(other_key, test::PrivatePem(2)));
   const struct {
-    const char* name;
     std::function<void()> damage;
-    std::vector<const char*> want;  // How the findings begin.
+    // How the findings begin; PLAIN and SEALED stand for the two files.
+    std::vector<std::string> want;
   } kCases[] = {
-      {"gap", [&] { fs::remove(plain); }, {"gap up/7/radio: number 4 is missing"}},
-      {"gap over owners",
-       [&] { fs::remove(plain), fs::remove(sealed); },
-       {"gap up/7/radio: numbers 4 to 5 are missing"}},
-      {"repeat", [&] { Add(43, 4); }, {"repeat up/7/radio: number 4 has 2 uploads: "}},
-      {"repeat of the same time",
-       [&] { fs::copy(plain, plain.substr(0, plain.size() - 4) + ".1.orb"); },
-       {"repeat up/7/radio: number 4 has 2 uploads: "}},
-      {"short",
-       [&] { Change(plain, [](std::string* s) { s->resize(70); }); },
-       {"short up/7/radio.42/0000000004-1763716800000.orb: at offset 70: cut short"}},
-      {"half a header",
-       [&] { Change(plain, [](std::string* s) { s->resize(7); }); },
-       {"short up/7/radio.42/0000000004-1763716800000.orb: at offset 7: "}},
-      {"header",
-       [&] { Change(plain, [](std::string* s) { (*s)[29] = 9; }); },
-       {"header up/7/radio.42/0000000004-1763716800000.orb: at offset 29"}},
-      {"another's header",
-       [&] { Change(plain, [](std::string* s) { (*s)[52] = 3; }); },
-       {"header up/7/radio.42/0000000004-1763716800000.orb: the header has number 3"}},
-      {"gzip",
-       [&] { Change(plain, [](std::string* s) { s->back() ^= 1; }); },
-       {"data up/7/radio.42/0000000004-1763716800000.orb: at offset "}},
-      {"tag",
-       [&] { Change(sealed, [](std::string* s) { s->back() ^= 1; }); },
-       {"tag up/7/radio.43/0000000005-1763716800000.orb: the key of LicSN 43 opens others"}},
-      {"no name",
-       [&] { fs::rename(plain, temp_.path() + "/spool/x.orb"); },
+      {[&] { fs::remove(plain); }, {"gap up/7/radio: number 4 is missing"}},
+      {[&] { fs::remove(plain), fs::remove(sealed); }, {"gap up/7/radio: numbers 4 to 5 are "}},
+      {[&] { Add(43, 4); }, {"repeat up/7/radio: number 4 has 2 uploads: "}},
+      {[&] { fs::copy(plain, again); }, {"repeat up/7/radio: number 4 has 2 uploads: "}},
+      {[&] { fs::resize_file(plain, 70); }, {"short PLAIN: at offset 70: cut short"}},
+      {[&] { fs::resize_file(plain, 7); }, {"short PLAIN: at offset 7: "}},
+      {[&] { Flip(plain, 29, 9); }, {"header PLAIN: at offset 29"}},
+      {[&] { Flip(plain, 52, 7); }, {"header PLAIN: the header has number 3"}},
+      {[&] { Flip(plain, fs::file_size(plain) - 1, 1); }, {"data PLAIN: at offset "}},
+      {[&] { Flip(sealed, fs::file_size(sealed) - 1, 1); },
+       {"tag SEALED: the key of LicSN 43 opens others"}},
+      {[&] { fs::rename(plain, temp_.path() + "/spool/x.orb"); },
        {"header x.orb: no name", "gap up/7/radio: number 4"}},
-      {"another key",
-       [&] {
-         key_ = temp_.path() + "/other.pem";
-         ASSERT_TRUE(WriteFile(key_, test::PrivatePem(2)));
-       },
-       std::vector<const char*>(5, "sealed up/7/radio.43/")},
+      {[&] { key_ = other_key; }, std::vector<std::string>(5, "sealed ")},
   };
   const fs::path spool = temp_.path() + "/spool";
   const fs::path sound = temp_.path() + "/sound";
   fs::rename(spool, sound);
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.want[0]);
     fs::remove_all(spool);
     fs::copy(sound, spool, fs::copy_options::recursive);
     c.damage();
-    const std::vector<std::string> got = Run();
+    std::vector<std::string> got = Run();
     ASSERT_EQ(got.size(), c.want.size()) << ::testing::PrintToString(got);
-    for (size_t i = 0; i < got.size(); ++i) EXPECT_THAT(got[i], ::testing::StartsWith(c.want[i]));
+    for (size_t i = 0; i < got.size(); ++i) {
+      for (const auto& [path, name] : {std::pair(plain, "PLAIN"), std::pair(sealed, "SEALED")}) {
+        const std::string below = fs::relative(path, spool);
+        const size_t at = got[i].find(below);
+        if (at != std::string::npos) got[i].replace(at, below.size(), name);
+      }
+      EXPECT_THAT(got[i], ::testing::StartsWith(c.want[i]));
+    }
   }
 }
 

@@ -1,6 +1,5 @@
 // What only a real bus shows: who keeps an object alive, other processes'
 // identities, lost buses, and names.
-#include <binder/BpBinder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
@@ -10,7 +9,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
 #include <memory>
 
@@ -25,17 +23,13 @@ using android::IBinder;
 using android::Parcel;
 using android::sp;
 using android::String16;
-using android::wp;
 using android::binder::Status;
 using orb::test::ChildProcess;
+using orb::test::Recipient;
+using orb::test::Store;
+using orb::test::Stored;
 using orb::test::TestObject;
 using orb::test::WaitFor;
-
-class Recipient : public IBinder::DeathRecipient {
- public:
-  void binderDied(const wp<IBinder>&) override { count++; }
-  std::atomic<int> count{0};
-};
 
 class BusTest : public testing::Test {
  protected:
@@ -53,18 +47,6 @@ class BusTest : public testing::Test {
   }
   static sp<IBinder> Check(const char* name) {
     return android::defaultServiceManager()->checkService(String16(name));
-  }
-  static void Store(const sp<IBinder>& at, const sp<IBinder>& object) {
-    Parcel data;
-    Parcel reply;
-    data.writeStrongBinder(object);
-    EXPECT_EQ(at->transact(orb::test::kStore, data, &reply), android::OK);
-  }
-  static sp<IBinder> Stored(const sp<IBinder>& at) {
-    Parcel data;
-    Parcel reply;
-    EXPECT_EQ(at->transact(orb::test::kStored, data, &reply), android::OK);
-    return reply.readStrongBinder();
   }
   static std::string Ask(ChildProcess* peer, const char* line) {
     peer->Send(line);
@@ -114,13 +96,8 @@ TEST_F(BusTest, ThirdProcessUsesWhatItWasGiven) {
   const sp<IBinder> back = Stored(Check("taker"));
   EXPECT_EQ(back, via);
   EXPECT_EQ(Stored(back), mine);
-  // Taker calls giver's object, which calls taker back.
-  Parcel data;
-  Parcel reply;
-  data.writeInt32(4);
-  data.writeStrongBinder(via);
-  ASSERT_EQ(Check("taker")->transact(orb::test::kNest, data, &reply), android::OK);
-  EXPECT_EQ(reply.readInt32(), 4);
+  EXPECT_EQ(orb::test::Nest(Check("taker"), 4, via), 4)
+      << "taker calls giver, which calls taker back";
   giver->Signal(SIGKILL);
   EXPECT_TRUE(WaitFor([&] { return !via->isBinderAlive(); }));
   // A handle to a dead object still travels, and is dead there, too.
@@ -138,15 +115,14 @@ TEST_F(BusTest, CallerIsWhoTheBusSays) {
   EXPECT_EQ(android::IPCThreadState::self()->getCallingPid(), getpid());
 }
 
-TEST_F(BusTest, NameOfAnotherProcessIsRefused) {
+TEST_F(BusTest, NameBelongsToOneProcessUntilItEnds) {
   auto peer = Peer("one");
-  const sp<IBinder> mine(new TestObject());
-  const auto manager = android::defaultServiceManager();
-  EXPECT_EQ(manager->addService(String16("one"), mine), Status::EX_ILLEGAL_STATE);
-  EXPECT_NE(Check("one"), mine);
+  const auto add = [mine = sp<IBinder>(new TestObject())] {
+    return android::defaultServiceManager()->addService(String16("one"), mine);
+  };
+  EXPECT_EQ(add(), Status::EX_ILLEGAL_STATE);
   peer = nullptr;
-  EXPECT_TRUE(WaitFor([&] { return manager->addService(String16("one"), mine) == 0; }));
-  EXPECT_EQ(Check("one"), mine);
+  EXPECT_TRUE(WaitFor([&] { return add() == android::OK; }));
 }
 
 TEST_F(BusTest, StoppedOwnerDoesNotHangTheLookup) {
@@ -208,18 +184,14 @@ TEST_F(BusTest, CallsLeaveNoThreadAndNoDescriptorBehind) {
 }
 
 TEST(ServiceNameTest, MapsToABusNameAndBack) {
-  struct Case {
-    const char* service;
-    const char* bus_name;
-  };
-  const Case cases[] = {
+  const std::pair<const char*, const char*> kCases[] = {
       {"vendor_kivsdkservice", "org.orb.service.vendor_5fkivsdkservice"},
       {"a.b/c-d9", "org.orb.service.a_2eb_2fc_2dd9"},
       {"9", "org.orb.service._39"},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(orb_platform::BusNameOf(c.service), c.bus_name);
-    EXPECT_EQ(orb_platform::ServiceOf(c.bus_name), c.service);
+  for (const auto& [service, bus_name] : kCases) {
+    EXPECT_EQ(orb_platform::BusNameOf(service), bus_name);
+    EXPECT_EQ(orb_platform::ServiceOf(bus_name), service);
   }
   const std::string dots(127, '.');
   EXPECT_EQ(orb_platform::BusNameOf(dots).size(), 255u);

@@ -1,6 +1,5 @@
 // What every transport promises: run against services of this process and
 // against another process behind a real bus.
-#include <binder/BpBinder.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
@@ -11,7 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
+#include <future>
 #include <memory>
 #include <thread>
 
@@ -26,7 +25,7 @@ using android::Parcel;
 using android::sp;
 using android::status_t;
 using android::String16;
-using android::wp;
+using orb::test::Recipient;
 using orb::test::TestObject;
 using orb::test::WaitFor;
 
@@ -35,7 +34,7 @@ const char* const kName = "orb.test/default";
 // One service under kName, and a way to end it as its process's death would.
 class World {
  public:
-  virtual ~World() { android::setDefaultServiceManager(nullptr); }
+  virtual ~World() = default;
   virtual void Kill() = 0;
   // Serves a new object under the same name.
   virtual void Replace() = 0;
@@ -47,6 +46,7 @@ class LocalWorld : public World {
     android::setDefaultServiceManager(manager_);
     Replace();
   }
+  ~LocalWorld() override { android::setDefaultServiceManager(nullptr); }
   void Kill() override { manager_->Kill(kName); }
   void Replace() override { ASSERT_EQ(manager_->addService(String16(kName), new TestObject()), 0); }
 
@@ -59,34 +59,18 @@ class BusWorld : public World {
   BusWorld() {
     bus_.SetEnvironment();
     peer_ = orb::test::ChildProcess({PLATFORM_PEER, kName});
-    Expect("ready 0");
+    EXPECT_EQ(peer_.ReadLine(std::chrono::seconds(20)), "ready 0");
   }
   ~BusWorld() override { orb::test::EndBus(&bus_); }
   void Kill() override { peer_.Signal(SIGKILL); }
   void Replace() override {
     peer_.Send("again");
-    Expect("again 0");
+    EXPECT_EQ(peer_.ReadLine(std::chrono::seconds(20)), "again 0");
   }
 
  private:
-  void Expect(const char* line) {
-    ASSERT_EQ(peer_.ReadLine(std::chrono::seconds(20)), std::string(line));
-  }
   orb::test::PrivateBus bus_;
   orb::test::ChildProcess peer_;
-};
-
-class Recipient : public IBinder::DeathRecipient {
- public:
-  void binderDied(const wp<IBinder>& who) override {
-    const sp<IBinder> binder = who.promote();
-    if (binder != nullptr && binder->isBinderAlive()) alive_when_told = true;
-    on_thread = std::this_thread::get_id();
-    count++;
-  }
-  std::atomic<int> count{0};
-  std::atomic<bool> alive_when_told{false};
-  std::atomic<std::thread::id> on_thread;
 };
 
 class ContractTest : public testing::TestWithParam<const char*> {
@@ -175,30 +159,16 @@ TEST_P(ContractTest, SameRemoteIsSameProxyUntilReplaced) {
 TEST_P(ContractTest, BindersComeHomeAsThemselves) {
   const sp<IBinder> mine(new TestObject());
   for (const sp<IBinder>& sent : {mine, service_}) {
-    Parcel data;
-    Parcel reply;
-    data.writeStrongBinder(sent);
-    ASSERT_EQ(service_->transact(orb::test::kStore, data, &reply), android::OK);
-    sp<IBinder> back;
-    Parcel none;
-    ASSERT_EQ(service_->transact(orb::test::kStored, none, &reply), android::OK);
-    ASSERT_EQ(reply.readStrongBinder(&back), android::OK);
-    EXPECT_EQ(back, sent);
+    ASSERT_EQ(orb::test::Store(service_, sent), android::OK);
+    EXPECT_EQ(orb::test::Stored(service_), sent);
   }
-  Parcel drop;
-  Parcel reply;
-  drop.writeStrongBinder(sp<IBinder>());
-  ASSERT_EQ(service_->transact(orb::test::kStore, drop, &reply), android::OK);
+  ASSERT_EQ(orb::test::Store(service_, nullptr), android::OK);
   EXPECT_TRUE(WaitFor([&] { return mine->getStrongCount() == 1; }));
 }
 
 TEST_P(ContractTest, CallsNestInBothDirections) {
-  Parcel data;
-  Parcel reply;
-  data.writeInt32(80);  // More on each side than there are workers.
-  data.writeStrongBinder(sp<IBinder>(new TestObject()));
-  ASSERT_EQ(service_->transact(orb::test::kNest, data, &reply), android::OK);
-  EXPECT_EQ(reply.readInt32(), 80);
+  // More on each side than there are workers.
+  EXPECT_EQ(orb::test::Nest(service_, 80, new TestObject()), 80);
 }
 
 TEST_P(ContractTest, OnewayCallsKeepTheirOrderAndDropErrors) {
@@ -325,17 +295,12 @@ TEST_P(ContractTest, NamesAreChecked) {
 }
 
 TEST_P(ContractTest, ManyThreadsCallAtOnce) {
-  std::vector<std::thread> threads;
-  std::atomic<int> good{0};
+  std::vector<std::future<void>> threads;
   for (size_t t = 0; t < 8; t++) {
-    threads.emplace_back([&, t] {
-      for (size_t i = 0; i < 50; i++) {
-        if (Echo(service_, 10 + t * 700 * i) == android::OK) good++;
-      }
-    });
+    threads.push_back(std::async(std::launch::async, [&, t] {
+      for (size_t i = 0; i < 50; i++) EXPECT_EQ(Echo(service_, 10 + t * 700 * i), android::OK);
+    }));
   }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(good, 8 * 50);
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, ContractTest, testing::Values("local", "bus"),

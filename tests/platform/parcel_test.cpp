@@ -3,6 +3,7 @@
 #include <binder/Parcel.h>
 #include <binder/Status.h>
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -22,59 +23,35 @@ using orb::test::Compact;
 using orb::test::Fill;
 using orb::test::ToHex;
 
-TEST(ParcelTest, WritesEachType) {
-  struct Case {
-    const char* name;
-    std::function<android::status_t(Parcel*)> write;
-    const char* hex;
-  };
-  const Case cases[] = {
-      {"bool", [](Parcel* p) { return p->writeBool(true); }, "01000000"},
-      {"byte", [](Parcel* p) { return p->writeByte(-2); }, "feffffff"},
-      {"long", [](Parcel* p) { return p->writeInt64(0x0102030405060708); }, "0807060504030201"},
-      {"empty string", [](Parcel* p) { return p->writeUtf8AsUtf16(std::string()); },
-       "0000000000000000"},
-      {"string", [](Parcel* p) { return p->writeString16(String16("tok")); },
-       "03000000 74006f00 6b000000"},
-      {"surrogates", [](Parcel* p) { return p->writeUtf8AsUtf16(std::string("\xf0\x9f\x98\x80")); },
-       "02000000 3dd800de 00000000"},
-      {"null string", [](Parcel* p) { return p->writeUtf8AsUtf16(std::optional<std::string>()); },
-       "ffffffff"},
-      {"bytes",
-       [](Parcel* p) {
-         return p->writeByteVector(std::vector<uint8_t>{1, 2, 3, 4, 5});
-       },
-       "05000000 01020304 05000000"},
-      {"no bytes", [](Parcel* p) { return p->writeByteVector(std::vector<uint8_t>()); },
-       "00000000"},
-      {"no raw bytes", [](Parcel* p) { return p->write(nullptr, 0); }, ""},
-      {"null binder", [](Parcel* p) { return p->writeStrongBinder(sp<IBinder>()); },
-       "852a6273 13000000 00000000 00000000 00000000 00000000 00000000"},
-      {"ok", [](Parcel* p) { return Status::ok().writeToParcel(p); }, "00000000"},
-      {"exception",
-       [](Parcel* p) {
-         return Status::fromExceptionCode(Status::EX_SECURITY, "n").writeToParcel(p);
-       },
-       "ffffffff 01000000 6e000000 00000000"},
-      {"service error",
-       [](Parcel* p) { return Status::fromServiceSpecificError(7, "n").writeToParcel(p); },
-       "f8ffffff 01000000 6e000000 00000000 07000000"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    Parcel parcel;
-    EXPECT_EQ(c.write(&parcel), android::OK);
-    EXPECT_EQ(ToHex(parcel), Compact(c.hex));
-  }
+TEST(ParcelTest, WritesTheBytesOfThePlatform) {
+  Parcel p;
+  p.writeBool(true);
+  p.writeByte(-2);
+  p.writeInt64(0x0102030405060708);
+  p.writeUtf8AsUtf16(std::string());
+  p.writeString16(String16("tok"));
+  p.writeUtf8AsUtf16(std::string("\xf0\x9f\x98\x80"));
+  p.writeUtf8AsUtf16(std::optional<std::string>());
+  p.writeByteVector(std::vector<uint8_t>{1, 2, 3, 4, 5});
+  p.writeByteVector(std::vector<uint8_t>());
+  p.write(nullptr, 0);
+  p.writeStrongBinder(sp<IBinder>());
+  Status::ok().writeToParcel(&p);
+  Status::fromExceptionCode(Status::EX_SECURITY, "n").writeToParcel(&p);
+  Status::fromServiceSpecificError(7, "n").writeToParcel(&p);
+  EXPECT_EQ(ToHex(p), Compact("01000000 feffffff 0807060504030201 00000000 00000000"
+                              "03000000 74006f00 6b000000"
+                              "02000000 3dd800de 00000000"
+                              "ffffffff"
+                              "05000000 01020304 05000000"
+                              "00000000"
+                              "852a6273 13000000 00000000 00000000 00000000 00000000 00000000"
+                              "00000000"
+                              "ffffffff 01000000 6e000000 00000000"
+                              "f8ffffff 01000000 6e000000 00000000 07000000"));
 }
 
 TEST(ParcelTest, ReadersRefuseBrokenData) {
-  struct Case {
-    const char* name;
-    const char* hex;
-    std::function<android::status_t(const Parcel&)> read;
-    android::status_t want;
-  };
   const auto string = [](const Parcel& p) {
     std::string out;
     return p.readUtf8FromUtf16(&out);
@@ -91,33 +68,35 @@ TEST(ParcelTest, ReadersRefuseBrokenData) {
     int64_t out;
     return p.readInt64(&out);
   };
-  const auto status = [](const Parcel& p) {
-    Status out;
-    return out.readFromParcel(p);
-  };
-  const Case cases[] = {
-      {"short number", "01000000", number, android::NOT_ENOUGH_DATA},
-      {"string past the end", "05000000 61006200", string, android::NOT_ENOUGH_DATA},
-      {"huge string", "ffffff7f 61006200", string, android::NOT_ENOUGH_DATA},
-      {"string without end", "01000000 61006200", string, android::NOT_ENOUGH_DATA},
-      {"null string", "ffffffff", string, android::UNEXPECTED_NULL},
-      {"null bytes", "ffffffff", bytes, android::UNEXPECTED_NULL},
-      {"too many bytes", "05000000 01020304", bytes, android::BAD_VALUE},
-      {"null binder", "852a6273 13000000 00000000 00000000 00000000 00000000 00000000", binder,
-       android::UNEXPECTED_NULL},
+  const auto status = [](const Parcel& p) { return Status().readFromParcel(p); };
+  const std::string null_binder = "852a6273 13000000 00000000 00000000 00000000 00000000 00000000";
+  const struct {
+    const char* name;
+    std::string hex;
+    std::function<android::status_t(const Parcel&)> read;
+    const char* want;
+  } kCases[] = {
+      {"short number", "01000000", number, "NOT_ENOUGH_DATA"},
+      {"string past the end", "05000000 61006200", string, "NOT_ENOUGH_DATA"},
+      {"huge string", "ffffff7f 61006200", string, "NOT_ENOUGH_DATA"},
+      {"string without end", "01000000 61006200", string, "NOT_ENOUGH_DATA"},
+      {"null string", "ffffffff", string, "UNEXPECTED_NULL"},
+      {"null bytes", "ffffffff", bytes, "UNEXPECTED_NULL"},
+      {"too many bytes", "05000000 01020304", bytes, "BAD_VALUE"},
+      {"null binder", null_binder, binder, "UNEXPECTED_NULL"},
       {"forged binder", "852a6273 13010000 11111111 00000000 22222222 00000000 0c000000", binder,
-       android::BAD_TYPE},
-      {"half a binder", "852a6273 13010000", binder, android::NOT_ENOUGH_DATA},
-      {"status of nothing", "", status, android::NOT_ENOUGH_DATA},
-      {"trace past the end", "ffffffff 00000000 00000000 40000000", status, android::UNKNOWN_ERROR},
-      {"header past the end", "80ffffff 40000000", status, android::UNKNOWN_ERROR},
-      {"header then fine", "80ffffff 08000000 00000000", status, android::OK},
+       "BAD_TYPE"},
+      {"half a binder", "852a6273 13010000", binder, "NOT_ENOUGH_DATA"},
+      {"status of nothing", "", status, "NOT_ENOUGH_DATA"},
+      {"trace past the end", "ffffffff 00000000 00000000 40000000", status, "UNKNOWN_ERROR"},
+      {"header past the end", "80ffffff 40000000", status, "UNKNOWN_ERROR"},
+      {"header then fine", "80ffffff 08000000 00000000", status, "OK"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     Parcel parcel;
     Fill(&parcel, c.hex);
-    EXPECT_EQ(c.read(parcel), c.want);
+    EXPECT_THAT(android::statusToString(c.read(parcel)), testing::StartsWith(c.want));
   }
 }
 

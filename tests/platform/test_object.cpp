@@ -40,16 +40,38 @@ status_t TestObject::dump(int fd, const android::Vector<android::String16>& args
   return write(fd, text.data(), text.size()) == size ? android::OK : -errno;
 }
 
+status_t Store(const sp<IBinder>& at, const sp<IBinder>& object) {
+  Parcel data;
+  Parcel reply;
+  data.writeStrongBinder(object);
+  return at->transact(kStore, data, &reply);
+}
+
+sp<IBinder> Stored(const sp<IBinder>& at) {
+  Parcel data;
+  Parcel reply;
+  return at->transact(kStored, data, &reply) == android::OK ? reply.readStrongBinder() : nullptr;
+}
+
+int32_t Nest(const sp<IBinder>& at, int32_t depth, const sp<IBinder>& peer) {
+  Parcel data;
+  Parcel reply;
+  data.writeInt32(depth);
+  data.writeStrongBinder(peer);
+  return at->transact(kNest, data, &reply) == android::OK ? reply.readInt32() : -1;
+}
+
+void Recipient::binderDied(const android::wp<IBinder>& who) {
+  const sp<IBinder> binder = who.promote();
+  if (binder != nullptr && binder->isBinderAlive()) alive_when_told = true;
+  on_thread = std::this_thread::get_id();
+  count++;
+}
+
 status_t TestObject::Nest(const Parcel& data, Parcel* reply) {
   const int32_t depth = data.readInt32();
   const sp<IBinder> peer = data.readStrongBinder();
-  if (depth == 0) return reply->writeInt32(0);
-  Parcel call;
-  Parcel answer;
-  call.writeInt32(depth - 1);
-  call.writeStrongBinder(sp<IBinder>(this));
-  const status_t status = peer->transact(kNest, call, &answer);
-  return status != android::OK ? status : reply->writeInt32(answer.readInt32() + 1);
+  return reply->writeInt32(depth == 0 ? 0 : test::Nest(peer, depth - 1, this) + 1);
 }
 
 status_t TestObject::Descriptor(const Parcel& data, Parcel* reply) {

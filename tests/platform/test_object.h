@@ -7,6 +7,8 @@
 #include <binder/ProcessState.h>
 #include <utils/Vector.h>
 
+#include <atomic>
+#include <thread>
 #include <vector>
 
 #include "utility/thread_annotations.h"
@@ -53,6 +55,22 @@ class TestObject : public android::BBinder {
   std::vector<int32_t> appended_ GUARDED_BY(mutex_);
   android::sp<android::IBinder> stored_ GUARDED_BY(mutex_);
   bool unblocked_ GUARDED_BY(mutex_) = false;
+};
+
+// What a call to such an object gives.
+android::status_t Store(const android::sp<android::IBinder>& at,
+                        const android::sp<android::IBinder>& object);
+android::sp<android::IBinder> Stored(const android::sp<android::IBinder>& at);
+// How deep the two called each other; -1 on failure.
+int32_t Nest(const android::sp<android::IBinder>& at, int32_t depth,
+             const android::sp<android::IBinder>& peer);
+
+class Recipient : public android::IBinder::DeathRecipient {
+ public:
+  void binderDied(const android::wp<android::IBinder>& who) override;
+  std::atomic<int> count{0};
+  std::atomic<bool> alive_when_told{false};
+  std::atomic<std::thread::id> on_thread;
 };
 
 // Ends the bus and waits until this process has seen it: its descriptors are

@@ -2,9 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "tests/platform_ndk/echo_class.h"
+#include "tests/support/wait_for.h"
 #include "utility/thread_annotations.h"
 
 namespace {
@@ -18,28 +18,23 @@ class Story {
   static void OnDied(void* story) { static_cast<Story*>(story)->Add('d'); }
   static void OnUnlinked(void* story) { static_cast<Story*>(story)->Add('u'); }
 
-  std::string Now() {
+  std::string Now() const {
     orb::MutexLock lock(mutex_);
     return text_;
   }
-  // The story once it is that long, or what there is after ten seconds.
-  std::string WaitFor(size_t letters) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    orb::MutexLock lock(mutex_);
-    while (text_.size() < letters && changed_.WaitUntil(mutex_, deadline)) {
-    }
-    return text_;
+  // The story once it is that long, or what there is after a while.
+  std::string WaitFor(size_t letters) const {
+    orb::test::WaitFor([&] { return Now().size() >= letters; });
+    return Now();
   }
 
  private:
   void Add(char letter) {
     orb::MutexLock lock(mutex_);
     text_ += letter;
-    changed_.NotifyAll();
   }
 
-  orb::Mutex mutex_;
-  orb::CondVar changed_;
+  mutable orb::Mutex mutex_;
   std::string text_ GUARDED_BY(mutex_);
 };
 
@@ -61,8 +56,6 @@ class NdkDeathTest : public orb::test::EchoTest {
 
   Story one_;
   Story two_;
-  // Linked and never unlinked by hand: the end of its story is the end of all.
-  Story witness_;
   SpAIBinder remote_ = Check();
   ScopedAIBinder_DeathRecipient recipient_{NewRecipient()};
 };
@@ -84,27 +77,22 @@ TEST_F(NdkDeathTest, EveryLinkIsToldOnceAndThenLetGo) {
   EXPECT_EQ(late.Now(), "u");  // A failed link is let go at once.
 }
 
-TEST_F(NdkDeathTest, UnlinkedLinksAreNotTold) {
+TEST_F(NdkDeathTest, UnlinkedLinksAndThoseOfADeletedRecipientAreNotTold) {
   ASSERT_EQ(Link(remote_, &one_), STATUS_OK);
-  ASSERT_EQ(Link(remote_, &witness_), STATUS_OK);
   EXPECT_EQ(Unlink(remote_, &two_), STATUS_NAME_NOT_FOUND);
   EXPECT_EQ(Unlink(remote_, &one_), STATUS_OK);
   EXPECT_EQ(one_.Now(), "u");
-  ASSERT_TRUE(manager_->Kill(kName));
-  EXPECT_EQ(witness_.WaitFor(2), "du");
-  EXPECT_EQ(one_.Now(), "u");
-}
-
-TEST_F(NdkDeathTest, DeletingTheRecipientUnlinksAllItsLinks) {
-  ASSERT_EQ(Link(remote_, &one_), STATUS_OK);
+  ASSERT_EQ(Link(remote_, &two_), STATUS_OK);
   ASSERT_EQ(Link(remote_, &two_), STATUS_OK);
   recipient_.set(NewRecipient());  // Replaces and deletes.
-  EXPECT_EQ(one_.Now(), "u");
-  EXPECT_EQ(two_.Now(), "u");
-  ASSERT_EQ(Link(remote_, &witness_), STATUS_OK);
+  EXPECT_EQ(two_.Now(), "uu");
+  // Its end is the end of all.
+  Story witness;
+  ASSERT_EQ(Link(remote_, &witness), STATUS_OK);
   ASSERT_TRUE(manager_->Kill(kName));
-  EXPECT_EQ(witness_.WaitFor(2), "du");
+  EXPECT_EQ(witness.WaitFor(2), "du");
   EXPECT_EQ(one_.Now(), "u");
+  EXPECT_EQ(two_.Now(), "uu");
 }
 
 TEST_F(NdkDeathTest, OnlyRemoteObjectsDie) {

@@ -31,22 +31,39 @@ class NdkParcelTest : public testing::Test {
     return words;
   }
 
+  template <typename T>
+  void Write(const T& value) {
+    ASSERT_EQ(AParcel_writeData(parcel_.get(), value), STATUS_OK);
+  }
+  template <typename T>
+  T Read(T value = T()) {
+    EXPECT_EQ(AParcel_readData(parcel_.get(), &value), STATUS_OK);
+    return value;
+  }
+
   ScopedAParcel parcel_{AParcel_create()};
 };
 
+// What reading a T from parcels of these words gives.
+template <typename T>
+binder_status_t ReadFrom(const AParcel* parcel) {
+  T value;
+  return AParcel_readData(parcel, &value);
+}
+
 TEST_F(NdkParcelTest, WritesTheBytesOfThePlatform) {
-  ASSERT_EQ(AParcel_writeData(parcel_.get(), std::string("abc")), STATUS_OK);
-  ASSERT_EQ(AParcel_writeData(parcel_.get(), std::string()), STATUS_OK);
+  Write(std::string("abc"));
+  Write(std::string());
   ASSERT_EQ(AParcel_writeString(parcel_.get(), nullptr, -1), STATUS_OK);
-  ASSERT_EQ(AParcel_writeData(parcel_.get(), std::vector<uint8_t>{1, 2, 3, 4, 5}), STATUS_OK);
-  ASSERT_EQ(AParcel_writeData(parcel_.get(), std::vector<uint8_t>()), STATUS_OK);
-  ASSERT_EQ(AParcel_writeData(parcel_.get(), int8_t{-1}), STATUS_OK);
-  ASSERT_EQ(AParcel_writeData(parcel_.get(), true), STATUS_OK);
-  ASSERT_EQ(AParcel_writeData(parcel_.get(), std::vector<int32_t>{7, -8}), STATUS_OK);
+  Write(std::vector<uint8_t>{1, 2, 3, 4, 5});
+  Write(std::vector<uint8_t>());
+  Write(int8_t{-1});
+  Write(true);
+  Write(std::vector<int32_t>{7, -8});
   aidl::vendor::nuv::orbsyshal_aidl::SetFdResult record;
   record.result = -3;
   record.fdToken = 9;
-  ASSERT_EQ(AParcel_writeData(parcel_.get(), record), STATUS_OK);
+  Write(record);
   EXPECT_THAT(Words(), testing::ElementsAre(3, 0x620061, 0x63, 0, 0, -1, 5, 0x04030201, 5, 0, -1, 1,
                                             2, 7, -8, 1, 12, -3, 9));
 }
@@ -56,48 +73,30 @@ TEST_F(NdkParcelTest, ReadsBackWhatWasWritten) {
   sent.fds.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
   sent.ints = {0, 4096};
   const std::string text = "\xc3\xbcml\xe4\xb8\xad";
-  ASSERT_EQ(AParcel_writeData(parcel_.get(), sent), STATUS_OK);
-  ASSERT_EQ(AParcel_writeData(parcel_.get(), text), STATUS_OK);
-  ASSERT_EQ(AParcel_writeData(parcel_.get(), int64_t{-3}), STATUS_OK);
+  Write(sent);
+  Write(text);
+  Write(int64_t{-3});
   Rewind();
-  NativeHandle received;
-  std::string string;
-  int64_t number = 0;
-  ASSERT_EQ(AParcel_readData(parcel_.get(), &received), STATUS_OK);
-  ASSERT_EQ(AParcel_readData(parcel_.get(), &string), STATUS_OK);
-  ASSERT_EQ(AParcel_readData(parcel_.get(), &number), STATUS_OK);
+  const auto received = Read<NativeHandle>();
   EXPECT_EQ(received.ints, sent.ints);
   ASSERT_EQ(received.fds.size(), 1u);
   EXPECT_NE(received.fds[0].get(), sent.fds[0].get());
   EXPECT_NE(fcntl(received.fds[0].get(), F_GETFD), -1);
-  EXPECT_EQ(string, text);
-  EXPECT_EQ(number, -3);
+  EXPECT_EQ(Read<std::string>(), text);
+  EXPECT_EQ(Read<int64_t>(), -3);
 }
 
 TEST_F(NdkParcelTest, LengthsThatLieAreRefusedBeforeAnythingIsAllocated) {
-  struct Case {
+  const auto bytes = ReadFrom<std::vector<uint8_t>>;
+  const auto numbers = ReadFrom<std::vector<int32_t>>;
+  const auto string = ReadFrom<std::string>;
+  const auto handle = ReadFrom<NativeHandle>;
+  const struct {
     const char* name;
     std::vector<int32_t> words;
-    std::function<binder_status_t(const AParcel*)> read;
+    binder_status_t (*read)(const AParcel*);
     binder_status_t want;
-  };
-  const auto bytes = [](const AParcel* parcel) {
-    std::vector<uint8_t> value;
-    return AParcel_readData(parcel, &value);
-  };
-  const auto numbers = [](const AParcel* parcel) {
-    std::vector<int32_t> value;
-    return AParcel_readData(parcel, &value);
-  };
-  const auto string = [](const AParcel* parcel) {
-    std::string value;
-    return AParcel_readData(parcel, &value);
-  };
-  const auto handle = [](const AParcel* parcel) {
-    NativeHandle value;
-    return AParcel_readData(parcel, &value);
-  };
-  const Case kCases[] = {
+  } kCases[] = {
       {"bytes: nothing", {}, bytes, STATUS_NOT_ENOUGH_DATA},
       {"bytes: null", {-1}, bytes, STATUS_UNEXPECTED_NULL},
       {"bytes: negative", {-2}, bytes, STATUS_BAD_VALUE},
@@ -110,12 +109,9 @@ TEST_F(NdkParcelTest, LengthsThatLieAreRefusedBeforeAnythingIsAllocated) {
       {"parcelable: overflowing size", {1, INT32_MAX}, handle, STATUS_BAD_VALUE},
       {"descriptors: too many", {1, 12, 1 << 28, 0}, handle, STATUS_NOT_ENOUGH_DATA},
       {"descriptors: null", {1, 16, 1, 0}, handle, STATUS_UNEXPECTED_NULL},
-      {"descriptors: no object",
-       {1, 48, 1, 1, 0, 0x66642a85, 0, 0, 0, 0, 0},
-       handle,
-       STATUS_BAD_TYPE},
+      {"no object", {1, 48, 1, 1, 0, 0x66642a85, 0, 0, 0, 0, 0}, handle, STATUS_BAD_TYPE},
   };
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     ScopedAParcel parcel(AParcel_create());
     for (const int32_t word : c.words) ASSERT_EQ(AParcel_writeInt32(parcel.get(), word), STATUS_OK);
@@ -132,13 +128,9 @@ TEST_F(NdkParcelTest, ParcelablesOfOtherVersionsAreRead) {
   Rewind();
   NativeHandle older;
   older.ints = {9};
-  NativeHandle newer;
-  int32_t after = 0;
-  ASSERT_EQ(AParcel_readData(parcel_.get(), &older), STATUS_OK);
-  ASSERT_EQ(AParcel_readData(parcel_.get(), &newer), STATUS_OK);
-  ASSERT_EQ(AParcel_readData(parcel_.get(), &after), STATUS_OK);
-  EXPECT_THAT(older.ints, testing::ElementsAre(9));
-  EXPECT_EQ(after, 5);
+  EXPECT_THAT(Read(std::move(older)).ints, testing::ElementsAre(9));
+  Read<NativeHandle>();
+  EXPECT_EQ(Read<int32_t>(), 5);
 }
 
 TEST_F(NdkParcelTest, StatusesCrossWithTheirMessage) {

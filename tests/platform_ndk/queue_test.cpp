@@ -33,9 +33,18 @@ std::string Take(Queue* queue, size_t count) {
   return queue->read(reinterpret_cast<int8_t*>(text.data()), count) ? text : "";
 }
 
-Grantor MakeGrantor(int32_t offset, int64_t extent, int32_t fd_index = 0) {
+// "descriptor:offset+extent " of each part.
+std::string Places(const Descriptor& desc) {
+  std::string text;
+  for (const Grantor& grantor : desc.grantors) {
+    text += std::to_string(grantor.fdIndex) + ":" + std::to_string(grantor.offset) + "+" +
+            std::to_string(grantor.extent) + " ";
+  }
+  return text;
+}
+
+Grantor MakeGrantor(int32_t offset, int64_t extent) {
   Grantor grantor;
-  grantor.fdIndex = fd_index;
   grantor.offset = offset;
   grantor.extent = extent;
   return grantor;
@@ -56,13 +65,7 @@ TEST(QueueTest, HasTheLayoutThatPeersExpect) {
   Queue queue(11);
   ASSERT_TRUE(Put(&queue, "hello"));
   const Descriptor desc = queue.dupeDesc();
-  ASSERT_EQ(desc.grantors.size(), 3u);
-  const int64_t want[3][3] = {{0, 0, 8}, {0, 8, 8}, {0, 16, 11}};
-  for (size_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(desc.grantors[i].fdIndex, want[i][0]) << i;
-    EXPECT_EQ(desc.grantors[i].offset, want[i][1]) << i;
-    EXPECT_EQ(desc.grantors[i].extent, want[i][2]) << i;
-  }
+  EXPECT_EQ(Places(desc), "0:0+8 0:8+8 0:16+11 ");
   EXPECT_EQ(desc.quantum, 1);
   EXPECT_EQ(desc.flags, 1);
   EXPECT_TRUE(desc.handle.ints.empty());
@@ -84,9 +87,7 @@ TEST(QueueTest, HasTheLayoutThatPeersExpect) {
 TEST(QueueTest, EventFlagFollowsTheDataAtEightBytes) {
   Queue queue(11, /*configureEventFlagWord=*/true);
   const Descriptor desc = queue.dupeDesc();
-  ASSERT_EQ(desc.grantors.size(), 4u);
-  EXPECT_EQ(desc.grantors[3].offset, 32);
-  EXPECT_EQ(desc.grantors[3].extent, 4);
+  EXPECT_EQ(Places(desc), "0:0+8 0:8+8 0:16+11 0:32+4 ");
   Queue peer(desc);
   ASSERT_TRUE(peer.isValid());
   queue.getEventFlagWord()->store(7);
@@ -128,23 +129,15 @@ TEST(QueueTest, OneThreadWritesWhileAnotherReads) {
   Words writer(37);
   Words reader(writer.dupeDesc());
   std::thread thread([&] {
-    for (uint32_t i = 0; i < kCount;) {
-      if (writer.write(&i)) {
-        ++i;
-      } else {
-        std::this_thread::yield();
-      }
+    for (uint32_t i = 0; i < kCount; ++i) {
+      while (!writer.write(&i)) std::this_thread::yield();
     }
   });
   uint32_t mismatches = 0;
-  for (uint32_t i = 0; i < kCount;) {
+  for (uint32_t i = 0; i < kCount; ++i) {
     uint32_t value = 0;
-    if (!reader.read(&value)) {
-      std::this_thread::yield();
-      continue;
-    }
+    while (!reader.read(&value)) std::this_thread::yield();
     if (value != i) ++mismatches;
-    ++i;
   }
   thread.join();
   EXPECT_EQ(mismatches, 0u);
@@ -179,11 +172,7 @@ ndk::ScopedFileDescriptor Memory(int seals) {
 }
 
 TEST(QueueTest, RefusesEveryDescriptorThatLies) {
-  struct Case {
-    const char* name;
-    std::function<void(Descriptor*)> spoil;
-  };
-  const Case kCases[] = {
+  const std::pair<const char*, std::function<void(Descriptor*)>> kCases[] = {
       {"no descriptor", [](Descriptor* d) { d->handle.fds.clear(); }},
       {"closed descriptor", [](Descriptor* d) { d->handle.fds[0].set(-1); }},
       {"two descriptors", [](Descriptor* d) { d->handle.fds.push_back(Memory(F_SEAL_SHRINK)); }},
@@ -193,11 +182,7 @@ TEST(QueueTest, RefusesEveryDescriptorThatLies) {
        [](Descriptor* d) { d->handle.fds[0] = Memory(F_SEAL_SHRINK | F_SEAL_WRITE); }},
       {"no grantors", [](Descriptor* d) { d->grantors.clear(); }},
       {"two grantors", [](Descriptor* d) { d->grantors.pop_back(); }},
-      {"five grantors",
-       [](Descriptor* d) {
-         d->grantors.push_back(MakeGrantor(64, 4));
-         d->grantors.push_back(MakeGrantor(72, 4));
-       }},
+      {"five grantors", [](Descriptor* d) { d->grantors.resize(5, MakeGrantor(64, 4)); }},
       {"descriptor index past the end", [](Descriptor* d) { d->grantors[2].fdIndex = 1; }},
       {"negative descriptor index", [](Descriptor* d) { d->grantors[0].fdIndex = -1; }},
       {"negative offset", [](Descriptor* d) { d->grantors[1].offset = -8; }},
@@ -217,11 +202,11 @@ TEST(QueueTest, RefusesEveryDescriptorThatLies) {
       {"other flavour", [](Descriptor* d) { d->flags = 2; }},
       {"long event flag", [](Descriptor* d) { d->grantors.push_back(MakeGrantor(64, 8)); }},
   };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, spoil] : kCases) {
+    SCOPED_TRACE(name);
     Words writer(3);
     Descriptor bytes = Retyped<Descriptor>(writer.dupeDesc());
-    c.spoil(&bytes);
+    spoil(&bytes);
     const auto hostile = Retyped<Words::Descriptor>(std::move(bytes));
     orb::LogCapture log;
     EXPECT_FALSE(Words(hostile).isValid());

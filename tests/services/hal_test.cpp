@@ -1,8 +1,12 @@
 // The HAL against clients that behave, and clients that do not.
 #include "services/hal/hal.h"
 
+#include <aidl/vendor/nuv/orbsyshal_aidl/BnOrbFdCallback.h>
+#include <android/binder_manager.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +14,8 @@
 #include <functional>
 #include <future>
 
+#include "orb_platform/local_service_manager.h"
+#include "services/hal/orbsyshal_service.h"
 #include "tests/services/upload_bytes.h"
 #include "tests/support/child_process.h"
 #include "tests/support/log_capture.h"
@@ -25,6 +31,8 @@ constexpr Caller kRadio{100, 1000};
 constexpr Caller kMallory{666, 1000};
 constexpr const char* kName = "/up/7/radio.42";
 constexpr const char* kFile = "/up/7/radio.42/0000000003-0000000000005.orb";
+const Bytes kHeader = Upload(3, 5, 0);
+const Bytes kRegion = {'0', '1', '2', '3', '4', '5', '6', '7'};
 
 UniqueFd Memory(const Bytes& content) {
   UniqueFd fd(memfd_create("test", MFD_CLOEXEC));
@@ -58,14 +66,19 @@ class HalTest : public ::testing::Test {
     std::string error;
     hal_ = std::make_unique<Hal>(Spool::Open(temp_.path(), 0, &error));
   }
-  // A channel over `content`; confirmations are appended to confirmed_.
-  int32_t Channel(const Caller& caller, const Bytes& content) {
-    return static_cast<int32_t>(
-        hal_->AddChannel(caller, Memory(content), 0, static_cast<int32_t>(content.size()),
-                         [this](int32_t token, int32_t a, int32_t b, int32_t c) {
-                           MutexLock lock(mutex_);
-                           confirmed_.push_back({token, a, b, c});
-                         }));
+  // A channel over "01234567"; confirmations are appended to confirmed_.
+  int32_t Channel(const Caller& caller) {
+    const auto confirm = [this](int32_t token, int32_t a, int32_t b, int32_t c) {
+      MutexLock lock(mutex_);
+      confirmed_.push_back({token, a, b, c});
+    };
+    return static_cast<int32_t>(hal_->AddChannel(caller, Memory(kRegion), 0, 8, confirm));
+  }
+  bool StoreQueue(const Caller& caller, size_t total) {
+    return hal_->StoreQueue(caller, kName, static_cast<int32_t>(total));
+  }
+  int32_t StoreSlot(const Caller& caller, int32_t token) {
+    return hal_->StoreSlot(caller, kName, kHeader, token, 0, 8);
   }
   bool WaitConfirmed(size_t count) {
     return orb::test::WaitFor([&] {
@@ -86,7 +99,7 @@ TEST_F(HalTest, StoresAQueuedPayloadAlsoOneThatWrapsAround) {
   for (const uint64_t skip : {uint64_t{0}, uint64_t{100}}) {
     SCOPED_TRACE(skip);
     ASSERT_TRUE(hal_->ConfigureQueue(kRadio, Queue(upload, skip)));
-    EXPECT_TRUE(hal_->StoreQueue(kRadio, kName, static_cast<int32_t>(upload.size())));
+    EXPECT_TRUE(StoreQueue(kRadio, upload.size()));
     EXPECT_EQ(ReadFileOrEmpty(temp_.path() + kFile), Text(upload));
   }
 }
@@ -96,16 +109,14 @@ TEST_F(HalTest, KeepsTheQueuesOfTwoClientsApart) {
   const Bytes other = Upload(4, 6, 20);
   ASSERT_TRUE(hal_->ConfigureQueue(kRadio, Queue(mine)));
   ASSERT_TRUE(hal_->ConfigureQueue(kMallory, Queue(other)));
-  EXPECT_TRUE(hal_->StoreQueue(kRadio, kName, static_cast<int32_t>(mine.size())));
+  EXPECT_TRUE(StoreQueue(kRadio, mine.size()));
   EXPECT_EQ(ReadFileOrEmpty(temp_.path() + kFile), Text(mine));
-  EXPECT_FALSE(hal_->StoreQueue(kRadio, kName, static_cast<int32_t>(mine.size())))
-      << "a queue is read once";
+  EXPECT_FALSE(StoreQueue(kRadio, mine.size())) << "a queue is read once";
   EXPECT_TRUE(log_.Contains("payload /up/7/radio.42 of pid 100 uid 1000 refused: no queue"));
-  EXPECT_TRUE(hal_->StoreQueue(kMallory, "/up/8/m.1", static_cast<int32_t>(other.size())));
+  EXPECT_TRUE(StoreQueue(kMallory, other.size()));
 }
 
 TEST_F(HalTest, RefusesQueuesThatAreNotWhatTheyClaim) {
-  const Bytes upload = Upload(3, 5, 34);
   const struct {
     const char* what;
     std::function<void(QueueLayout*)> change;
@@ -120,25 +131,21 @@ TEST_F(HalTest, RefusesQueuesThatAreNotWhatTheyClaim) {
       {"negative index", [](QueueLayout* q) { q->pieces[0].fd_index = -1; }},
       {"closed descriptor", [](QueueLayout* q) { q->fds[0].reset(); }},
       {"short counter", [](QueueLayout* q) { q->pieces[1].extent = 4; }},
-      {"negative offset", [](QueueLayout* q) { q->pieces[2].offset = -1; }},
-      {"offset behind the end", [](QueueLayout* q) { q->pieces[2].offset = 1000; }},
       {"extent beyond the end", [](QueueLayout* q) { q->pieces[2].extent = INT64_MAX; }},
       {"no data", [](QueueLayout* q) { q->pieces[2].extent = 0; }},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.what);
     log_.Clear();
-    QueueLayout layout = Queue(upload);
+    QueueLayout layout = Queue(Upload(3, 5, 34));
     c.change(&layout);
     EXPECT_FALSE(hal_->ConfigureQueue(kMallory, std::move(layout)));
     EXPECT_TRUE(log_.Contains("queue of pid 666 uid 1000 refused: "));
-    EXPECT_FALSE(hal_->StoreQueue(kMallory, kName, 100));
+    EXPECT_FALSE(StoreQueue(kMallory, 100));
   }
-  EXPECT_TRUE(ListFiles(temp_.path()).empty());
 }
 
 TEST_F(HalTest, ReadsNoMoreThanTheQueueHolds) {
-  const Bytes upload = Upload(3, 5, 34);
   const auto set_written = [](uint64_t value) {
     return [value](int fd) { EXPECT_EQ(pwrite(fd, &value, 8, 8), 8); };
   };
@@ -157,7 +164,7 @@ TEST_F(HalTest, ReadsNoMoreThanTheQueueHolds) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.what);
-    QueueLayout layout = Queue(upload);
+    QueueLayout layout = Queue(Upload(3, 5, 34));
     const UniqueFd client_side(dup(layout.fds[0].get()));
     ASSERT_TRUE(hal_->ConfigureQueue(kMallory, std::move(layout)));
     if (c.change) c.change(client_side.get());
@@ -171,24 +178,21 @@ TEST_F(HalTest, BoundsTheQueuesThatNobodyReads) {
     const Caller caller{static_cast<pid_t>(i), 1};
     ASSERT_TRUE(hal_->ConfigureQueue(caller, Queue(Upload(3, 5, 34))));
   }
-  EXPECT_FALSE(hal_->StoreQueue(Caller{0, 1}, kName, 100)) << "the oldest stayed";
-  EXPECT_TRUE(hal_->StoreQueue(Caller{1, 1}, kName, 100));
+  EXPECT_FALSE(StoreQueue(Caller{0, 1}, 100)) << "the oldest stayed";
+  EXPECT_TRUE(StoreQueue(Caller{1, 1}, 100));
 }
 
 TEST_F(HalTest, StoresASlotBehindItsHeaderAndConfirmsIt) {
-  const int32_t token = Channel(kRadio, {'0', '1', '2', '3', '4', '5', '6', '7'});
-  ASSERT_GT(token, 0);
-  const Bytes header = Upload(3, 5, 0);
-  EXPECT_EQ(hal_->StoreSlot(kRadio, kName, header, token, 4, 3), 0);
-  EXPECT_EQ(ReadFileOrEmpty(temp_.path() + kFile), Text(header) + "456");
+  const int32_t token = Channel(kRadio);
+  EXPECT_EQ(hal_->StoreSlot(kRadio, kName, kHeader, token, 4, 3), 0);
+  EXPECT_EQ(ReadFileOrEmpty(temp_.path() + kFile), Text(kHeader) + "456");
   ASSERT_TRUE(WaitConfirmed(1));
   MutexLock lock(mutex_);
   EXPECT_EQ(confirmed_[0], (std::vector<int32_t>{token, 4, 3, 0}));
 }
 
 TEST_F(HalTest, RefusesSlotsOutsideTheRegionAndOfOthers) {
-  const int32_t token = Channel(kRadio, Bytes(64, 'x'));
-  const Bytes header = Upload(3, 5, 0);
+  const int32_t token = Channel(kRadio);
   const struct {
     const char* what;
     Caller caller;
@@ -199,21 +203,20 @@ TEST_F(HalTest, RefusesSlotsOutsideTheRegionAndOfOthers) {
     int32_t size;
     int32_t want;
   } kCases[] = {
-      {"offset behind the end", kRadio, kName, header, token, 65, 1, -EINVAL},
-      {"negative offset", kRadio, kName, header, token, -1, 1, -EINVAL},
-      {"lowest offset", kRadio, kName, header, token, INT32_MIN, 1, -EINVAL},
-      {"beyond the end", kRadio, kName, header, token, 60, 5, -EINVAL},
-      {"highest size", kRadio, kName, header, token, 60, INT32_MAX, -EINVAL},
-      {"no size", kRadio, kName, header, token, 0, 0, -EINVAL},
-      {"negative size", kRadio, kName, header, token, 0, -8, -EINVAL},
+      {"offset behind the end", kRadio, kName, kHeader, token, 9, 1, -EINVAL},
+      {"negative offset", kRadio, kName, kHeader, token, -1, 1, -EINVAL},
+      {"lowest offset", kRadio, kName, kHeader, token, INT32_MIN, 1, -EINVAL},
+      {"beyond the end", kRadio, kName, kHeader, token, 4, 5, -EINVAL},
+      {"highest size", kRadio, kName, kHeader, token, 4, INT32_MAX, -EINVAL},
+      {"no size", kRadio, kName, kHeader, token, 0, 0, -EINVAL},
+      {"negative size", kRadio, kName, kHeader, token, 0, -8, -EINVAL},
       {"short header", kRadio, kName, Bytes(65), token, 0, 8, -EINVAL},
       {"long header", kRadio, kName, Bytes(67), token, 0, 8, -EINVAL},
-      {"no header", kRadio, kName, {}, token, 0, 8, -EINVAL},
-      {"unknown token", kRadio, kName, header, token + 1, 0, 8, -EBADF},
-      {"token 0", kRadio, kName, header, 0, 0, 8, -EBADF},
-      {"another's channel", kMallory, kName, header, token, 0, 8, -EBADF},
-      {"another user", Caller{100, 0}, kName, header, token, 0, 8, -EBADF},
-      {"hostile name", kRadio, "/up/../../etc/passwd", header, token, 0, 8, -EIO},
+      {"unknown token", kRadio, kName, kHeader, token + 1, 0, 8, -EBADF},
+      {"token 0", kRadio, kName, kHeader, 0, 0, 8, -EBADF},
+      {"another's channel", kMallory, kName, kHeader, token, 0, 8, -EBADF},
+      {"another user", Caller{100, 0}, kName, kHeader, token, 0, 8, -EBADF},
+      {"hostile name", kRadio, "/up/../../etc/passwd", kHeader, token, 0, 8, -EIO},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.what);
@@ -221,62 +224,134 @@ TEST_F(HalTest, RefusesSlotsOutsideTheRegionAndOfOthers) {
   }
   EXPECT_FALSE(hal_->RemoveChannel(kMallory, token));
   EXPECT_TRUE(ListFiles(temp_.path()).empty());
-  EXPECT_EQ(hal_->StoreSlot(kRadio, kName, header, token, 0, 64), 0) << "refusals cost nothing";
+  EXPECT_EQ(StoreSlot(kRadio, token), 0) << "refusals cost nothing";
   ASSERT_TRUE(WaitConfirmed(1));
 }
 
 TEST_F(HalTest, OutlivesAClientThatShrinksItsRegion) {
-  UniqueFd fd = Memory(Bytes(4096, 'x'));
+  UniqueFd fd = Memory(kRegion);
   const UniqueFd client_side(dup(fd.get()));
-  const uint32_t token =
-      hal_->AddChannel(kMallory, std::move(fd), 0, 4096, [](int32_t, int32_t, int32_t, int32_t) {});
-  ASSERT_NE(token, 0U);
+  const uint32_t token = hal_->AddChannel(kMallory, std::move(fd), 0, 8, {});
   ASSERT_EQ(ftruncate(client_side.get(), 0), 0);
-  EXPECT_EQ(hal_->StoreSlot(kMallory, kName, Upload(3, 5, 0), static_cast<int32_t>(token), 0, 4096),
-            -EINVAL);
+  EXPECT_EQ(StoreSlot(kMallory, static_cast<int32_t>(token)), -EINVAL);
   EXPECT_TRUE(log_.Contains("it lies outside the region, or the region has shrunk"));
 }
 
 TEST_F(HalTest, ForgetsChannelsThatAreClosedOrDead) {
-  const int32_t closed = Channel(kRadio, Bytes(8, 'x'));
-  const int32_t dead = Channel(kRadio, Bytes(8, 'x'));
+  const int32_t closed = Channel(kRadio);
+  const int32_t dead = Channel(kRadio);
   EXPECT_NE(closed, dead);
   EXPECT_TRUE(hal_->RemoveChannel(kRadio, closed));
   hal_->ChannelDied(static_cast<uint32_t>(dead));
   EXPECT_TRUE(log_.Contains("closed: its client died"));
   for (const int32_t token : {closed, dead}) {
-    EXPECT_EQ(hal_->StoreSlot(kRadio, kName, Upload(3, 5, 0), token, 0, 8), -EBADF);
+    EXPECT_EQ(StoreSlot(kRadio, token), -EBADF);
     EXPECT_FALSE(hal_->RemoveChannel(kRadio, token));
   }
 }
 
 TEST_F(HalTest, BoundsTheChannelsOfOneClient) {
-  for (size_t i = 0; i < ChannelTable::kMaxPerCaller; ++i) {
-    ASSERT_GT(Channel(kMallory, Bytes(8, 'x')), 0);
-  }
-  EXPECT_EQ(Channel(kMallory, Bytes(8, 'x')), 0);
+  for (size_t i = 0; i < ChannelTable::kMaxPerCaller; ++i) ASSERT_GT(Channel(kMallory), 0);
+  EXPECT_EQ(Channel(kMallory), 0);
   EXPECT_TRUE(log_.Contains("channel of pid 666 uid 1000 refused: too many channels are open"));
-  EXPECT_GT(Channel(kRadio, Bytes(8, 'x')), 0);
+  EXPECT_GT(Channel(kRadio), 0);
 }
 
 TEST_F(HalTest, ServesOthersWhileOneClientNeverTakesNote) {
   std::promise<void> release;
   std::shared_future<void> released = release.get_future().share();
-  const uint32_t stuck =
-      hal_->AddChannel(kMallory, Memory(Bytes(8, 'x')), 0, 8,
-                       [released](int32_t, int32_t, int32_t, int32_t) { released.wait(); });
-  const Bytes header = Upload(3, 5, 0);
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(hal_->StoreSlot(kMallory, "/up/9/m.1", header, static_cast<int32_t>(stuck), 0, 8), 0);
-  }
-  const int32_t token = Channel(kRadio, Bytes(8, 'x'));
-  EXPECT_EQ(hal_->StoreSlot(kRadio, kName, header, token, 0, 8), 0);
+  const auto stuck = static_cast<int32_t>(
+      hal_->AddChannel(kMallory, Memory(kRegion), 0, 8,
+                       [released](int32_t, int32_t, int32_t, int32_t) { released.wait(); }));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(StoreSlot(kMallory, stuck), 0);
+  EXPECT_EQ(StoreSlot(kRadio, Channel(kRadio)), 0);
   EXPECT_TRUE(WaitConfirmed(1));
-  EXPECT_TRUE(hal_->RemoveChannel(kMallory, static_cast<int32_t>(stuck)));
+  EXPECT_TRUE(hal_->RemoveChannel(kMallory, stuck));
   EXPECT_FALSE(hal_->channels().FinishBy(std::chrono::steady_clock::now()));
   release.set_value();
   EXPECT_TRUE(
       hal_->channels().FinishBy(std::chrono::steady_clock::now() + std::chrono::seconds(20)));
+}
+
+TEST(SharedRegionTest, RefusesWhatIsNoSharedMemory) {
+  constexpr int64_t kMax = INT64_MAX;
+  const orb::test::TempDir temp;
+  const std::string path = temp.path() + "/file";
+  ASSERT_TRUE(orb::test::WriteFile(path, "01234567"));
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  const UniqueFd other(pair[1]);
+  struct Case {
+    const char* what;
+    UniqueFd fd;
+    int64_t offset;
+    int64_t length;
+  };
+  Case cases[] = {
+      {"none", UniqueFd(), 0, 4},
+      {"socket", UniqueFd(pair[0]), 0, 4},
+      {"directory", UniqueFd(open("/", O_RDONLY | O_DIRECTORY)), 0, 4},
+      {"device", UniqueFd(open("/dev/zero", O_RDONLY)), 0, 4},
+      {"cannot be read", UniqueFd(open(path.c_str(), O_WRONLY)), 0, 4},
+      {"empty region", Memory({}), 0, 1},
+      {"no length", Memory(kRegion), 0, 0},
+      {"negative length", Memory(kRegion), 0, -1},
+      {"negative offset", Memory(kRegion), -4, 4},
+      {"offset behind the end", Memory(kRegion), 9, 1},
+      {"length beyond the end", Memory(kRegion), 4, 5},
+      {"sum that overflows", Memory(kRegion), 8, kMax},
+      {"offset that overflows", Memory(kRegion), kMax, kMax},
+  };
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::string why;
+    EXPECT_EQ(SharedRegion::Open(std::move(c.fd), c.offset, c.length, &why), nullptr);
+    EXPECT_NE(why, "");
+  }
+}
+
+struct IgnoringCallback : ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbFdCallback {
+  ::ndk::ScopedAStatus fd_write_done(int32_t, int32_t, int32_t, int32_t) override {
+    return ::ndk::ScopedAStatus::ok();
+  }
+};
+
+// Through a proxy.
+TEST_F(HalTest, ServiceRefusesHandlesOfAnotherShape) {
+  using ::aidl::vendor::nuv::orbsyshal_aidl::IOrbFdCallback;
+  using ::aidl::vendor::nuv::orbsyshal_aidl::IOrbsyshal;
+  android::setDefaultServiceManager(new orb_platform::LocalServiceManager());
+  const auto service = ::ndk::SharedRefBase::make<OrbsyshalService>(std::move(hal_));
+  ASSERT_EQ(AServiceManager_addService(service->asBinder().get(), kHalServiceName), EX_NONE);
+  const auto proxy =
+      IOrbsyshal::fromBinder(::ndk::SpAIBinder(AServiceManager_checkService(kHalServiceName)));
+  ASSERT_NE(proxy, nullptr);
+  EXPECT_EQ(IOrbFdCallback::fromBinder(proxy->asBinder()), nullptr) << "another interface";
+  const auto callback = ::ndk::SharedRefBase::make<IgnoringCallback>();
+  ::aidl::vendor::nuv::orbsyshal_aidl::SetFdResult channel;
+  IOrbsyshal::NativeHandle handle;
+  const auto refused = [&] {
+    EXPECT_TRUE(proxy->set_fd(handle, callback, &channel).isOk());
+    return channel.result != 0 && channel.fdToken == 0;
+  };
+  EXPECT_TRUE(refused()) << "nothing";
+  handle.fds.emplace_back(Memory(kRegion).release());
+  const std::vector<int32_t> kInts[] = {{0}, {0, 4, 0}, {0, 9}, {-1, 4}, {0, INT32_MIN}};
+  for (const std::vector<int32_t>& ints : kInts) {
+    handle.ints = ints;
+    EXPECT_TRUE(refused()) << ::testing::PrintToString(ints);
+  }
+  handle.ints = {0, 8};
+  EXPECT_FALSE(refused());
+  EXPECT_TRUE(proxy->unset_fd(channel.fdToken).isOk());
+  EXPECT_EQ(proxy->unset_fd(channel.fdToken).getExceptionCode(), EX_ILLEGAL_ARGUMENT);
+  EXPECT_EQ(proxy->set_fd(handle, nullptr, &channel).getStatus(), STATUS_UNEXPECTED_NULL);
+  handle.fds.emplace_back(Memory(kRegion).release());
+  EXPECT_TRUE(refused()) << "two descriptors";
+  handle.fds[0].set(-1);
+  EXPECT_EQ(proxy->set_fd(handle, callback, &channel).getStatus(), STATUS_UNEXPECTED_NULL);
+  EXPECT_EQ(log_.Count(" refused: "), 7U) << log_.Dump();
+  android::setDefaultServiceManager(nullptr);
 }
 
 }  // namespace

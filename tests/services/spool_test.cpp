@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "services/hal/upload_name.h"
 #include "tests/services/upload_bytes.h"
 #include "tests/support/child_process.h"
 #include "tests/support/log_capture.h"
@@ -143,6 +144,55 @@ TEST_F(SpoolTest, StoresFromManyThreadsAtOnce) {
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(ListFiles(Dir()).size(), size_t{kThreads * kUploads});
+}
+
+// The folders of a name, "" for one that is refused.
+std::string FoldersOf(const std::string& name) {
+  std::vector<std::string> folders;
+  std::string why;
+  if (!ParseUploadName(name, &folders, &why)) {
+    EXPECT_NE(why, "");
+    return "";
+  }
+  std::string text;
+  for (const std::string& folder : folders) text += "<" + folder + ">";
+  return text;
+}
+
+TEST(UploadNameTest, LeadsOnlyBelowTheSpool) {
+  const std::string longest(kMaxFolderBytes, 'x');
+  std::string deep = "a";
+  for (size_t i = 0; i < kMaxNameFolders; ++i) deep += "/a";
+  const struct {
+    std::string name;
+    std::string want;
+  } kCases[] = {
+      {"/up/7/radio.42", "<up><7><radio.42>"},
+      {"up/7/radio.42", "<up><7><radio.42>"},
+      {"radio", "<radio>"},
+      {"/a b/\xc3\xbc", "<a b><\xc3\xbc>"},
+      {"/" + longest, "<" + longest + ">"},
+      {longest + "x", ""},
+      {deep, ""},
+      {std::string(kMaxNameBytes + 2, 'x'), ""},
+      {"", ""},
+      {"/", ""},
+      {"../etc", ""},
+      {"/up/../../etc/passwd", ""},
+      {"/up/7/..", ""},
+      {"/up/./7", ""},
+      {"//etc/passwd", ""},
+      {"/up//radio.42", ""},
+      {"/up/7/", ""},
+      {"/.incoming/x", ""},
+      {"/up/7/radio.42/0000000000-1763716800000.orb", ""},  // In the way of a file.
+      {std::string("/up/7/ra\0dio", 12), ""},
+      {"/up/7/ra\ndio", ""},
+      {"/up/7/ra\x7f", ""},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(FoldersOf(c.name), c.want) << c.name;
+  EXPECT_EQ(Printable("a\x1b[2J\n\xff_b"), "a?[2J??_b");
+  EXPECT_EQ(Printable(std::string(500, 'x')).size(), 80U);
 }
 
 }  // namespace

@@ -50,8 +50,6 @@ int ExitCode(int status) {
 
 }  // namespace
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv) : ChildProcess(argv, Options{}) {}
-
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const Options& options) {
   int in[2];
   int out[2];
@@ -176,8 +174,7 @@ CommandResult RunCommand(const std::vector<std::string>& argv,
 }
 
 TempDir::TempDir() {
-  const char* base = getenv("TMPDIR");
-  path_ = std::string(base != nullptr && *base != 0 ? base : "/tmp") + "/orb-test-XXXXXX";
+  path_ = std::filesystem::temp_directory_path() / "orb-test-XXXXXX";
   if (mkdtemp(path_.data()) == nullptr) abort();
 }
 

@@ -7,9 +7,9 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "tests/support/wait_for.h"
 #include "utility/unique_fd.h"
 
 namespace orb::test {
@@ -27,8 +27,7 @@ class ChildProcess {
 
   ChildProcess() = default;
   // Starts argv[0] (found through PATH); pid() is -1 when that failed.
-  explicit ChildProcess(const std::vector<std::string>& argv);
-  ChildProcess(const std::vector<std::string>& argv, const Options& options);
+  explicit ChildProcess(const std::vector<std::string>& argv, const Options& options = {});
   ~ChildProcess();
   ChildProcess(ChildProcess&& other) noexcept;
   ChildProcess& operator=(ChildProcess&& other) noexcept;
@@ -71,17 +70,6 @@ struct CommandResult {
 CommandResult RunCommand(const std::vector<std::string>& argv,
                          const std::map<std::string, std::string>& env = {},
                          std::chrono::milliseconds timeout = std::chrono::seconds(60));
-
-// Polls `condition` until it holds; false when it did not within the timeout.
-template <typename Condition>
-bool WaitFor(Condition condition, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
 
 // A directory of its own below TMPDIR, removed with all it holds. path() ends
 // without a slash.

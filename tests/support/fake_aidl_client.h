@@ -2,32 +2,34 @@
 // it, and fails those that a test names. Thread-safe.
 #pragma once
 
-#include <chrono>
-#include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "collector/kiv_collector.h"
 #include "ipc/kiv_aidl_client.h"
+#include "tests/support/wait_for.h"
 #include "utility/thread_annotations.h"
 
 namespace orb::test {
 
 class FakeAidlClient : public kivAIDLClient {
+  using Bytes = std::vector<uint8_t>;
+
  public:
   struct Upload {
     std::string token;
     std::string name;
-    std::vector<uint8_t> header;
-    std::vector<uint8_t> data;
-    std::vector<uint8_t> footer;
+    Bytes header;
+    Bytes data;
+    Bytes footer;
   };
   struct Piece {
     std::string token;
     uint32_t fdToken;
     std::string name;
-    std::vector<uint8_t> header;
+    Bytes header;
     uint32_t offset;
     uint32_t size;
     CompressType compress;
@@ -39,31 +41,86 @@ class FakeAidlClient : public kivAIDLClient {
   static constexpr uint32_t kFirstRegion = 100;
 
   // From the `nth` call of `operation` on (1: the next one), `times` calls give `result`.
-  void Fail(const std::string& operation, int nth, int times, int result = -1) EXCLUDES(mutex_);
+  void Fail(const std::string& operation, int nth, int times, int result = -1) {
+    MutexLock lock(mutex_);
+    failures_[operation] = {nth - 1, times, result};
+  }
   // Runs inside every registerClient, with no lock held, before it answers.
-  void SetRegisterHook(std::function<void()> hook) EXCLUDES(mutex_);
+  void SetRegisterHook(std::function<void()> hook) {
+    MutexLock lock(mutex_);
+    register_hook_ = std::move(hook);
+  }
 
   // "operation argument argument", oldest first.
-  std::vector<std::string> Calls() const EXCLUDES(mutex_);
-  size_t Count(const std::string& operation) const EXCLUDES(mutex_);
-  bool WaitForCalls(const std::string& operation, size_t count,
-                    std::chrono::milliseconds timeout = std::chrono::seconds(10)) EXCLUDES(mutex_);
-  std::vector<Upload> Uploads() const EXCLUDES(mutex_);
-  std::vector<Piece> Pieces() const EXCLUDES(mutex_);
+  std::vector<std::string> Calls() const {
+    MutexLock lock(mutex_);
+    return calls_;
+  }
+  size_t Count(const std::string& operation) const {
+    size_t count = 0;
+    for (const std::string& call : Calls()) count += call.rfind(operation + ' ', 0) == 0 ? 1 : 0;
+    return count;
+  }
+  bool WaitForCalls(const std::string& operation, size_t count) const {
+    return WaitFor([&] { return Count(operation) >= count; });
+  }
+  std::vector<Upload> Uploads() const {
+    MutexLock lock(mutex_);
+    return uploads_;
+  }
+  std::vector<Piece> Pieces() const {
+    MutexLock lock(mutex_);
+    return pieces_;
+  }
 
   int registerClient(const std::string& name, uint32_t clientType, uint32_t clientOption,
-                     kiv_collector* collector) override;
+                     kiv_collector* collector) override {
+    std::function<void()> hook;
+    int result = 0;
+    {
+      MutexLock lock(mutex_);
+      result = Record("registerClient " + name + " " + std::to_string(clientType) + " " +
+                      std::to_string(clientOption));
+      hook = register_hook_;
+    }
+    if (hook) hook();
+    if (result == 0) collector->SetIdentity(kToken, kClientId);
+    return result;
+  }
   int sendData(const std::string& token, const std::string& name, const uint8_t* header,
                uint32_t headerLen, const uint8_t* data, uint32_t dataLen, const uint8_t* footer,
-               uint32_t footerLen) override;
-  int deRegisterClient(const std::string& token) override;
+               uint32_t footerLen) override {
+    MutexLock lock(mutex_);
+    uploads_.push_back({token, name, Bytes(header, header + headerLen), Bytes(data, data + dataLen),
+                        Bytes(footer, footer + footerLen)});
+    return Record("sendData " + name);
+  }
+  int deRegisterClient(const std::string& token) override {
+    MutexLock lock(mutex_);
+    return Record("deRegisterClient " + token);
+  }
   int setupFD(int fd, uint32_t offset, uint32_t length, const std::string& token,
-              uint32_t* fdToken) override;
+              uint32_t* fdToken) override {
+    MutexLock lock(mutex_);
+    const int result = Record("setupFD " + std::to_string(fd) + " " + std::to_string(offset) + " " +
+                              std::to_string(length) + " " + token);
+    if (result == 0) *fdToken = next_region_++;
+    return result;
+  }
   int FdWrite(const std::string& token, uint32_t fdToken, const std::string& name,
-              const std::vector<uint8_t>& header, uint32_t offset, uint32_t size,
-              CompressType compress) override;
-  int UnsetFD(const std::string& token, uint32_t fdToken) override;
-  void forgetCollector(kiv_collector* collector) override;
+              const Bytes& header, uint32_t offset, uint32_t size, CompressType compress) override {
+    MutexLock lock(mutex_);
+    pieces_.push_back({token, fdToken, name, header, offset, size, compress});
+    return Record("FdWrite " + std::to_string(fdToken));
+  }
+  int UnsetFD(const std::string& token, uint32_t fdToken) override {
+    MutexLock lock(mutex_);
+    return Record("UnsetFD " + token + " " + std::to_string(fdToken));
+  }
+  void forgetCollector(kiv_collector*) override {
+    MutexLock lock(mutex_);
+    Record("forgetCollector ");
+  }
 
  private:
   struct Failure {
@@ -72,12 +129,17 @@ class FakeAidlClient : public kivAIDLClient {
     int result;
   };
   // Notes the call and gives its result.
-  int Record(const std::string& operation, const std::string& arguments) REQUIRES(mutex_);
+  int Record(const std::string& call) REQUIRES(mutex_) {
+    calls_.push_back(call);
+    const auto it = failures_.find(call.substr(0, call.find(' ')));
+    if (it == failures_.end()) return 0;
+    Failure& failure = it->second;
+    if (failure.skip-- > 0) return 0;
+    return failure.times-- > 0 ? failure.result : 0;
+  }
 
   mutable Mutex mutex_;
-  CondVar called_;
   std::vector<std::string> calls_ GUARDED_BY(mutex_);
-  std::map<std::string, size_t> counts_ GUARDED_BY(mutex_);
   std::map<std::string, Failure> failures_ GUARDED_BY(mutex_);
   std::function<void()> register_hook_ GUARDED_BY(mutex_);
   std::vector<Upload> uploads_ GUARDED_BY(mutex_);

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "tests/support/wait_for.h"
+
 namespace orb {
 namespace {
 
@@ -60,15 +62,9 @@ bool LogCapture::Has(int priority, std::string_view tag, std::string_view text) 
 
 size_t LogCapture::Count(std::string_view text) const {
   MutexLock lock(mutex_);
-  return CountLocked(text);
-}
-
-size_t LogCapture::CountLocked(std::string_view text) const {
-  size_t count = 0;
-  for (const LogLine& line : lines_) {
-    if (line.text.find(text) != std::string::npos) ++count;
-  }
-  return count;
+  return static_cast<size_t>(std::count_if(lines_.begin(), lines_.end(), [&](const LogLine& line) {
+    return line.text.find(text) != std::string::npos;
+  }));
 }
 
 std::vector<LogLine> LogCapture::Lines() const {
@@ -89,19 +85,14 @@ void LogCapture::Clear() {
   lines_.clear();
 }
 
-bool LogCapture::WaitFor(std::string_view text, size_t count, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  MutexLock lock(mutex_);
-  while (CountLocked(text) < count) {
-    if (!added_.WaitUntil(mutex_, deadline)) return CountLocked(text) >= count;
-  }
-  return true;
+bool LogCapture::WaitFor(std::string_view text, size_t count,
+                         std::chrono::milliseconds timeout) const {
+  return test::WaitFor([&] { return Count(text) >= count; }, timeout);
 }
 
 void LogCapture::Add(LogLine line) {
   MutexLock lock(mutex_);
   lines_.push_back(std::move(line));
-  added_.NotifyAll();
 }
 
 }  // namespace orb

@@ -47,17 +47,14 @@ class LogCapture {
 
   // Waits until at least `count` lines hold `text`; false when `timeout` was first.
   bool WaitFor(std::string_view text, size_t count = 1,
-               std::chrono::milliseconds timeout = std::chrono::seconds(10)) EXCLUDES(mutex_);
+               std::chrono::milliseconds timeout = std::chrono::seconds(10)) const EXCLUDES(mutex_);
 
   // For the log function only.
   void Add(LogLine line) EXCLUDES(mutex_);
 
  private:
-  size_t CountLocked(std::string_view text) const REQUIRES(mutex_);
-
   const int previous_priority_;
   mutable Mutex mutex_;
-  CondVar added_;
   std::vector<LogLine> lines_ GUARDED_BY(mutex_);
 };
 

@@ -1,4 +1,4 @@
-// Tested by tests/orbctl/campaign_command_test.cpp and tests/integration/.
+// Tested by tests/orbctl/commands_test.cpp and tests/integration/.
 #include "tools/orbctl/campaign_command.h"
 
 #include <fmt/format.h>

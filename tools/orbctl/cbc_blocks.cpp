@@ -1,4 +1,4 @@
-// Tested by tests/orbctl/salvage_test.cpp.
+// Tested by tests/orbctl/upload_reader_test.cpp.
 #include "tools/orbctl/cbc_blocks.h"
 
 #include "crypto/key_agreement.h"

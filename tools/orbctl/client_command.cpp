@@ -1,4 +1,4 @@
-// Tested by tests/orbctl/campaign_command_test.cpp.
+// Tested by tests/orbctl/commands_test.cpp.
 #include "tools/orbctl/client_command.h"
 
 #include <fmt/format.h>

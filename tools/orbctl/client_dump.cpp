@@ -1,4 +1,4 @@
-// Tested by tests/orbctl/client_dump_test.cpp.
+// Tested by tests/orbctl/commands_test.cpp.
 #include "tools/orbctl/client_dump.h"
 
 #include <sys/mman.h>

@@ -1,4 +1,4 @@
-// Tested by tests/orbctl/key_command_test.cpp.
+// Tested by tests/orbctl/commands_test.cpp.
 #include "tools/orbctl/key_command.h"
 
 #include <fcntl.h>

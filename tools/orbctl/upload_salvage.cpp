@@ -1,5 +1,5 @@
 // Puts a damaged header right by what stands behind it, then opens what opens.
-// Tested by tests/orbctl/salvage_test.cpp.
+// Tested by tests/orbctl/upload_reader_test.cpp.
 #include <string_view>
 
 #include "tools/orbctl/gunzip.h"

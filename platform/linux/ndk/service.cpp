@@ -1,5 +1,5 @@
 // Services by name and the thread pool: both are the ones of libbinder.
-// Tested by tests/services/orbsyshal_service_test.cpp.
+// Tested by tests/services/hal_test.cpp.
 #include <android/binder_manager.h>
 #include <android/binder_process.h>
 #include <binder/IPCThreadState.h>

@@ -1,4 +1,4 @@
-// Tested by tests/services/control_test.cpp.
+// Tested by tests/integration/campaign_test.cpp.
 #include "services/manager/control/BnOrbControl.h"
 
 #include <binder/Stability.h>

@@ -1,5 +1,5 @@
 // ClientRecord := body(fields in the order of the class)
-// Tested by tests/services/control_test.cpp.
+// Tested by tests/integration/campaign_test.cpp.
 #include "services/manager/control/ClientRecord.h"
 
 #include "ipc/parcel_body.h"

@@ -1,5 +1,5 @@
 // ControlReply := body(status:i32 result:i32 message:String)
-// Tested by tests/services/control_test.cpp.
+// Tested by tests/integration/campaign_test.cpp.
 #include "services/manager/control/ControlReply.h"
 
 #include "ipc/parcel_body.h"

@@ -1,4 +1,4 @@
-// Tested by tests/services/orbsyshal_service_test.cpp.
+// Tested by tests/services/hal_test.cpp.
 #include <aidl/vendor/nuv/orbsyshal_aidl/BpOrbsyshal.h>
 #include <aidl/vendor/nuv/orbsyshal_aidl/transaction.h>
 

@@ -4,7 +4,7 @@
 // request := interface_token argument*     reply := status result*
 //
 // Results follow only a status that is OK.
-// Tested by tests/services/orbsyshal_service_test.cpp.
+// Tested by tests/services/hal_test.cpp.
 #pragma once
 
 #include <android/binder_auto_utils.h>

@@ -1,0 +1,98 @@
+// The commands on campaigns, clients and keys that need no more than their own code.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/support/child_process.h"
+#include "tools/orbctl/campaign_command.h"
+#include "tools/orbctl/client_command.h"
+#include "tools/orbctl/client_dump.h"
+#include "tools/orbctl/key_command.h"
+
+namespace orb::orbctl {
+namespace {
+
+TEST(CampaignCommandTest, ListsEveryOwnerOfTheCampaign) {
+  LTCCampaignDef campaign;
+  campaign.set_threshold_size(2048);
+  for (const uint64_t lic_sn : {uint64_t{42}, UINT64_MAX, uint64_t{42}}) {
+    campaign.add_lic_sn_kpi_maps()->set_lic_sn(lic_sn);
+  }
+  const KIVCampConfig config = MakeConfig(campaign, 9, {{7, "", 0, 0}, {42, "PEM", 1, 2}});
+  EXPECT_EQ(config.campId, 9);
+  EXPECT_EQ(std::string(config.campaignDef.begin(), config.campaignDef.end()),
+            campaign.SerializeAsString());
+  std::string lics;
+  for (const LicInfo& lic : config.licInfo) {
+    lics += std::to_string(lic.licSN) + " " + std::to_string(lic.sKeyEncAlgo) +
+            std::to_string(lic.pKeyEncAlgo) +
+            std::string(lic.encryptionPKey.begin(), lic.encryptionPKey.end()) + "; ";
+  }
+  EXPECT_EQ(lics, "7 00; 42 21PEM; -1 00; ");
+}
+
+TEST(ClientCommandTest, ShowsClientsToPeopleAndPrograms) {
+  ClientRecord radio;
+  radio.name = "radio";
+  radio.clientId = 7;
+  radio.connected = true;
+  radio.connectedSinceMs = 1763716800000;
+  radio.session = ClientRecord::RUNNING;
+  radio.sessionSinceMs = 1763716801000;
+  radio.campId = 9;
+  radio.licSNs = {42, -1};
+  radio.stoppedLicSNs = {-1};
+  ClientRecord away;
+  away.name = "a-longer-name";
+  away.session = ClientRecord::WAITING;
+  away.campId = 3;
+  const std::string table = ClientTable({radio, away});
+  EXPECT_EQ(table.substr(table.find('\n') + 1),
+            "radio              7  2025-11-21T09:20:00Z  2025-11-21T09:20:01Z  "
+            "9 running -18446744073709551615\n"
+            "a-longer-name      0  away                  -                     3 waiting\n");
+  const nlohmann::json json = nlohmann::json::parse(ClientJson({radio}), nullptr, false);
+  EXPECT_EQ(json["name"], "radio");
+  EXPECT_EQ(json["session"], "running");
+  EXPECT_EQ(json["campaign"], 9);
+  EXPECT_EQ(json["lic_sns"], (std::vector<uint64_t>{42, UINT64_MAX}));
+}
+
+TEST(ClientDumpTest, JsonNestsWhatTheLinesSay) {
+  EXPECT_EQ(DumpJson("client.name: \"a=1 b\"\n"
+                     "client.id: 7\n"
+                     "client.last_seqno: none\n"
+                     "owner.42: samples=5\n"
+                     "owner.42.lost.hal: events=1 samples=5\n"
+                     "no line of ours\n"
+                     "x: 99999999999999999999 \n"
+                     "x.y: = =1 a=\n"),
+            R"({"client":{"name":"a=1 b","id":7,"last_seqno":"none"},)"
+            R"("owner":{"42":{"samples":5,"lost":{"hal":{"events":1,"samples":5}}}},)"
+            R"("x":{"y":{"":1,"a":""}}})");
+}
+
+mode_t ModeOf(const std::string& path) {
+  struct stat info {};
+  return stat(path.c_str(), &info) == 0 ? info.st_mode & 0777U : 0;
+}
+
+TEST(KeyCommandTest, MakesAPairThatOnlyItsOwnerReads) {
+  const orb::test::TempDir temp;
+  const std::string dir = temp.path() + "/new/keys";
+  umask(0);
+  ASSERT_EQ(NewKey(dir, false), 0);
+  EXPECT_EQ(ModeOf(dir + "/private.pem"), 0600U);
+  EXPECT_EQ(ModeOf(dir + "/public.pem"), 0644U);
+
+  // One that is there stays, and gets no partner.
+  ASSERT_EQ(unlink((dir + "/private.pem").c_str()), 0);
+  const std::string mine = orb::test::ReadFileOrEmpty(dir + "/public.pem");
+  EXPECT_EQ(NewKey(dir, false), 1);
+  EXPECT_EQ(orb::test::ListFiles(dir), (std::vector<std::string>{"public.pem"}));
+  EXPECT_EQ(orb::test::ReadFileOrEmpty(dir + "/public.pem"), mine);
+}
+
+}  // namespace
+}  // namespace orb::orbctl
