@@ -89,13 +89,17 @@ TEST_F(SessionTest, EveryLicSnGetsTheRecordsOfItsOwnKpis) {
   MakeRegistered();
   LTCCampaignDef def =
       MakeCampaign({MakeKpi(1, KPI_NUMERIC, COUNTER), MakeKpi(2, KPI_NUMERIC, HISTOGRAM),
-                    MakeKpi(3, KPI_NUMERIC, COUNTER), MakeKpi(4, KPI_BLOB)});
-  AddLicSn(&def, 42, false, {1, 4});
-  AddLicSn(&def, 43, false, {2, 3});
+                    MakeKpi(3, KPI_NUMERIC, COUNTER), MakeKpi(4, KPI_BLOB),
+                    MakeKpi(5, KPI_NUMERIC, COUNTER), MakeKpi(6, KPI_NUMERIC, COUNTER)});
+  AddLicSn(&def, 42, false, {1, 4, 5});
+  AddLicSn(&def, 43, false, {2, 3, 5});
   ASSERT_EQ(collector_->StartSession(MakeConfig(def, {MakeLicInfo(42), MakeLicInfo(43)})), 0);
-  for (const uint32_t kpi : {1u, 2u, 3u}) EXPECT_EQ(collector_->Log(kpi, 5u), 0);
-  const uint8_t byte = 1;
-  EXPECT_EQ(collector_->Log(4, &byte, 1), 0);
+  for (const uint32_t kpi : {1u, 2u, 3u, 5u, 6u}) EXPECT_EQ(collector_->Log(kpi, 5u), 0);
+  EXPECT_EQ(collector_->Log(4, Bytes("x"), 1), 0);
+  orbtr::KPIData own;
+  own.add_counters()->mutable_meta()->set_kpi_id(99);
+  const std::string raw = own.SerializeAsString();
+  EXPECT_EQ(collector_->LogBuf(Bytes(raw), static_cast<uint32_t>(raw.size())), 0);
   EXPECT_EQ(collector_->StopSession(), 11);
   std::string got;
   for (const auto& upload : client_->Uploads()) {
@@ -107,7 +111,8 @@ TEST_F(SessionTest, EveryLicSnGetsTheRecordsOfItsOwnKpis) {
     for (const auto& part : all.blobs()) got += " " + std::to_string(part.meta().kpi_id());
     got += '\n';
   }
-  EXPECT_EQ(got, "/up/7/radio.42: 1 4\n/up/7/radio.43: 3 2\n");
+  // Nobody's KPI and raw data are everyone's.
+  EXPECT_EQ(got, "/up/7/radio.42: 99 1 5 6 4\n/up/7/radio.43: 99 3 5 6 2\n");
 }
 
 TEST_F(SessionTest, LimitsOfTheDefinition) {
