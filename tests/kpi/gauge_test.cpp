@@ -64,9 +64,10 @@ class GaugeTest : public testing::Test {
   GaugeProbe TimeBased(uint32_t limit) {
     return GaugeProbe(WithTimeWindow(GaugeCfg(), limit), &serializer_);
   }
-  size_t RecordCount() { return serializer_.records().size(); }
+  size_t RecordCount() { return serializer_.lines.size(); }
   std::string LastStatistics() {
-    return RecordCount() == 0 ? "none" : Text(serializer_.records().back().data.gauges(0));
+    const std::string line = RecordCount() == 0 ? "" : serializer_.lines.back();
+    return line.substr(std::min(line.size(), std::string("900: 7 0..0 x0").size()));
   }
 
   LogCapture log_;
@@ -143,7 +144,7 @@ TEST_F(GaugeTest, FewerThanTwoSamplesWriteNothing) {
   GaugeProbe gauge = SampleBased(1000);
   gauge.Feed({{100, -5}});
   EXPECT_EQ(gauge.Serialize(), 0);
-  EXPECT_EQ(Text(serializer_), "");
+  EXPECT_EQ(serializer_.text(), "");
   gauge.Feed({{101, -1}});
   EXPECT_EQ(gauge.Serialize(), 0);
   // Head words and order are fixed: the first two numbers are N and the window's count.
@@ -213,7 +214,7 @@ TEST_F(GaugeWindowTest, ClosesOneSampleBeyondTheCountAndSeedsTheNext) {
   EXPECT_EQ(gauge.tsIndex, 0u);
   // The closing sample counts again, at offset 0.
   gauge.Feed({{104, 50}, {105, 60}, {106, 70}});
-  EXPECT_EQ(Text(serializer_),
+  EXPECT_EQ(serializer_.text(),
             "900: 7 0..0 x0 min 10 max 40 mean 25 stdev 12.8841 variance 166 slope 10 offset 0\n"
             "900: 7 0..0 x0 min 40 max 70 mean 55 stdev 12.8841 variance 166 slope 10 offset 40\n");
 }
@@ -269,7 +270,7 @@ TEST_F(GaugeWindowTest, GaugeWindowClosesInsideALongerBaseWindow) {
     clock_.AdvanceWall(1);  // The monotonic clock stands: the base window stays open.
   }
   ASSERT_EQ(RecordCount(), 1u);
-  EXPECT_EQ(Text(serializer_).substr(0, 18), "900: 7 12..12 x2 m")
+  EXPECT_EQ(serializer_.text().substr(0, 18), "900: 7 12..12 x2 m")
       << "the third is not counted yet";
   EXPECT_EQ(gauge.numSamples, 4u);
   EXPECT_EQ(gauge.N, 2);

@@ -9,10 +9,12 @@
 #include <limits>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "proto/kpi_data.pb.h"
 #include "proto/ltc_campaign.pb.h"
-#include "tests/support/fake_serializer.h"
+#include "serializer/kpi_serializer.h"
 #include "tests/support/hex.h"
 
 // The statement ends the process by abort(), and not by a sanitizer's or any
@@ -80,26 +82,66 @@ inline std::string Text(const orbtr::Gauge& gauge) {
   return out.str();
 }
 
-// What was written: the routing id, then the record; one a line.
-inline std::string Text(const FakeSerializer& serializer) {
-  std::ostringstream out;
-  for (const auto& [data, bytes, routing_id] : serializer.records()) {
-    out << routing_id << ':';
+// A serializer that keeps what it is given as text. For one thread.
+class FakeSerializer : public KPISerializer {
+ public:
+  FakeSerializer() : KPISerializer("FakeSerializer") {}
+
+  // The next write is not kept and answers `result`.
+  void FailNext(int result) { failure_ = result; }
+
+  int Write(orbtr::KPIData& data, unsigned int kpiId) override {
+    std::ostringstream out;
+    const auto count = [this](const orbtr::MetaData& meta) {
+      samples += meta.num_samples();
+      return Text(meta);
+    };
     if (data.version() != 0) out << " version " << data.version();
     for (const auto& counter : data.counters()) {
-      out << Text(counter.meta()) << " count " << counter.count();
+      out << count(counter.meta()) << " count " << counter.count();
     }
-    for (const auto& gauge : data.gauges()) out << Text(gauge.meta()) << Text(gauge);
+    for (const auto& gauge : data.gauges()) out << count(gauge.meta()) << Text(gauge);
     for (const auto& histogram : data.histograms()) {
-      out << Text(histogram.meta()) << " buckets";
-      for (const uint32_t count : histogram.bucket_counts()) out << ' ' << count;
+      out << count(histogram.meta()) << " buckets";
+      for (const uint32_t bucket : histogram.bucket_counts()) out << ' ' << bucket;
     }
     for (const auto& blob : data.blobs()) {
-      out << Text(blob.meta()) << " blob " << ToHex(blob.data());
+      out << count(blob.meta()) << " blob " << ToHex(blob.data());
     }
-    out << '\n';
+    return Keep(kpiId, out.str());
   }
-  return out.str();
-}
+  int WriteBuf(const unsigned char*, unsigned int) override { return 0; }
+  int WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsStart, uint64_t tsEnd,
+                             unsigned int numSamples, const kiv_blob_segment_t* segs,
+                             unsigned int count) override {
+    std::ostringstream out;
+    out << ' ' << tsStart << ".." << tsEnd << " x" << numSamples << " segments";
+    for (unsigned int i = 0; i < count; ++i) {
+      out << ' ' << ToHex({reinterpret_cast<const char*>(segs[i].buf), segs[i].len});
+    }
+    return Keep(kpiId, out.str());
+  }
+  int Flush() override { return 0; }
+  int Finalize() override { return 0; }
+
+  // The routing id, then the record; one a line.
+  std::string text() const {
+    std::string out;
+    for (const std::string& line : lines) out += line + '\n';
+    return out;
+  }
+
+  std::vector<std::string> lines;
+  uint64_t samples = 0;  // What the records count, but for segments.
+
+ private:
+  int Keep(uint32_t routing_id, const std::string& record) {
+    if (const int result = std::exchange(failure_, 0)) return result;
+    lines.push_back(std::to_string(routing_id) + ':' + record);
+    return 0;
+  }
+
+  int failure_ = 0;
+};
 
 }  // namespace orb::test
