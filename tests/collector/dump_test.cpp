@@ -226,7 +226,7 @@ TEST_F(DumpTest, CountsWhatSlotsLoseByCause) {
   StartSlots(4, 0);
   LogCounter(9);  // Three records fill a slot: the fourth announces it.
   EXPECT_EQ(Dump().Number("owner.42.under_way", "samples"), 6u);
-  EXPECT_EQ(Dump().Number("owner.42.open", "samples"), 3u) << "a record, and the open window";
+  EXPECT_EQ(Dump().Number("owner.42.open", "samples"), 2u) << "the slot that is being filled";
   refuse_start = false;
   EXPECT_EQ(Start({42}, {MakeLicInfo(42)}), 0);
   EXPECT_EQ(Dump().Number("owner.42.lost.dropped", "samples"), 3u);
