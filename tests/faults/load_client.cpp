@@ -10,7 +10,7 @@
 //   forks on         -> ok; a thread forks and executes, all the time
 //   forks off        -> programs run, and how many were handed a descriptor
 //   rounds N         -> rounds of registration that failed, bytes of heap that stayed
-//   state            -> threads, binder threads, descriptors, bytes of heap
+//   state            -> how many threads and descriptors there are
 //   enabled          -> 1 while the campaign is there
 //   end              -> result of the de-registration
 //   exit             no answer: exit(0) with all threads alive
@@ -21,6 +21,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -61,8 +62,9 @@ std::string State() {
     if (name == "binder") ++binder;
   }
   std::ostringstream out;
-  out << tasks.size() - binder << ' ' << binder << ' ' << ProcEntries("fd").size() << ' '
-      << mallinfo2().uordblks;
+  // Of the pool's threads there may be so many.
+  out << tasks.size() - std::min<size_t>(binder, 16) << " threads, " << ProcEntries("fd").size()
+      << " descriptors";
   return out.str();
 }
 

@@ -28,36 +28,28 @@ void KillManager(World& world) {
 }
 
 void KillHal(World& world) {
-  world.BeginOutage();
   world.KillHal(SIGKILL);
   world.Pause(300);
   world.StartHal();
-  world.EndOutage();
 }
 
 void KillBoth(World& world) {
-  world.BeginOutage();
   world.KillManager();
   world.KillHal(SIGKILL);
   world.Pause(300);
   world.StartManager();
   world.StartHal();
-  world.EndOutage();
   RecoverMostly(world);
 }
 
 // The clean end of the service, as for an update.
 void RestartHal(World& world) {
-  world.BeginOutage();
   world.KillHal(SIGTERM);
   world.StartHal();
-  world.EndOutage();
 }
 
 void RestartBus(World& world) {
-  world.BeginOutage();
   world.RestartBus();
-  world.EndOutage();
   world.ExpectProgress();
   RecoverMostly(world);
 }
@@ -70,11 +62,9 @@ void SlowHal(World& world) {
 }
 
 void WrongHal(World& world) {
-  world.BeginOutage();
   world.Mood("wrong");
   world.Pause(600);
   world.Mood("well");
-  world.EndOutage();
 }
 
 // It comes to its senses, or it is put out of its misery.
@@ -130,7 +120,9 @@ void RegisterAgainAndAgain(World& world) {
 void FillData(World& world) {
   std::atomic<bool> full{true};
   std::thread filler([&] {
-    while (full) world.Fill(world.data_dir(), true);
+    for (; full; std::this_thread::sleep_for(std::chrono::microseconds(200))) {
+      world.Fill(world.data_dir(), true);
+    }
     world.Fill(world.data_dir(), false);
   });
   world.Pause(600);
@@ -145,22 +137,18 @@ void FillData(World& world) {
 }
 
 void FillSpool(World& world) {
-  world.BeginOutage();
   world.Fill(world.stack().spool(), true);
   world.Pause(400);
   world.Fill(world.stack().spool(), false);
-  world.EndOutage();
 }
 
 // An owner whose file cannot be made stays without one until the next session.
 void TakeDataAway(World& world) {
   const std::string there = world.stack().path("data");
   const std::string away = world.stack().path("away");
-  world.BeginOutage();
   rename(there.c_str(), away.c_str());
   world.Pause(300);
   rename(away.c_str(), there.c_str());
-  world.EndOutage();
   world.StopCampaign();
   world.StartCampaign();
 }
@@ -169,18 +157,15 @@ void ReplaceClient(World& world, int code) {
   world.Expect(world.client().Wait(std::chrono::seconds(60)) == code, "the client does not end");
   world.StartClient();
   world.Expect(world.WaitForCampaign(), "the campaign is not back");
-  world.EndOutage();
   world.Ask("load");
 }
 
 void ExitClient(World& world) {
-  world.BeginOutage();
   world.client().Send("exit");
   ReplaceClient(world, 0);
 }
 
 void KillClient(World& world) {
-  world.BeginOutage();
   world.client().Signal(SIGKILL);
   ReplaceClient(world, 128 + SIGKILL);
 }

@@ -1,11 +1,8 @@
 #include "tests/faults/spool_check.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <numeric>
 #include <set>
 #include <sstream>
 
@@ -13,12 +10,6 @@
 
 namespace orb::test {
 namespace {
-
-int64_t ModifiedMs(const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return -1;
-  return int64_t{status.st_mtim.tv_sec} * 1000 + status.st_mtim.tv_nsec / 1000000;
-}
 
 // Bytes of "6162" as text.
 std::string FromHex(const std::string& hex) {
@@ -45,14 +36,9 @@ class Checker {
     // The first ones tell enough.
     if (report.failures.size() < 20) report.failures.push_back(what);
   }
-  bool Excused(int64_t from_ms, int64_t to_ms) const {
-    return std::any_of(remains_.outages.begin(), remains_.outages.end(),
-                       [&](const Outage& o) { return o.begin_ms <= to_ms && from_ms <= o.end_ms; });
-  }
   bool Owns(uint64_t owner, const LoadKpi& kpi) const {
     return owner == kFirstOwner || (kpi.second_owner && !rules_.Is(kSlots));
   }
-  void Missing(uint64_t from, uint64_t to, int64_t from_ms, int64_t to_ms);
   void Blob(const nlohmann::json& json, uint64_t owner, const std::string& file);
 
   void Expect(bool holds, const std::string& what) {
@@ -69,37 +55,19 @@ class Checker {
   std::map<std::pair<uint64_t, std::string>, std::set<std::string>> blobs_;  // Files by text.
 };
 
-// [from, to) are not there; the files around them were stored at those times.
-void Checker::Missing(uint64_t from, uint64_t to, int64_t from_ms, int64_t to_ms) {
-  if (from >= to) return;
-  report.missing_numbers += to - from;
-  if (!Excused(from_ms, to_ms)) {
-    Fail("uploads " + std::to_string(from) + " to " + std::to_string(to - 1) +
-         " are missing, and nothing failed then");
-  }
-}
-
 void Checker::Numbers() {
-  std::map<uint64_t, int64_t> stored;  // Time by number.
+  std::set<uint64_t> stored;
   for (const std::string& name : ListFiles(remains_.spool)) {
     if (!name.ends_with(".orb")) continue;
     ++report.files;
     const std::string stem = name.substr(name.rfind('/') + 1);
-    const uint64_t seqno = std::stoull(stem);
-    const bool first = stored.emplace(seqno, ModifiedMs(remains_.spool + "/" + name)).second;
-    if (!first && !rules_.Is(kNumbersMayRepeat)) {
+    if (!stored.insert(std::stoull(stem)).second && !rules_.Is(kNumbersMayRepeat)) {
       Fail("upload number " + stem + " is there twice");
     }
   }
-  uint64_t next = 0;
-  int64_t last_ms = 0;
-  for (const auto& [seqno, at_ms] : stored) {
-    Missing(next, seqno, last_ms, at_ms);
-    next = seqno + 1;
-    last_ms = at_ms;
-  }
-  Missing(next, remains_.next_seqno, last_ms, INT64_MAX);
-  if (next > remains_.next_seqno) Fail("the sequence file lags behind the uploads");
+  const uint64_t next = stored.empty() ? 0 : *stored.rbegin() + 1;
+  Expect(next <= remains_.next_seqno, "the sequence file lags behind the uploads");
+  report.missing_numbers = remains_.next_seqno - stored.size();
 }
 
 void Checker::Blob(const nlohmann::json& json, uint64_t owner, const std::string& file) {
@@ -203,13 +171,17 @@ bool Checker::ExpectLogged(uint64_t owner, uint64_t samples) {
 // Samples logged = samples decoded + samples lost.
 void Checker::Books() {
   const DumpLines& books = remains_.books;
+  uint64_t lost_uploads = 0;  // With a number.
+  bool only_life = true;
   for (const uint64_t owner : {kFirstOwner, kSecondOwner}) {
     if (owner == kSecondOwner && rules_.Is(kSlots)) continue;
     const std::string key = "owner." + std::to_string(owner);
     const auto samples = [&](const char* of) { return books.Number(key + of, "samples"); };
     // Only one KPI is a gauge, and it has one owner.
     const uint64_t repeated = owner == kFirstOwner ? books.Number("samples", "repeated") : 0;
-    const bool only_life = ExpectLogged(owner, samples("") - repeated);
+    lost_uploads += books.Number(key + ".lost.hal", "events");
+    lost_uploads += books.Number(key + ".lost.slot_refused", "events");
+    only_life = ExpectLogged(owner, samples("") - repeated);
     Expect(samples("") == samples(".sent") + samples(".lost"),
            "the books of " + key + " do not add up");
     Expect(!rules_.Is(kLossless) || samples(".lost") == samples(".lost.no_record"),
@@ -224,6 +196,14 @@ void Checker::Books() {
                std::to_string(least) + " to " + std::to_string(most));
     if (owner == kFirstOwner) report.decoded = decoded;
   }
+  const uint64_t missing = report.missing_numbers;
+  // Each death of a client costs one number at most.
+  const uint64_t most = lost_uploads + (rules_.Is(kClientDies) ? remains_.faults : 0);
+  const bool unheard = rules_.Is(kHalUnheard);
+  Expect((missing <= most || rules_.Is(kHalLies) || (unheard && !only_life)) &&
+             (missing >= lost_uploads || unheard),
+         std::to_string(missing) + " uploads are missing, the books say " +
+             std::to_string(lost_uploads));
 }
 
 }  // namespace

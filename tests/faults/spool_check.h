@@ -11,21 +11,15 @@
 
 namespace orb::test {
 
-// Wall clock, milliseconds since 1970; both ends included.
-struct Outage {
-  int64_t begin_ms = 0;
-  int64_t end_ms = 0;
-};
-
 // What there is after a run.
 struct Remains {
   const Scenario& scenario;
   const LoadCounts& counts;
-  std::vector<Outage> outages;
   std::string spool;
   std::string records;  // What orbctl decode printed of it, as JSON.
   DumpLines books;      // The client's, after its last session.
   uint64_t next_seqno;  // The content of its .seq file.
+  uint64_t faults;
 };
 
 struct SpoolReport {

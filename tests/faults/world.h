@@ -43,9 +43,6 @@ class World {
   void RestartBus();
   // What the odd HAL is told.
   void Mood(const std::string& word);
-  // Uploads made between the two may be missing.
-  void BeginOutage();
-  void EndOutage();
   void StartClient();
   // The campaign of the phase, on the client.
   void StartCampaign();
@@ -88,7 +85,6 @@ class World {
   std::string data_dir_;
   std::map<std::string, std::string> client_environment_;
   LoadCounts* counts_ = nullptr;
-  std::vector<Outage> outages_;
   std::vector<std::string> failures_;
   std::string first_state_;
   std::map<pid_t, size_t> service_descriptors_;
@@ -96,7 +92,7 @@ class World {
   SpoolReport report_;
   std::vector<std::string> mounts_;
   uint64_t phase_ = 0;
-  int faults_ = 0;
+  uint64_t faults_ = 0;
   int replaced_ = 0;
 };
 
