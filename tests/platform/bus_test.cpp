@@ -9,7 +9,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <memory>
 
 #include "platform/linux/src/service_managers.h"
@@ -51,10 +50,6 @@ class BusTest : public testing::Test {
   static std::string Ask(ChildProcess* peer, const char* line) {
     peer->Send(line);
     return peer->ReadLine(std::chrono::seconds(20)).value_or("nothing");
-  }
-  static size_t Count(const char* dir) {
-    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(dir),
-                                             std::filesystem::directory_iterator()));
   }
 
   orb::test::PrivateBus bus_;
@@ -159,28 +154,6 @@ TEST_F(BusTest, LostBusKillsEveryRemoteAndComesBack) {
   EXPECT_EQ(second->pingBinder(), android::OK);
   EXPECT_EQ(service->pingBinder(), android::DEAD_OBJECT);
   EXPECT_EQ(recipient->count, 1);
-}
-
-TEST_F(BusTest, CallsLeaveNoThreadAndNoDescriptorBehind) {
-  const auto peer = Peer("one");
-  const sp<IBinder> service = Check("one");
-  const auto call = [&](int times) {
-    for (int i = 0; i < times; i++) {
-      Parcel data;
-      Parcel reply;
-      data.writeDupFileDescriptor(0);
-      service->transact(orb::test::kDescriptor, data, &reply);
-      Store(service, new TestObject());
-    }
-  };
-  call(10);
-  const size_t descriptors = Count("/proc/self/fd");
-  const size_t threads = Count("/proc/self/task");
-  call(100);
-  EXPECT_LE(Count("/proc/self/fd"), descriptors);
-  EXPECT_LE(Count("/proc/self/task"), threads + 16);
-  Store(service, nullptr);
-  EXPECT_TRUE(WaitFor([] { return TestObject::Alive() == 0; }));
 }
 
 TEST(ServiceNameTest, MapsToABusNameAndBack) {

@@ -1,5 +1,5 @@
-// A small NDK class for tests: method 1 answers its number plus one, method 2
-// answers with the binder that it is given. Objects count themselves.
+// A small NDK class for tests: method 1 answers its number plus one. Objects
+// count themselves.
 #pragma once
 
 #include <android/binder_auto_utils.h>
@@ -23,17 +23,10 @@ inline AIBinder_Class* DefineEcho(const char* descriptor) {
   const auto on_destroy = [](void*) { --live_echoes; };
   const auto on_transact = [](AIBinder*, transaction_code_t code, const AParcel* in,
                               AParcel* out) -> binder_status_t {
-    if (code == 1) {
-      int32_t value = 0;
-      const binder_status_t status = AParcel_readInt32(in, &value);
-      return status == STATUS_OK ? AParcel_writeInt32(out, value + 1) : status;
-    }
-    if (code == 2) {
-      ndk::SpAIBinder binder;
-      const binder_status_t status = AParcel_readStrongBinder(in, binder.getR());
-      return status == STATUS_OK ? AParcel_writeStrongBinder(out, binder.get()) : status;
-    }
-    return STATUS_UNKNOWN_TRANSACTION;
+    if (code != 1) return STATUS_UNKNOWN_TRANSACTION;
+    int32_t value = 0;
+    const binder_status_t status = AParcel_readInt32(in, &value);
+    return status == STATUS_OK ? AParcel_writeInt32(out, value + 1) : status;
   };
   return AIBinder_Class_define(descriptor, on_create, on_destroy, on_transact);
 }
