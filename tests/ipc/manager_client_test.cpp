@@ -5,7 +5,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <future>
 
 #include "ipc/collector_routes.h"
 #include "tests/ipc/client_fixture.h"
@@ -218,19 +220,36 @@ TEST_F(KIVCallbackImplTest, DumpDescribesTheCollectors) {
 }
 
 // The routes never look into a collector: any address does.
-TEST(CollectorRoutesTest, RegionsOutliveTokens) {
+TEST(CollectorRoutesTest, RegionsOutliveTokensAndPinsHoldUpForget) {
   char storage[1];
   auto* const collector = reinterpret_cast<kiv_collector*>(storage);
   CollectorRoutes routes;
   routes.Add("a", collector);
   routes.AddRegion(7, "a");
   routes.AddRegion(8, "unknown");
+  routes.AddRegion(9, "a");
+  routes.RemoveRegion(9);
   routes.RemoveAll();
   EXPECT_FALSE(routes.Find("a"));
   EXPECT_EQ(routes.FindRegion(7).operator->(), collector);
   EXPECT_FALSE(routes.FindRegion(8));
-  routes.RemoveRegion(7);
+  EXPECT_FALSE(routes.FindRegion(9));
+  routes.Add("b", collector);
+  std::vector<CollectorRoutes::Pin> pins;
+  pins.push_back(routes.FindRegion(7));
+  pins.push_back(routes.Find("b"));
+  std::atomic<bool> released{false};
+  auto forgotten = std::async(std::launch::async, [&] {
+    routes.Forget(collector);
+    return released.load();
+  });
+  // Entries go at once, before the wait.
+  while (routes.Find("b")) std::this_thread::yield();
   EXPECT_FALSE(routes.FindRegion(7));
+  pins.pop_back();
+  released = true;
+  pins.clear();
+  EXPECT_TRUE(forgotten.get());
 }
 
 }  // namespace
