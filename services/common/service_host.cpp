@@ -77,7 +77,7 @@ void ServiceHost::Check(Service* service) {
     service->reported = false;
   } else if (!service->reported) {
     LOGE("%s cannot be published: %s; trying again every second", service->name.c_str(),
-         process == nullptr ? "there is no bus" : "the bus refuses the name");
+         process == nullptr ? "no bus can be reached" : "the bus refuses the name");
     service->reported = true;
   }
 }

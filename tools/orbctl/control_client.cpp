@@ -15,7 +15,9 @@ using android::sp;
 sp<IOrbControl> ConnectToManager(std::string* error) {
   const sp<android::ProcessState> process = android::ProcessState::self();
   if (process == nullptr) {
-    *error = "there is no bus; start it, or set ORB_BUS_ADDRESS to the one in use";
+    *error =
+        "no bus can be reached; start it, set ORB_BUS_ADDRESS to the one in use, or check who may "
+        "use it";
     return nullptr;
   }
   process->startThreadPool();

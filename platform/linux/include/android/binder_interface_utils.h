@@ -39,6 +39,7 @@ class SharedRefBase {
     return object->template ref<T>();
   }
 
+  // NOLINTNEXTLINE(cert-dcl54-cpp): its operator new is below, for make() only.
   static void operator delete(void* memory) { std::free(memory); }
 
  private:

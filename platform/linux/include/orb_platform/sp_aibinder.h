@@ -19,6 +19,7 @@ class SpAIBinder {
   SpAIBinder(SpAIBinder&& other) noexcept : binder_(std::exchange(other.binder_, nullptr)) {}
   ~SpAIBinder() { set(nullptr); }
 
+  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): takes before it gives up.
   SpAIBinder& operator=(const SpAIBinder& other) {
     if (other.binder_ != nullptr) AIBinder_incStrong(other.binder_);
     set(other.binder_);
