@@ -11,6 +11,9 @@ import library_size
 
 # Where a smoke run writes: there it need not wait for the disk.
 MEMORY_FILES = "/dev/shm"
+# A disk is another one from minute to minute, so that these take turns with their
+# floors. The others do not: each would find the caches as its neighbour left them.
+DISK = "RecordsToDisk|FloorDisk|FloorSqlite"
 
 
 class Runs:
@@ -129,6 +132,25 @@ def met(ratio, relation, target):
     return ratio <= target if relation == "<=" else ratio >= target
 
 
+def run_all(args):
+    """The program's own output, of two runs in one."""
+    command = [args.build + "/bench/orb_bench", "--benchmark_format=json",
+               f"--benchmark_repetitions={1 if args.smoke else args.repetitions}"]
+    if args.smoke:
+        if os.access(MEMORY_FILES, os.W_OK):
+            os.environ["TMPDIR"] = MEMORY_FILES
+        parts = [["--benchmark_min_time=0.01", "--benchmark_filter=-IdleSession/60"]]
+    else:
+        parts = [[f"--benchmark_filter=-{DISK}"],
+                 [f"--benchmark_filter={DISK}", "--benchmark_enable_random_interleaving=true"]]
+    output = {"benchmarks": []}
+    for part in parts:
+        done = subprocess.run(command + part, stdout=subprocess.PIPE, stdin=subprocess.DEVNULL,
+                              check=True)
+        output["benchmarks"] += json.loads(done.stdout)["benchmarks"]
+    return output
+
+
 def main():
     parser = argparse.ArgumentParser(prog="script/bench")
     parser.add_argument("build")
@@ -136,17 +158,7 @@ def main():
     parser.add_argument("--smoke", action="store_true")
     parser.add_argument("--repetitions", type=int, default=5)
     args = parser.parse_args()
-    command = [args.build + "/bench/orb_bench", "--benchmark_format=json",
-               f"--benchmark_repetitions={1 if args.smoke else args.repetitions}"]
-    if not args.smoke:
-        # A figure and its floor see the same hours of the machine and its disk.
-        command.append("--benchmark_enable_random_interleaving=true")
-    if args.smoke:
-        command += ["--benchmark_min_time=0.01", "--benchmark_filter=-IdleSession/60"]
-        if os.access(MEMORY_FILES, os.W_OK):
-            os.environ["TMPDIR"] = MEMORY_FILES
-    done = subprocess.run(command, stdout=subprocess.PIPE, stdin=subprocess.DEVNULL, check=True)
-    runs = Runs(json.loads(done.stdout))
+    runs = Runs(run_all(args))
     if runs.failed:
         print("bench: failed: " + ", ".join(runs.failed), file=sys.stderr)
         return 1
