@@ -146,14 +146,15 @@ std::shared_ptr<kpiDataStruct> KPIFileSerializer::TakeItem() {
   return item;
 }
 
-void KPIFileSerializer::ItemDone(std::shared_ptr<kpiDataStruct> item) {
-  if (item == nullptr) return;
+void KPIFileSerializer::ItemDone(std::shared_ptr<kpiDataStruct>* item) {
+  kpiDataStruct* const done = item->get();
+  if (done == nullptr) return;
   queued.depth = orb::CheckedSub<uint64_t>(queued.depth, 1);
-  queued.samples = orb::CheckedSub<uint64_t>(queued.samples, item->samples);
-  if (spares.size() >= kSparesMax || item->data.capacity() > kSpareBytesMax) return;
-  item->data.clear();
-  item->samples = 0;
-  spares.push_back(std::move(item));
+  queued.samples = orb::CheckedSub<uint64_t>(queued.samples, done->samples);
+  if (spares.size() >= kSparesMax || done->data.capacity() > kSpareBytesMax) return;
+  done->data.clear();
+  done->samples = 0;
+  spares.push_back(std::move(*item));
 }
 
 std::shared_ptr<kpiDataStruct> KPIFileSerializer::NextItem(std::shared_ptr<kpiDataStruct> done) {
@@ -161,7 +162,7 @@ std::shared_ptr<kpiDataStruct> KPIFileSerializer::NextItem(std::shared_ptr<kpiDa
   std::shared_ptr<kpiDataStruct> item;
   {
     orb::MutexLock lock(queueMutex);
-    ItemDone(std::move(done));
+    ItemDone(&done);
     while (queue.empty() && !stopWriter) queueCv.Wait(queueMutex);
     if (stopWriter) return nullptr;
     length = queue.size();

@@ -89,7 +89,8 @@ class KPIFileSerializer : public KPISerializer {
   // Waits for the next item; null once the writer is to stop. `done` is the one
   // before it, or null.
   std::shared_ptr<kpiDataStruct> NextItem(std::shared_ptr<kpiDataStruct> done) EXCLUDES(queueMutex);
-  void ItemDone(std::shared_ptr<kpiDataStruct> item) REQUIRES(queueMutex);
+  // Keeps the item for TakeItem, or leaves it: a large one is freed without the mutex.
+  void ItemDone(std::shared_ptr<kpiDataStruct>* item) REQUIRES(queueMutex);
   void writer_func() EXCLUDES(queueMutex, fileMutex);
 
   // Files (kpi_file_serializer_files.cpp).
