@@ -46,9 +46,9 @@ done
 
 mount -t proc proc "$root/proc"
 mount --rbind /dev "$root/dev"
-mkdir "$root/check"
+mkdir -p "$root/check"
 for folder in run tmp check; do mount -t tmpfs tmpfs "$root/$folder"; done
-# A tree in /tmp is out of sight already.
+# A tree below one of these is out of sight already.
 if [ "$base" = / ] && [ -d "$root$source" ]; then mount -t tmpfs tmpfs "$root$source"; fi
 mkdir "$root/check/debs"
 cp "$from"/*.deb "$root/check/debs"
