@@ -26,7 +26,7 @@ kiv_collector::kiv_collector(const kiv_cfg_s* cfg) : cfg_(*cfg) {
 
 kiv_collector::~kiv_collector() {
   // The serializer's writer thread reads the tables until it has ended.
-  orb::MutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex);
   DropSession();
 }
 
@@ -76,7 +76,7 @@ int kiv_collector::DeRegister() {
     LOGI("%s: registerThread exited", "DeRegister");
   }
   {
-    orb::MutexLock lock(stateMutex);
+    orb::HotMutexLock lock(stateMutex);
     StopSessionLocked();
   }
   const auto client = link_.client();
@@ -94,7 +94,7 @@ void kiv_collector::LostConn() {
 }
 
 void kiv_collector::LostConnThread() {
-  orb::MutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex);
   if (stop_.raised()) return;
   StopSessionLocked();
   LOGI("%s: c::LostConn deleteing client instance for token - %s", cfg_.name.c_str(),

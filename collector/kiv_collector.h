@@ -29,6 +29,7 @@
 #include "serializer/delivery_ledger.h"
 #include "serializer/kpi_serializer.h"
 #include "serializer/telemetry_header.h"
+#include "utility/hot_mutex.h"
 #include "utility/thread_annotations.h"
 
 class KIVCampConfig;
@@ -133,7 +134,7 @@ struct kiv_collector {
   std::string Dump() EXCLUDES(stateMutex);
 
   // Guards session state, KPI table and the serializer's creation and end.
-  orb::Mutex stateMutex;
+  orb::HotMutex stateMutex;
 
  private:
   int RunRegistration();

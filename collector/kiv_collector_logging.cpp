@@ -7,7 +7,7 @@
 #include "serializer/kpi_serializer.h"
 
 int kiv_collector::Log(uint32_t kpi, uint32_t value) {
-  orb::SpinningMutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex);
   KPI* const found = kpiIndex_.Find(kpi);
   if (found == nullptr || found->GetType() != KPI_NUMERIC) return -1;
   found->AddSample(value);
@@ -15,13 +15,13 @@ int kiv_collector::Log(uint32_t kpi, uint32_t value) {
 }
 
 int kiv_collector::LogEvent(uint32_t kpi, uint32_t /*arg*/) {
-  orb::SpinningMutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex);
   KPI* const found = kpiIndex_.Find(kpi);
   return found == nullptr || found->GetType() != KPI_EVENT ? -1 : 0;
 }
 
 int kiv_collector::LogState(uint32_t kpi, uint32_t a, uint32_t b) {
-  orb::SpinningMutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex);
   KPI* const found = kpiIndex_.Find(kpi);
   if (found == nullptr) return -1;
   if (found->GetType() != KPI_STATE) return -2;
@@ -29,7 +29,7 @@ int kiv_collector::LogState(uint32_t kpi, uint32_t a, uint32_t b) {
 }
 
 int kiv_collector::Log(uint32_t kpi, const uint8_t* buf, uint32_t len) {
-  orb::SpinningMutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex);
   KPI* const found = kpiIndex_.Find(kpi);
   if (found == nullptr) return -1;
   if (found->GetType() != KPI_BLOB) return -2;
@@ -38,7 +38,7 @@ int kiv_collector::Log(uint32_t kpi, const uint8_t* buf, uint32_t len) {
 }
 
 int kiv_collector::Log(uint32_t kpi, const kiv_blob_segment_t* segs, uint32_t count) {
-  orb::SpinningMutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex);
   KPI* const found = kpiIndex_.Find(kpi);
   if (found == nullptr) return -1;
   if (found->GetType() != KPI_BLOB) return -2;
@@ -46,13 +46,13 @@ int kiv_collector::Log(uint32_t kpi, const kiv_blob_segment_t* segs, uint32_t co
 }
 
 int kiv_collector::LogBuf(const uint8_t* buf, uint32_t len) {
-  orb::MutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex);
   const auto serializer = Serializer();
   return serializer == nullptr ? -1 : serializer->WriteBuf(buf, len);
 }
 
 int kiv_collector::IsKPIEnabled(uint32_t kpi) {
-  orb::MutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex);
   return kpiIndex_.Find(kpi) == nullptr ? 0 : 1;
 }
 

@@ -28,7 +28,7 @@ constexpr uint32_t kCustomTimeThresholdSec = 172800;
 }  // namespace
 
 int kiv_collector::StartSession(const KIVCampConfig& config) {
-  orb::MutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex);
   if (stop_.raised()) {
     // Nothing would stop it any more.
     LOGE("%s: %s: StartSession received while de-registering - ignored", "StartSession",
@@ -202,7 +202,7 @@ int kiv_collector::CallStop() {
 }
 
 int kiv_collector::StopSession() {
-  orb::MutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex);
   return StopSessionLocked();
 }
 
@@ -231,13 +231,13 @@ int kiv_collector::StopCustomSession() {
 }
 
 int kiv_collector::StartSessionForLicSN(uint64_t licSN) {
-  orb::MutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex);
   if (KPIFileSerializer* files = FilesOf(licSN, "StartSessionForLicSN")) files->EnableLicSN(licSN);
   return 0;
 }
 
 int kiv_collector::StopSessionForLicSN(uint64_t licSN) {
-  orb::MutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex);
   if (KPIFileSerializer* files = FilesOf(licSN, "StopSessionForLicSN")) files->DisableLicSN(licSN);
   return 0;
 }

@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr int64_t kNanosecondsPerMillisecond = 1'000'000;
 constexpr int64_t kNanosecondsPerTenth = 100'000'000;
 static_assert(std::is_same_v<KPI::TimePoint::period, std::nano>);
 
@@ -58,16 +57,6 @@ std::unique_ptr<KPI> KPI::Create(const KPICfg& cfg, KPISerializer* serializer) {
   return kpi;
 }
 
-int KPI::AddSample(unsigned int value) {
-  const TimePoint now = orb::kpi_clock::Now();
-  if (tsStart == TimePoint{}) tsStart = now;
-  if (!IsWithinWindow(now)) CloseWindow(now);
-  if (Aggregate(value) != 0) return 0;
-  tsEnd = now;
-  numSamples = orb::CheckedAdd<uint32_t>(numSamples, 1);
-  return 0;
-}
-
 int KPI::AddSample() {
   const TimePoint now = orb::kpi_clock::Now();
   if (tsStart == TimePoint{}) tsStart = now;
@@ -75,19 +64,6 @@ int KPI::AddSample() {
   tsEnd = now;
   if (!IsWithinWindow(now)) CloseWindow(now);
   return 0;
-}
-
-bool KPI::IsWithinWindow(TimePoint now) const {
-  switch (cfg.agg_window_oneof_case()) {
-    case KPICfg::kTimeWindow: {
-      const int64_t elapsed_ns = orb::CheckedSub<int64_t>(Nanoseconds(now), Nanoseconds(tsStart));
-      return elapsed_ns / kNanosecondsPerMillisecond < int64_t{cfg.time_window()};
-    }
-    case KPICfg::kSampleWindow:
-      return cfg.sample_window() > numSamples;
-    default:
-      return false;
-  }
 }
 
 void KPI::ResetWindow(TimePoint now) {
@@ -108,8 +84,6 @@ void KPI::fillMeta(orbtr::MetaData* meta) const {
 }
 
 int64_t KPI::Tenths(TimePoint time) { return Nanoseconds(time) / kNanosecondsPerTenth; }
-
-long KPI::Nanoseconds(TimePoint time) { return time.time_since_epoch().count(); }
 
 int KPI::WriteWindow(orbtr::KPIData& data) {
   repeatedSamples = orb::CheckedAdd<uint64_t>(repeatedSamples, counted);

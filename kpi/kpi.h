@@ -9,8 +9,10 @@
 #include <cstdint>
 #include <memory>
 
+#include "kpi/kpi_clock.h"
 #include "proto/kpi_data.pb.h"
 #include "proto/ltc_campaign.pb.h"
+#include "utility/checked.h"
 #include "utility/kpi_samples.h"
 
 class KPISerializer;
@@ -72,6 +74,8 @@ class KPI {
   uint32_t kpiId = 0;         // Routes records to the LicSNs of this KPI.
 
  private:
+  static constexpr int64_t kNanosecondsPerMillisecond = 1'000'000;
+
   // Hands the window over and opens the next one at `now`.
   void CloseWindow(TimePoint now);
 
@@ -82,3 +86,30 @@ class KPI {
   uint64_t uncountedSamples = 0;  // Closed without a record that counts them.
   uint64_t records = 0;
 };
+
+// Here, so that the hot path is one function but for the virtual call.
+
+inline long KPI::Nanoseconds(TimePoint time) { return time.time_since_epoch().count(); }
+
+inline bool KPI::IsWithinWindow(TimePoint now) const {
+  switch (cfg.agg_window_oneof_case()) {
+    case KPICfg::kTimeWindow: {
+      const int64_t elapsed_ns = orb::CheckedSub<int64_t>(Nanoseconds(now), Nanoseconds(tsStart));
+      return elapsed_ns / kNanosecondsPerMillisecond < int64_t{cfg.time_window()};
+    }
+    case KPICfg::kSampleWindow:
+      return cfg.sample_window() > numSamples;
+    default:
+      return false;
+  }
+}
+
+inline int KPI::AddSample(unsigned int value) {
+  const TimePoint now = orb::kpi_clock::Now();
+  if (tsStart == TimePoint{}) tsStart = now;
+  if (!IsWithinWindow(now)) CloseWindow(now);
+  if (Aggregate(value) != 0) return 0;
+  tsEnd = now;
+  numSamples = orb::CheckedAdd<uint32_t>(numSamples, 1);
+  return 0;
+}

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 
 #if defined(__clang__)
 #define ORB_TSA(x) __attribute__((x))
@@ -58,39 +57,8 @@ class CAPABILITY("mutex") Mutex {
   void Unlock() RELEASE() { mutex_.unlock(); }
   bool TryLock() TRY_ACQUIRE(true) { return mutex_.try_lock(); }
 
-  // False when it could not be had in time. Looks every millisecond.
-  bool TryLockFor(std::chrono::milliseconds wait) TRY_ACQUIRE(true) NO_THREAD_SAFETY_ANALYSIS {
-    const auto deadline = std::chrono::steady_clock::now() + wait;
-    while (!mutex_.try_lock()) {
-      if (std::chrono::steady_clock::now() >= deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-  }
-
-  // For locks that are held for some ten nanoseconds: tries for about a
-  // microsecond before it sleeps, so that two threads that meet do not both
-  // pay for a wake-up. It always sleeps in the end: the holder may have lost
-  // its processor to a thread of higher priority, which must not spin on it.
-  void LockSpinning() ACQUIRE() NO_THREAD_SAFETY_ANALYSIS {
-    for (int round = 0; round < kSpinRounds; ++round) {
-      if (mutex_.try_lock()) return;
-      for (int i = 0; i < (1 << round); ++i) Relax();
-    }
-    mutex_.lock();
-  }
-
  private:
   friend class CondVar;
-
-  static constexpr int kSpinRounds = 6;
-  static void Relax() {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#elif defined(__aarch64__) || defined(__arm__)
-    asm volatile("yield");
-#endif
-  }
 
   std::mutex mutex_;
 };
@@ -101,18 +69,6 @@ class SCOPED_CAPABILITY MutexLock {
   ~MutexLock() RELEASE() { mutex_.Unlock(); }
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
-
- private:
-  Mutex& mutex_;
-};
-
-// For the hot path: see Mutex::LockSpinning.
-class SCOPED_CAPABILITY SpinningMutexLock {
- public:
-  explicit SpinningMutexLock(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.LockSpinning(); }
-  ~SpinningMutexLock() RELEASE() { mutex_.Unlock(); }
-  SpinningMutexLock(const SpinningMutexLock&) = delete;
-  SpinningMutexLock& operator=(const SpinningMutexLock&) = delete;
 
  private:
   Mutex& mutex_;

@@ -304,7 +304,7 @@ TEST_F(DumpTest, TellsWhatASessionIsDoing) {
 // A start or stop that hangs is when one wants to look.
 TEST_F(DumpTest, DoesNotWaitForASessionThatHangs) {
   StartFiles();
-  orb::MutexLock hanging(collector_->stateMutex);
+  orb::HotMutexLock hanging(collector_->stateMutex);
   const std::string text =
       std::async(std::launch::async, [this] { return collector_->Dump(); }).get();
   EXPECT_EQ(DumpLines(text).Value("session.state"), "busy");

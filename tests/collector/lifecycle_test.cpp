@@ -105,7 +105,7 @@ TEST_F(LifecycleTest, DeRegisterJoinsALostConnectionThatWantsTheStateMutex) {
   MakeRegistered();
   std::future<int> result;
   {
-    MutexLock lock(collector_->stateMutex);
+    HotMutexLock lock(collector_->stateMutex);
     collector_->LostConn();
     result = DeRegisterLater();
     EXPECT_TRUE(log_.WaitFor("DeRegister: waiting for lostConnThread"));
