@@ -46,7 +46,7 @@ class CAPABILITY("mutex") HotMutex {
 
   void Unlock() RELEASE() NO_THREAD_SAFETY_ANALYSIS {
     ORB_TSAN_MUTEX(pre_unlock(this, 0));
-    if (state_.exchange(kFree, std::memory_order_release) == kAwaited) [[unlikely]] WakeOne();
+    if (state_.exchange(kFree, std::memory_order_release) == kAwaited) WakeOne();
     ORB_TSAN_MUTEX(post_unlock(this, 0));
   }
 
