@@ -48,9 +48,12 @@ def measure(row, figures):
     values = figures.values(best, row.field)
     figure = statistics.median(values)
     spread = (max(values) - min(values)) / figure * 100 if figure else 0.0
+    if not row.floor:
+        return (row.question, figure, spread, 0.0, figure, figure, row.relation, row.target)
+    quick = max if row.field == "items_per_second" else min
     floor = sum(figures.median(name, row.field) for name in row.floor)
-    return (row.question, figure, spread, floor, figure / floor if row.floor else figure,
-            row.relation, row.target)
+    quiet = quick(values) / sum(quick(figures.values(name, row.field)) for name in row.floor)
+    return (row.question, figure, spread, floor, figure / floor, quiet, row.relation, row.target)
 
 
 def bus_rows(build, smoke):
@@ -61,7 +64,7 @@ def bus_rows(build, smoke):
     figures = json.loads(done.stdout)
     for name in ("echo", "nested", "descriptor"):
         yield (f"bus call, {name}, per hop", figures[name] * 1e3, 0.0, figures["bare"] * 1e3,
-               figures[name] / figures["bare"], "<=", 1.5)
+               figures[name] / figures["bare"], figures[name] / figures["bare"], "<=", 1.5)
 
 
 def met(ratio, relation, target):
@@ -105,14 +108,16 @@ def main():
         print(f"bench: {error}", file=sys.stderr)
         return 1
     if args.json:
-        keys = ("what", "figure", "spread_percent", "floor", "ratio", "relation", "target")
+        keys = ("what", "figure", "spread_percent", "floor", "ratio", "quiet_ratio", "relation",
+                "target")
         print(json.dumps([dict(zip(keys, row)) for row in rows], indent=1))
     else:
-        print(f"{'what':40} {'figure':>12} {'spread':>7} {'floor':>12} {'ratio':>6}  target")
-        for what, figure, spread, floor, ratio, relation, target in rows:
+        print(f"{'what':40} {'figure':>12} {'spread':>7} {'floor':>12} {'ratio':>6} {'quiet':>6}"
+              "  target")
+        for what, figure, spread, floor, ratio, quiet, relation, target in rows:
             mark = "" if met(ratio, relation, target) else "  BEYOND"
-            print(f"{what:40} {figure:12.1f} {spread:6.0f}% {floor:12.1f} {ratio:6.2f}  "
-                  f"{relation} {target}{mark}")
+            print(f"{what:40} {figure:12.1f} {spread:6.0f}% {floor:12.1f} {ratio:6.2f} "
+                  f"{quiet:6.2f}  {relation} {target}{mark}")
         for name, found in figures.rows.items():
             if "p50_ns" in found[0]:
                 print(f"{name}: p50 {figures.median(name, 'p50_ns'):.0f} ns, p99 "
@@ -121,7 +126,7 @@ def main():
         print(library_size.report(args.build))
     if args.smoke:
         return 0
-    return 0 if all(met(row[4], row[5], row[6]) for row in rows) else 1
+    return 0 if all(met(row[4], row[6], row[7]) for row in rows) else 1
 
 
 if __name__ == "__main__":
