@@ -150,8 +150,8 @@ double Median(std::vector<double> values) {
 
 int main(int argc, char** argv) {
   if (argc > 1 && strcmp(argv[1], "--serve-bare") == 0) return ServeBare();
-  const int calls = argc > 1 ? atoi(argv[1]) : 3000;
-  const int rounds = argc > 2 ? atoi(argv[2]) : 7;
+  const int calls = argc > 1 ? atoi(argv[1]) : 500;
+  const int rounds = argc > 2 ? atoi(argv[2]) : 41;
   cpu_set_t one;
   CPU_ZERO(&one);
   CPU_SET(0, &one);

@@ -58,7 +58,7 @@ def measure(row, figures):
 
 def bus_rows(build, smoke):
     """What one hop costs beside a bare echo; the program prints medians."""
-    calls, rounds = ("100", "1") if smoke else ("3000", "7")
+    calls, rounds = ("100", "1") if smoke else ("500", "41")
     done = subprocess.run([build + "/bench/orb_bus_bench", calls, rounds],
                           stdout=subprocess.PIPE, stdin=subprocess.DEVNULL, check=True)
     figures = json.loads(done.stdout)

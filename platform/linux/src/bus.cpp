@@ -128,7 +128,7 @@ void Bus::Rearm() {
   if (bus_ == nullptr) return;
   const Turn turn = leader_ != nullptr ? Turn::kCaller : seated_ ? Turn::kSeat : Turn::kReader;
   const int events = sd_bus_get_events(bus_);
-  poller_.Set(turn, events < 0 ? POLLIN : events);
+  poller_.Set(turn, events < 0 ? POLLIN : events, seated_);
 }
 
 sd_bus_message* Bus::NewCall(const char* destination, const char* path, const char* interface,
@@ -226,7 +226,6 @@ void Bus::Lead(Pending* pending) {
     mutex_.Unlock();
     BusPoller::WaitCaller(fd, poller_.caller_fd(), events, timeout_ms);
     mutex_.Lock();
-    poller_.DrainCaller();
     leader_reads_ = true;
     Process();
     leader_reads_ = false;

@@ -76,11 +76,12 @@ void BusPoller::Apply(int epoll_fd, uint32_t* current, uint32_t wanted) {
   epoll_ctl(epoll_fd, EPOLL_CTL_MOD, fd_, &event);
 }
 
-void BusPoller::Set(Turn turn, int events) {
+void BusPoller::Set(Turn turn, int events, bool seated) {
   if (fd_ < 0) return;
   const uint32_t mask = EpollMask(events);
   Apply(reader_.get(), &reader_events_, turn == Turn::kReader ? mask : 0);
-  Apply(seat_.get(), &seat_events_, turn == Turn::kSeat ? mask : 0);
+  // An empty seat's mask wakes nobody; mostly it is right again for the next who sits.
+  if (seated) Apply(seat_.get(), &seat_events_, turn == Turn::kSeat ? mask : 0);
   if (turn == Turn::kCaller && events != caller_events_) {
     caller_events_ = events;
     WakeCaller();
@@ -105,11 +106,10 @@ bool BusPoller::WaitSeat() {
 
 void BusPoller::WaitCaller(int bus_fd, int wake_fd, int events, int timeout_ms) {
   pollfd fds[2] = {{bus_fd, static_cast<short>(events), 0}, {wake_fd, POLLIN, 0}};
-  poll(fds, 2, timeout_ms);
+  if (poll(fds, 2, timeout_ms) > 0 && fds[1].revents != 0) Drain(wake_fd);
 }
 
 void BusPoller::WakeSeat() { Signal(wake_seat_.get()); }
 void BusPoller::WakeCaller() { Signal(wake_caller_.get()); }
-void BusPoller::DrainCaller() { Drain(wake_caller_.get()); }
 
 }  // namespace orb_platform

@@ -18,18 +18,17 @@ class BusPoller {
 
   void Attach(int bus_fd);
   void Detach();
-  // `events` are poll's POLLIN and POLLOUT.
-  void Set(Turn turn, int events);
+  // `events` are poll's POLLIN and POLLOUT; `seated`: a worker is in the seat.
+  void Set(Turn turn, int events, bool seated);
 
   void WaitReader();
   // False when woken, true when the socket is ready.
   bool WaitSeat();
-  // timeout_ms < 0: none.
+  // Takes the wake-ups it finds. timeout_ms < 0: none.
   static void WaitCaller(int bus_fd, int wake_fd, int events, int timeout_ms);
 
   void WakeSeat();
   void WakeCaller();
-  void DrainCaller();
   int fd() const { return fd_; }
   int caller_fd() const { return wake_caller_.get(); }
   // What the caller last went to wait for.
