@@ -36,8 +36,11 @@ class StubClient : public kivAIDLClient {
   void HoldUploads() { hold_ = true; }
   void WaitHeld() { held_.wait(false); }
   void LetUploadsGo();
+  // The slots' memory, the session's.
+  int region() const { return region_; }
 
  private:
+  int region_ = -1;
   kiv_collector* complete_ = nullptr;
   int delay_ms_ = 0;
   std::atomic<bool> hold_{false};

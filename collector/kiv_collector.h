@@ -164,7 +164,8 @@ struct kiv_collector {
   // Drops what a failed start left behind: KPIs, then the serializer.
   void DropSession() REQUIRES(stateMutex);
   std::shared_ptr<KPISerializer> Serializer() const EXCLUDES(serializerMutex);
-  void SetSerializer(std::shared_ptr<KPISerializer> serializer) EXCLUDES(serializerMutex);
+  void SetSerializer(std::shared_ptr<KPISerializer> serializer) REQUIRES(stateMutex)
+      EXCLUDES(serializerMutex);
 
   // What became of one upload.
   struct Fate {
@@ -188,7 +189,8 @@ struct kiv_collector {
   std::atomic<uint64_t> queueDepthMax_{0};
   std::atomic<int64_t> lastSeqno_{-1};  // Of this process; -1: none yet.
   std::map<uint32_t, std::unique_ptr<KPI>> kpis_ GUARDED_BY(stateMutex);
-  KpiIndex kpiIndex_ GUARDED_BY(stateMutex);  // Of kpis_, for the hot path.
+  KpiIndex kpiIndex_ GUARDED_BY(stateMutex);                 // Of kpis_, for the hot path.
+  KPISerializer* current_ GUARDED_BY(stateMutex) = nullptr;  // serializer_, read without its leaf.
 
   mutable orb::Mutex serializerMutex;
   std::shared_ptr<KPISerializer> serializer_ GUARDED_BY(serializerMutex);

@@ -47,8 +47,7 @@ int kiv_collector::Log(uint32_t kpi, const kiv_blob_segment_t* segs, uint32_t co
 
 int kiv_collector::LogBuf(const uint8_t* buf, uint32_t len) {
   orb::HotMutexLock lock(stateMutex);
-  const auto serializer = Serializer();
-  return serializer == nullptr ? -1 : serializer->WriteBuf(buf, len);
+  return current_ == nullptr ? -1 : current_->WriteBuf(buf, len);
 }
 
 int kiv_collector::IsKPIEnabled(uint32_t kpi) {

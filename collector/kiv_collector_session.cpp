@@ -296,6 +296,7 @@ std::shared_ptr<KPISerializer> kiv_collector::Serializer() const {
 }
 
 void kiv_collector::SetSerializer(std::shared_ptr<KPISerializer> serializer) {
+  current_ = serializer.get();
   {
     orb::MutexLock lock(serializerMutex);
     serializer_.swap(serializer);

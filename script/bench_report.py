@@ -51,8 +51,10 @@ def measure(row, figures):
     if not row.floor:
         return (row.question, figure, spread, 0.0, figure, figure, row.relation, row.target)
     quick = max if row.field == "items_per_second" else min
-    floor = sum(figures.median(name, row.field) for name in row.floor)
-    quiet = quick(values) / sum(quick(figures.values(name, row.field)) for name in row.floor)
+    floors = [figures.values(name, row.field) if name in figures.rows else
+              figures.values(best, name) for name in row.floor]
+    floor = sum(statistics.median(values) for values in floors)
+    quiet = quick(values) / sum(quick(values) for values in floors)
     return (row.question, figure, spread, floor, figure / floor, quiet, row.relation, row.target)
 
 

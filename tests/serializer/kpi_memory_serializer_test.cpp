@@ -291,11 +291,12 @@ size_t OpenDescriptors() {
   return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
-// Mapped regions; a mapping tells the name of its unlinked file.
+// Mapped regions, which are memory and no file on a disk.
 size_t Regions() {
   std::istringstream maps(ReadFileOrEmpty("/proc/self/maps"));
   size_t count = 0;
-  for (std::string line; std::getline(maps, line);) count += line.find("ashmem") < line.size();
+  for (std::string line; std::getline(maps, line);)
+    count += line.find("memfd:modem_ext_stats") < line.size();
   return count;
 }
 
