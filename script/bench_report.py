@@ -87,7 +87,7 @@ def run_all(args):
         # In turn with its floors, because a machine is another one from minute to
         # minute; with nothing else, because each finds the caches as its neighbour
         # left them.
-        repeated = [f"--benchmark_repetitions={args.repetitions}",
+        repeated = [f"--benchmark_repetitions={args.repetitions * (2 if row.long else 1)}",
                     "--benchmark_enable_random_interleaving=true"] if row.floor else []
         options = [f"--benchmark_filter={row.benchmarks()}",
                    f"--benchmark_min_time={SECONDS_PER_REPETITION}"]

@@ -12,6 +12,7 @@ class Row:
     target: float
     field: str = "real_time"  # Nanoseconds; else a counter, or items_per_second.
     one_core: bool = False    # Disks interrupt one core: threads on another pay for that.
+    long: bool = False        # Few calls fit into a repetition, so there are twice as many.
 
     def benchmarks(self):
         """The filter for this row's benchmarks and no others."""
@@ -43,8 +44,8 @@ def upload_rows():
                      "BM_FloorSequenceFile/real_time"]
             if mode:
                 floor += [f"BM_FloorCipher/{sealed}/{mode}", "BM_FloorKeyWork"]
-            yield at_most(f"SendData, {label}, {mode_name}", f"BM_SendData/{size}/{mode}/real_time",
-                          floor, 1.05)
+            yield Row(f"SendData, {label}, {mode_name}", [f"BM_SendData/{size}/{mode}/real_time"],
+                      floor, "<=", 1.05, long=True)
 
 
 IDLE = "BM_IdleSession/60/iterations:1/repeats:1"
