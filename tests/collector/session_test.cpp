@@ -52,7 +52,7 @@ class SessionTest : public CollectorFixture {
   }
 };
 
-TEST_F(SessionTest, RunsFromStartToStop) {
+TEST_F(SessionTest, RunsFromStartToStopUntilDeRegistered) {
   MakeRegistered();
   LTCCampaignDef def = MakeCampaign({MakeKpi(1, KPI_NUMERIC, COUNTER)});
   def.set_campaign_info(std::string("in\0fo", 5));
@@ -82,6 +82,11 @@ TEST_F(SessionTest, RunsFromStartToStop) {
   ExpectError(
       "StopSessionLocked: radio: StopSession received when session is not active - ignored");
   EXPECT_EQ(stop_calls, 1);
+
+  start_payload = "untouched";
+  collector_->DeRegister();
+  EXPECT_EQ(collector_->StartSession(config), -1);
+  EXPECT_EQ(start_payload, "untouched");
 }
 
 // A record that went to another owner would be a leak.
@@ -168,8 +173,13 @@ TEST_F(SessionTest, FailedStartsLeaveTheCollectorIdle) {
   EXPECT_EQ(kiv_flush(collector_.get()), 0);
 
   start_result = 0;
-  ExpectStart(MakeConfig(MakeCampaign({MakeKpi(2, KPI_STATE), MakeKpi(3, KPI_EVENT)})), -1);
-  ExpectError("radio: error: could not create KPI id: 3 from KPICfg");
+  for (const KPICfg& unknown : {MakeKpi(3, KPI_EVENT), MakeKpi(4, KPI_NUMERIC, INVALID)}) {
+    ExpectStart(MakeConfig(MakeCampaign({MakeKpi(2, KPI_STATE), unknown})), -1);
+    ExpectError("radio: error: could not create KPI id: " + std::to_string(unknown.kpi_id()) +
+                " from KPICfg");
+  }
+  EXPECT_EQ(log_.Count("Unknown KPI Type: "), 1u) << "an unknown sub-type is not worth a line";
+  ExpectError("Unknown KPI Type: 201326592 to create");
   EXPECT_EQ(collector_->IsKPIEnabled(1), 0) << "the next start replaced them";
   EXPECT_EQ(collector_->IsKPIEnabled(2), 1);
 
@@ -243,20 +253,28 @@ TEST_F(SessionTest, OneLicSnStopsAndStartsAlone) {
   MakeRegistered();
   EXPECT_EQ(collector_->StartSessionForLicSN(42), 0);
   ExpectError("StartSessionForLicSN" + refused);
-  ASSERT_EQ(collector_->StartSession(MakeConfig(MakeCampaign(), {MakeLicInfo(42)})), 0);
+  LTCCampaignDef def = MakeCampaign({MakeKpi(1, KPI_BLOB)});
+  AddLicSn(&def, 42, false, {1});
+  ASSERT_EQ(collector_->StartSession(MakeConfig(def, {MakeLicInfo(42)})), 0);
+  const std::string file = data_dir_ + "/radio-42.tmp";
+  EXPECT_EQ(collector_->Log(1, Bytes("before"), 6), 0);
+  ASSERT_TRUE(WaitFor([&] { return ReadFileOrEmpty(file).ends_with("before"); }));
   EXPECT_EQ(collector_->StopSessionForLicSN(42), 0);
+  ExpectDebug("removeLicSNfromMap: Removed Lic SN - 42 from map");
+  EXPECT_EQ(client_->Count("sendData"), 1u);
   EXPECT_EQ(ListFiles(data_dir_), std::vector<std::string>{"radio.seq"});
+  EXPECT_EQ(collector_->Log(1, Bytes("lost"), 4), 0);
+  EXPECT_TRUE(log_.WaitFor("prepare_file: fout not found for lic SN: 42"));
+  EXPECT_EQ(collector_->StopSessionForLicSN(42), 0);
+  ExpectError("removeLicSNfromMap: could not find Lic Sn - 42 in map");
+  EXPECT_EQ(kiv_flush(collector_.get()), 0) << "without an open file it does nothing";
   EXPECT_EQ(collector_->StartSessionForLicSN(42), 0);
-  EXPECT_EQ(ListFiles(data_dir_), (std::vector<std::string>{"radio-42.tmp", "radio.seq"}));
+  EXPECT_EQ(collector_->Log(1, Bytes("after"), 5), 0);
+  EXPECT_TRUE(WaitFor([&] { return ReadFileOrEmpty(file).ends_with("after"); }));
+  EXPECT_LT(ReadFileOrEmpty(file).size(), 100u) << "and nothing else";
   EXPECT_EQ(log_.Count(refused), 1u);
   EXPECT_EQ(collector_->StopSessionForLicSN(43), 0);
   ExpectError("StopSessionForLicSN" + refused);
-}
-
-TEST_F(SessionTest, NoSessionStartsOnceDeRegistered) {
-  MakeRegistered().DeRegister();
-  EXPECT_EQ(collector_->StartSession(MakeConfig(MakeCampaign())), -1);
-  EXPECT_EQ(start_payload, "untouched");
 }
 
 using SessionDeathTest = SessionTest;

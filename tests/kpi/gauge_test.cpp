@@ -32,7 +32,6 @@ class GaugeProbe : public Gauge {
     for (const TimedValue& sample : samples) NewTimedSample(sample.ts, sample.value);
   }
   using Gauge::N;
-  using Gauge::numSamples;
   using Gauge::refTs;
   using Gauge::sampleSpan;
   using Gauge::sumX;
@@ -265,15 +264,20 @@ TEST_F(GaugeWindowTest, AClockThatDoesNotAdvanceClosesTheWindow) {
 // Metadata counts the base window's samples, the statistics the gauge's.
 TEST_F(GaugeWindowTest, GaugeWindowClosesInsideALongerBaseWindow) {
   GaugeProbe gauge = TimeBased(2);  // 2 ms for the base window, 2 s for the gauge's.
-  for (int i = 0; i < 4; ++i) {
+  for (int i = 0; i < 6; ++i) {
     gauge.AddSample(5);
     clock_.AdvanceWall(1);  // The monotonic clock stands: the base window stays open.
   }
-  ASSERT_EQ(RecordCount(), 1u);
-  EXPECT_EQ(serializer_.text().substr(0, 18), "900: 7 12..12 x2 m")
+  ASSERT_EQ(RecordCount(), 2u);
+  EXPECT_EQ(serializer_.lines[0].substr(0, 18), "900: 7 12..12 x2 m")
       << "the third is not counted yet";
-  EXPECT_EQ(gauge.numSamples, 4u);
-  EXPECT_EQ(gauge.N, 2);
+  EXPECT_EQ(serializer_.lines[1].substr(0, 18), "900: 7 12..12 x5 m");
+  EXPECT_EQ(gauge.N, 1);
+  const KpiSamples samples = gauge.CountSamples();
+  EXPECT_EQ(samples.logged, 6u);
+  EXPECT_EQ(samples.records, 2u);
+  EXPECT_EQ(samples.repeated, 2u) << "the second record counts the first one's again";
+  EXPECT_EQ(samples.open, 1u);
 }
 
 TEST_F(GaugeWindowTest, TimestampsStayWithinTheirCapacity) {

@@ -1,17 +1,9 @@
-// The factory, the window, the metadata and the record that every kind shares.
+// The window, the metadata and the record that every kind shares.
 #include "kpi/kpi.h"
 
-#include <android/log.h>
-
-#include <random>
-#include <typeinfo>
 #include <vector>
 
-#include "kpi/blob.h"
 #include "kpi/counter.h"
-#include "kpi/gauge.h"
-#include "kpi/histogram.h"
-#include "kpi/state_machine.h"
 #include "tests/kpi/kpi_test_support.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/log_capture.h"
@@ -21,41 +13,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
-
-TEST(KpiCreateTest, MakesTheKindThatTypeAndSubtypeName) {
-  const struct {
-    int type;
-    int sub_type;
-    const std::type_info* want;  // Null: refused.
-    const char* log = "";
-  } cases[] = {
-      {KPI_NUMERIC, COUNTER, &typeid(Counter)},
-      {KPI_NUMERIC, GAUGE, &typeid(Gauge)},
-      {KPI_NUMERIC, HISTOGRAM, &typeid(Histogram)},
-      {KPI_NUMERIC, INVALID, nullptr},
-      {KPI_NUMERIC, 4, nullptr},
-      {KPI_STATE, GAUGE, &typeid(StateMachine)},
-      {KPI_BLOB, INVALID, &typeid(Blob)},
-      {KPI_EVENT, COUNTER, nullptr, "6 orb_sdk: Unknown KPI Type: 201326592 to create\n"},
-      {KPIType_INVALID, COUNTER, nullptr, "6 orb_sdk: Unknown KPI Type: 0 to create\n"},
-      {-5, COUNTER, nullptr, "6 orb_sdk: Unknown KPI Type: -5 to create\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.type << ", " << c.sub_type);
-    KPICfg cfg;
-    cfg.set_type(static_cast<KPIType>(c.type));
-    cfg.set_sub_type(static_cast<KPISubType>(c.sub_type));
-    cfg.mutable_b_cfg()->set_single_sample_size_threshold_bytes(100);
-    LogCapture log;
-    const auto kpi = KPI::Create(cfg, nullptr);
-    EXPECT_EQ(log.Dump(), c.log);
-    ASSERT_EQ(kpi == nullptr, c.want == nullptr);
-    if (kpi == nullptr) continue;
-    const KPI& made = *kpi;
-    EXPECT_EQ(typeid(made), *c.want);
-    EXPECT_EQ(kpi->GetType(), c.type);
-  }
-}
 
 // Bare window logic; counts the closures with samples that Serialize sees.
 class WindowProbe : public KPI {
@@ -219,35 +176,6 @@ TEST(CounterTest, SumBeyond64BitsAborts) {
   counter.sum = std::numeric_limits<int64_t>::max() - 1;
   EXPECT_EQ(counter.Aggregate(1), 0);
   EXPECT_ABORT(counter.Aggregate(1));
-}
-
-// Whatever the clocks do: what the records count, what is lost and what is open
-// add up to what was logged and to what records count again.
-TEST(KpiSamplesTest, AddUpForEveryKindAndClock) {
-  FakeClock clock;
-  const uint32_t seed = std::random_device()();
-  SCOPED_TRACE(seed);
-  std::mt19937 random(seed);
-  for (const KPISubType type : {COUNTER, GAUGE, HISTOGRAM}) {
-    for (const bool time_window : {false, true}) {
-      SCOPED_TRACE(testing::Message() << type << " " << time_window);
-      const KPICfg cfg = NumericCfg(type);
-      FakeSerializer out;
-      const auto kpi =
-          KPI::Create(time_window ? WithTimeWindow(cfg, 3000) : WithSampleWindow(cfg, 6), &out);
-      for (int i = 0; i < 2000; ++i) {
-        clock.AdvanceSteady(milliseconds(random() % 700));
-        clock.AdvanceWall(static_cast<int64_t>(random() % 5) - 1);
-        kpi->AddSample(random() % 100);
-      }
-      const KpiSamples samples = kpi->CountSamples();
-      EXPECT_EQ(samples.logged, 2000u);
-      EXPECT_EQ(samples.records, out.lines.size());
-      EXPECT_EQ(samples.logged + samples.repeated,
-                out.samples + samples.lost[LossCause::kNoRecord] + samples.open);
-      EXPECT_EQ(samples.repeated != 0, type == GAUGE) << "a gauge also closes windows of its own";
-    }
-  }
 }
 
 }  // namespace

@@ -92,21 +92,17 @@ class FakeSerializer : public KPISerializer {
 
   int Write(orbtr::KPIData& data, unsigned int kpiId) override {
     std::ostringstream out;
-    const auto count = [this](const orbtr::MetaData& meta) {
-      samples += meta.num_samples();
-      return Text(meta);
-    };
     if (data.version() != 0) out << " version " << data.version();
     for (const auto& counter : data.counters()) {
-      out << count(counter.meta()) << " count " << counter.count();
+      out << Text(counter.meta()) << " count " << counter.count();
     }
-    for (const auto& gauge : data.gauges()) out << count(gauge.meta()) << Text(gauge);
+    for (const auto& gauge : data.gauges()) out << Text(gauge.meta()) << Text(gauge);
     for (const auto& histogram : data.histograms()) {
-      out << count(histogram.meta()) << " buckets";
+      out << Text(histogram.meta()) << " buckets";
       for (const uint32_t bucket : histogram.bucket_counts()) out << ' ' << bucket;
     }
     for (const auto& blob : data.blobs()) {
-      out << count(blob.meta()) << " blob " << ToHex(blob.data());
+      out << Text(blob.meta()) << " blob " << ToHex(blob.data());
     }
     return Keep(kpiId, out.str());
   }
@@ -132,7 +128,6 @@ class FakeSerializer : public KPISerializer {
   }
 
   std::vector<std::string> lines;
-  uint64_t samples = 0;  // What the records count, but for segments.
 
  private:
   int Keep(uint32_t routing_id, const std::string& record) {
