@@ -2,7 +2,7 @@
 //
 // The field numbers are those of proto/kpi_data.proto. Presence differs from
 // the usual: sub-messages are always written, as their accessors do.
-// Tested by tests/serializer/blob_segment_encoder_test.cpp.
+// Tested by tests/serializer/kpi_memory_serializer_test.cpp.
 #include "serializer/blob_segment_encoder.h"
 
 #include <pb.h>

@@ -136,25 +136,6 @@ TEST_F(FileSerializerTest, AFileBeyondTheThresholdIsSentAtOnce) {
   }
 }
 
-TEST_F(FileSerializerTest, ALicSnStopsAndStartsAgain) {
-  Open();
-  LogBlob(1, "before");
-  ASSERT_TRUE(WaitForBytes(kPrefixBytes + BlobRecord("before").size()));
-  files_->DisableLicSN(42);
-  EXPECT_EQ(Sent(), BlobRecord("before"));
-  EXPECT_FALSE(std::filesystem::exists(Tmp(42)));
-  ExpectDebug("removeLicSNfromMap: Removed Lic SN - 42 from map");
-  LogBlob(1, "lost");
-  EXPECT_TRUE(log_.WaitFor("prepare_file: fout not found for lic SN: 42"));
-  files_->DisableLicSN(42);
-  ExpectError("removeLicSNfromMap: could not find Lic Sn - 42 in map");
-  files_->Flush();  // Without an open file it does nothing.
-  files_->EnableLicSN(42);
-  LogBlob(1, "after");
-  files_->Finalize();
-  EXPECT_EQ(Sent(), BlobRecord("before") + BlobRecord("after"));
-}
-
 TEST_F(FileSerializerTest, LeftOverFilesAreSentOrDeleted) {
   Open();
   Log("own");

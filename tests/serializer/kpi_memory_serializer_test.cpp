@@ -2,9 +2,7 @@
 
 #include <sys/resource.h>
 
-#include <atomic>
 #include <filesystem>
-#include <map>
 #include <sstream>
 #include <thread>
 
@@ -222,68 +220,56 @@ TEST_F(MemorySerializerTest, LongRecordsStayInsideTheRegion) {
   EXPECT_EQ(slots_->Flush(), 0);
 }
 
+// To the bytes that protobuf's own encoder makes of the pieces, gathered.
 TEST_F(MemorySerializerTest, SegmentsAreEncodedInPlace) {
+  constexpr uint32_t kRegionBytes = 0x40000;
+  const struct {
+    const char* name;
+    uint64_t number;  // The record's are made of it.
+    std::vector<std::string> pieces;
+  } cases[] = {
+      {"two pieces", 7700, {"abc", "hello"}},
+      {"no pieces", 7700, {}},
+      {"an empty piece between", 7700, {"a", "", "b"}},
+      {"all zero", 0, {""}},
+      {"widest numbers", UINT64_MAX, {"x"}},
+      {"lengths of several bytes", 7700, {std::string(200, 'a'), std::string(70000, 'b')}},
+      {"many pieces", 7700, std::vector<std::string>(1000, "piece")},
+  };
   Connect(1);
   slots_ = std::make_unique<KPIMemorySerializer>();
-  ASSERT_EQ(slots_->Initialize(4096, 2, collector_.get()), 0);
-  const kiv_blob_segment_t segs[] = {{Bytes(full_), 3}, {Bytes(full_), 5}};
-  EXPECT_EQ(Log("before"), 0);
-  EXPECT_EQ(slots_->WriteBlobSegsOptimized(7, 100, 200, 3, segs, 2), 0);
-
-  orbtr::KPIData want;
-  want.add_blobs()->set_data(std::string("\3\0\0\0fff\5\0\0\0fffff", 16));
-  orbtr::MetaData* meta = want.mutable_blobs(0)->mutable_meta();
-  meta->set_kpi_id(7);
-  meta->set_ts_start(100);
-  meta->set_ts_end(200);
-  meta->set_num_samples(3);
-  EXPECT_EQ(slots_->Write(want, 7), 0);
-  EXPECT_EQ(slots_->Flush(), 0);
-  EXPECT_EQ(hal_->AllBytes(), "before" + want.SerializeAsString() + want.SerializeAsString());
-
+  ASSERT_EQ(slots_->Initialize(kRegionBytes, 1, collector_.get()), 0);
+  for (const auto& c : cases) {
+    std::string data;
+    std::vector<kiv_blob_segment_t> segs;
+    for (const std::string& piece : c.pieces) {
+      const auto len = static_cast<uint32_t>(piece.size());
+      data.append(reinterpret_cast<const char*>(&len), sizeof len).append(piece);
+      segs.push_back({len == 0 ? nullptr : Bytes(piece), len});
+    }
+    orbtr::KPIData want;
+    want.add_blobs()->set_data(data);
+    orbtr::MetaData* meta = want.mutable_blobs(0)->mutable_meta();
+    meta->set_kpi_id(static_cast<uint32_t>(c.number / 2));
+    meta->set_ts_start(static_cast<int64_t>(c.number));
+    meta->set_ts_end(static_cast<int64_t>(c.number / 3));
+    meta->set_num_samples(static_cast<uint32_t>(c.number / 5));
+    EXPECT_EQ(
+        slots_->WriteBlobSegsOptimized(meta->kpi_id(), c.number, c.number / 3, meta->num_samples(),
+                                       segs.data(), static_cast<uint32_t>(segs.size())),
+        0);
+    EXPECT_EQ(slots_->Write(want, 7), 0);
+    EXPECT_EQ(slots_->Flush(), 0);
+    const std::string record = want.SerializeAsString();
+    EXPECT_TRUE(hal_->Slots().back().bytes == record + record) << c.name;
+  }
   const kiv_blob_segment_t broken{nullptr, 3};
   EXPECT_EQ(slots_->WriteBlobSegsOptimized(7, 100, 200, 3, &broken, 1), -1);
   ExpectError(
       "KPIMemorySerializer::WriteBlobSegsOptimized:Encoding failed Reason: segment without bytes");
-  const std::vector<uint8_t> big(5000);
-  const kiv_blob_segment_t too_long{big.data(), 5000};
+  const std::vector<uint8_t> big(kRegionBytes);
+  const kiv_blob_segment_t too_long{big.data(), kRegionBytes};
   EXPECT_EQ(slots_->WriteBlobSegsOptimized(7, 100, 200, 3, &too_long, 1), -1);
-}
-
-TEST_F(MemorySerializerTest, LosesNothingUnderLoad) {
-  Open(4);
-  std::atomic<bool> written{false};
-  std::thread hal([&] {
-    for (size_t done = 0; !written || done < hal_->Slots().size();) {
-      if (done < hal_->Slots().size()) {
-        hal_->Complete(done++);
-      } else {
-        std::this_thread::yield();
-      }
-    }
-  });
-  std::vector<std::thread> writers;
-  for (char writer = 'a'; writer < 'e'; ++writer) {
-    writers.emplace_back([&, writer] {
-      for (char i = '0'; i < '0' + 50; ++i) {
-        while (Log({writer, i}) != 0) std::this_thread::yield();
-        if (i % 10 == 0) slots_->Flush();
-      }
-    });
-  }
-  for (std::thread& writer : writers) writer.join();
-  std::thread stop([&] { EXPECT_EQ(slots_->Finalize(), 0); });
-  EXPECT_TRUE(log_.WaitFor("before waiting"));
-  written = true;
-  hal.join();
-  stop.join();
-
-  const std::string sent = hal_->AllBytes();
-  EXPECT_EQ(sent.size(), 400u);
-  std::map<char, char> next;
-  for (size_t at = 0; at + 2 <= sent.size(); at += 2) {
-    ASSERT_EQ(sent[at + 1], '0' + next[sent[at]]++) << "order of one thread";
-  }
 }
 
 size_t OpenDescriptors() {

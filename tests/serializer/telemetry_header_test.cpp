@@ -4,11 +4,12 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <cstdio>
 #include <memory>
+#include <numeric>
 #include <string>
 
 #include "collector/clock.h"
-#include "tests/support/child_process.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -98,13 +99,11 @@ TEST(TelemetryHeaderTest, CarriesUptimeAndTimeZone) {
 }
 
 TEST(TelemetryHeaderTest, ParsesInPlaceFromAnyPosition) {
-  orb::test::TempDir dir;
-  std::string content;
-  for (int i = 0; i < 166; ++i) content.push_back(static_cast<char>(i));
-  ASSERT_TRUE(orb::test::WriteFile(dir.path() + "/data", content));
-  const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen((dir.path() + "/data").c_str(), "r+b"),
-                                                   fclose);
+  const std::unique_ptr<FILE, int (*)(FILE*)> file(tmpfile(), fclose);
   ASSERT_NE(file, nullptr);
+  Bytes content(166);
+  std::iota(content.begin(), content.end(), uint8_t{0});
+  ASSERT_EQ(fwrite(content.data(), 1, content.size(), file.get()), content.size());
 
   TelemetryHeader header;
   ASSERT_EQ(fseek(file.get(), 100, SEEK_SET), 0);
