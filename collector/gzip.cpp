@@ -1,5 +1,5 @@
 // kiv_data_compress: one gzip member, window of 15 bits, default level.
-// Tested by tests/collector/gzip_test.cpp.
+// Tested by tests/collector/upload_test.cpp.
 #include <zlib.h>
 
 #include <cerrno>

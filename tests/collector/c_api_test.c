@@ -28,14 +28,12 @@ static int TakesNothing(kiv_collector* c) {
 }
 
 static int NullObjects(void) {
-  uint64_t id = 1;
   CHECK(kiv_deregister(NULL) == -1);
   CHECK(kiv_flush(NULL) == -1);
   CHECK(kiv_set_cfg(NULL, KIV_PARAM_SIZE_THRESHOLD, 1) == -1);
   CHECK(kiv_is_kpi_enabled(NULL, 1) == -1);
   CHECK(kiv_log_fd_buf(NULL, 0, 0, 0) == -1);
   CHECK(kiv_unset_fd(NULL) == -1);
-  CHECK(kiv_get_campaign_id(NULL, &id) == -1);
   CHECK(kiv_get_api_version() == 3);
   return TakesNothing(NULL);
 }

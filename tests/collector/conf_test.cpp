@@ -48,7 +48,6 @@ TEST(ConfTest, LinesDecideValues) {
     const char* ignored = nullptr;  // A key that was given 0.
   } cases[] = {
       {"", "", 0},
-      {"nof_kpis_max=7\n", "nof_kpis_max", 7},
       {"register_max_retries = 3", "register_max_retries", 3},
       {"  time_threshold_max_sec\t\f =\v600  \r\n", "time_threshold_max_sec", 600},
       {"nof_kpis_max=0\n", "", 0, "nof_kpis_max"},

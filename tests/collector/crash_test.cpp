@@ -160,6 +160,21 @@ class CrashTest : public testing::Test {
     const TraceResult run = Run(dir, 0, 0);
     ASSERT_EQ(run.exit_code, 0);
   }
+  // A run that logs `records`, killed at each of its calls in turn, and recovered from;
+  // before it there was `first`, which left `from`. What the run does that nobody kills.
+  TraceResult KillAtEveryCall(uint32_t records, const std::string& from = "",
+                              const TraceResult* first = nullptr) {
+    for (size_t n = 1;; ++n) {
+      SCOPED_TRACE("killed before call " + std::to_string(n));
+      const std::string dir = Fresh(from);
+      const TraceResult run = Run(dir, records, n);
+      EXPECT_TRUE(run.killed || run.exit_code == 0);
+      if (run.killed) Recover(dir);
+      const size_t kills = (first != nullptr ? 1 : 0) + (run.killed ? 1 : 0);
+      ExpectDelivered(dir, (first != nullptr ? *first : run).done, kills);
+      if (!run.killed || HasFailure()) return run;
+    }
+  }
 
   // In memory where there is such a place: what the kernel has is what a kill leaves, and
   // some thousand synchronisations cost nothing.
@@ -169,21 +184,9 @@ class CrashTest : public testing::Test {
 };
 
 TEST_F(CrashTest, RecoveryLosesNothingThatWasWritten) {
-  for (size_t n = 1;; ++n) {
-    SCOPED_TRACE("killed before call " + std::to_string(n));
-    const std::string dir = Fresh();
-    const TraceResult run = Run(dir, kRecords, n);
-    if (!run.killed) {
-      ASSERT_EQ(run.exit_code, 0);
-      EXPECT_EQ(WrittenFor(42, run.done), kRecords);
-      EXPECT_GT(n, 100U) << "the write path has become short, or is not seen";
-      return ExpectDelivered(dir, run.done, 0);
-    }
-    Recover(dir);
-    ExpectDelivered(dir, run.done, 1);
-    if (HasFailure())
-      FAIL() << "the call was after " << run.done.back().name << " of " << run.done.back().path;
-  }
+  const TraceResult whole = KillAtEveryCall(kRecords);
+  EXPECT_EQ(WrittenFor(42, whole.done), kRecords);
+  EXPECT_GT(whole.done.size(), 100U) << "the write path has become short, or is not seen";
 }
 
 // A record that got to the disk in part is the only one that is lost.
@@ -212,17 +215,7 @@ TEST_F(CrashTest, RecoveryMayBeKilledToo) {
   const size_t calls = Run(Fresh(), kRecords, 0).done.size();
   const std::string dead = Fresh();
   const TraceResult first = Run(dead, kRecords, calls / 2);
-  for (size_t n = 1;; ++n) {
-    SCOPED_TRACE("killed before call " + std::to_string(n) + " of the recovery");
-    const std::string dir = Fresh(dead);
-    const TraceResult run = Run(dir, 0, n);
-    Recover(dir);
-    ExpectDelivered(dir, first.done, 2);
-    if (!run.killed) {
-      EXPECT_GT(n, 15U);
-      return;
-    }
-  }
+  EXPECT_GT(KillAtEveryCall(0, dead, &first).done.size(), 15U);
 }
 
 }  // namespace

@@ -12,19 +12,17 @@ struct Done {
   int c;
   bool operator==(const Done&) const = default;
 };
-std::vector<Done> done;  // Of the running test.
+std::vector<Done> done;
 
 int OnDone(kiv_fd_handle_s* handle, uint32_t a, uint32_t b, int c) {
   done.push_back({handle, a, b, c});
   return 0;
 }
 
-class FdTest : public CollectorFixture {
- protected:
-  FdTest() { done.clear(); }
-};
+using FdTest = CollectorFixture;
 
 TEST_F(FdTest, CompletionsReachEveryHandleOfTheToken) {
+  done.clear();
   MakeRegistered();
   kiv_fd_handle_s* first = kiv_set_fd(collector_.get(), 5, 16, 4096, OnDone);
   kiv_fd_handle_s* other = kiv_set_fd(collector_.get(), 6, 0, 64, OnDone);

@@ -1,3 +1,5 @@
+#include <cerrno>
+
 #include "collector/seal.h"
 #include "proto/telemetry_footer.pb.h"
 #include "tests/collector/collector_fixture.h"
@@ -44,17 +46,47 @@ class UploadTest : public CollectorFixture {
   }
 };
 
-TEST_F(UploadTest, UploadsAreNamedAndNumbered) {
+TEST_F(UploadTest, UploadsAreNamedNumberedAndCompressed) {
   StartWith(MakeCampaign(), {});
-  for (const char* number : {" number 0 ", " number 1 "}) {
-    ASSERT_EQ(Send(kPayload), 0);
+  // About a chunk, beyond a window of output, and well compressed.
+  const std::string payloads[] = {orb::SomeData(1),      orb::SomeData(16383),
+                                  orb::SomeData(16384),  orb::SomeData(16385),
+                                  orb::SomeData(100000), std::string(1000000, 'z')};
+  for (size_t i = 0; i < std::size(payloads); ++i) {
+    SCOPED_TRACE(payloads[i].size());
+    ASSERT_EQ(Send(payloads[i]), 0);
     const FakeAidlClient::Upload upload = client_->Uploads().back();
+    EXPECT_TRUE(Gunzip(upload.data.data(), upload.data.size()) == payloads[i]);
     EXPECT_EQ(upload.token, FakeAidlClient::kToken);
     EXPECT_EQ(upload.name, "/up/7/radio.42");
-    EXPECT_NE(HeaderText(upload.header).find(number), std::string::npos);
+    EXPECT_NE(HeaderText(upload.header).find(" number " + std::to_string(i) + " "),
+              std::string::npos);
     EXPECT_GT(LoadBigEndian<uint64_t>(&upload.header[17]), 1500000000000u) << "creation time";
+    EXPECT_TRUE(log_.Contains("orb_data_compress: allocated dst_buf with size "));
+    EXPECT_TRUE(log_.Contains(" src_buf_len " + std::to_string(payloads[i].size())));
   }
-  EXPECT_EQ(ReadFileOrEmpty(data_dir_ + "/radio.seq"), "2\n");
+  EXPECT_EQ(ReadFileOrEmpty(data_dir_ + "/radio.seq"), "6\n");
+}
+
+TEST_F(UploadTest, CompressionRefusesWhatItCannotDo) {
+  Make();
+  uint8_t* dst = nullptr;
+  uint32_t dst_len = 0;
+  const std::string path = data_dir_ + "data";
+  ASSERT_TRUE(WriteFile(path, orb::SomeData(100000)));
+  FILE* src = fopen(path.c_str(), "rb");
+  EXPECT_EQ(collector_->kiv_data_compress(nullptr, 1, &dst, &dst_len), -EINVAL);
+  EXPECT_EQ(collector_->kiv_data_compress(src, 1, nullptr, &dst_len), -EINVAL);
+  EXPECT_EQ(collector_->kiv_data_compress(src, 1, &dst, nullptr), -EINVAL);
+  EXPECT_EQ(log_.Count("src fp/dst_buf/dst_buf_len is NULL"), 3u);
+  // Sized for 10 bytes, there are 100000; and one that cannot be read.
+  for (FILE* bad : {src, fopen(path.c_str(), "ab")}) {
+    EXPECT_EQ(collector_->kiv_data_compress(bad, 10, &dst, &dst_len), -EINVAL);
+    EXPECT_EQ(dst, nullptr);
+    EXPECT_EQ(dst_len, 0u);
+    fclose(bad);
+  }
+  ExpectError("orb_data_compress: fread failed.\n");
 }
 
 enum Outcome { kPlain, kSealed, kDropped };
@@ -165,22 +197,20 @@ TEST_F(UploadTest, NothingIsSentWithoutPayloadOrHal) {
 TEST_F(UploadTest, IncompleteSealsAreRefused) {
   const struct {
     int salgo;
-    int32_t status;
     int missing;  // 1 ciphertext, 2 key, 3 IV, 4 tag, 0 nothing.
     const char* want_log;
   } cases[] = {
-      {2, 0, 0, ""},
-      {2, 2, 0, "6 orb_sdk: SendData: radio: encryption failed - 2\n"},
-      {1, 0, 1, "6 orb_sdk: SendData: radio: encryption failed - 0\n"},
-      {1, 0, 2, "6 orb_sdk: SendData: radio: encryption failed - 0\n"},
-      {1, 0, 3, "6 orb_sdk: SendData: radio: encryption failed - 0\n"},
-      {2, 0, 4, "6 orb_sdk: SendData: radio: encryption failed - 0 gcm_tag empty\n"},
-      {1, 0, 4, ""},  // CBC has none.
+      {2, 0, ""},
+      {1, 1, "6 orb_sdk: SendData: radio: encryption failed - 0\n"},
+      {1, 2, "6 orb_sdk: SendData: radio: encryption failed - 0\n"},
+      {1, 3, "6 orb_sdk: SendData: radio: encryption failed - 0\n"},
+      {2, 4, "6 orb_sdk: SendData: radio: encryption failed - 0 gcm_tag empty\n"},
+      {1, 4, ""},  // CBC has none.
   };
   for (const auto& c : cases) {
     log_.Clear();
     ::SealedPayload sealed;
-    sealed.status = c.status;
+    sealed.status = 0;
     orb::MallocBytes* const parts[] = {&sealed.ciphertext, &sealed.ephemeral_key, &sealed.iv,
                                        &sealed.tag};
     for (int i = 0; i < 4; ++i) {
