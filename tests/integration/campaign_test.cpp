@@ -25,11 +25,16 @@ class CampaignTest : public ::testing::Test {
     EXPECT_EQ(client_.Ask(command), want) << command;
   }
 
+  DumpLines Dump() { return DumpLines(stack_.Ctl({"client", "dump", "radio"}).out); }
+  void WaitForWriter() {
+    ASSERT_TRUE(WaitFor([&] { return Dump().Value("queue").rfind("depth=0 ", 0) == 0; }));
+  }
+
   Stack stack_;
   Client client_ = stack_.StartClient();
 };
 
-// Two clients of one process: one writes files, the other slots.
+// Two clients of one process, which dies: one writes files, the other slots.
 TEST_F(CampaignTest, CarriesSamplesFromLogToDecodedRecords) {
   stack_.StartHal();
   stack_.StartManager();
@@ -46,18 +51,34 @@ TEST_F(CampaignTest, CarriesSamplesFromLogToDecodedRecords) {
   // Some 60 slots, at a pace that the HAL can keep.
   for (int i = 0; i < 100; ++i) ASSERT_EQ(client_.Ask("log sensor 1 10 2"), "0");
 
+  WaitForWriter();
   ASSERT_EQ(stack_.Ctl({"campaign", "lic-stop", "radio", "77"}).exit_code, 0);
   EXPECT_THAT(stack_.Ctl({"client", "list"}).out, HasSubstr(" 9 running -77\n"));
-  Ask("log radio 2 100 5", "0");
+  Ask("log radio 2 100 6", "0");  // The sixth closes the first window.
+  WaitForWriter();
+  ASSERT_EQ(stack_.Ctl({"campaign", "lic-start", "radio", "77"}).exit_code, 0);
+  Ask("log radio 2 10 3", "0");
   ASSERT_EQ(stack_.Ctl({"campaign", "stop", "radio"}).exit_code, 0);
   Ask("enabled radio 1", "0");
+  EXPECT_EQ(Dump().Number("owner.42.sent", "samples"), 16u);
+  EXPECT_EQ(Dump().Number("owner.77.sent", "samples"), 11u);
+  EXPECT_EQ(Dump().Number("owner.77.lost.stopped", "samples"), 5u);
+  EXPECT_THAT(stack_.Ctl({"client", "dump", "radio", "--json"}).out,
+              ::testing::StartsWith(R"({"client":{"name":"radio","id":1,)"));
+  EXPECT_EQ(stack_.Ctl({"client", "dump", "gps"}).exit_code, 1);
   Ask("deregister radio", "0");
-  Ask("deregister sensor", "0");
+  Ask("flush sensor", "0");
+  EXPECT_TRUE(WaitFor([&] { return stack_.Sum(43, 1) == 1990; })) << "all but the open window";
+  client_.process().Signal(SIGKILL);
+  EXPECT_TRUE(WaitFor([&] {
+    return stack_.LogOf("orb-hald").find("closed: its client died") != std::string::npos &&
+           stack_.Ctl({"client", "list"}).out.find("sensor") == std::string::npos;
+  }));
 
   EXPECT_EQ(stack_.Sum(42, 1), 21u);
-  EXPECT_EQ(stack_.Sum(42, 2), 500u);
-  EXPECT_EQ(stack_.Sum(77, 2), 0u);
-  EXPECT_EQ(stack_.Sum(43, 1), 2000u);
+  EXPECT_EQ(stack_.Sum(42, 2), 630u);
+  EXPECT_EQ(stack_.Sum(77, 1), 21u);
+  EXPECT_EQ(stack_.Sum(77, 2), 130u);
   for (const nlohmann::json& record : stack_.DecodeSpool()) {
     EXPECT_EQ(record["client"], record["lic_sn"] == 43 ? "sensor" : "radio");
     EXPECT_EQ(record["campaign_id"], record["lic_sn"] == 43 ? 10 : 9);
@@ -117,101 +138,6 @@ TEST_F(CampaignTest, RefusesBadInputWithAReason) {
     EXPECT_THAT(result.err, HasSubstr(c.reason));
   }
   EXPECT_TRUE(stack_.StartCampaign("radio", good, {42}, 1)) << "the refusals left no trace";
-}
-
-// Samples logged = samples in decoded records + samples counted as lost, exactly,
-// for each owner.
-class LossBooksTest : public CampaignTest {
- protected:
-  void Log(uint32_t kpi, uint64_t count) {
-    Ask("log radio " + std::to_string(kpi) + " 1 " + std::to_string(count), "0");
-    logged_ += count;
-  }
-  void LogBlob(uint32_t bytes, const char* want) {
-    Ask("blob radio 3 " + std::to_string(bytes), want);
-    ++logged_;
-  }
-  DumpLines Dump() { return DumpLines(stack_.Ctl({"client", "dump", "radio"}).out); }
-  bool WaitForWriter() {
-    return WaitFor([&] { return Dump().Value("queue").rfind("depth=0 ", 0) == 0; });
-  }
-
-  uint64_t logged_ = 0;
-};
-
-TEST_F(LossBooksTest, MatchWhatIsDecoded) {
-  stack_.StartHal();
-  stack_.StartManager();
-  Register("radio", " sync");
-  const std::string file = stack_.path("c.txtpb");
-  WriteFile(file,
-            "threshold_size: 4194304 threshold_time: 60\n"
-            "kpi_cfgs { kpi_id: 1 type: KPI_NUMERIC sub_type: COUNTER sample_window: 3 }\n"
-            "kpi_cfgs { kpi_id: 2 type: KPI_NUMERIC sub_type: GAUGE sample_window: 4\n"
-            "  g_cfg { report_mean: true } }\n"
-            "kpi_cfgs { kpi_id: 3 type: KPI_BLOB\n"
-            "  b_cfg { single_sample_size_threshold_bytes: 2000 sample_rate: 1 } }\n"
-            "kpi_cfgs { kpi_id: 4 type: KPI_NUMERIC sub_type: HISTOGRAM sample_window: 500\n"
-            "  h_cfg { bucket_bounds: [0, 10] } }\n"
-            "lic_sn_kpi_maps { lic_sn: 42 kpi_ids: [1, 2, 3, 4] }\n"
-            "lic_sn_kpi_maps { lic_sn: 77 kpi_ids: [1] encrypt: true }\n");
-  ASSERT_TRUE(stack_.StartCampaign("radio", file, {42, 77}, 9));
-
-  Log(4, 1234);
-  Log(2, 21);
-  Ask("flush radio", "0");
-  ASSERT_TRUE(WaitForWriter());
-
-  stack_.hal().Signal(SIGKILL);
-  stack_.hal().Wait(seconds(5));
-  Log(1, 20);
-  Ask("flush radio", "0");
-  ASSERT_TRUE(WaitFor([&] { return Dump().Number("owner.42.lost.hal", "samples") > 0; }));
-  stack_.StartHal();
-  // Flush until the HAL is back on the bus.
-  const uint64_t arrived = Dump().Number("owner.42.sent", "events");
-  ASSERT_TRUE(WaitFor([&] {
-    Log(1, 3);
-    Ask("flush radio", "0");
-    return WaitForWriter() && Dump().Number("owner.42.sent", "events") > arrived;
-  }));
-
-  // Eight blobs fit, the ninth in part, the tenth not at all.
-  Ask("limit 16384", "ok");
-  for (int i = 0; i < 10; ++i) LogBlob(1900, "0");
-  Ask("flush radio", "0");
-  ASSERT_TRUE(WaitForWriter());
-  EXPECT_EQ(Dump().Number("owner.42.lost.short_write", "records"), 2u);
-  Ask("limit 0", "ok");
-
-  LogBlob(2001, "-1");
-  ASSERT_EQ(stack_.Ctl({"campaign", "lic-stop", "radio", "42"}).exit_code, 0);
-  Log(1, 10);
-  ASSERT_TRUE(WaitForWriter());
-  ASSERT_EQ(stack_.Ctl({"campaign", "lic-start", "radio", "42"}).exit_code, 0);
-  Log(1, 10);
-  ASSERT_EQ(stack_.Ctl({"campaign", "stop", "radio"}).exit_code, 0);
-
-  const DumpLines dump = Dump();
-  EXPECT_EQ(dump.Number("samples", "logged"), logged_);
-  for (const char* loss : {"42.lost.hal", "42.lost.short_write", "42.lost.oversize",
-                           "42.lost.stopped", "42.lost.no_record", "77.lost.no_key"}) {
-    EXPECT_GT(dump.Number(std::string("owner.") + loss, "samples"), 0u) << loss;
-  }
-  std::map<uint64_t, uint64_t> decoded;
-  for (const nlohmann::json& record : stack_.DecodeSpool()) {
-    decoded[record["lic_sn"]] +=
-        record["kind"] == "blob" ? 1 : record["num_samples"].get<uint64_t>();
-  }
-  for (const char* owner : {"owner.42", "owner.77"}) {
-    const uint64_t arrived_samples = decoded[std::stoull(owner + 6)];
-    EXPECT_EQ(dump.Number(owner + std::string(".sent"), "samples"), arrived_samples);
-    EXPECT_EQ(dump.Number(owner, "samples"),
-              arrived_samples + dump.Number(owner + std::string(".lost"), "samples"));
-  }
-  EXPECT_THAT(stack_.Ctl({"client", "dump", "radio", "--json"}).out,
-              ::testing::StartsWith(R"({"client":{"name":"radio","id":1,)"));
-  EXPECT_EQ(stack_.Ctl({"client", "dump", "gps"}).exit_code, 1);
 }
 
 }  // namespace

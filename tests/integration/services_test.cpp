@@ -36,7 +36,7 @@ TEST(ServicesTest, ExplainThemselves) {
   }
 }
 
-TEST(ServicesTest, EndCleanlyOnASignal) {
+TEST(ServicesTest, OwnTheirNamesUntilASignalEndsThem) {
   Stack stack;
   stack.StartHal();
   stack.StartManager();
@@ -44,20 +44,6 @@ TEST(ServicesTest, EndCleanlyOnASignal) {
   ASSERT_TRUE(WaitFor([&] {
     return stack.LogOf("orb-hald").find("IOrbsyshal/default is published") != std::string::npos;
   }));
-  stack.manager().Signal(SIGTERM);
-  EXPECT_EQ(stack.manager().Wait(seconds(10)), 0);
-  stack.hal().Signal(SIGINT);
-  EXPECT_EQ(stack.hal().Wait(seconds(10)), 0);
-  EXPECT_THAT(stack.LogOf("orb-managerd"), HasSubstr("ending on signal 15"));
-  const CommandResult list = stack.Ctl({"client", "list"});
-  EXPECT_EQ(list.exit_code, 1);
-  EXPECT_EQ(list.err, "orbctl: the manager is not on the bus; start orb-managerd\n");
-}
-
-TEST(ServicesTest, RefuseANameOfAnotherProcess) {
-  Stack stack;
-  stack.StartManager();
-  ASSERT_TRUE(WaitFor([&] { return stack.Ctl({"client", "list"}).exit_code == 0; }));
   const auto start_second = [&](const char* log_tags) {
     const CommandResult second = RunCommand(
         {ORB_MANAGERD, "--state", stack.path("other")},
@@ -68,28 +54,15 @@ TEST(ServicesTest, RefuseANameOfAnotherProcess) {
   EXPECT_THAT(start_second("orb-service:s *:W"),
               HasSubstr("vendor_kivsdkservice is published by another process"));
   EXPECT_EQ(start_second("*:f"), "") << "only what is fatal is asked for";
-}
 
-TEST(ServicesTest, ForgetAClientThatDies) {
-  Stack stack;
-  stack.StartHal();
-  stack.StartManager();
-  Client client = stack.StartClient();
-  ASSERT_EQ(client.Ask("register radio " + stack.MakeDataDir("data") + " sync slots 4 256"), "ok");
-  ASSERT_TRUE(stack.WaitRegistered("radio"));
-  const std::string file = stack.WriteCampaign("c.txtpb", {42}, {1}, 1, 4096);
-  ASSERT_TRUE(stack.StartCampaign("radio", file, {42}, 5));
-  ASSERT_TRUE(WaitFor([&] {
-    client.Ask("log radio 1 1 20");
-    return stack.Sum(42, 1) > 0;
-  }));
-  client.process().Signal(SIGKILL);
-  ASSERT_TRUE(WaitFor([&] {
-    return stack.LogOf("orb-hald").find("closed: its client died") != std::string::npos;
-  }));
-  ASSERT_TRUE(WaitFor([&] {
-    return stack.Ctl({"client", "list"}).out.find("radio") == std::string::npos;
-  }));
+  stack.manager().Signal(SIGTERM);
+  EXPECT_EQ(stack.manager().Wait(seconds(10)), 0);
+  stack.hal().Signal(SIGINT);
+  EXPECT_EQ(stack.hal().Wait(seconds(10)), 0);
+  EXPECT_THAT(stack.LogOf("orb-managerd"), HasSubstr("ending on signal 15"));
+  const CommandResult list = stack.Ctl({"client", "list"});
+  EXPECT_EQ(list.exit_code, 1);
+  EXPECT_EQ(list.err, "orbctl: the manager is not on the bus; start orb-managerd\n");
 }
 
 }  // namespace
