@@ -22,7 +22,6 @@ using android::IBinder;
 using android::Parcel;
 using android::sp;
 using android::String16;
-using android::binder::Status;
 using orb::test::ChildProcess;
 using orb::test::Recipient;
 using orb::test::Store;
@@ -55,16 +54,12 @@ class BusTest : public testing::Test {
   orb::test::PrivateBus bus_;
 };
 
-TEST_F(BusTest, PeerKeepsAnObjectUntilItLetsGoOrDies) {
+TEST_F(BusTest, PeerKeepsAnObjectUntilItDies) {
   const auto peer = Peer("one");
   const sp<IBinder> service = Check("one");
   ASSERT_NE(service, nullptr);
   Store(service, new TestObject());
-  EXPECT_EQ(TestObject::Alive(), 1);
   EXPECT_EQ(Stored(service)->pingBinder(), android::OK);
-  Store(service, nullptr);
-  EXPECT_TRUE(WaitFor([] { return TestObject::Alive() == 0; }));
-  Store(service, new TestObject());
   EXPECT_EQ(TestObject::Alive(), 1);
   peer->Signal(SIGKILL);
   EXPECT_TRUE(WaitFor([] { return TestObject::Alive() == 0; }));
@@ -84,20 +79,10 @@ TEST_F(BusTest, ThirdProcessUsesWhatItWasGiven) {
   const auto giver = Peer("giver");
   const auto taker = Peer("taker");
   const sp<IBinder> via = Check("giver");
-  sp<IBinder> mine(new TestObject());
-  Store(via, mine);
-  // Us to giver, then giver's own object to taker, through us.
-  Store(Check("taker"), via);
-  const sp<IBinder> back = Stored(Check("taker"));
-  EXPECT_EQ(back, via);
-  EXPECT_EQ(Stored(back), mine);
+  Store(Check("taker"), via);  // Through us.
+  EXPECT_EQ(Stored(Check("taker")), via);
   EXPECT_EQ(orb::test::Nest(Check("taker"), 4, via), 4)
       << "taker calls giver, which calls taker back";
-  giver->Signal(SIGKILL);
-  EXPECT_TRUE(WaitFor([&] { return !via->isBinderAlive(); }));
-  // A handle to a dead object still travels, and is dead there, too.
-  Store(Check("taker"), mine);
-  EXPECT_EQ(Check("taker")->pingBinder(), android::OK);
 }
 
 TEST_F(BusTest, CallerIsWhoTheBusSays) {
@@ -108,16 +93,6 @@ TEST_F(BusTest, CallerIsWhoTheBusSays) {
   EXPECT_EQ(reply.readInt32(), getpid());
   EXPECT_EQ(static_cast<uid_t>(reply.readInt32()), getuid());
   EXPECT_EQ(android::IPCThreadState::self()->getCallingPid(), getpid());
-}
-
-TEST_F(BusTest, NameBelongsToOneProcessUntilItEnds) {
-  auto peer = Peer("one");
-  const auto add = [mine = sp<IBinder>(new TestObject())] {
-    return android::defaultServiceManager()->addService(String16("one"), mine);
-  };
-  EXPECT_EQ(add(), Status::EX_ILLEGAL_STATE);
-  peer = nullptr;
-  EXPECT_TRUE(WaitFor([&] { return add() == android::OK; }));
 }
 
 TEST_F(BusTest, StoppedOwnerDoesNotHangTheLookup) {
@@ -143,7 +118,7 @@ TEST_F(BusTest, LostBusKillsEveryRemoteAndComesBack) {
   EXPECT_EQ(Check("one"), nullptr);
   EXPECT_EQ(android::ProcessState::self(), nullptr);
   EXPECT_EQ(android::defaultServiceManager()->addService(String16("x"), new TestObject()),
-            Status::EX_TRANSACTION_FAILED);
+            android::binder::Status::EX_TRANSACTION_FAILED);
   EXPECT_TRUE(WaitFor([] { return TestObject::Alive() == 0; }));
   bus_.Start();
   EXPECT_NE(android::ProcessState::self(), nullptr);

@@ -192,24 +192,22 @@ TEST_P(ContractTest, OnewayCallThatBlocksDoesNotHoldUpOthers) {
 }
 
 TEST_P(ContractTest, DescriptorsPassBothWays) {
-  for (int i = 0; i < 3; i++) {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    ASSERT_EQ(write(ends[1], "there", 5), 5);
-    close(ends[1]);
-    Parcel data;
-    Parcel reply;
-    data.writeFileDescriptor(ends[0], true);
-    ASSERT_EQ(service_->transact(orb::test::kDescriptor, data, &reply), android::OK);
-    std::string text;
-    ASSERT_EQ(reply.readUtf8FromUtf16(&text), android::OK);
-    EXPECT_EQ(text, "there");
-    android::base::unique_fd from;
-    ASSERT_EQ(reply.readUniqueFileDescriptor(&from), android::OK);
-    char got[8] = {};
-    EXPECT_EQ(read(from.get(), got, sizeof got), 4);
-    EXPECT_STREQ(got, "back");
-  }
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  ASSERT_EQ(write(ends[1], "there", 5), 5);
+  close(ends[1]);
+  Parcel data;
+  Parcel reply;
+  data.writeFileDescriptor(ends[0], true);
+  ASSERT_EQ(service_->transact(orb::test::kDescriptor, data, &reply), android::OK);
+  std::string text;
+  ASSERT_EQ(reply.readUtf8FromUtf16(&text), android::OK);
+  EXPECT_EQ(text, "there");
+  android::base::unique_fd from;
+  ASSERT_EQ(reply.readUniqueFileDescriptor(&from), android::OK);
+  char got[8] = {};
+  EXPECT_EQ(read(from.get(), got, sizeof got), 4);
+  EXPECT_STREQ(got, "back");
 }
 
 TEST_P(ContractTest, DumpsGoToTheCallersDescriptor) {

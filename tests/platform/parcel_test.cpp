@@ -77,7 +77,6 @@ TEST(ParcelTest, ReadersRefuseBrokenData) {
     const char* want;
   } kCases[] = {
       {"short number", "01000000", number, "NOT_ENOUGH_DATA"},
-      {"string past the end", "05000000 61006200", string, "NOT_ENOUGH_DATA"},
       {"huge string", "ffffff7f 61006200", string, "NOT_ENOUGH_DATA"},
       {"string without end", "01000000 61006200", string, "NOT_ENOUGH_DATA"},
       {"null string", "ffffffff", string, "UNEXPECTED_NULL"},
@@ -117,39 +116,22 @@ TEST(ParcelTest, ObjectsAreNeitherReadAsDataNorKeptWhenOverwritten) {
 }
 
 TEST(ParcelTest, OwnsItsDescriptorsAndCopiesThem) {
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
+  const int given = dup(STDERR_FILENO);
+  int copied = -1;
   {
     Parcel copy;
     {
       Parcel parcel;
       parcel.writeInt32(1);
-      parcel.writeParcelFileDescriptor(ends[0], true);
+      parcel.writeParcelFileDescriptor(given, true);
       ASSERT_EQ(copy.appendFrom(&parcel, 0, parcel.dataSize()), android::OK);
     }
-    EXPECT_EQ(fcntl(ends[0], F_GETFD), -1);
+    EXPECT_EQ(fcntl(given, F_GETFD), -1);
     copy.setDataPosition(4);
-    const int fd = copy.readParcelFileDescriptor();
-    EXPECT_NE(fcntl(fd, F_GETFD), -1);
-    ends[0] = fd;
+    copied = copy.readParcelFileDescriptor();
+    EXPECT_NE(fcntl(copied, F_GETFD), -1);
   }
-  EXPECT_EQ(fcntl(ends[0], F_GETFD), -1);
-  close(ends[1]);
-}
-
-TEST(ParcelTest, LeftOverDataIsAnException) {
-  Parcel parcel;
-  parcel.writeInt32(5);
-  parcel.setDataPosition(0);
-  const Status status = parcel.enforceNoDataAvail();
-  Parcel reply;
-  reply.writeInt64(1);
-  EXPECT_EQ(status.writeOverParcel(&reply), android::OK);
-  reply.setDataPosition(0);
-  Status back;
-  EXPECT_EQ(back.readFromParcel(reply), android::OK);
-  EXPECT_EQ(back.exceptionCode(), Status::EX_BAD_PARCELABLE);
-  EXPECT_STREQ(back.exceptionMessage().c_str(), "Parcel data not fully consumed, unread size: 4");
+  EXPECT_EQ(fcntl(copied, F_GETFD), -1);
 }
 
 TEST(StatusTest, TransportErrorIsNoException) {
@@ -160,9 +142,6 @@ TEST(StatusTest, TransportErrorIsNoException) {
   Parcel parcel;
   EXPECT_EQ(dead.writeToParcel(&parcel), android::DEAD_OBJECT);
   EXPECT_EQ(parcel.dataSize(), 0u);
-  EXPECT_TRUE(Status::fromStatusT(android::OK).isOk());
-  EXPECT_STREQ(Status::fromServiceSpecificError(7, "m").toString8().c_str(),
-               "Status(-8, EX_SERVICE_SPECIFIC): '7: m'");
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Tested by tests/platform/contract_test.cpp and service_name_test.cpp.
+// Tested by tests/platform/contract_test.cpp and bus_test.cpp.
 #include "platform/linux/src/service_managers.h"
 
 #include <binder/Status.h>
