@@ -47,19 +47,6 @@ TEST_F(NdkBinderTest, OneRemoteIsOneHandleAndDiesWithItsLastReference) {
   EXPECT_NE(Check().get(), nullptr);
 }
 
-TEST_F(NdkBinderTest, UserDataLivesAsLongAsAnybodyHoldsTheBinder) {
-  const int before = orb::test::live_echoes;
-  int args = 0;
-  SpAIBinder binder(AIBinder_new(EchoClass(), &args));
-  EXPECT_EQ(AIBinder_getUserData(binder.get()), &args);
-  ScopedAParcel parcel(AParcel_create());
-  ASSERT_EQ(AParcel_writeStrongBinder(parcel.get(), binder.get()), STATUS_OK);
-  binder.set(nullptr);
-  EXPECT_EQ(orb::test::live_echoes, before + 1);
-  parcel.set(nullptr);
-  EXPECT_EQ(orb::test::live_echoes, before);
-}
-
 TEST_F(NdkBinderTest, AClassFitsOnlyItsOwnDescriptor) {
   static AIBinder_Class* const other = DefineEcho("orb.test.Other");
   static AIBinder_Class* const twin = DefineEcho("orb.test.Echo");

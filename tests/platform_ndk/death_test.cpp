@@ -103,29 +103,4 @@ TEST_F(NdkDeathTest, OnlyRemoteObjectsDie) {
   EXPECT_EQ(AIBinder_DeathRecipient_new(nullptr), nullptr);
 }
 
-// What a client does: its notice drops the binder and the recipient itself.
-struct Client {
-  SpAIBinder binder;
-  ScopedAIBinder_DeathRecipient recipient;
-  Story story;
-
-  static void OnDied(void* cookie) {
-    auto* client = static_cast<Client*>(cookie);
-    client->binder.set(nullptr);
-    client->recipient.set(nullptr);
-  }
-  static void OnUnlinked(void* cookie) { Story::OnUnlinked(&static_cast<Client*>(cookie)->story); }
-};
-
-TEST_F(NdkDeathTest, ANoticeMayDropEverythingItWasMadeWith) {
-  Client client;
-  client.binder = std::move(remote_);
-  client.recipient.set(AIBinder_DeathRecipient_new(Client::OnDied));
-  AIBinder_DeathRecipient_setOnUnlinked(client.recipient.get(), Client::OnUnlinked);
-  ASSERT_EQ(AIBinder_linkToDeath(client.binder.get(), client.recipient.get(), &client), STATUS_OK);
-  ASSERT_TRUE(manager_->Kill(kName));
-  EXPECT_EQ(client.story.WaitFor(1), "u");
-  EXPECT_EQ(client.recipient.get(), nullptr);
-}
-
 }  // namespace

@@ -1,5 +1,4 @@
-// A small NDK class for tests: method 1 answers its number plus one. Objects
-// count themselves.
+// A small NDK class for tests: method 1 answers its number plus one.
 #pragma once
 
 #include <android/binder_auto_utils.h>
@@ -9,18 +8,11 @@
 #include <gtest/gtest.h>
 #include <orb_platform/local_service_manager.h>
 
-#include <atomic>
-
 namespace orb::test {
 
-inline std::atomic<int> live_echoes{0};
-
 inline AIBinder_Class* DefineEcho(const char* descriptor) {
-  const auto on_create = [](void* args) -> void* {
-    ++live_echoes;
-    return args;
-  };
-  const auto on_destroy = [](void*) { --live_echoes; };
+  const auto on_create = [](void* args) { return args; };
+  const auto on_destroy = [](void*) {};
   const auto on_transact = [](AIBinder*, transaction_code_t code, const AParcel* in,
                               AParcel* out) -> binder_status_t {
     if (code != 1) return STATUS_UNKNOWN_TRANSACTION;

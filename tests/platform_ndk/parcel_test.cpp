@@ -1,14 +1,11 @@
 // AParcel and AStatus: bytes on the wire, and parcels that lie.
 #include <android/binder_parcel_utils.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <aidl/android/hardware/common/NativeHandle.h>
 #include <aidl/vendor/nuv/orbsyshal_aidl/SetFdResult.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -68,24 +65,6 @@ TEST_F(NdkParcelTest, WritesTheBytesOfThePlatform) {
                                             2, 7, -8, 1, 12, -3, 9));
 }
 
-TEST_F(NdkParcelTest, ReadsBackWhatWasWritten) {
-  NativeHandle sent;
-  sent.fds.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  sent.ints = {0, 4096};
-  const std::string text = "\xc3\xbcml\xe4\xb8\xad";
-  Write(sent);
-  Write(text);
-  Write(int64_t{-3});
-  Rewind();
-  const auto received = Read<NativeHandle>();
-  EXPECT_EQ(received.ints, sent.ints);
-  ASSERT_EQ(received.fds.size(), 1u);
-  EXPECT_NE(received.fds[0].get(), sent.fds[0].get());
-  EXPECT_NE(fcntl(received.fds[0].get(), F_GETFD), -1);
-  EXPECT_EQ(Read<std::string>(), text);
-  EXPECT_EQ(Read<int64_t>(), -3);
-}
-
 TEST_F(NdkParcelTest, LengthsThatLieAreRefusedBeforeAnythingIsAllocated) {
   const auto bytes = ReadFrom<std::vector<uint8_t>>;
   const auto numbers = ReadFrom<std::vector<int32_t>>;
@@ -97,7 +76,6 @@ TEST_F(NdkParcelTest, LengthsThatLieAreRefusedBeforeAnythingIsAllocated) {
     binder_status_t (*read)(const AParcel*);
     binder_status_t want;
   } kCases[] = {
-      {"bytes: nothing", {}, bytes, STATUS_NOT_ENOUGH_DATA},
       {"bytes: null", {-1}, bytes, STATUS_UNEXPECTED_NULL},
       {"bytes: negative", {-2}, bytes, STATUS_BAD_VALUE},
       {"bytes: too many", {INT32_MAX, 0}, bytes, STATUS_NOT_ENOUGH_DATA},
@@ -143,8 +121,8 @@ TEST_F(NdkParcelTest, StatusesCrossWithTheirMessage) {
   Case cases[] = {
       {ScopedAStatus::ok(), EX_NONE, 0, STATUS_OK},
       {ScopedAStatus::fromExceptionCode(EX_SECURITY), EX_SECURITY, 0, STATUS_OK},
-      {ScopedAStatus::fromServiceSpecificErrorWithMessage(42, "why"), EX_SERVICE_SPECIFIC, 42,
-       STATUS_OK},
+      {ScopedAStatus::fromServiceSpecificErrorWithMessage(42, "\xc3\xbcml\xe4\xb8\xad"),
+       EX_SERVICE_SPECIFIC, 42, STATUS_OK},
       {ScopedAStatus::fromStatus(STATUS_DEAD_OBJECT), EX_TRANSACTION_FAILED, 0, STATUS_DEAD_OBJECT},
       {ScopedAStatus::fromStatus(-12345), EX_TRANSACTION_FAILED, 0, STATUS_UNKNOWN_ERROR},
       {ScopedAStatus(), EX_TRANSACTION_FAILED, 0, STATUS_UNEXPECTED_NULL},
