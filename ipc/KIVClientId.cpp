@@ -1,5 +1,5 @@
 // KIVClientId := body(token:String clientId:i32)
-// Tested by tests/ipc/parcelable_test.cpp.
+// Tested by tests/ipc/transaction_test.cpp.
 #include "ipc/KIVClientId.h"
 
 #include "ipc/parcel_body.h"

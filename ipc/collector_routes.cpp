@@ -1,4 +1,4 @@
-// Tested by tests/ipc/manager_client_test.cpp.
+// Tested by tests/ipc/hal_client_test.cpp.
 #include "ipc/collector_routes.h"
 
 #include "utility/checked.h"

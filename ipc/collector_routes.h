@@ -5,7 +5,7 @@
 // reaches a destroyed collector, although it holds no lock while it runs.
 //
 // Thread-safe. The one mutex is a leaf: nothing is called with it held.
-// Tested by tests/ipc/manager_client_test.cpp.
+// Tested by tests/ipc/hal_client_test.cpp.
 #pragma once
 
 #include <cstdint>

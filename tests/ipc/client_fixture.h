@@ -35,10 +35,6 @@ class MortalServices : public orb_platform::LocalServiceManager {
     android::status_t linkToDeath(const android::sp<DeathRecipient>&, void*, uint32_t) override {
       return android::DEAD_OBJECT;
     }
-    android::status_t onTransact(uint32_t, const android::Parcel&, android::Parcel*,
-                                 uint32_t) override {
-      return android::DEAD_OBJECT;
-    }
   };
 };
 

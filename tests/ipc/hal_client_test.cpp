@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <atomic>
 #include <future>
 #include <thread>
 #include <tuple>
@@ -155,7 +156,9 @@ TEST_F(HalClientTest, RegionsAreAnnouncedWrittenAndWithdrawn) {
   uint32_t region = 0;
   ASSERT_EQ(client_->setupFD(fd_.get(), 8, 56, "tok", &region), 0);
   EXPECT_EQ(region, 1u);
-  EXPECT_NE(fcntl(fd_.get(), F_GETFD), -1);  // Still ours.
+  EXPECT_TRUE(hal_->Complete(1, 0, 0, 0));
+  EXPECT_TRUE(Logged("fd_write_done - No entry found for fd_token: 1"));  // Nobody has "tok".
+  EXPECT_NE(fcntl(fd_.get(), F_GETFD), -1);                               // Still ours.
   Lines want = {"set_fd 8 56"};
   const std::pair<int, int> kCompress[] = {{0, 0}, {1, 1}, {2, 2}, {3, 0}, {5, 0}, {-1, 0}};
   for (const auto& [given, sent] : kCompress) {
@@ -189,13 +192,14 @@ TEST_F(HalClientTest, RefusalsAndTransportErrorsOfRegions) {
   EXPECT_TRUE(Logged("UnsetFD: orbsyshal->unset_fd(1) HIDL transport error"));
 }
 
-TEST_F(HalClientTest, CompletionMayComeInsideTheAnnouncement) {
+TEST_F(HalClientTest, CompletionsReachARegionUntilItIsUnset) {
   StartManager();
   StartHal();
   kiv_fd_handle_s* const handle = NewRegion();
   ASSERT_NE(handle, nullptr);
   std::tuple<kiv_fd_handle_s*, uint32_t, uint32_t, int> seen;
   on_complete = [&](auto... parts) { seen = {parts...}; };
+  // Also inside the announcement, and without a manager.
   hal_->SetScript([&](const std::string&) {
     return std::async(std::launch::async, [&] { return hal_->Complete(1, 16, -1, -3); }).get()
                ? Answer::kNormal
@@ -204,7 +208,13 @@ TEST_F(HalClientTest, CompletionMayComeInsideTheAnnouncement) {
   EXPECT_EQ(kiv_log_fd_buf(handle, 0, 16, 4), 0);
   EXPECT_EQ(seen, std::make_tuple(handle, 16u, 0xffffffffu, -3));
   hal_->SetScript(nullptr);
-  EXPECT_EQ(kiv_unset_fd(handle), 0);
+  KillManager();
+  EXPECT_TRUE(hal_->Complete(1, 20, 0, 0));
+  EXPECT_EQ(std::get<1>(seen), 20u);
+  EXPECT_EQ(client_->UnsetFD("token-1", 1), 0);
+  EXPECT_TRUE(hal_->Complete(1, 24, 0, 0));
+  EXPECT_EQ(std::get<1>(seen), 20u);
+  EXPECT_TRUE(Logged("fd_write_done - No entry found for fd_token: 1"));
   free(handle);
 }
 
@@ -215,7 +225,9 @@ TEST_F(HalClientTest, DeregisterWaitsForACompletionUnderWay) {
   ASSERT_NE(handle, nullptr);
   std::promise<void> entered;
   std::promise<void> leave;
+  std::atomic<bool> first{true};
   on_complete = [&](kiv_fd_handle_s* h, uint32_t, uint32_t, int) {
+    if (!first.exchange(false)) return;
     entered.set_value();
     leave.get_future().wait();
     EXPECT_EQ(h->collector->name(), "radio");  // Not destroyed yet.
@@ -223,13 +235,13 @@ TEST_F(HalClientTest, DeregisterWaitsForACompletionUnderWay) {
   auto done = std::async(std::launch::async, [&] { return hal_->Complete(1, 0, 0, 0); });
   entered.get_future().wait();
   auto gone = std::async(std::launch::async, [&] { return Deregister(handle->collector); });
-  // The manager has been told, so only the wait for the completion is left.
-  while (manager_->Calls().back() != "deregister token-1") std::this_thread::yield();
+  // New ones do not find it any more, so only the wait is left.
+  EXPECT_TRUE(orb::test::WaitFor([&] {
+    return hal_->Complete(1, 0, 0, 0) && Logged("fd_write_done - No entry found for fd_token: 1");
+  }));
   leave.set_value();
   EXPECT_TRUE(done.get());
   EXPECT_EQ(gone.get(), 0);
-  EXPECT_TRUE(hal_->Complete(1, 0, 0, 0));
-  EXPECT_TRUE(Logged("fd_write_done - No entry found for fd_token: 1"));
   free(handle);
 }
 

@@ -16,7 +16,6 @@
 
 using android::BBinder;
 using android::IBinder;
-using android::IInterface;
 using android::OK;
 using android::Parcel;
 using android::sp;
@@ -61,6 +60,19 @@ const std::string kCallbackToken =
     kTokenHead + "0c000000 49004b00 49005600 43006100 6c006c00 62006100 63006b00 00000000";
 const std::string kTok = "03000000 74006f00 6b000000";
 
+KIVCampConfig Campaign() {
+  KIVCampConfig config;
+  config.campId = 77;
+  config.campaignDef = {10, 11, 12};
+  config.licInfo.resize(2);
+  config.licInfo[0].licSN = 0x0102030405060708;
+  config.licInfo[0].sKeyEncAlgo = 2;
+  config.licInfo[0].pKeyEncAlgo = 1;
+  config.licInfo[0].encryptionPKey = {'P', 'E', 'M', '\n', '!'};
+  config.licInfo[1].licSN = -1;
+  return config;
+}
+
 struct Row {
   bool manager;  // Else the callback interface.
   uint32_t code;
@@ -86,12 +98,13 @@ const Row kRows[] = {
        return status;
      },
      1},
-    {false, 1, 0, kTok + "01000000 14000000 4d00000000000000 00000000 00000000",
+    {false, 1, 0,
+     kTok + "01000000 58000000 4d00000000000000 03000000 0a0b0c00 02000000"
+            "01000000 20000000 0807060504030201 02000000 01000000 05000000 50454d0a21000000"
+            "01000000 18000000 ffffffffffffffff 00000000 00000000 00000000",
      "00000000 feffffff", "start tok 77",
      [](auto& peer, auto* result) {
-       KIVCampConfig config;
-       config.campId = 77;
-       return BpKIVCallback(peer).StartSession("tok", config, result);
+       return BpKIVCallback(peer).StartSession("tok", Campaign(), result);
      },
      -2},
     {false, 2, 0, kTok + "4d00000000000000", "00000000", "stop tok 77",
@@ -133,6 +146,7 @@ TEST(TransactionTest, BothHalvesSpeakGoldenBytes) {
     EXPECT_EQ(tap->request_hex,
               Compact((row.manager ? kManagerToken : kCallbackToken) + row.arguments));
     EXPECT_EQ(stubs.Served(), row.served);
+    EXPECT_TRUE(result != -2 || stubs.callback->Started() == Campaign());
     EXPECT_EQ(tap->reply_hex, Compact(row.reply));
     EXPECT_EQ(result, row.result);
   }
@@ -142,7 +156,7 @@ TEST(TransactionTest, RegistrationCarriesTheCallback) {
   const Stubs stubs;
   const sp<Tap> tap(new Tap(stubs.manager));
   KIVClientInfo info;
-  info.clientName = "abc";
+  info.clientName = "\xc3\xa9\xf0\x9f\x98\x80";  // Two and four bytes of UTF-8.
   info.clientType = 2;
   info.clientOption = -1;
   KIVClientId id;
@@ -150,13 +164,13 @@ TEST(TransactionTest, RegistrationCarriesTheCallback) {
   EXPECT_EQ(id.token, "token-1");
   EXPECT_EQ(id.clientId, 41);
   EXPECT_EQ(tap->code, 1u);
-  EXPECT_EQ(stubs.Served(), "register abc 2 -1");
+  EXPECT_EQ(stubs.Served(), "register " + info.clientName + " 2 -1");
   EXPECT_EQ(stubs.manager->Callback(), stubs.callback);
   EXPECT_EQ(tap->reply_hex, Compact("00000000 01000000 1c000000"
                                     "07000000 74006f006b0065006e002d0031000000 29000000"));
   // Behind the record a local object: type, flags, two words of its own, its stability.
   const std::string info_hex =
-      Compact(kManagerToken + "01000000 18000000 03000000 61006200 63000000 02000000 ffffffff");
+      Compact(kManagerToken + "01000000 18000000 03000000 e9003dd8 00de0000 02000000 ffffffff");
   EXPECT_EQ(tap->request_hex.size(), 2u * 96);
   EXPECT_EQ(tap->request_hex.substr(0, info_hex.size() + 8), info_hex + "852a6273");
 }
@@ -170,18 +184,17 @@ struct BadRequest {
   const char* want;
 };
 
+const char kLeftOver[] =
+    "Status(-2, EX_BAD_PARCELABLE): 'Parcel data not fully consumed, unread size: 4'";
+const char kNull[] = "Status(-4, EX_NULL_POINTER): ''";
 const BadRequest kBadRequests[] = {
     {"token of the other interface", true, 3, kCallbackToken + kTok, "BAD_TYPE"},
     {"no token", true, 3, "", "BAD_TYPE"},
-    {"code 0", true, 0, kManagerToken, "UNKNOWN_TRANSACTION"},
     {"code 5", true, 5, kManagerToken + kTok, "UNKNOWN_TRANSACTION"},
-    {"code 5 of the callback", false, 5, kCallbackToken + kTok, "UNKNOWN_TRANSACTION"},
-    {"bytes behind the arguments", true, 3, kManagerToken + kTok + "00000000", "EX_BAD_PARCELABLE"},
-    {"bytes behind a one-way call", true, 2, kManagerToken + kTok + "00000000",
-     "EX_BAD_PARCELABLE"},
-    {"null string", true, 3, kManagerToken + "ffffffff", "EX_NULL_POINTER"},
-    {"null parcelable", false, 1, kCallbackToken + kTok + "00000000", "EX_NULL_POINTER"},
-    {"null bytes", true, 4, kManagerToken + "ffffffff" + kTok, "EX_NULL_POINTER"},
+    {"bytes behind the arguments", true, 3, kManagerToken + kTok + "00000000", kLeftOver},
+    {"bytes behind a one-way call", true, 2, kManagerToken + kTok + "00000000", kLeftOver},
+    {"null string", true, 3, kManagerToken + "ffffffff", kNull},
+    {"null parcelable", false, 1, kCallbackToken + kTok + "00000000", kNull},
     {"argument missing", false, 4, kCallbackToken + kTok + "4d00000000000000", "NOT_ENOUGH_DATA"},
 };
 
@@ -197,9 +210,9 @@ TEST(TransactionTest, StubRefusesWhatItCannotRead) {
     if (transaction == OK) {
       EXPECT_EQ(status.readFromParcel(reply), OK);
     }
-    EXPECT_EQ(transaction == OK ? Status::exceptionToString(status.exceptionCode())
-                                : android::statusToString(transaction),
-              c.want);
+    EXPECT_STREQ(transaction == OK ? status.toString8().c_str()
+                                   : android::statusToString(transaction).c_str(),
+                 c.want);
     EXPECT_EQ(stubs.Served(), "");
   }
   const Stubs stubs;
@@ -211,16 +224,11 @@ TEST(TransactionTest, StubRefusesWhatItCannotRead) {
 }
 
 TEST(TransactionTest, TransportErrorsBecomeTheStatus) {
-  const sp<Tap> peer(new Tap());
-  for (const status_t error : {android::DEAD_OBJECT, android::FAILED_TRANSACTION}) {
-    peer->result = error;
-    const Status status = BpKIVManager(peer).deregisterKIVClient("tok");
-    EXPECT_EQ(status.exceptionCode(), Status::EX_TRANSACTION_FAILED);
-    EXPECT_EQ(status.transactionError(), error);
-  }
-  peer->result = OK;  // Not even a status.
+  const sp<Tap> peer(new Tap());  // Answers with not even a status.
   EXPECT_EQ(BpKIVManager(peer).deregisterKIVClient("tok").transactionError(),
             android::NOT_ENOUGH_DATA);
+  peer->result = android::DEAD_OBJECT;
+  EXPECT_EQ(BpKIVManager(peer).deregisterKIVClient("tok").transactionError(), android::DEAD_OBJECT);
 }
 
 TEST(TransactionTest, DefaultImplementationAnswersForAnOldManager) {
@@ -234,24 +242,12 @@ TEST(TransactionTest, DefaultImplementationAnswersForAnOldManager) {
   peer->result = android::UNKNOWN_TRANSACTION;
   BpKIVManager proxy(peer);
   bool done = false;
-  EXPECT_EQ(proxy.sendData({1, 2, 3}, "tok", &done).transactionError(),
-            android::UNKNOWN_TRANSACTION);
-
   EXPECT_FALSE(IKIVManager::setDefaultImpl(nullptr));
   EXPECT_TRUE(IKIVManager::setDefaultImpl(sp<IKIVManager>(new OldManagerHelp())));
   EXPECT_FALSE(IKIVManager::setDefaultImpl(sp<IKIVManager>(new IKIVManagerDefault())));
   EXPECT_TRUE(proxy.sendData({1, 2, 3}, "tok", &done).isOk());
   EXPECT_TRUE(done);
   EXPECT_EQ(proxy.deregisterKIVClient("tok").transactionError(), android::UNKNOWN_TRANSACTION);
-}
-
-TEST(TransactionTest, AsInterfaceFindsTheLocalObject) {
-  EXPECT_EQ(IKIVManager::asInterface(nullptr), nullptr);
-  const sp<IKIVManager> manager(new orb::test::FakeManager());
-  EXPECT_EQ(IKIVManager::asInterface(IInterface::asBinder(manager)), manager);
-  const sp<IKIVManager> proxy = IKIVManager::asInterface(sp<IBinder>(new Tap()));
-  ASSERT_NE(proxy, nullptr);
-  EXPECT_TRUE(proxy->getInterfaceDescriptor() == android::String16("IKIVManager"));
 }
 
 }  // namespace
