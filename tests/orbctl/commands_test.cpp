@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "tests/support/child_process.h"
@@ -73,21 +74,17 @@ TEST(ClientDumpTest, JsonNestsWhatTheLinesSay) {
             R"("x":{"y":{"":1,"a":""}}})");
 }
 
-mode_t ModeOf(const std::string& path) {
-  struct stat info {};
-  return stat(path.c_str(), &info) == 0 ? info.st_mode & 0777U : 0;
-}
-
 TEST(KeyCommandTest, MakesAPairThatOnlyItsOwnerReads) {
+  namespace fs = std::filesystem;
   const orb::test::TempDir temp;
   const std::string dir = temp.path() + "/new/keys";
   umask(0);
   ASSERT_EQ(NewKey(dir, false), 0);
-  EXPECT_EQ(ModeOf(dir + "/private.pem"), 0600U);
-  EXPECT_EQ(ModeOf(dir + "/public.pem"), 0644U);
+  EXPECT_EQ(fs::status(dir + "/private.pem").permissions(), fs::perms{0600});
+  EXPECT_EQ(fs::status(dir + "/public.pem").permissions(), fs::perms{0644});
 
   // One that is there stays, and gets no partner.
-  ASSERT_EQ(unlink((dir + "/private.pem").c_str()), 0);
+  ASSERT_TRUE(fs::remove(dir + "/private.pem"));
   const std::string mine = orb::test::ReadFileOrEmpty(dir + "/public.pem");
   EXPECT_EQ(NewKey(dir, false), 1);
   EXPECT_EQ(orb::test::ListFiles(dir), (std::vector<std::string>{"public.pem"}));

@@ -10,6 +10,7 @@
 
 #include "proto/telemetry_footer.pb.h"
 #include "tests/crypto/sealed_payload.h"
+#include "tests/support/child_process.h"
 #include "utility/byte_order.h"
 
 namespace orb::orbctl::test {
@@ -34,17 +35,13 @@ inline const std::string& PrivatePem(int number) { return Pair(number).private_p
 inline const std::string& PublicPem(int number) { return Pair(number).public_pem; }
 
 inline std::string Gzip(const std::string& data) {
-  z_stream stream{};
-  EXPECT_EQ(deflateInit2(&stream, 6, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY), Z_OK);
-  std::string out(deflateBound(&stream, data.size()), '\0');
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
-  stream.avail_in = static_cast<uInt>(data.size());
-  stream.next_out = reinterpret_cast<Bytef*>(out.data());
-  stream.avail_out = static_cast<uInt>(out.size());
-  EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
-  out.resize(stream.total_out);
-  deflateEnd(&stream);
-  return out;
+  const orb::test::TempDir dir;
+  const std::string path = dir.path() + "/gzip";
+  gzFile file = gzopen(path.c_str(), "wb");
+  EXPECT_EQ(gzwrite(file, data.data(), static_cast<unsigned>(data.size())),
+            static_cast<int>(data.size()));
+  EXPECT_EQ(gzclose(file), Z_OK);
+  return orb::test::ReadFileOrEmpty(path);
 }
 
 // The whole file.

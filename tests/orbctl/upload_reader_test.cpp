@@ -39,7 +39,8 @@ UploadPlan Sealed(bool gcm) {
 }
 
 TEST(UploadReaderTest, OpensPlainZippedAndSealedUploads) {
-  const PrivateKey keys[] = {{"other.pem", PrivatePem(2)}, {"owner.pem", PrivatePem(1)}};
+  const PrivateKey keys[] = {
+      {"other.pem", PrivatePem(2)}, {"none.pem", "no key at all"}, {"owner.pem", PrivatePem(1)}};
   UploadPlan plain;
   plain.records = kRecords;
   plain.gzip = false;  // As from a shared-memory slot: the flag says 1, the data are plain.
@@ -52,6 +53,10 @@ TEST(UploadReaderTest, OpensPlainZippedAndSealedUploads) {
     EXPECT_EQ(upload.status, UploadStatus::kOpened) << upload.reason;
     EXPECT_EQ(Text(upload.records), kRecords);
     EXPECT_EQ(upload.key_path, key);
+    if (plan.public_pem.empty()) continue;
+    EXPECT_EQ(OpenUpload(BuildUpload(plan), {}).reason, "encrypted, and no --key is given");
+    EXPECT_EQ(OpenUpload(BuildUpload(plan), std::span(keys).first(2)).reason,
+              "encrypted, and none of the keys opens it");
   }
 }
 
@@ -64,15 +69,6 @@ TEST(UploadReaderTest, ReadsEveryNumberOfTheHeader) {
                         h.timestamp_ms, h.length_bytes, h.compressed, h.boot_ms, h.zone_minutes,
                         h.campaign_id, h.seqno, h.lic_sn, h.encrypted),
             "7 4 1 1763716800000 6 true 5000 -180 9 3 42 false");
-}
-
-TEST(UploadReaderTest, SaysWhyASealedUploadStaysShut) {
-  const PrivateKey wrong[] = {{"a", PrivatePem(2)}, {"b", "no key at all"}};
-  for (const bool gcm : {true, false}) {
-    const Bytes file = BuildUpload(Sealed(gcm));
-    EXPECT_EQ(OpenUpload(file, {}).reason, "encrypted, and no --key is given");
-    EXPECT_EQ(OpenUpload(file, wrong).reason, "encrypted, and none of the keys opens it");
-  }
 }
 
 // Damage of one place.
@@ -111,7 +107,6 @@ TEST(UploadReaderTest, NamesEveryDamageWithItsPlace) {
     Damage damage;
     std::optional<uint64_t> offset;
   } kCases[] = {
-      {"the file ends inside the 66-byte header", plain, Resize(0), 0},
       {"the file ends inside the 66-byte header", plain, Resize(65), 65},
       {"the first word is not 9", plain, Set(3, 8), 0},
       {"the header size is not 66", plain, Set(7, 65), 4},
@@ -123,7 +118,6 @@ TEST(UploadReaderTest, NamesEveryDamageWithItsPlace) {
       {"3 bytes follow the announced end", plain, Resize(end + 3), end},
       {"nothing follows the header", plain, ResizeKnowingly(66), 66},
       {"a footer offset, but", plain, Set32(62, 70), 62},
-      {"footer offset 0 lies outside", plain, Set(61, 1), 62},
       {"the gzip stream is damaged: ", plain, Set(66 + 2, 7), kAnywhere},
       {"the gzip stream is damaged: ", plain, Set(end - 5, 0xEE), kAnywhere},
       {"the gzip stream is cut short", plain, ResizeKnowingly(end - 4), end - 4},
