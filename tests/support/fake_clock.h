@@ -15,7 +15,7 @@ class FakeClock {
   // Monotonic time starts at 1.25 s, the wall clock at second 100.
   FakeClock() {
     SetSteady(std::chrono::milliseconds(1250));
-    SetWall(100);
+    wall_s_ = 100;
     kpi_clock::steady_now = [] {
       return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(steady_ns_.load()));
     };
@@ -29,7 +29,6 @@ class FakeClock {
   FakeClock& operator=(const FakeClock&) = delete;
 
   void SetSteady(std::chrono::nanoseconds since_start) { steady_ns_ = since_start.count(); }
-  void SetWall(int64_t seconds) { wall_s_ = seconds; }
   void AdvanceSteady(std::chrono::nanoseconds by) { steady_ns_ += by.count(); }
   void AdvanceWall(int64_t seconds) { wall_s_ += seconds; }
 

@@ -33,20 +33,18 @@ void Log(const __android_logger_data* data, const char* message) {
 
 }  // namespace
 
-// Debug lines count too; outside Android liblog drops them otherwise.
-LogCapture::LogCapture()
-    : previous_priority_(__android_log_set_minimum_priority(ANDROID_LOG_VERBOSE)) {
+LogCapture::LogCapture() {
   // Before the registry's lock: liblog calls Log with a lock of its own held.
   // Stays set for good; without captures Log does what liblog does by itself.
   __android_log_set_logger(Log);
   Registry& registry = GetRegistry();
   MutexLock lock(registry.mutex);
   registry.captures.push_back(this);
-  if (registry.captures.size() == 1) __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+  // Debug lines count too; outside Android liblog drops them otherwise.
+  __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
 }
 
 LogCapture::~LogCapture() {
-  __android_log_set_minimum_priority(previous_priority_);
   Registry& registry = GetRegistry();
   MutexLock lock(registry.mutex);
   std::erase(registry.captures, this);

@@ -53,7 +53,6 @@ class LogCapture {
   void Add(LogLine line) EXCLUDES(mutex_);
 
  private:
-  const int previous_priority_;
   mutable Mutex mutex_;
   std::vector<LogLine> lines_ GUARDED_BY(mutex_);
 };
