@@ -269,7 +269,7 @@ TEST(SharedRegionTest, RefusesWhatIsNoSharedMemory) {
   };
   Case cases[] = {
       {"none", UniqueFd(), 0, 4},
-      {"device", UniqueFd(open("/dev/zero", O_RDONLY)), 0, 4},
+      {"directory", UniqueFd(open("/", O_RDONLY | O_DIRECTORY)), 0, 4},
       {"cannot be read", UniqueFd(open(path.c_str(), O_WRONLY)), 0, 4},
       {"no length", Memory(kRegion), 0, 0},
       {"negative offset", Memory(kRegion), -4, 4},
