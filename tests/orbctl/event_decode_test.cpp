@@ -96,6 +96,7 @@ TEST_F(EventDecodeTest, DamageIsNamedWithItsOffset) {
       {"short header", one + one.substr(0, 19), 1, "the file ends inside an entry"},
       {"no header", one + std::string(40, '\0'), 1, "no entry header: its size says 0"},
       {"list", one + changed(tag_at + 4, 9) + one, 2, "no list of 32-bit words"},
+      {"count", one + changed(tag_at + 5, 2) + one, 2, "no list of 32-bit words"},
       {"element", one + changed(tag_at + 6, 1) + one, 2, "no list of 32-bit words"},
       {"record", one + changed(tag_at + 7, 7) + one, 2, "no event record"},
   };

@@ -71,6 +71,7 @@ TEST(RecordSplitterTest, NamesDamage) {
     const char* want;
   } kCases[] = {
       {std::string("\x32\x00", 2), "field 6 of wire type 2 is no record"},
+      {std::string("\x0a\x00", 2), "field 1 of wire type 2 is no record"},
       {"\x10\x05", "field 2 of wire type 0 is no record"},
       {std::string(12, '\xff'), "the tag of a record is cut off or too long"},
       {"\x12" + std::string(12, '\xff'), "the length of a record is cut off"},
