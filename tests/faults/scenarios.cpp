@@ -33,6 +33,15 @@ void KillHal(World& world) {
   world.StartHal();
 }
 
+void KillBoth(World& world) {
+  world.KillManager();
+  world.KillHal(SIGKILL);
+  world.Pause(300);
+  world.StartManager();
+  world.StartHal();
+  RecoverMostly(world);
+}
+
 // The clean end of the service, as for an update.
 void RestartHal(World& world) {
   world.KillHal(SIGTERM);
@@ -211,6 +220,7 @@ const std::vector<Scenario>& Scenarios() {
       {"manager-kill-sync", "the same, to a client that registers synchronously", KillManager,
        kLossless | kSync},
       {"hal-kill", "the HAL is killed", KillHal, kHalUnheard},
+      {"both-kill", "manager and HAL are killed", KillBoth, kHalUnheard},
       {"hal-restart", "the HAL is ended and started", RestartHal},
       {"bus-restart", "the bus daemon is killed", RestartBus, kHalUnheard},
       {"hal-slow", "the HAL takes 200 ms a call", SlowHal, kLossless | kOddHal},

@@ -54,21 +54,23 @@ void World::Pause(int max_ms) {
   std::this_thread::sleep_for(milliseconds(1 + Random(static_cast<uint64_t>(max_ms))));
 }
 
-size_t World::Published(const std::string& log) const {
+size_t World::CountLines(const std::string& log, const std::string& text) const {
   const std::string content = stack_.LogOf(log);
   size_t count = 0;
-  for (size_t at = 0; (at = content.find("is published", at)) != std::string::npos; ++at) ++count;
+  for (size_t at = 0; (at = content.find(text, at)) != std::string::npos; ++at) ++count;
   return count;
 }
 
-void World::WaitPublished(const std::string& log, size_t before) {
-  Expect(WaitFor([&] { return Published(log) > before; }, kPatience), log + " is not published");
+bool World::WaitForLine(const std::string& log, const std::string& text, size_t before) {
+  const bool there = WaitFor([&] { return CountLines(log, text) > before; }, kPatience);
+  Expect(there, log + " does not say: " + text);
+  return there;
 }
 
 void World::StartManager() {
-  const size_t before = Published("orb-managerd");
+  const size_t before = CountLines("orb-managerd", "is published");
   stack_.StartManager();
-  WaitPublished("orb-managerd", before);
+  WaitForLine("orb-managerd", "is published", before);
 }
 
 void World::StartHal() {
@@ -77,9 +79,9 @@ void World::StartHal() {
     Expect(odd_hal_.ReadLine(kPatience) == "ready", "the HAL does not start");
     return;
   }
-  const size_t before = Published("orb-hald");
+  const size_t before = CountLines("orb-hald", "is published");
   stack_.StartHal();
-  WaitPublished("orb-hald", before);
+  WaitForLine("orb-hald", "is published", before);
 }
 
 void World::KillManager() {
@@ -95,13 +97,13 @@ void World::KillHal(int signal) {
 }
 
 void World::RestartBus() {
-  const size_t manager = Published("orb-managerd");
-  const size_t hal = Published("orb-hald");
+  const size_t manager = CountLines("orb-managerd", "is published");
+  const size_t hal = CountLines("orb-hald", "is published");
   stack_.bus().Kill();
   Pause(300);
   stack_.bus().Start();
-  WaitPublished("orb-managerd", manager);
-  WaitPublished("orb-hald", hal);
+  WaitForLine("orb-managerd", "is published", manager);
+  WaitForLine("orb-hald", "is published", hal);
 }
 
 void World::Mood(const std::string& word) { Expect(odd_hal_.Send(word), "the HAL is gone"); }

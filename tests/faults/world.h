@@ -74,9 +74,8 @@ class World {
   void WriteCampaign();
   void DumpStacks(ChildProcess* process, const std::string& who);
   void CheckLogs();
-  // How often the service with that log has published itself.
-  size_t Published(const std::string& log) const;
-  void WaitPublished(const std::string& log, size_t before);
+  bool WaitForLine(const std::string& log, const std::string& text, size_t before);
+  size_t CountLines(const std::string& log, const std::string& text) const;
 
   const Scenario& scenario_;
   std::mt19937_64 random_;
