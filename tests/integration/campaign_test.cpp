@@ -26,8 +26,8 @@ class CampaignTest : public ::testing::Test {
   }
 
   DumpLines Dump() { return DumpLines(stack_.Ctl({"client", "dump", "radio"}).out); }
-  void WaitForWriter() {
-    ASSERT_TRUE(WaitFor([&] { return Dump().Value("queue").rfind("depth=0 ", 0) == 0; }));
+  bool WaitForWriter() {
+    return WaitFor([&] { return Dump().Value("queue").rfind("depth=0 ", 0) == 0; });
   }
 
   Stack stack_;
@@ -51,11 +51,11 @@ TEST_F(CampaignTest, CarriesSamplesFromLogToDecodedRecords) {
   // Some 60 slots, at a pace that the HAL can keep.
   for (int i = 0; i < 100; ++i) ASSERT_EQ(client_.Ask("log sensor 1 10 2"), "0");
 
-  WaitForWriter();
+  ASSERT_TRUE(WaitForWriter());
   ASSERT_EQ(stack_.Ctl({"campaign", "lic-stop", "radio", "77"}).exit_code, 0);
   EXPECT_THAT(stack_.Ctl({"client", "list"}).out, HasSubstr(" 9 running -77\n"));
   Ask("log radio 2 100 6", "0");  // The sixth closes the first window.
-  WaitForWriter();
+  ASSERT_TRUE(WaitForWriter());
   ASSERT_EQ(stack_.Ctl({"campaign", "lic-start", "radio", "77"}).exit_code, 0);
   Ask("log radio 2 10 3", "0");
   ASSERT_EQ(stack_.Ctl({"campaign", "stop", "radio"}).exit_code, 0);
@@ -138,6 +138,94 @@ TEST_F(CampaignTest, RefusesBadInputWithAReason) {
     EXPECT_THAT(result.err, HasSubstr(c.reason));
   }
   EXPECT_TRUE(stack_.StartCampaign("radio", good, {42}, 1)) << "the refusals left no trace";
+}
+
+// Samples logged = samples in decoded records + samples counted as lost, exactly,
+// for each owner.
+class LossBooksTest : public CampaignTest {
+ protected:
+  void Log(uint32_t kpi, uint64_t count) {
+    Ask("log radio " + std::to_string(kpi) + " 1 " + std::to_string(count), "0");
+    logged_ += count;
+  }
+  void LogBlob(uint32_t bytes, const char* want) {
+    Ask("blob radio 3 " + std::to_string(bytes), want);
+    ++logged_;
+  }
+
+  uint64_t logged_ = 0;
+};
+
+TEST_F(LossBooksTest, MatchWhatIsDecoded) {
+  stack_.StartHal();
+  stack_.StartManager();
+  Register("radio", " sync");
+  const std::string file = stack_.path("c.txtpb");
+  WriteFile(file,
+            "threshold_size: 4194304 threshold_time: 60\n"
+            "kpi_cfgs { kpi_id: 1 type: KPI_NUMERIC sub_type: COUNTER sample_window: 3 }\n"
+            "kpi_cfgs { kpi_id: 2 type: KPI_NUMERIC sub_type: GAUGE sample_window: 4\n"
+            "  g_cfg { report_mean: true } }\n"
+            "kpi_cfgs { kpi_id: 3 type: KPI_BLOB\n"
+            "  b_cfg { single_sample_size_threshold_bytes: 2000 sample_rate: 1 } }\n"
+            "kpi_cfgs { kpi_id: 4 type: KPI_NUMERIC sub_type: HISTOGRAM sample_window: 500\n"
+            "  h_cfg { bucket_bounds: [0, 10] } }\n"
+            "lic_sn_kpi_maps { lic_sn: 42 kpi_ids: [1, 2, 3, 4] }\n"
+            "lic_sn_kpi_maps { lic_sn: 77 kpi_ids: [1] encrypt: true }\n");
+  ASSERT_TRUE(stack_.StartCampaign("radio", file, {42, 77}, 9));
+
+  Log(4, 1234);
+  Log(2, 21);
+  Ask("flush radio", "0");
+  ASSERT_TRUE(WaitForWriter());
+
+  stack_.hal().Signal(SIGKILL);
+  stack_.hal().Wait(seconds(5));
+  Log(1, 20);
+  Ask("flush radio", "0");
+  ASSERT_TRUE(WaitFor([&] { return Dump().Number("owner.42.lost.hal", "samples") > 0; }));
+  stack_.StartHal();
+  // Flush until the HAL is back on the bus.
+  const uint64_t arrived = Dump().Number("owner.42.sent", "events");
+  ASSERT_TRUE(WaitFor([&] {
+    Log(1, 3);
+    Ask("flush radio", "0");
+    return WaitForWriter() && Dump().Number("owner.42.sent", "events") > arrived;
+  }));
+
+  // Eight blobs fit, the ninth in part, the tenth not at all.
+  Ask("limit 16384", "ok");
+  for (int i = 0; i < 10; ++i) LogBlob(1900, "0");
+  Ask("flush radio", "0");
+  ASSERT_TRUE(WaitForWriter());
+  EXPECT_EQ(Dump().Number("owner.42.lost.short_write", "records"), 2u);
+  Ask("limit 0", "ok");
+
+  LogBlob(2001, "-1");
+  ASSERT_EQ(stack_.Ctl({"campaign", "lic-stop", "radio", "42"}).exit_code, 0);
+  Log(1, 10);
+  ASSERT_TRUE(WaitForWriter());
+  ASSERT_EQ(stack_.Ctl({"campaign", "lic-start", "radio", "42"}).exit_code, 0);
+  Log(1, 10);
+  ASSERT_EQ(stack_.Ctl({"campaign", "stop", "radio"}).exit_code, 0);
+
+  const DumpLines dump = Dump();
+  EXPECT_EQ(dump.Number("samples", "logged"), logged_);
+  for (const char* loss : {"42.lost.hal", "42.lost.short_write", "42.lost.oversize",
+                           "42.lost.stopped", "42.lost.no_record", "77.lost.no_key"}) {
+    EXPECT_GT(dump.Number(std::string("owner.") + loss, "samples"), 0u) << loss;
+  }
+  std::map<uint64_t, uint64_t> decoded;
+  for (const nlohmann::json& record : stack_.DecodeSpool()) {
+    decoded[record["lic_sn"]] +=
+        record["kind"] == "blob" ? 1 : record["num_samples"].get<uint64_t>();
+  }
+  for (const char* owner : {"owner.42", "owner.77"}) {
+    const uint64_t arrived_samples = decoded[std::stoull(owner + 6)];
+    EXPECT_EQ(dump.Number(owner + std::string(".sent"), "samples"), arrived_samples);
+    EXPECT_EQ(dump.Number(owner, "samples"),
+              arrived_samples + dump.Number(owner + std::string(".lost"), "samples"));
+  }
 }
 
 }  // namespace

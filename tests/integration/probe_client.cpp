@@ -3,11 +3,17 @@
 //
 //   register NAME DIR/ sync|async [slots COUNT BYTES]   -> ok | null
 //   log NAME KPI VALUE COUNT      -> result of the last call
+//   blob NAME KPI BYTES           -> result
+//   limit BYTES                   -> ok; no file of the process grows beyond, 0: any may
 //   enabled NAME KPI | campaign NAME | flush NAME | deregister NAME   -> result
+#include <signal.h>
+#include <sys/resource.h>
+
 #include <iostream>
 #include <map>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "orb_sdk.h"
 
@@ -20,7 +26,9 @@ class Probe {
     std::istringstream in(line);
     std::string verb;
     std::string name;
-    in >> verb >> name;
+    in >> verb;
+    if (verb == "limit") return Limit(in);
+    in >> name;
     if (verb == "register") return Register(name, in);
     const auto found = collectors_.find(name);
     if (found == collectors_.end()) return "no collector " + name;
@@ -28,6 +36,16 @@ class Probe {
   }
 
  private:
+  static std::string Limit(std::istringstream& in) {
+    rlim_t bytes = 0;
+    in >> bytes;
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = bytes == 0 ? limit.rlim_max : bytes;
+    signal(SIGXFSZ, SIG_IGN);
+    return setrlimit(RLIMIT_FSIZE, &limit) == 0 ? "ok" : "failed";
+  }
+
   std::string Register(const std::string& name, std::istringstream& in) {
     std::string dir;
     std::string mode;
@@ -66,6 +84,12 @@ class Probe {
     }
     in >> kpi;
     if (verb == "enabled") return std::to_string(kiv_is_kpi_enabled(c, kpi));
+    if (verb == "blob") {
+      uint32_t bytes = 0;
+      in >> bytes;
+      const std::vector<uint8_t> blob(bytes, 'b');
+      return std::to_string(kiv_log_blob(c, kpi, blob.data(), bytes));
+    }
     if (verb == "log") {
       uint32_t value = 0;
       int count = 1;
