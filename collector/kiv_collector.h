@@ -54,60 +54,60 @@ struct kiv_collector {
   int Register();
   // Joins the collector's threads, ends the session, tells the manager. The
   // manager's status, or -1 without a connection.
-  int DeRegister() EXCLUDES(stateMutex);
+  int DeRegister() ORB_EXCLUDES(stateMutex);
   // Makes the client forget this collector; no callback reaches it afterwards.
   // The last call before destruction, with no lock held.
-  void Unroute() EXCLUDES(stateMutex);
+  void Unroute() ORB_EXCLUDES(stateMutex);
   // The manager died. Only starts a thread, so it may run under the client's mutex.
   void LostConn();
   // What the manager assigned. Called by the client before the token is routable.
-  void SetIdentity(const std::string& token, int32_t clientId) EXCLUDES(headerMutex);
+  void SetIdentity(const std::string& token, int32_t clientId) ORB_EXCLUDES(headerMutex);
   std::string Token() const { return link_.token(); }
   int32_t ClientId() const { return link_.client_id(); }
   // Used instead of the process-wide client from the next registration on.
   void SetClientForTest(std::shared_ptr<kivAIDLClient> client);
 
   // --- Sessions (kiv_collector_session.cpp). ---
-  int StartSession(const KIVCampConfig& config) EXCLUDES(stateMutex);
-  int StopSession() EXCLUDES(stateMutex);
-  int StopSessionLocked() REQUIRES(stateMutex);
-  int StartSessionForLicSN(uint64_t licSN) EXCLUDES(stateMutex);
-  int StopSessionForLicSN(uint64_t licSN) EXCLUDES(stateMutex);
+  int StartSession(const KIVCampConfig& config) ORB_EXCLUDES(stateMutex);
+  int StopSession() ORB_EXCLUDES(stateMutex);
+  int StopSessionLocked() ORB_REQUIRES(stateMutex);
+  int StartSessionForLicSN(uint64_t licSN) ORB_EXCLUDES(stateMutex);
+  int StopSessionForLicSN(uint64_t licSN) ORB_EXCLUDES(stateMutex);
   bool validCfg(const LTCCampaignDef& def) const;
   void SetCampaignId(uint64_t campaignId) { campaignId_.store(campaignId); }
   uint64_t GetCampaignId() const { return campaignId_.load(); }
 
   // --- Logging (kiv_collector_logging.cpp). ---
-  int Log(uint32_t kpi, uint32_t value) EXCLUDES(stateMutex);
-  int LogEvent(uint32_t kpi, uint32_t arg) EXCLUDES(stateMutex);
-  int LogState(uint32_t kpi, uint32_t a, uint32_t b) EXCLUDES(stateMutex);
-  int Log(uint32_t kpi, const uint8_t* buf, uint32_t len) EXCLUDES(stateMutex);
-  int Log(uint32_t kpi, const kiv_blob_segment_t* segs, uint32_t count) EXCLUDES(stateMutex);
-  int LogBuf(const uint8_t* buf, uint32_t len) EXCLUDES(stateMutex);
-  int IsKPIEnabled(uint32_t kpi) EXCLUDES(stateMutex);
+  int Log(uint32_t kpi, uint32_t value) ORB_EXCLUDES(stateMutex);
+  int LogEvent(uint32_t kpi, uint32_t arg) ORB_EXCLUDES(stateMutex);
+  int LogState(uint32_t kpi, uint32_t a, uint32_t b) ORB_EXCLUDES(stateMutex);
+  int Log(uint32_t kpi, const uint8_t* buf, uint32_t len) ORB_EXCLUDES(stateMutex);
+  int Log(uint32_t kpi, const kiv_blob_segment_t* segs, uint32_t count) ORB_EXCLUDES(stateMutex);
+  int LogBuf(const uint8_t* buf, uint32_t len) ORB_EXCLUDES(stateMutex);
+  int IsKPIEnabled(uint32_t kpi) ORB_EXCLUDES(stateMutex);
   // These two take no collector lock but a leaf, so callbacks may use them.
-  void SetConfigParams(kiv_param_type_t type, uint32_t value) EXCLUDES(serializerMutex);
-  void Flush() EXCLUDES(serializerMutex);
+  void SetConfigParams(kiv_param_type_t type, uint32_t value) ORB_EXCLUDES(serializerMutex);
+  void Flush() ORB_EXCLUDES(serializerMutex);
   // Records that the session's files do not hold yet; 0 without a session, and
   // with slots.
-  size_t Pending() const EXCLUDES(serializerMutex);
+  size_t Pending() const ORB_EXCLUDES(serializerMutex);
 
   // --- Uploads (kiv_collector_upload.cpp). Called by the file serializer. ---
   // Compresses, seals and sends one closed data file, then deletes it. The
   // HAL's status; -1 when nothing was sent. Takes leaf locks only.
-  int SendData(const std::string& path) EXCLUDES(seqMutex);
+  int SendData(const std::string& path) ORB_EXCLUDES(seqMutex);
   // gzip of the src_len bytes that remain in src into *dst, malloc'ed, the
   // caller's. 0, or -22, -12 or zlib's error with *dst null.
   int kiv_data_compress(FILE* src, uint32_t src_len, uint8_t** dst, uint32_t* dst_len);
 
   // --- Shared memory (kiv_collector_fd.cpp). ---
   kiv_fd_handle_s* SetFD(int fd, uint32_t offset, uint32_t length, kiv_fd_done_cb done)
-      EXCLUDES(handlesMutex);
+      ORB_EXCLUDES(handlesMutex);
   int FdWrite(uint32_t fdToken, uint64_t unused, uint32_t offset, uint32_t size)
-      EXCLUDES(headerMutex, seqMutex);
-  int UnsetFD(kiv_fd_handle_s* handle, uint32_t fdToken) EXCLUDES(handlesMutex);
+      ORB_EXCLUDES(headerMutex, seqMutex);
+  int UnsetFD(kiv_fd_handle_s* handle, uint32_t fdToken) ORB_EXCLUDES(handlesMutex);
   // A piece was consumed: runs the completion functions, with no lock held.
-  void FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) EXCLUDES(handlesMutex);
+  void FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) ORB_EXCLUDES(handlesMutex);
 
   // --- What a serializer reads of its owner. ---
   const std::string& name() const { return cfg_.name; }
@@ -115,7 +115,7 @@ struct kiv_collector {
   bool custom_session_format() const { return cfg_.custom_session_format; }
   // The 66 header bytes of a new file of this LicSN: constants, campaign,
   // client id, timestamps of now.
-  std::vector<uint8_t> BuildFileHeader(uint64_t licSN) EXCLUDES(headerMutex);
+  std::vector<uint8_t> BuildFileHeader(uint64_t licSN) ORB_EXCLUDES(headerMutex);
   // Rebuilt only while no serializer exists, so a serializer and its writer
   // thread read them without a lock.
   const LicSnKeyTable& licSnKeys() const { return licSnKeys_; }
@@ -131,7 +131,7 @@ struct kiv_collector {
   // --- What this client is doing (kiv_collector_dump.cpp). ---
   // "key: value" lines, docs/operations.md. Any thread; waits for a session that
   // starts or stops for at most a moment, and leaves out what it would say then.
-  std::string Dump() EXCLUDES(stateMutex);
+  std::string Dump() ORB_EXCLUDES(stateMutex);
 
   // Guards session state, KPI table and the serializer's creation and end.
   orb::HotMutex stateMutex;
@@ -139,33 +139,33 @@ struct kiv_collector {
  private:
   int RunRegistration();
   bool AttemptRegistration();
-  void LostConnThread() EXCLUDES(stateMutex);
+  void LostConnThread() ORB_EXCLUDES(stateMutex);
 
-  int StartCustomSession(const KIVCampConfig& config) REQUIRES(stateMutex);
-  int StopCustomSession() REQUIRES(stateMutex);
-  int generateLicSn2IsvKeyMap(const std::vector<LicInfo>& list) REQUIRES(stateMutex);
-  int generateKpi2LicSNMap(const LicenseSNKPIMap& entry) REQUIRES(stateMutex);
+  int StartCustomSession(const KIVCampConfig& config) ORB_REQUIRES(stateMutex);
+  int StopCustomSession() ORB_REQUIRES(stateMutex);
+  int generateLicSn2IsvKeyMap(const std::vector<LicInfo>& list) ORB_REQUIRES(stateMutex);
+  int generateKpi2LicSNMap(const LicenseSNKPIMap& entry) ORB_REQUIRES(stateMutex);
   bool ConfigureSerializer(const LTCCampaignDef& def, KPISerializer::Config* serializer)
-      REQUIRES(stateMutex);
+      ORB_REQUIRES(stateMutex);
   bool CreateSerializer(const KPISerializer::Config& config, const char* operation)
-      REQUIRES(stateMutex);
+      ORB_REQUIRES(stateMutex);
   struct KpiState;
-  std::vector<KpiState> DescribeKPIs(Books* books) REQUIRES(stateMutex);
-  bool CreateKPIs(const LTCCampaignDef& def) REQUIRES(stateMutex);
-  bool FillKPITable(const LTCCampaignDef& def) REQUIRES(stateMutex);
+  std::vector<KpiState> DescribeKPIs(Books* books) ORB_REQUIRES(stateMutex);
+  bool CreateKPIs(const LTCCampaignDef& def) ORB_REQUIRES(stateMutex);
+  bool FillKPITable(const LTCCampaignDef& def) ORB_REQUIRES(stateMutex);
   // Enters the KPIs into the books; samples of open windows are lost, by that cause.
-  void BookKPIs(orb::LossCause open_windows) REQUIRES(stateMutex);
-  void ClearKPIs() REQUIRES(stateMutex);
-  int CallStart(const uint8_t* payload, size_t len) REQUIRES(stateMutex);
-  int CallStop() REQUIRES(stateMutex);
-  KPIFileSerializer* FilesOf(uint64_t licSN, const char* operation) REQUIRES(stateMutex);
+  void BookKPIs(orb::LossCause open_windows) ORB_REQUIRES(stateMutex);
+  void ClearKPIs() ORB_REQUIRES(stateMutex);
+  int CallStart(const uint8_t* payload, size_t len) ORB_REQUIRES(stateMutex);
+  int CallStop() ORB_REQUIRES(stateMutex);
+  KPIFileSerializer* FilesOf(uint64_t licSN, const char* operation) ORB_REQUIRES(stateMutex);
   void LogCalled(const char* operation) const;
-  void FinalizeSerializer() REQUIRES(stateMutex);
+  void FinalizeSerializer() ORB_REQUIRES(stateMutex);
   // Drops what a failed start left behind: KPIs, then the serializer.
-  void DropSession() REQUIRES(stateMutex);
-  std::shared_ptr<KPISerializer> Serializer() const EXCLUDES(serializerMutex);
-  void SetSerializer(std::shared_ptr<KPISerializer> serializer) REQUIRES(stateMutex)
-      EXCLUDES(serializerMutex);
+  void DropSession() ORB_REQUIRES(stateMutex);
+  std::shared_ptr<KPISerializer> Serializer() const ORB_EXCLUDES(serializerMutex);
+  void SetSerializer(std::shared_ptr<KPISerializer> serializer) ORB_REQUIRES(stateMutex)
+      ORB_EXCLUDES(serializerMutex);
 
   // What became of one upload.
   struct Fate {
@@ -175,7 +175,7 @@ struct kiv_collector {
   int SendOpenFile(FILE* file, const std::string& path, Fate* fate);
   std::string UploadName(int32_t clientId, uint64_t suffix) const;
   // The next upload's number, from the client's ".seq" file.
-  uint32_t NextSeqno() EXCLUDES(seqMutex);
+  uint32_t NextSeqno() ORB_EXCLUDES(seqMutex);
 
   const CollectorSettings cfg_;
   ManagerLink link_;
@@ -188,12 +188,13 @@ struct kiv_collector {
   DeliveryLedger ledger_;
   std::atomic<uint64_t> queueDepthMax_{0};
   std::atomic<int64_t> lastSeqno_{-1};  // Of this process; -1: none yet.
-  std::map<uint32_t, std::unique_ptr<KPI>> kpis_ GUARDED_BY(stateMutex);
-  KpiIndex kpiIndex_ GUARDED_BY(stateMutex);                 // Of kpis_, for the hot path.
-  KPISerializer* current_ GUARDED_BY(stateMutex) = nullptr;  // serializer_, read without its leaf.
+  std::map<uint32_t, std::unique_ptr<KPI>> kpis_ ORB_GUARDED_BY(stateMutex);
+  KpiIndex kpiIndex_ ORB_GUARDED_BY(stateMutex);  // Of kpis_, for the hot path.
+  KPISerializer* current_ ORB_GUARDED_BY(stateMutex) =
+      nullptr;  // serializer_, read without its leaf.
 
   mutable orb::Mutex serializerMutex;
-  std::shared_ptr<KPISerializer> serializer_ GUARDED_BY(serializerMutex);
+  std::shared_ptr<KPISerializer> serializer_ ORB_GUARDED_BY(serializerMutex);
 
   // See licSnKeys(): written under stateMutex while no serializer exists.
   LicSnKeyTable licSnKeys_;
@@ -201,10 +202,10 @@ struct kiv_collector {
   LicSnFlagTable licSnEncrypt_;
 
   orb::Mutex headerMutex;
-  TelemetryHeader header_ GUARDED_BY(headerMutex);
+  TelemetryHeader header_ ORB_GUARDED_BY(headerMutex);
 
   orb::Mutex seqMutex;  // The ".seq" file's read and write are one step.
 
   orb::Mutex handlesMutex;
-  std::vector<kiv_fd_handle_s*> handles_ GUARDED_BY(handlesMutex);
+  std::vector<kiv_fd_handle_s*> handles_ ORB_GUARDED_BY(handlesMutex);
 };

@@ -13,21 +13,21 @@ class kivAIDLClient;
 class ManagerLink {
  public:
   // Null before the first registration and after the connection was lost.
-  std::shared_ptr<kivAIDLClient> client() const EXCLUDES(mutex_);
+  std::shared_ptr<kivAIDLClient> client() const ORB_EXCLUDES(mutex_);
   // Takes the process-wide client, or the one set for tests.
-  std::shared_ptr<kivAIDLClient> ObtainClient() EXCLUDES(mutex_);
+  std::shared_ptr<kivAIDLClient> ObtainClient() ORB_EXCLUDES(mutex_);
   // True when there was one.
-  bool ResetClient() EXCLUDES(mutex_);
-  void SetClientForTest(std::shared_ptr<kivAIDLClient> client) EXCLUDES(mutex_);
+  bool ResetClient() ORB_EXCLUDES(mutex_);
+  void SetClientForTest(std::shared_ptr<kivAIDLClient> client) ORB_EXCLUDES(mutex_);
 
-  void SetIdentity(const std::string& token, int32_t client_id) EXCLUDES(mutex_);
-  std::string token() const EXCLUDES(mutex_);
-  int32_t client_id() const EXCLUDES(mutex_);
+  void SetIdentity(const std::string& token, int32_t client_id) ORB_EXCLUDES(mutex_);
+  std::string token() const ORB_EXCLUDES(mutex_);
+  int32_t client_id() const ORB_EXCLUDES(mutex_);
 
  private:
   mutable orb::Mutex mutex_;
-  std::shared_ptr<kivAIDLClient> client_ GUARDED_BY(mutex_);
-  std::shared_ptr<kivAIDLClient> client_for_test_ GUARDED_BY(mutex_);
-  std::string token_ GUARDED_BY(mutex_);
-  int32_t client_id_ GUARDED_BY(mutex_) = 0;
+  std::shared_ptr<kivAIDLClient> client_ ORB_GUARDED_BY(mutex_);
+  std::shared_ptr<kivAIDLClient> client_for_test_ ORB_GUARDED_BY(mutex_);
+  std::string token_ ORB_GUARDED_BY(mutex_);
+  int32_t client_id_ ORB_GUARDED_BY(mutex_) = 0;
 };

@@ -9,10 +9,10 @@
 // Raised once, when its owner is about to go. Thread-safe.
 class StopSignal {
  public:
-  void Raise() EXCLUDES(mutex_);
+  void Raise() ORB_EXCLUDES(mutex_);
   bool raised() const { return raised_.load(); }
   // Returns after the seconds, or as soon as the signal is raised.
-  void WaitFor(int32_t seconds) EXCLUDES(mutex_);
+  void WaitFor(int32_t seconds) ORB_EXCLUDES(mutex_);
 
  private:
   orb::Mutex mutex_;

@@ -21,12 +21,12 @@ class WorkerThreads {
 
   // Runs `work` on a new thread, unless the signal is raised. Joins those that
   // have finished: as many threads exist as run, and the last one.
-  void Start(std::function<void()> work) noexcept EXCLUDES(mutex_);
+  void Start(std::function<void()> work) noexcept ORB_EXCLUDES(mutex_);
 
   // True when a thread waits to be joined.
-  bool any() EXCLUDES(mutex_);
+  bool any() ORB_EXCLUDES(mutex_);
   // Blocks until all have ended. Hold no lock that a thread may want.
-  void JoinAll() EXCLUDES(mutex_);
+  void JoinAll() ORB_EXCLUDES(mutex_);
 
  private:
   struct Worker {
@@ -36,5 +36,5 @@ class WorkerThreads {
 
   const StopSignal& stop_;
   orb::Mutex mutex_;
-  std::list<Worker> workers_ GUARDED_BY(mutex_);  // A list: threads refer to their elements.
+  std::list<Worker> workers_ ORB_GUARDED_BY(mutex_);  // A list: threads refer to their elements.
 };

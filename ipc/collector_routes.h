@@ -43,31 +43,31 @@ class CollectorRoutes {
   };
 
   // Replaces an entry of the same token.
-  void Add(const std::string& token, kiv_collector* collector) EXCLUDES(mapMutex_);
-  void Remove(const std::string& token) EXCLUDES(mapMutex_);
+  void Add(const std::string& token, kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
+  void Remove(const std::string& token) ORB_EXCLUDES(mapMutex_);
   // Forgets all tokens; region tokens stay.
-  void RemoveAll() EXCLUDES(mapMutex_);
+  void RemoveAll() ORB_EXCLUDES(mapMutex_);
 
   // The region belongs to the collector of the token; to none if that is unknown.
-  void AddRegion(uint32_t fdToken, const std::string& token) EXCLUDES(mapMutex_);
-  void RemoveRegion(uint32_t fdToken) EXCLUDES(mapMutex_);
+  void AddRegion(uint32_t fdToken, const std::string& token) ORB_EXCLUDES(mapMutex_);
+  void RemoveRegion(uint32_t fdToken) ORB_EXCLUDES(mapMutex_);
 
-  Pin Find(const std::string& token) EXCLUDES(mapMutex_);
-  Pin FindRegion(uint32_t fdToken) EXCLUDES(mapMutex_);
+  Pin Find(const std::string& token) ORB_EXCLUDES(mapMutex_);
+  Pin FindRegion(uint32_t fdToken) ORB_EXCLUDES(mapMutex_);
   // One pin for each token, in the tokens' order.
-  std::vector<Pin> FindAll() EXCLUDES(mapMutex_);
+  std::vector<Pin> FindAll() ORB_EXCLUDES(mapMutex_);
 
   // Blocks while the collector is pinned. The caller holds no lock that a
   // pinned call might need, and is not inside such a call itself.
-  void Forget(kiv_collector* collector) EXCLUDES(mapMutex_);
+  void Forget(kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
 
  private:
-  Pin PinLocked(kiv_collector* collector) REQUIRES(mapMutex_);
-  void Unpin(kiv_collector* collector) EXCLUDES(mapMutex_);
+  Pin PinLocked(kiv_collector* collector) ORB_REQUIRES(mapMutex_);
+  void Unpin(kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
 
   orb::Mutex mapMutex_;
   orb::CondVar unpinned_;
-  std::map<std::string, kiv_collector*> tokens_ GUARDED_BY(mapMutex_);
-  std::map<uint32_t, kiv_collector*> regions_ GUARDED_BY(mapMutex_);
-  std::map<kiv_collector*, uint32_t> pins_ GUARDED_BY(mapMutex_);  // Pinned ones only.
+  std::map<std::string, kiv_collector*> tokens_ ORB_GUARDED_BY(mapMutex_);
+  std::map<uint32_t, kiv_collector*> regions_ ORB_GUARDED_BY(mapMutex_);
+  std::map<kiv_collector*, uint32_t> pins_ ORB_GUARDED_BY(mapMutex_);  // Pinned ones only.
 };

@@ -48,31 +48,31 @@ class kivAIDLClient {
   // Connects when necessary and registers the collector under the token that
   // the manager assigns. 0, or -1.
   virtual int registerClient(const std::string& name, uint32_t clientType, uint32_t clientOption,
-                             kiv_collector* collector) EXCLUDES(mutex_);
+                             kiv_collector* collector) ORB_EXCLUDES(mutex_);
 
   // Hands one upload to the HAL; blocks until the HAL has it. 0, or -1. The
   // buffers are borrowed; a length of 0 allows a null buffer.
   virtual int sendData(const std::string& token, const std::string& name, const uint8_t* header,
                        uint32_t headerLen, const uint8_t* data, uint32_t dataLen,
-                       const uint8_t* footer, uint32_t footerLen) EXCLUDES(mutex_);
+                       const uint8_t* footer, uint32_t footerLen) ORB_EXCLUDES(mutex_);
 
   // 0, or -1; the token is forgotten unless there is no manager connection.
-  virtual int deRegisterClient(const std::string& token) EXCLUDES(mutex_);
+  virtual int deRegisterClient(const std::string& token) ORB_EXCLUDES(mutex_);
 
   virtual ~kivAIDLClient();
 
   // Announces a region (the descriptor is duplicated, not taken). 0 and the
   // HAL's token for it, or non-zero.
   virtual int setupFD(int fd, uint32_t offset, uint32_t length, const std::string& token,
-                      uint32_t* fdToken) EXCLUDES(mutex_);
+                      uint32_t* fdToken) ORB_EXCLUDES(mutex_);
 
   // Announces one filled piece of a region. The HAL's result; -1 when it could
   // not be asked. Never reconnects.
   virtual int FdWrite(const std::string& token, uint32_t fdToken, const std::string& name,
                       const std::vector<uint8_t>& header, uint32_t offset, uint32_t size,
-                      CompressType compress) EXCLUDES(mutex_);
+                      CompressType compress) ORB_EXCLUDES(mutex_);
 
-  virtual int UnsetFD(const std::string& token, uint32_t fdToken) EXCLUDES(mutex_);
+  virtual int UnsetFD(const std::string& token, uint32_t fdToken) ORB_EXCLUDES(mutex_);
 
   // Removes the collector from both maps and waits until no callback uses it.
   // Call before destroying a collector, with no lock held.
@@ -87,32 +87,32 @@ class kivAIDLClient {
   // The HAL died (registered with it; the cookie is not used).
   static void serviceDied(void* cookie);
   // Forgets the HAL; the next upload or region connects again.
-  void processLostOrbsyshalConn() EXCLUDES(mutex_);
+  void processLostOrbsyshalConn() ORB_EXCLUDES(mutex_);
   // Tells every registered collector, then forgets the manager and all tokens.
-  void processLostManagerConn() EXCLUDES(mutex_);
+  void processLostManagerConn() ORB_EXCLUDES(mutex_);
 
  private:
   // Each connects without waiting for a service that is absent: false then.
-  bool initOrbVHandle() REQUIRES(mutex_);
-  bool initOrbsyshalHandle() REQUIRES(mutex_);
+  bool initOrbVHandle() ORB_REQUIRES(mutex_);
+  bool initOrbsyshalHandle() ORB_REQUIRES(mutex_);
   // Whether there is a HAL, connecting when there is none.
-  bool EnsureHal() REQUIRES(mutex_);
+  bool EnsureHal() ORB_REQUIRES(mutex_);
 
   orb::Mutex mutex_;
   // True from a connection to the manager until its death.
-  bool ipcInitialised_ GUARDED_BY(mutex_) = false;
-  ::android::sp<IKIVManager> manager_ GUARDED_BY(mutex_);
-  ::android::sp<IKIVCallback> callback_ GUARDED_BY(mutex_);
+  bool ipcInitialised_ ORB_GUARDED_BY(mutex_) = false;
+  ::android::sp<IKIVManager> manager_ ORB_GUARDED_BY(mutex_);
+  ::android::sp<IKIVCallback> callback_ ORB_GUARDED_BY(mutex_);
   // Kept for the death notice: the link lives as long as both do.
-  ::android::sp<::android::IBinder> managerBinder_ GUARDED_BY(mutex_);
-  ::android::sp<OrbvDeathRecipient> managerDeath_ GUARDED_BY(mutex_);
-  bool managerWatched_ GUARDED_BY(mutex_) = false;
+  ::android::sp<::android::IBinder> managerBinder_ ORB_GUARDED_BY(mutex_);
+  ::android::sp<OrbvDeathRecipient> managerDeath_ ORB_GUARDED_BY(mutex_);
+  bool managerWatched_ ORB_GUARDED_BY(mutex_) = false;
 
   // Null until the first upload or region, and after the HAL's death.
-  std::shared_ptr<::aidl::vendor::nuv::orbsyshal_aidl::IOrbsyshal> hal_ GUARDED_BY(mutex_);
-  std::shared_ptr<OrbsyshalFDCallback> fdCallback_ GUARDED_BY(mutex_);
-  ::ndk::ScopedAIBinder_DeathRecipient halDeath_ GUARDED_BY(mutex_);
-  bool halWatched_ GUARDED_BY(mutex_) = false;
+  std::shared_ptr<::aidl::vendor::nuv::orbsyshal_aidl::IOrbsyshal> hal_ ORB_GUARDED_BY(mutex_);
+  std::shared_ptr<OrbsyshalFDCallback> fdCallback_ ORB_GUARDED_BY(mutex_);
+  ::ndk::ScopedAIBinder_DeathRecipient halDeath_ ORB_GUARDED_BY(mutex_);
+  bool halWatched_ ORB_GUARDED_BY(mutex_) = false;
 
   CollectorRoutes routes_;
 };

@@ -67,27 +67,28 @@ struct Books {
 class DeliveryLedger {
  public:
   // Records are in the owner's open file or slot.
-  void Written(uint64_t owner, const Tally& records) EXCLUDES(mutex_);
+  void Written(uint64_t owner, const Tally& records) ORB_EXCLUDES(mutex_);
   // Records were lost together.
-  void Lost(uint64_t owner, orb::LossCause cause, const Tally& records) EXCLUDES(mutex_);
+  void Lost(uint64_t owner, orb::LossCause cause, const Tally& records) ORB_EXCLUDES(mutex_);
   // What is open of the owner is under way from now on, under a name of its own:
   // the path of a file, or of a slot. Also when it is nothing.
-  void Close(uint64_t owner, const std::string& parcel) EXCLUDES(mutex_);
+  void Close(uint64_t owner, const std::string& parcel) ORB_EXCLUDES(mutex_);
   // What is under way has arrived, or is lost; the loss of nothing is none. False
   // for an unknown name.
-  bool Settle(const std::string& parcel, std::optional<orb::LossCause> lost) EXCLUDES(mutex_);
+  bool Settle(const std::string& parcel, std::optional<orb::LossCause> lost) ORB_EXCLUDES(mutex_);
   // The same for a file of an earlier process.
-  void SettleRecovered(uint64_t bytes, std::optional<orb::LossCause> lost) EXCLUDES(mutex_);
+  void SettleRecovered(uint64_t bytes, std::optional<orb::LossCause> lost) ORB_EXCLUDES(mutex_);
   // The KPI's session is over.
-  void Enter(const std::vector<uint64_t>& owners, const orb::KpiSamples& samples) EXCLUDES(mutex_);
+  void Enter(const std::vector<uint64_t>& owners, const orb::KpiSamples& samples)
+      ORB_EXCLUDES(mutex_);
 
-  Books Copy() const EXCLUDES(mutex_);
+  Books Copy() const ORB_EXCLUDES(mutex_);
 
  private:
   static void Post(OwnerBook* book, const Tally& tally, std::optional<orb::LossCause> lost);
 
   mutable orb::Mutex mutex_;
-  Books books_ GUARDED_BY(mutex_);
+  Books books_ ORB_GUARDED_BY(mutex_);
   // What is under way by name, with its owner; also in the owner's book.
-  std::map<std::string, std::pair<uint64_t, Tally>> parcels_ GUARDED_BY(mutex_);
+  std::map<std::string, std::pair<uint64_t, Tally>> parcels_ ORB_GUARDED_BY(mutex_);
 };

@@ -44,7 +44,7 @@ uint64_t BitOf(uint32_t slot) { return uint64_t{1} << slot; }
 // the process ends.
 struct Serializers {
   orb::Mutex mutex;
-  std::map<kiv_fd_handle_s*, KPIMemorySerializer*> by_handle GUARDED_BY(mutex);
+  std::map<kiv_fd_handle_s*, KPIMemorySerializer*> by_handle ORB_GUARDED_BY(mutex);
 };
 
 Serializers& AllSerializers() {

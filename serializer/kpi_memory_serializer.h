@@ -32,31 +32,32 @@ class KPIMemorySerializer : public KPISerializer {
 
   // `size` bytes in all, cut into numSlots of equal size, the remainder unused.
   // 0; -2 more than 64 slots, -3 no region, -4 no mapping, -5 the HAL refused.
-  int Initialize(uint32_t size, uint32_t numSlots, kiv_collector* collector) EXCLUDES(writerMutex);
+  int Initialize(uint32_t size, uint32_t numSlots, kiv_collector* collector)
+      ORB_EXCLUDES(writerMutex);
 
   // One record each. 0; -1 when there is no room for it (or it cannot be
   // encoded); else what announcing the slot before it gave, whose records are lost then.
-  int Write(orbtr::KPIData& data, unsigned int kpiId) override EXCLUDES(writerMutex);
-  int WriteBuf(const unsigned char* buf, unsigned int len) override EXCLUDES(writerMutex);
+  int Write(orbtr::KPIData& data, unsigned int kpiId) override ORB_EXCLUDES(writerMutex);
+  int WriteBuf(const unsigned char* buf, unsigned int len) override ORB_EXCLUDES(writerMutex);
   int WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsStart, uint64_t tsEnd,
                              unsigned int numSamples, const kiv_blob_segment_t* segs,
-                             unsigned int count) override EXCLUDES(writerMutex);
+                             unsigned int count) override ORB_EXCLUDES(writerMutex);
 
   // Slots have no thresholds to change.
   void UpdateConfig(kiv_param_type_t, unsigned int) override {}
 
   // Announces the current slot if it holds anything. The HAL's result; -1 when
   // no slot is free to go on with.
-  int Flush() override EXCLUDES(writerMutex);
+  int Flush() override ORB_EXCLUDES(writerMutex);
 
-  Backlog backlog() override EXCLUDES(pendingMutex);
+  Backlog backlog() override ORB_EXCLUDES(pendingMutex);
 
   // Announces what is left, waits until the HAL has consumed every slot, for
   // ever if need be, and closes the channel. The result of closing it.
-  int Finalize() override EXCLUDES(writerMutex);
+  int Finalize() override ORB_EXCLUDES(writerMutex);
 
   // What is not announced is lost; so is, as far as is known, what the HAL still has.
-  void Abandon() override EXCLUDES(writerMutex);
+  void Abandon() override ORB_EXCLUDES(writerMutex);
 
   // The HAL has consumed the slot at this byte offset of the region.
   static int WriteDone(kiv_fd_handle_s* handle, uint32_t offset, uint32_t, int);
@@ -66,32 +67,34 @@ class KPIMemorySerializer : public KPISerializer {
 
   int CreateRegion(uint32_t size);
   // Makes the lowest free slot current. 0, or -2 when none of the first 31 is free.
-  int GetNewSlot() REQUIRES(writerMutex);
+  int GetNewSlot() ORB_REQUIRES(writerMutex);
   // Writes one record of len bytes, which counts `samples`.
-  int Append(const void* record, uint32_t len, uint64_t samples) EXCLUDES(writerMutex);
+  int Append(const void* record, uint32_t len, uint64_t samples) ORB_EXCLUDES(writerMutex);
   // Makes room for len bytes; `operation` is for the log. 0, or -1 when there is
   // none and the record is lost; *sent is what announcing the slot before gave.
   int MakeRoom(uint32_t len, uint64_t samples, const char* operation, int* sent)
-      REQUIRES(writerMutex);
+      ORB_REQUIRES(writerMutex);
   // What the current slot holds, which is counted elsewhere from now on.
-  Tally TakeCurrent() REQUIRES(writerMutex);
-  void RecordWritten(uint32_t len, uint64_t samples, const char* operation) REQUIRES(writerMutex);
+  Tally TakeCurrent() ORB_REQUIRES(writerMutex);
+  void RecordWritten(uint32_t len, uint64_t samples, const char* operation)
+      ORB_REQUIRES(writerMutex);
   void BookLoss(orb::LossCause cause, uint64_t bytes, uint64_t samples) const;
   // Announces the current slot. Non-zero: refused, the slot is free again and no
   // longer current.
-  int SendCurrent() REQUIRES(writerMutex);
-  int SendSlot(int slot, int size) REQUIRES(writerMutex);
+  int SendCurrent() ORB_REQUIRES(writerMutex);
+  int SendSlot(int slot, int size) ORB_REQUIRES(writerMutex);
   // Frees a slot that was taken but never announced.
-  int FreeSlot(int slot) REQUIRES(writerMutex);
+  int FreeSlot(int slot) ORB_REQUIRES(writerMutex);
   // Ends the announcement of the slot at `offset`; ignored unless it is announced.
-  int FreeSlot(uint32_t offset, uint32_t, uint32_t) EXCLUDES(pendingMutex);
+  int FreeSlot(uint32_t offset, uint32_t, uint32_t) ORB_EXCLUDES(pendingMutex);
   // The same; its records have arrived, or are lost.
-  void EndAnnouncement(uint32_t offset, std::optional<orb::LossCause> lost) EXCLUDES(pendingMutex);
+  void EndAnnouncement(uint32_t offset, std::optional<orb::LossCause> lost)
+      ORB_EXCLUDES(pendingMutex);
   // The slot's name in the ledger.
   std::string ParcelOf(uint32_t slot) const;
-  void wait_for_pending_slots() EXCLUDES(pendingMutex);
+  void wait_for_pending_slots() ORB_EXCLUDES(pendingMutex);
   // Closes the channel and unmaps. What closing gave; 0 when there is none.
-  int ReleaseRegion() REQUIRES(writerMutex);
+  int ReleaseRegion() ORB_REQUIRES(writerMutex);
 
   // Set by Initialize before the region is announced, constant while it is.
   orb::UniqueFd fd;
@@ -103,15 +106,15 @@ class KPIMemorySerializer : public KPISerializer {
   kiv_fd_handle_s* handle = nullptr;  // Owned from SetFD on.
 
   orb::Mutex writerMutex;
-  uint32_t currentSlot GUARDED_BY(writerMutex) = kNoSlot;
-  uint8_t* currentPtr GUARDED_BY(writerMutex) = nullptr;
-  uint32_t bytesWritten GUARDED_BY(writerMutex) = 0;
+  uint32_t currentSlot ORB_GUARDED_BY(writerMutex) = kNoSlot;
+  uint8_t* currentPtr ORB_GUARDED_BY(writerMutex) = nullptr;
+  uint32_t bytesWritten ORB_GUARDED_BY(writerMutex) = 0;
   // Changed under writerMutex; atomic for backlog(), which must not wait for it.
   std::atomic<uint64_t> currentRecords{0};
   std::atomic<uint64_t> currentSamples{0};
   std::atomic<uint64_t> currentBytes{0};
-  bool currentSent GUARDED_BY(writerMutex) = false;  // It may be the HAL's, leave it alone.
-  uint64_t slotStartMs GUARDED_BY(writerMutex) = 0;  // Wall clock; for whoever debugs.
+  bool currentSent ORB_GUARDED_BY(writerMutex) = false;  // It may be the HAL's, leave it alone.
+  uint64_t slotStartMs ORB_GUARDED_BY(writerMutex) = 0;  // Wall clock; for whoever debugs.
 
   // One bit a slot. Writers only set bits, under writerMutex; completions only clear them.
   std::atomic<uint64_t> slotMask{0};   // Current or announced.
@@ -119,6 +122,6 @@ class KPIMemorySerializer : public KPISerializer {
 
   orb::Mutex pendingMutex;
   orb::CondVar pendingCv;
-  uint32_t pendingCount GUARDED_BY(pendingMutex) = 0;
-  uint32_t pendingMax GUARDED_BY(pendingMutex) = 0;
+  uint32_t pendingCount ORB_GUARDED_BY(pendingMutex) = 0;
+  uint32_t pendingMax ORB_GUARDED_BY(pendingMutex) = 0;
 };

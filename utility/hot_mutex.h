@@ -31,27 +31,28 @@
 
 namespace orb {
 
-class CAPABILITY("mutex") HotMutex {
+class ORB_CAPABILITY("mutex") HotMutex {
  public:
   HotMutex() { ORB_TSAN_MUTEX(create(this, __tsan_mutex_not_static)); }
   ~HotMutex() { ORB_TSAN_MUTEX(destroy(this, __tsan_mutex_not_static)); }
   HotMutex(const HotMutex&) = delete;
   HotMutex& operator=(const HotMutex&) = delete;
 
-  void Lock() ACQUIRE() NO_THREAD_SAFETY_ANALYSIS {
+  void Lock() ORB_ACQUIRE() ORB_NO_THREAD_SAFETY_ANALYSIS {
     ORB_TSAN_MUTEX(pre_lock(this, 0));
     if (!Take()) SpinThenSleep();
     ORB_TSAN_MUTEX(post_lock(this, 0, 0));
   }
 
-  void Unlock() RELEASE() NO_THREAD_SAFETY_ANALYSIS {
+  void Unlock() ORB_RELEASE() ORB_NO_THREAD_SAFETY_ANALYSIS {
     ORB_TSAN_MUTEX(pre_unlock(this, 0));
     if (state_.exchange(kFree, std::memory_order_release) == kAwaited) WakeOne();
     ORB_TSAN_MUTEX(post_unlock(this, 0));
   }
 
   // False when it could not be had in time. Looks every millisecond.
-  bool TryLockFor(std::chrono::milliseconds wait) TRY_ACQUIRE(true) NO_THREAD_SAFETY_ANALYSIS {
+  bool TryLockFor(std::chrono::milliseconds wait)
+      ORB_TRY_ACQUIRE(true) ORB_NO_THREAD_SAFETY_ANALYSIS {
     const auto deadline = std::chrono::steady_clock::now() + wait;
     ORB_TSAN_MUTEX(pre_lock(this, __tsan_mutex_try_lock));
     bool taken = Take();
@@ -99,10 +100,10 @@ class CAPABILITY("mutex") HotMutex {
   std::atomic<uint32_t> state_{kFree};
 };
 
-class SCOPED_CAPABILITY HotMutexLock {
+class ORB_SCOPED_CAPABILITY HotMutexLock {
  public:
-  explicit HotMutexLock(HotMutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.Lock(); }
-  ~HotMutexLock() RELEASE() { mutex_.Unlock(); }
+  explicit HotMutexLock(HotMutex& mutex) ORB_ACQUIRE(mutex) : mutex_(mutex) { mutex_.Lock(); }
+  ~HotMutexLock() ORB_RELEASE() { mutex_.Unlock(); }
   HotMutexLock(const HotMutexLock&) = delete;
   HotMutexLock& operator=(const HotMutexLock&) = delete;
 

@@ -1,5 +1,6 @@
-// Clang's thread-safety attributes under their usual names, and a mutex, a
-// lock and a condition variable that carry them. Elsewhere they cost nothing.
+// Clang's thread-safety attributes, and a mutex, a lock and a condition variable
+// that carry them. Other compilers see nothing. The names have a prefix because
+// some releases of Android define the plain ones in <utils/Mutex.h>.
 #pragma once
 
 #include <chrono>
@@ -12,49 +13,34 @@
 #define ORB_TSA(x)
 #endif
 
-#undef CAPABILITY
-#undef SCOPED_CAPABILITY
-#undef GUARDED_BY
-#undef PT_GUARDED_BY
-#undef REQUIRES
-#undef EXCLUDES
-#undef ACQUIRE
-#undef RELEASE
-#undef TRY_ACQUIRE
-#undef ACQUIRED_BEFORE
-#undef ACQUIRED_AFTER
-#undef RETURN_CAPABILITY
-#undef ASSERT_CAPABILITY
-#undef NO_THREAD_SAFETY_ANALYSIS
-
-#define CAPABILITY(x) ORB_TSA(capability(x))
-#define SCOPED_CAPABILITY ORB_TSA(scoped_lockable)
-#define GUARDED_BY(x) ORB_TSA(guarded_by(x))
-#define PT_GUARDED_BY(x) ORB_TSA(pt_guarded_by(x))
-#define REQUIRES(...) ORB_TSA(requires_capability(__VA_ARGS__))
-#define EXCLUDES(...) ORB_TSA(locks_excluded(__VA_ARGS__))
-#define ACQUIRE(...) ORB_TSA(acquire_capability(__VA_ARGS__))
-#define RELEASE(...) ORB_TSA(release_capability(__VA_ARGS__))
-#define TRY_ACQUIRE(...) ORB_TSA(try_acquire_capability(__VA_ARGS__))
-#define ACQUIRED_BEFORE(...) ORB_TSA(acquired_before(__VA_ARGS__))
-#define ACQUIRED_AFTER(...) ORB_TSA(acquired_after(__VA_ARGS__))
-#define RETURN_CAPABILITY(x) ORB_TSA(lock_returned(x))
-#define ASSERT_CAPABILITY(x) ORB_TSA(assert_capability(x))
-#define NO_THREAD_SAFETY_ANALYSIS ORB_TSA(no_thread_safety_analysis)
+#define ORB_CAPABILITY(x) ORB_TSA(capability(x))
+#define ORB_SCOPED_CAPABILITY ORB_TSA(scoped_lockable)
+#define ORB_GUARDED_BY(x) ORB_TSA(guarded_by(x))
+#define ORB_PT_GUARDED_BY(x) ORB_TSA(pt_guarded_by(x))
+#define ORB_REQUIRES(...) ORB_TSA(requires_capability(__VA_ARGS__))
+#define ORB_EXCLUDES(...) ORB_TSA(locks_excluded(__VA_ARGS__))
+#define ORB_ACQUIRE(...) ORB_TSA(acquire_capability(__VA_ARGS__))
+#define ORB_RELEASE(...) ORB_TSA(release_capability(__VA_ARGS__))
+#define ORB_TRY_ACQUIRE(...) ORB_TSA(try_acquire_capability(__VA_ARGS__))
+#define ORB_ACQUIRED_BEFORE(...) ORB_TSA(acquired_before(__VA_ARGS__))
+#define ORB_ACQUIRED_AFTER(...) ORB_TSA(acquired_after(__VA_ARGS__))
+#define ORB_RETURN_CAPABILITY(x) ORB_TSA(lock_returned(x))
+#define ORB_ASSERT_CAPABILITY(x) ORB_TSA(assert_capability(x))
+#define ORB_NO_THREAD_SAFETY_ANALYSIS ORB_TSA(no_thread_safety_analysis)
 
 namespace orb {
 
 class CondVar;
 
 // Non-recursive.
-class CAPABILITY("mutex") Mutex {
+class ORB_CAPABILITY("mutex") Mutex {
  public:
   Mutex() = default;
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 
-  void Lock() ACQUIRE() { mutex_.lock(); }
-  void Unlock() RELEASE() { mutex_.unlock(); }
+  void Lock() ORB_ACQUIRE() { mutex_.lock(); }
+  void Unlock() ORB_RELEASE() { mutex_.unlock(); }
 
  private:
   friend class CondVar;
@@ -62,10 +48,10 @@ class CAPABILITY("mutex") Mutex {
   std::mutex mutex_;
 };
 
-class SCOPED_CAPABILITY MutexLock {
+class ORB_SCOPED_CAPABILITY MutexLock {
  public:
-  explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.Lock(); }
-  ~MutexLock() RELEASE() { mutex_.Unlock(); }
+  explicit MutexLock(Mutex& mutex) ORB_ACQUIRE(mutex) : mutex_(mutex) { mutex_.Lock(); }
+  ~MutexLock() ORB_RELEASE() { mutex_.Unlock(); }
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
 
@@ -77,7 +63,7 @@ class SCOPED_CAPABILITY MutexLock {
 // Write the predicate as a loop around Wait, so that the analysis sees it.
 class CondVar {
  public:
-  void Wait(Mutex& mutex) REQUIRES(mutex) {
+  void Wait(Mutex& mutex) ORB_REQUIRES(mutex) {
     std::unique_lock<std::mutex> lock(mutex.mutex_, std::adopt_lock);
     cv_.wait(lock);
     lock.release();
@@ -85,7 +71,7 @@ class CondVar {
   // False when the deadline passed first.
   template <typename Clock, typename Duration>
   bool WaitUntil(Mutex& mutex, const std::chrono::time_point<Clock, Duration>& deadline)
-      REQUIRES(mutex) {
+      ORB_REQUIRES(mutex) {
     std::unique_lock<std::mutex> lock(mutex.mutex_, std::adopt_lock);
     const bool in_time = cv_.wait_until(lock, deadline) == std::cv_status::no_timeout;
     lock.release();

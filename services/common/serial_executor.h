@@ -24,31 +24,31 @@ class SerialExecutor {
   SerialExecutor& operator=(const SerialExecutor&) = delete;
 
   // False when it is full or stopped; the task is then never run.
-  bool Post(std::function<void()> task) EXCLUDES(mutex_);
+  bool Post(std::function<void()> task) ORB_EXCLUDES(mutex_);
 
   // Drops the tasks that wait and takes no more. The running one goes on.
-  void Stop() EXCLUDES(mutex_);
+  void Stop() ORB_EXCLUDES(mutex_);
   // Takes no more tasks; those that wait are still run.
-  void Finish() EXCLUDES(mutex_);
+  void Finish() ORB_EXCLUDES(mutex_);
 
   // For the running task: waits, and returns false at once when Stop is called.
-  bool Pause(std::chrono::milliseconds duration) EXCLUDES(mutex_);
+  bool Pause(std::chrono::milliseconds duration) ORB_EXCLUDES(mutex_);
 
   // Whether no task runs any more after a Stop or Finish, waiting for it until
   // then; the thread is gone, too.
-  bool StoppedBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);
+  bool StoppedBy(std::chrono::steady_clock::time_point deadline) ORB_EXCLUDES(mutex_);
 
  private:
-  void Run() EXCLUDES(mutex_);
+  void Run() ORB_EXCLUDES(mutex_);
 
   const size_t max_tasks_;
   Mutex mutex_;
   CondVar changed_;
-  std::deque<std::function<void()>> tasks_ GUARDED_BY(mutex_);
-  bool stopping_ GUARDED_BY(mutex_) = false;
-  bool finishing_ GUARDED_BY(mutex_) = false;
-  bool running_ GUARDED_BY(mutex_) = false;
-  std::thread thread_ GUARDED_BY(mutex_);  // Joined by StoppedBy or the destructor.
+  std::deque<std::function<void()>> tasks_ ORB_GUARDED_BY(mutex_);
+  bool stopping_ ORB_GUARDED_BY(mutex_) = false;
+  bool finishing_ ORB_GUARDED_BY(mutex_) = false;
+  bool running_ ORB_GUARDED_BY(mutex_) = false;
+  std::thread thread_ ORB_GUARDED_BY(mutex_);  // Joined by StoppedBy or the destructor.
 };
 
 }  // namespace orb::services

@@ -58,29 +58,29 @@ class ChannelTable {
 
   // The new token, not 0; 0 when the caller or all have too many.
   uint32_t Add(const Caller& caller, std::shared_ptr<const SharedRegion> region, SlotDone done)
-      EXCLUDES(mutex_);
+      ORB_EXCLUDES(mutex_);
   // Null unless the channel is the caller's own.
-  std::shared_ptr<Channel> Find(const Caller& caller, uint32_t token) EXCLUDES(mutex_);
+  std::shared_ptr<Channel> Find(const Caller& caller, uint32_t token) ORB_EXCLUDES(mutex_);
   // False when the channel is not the caller's own.
-  bool Remove(const Caller& caller, uint32_t token) EXCLUDES(mutex_);
+  bool Remove(const Caller& caller, uint32_t token) ORB_EXCLUDES(mutex_);
   // Whoever owned it; for a client that died.
-  bool RemoveDead(uint32_t token) EXCLUDES(mutex_);
-  bool Has(uint32_t token) const EXCLUDES(mutex_);
+  bool RemoveDead(uint32_t token) ORB_EXCLUDES(mutex_);
+  bool Has(uint32_t token) const ORB_EXCLUDES(mutex_);
 
   // Takes no more slots to confirm, and gives the clients those that wait; false
   // when one is not confirmed by the deadline.
-  bool FinishBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);
+  bool FinishBy(std::chrono::steady_clock::time_point deadline) ORB_EXCLUDES(mutex_);
 
  private:
   using Channels = std::map<uint32_t, std::shared_ptr<Channel>>;
-  void Retire(Channels::iterator at) REQUIRES(mutex_);
+  void Retire(Channels::iterator at) ORB_REQUIRES(mutex_);
 
   mutable Mutex mutex_;
-  Channels channels_ GUARDED_BY(mutex_);
+  Channels channels_ ORB_GUARDED_BY(mutex_);
   // Of closed channels. A confirmation may not have returned, and nobody else may
   // drop the last reference then, because the destructor waits.
-  std::vector<std::shared_ptr<services::SerialExecutor>> retired_ GUARDED_BY(mutex_);
-  uint32_t next_token_ GUARDED_BY(mutex_);
+  std::vector<std::shared_ptr<services::SerialExecutor>> retired_ ORB_GUARDED_BY(mutex_);
+  uint32_t next_token_ ORB_GUARDED_BY(mutex_);
 };
 
 }  // namespace orb::hal

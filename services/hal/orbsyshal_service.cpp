@@ -17,7 +17,7 @@ using ::ndk::ScopedAStatus;
 // A notice may run while its service goes away, so it does not point to one.
 struct Current {
   Mutex mutex;
-  std::weak_ptr<Hal> hal GUARDED_BY(mutex);
+  std::weak_ptr<Hal> hal ORB_GUARDED_BY(mutex);
 };
 
 Current& TheCurrent() {

@@ -40,12 +40,12 @@ class OrbsyshalService : public ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbsyshal
   ::ndk::ScopedAStatus unset_fd(int32_t in_fdToken) override;
 
  private:
-  bool Link(uint32_t token, const ::ndk::SpAIBinder& callback) EXCLUDES(mutex_);
-  void Unlink(uint32_t token) EXCLUDES(mutex_);
+  bool Link(uint32_t token, const ::ndk::SpAIBinder& callback) ORB_EXCLUDES(mutex_);
+  void Unlink(uint32_t token) ORB_EXCLUDES(mutex_);
 
   const std::shared_ptr<Hal> hal_;
   Mutex mutex_;
-  std::map<uint32_t, ::ndk::SpAIBinder> linked_ GUARDED_BY(mutex_);  // By token.
+  std::map<uint32_t, ::ndk::SpAIBinder> linked_ ORB_GUARDED_BY(mutex_);  // By token.
   // Owns the links to all callbacks; deleting it undoes them.
   ::ndk::ScopedAIBinder_DeathRecipient death_;
 };

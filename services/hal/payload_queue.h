@@ -50,9 +50,9 @@ class PendingQueues {
   static constexpr size_t kMaxQueues = 256;
 
   // Replaces the caller's. When there are too many, the oldest goes.
-  void Put(const Caller& caller, std::shared_ptr<const PayloadQueue> queue) EXCLUDES(mutex_);
+  void Put(const Caller& caller, std::shared_ptr<const PayloadQueue> queue) ORB_EXCLUDES(mutex_);
   // Null when the caller has none; it has none afterwards.
-  std::shared_ptr<const PayloadQueue> Take(const Caller& caller) EXCLUDES(mutex_);
+  std::shared_ptr<const PayloadQueue> Take(const Caller& caller) ORB_EXCLUDES(mutex_);
 
  private:
   struct Entry {
@@ -60,8 +60,8 @@ class PendingQueues {
     std::shared_ptr<const PayloadQueue> queue;
   };
   Mutex mutex_;
-  std::map<Caller, Entry> queues_ GUARDED_BY(mutex_);
-  uint64_t next_order_ GUARDED_BY(mutex_) = 0;
+  std::map<Caller, Entry> queues_ ORB_GUARDED_BY(mutex_);
+  uint64_t next_order_ ORB_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace orb::hal

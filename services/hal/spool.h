@@ -36,18 +36,18 @@ class Spool {
   // Stores one upload; true when it is on the medium under its name. False
   // after one log line: a name or header that is refused, an upload beyond the
   // quota, a full disk. The oldest files make room.
-  bool Store(const std::string& name, std::span<const uint8_t> upload) EXCLUDES(mutex_);
+  bool Store(const std::string& name, std::span<const uint8_t> upload) ORB_EXCLUDES(mutex_);
 
   // Bytes of content below the directory, as far as this process knows.
-  uint64_t StoredBytes() const EXCLUDES(mutex_);
+  uint64_t StoredBytes() const ORB_EXCLUDES(mutex_);
 
  private:
   Spool(std::string directory, uint64_t max_bytes, UniqueFd root, UniqueFd incoming);
 
   int Place(const std::string& temporary, const std::vector<std::string>& folders,
-            const std::string& stem, uint64_t bytes) REQUIRES(mutex_);
-  void MakeRoomFor(uint64_t bytes) REQUIRES(mutex_);
-  void Remove(const SpooledFile& file) REQUIRES(mutex_);
+            const std::string& stem, uint64_t bytes) ORB_REQUIRES(mutex_);
+  void MakeRoomFor(uint64_t bytes) ORB_REQUIRES(mutex_);
+  void Remove(const SpooledFile& file) ORB_REQUIRES(mutex_);
 
   const std::string directory_;
   const uint64_t max_bytes_;
@@ -55,7 +55,7 @@ class Spool {
   const UniqueFd incoming_;  // Temporary files; below root_, so that a rename is enough.
   std::atomic<uint64_t> next_temporary_{0};
   mutable Mutex mutex_;
-  SpoolIndex index_ GUARDED_BY(mutex_);
+  SpoolIndex index_ ORB_GUARDED_BY(mutex_);
 };
 
 }  // namespace orb::hal

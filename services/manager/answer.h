@@ -15,7 +15,7 @@ namespace orb::manager {
 // Thread-safe; the first reply counts.
 class Answer {
  public:
-  void Set(const ControlReply& reply) EXCLUDES(mutex_) {
+  void Set(const ControlReply& reply) ORB_EXCLUDES(mutex_) {
     MutexLock lock(mutex_);
     if (there_) return;
     there_ = true;
@@ -23,7 +23,7 @@ class Answer {
     changed_.NotifyAll();
   }
   // False when no reply came in time.
-  bool Wait(std::chrono::milliseconds timeout, ControlReply* reply) EXCLUDES(mutex_) {
+  bool Wait(std::chrono::milliseconds timeout, ControlReply* reply) ORB_EXCLUDES(mutex_) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     MutexLock lock(mutex_);
     while (!there_) {
@@ -36,8 +36,8 @@ class Answer {
  private:
   Mutex mutex_;
   CondVar changed_;
-  bool there_ GUARDED_BY(mutex_) = false;
-  ControlReply reply_ GUARDED_BY(mutex_);
+  bool there_ ORB_GUARDED_BY(mutex_) = false;
+  ControlReply reply_ ORB_GUARDED_BY(mutex_);
 };
 
 // Owned by the task: one that is dropped answers, too.

@@ -51,15 +51,15 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   // Makes a client known, in place of an earlier one of that name, and gives it
   // its campaign back soon. False for a name that is refused (logged).
   bool Register(const KIVClientInfo& info, const android::sp<IKIVCallback>& callback,
-                KIVClientId* id) EXCLUDES(mutex_);
+                KIVClientId* id) ORB_EXCLUDES(mutex_);
   // Forgets the registration; the campaign stays on disk. False: no such token.
-  bool Deregister(const std::string& token) EXCLUDES(mutex_);
+  bool Deregister(const std::string& token) ORB_EXCLUDES(mutex_);
   // Gives the client its campaign back if it does not run.
-  void CheckPending(const std::string& token) EXCLUDES(mutex_);
-  void ClientDied(const std::string& token) EXCLUDES(mutex_);
+  void CheckPending(const std::string& token) ORB_EXCLUDES(mutex_);
+  void ClientDied(const std::string& token) ORB_EXCLUDES(mutex_);
 
   // For operators; docs in control/IOrbControl.h. Block for the client's answer.
-  std::vector<ClientRecord> ListClients() EXCLUDES(mutex_);
+  std::vector<ClientRecord> ListClients() ORB_EXCLUDES(mutex_);
   ControlReply StartCampaign(const std::string& name, const KIVCampConfig& config);
   ControlReply StopCampaign(const std::string& name);
   ControlReply SetLicSn(const std::string& name, int64_t lic_sn, bool run);
@@ -67,14 +67,14 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   ControlReply DumpClient(const std::string& name, UniqueFd fd);
 
   // Stops all calls to clients; false when one still waits at the deadline.
-  bool StopBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);
+  bool StopBy(std::chrono::steady_clock::time_point deadline) ORB_EXCLUDES(mutex_);
 
  private:
   using Client = std::shared_ptr<RegisteredClient>;
 
-  Client Find(const std::string& name) EXCLUDES(mutex_);
-  Client Take(const std::string& token) EXCLUDES(mutex_);
-  void Retire(const Client& client) REQUIRES(mutex_);
+  Client Find(const std::string& name) ORB_EXCLUDES(mutex_);
+  Client Take(const std::string& token) ORB_EXCLUDES(mutex_);
+  void Retire(const Client& client) ORB_REQUIRES(mutex_);
   void PostRestart(const Client& client);
   ControlReply NotThere(const std::string& name) const;
   ControlReply RunOn(const Client& client, std::function<ControlReply()> call);
@@ -92,10 +92,10 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   const std::unique_ptr<StateStore> store_;
   const Timing timing_;
   Mutex mutex_;
-  std::map<std::string, Client> by_token_ GUARDED_BY(mutex_);
+  std::map<std::string, Client> by_token_ ORB_GUARDED_BY(mutex_);
   // Gone, but a call to them may not have returned. Nobody else keeps a client
   // whose executor runs: its destructor, which joins, must not run on it.
-  std::vector<Client> retired_ GUARDED_BY(mutex_);
+  std::vector<Client> retired_ ORB_GUARDED_BY(mutex_);
 };
 
 }  // namespace orb::manager

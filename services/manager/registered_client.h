@@ -37,11 +37,11 @@ class RegisteredClient {
   android::sp<IKIVCallback> callback;
   android::sp<android::IBinder::DeathRecipient> death;  // The proxy holds it weakly.
 
-  SessionState Session() const EXCLUDES(mutex_) {
+  SessionState Session() const ORB_EXCLUDES(mutex_) {
     MutexLock lock(mutex_);
     return session_;
   }
-  void SetSession(const SessionState& session) EXCLUDES(mutex_) {
+  void SetSession(const SessionState& session) ORB_EXCLUDES(mutex_) {
     MutexLock lock(mutex_);
     session_ = session;
   }
@@ -60,7 +60,7 @@ class RegisteredClient {
 
  private:
   mutable Mutex mutex_;
-  SessionState session_ GUARDED_BY(mutex_);
+  SessionState session_ ORB_GUARDED_BY(mutex_);
   services::SerialExecutor executor_{kMaxWaitingCalls};
   services::SerialExecutor asking_{kMaxWaitingQuestions};
 };

@@ -33,32 +33,32 @@ class StateStore {
 
   // The id of this client name, the same ever after; a new name gets a new one.
   // -1 when there are too many names.
-  int32_t ClientId(const std::string& name) EXCLUDES(mutex_);
+  int32_t ClientId(const std::string& name) ORB_EXCLUDES(mutex_);
 
   // Whether the name ever registered.
-  bool Knows(const std::string& name) const EXCLUDES(mutex_);
+  bool Knows(const std::string& name) const ORB_EXCLUDES(mutex_);
 
   // All that is kept, by name.
-  std::map<std::string, ClientState> Clients() const EXCLUDES(mutex_);
+  std::map<std::string, ClientState> Clients() const ORB_EXCLUDES(mutex_);
 
   // False when the client is unknown or has no campaign.
-  bool GetCampaign(const std::string& name, SavedCampaign* campaign) const EXCLUDES(mutex_);
+  bool GetCampaign(const std::string& name, SavedCampaign* campaign) const ORB_EXCLUDES(mutex_);
 
   // Of a known client. False when the disk did not take it (logged): then it
   // holds for this process only.
-  bool SetCampaign(const std::string& name, const SavedCampaign& campaign) EXCLUDES(mutex_);
-  bool ClearCampaign(const std::string& name) EXCLUDES(mutex_);
+  bool SetCampaign(const std::string& name, const SavedCampaign& campaign) ORB_EXCLUDES(mutex_);
+  bool ClearCampaign(const std::string& name) ORB_EXCLUDES(mutex_);
 
  private:
   explicit StateStore(UniqueFd directory) : directory_(std::move(directory)) {}
 
-  void Load(const std::string& file) REQUIRES(mutex_);
-  bool Save(const ClientState& state) REQUIRES(mutex_);
+  void Load(const std::string& file) ORB_REQUIRES(mutex_);
+  bool Save(const ClientState& state) ORB_REQUIRES(mutex_);
 
   const UniqueFd directory_;
   mutable Mutex mutex_;
-  std::map<std::string, ClientState> clients_ GUARDED_BY(mutex_);
-  int32_t last_id_ GUARDED_BY(mutex_) = 0;
+  std::map<std::string, ClientState> clients_ ORB_GUARDED_BY(mutex_);
+  int32_t last_id_ ORB_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace orb::manager

@@ -102,8 +102,8 @@ class OddHal : public ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbsyshal {
   const std::shared_ptr<hal::OrbsyshalService> inner_;
   std::atomic<Mood> mood_{Mood::kWell};
   Mutex mutex_;
-  std::mt19937 random_ GUARDED_BY(mutex_);
-  std::shared_ptr<IOrbFdCallback> callback_ GUARDED_BY(mutex_);
+  std::mt19937 random_ ORB_GUARDED_BY(mutex_);
+  std::shared_ptr<IOrbFdCallback> callback_ ORB_GUARDED_BY(mutex_);
 };
 
 int Main(const std::string& spool_dir) {

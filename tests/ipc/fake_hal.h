@@ -124,7 +124,7 @@ class FakeHal : public ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbsyshal {
   FakeHal() = default;
   // Runs `take` unless the script is against it; notes `call` when that gives true.
   template <typename Taker>
-  Status Take(const std::string& call, Taker take) EXCLUDES(mutex_) {
+  Status Take(const std::string& call, Taker take) ORB_EXCLUDES(mutex_) {
     std::function<Answer(const std::string&)> script;
     {
       MutexLock lock(mutex_);
@@ -139,12 +139,12 @@ class FakeHal : public ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbsyshal {
   }
 
   mutable Mutex mutex_;
-  std::function<Answer(const std::string&)> script_ GUARDED_BY(mutex_);
-  std::vector<std::string> taken_ GUARDED_BY(mutex_);
-  std::unique_ptr<Queue> queue_ GUARDED_BY(mutex_);
-  std::vector<uint8_t> upload_ GUARDED_BY(mutex_);
-  std::shared_ptr<IOrbFdCallback> callback_ GUARDED_BY(mutex_);
-  int32_t regions_ GUARDED_BY(mutex_) = 0;  // Their tokens are 1 to this.
+  std::function<Answer(const std::string&)> script_ ORB_GUARDED_BY(mutex_);
+  std::vector<std::string> taken_ ORB_GUARDED_BY(mutex_);
+  std::unique_ptr<Queue> queue_ ORB_GUARDED_BY(mutex_);
+  std::vector<uint8_t> upload_ ORB_GUARDED_BY(mutex_);
+  std::shared_ptr<IOrbFdCallback> callback_ ORB_GUARDED_BY(mutex_);
+  int32_t regions_ ORB_GUARDED_BY(mutex_) = 0;  // Their tokens are 1 to this.
 };
 
 }  // namespace orb::test

@@ -74,10 +74,10 @@ class FakeManager : public BnKIVManager {
   }
 
   mutable Mutex mutex_;
-  std::function<Status(const std::string&)> hook_ GUARDED_BY(mutex_);
-  std::vector<std::string> calls_ GUARDED_BY(mutex_);
-  android::sp<IKIVCallback> callback_ GUARDED_BY(mutex_);
-  int32_t clients_ GUARDED_BY(mutex_) = 0;
+  std::function<Status(const std::string&)> hook_ ORB_GUARDED_BY(mutex_);
+  std::vector<std::string> calls_ ORB_GUARDED_BY(mutex_);
+  android::sp<IKIVCallback> callback_ ORB_GUARDED_BY(mutex_);
+  int32_t clients_ ORB_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace orb::test

@@ -52,9 +52,9 @@ class TestObject : public android::BBinder {
 
   Mutex mutex_;
   CondVar changed_;
-  std::vector<int32_t> appended_ GUARDED_BY(mutex_);
-  android::sp<android::IBinder> stored_ GUARDED_BY(mutex_);
-  bool unblocked_ GUARDED_BY(mutex_) = false;
+  std::vector<int32_t> appended_ ORB_GUARDED_BY(mutex_);
+  android::sp<android::IBinder> stored_ ORB_GUARDED_BY(mutex_);
+  bool unblocked_ ORB_GUARDED_BY(mutex_) = false;
 };
 
 // What a call to such an object gives.

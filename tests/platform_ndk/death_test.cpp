@@ -35,7 +35,7 @@ class Story {
   }
 
   mutable orb::Mutex mutex_;
-  std::string text_ GUARDED_BY(mutex_);
+  std::string text_ ORB_GUARDED_BY(mutex_);
 };
 
 class NdkDeathTest : public orb::test::EchoTest {

@@ -77,8 +77,8 @@ class SlotHal : public FakeAidlClient {
   const int completions_inside_;
   kiv_collector* collector_ = nullptr;
   mutable Mutex mutex_;
-  std::map<uint32_t, UniqueFd> regions_ GUARDED_BY(mutex_);
-  std::vector<Slot> slots_ GUARDED_BY(mutex_);
+  std::map<uint32_t, UniqueFd> regions_ ORB_GUARDED_BY(mutex_);
+  std::vector<Slot> slots_ ORB_GUARDED_BY(mutex_);
 };
 
 }  // namespace orb::test

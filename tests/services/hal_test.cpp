@@ -90,7 +90,7 @@ class HalTest : public ::testing::Test {
   orb::test::TempDir temp_;
   std::unique_ptr<Hal> hal_;
   Mutex mutex_;
-  std::vector<std::vector<int32_t>> confirmed_ GUARDED_BY(mutex_);
+  std::vector<std::vector<int32_t>> confirmed_ ORB_GUARDED_BY(mutex_);
 };
 
 TEST_F(HalTest, StoresAQueuedPayloadThatWrapsAround) {

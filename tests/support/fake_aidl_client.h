@@ -129,7 +129,7 @@ class FakeAidlClient : public kivAIDLClient {
     int result;
   };
   // Notes the call and gives its result.
-  int Record(const std::string& call) REQUIRES(mutex_) {
+  int Record(const std::string& call) ORB_REQUIRES(mutex_) {
     calls_.push_back(call);
     const auto it = failures_.find(call.substr(0, call.find(' ')));
     if (it == failures_.end()) return 0;
@@ -139,12 +139,12 @@ class FakeAidlClient : public kivAIDLClient {
   }
 
   mutable Mutex mutex_;
-  std::vector<std::string> calls_ GUARDED_BY(mutex_);
-  std::map<std::string, Failure> failures_ GUARDED_BY(mutex_);
-  std::function<void()> register_hook_ GUARDED_BY(mutex_);
-  std::vector<Upload> uploads_ GUARDED_BY(mutex_);
-  std::vector<Piece> pieces_ GUARDED_BY(mutex_);
-  uint32_t next_region_ GUARDED_BY(mutex_) = kFirstRegion;
+  std::vector<std::string> calls_ ORB_GUARDED_BY(mutex_);
+  std::map<std::string, Failure> failures_ ORB_GUARDED_BY(mutex_);
+  std::function<void()> register_hook_ ORB_GUARDED_BY(mutex_);
+  std::vector<Upload> uploads_ ORB_GUARDED_BY(mutex_);
+  std::vector<Piece> pieces_ ORB_GUARDED_BY(mutex_);
+  uint32_t next_region_ ORB_GUARDED_BY(mutex_) = kFirstRegion;
 };
 
 }  // namespace orb::test

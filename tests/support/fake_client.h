@@ -75,10 +75,10 @@ class FakeClient : public BnKIVCallback {
   }
 
   mutable Mutex mutex_;
-  std::function<int32_t()> on_start_ GUARDED_BY(mutex_);
-  android::status_t status_ GUARDED_BY(mutex_) = android::OK;
-  std::vector<std::string> calls_ GUARDED_BY(mutex_);
-  KIVCampConfig started_ GUARDED_BY(mutex_);
+  std::function<int32_t()> on_start_ ORB_GUARDED_BY(mutex_);
+  android::status_t status_ ORB_GUARDED_BY(mutex_) = android::OK;
+  std::vector<std::string> calls_ ORB_GUARDED_BY(mutex_);
+  KIVCampConfig started_ ORB_GUARDED_BY(mutex_);
 };
 
 }  // namespace orb::test

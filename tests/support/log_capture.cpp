@@ -13,7 +13,7 @@ namespace {
 // The captures that live. Leaked: threads may log while the process exits.
 struct Registry {
   Mutex mutex;
-  std::vector<LogCapture*> captures GUARDED_BY(mutex);
+  std::vector<LogCapture*> captures ORB_GUARDED_BY(mutex);
 };
 
 Registry& GetRegistry() {

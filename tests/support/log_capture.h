@@ -37,24 +37,25 @@ class LogCapture {
   // Whether this exact line was logged.
   bool Has(int priority, std::string_view tag, std::string_view text) const;
   // Lines that hold `text` anywhere.
-  size_t Count(std::string_view text) const EXCLUDES(mutex_);
+  size_t Count(std::string_view text) const ORB_EXCLUDES(mutex_);
   // A copy of all lines so far.
-  std::vector<LogLine> Lines() const EXCLUDES(mutex_);
+  std::vector<LogLine> Lines() const ORB_EXCLUDES(mutex_);
   // All lines as "priority tag: text", one a line: for failure messages.
   std::string Dump() const;
   // Forgets the lines so far.
-  void Clear() EXCLUDES(mutex_);
+  void Clear() ORB_EXCLUDES(mutex_);
 
   // Waits until at least `count` lines hold `text`; false when `timeout` was first.
   bool WaitFor(std::string_view text, size_t count = 1,
-               std::chrono::milliseconds timeout = std::chrono::seconds(10)) const EXCLUDES(mutex_);
+               std::chrono::milliseconds timeout = std::chrono::seconds(10)) const
+      ORB_EXCLUDES(mutex_);
 
   // For the log function only.
-  void Add(LogLine line) EXCLUDES(mutex_);
+  void Add(LogLine line) ORB_EXCLUDES(mutex_);
 
  private:
   mutable Mutex mutex_;
-  std::vector<LogLine> lines_ GUARDED_BY(mutex_);
+  std::vector<LogLine> lines_ ORB_GUARDED_BY(mutex_);
 };
 
 }  // namespace orb

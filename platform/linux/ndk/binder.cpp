@@ -89,7 +89,7 @@ class OtherBinder : public AIBinder {
   };
   struct Table {
     orb::Mutex mutex;
-    std::map<const IBinder*, Entry> entries GUARDED_BY(mutex);
+    std::map<const IBinder*, Entry> entries ORB_GUARDED_BY(mutex);
   };
   // Never destroyed: handles may outlive static objects.
   static Table& TheTable() {

@@ -21,17 +21,17 @@ class Link;
 // The links of one recipient; it goes away with the recipient.
 class LinkSet {
  public:
-  void Add(const sp<Link>& link) EXCLUDES(mutex_);
+  void Add(const sp<Link>& link) ORB_EXCLUDES(mutex_);
   // The newest armed link of these, no longer in the set; or null.
-  sp<Link> Take(const IBinder* binder, const void* cookie) EXCLUDES(mutex_);
-  std::vector<sp<Link>> TakeAll() EXCLUDES(mutex_);
-  void Remove(const Link* link) EXCLUDES(mutex_);
+  sp<Link> Take(const IBinder* binder, const void* cookie) ORB_EXCLUDES(mutex_);
+  std::vector<sp<Link>> TakeAll() ORB_EXCLUDES(mutex_);
+  void Remove(const Link* link) ORB_EXCLUDES(mutex_);
   // Drops the links of proxies that are gone: they would pile up for ever.
-  void DropUseless() EXCLUDES(mutex_);
+  void DropUseless() ORB_EXCLUDES(mutex_);
 
  private:
   orb::Mutex mutex_;
-  std::vector<sp<Link>> links_ GUARDED_BY(mutex_);
+  std::vector<sp<Link>> links_ ORB_GUARDED_BY(mutex_);
 };
 
 // One call of linkToDeath: armed -> (died | unlinked) -> destroyed, which is

@@ -50,16 +50,16 @@ struct AIBinder : public virtual android::RefBase {
   virtual bool IsRemote() const = 0;
   virtual void* UserData() { return nullptr; }
 
-  bool Associate(const AIBinder_Class* clazz) EXCLUDES(mutex_);
-  const AIBinder_Class* Class() const EXCLUDES(mutex_);
+  bool Associate(const AIBinder_Class* clazz) ORB_EXCLUDES(mutex_);
+  const AIBinder_Class* Class() const ORB_EXCLUDES(mutex_);
 
  protected:
   // Sets the class of an object that has none.
-  bool SetClass(const AIBinder_Class* clazz) EXCLUDES(mutex_);
+  bool SetClass(const AIBinder_Class* clazz) ORB_EXCLUDES(mutex_);
 
  private:
   mutable orb::Mutex mutex_;
-  const AIBinder_Class* class_ GUARDED_BY(mutex_) = nullptr;
+  const AIBinder_Class* class_ ORB_GUARDED_BY(mutex_) = nullptr;
 };
 
 namespace orb_platform {

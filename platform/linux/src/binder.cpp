@@ -28,7 +28,7 @@ struct IBinder::Attachments {
     object_cleanup_func cleanup;
   };
   orb::Mutex mutex;
-  std::map<const void*, Entry> entries GUARDED_BY(mutex);
+  std::map<const void*, Entry> entries ORB_GUARDED_BY(mutex);
 };
 
 IBinder::IBinder() : attachments_(new Attachments) {}

@@ -34,11 +34,11 @@ struct BpBinder::State {
 
   orb::Mutex mutex;
   // The owner is gone, which a DEAD_OBJECT from a handler does not say.
-  bool owner_gone GUARDED_BY(mutex) = false;
-  bool reported GUARDED_BY(mutex) = false;
-  std::vector<Link> links GUARDED_BY(mutex);
-  bool descriptor_known GUARDED_BY(mutex) = false;
-  String16 descriptor GUARDED_BY(mutex);
+  bool owner_gone ORB_GUARDED_BY(mutex) = false;
+  bool reported ORB_GUARDED_BY(mutex) = false;
+  std::vector<Link> links ORB_GUARDED_BY(mutex);
+  bool descriptor_known ORB_GUARDED_BY(mutex) = false;
+  String16 descriptor ORB_GUARDED_BY(mutex);
 };
 
 BpBinder::BpBinder(std::shared_ptr<orb_platform::RemoteTarget> target)

@@ -152,7 +152,8 @@ void Bus::Unref(sd_bus_message* message) {
   sd_bus_message_unref(message);
 }
 
-int Bus::OnReply(sd_bus_message* reply, void* pending, sd_bus_error*) NO_THREAD_SAFETY_ANALYSIS {
+int Bus::OnReply(sd_bus_message* reply, void* pending,
+                 sd_bus_error*) ORB_NO_THREAD_SAFETY_ANALYSIS {
   auto* const waiting = static_cast<Pending*>(pending);
   waiting->reply = sd_bus_message_ref(reply);
   Get().Finish(waiting);

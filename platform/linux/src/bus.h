@@ -68,21 +68,21 @@ class Bus {
   static Bus& Get();
 
   // Connects unless connected. False when there is no bus.
-  bool Connect() EXCLUDES(mutex_);
+  bool Connect() ORB_EXCLUDES(mutex_);
   android::status_t Transact(const BusTarget& target, uint32_t code, const android::Parcel& data,
-                             android::Parcel* reply, uint32_t flags) EXCLUDES(mutex_);
-  void ReleaseProxy(const BusTarget& target, const android::BpBinder* proxy) EXCLUDES(mutex_);
+                             android::Parcel* reply, uint32_t flags) ORB_EXCLUDES(mutex_);
+  void ReleaseProxy(const BusTarget& target, const android::BpBinder* proxy) ORB_EXCLUDES(mutex_);
 
   // Null when nobody owns the name, or its owner did not answer in time.
-  android::sp<android::IBinder> FindService(const std::string& bus_name) EXCLUDES(mutex_);
+  android::sp<android::IBinder> FindService(const std::string& bus_name) ORB_EXCLUDES(mutex_);
   // 0 or the code of an exception.
   int32_t AddService(const std::string& bus_name, const android::sp<android::BBinder>& service)
-      EXCLUDES(mutex_);
-  std::vector<std::string> ListNames() EXCLUDES(mutex_);
-  Credentials CredentialsOf(const Caller& caller) EXCLUDES(mutex_);
+      ORB_EXCLUDES(mutex_);
+  std::vector<std::string> ListNames() ORB_EXCLUDES(mutex_);
+  Credentials CredentialsOf(const Caller& caller) ORB_EXCLUDES(mutex_);
 
   // The worker's seat: Sit() returns once there is work or Wake() was called.
-  void Sit() EXCLUDES(mutex_);
+  void Sit() ORB_EXCLUDES(mutex_);
   void Wake() { poller_.WakeSeat(); }  // Async-signal-safe.
 
  private:
@@ -122,39 +122,40 @@ class Bus {
   Bus();
 
   // bus.cpp: the connection, and waiting on it.
-  bool ConnectLocked() REQUIRES(mutex_);
-  void Process() REQUIRES(mutex_);
-  void Disconnected() REQUIRES(mutex_);
-  void Rearm() REQUIRES(mutex_);
-  void ReadForever() EXCLUDES(mutex_);
+  bool ConnectLocked() ORB_REQUIRES(mutex_);
+  void Process() ORB_REQUIRES(mutex_);
+  void Disconnected() ORB_REQUIRES(mutex_);
+  void Rearm() ORB_REQUIRES(mutex_);
+  void ReadForever() ORB_EXCLUDES(mutex_);
   sd_bus_message* NewCall(const char* destination, const char* path, const char* interface,
-                          const char* member) REQUIRES(mutex_);
+                          const char* member) ORB_REQUIRES(mutex_);
   // Sends `call`, gives it up, and waits. Null when the connection ended or the
   // timeout passed; else a reply or an error, to be freed with Unref.
   sd_bus_message* CallAndWait(sd_bus_message* call,
                               std::optional<std::chrono::milliseconds> timeout = {})
-      REQUIRES(mutex_);
-  void Await(Pending* pending) REQUIRES(mutex_);
-  void Lead(Pending* pending) REQUIRES(mutex_);
-  void Finish(Pending* pending) REQUIRES(mutex_);
-  bool Send(sd_bus_message* message) REQUIRES(mutex_);
-  void Unref(sd_bus_message* message) EXCLUDES(mutex_);
+      ORB_REQUIRES(mutex_);
+  void Await(Pending* pending) ORB_REQUIRES(mutex_);
+  void Lead(Pending* pending) ORB_REQUIRES(mutex_);
+  void Finish(Pending* pending) ORB_REQUIRES(mutex_);
+  bool Send(sd_bus_message* message) ORB_REQUIRES(mutex_);
+  void Unref(sd_bus_message* message) ORB_EXCLUDES(mutex_);
   static int OnReply(sd_bus_message* reply, void* pending, sd_bus_error*);
 
   // bus_objects.cpp: peers, exports, proxies.
-  Peer* EnsurePeer(const std::string& name) REQUIRES(mutex_);
-  void PeerDied(const std::string& name) REQUIRES(mutex_);
-  void Bury(std::unique_ptr<Peer> peer) REQUIRES(mutex_);
+  Peer* EnsurePeer(const std::string& name) ORB_REQUIRES(mutex_);
+  void PeerDied(const std::string& name) ORB_REQUIRES(mutex_);
+  void Bury(std::unique_ptr<Peer> peer) ORB_REQUIRES(mutex_);
   uint64_t ExportTo(const android::sp<android::BBinder>& binder, const std::string& holder)
-      REQUIRES(mutex_);
-  uint64_t ExportId(const android::sp<android::BBinder>& binder) REQUIRES(mutex_);
-  void GiveBack(uint64_t id, const std::string& holder, uint64_t count) REQUIRES(mutex_);
-  void DropIfUnused(uint64_t id) REQUIRES(mutex_);
-  void DropReferences() EXCLUDES(mutex_);
-  bool MayUse(const Export& exported, const std::string& peer) const REQUIRES(mutex_);
+      ORB_REQUIRES(mutex_);
+  uint64_t ExportId(const android::sp<android::BBinder>& binder) ORB_REQUIRES(mutex_);
+  void GiveBack(uint64_t id, const std::string& holder, uint64_t count) ORB_REQUIRES(mutex_);
+  void DropIfUnused(uint64_t id) ORB_REQUIRES(mutex_);
+  void DropReferences() ORB_EXCLUDES(mutex_);
+  bool MayUse(const Export& exported, const std::string& peer) const ORB_REQUIRES(mutex_);
   android::sp<android::IBinder> AcquireProxy(uint64_t connection, const std::string& owner,
-                                             uint64_t id) EXCLUDES(mutex_);
-  android::sp<android::IBinder> OwnObject(uint64_t id, const std::string& peer) EXCLUDES(mutex_);
+                                             uint64_t id) ORB_EXCLUDES(mutex_);
+  android::sp<android::IBinder> OwnObject(uint64_t id, const std::string& peer)
+      ORB_EXCLUDES(mutex_);
   static int OnOwnerChanged(sd_bus_message* message, void* peer, sd_bus_error*);
   static int OnPeerChecked(sd_bus_message* reply, void* peer, sd_bus_error*);
   static bool ReadCredentials(sd_bus_message* reply, Credentials* out);
@@ -162,40 +163,41 @@ class Bus {
   // bus_parcel.cpp: parcels inside messages.
   static std::vector<uint8_t> Scrub(const android::Parcel& parcel);
   bool AppendParcel(sd_bus_message* message, const android::Parcel& parcel,
-                    const std::vector<uint8_t>& scrubbed, const std::string& peer) REQUIRES(mutex_);
+                    const std::vector<uint8_t>& scrubbed, const std::string& peer)
+      ORB_REQUIRES(mutex_);
   bool AppendObject(sd_bus_message* message, const android::Parcel& parcel, size_t index,
-                    uint32_t* descriptors, const std::string& peer) REQUIRES(mutex_);
+                    uint32_t* descriptors, const std::string& peer) ORB_REQUIRES(mutex_);
   android::status_t ReadParcel(sd_bus_message* message, const void* data, size_t bytes,
-                               const Caller& sender, android::Parcel* out) EXCLUDES(mutex_);
+                               const Caller& sender, android::Parcel* out) ORB_EXCLUDES(mutex_);
 
   // bus_incoming.cpp: calls in.
   static int OnMessage(sd_bus_message* message, void* bus, sd_bus_error*);
-  int HandleCall(sd_bus_message* message) REQUIRES(mutex_);
-  void QueueTransaction(sd_bus_message* message, const std::string& sender) REQUIRES(mutex_);
-  void HandleLookup(sd_bus_message* message, const std::string& sender) REQUIRES(mutex_);
-  void RunCall(const std::shared_ptr<Incoming>& call) EXCLUDES(mutex_);
-  void RunOneway(const std::shared_ptr<OnewayQueue>& queue) EXCLUDES(mutex_);
-  void ReplyError(sd_bus_message* call, const char* error) REQUIRES(mutex_);
+  int HandleCall(sd_bus_message* message) ORB_REQUIRES(mutex_);
+  void QueueTransaction(sd_bus_message* message, const std::string& sender) ORB_REQUIRES(mutex_);
+  void HandleLookup(sd_bus_message* message, const std::string& sender) ORB_REQUIRES(mutex_);
+  void RunCall(const std::shared_ptr<Incoming>& call) ORB_EXCLUDES(mutex_);
+  void RunOneway(const std::shared_ptr<OnewayQueue>& queue) ORB_EXCLUDES(mutex_);
+  void ReplyError(sd_bus_message* call, const char* error) ORB_REQUIRES(mutex_);
 
   mutable orb::Mutex mutex_;
   BusPoller poller_;
-  sd_bus* bus_ GUARDED_BY(mutex_) = nullptr;
-  uint64_t connection_ GUARDED_BY(mutex_) = 0;
-  bool reader_started_ GUARDED_BY(mutex_) = false;
-  bool seated_ GUARDED_BY(mutex_) = false;
-  Pending* leader_ GUARDED_BY(mutex_) = nullptr;
-  bool leader_reads_ GUARDED_BY(mutex_) = false;  // The leader itself is in Process().
-  std::vector<Pending*> pending_ GUARDED_BY(mutex_);
-  std::map<std::string, std::unique_ptr<Peer>> peers_ GUARDED_BY(mutex_);
-  std::vector<std::unique_ptr<Peer>> buried_ GUARDED_BY(mutex_);
-  uint64_t last_id_ GUARDED_BY(mutex_) = 0;
-  std::map<uint64_t, Export> exports_ GUARDED_BY(mutex_);
-  std::map<const android::BBinder*, uint64_t> export_ids_ GUARDED_BY(mutex_);
-  std::map<std::string, uint64_t> services_ GUARDED_BY(mutex_);  // Bus name to export.
+  sd_bus* bus_ ORB_GUARDED_BY(mutex_) = nullptr;
+  uint64_t connection_ ORB_GUARDED_BY(mutex_) = 0;
+  bool reader_started_ ORB_GUARDED_BY(mutex_) = false;
+  bool seated_ ORB_GUARDED_BY(mutex_) = false;
+  Pending* leader_ ORB_GUARDED_BY(mutex_) = nullptr;
+  bool leader_reads_ ORB_GUARDED_BY(mutex_) = false;  // The leader itself is in Process().
+  std::vector<Pending*> pending_ ORB_GUARDED_BY(mutex_);
+  std::map<std::string, std::unique_ptr<Peer>> peers_ ORB_GUARDED_BY(mutex_);
+  std::vector<std::unique_ptr<Peer>> buried_ ORB_GUARDED_BY(mutex_);
+  uint64_t last_id_ ORB_GUARDED_BY(mutex_) = 0;
+  std::map<uint64_t, Export> exports_ ORB_GUARDED_BY(mutex_);
+  std::map<const android::BBinder*, uint64_t> export_ids_ ORB_GUARDED_BY(mutex_);
+  std::map<std::string, uint64_t> services_ ORB_GUARDED_BY(mutex_);  // Bus name to export.
   // Dropped by a worker or a returning caller: their destructors may call out.
-  std::vector<android::sp<android::BBinder>> dropped_ GUARDED_BY(mutex_);
-  bool drop_posted_ GUARDED_BY(mutex_) = false;  // A worker's task for it waits.
-  size_t oneway_bytes_ GUARDED_BY(mutex_) = 0;   // Queued in all of exports_.
+  std::vector<android::sp<android::BBinder>> dropped_ ORB_GUARDED_BY(mutex_);
+  bool drop_posted_ ORB_GUARDED_BY(mutex_) = false;  // A worker's task for it waits.
+  size_t oneway_bytes_ ORB_GUARDED_BY(mutex_) = 0;   // Queued in all of exports_.
 };
 
 }  // namespace orb_platform

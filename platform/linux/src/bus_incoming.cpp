@@ -32,7 +32,8 @@ bool IdOf(const char* path, uint64_t* id) {
 
 }  // namespace
 
-int Bus::OnMessage(sd_bus_message* message, void* bus, sd_bus_error*) NO_THREAD_SAFETY_ANALYSIS {
+int Bus::OnMessage(sd_bus_message* message, void* bus,
+                   sd_bus_error*) ORB_NO_THREAD_SAFETY_ANALYSIS {
   if (sd_bus_message_is_method_call(message, kInterface, nullptr) <= 0) return 0;
   return static_cast<Bus*>(bus)->HandleCall(message);
 }

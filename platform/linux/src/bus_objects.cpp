@@ -61,7 +61,7 @@ Bus::Peer* Bus::EnsurePeer(const std::string& name) {
 }
 
 int Bus::OnOwnerChanged(sd_bus_message* message, void* peer,
-                        sd_bus_error*) NO_THREAD_SAFETY_ANALYSIS {
+                        sd_bus_error*) ORB_NO_THREAD_SAFETY_ANALYSIS {
   auto* const watched = static_cast<Peer*>(peer);
   const char* name = nullptr;
   const char* before = nullptr;
@@ -71,7 +71,8 @@ int Bus::OnOwnerChanged(sd_bus_message* message, void* peer,
   return 0;
 }
 
-int Bus::OnPeerChecked(sd_bus_message* reply, void* peer, sd_bus_error*) NO_THREAD_SAFETY_ANALYSIS {
+int Bus::OnPeerChecked(sd_bus_message* reply, void* peer,
+                       sd_bus_error*) ORB_NO_THREAD_SAFETY_ANALYSIS {
   auto* const checked = static_cast<Peer*>(peer);
   Credentials credentials;
   if (sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NAME_HAS_NO_OWNER) > 0) {

@@ -58,8 +58,8 @@ class Serial : public std::enable_shared_from_this<Serial> {
   }
 
   orb::Mutex mutex_;
-  std::deque<std::function<void()>> tasks_ GUARDED_BY(mutex_);
-  bool running_ GUARDED_BY(mutex_) = false;
+  std::deque<std::function<void()>> tasks_ ORB_GUARDED_BY(mutex_);
+  bool running_ ORB_GUARDED_BY(mutex_) = false;
 };
 
 class LocalTarget : public RemoteTarget {
@@ -115,7 +115,7 @@ struct Served {
 
 struct LocalServiceManager::State {
   orb::Mutex mutex;
-  std::map<std::string, std::shared_ptr<Served>> by_name GUARDED_BY(mutex);
+  std::map<std::string, std::shared_ptr<Served>> by_name ORB_GUARDED_BY(mutex);
 };
 
 LocalServiceManager::LocalServiceManager() : state_(new State) {}

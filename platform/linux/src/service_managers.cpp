@@ -71,7 +71,7 @@ class BusServiceManager : public IServiceManager {
 
 struct Managers {
   orb::Mutex mutex;
-  sp<IServiceManager> chosen GUARDED_BY(mutex);
+  sp<IServiceManager> chosen ORB_GUARDED_BY(mutex);
   const sp<IServiceManager> bus{new BusServiceManager()};
 };
 

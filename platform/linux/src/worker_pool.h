@@ -21,46 +21,46 @@ class WorkerPool {
  public:
   static WorkerPool& Get();
 
-  void Start() EXCLUDES(mutex_);
-  bool Started() const EXCLUDES(mutex_);
+  void Start() ORB_EXCLUDES(mutex_);
+  bool Started() const ORB_EXCLUDES(mutex_);
   // Threads besides the first. Aborts when lowered after the start.
-  void SetMaxExtra(size_t count) EXCLUDES(mutex_);
-  size_t MaxExtra() const EXCLUDES(mutex_);
+  void SetMaxExtra(size_t count) ORB_EXCLUDES(mutex_);
+  size_t MaxExtra() const ORB_EXCLUDES(mutex_);
   // The calling thread works until Stop().
-  void Join() EXCLUDES(mutex_);
+  void Join() ORB_EXCLUDES(mutex_);
   // Async-signal-safe.
   void Stop();
   // Stop(), and waits until no task runs; false when one does at the deadline.
-  bool StopBy(std::chrono::steady_clock::time_point deadline) EXCLUDES(mutex_);
+  bool StopBy(std::chrono::steady_clock::time_point deadline) ORB_EXCLUDES(mutex_);
 
-  void Post(std::function<void()> task) EXCLUDES(mutex_);
+  void Post(std::function<void()> task) ORB_EXCLUDES(mutex_);
   // This thread is about to wait for a reply, and has got it. Nothing unless it
   // is a worker.
-  void BeginWait() EXCLUDES(mutex_);
-  void EndWait() EXCLUDES(mutex_);
+  void BeginWait() ORB_EXCLUDES(mutex_);
+  void EndWait() ORB_EXCLUDES(mutex_);
   // Whether a task waits for a worker.
-  bool HasWork() const EXCLUDES(mutex_);
+  bool HasWork() const ORB_EXCLUDES(mutex_);
 
  private:
   WorkerPool() = default;
-  void Spawn() REQUIRES(mutex_);
-  bool MayGrow() const REQUIRES(mutex_);
+  void Spawn() ORB_REQUIRES(mutex_);
+  bool MayGrow() const ORB_REQUIRES(mutex_);
   // A worker that `may_end` does so once there are too many.
-  void Work(bool may_end) EXCLUDES(mutex_);
+  void Work(bool may_end) ORB_EXCLUDES(mutex_);
 
   mutable orb::Mutex mutex_;
   orb::CondVar signalled_;
   orb::CondVar done_;  // A task has ended, and the pool is stopped.
-  std::deque<std::function<void()>> tasks_ GUARDED_BY(mutex_);
-  size_t waiting_ GUARDED_BY(mutex_) = 0;  // Workers in signalled_.Wait.
-  size_t signals_ GUARDED_BY(mutex_) = 0;  // Of those, how many are being woken.
-  size_t running_ GUARDED_BY(mutex_) = 0;  // Tasks.
-  bool seat_taken_ GUARDED_BY(mutex_) = false;
-  bool seat_woken_ GUARDED_BY(mutex_) = false;
-  bool started_ GUARDED_BY(mutex_) = false;
-  size_t threads_ GUARDED_BY(mutex_) = 0;
-  size_t replies_ GUARDED_BY(mutex_) = 0;  // Workers that wait for one.
-  size_t max_extra_ GUARDED_BY(mutex_) = 15;
+  std::deque<std::function<void()>> tasks_ ORB_GUARDED_BY(mutex_);
+  size_t waiting_ ORB_GUARDED_BY(mutex_) = 0;  // Workers in signalled_.Wait.
+  size_t signals_ ORB_GUARDED_BY(mutex_) = 0;  // Of those, how many are being woken.
+  size_t running_ ORB_GUARDED_BY(mutex_) = 0;  // Tasks.
+  bool seat_taken_ ORB_GUARDED_BY(mutex_) = false;
+  bool seat_woken_ ORB_GUARDED_BY(mutex_) = false;
+  bool started_ ORB_GUARDED_BY(mutex_) = false;
+  size_t threads_ ORB_GUARDED_BY(mutex_) = 0;
+  size_t replies_ ORB_GUARDED_BY(mutex_) = 0;  // Workers that wait for one.
+  size_t max_extra_ ORB_GUARDED_BY(mutex_) = 15;
 };
 
 }  // namespace orb_platform

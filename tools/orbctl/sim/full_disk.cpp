@@ -24,7 +24,7 @@ constexpr long kBlockBytes = 4096;
 struct FullDisk {
   std::atomic<bool> on{false};
   Mutex mutex;
-  std::string directory GUARDED_BY(mutex);
+  std::string directory ORB_GUARDED_BY(mutex);
 };
 
 FullDisk& Disk() {

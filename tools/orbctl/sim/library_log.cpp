@@ -27,7 +27,7 @@ constexpr std::string_view kRoutine[] = {"initOrbsyshalHandle: getting new insta
 // Threads of the library may log while the log goes away.
 struct Current {
   Mutex mutex;
-  LibraryLog* log GUARDED_BY(mutex) = nullptr;
+  LibraryLog* log ORB_GUARDED_BY(mutex) = nullptr;
 };
 
 Current& TheCurrent() {

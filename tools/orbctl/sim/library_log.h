@@ -35,13 +35,13 @@ class LibraryLog {
   ~LibraryLog();
 
   // Lines with this text in them, of any priority.
-  uint64_t Count(const std::string& text) const EXCLUDES(mutex_);
+  uint64_t Count(const std::string& text) const ORB_EXCLUDES(mutex_);
   // Records that the library took in hand for an owner's file, and those of
   // them that did not get there whole.
-  std::map<uint64_t, std::pair<uint64_t, uint64_t>> Records() const EXCLUDES(mutex_);
+  std::map<uint64_t, std::pair<uint64_t, uint64_t>> Records() const ORB_EXCLUDES(mutex_);
   // Warnings and errors, in the order of their first time; without those that
   // the library logs when all is well.
-  std::vector<Message> Problems() const EXCLUDES(mutex_);
+  std::vector<Message> Problems() const ORB_EXCLUDES(mutex_);
 
  private:
   struct CloseFile {
@@ -50,14 +50,14 @@ class LibraryLog {
 
   explicit LibraryLog(FILE* file);
   static void Receive(const __android_logger_data* data, const char* text);
-  void Add(const __android_logger_data& data, const std::string& text) EXCLUDES(mutex_);
-  void CountRecord(const std::string& text) REQUIRES(mutex_);
+  void Add(const __android_logger_data& data, const std::string& text) ORB_EXCLUDES(mutex_);
+  void CountRecord(const std::string& text) ORB_REQUIRES(mutex_);
 
   mutable Mutex mutex_;
-  const std::unique_ptr<FILE, CloseFile> file_ PT_GUARDED_BY(mutex_);
-  std::map<std::string, Message> messages_ GUARDED_BY(mutex_);
-  uint64_t owner_ GUARDED_BY(mutex_) = 0;  // Of the record that is being written.
-  std::map<uint64_t, std::pair<uint64_t, uint64_t>> records_ GUARDED_BY(mutex_);
+  const std::unique_ptr<FILE, CloseFile> file_ ORB_PT_GUARDED_BY(mutex_);
+  std::map<std::string, Message> messages_ ORB_GUARDED_BY(mutex_);
+  uint64_t owner_ ORB_GUARDED_BY(mutex_) = 0;  // Of the record that is being written.
+  std::map<uint64_t, std::pair<uint64_t, uint64_t>> records_ ORB_GUARDED_BY(mutex_);
 };
 
 }  // namespace orb::orbctl

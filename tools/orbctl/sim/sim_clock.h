@@ -42,11 +42,11 @@ class SimClock {
 
   // Returns after `duration`, or when `ended` is true; that is asked at the start
   // and after WakeAll(), with the clock's own mutex held.
-  void Sleep(Sleeper who, Time duration, const std::function<bool()>& ended) EXCLUDES(mutex_);
-  void WakeAll() EXCLUDES(mutex_);
+  void Sleep(Sleeper who, Time duration, const std::function<bool()>& ended) ORB_EXCLUDES(mutex_);
+  void WakeAll() ORB_EXCLUDES(mutex_);
   // Sleeps of this kind, now and in all.
-  size_t Asleep(Sleeper who) const EXCLUDES(mutex_);
-  size_t Slept(Sleeper who) const EXCLUDES(mutex_);
+  size_t Asleep(Sleeper who) const ORB_EXCLUDES(mutex_);
+  size_t Slept(Sleeper who) const ORB_EXCLUDES(mutex_);
 
   // Around a call of the driver that may wait for a thread which sleeps: then
   // the sleeper moves the clock to its own end, after a moment.
@@ -60,15 +60,15 @@ class SimClock {
 
   // For the driver. By factor: waits. Stepped: moves the clock, wakes who is due
   // and waits until they are up; never past NextWake().
-  void MoveTo(Time time) EXCLUDES(mutex_);
-  std::optional<Time> NextWake() const EXCLUDES(mutex_);
+  void MoveTo(Time time) ORB_EXCLUDES(mutex_);
+  std::optional<Time> NextWake() const ORB_EXCLUDES(mutex_);
   // Stepped: from now on nobody moves the clock; whoever sleeps does, at once.
-  void RunFreely() EXCLUDES(mutex_);
+  void RunFreely() ORB_EXCLUDES(mutex_);
 
  private:
   SimClock();
-  void SleepStepped(Time until, const std::function<bool()>& ended) REQUIRES(mutex_);
-  void SleepByFactor(Time until, const std::function<bool()>& ended) REQUIRES(mutex_);
+  void SleepStepped(Time until, const std::function<bool()>& ended) ORB_REQUIRES(mutex_);
+  void SleepByFactor(Time until, const std::function<bool()>& ended) ORB_REQUIRES(mutex_);
 
   std::chrono::steady_clock::time_point RealTimeOf(Time time) const;
 
@@ -80,10 +80,10 @@ class SimClock {
 
   mutable Mutex mutex_;
   CondVar changed_;
-  bool free_ GUARDED_BY(mutex_) = false;
-  std::multiset<Time> wakes_ GUARDED_BY(mutex_);
-  size_t asleep_[static_cast<size_t>(Sleeper::kCount)] GUARDED_BY(mutex_) = {};
-  size_t slept_[static_cast<size_t>(Sleeper::kCount)] GUARDED_BY(mutex_) = {};
+  bool free_ ORB_GUARDED_BY(mutex_) = false;
+  std::multiset<Time> wakes_ ORB_GUARDED_BY(mutex_);
+  size_t asleep_[static_cast<size_t>(Sleeper::kCount)] ORB_GUARDED_BY(mutex_) = {};
+  size_t slept_[static_cast<size_t>(Sleeper::kCount)] ORB_GUARDED_BY(mutex_) = {};
 };
 
 }  // namespace orb::orbctl
