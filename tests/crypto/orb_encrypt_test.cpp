@@ -4,6 +4,7 @@
 
 #include <android/log.h>
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 
 #include <functional>
 #include <limits>
@@ -261,6 +262,56 @@ TEST(OrbDecryptTest, TellsItsStepsAndAboveDebugNoSecret) {
   EXPECT_TRUE(log.Contains("get EVP PKEY id"));
   EXPECT_FALSE(log.Contains("symmetric key:")) << log.Dump();
   EXPECT_FALSE(log.Contains("symmetric key string")) << log.Dump();
+}
+
+// The queue is the host's: it may hold errors, and marks that the host will pop to.
+TEST(ErrorQueueTest, KeepsTheHostsErrorsAndMarks) {
+  const KeyPair own = NewP256();
+  const SealedPayload cbc = Seal(kCbc, own.public_pem, "payload");
+  const SealedPayload gcm = Seal(kGcm, own.public_pem, "payload");
+  const struct {
+    const char* name;
+    std::function<int32_t()> call;
+    int32_t want;
+  } cases[] = {
+      {"seal CBC", [&] { return Seal(kCbc, own.public_pem, "payload").result; }, 0},
+      {"seal GCM", [&] { return Seal(kGcm, own.public_pem, "payload").result; }, 0},
+      {"open CBC", [&] { return Open(kCbc, own.private_pem, cbc).result; }, 0},
+      {"open GCM", [&] { return Open(kGcm, own.private_pem, gcm).result; }, 0},
+      {"seal, no key", [&] { return Seal(kGcm, "no key", "payload").result; }, 2},
+      {"open, no key", [&] { return Open(kGcm, "no key", gcm).result; }, 2},
+  };
+  const auto put = [](int reason) { ERR_put_error(ERR_LIB_USER, 0, reason, __FILE__, __LINE__); };
+  const auto last = [] { return ERR_GET_REASON(ERR_peek_last_error()); };
+  for (const auto& c : cases) {
+    for (const int marks : {0, 1, 2, 3}) {  // Bit 0: on the first error; bit 1: on the second.
+      SCOPED_TRACE(testing::Message() << c.name << ", marks " << marks);
+      ERR_clear_error();
+      for (const int reason : {1, 2}) {
+        put(reason);
+        if ((marks & reason) != 0) ERR_set_mark();
+      }
+      EXPECT_EQ(c.call(), c.want);
+      if (c.want == 0) {
+        EXPECT_EQ(last(), 2);
+      }
+      put(3);
+      int newest = 3;
+      for (const int reason : {2, 1}) {
+        if ((marks & reason) == 0) continue;
+        EXPECT_EQ(ERR_pop_to_mark(), 1);
+        newest = reason;
+      }
+      EXPECT_EQ(last(), newest);
+      EXPECT_EQ(ERR_GET_REASON(ERR_get_error()), 1);
+      if (newest != 1) {
+        EXPECT_EQ(ERR_GET_REASON(ERR_get_error()), 2);
+      }
+    }
+  }
+  ERR_clear_error();
+  EXPECT_EQ(cases[0].call() + cases[2].call(), 0);
+  EXPECT_EQ(ERR_peek_error(), 0u);
 }
 
 }  // namespace
