@@ -25,11 +25,4 @@ uint64_t veskstats_real_time_ms() { return Milliseconds(CLOCK_REALTIME); }
 
 uint64_t veskstats_uptime_ms() { return Milliseconds(CLOCK_BOOTTIME); }
 
-int32_t veskstats_timezone_min() {
-  const time_t now = time(nullptr);
-  tm local{};
-  if (localtime_r(&now, &local) == nullptr) return 0;
-  return static_cast<int32_t>(local.tm_gmtoff / 60);
-}
-
 uint64_t htonll(uint64_t value) { return orb::ByteSwap(value); }

@@ -12,7 +12,8 @@ uint64_t veskstats_real_time_ms();
 // Milliseconds since boot, time in suspend included.
 uint64_t veskstats_uptime_ms();
 
-// Local time's offset from UTC in minutes; 0 when local time is unknown.
+// Local time's offset from UTC in minutes, by the zone of now; 0 when local time is
+// unknown. Reads TZ and sets libc's zone, as localtime() does.
 int32_t veskstats_timezone_min();
 
 // 64-bit byte reversal: host to network order on the little-endian systems

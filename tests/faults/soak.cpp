@@ -4,10 +4,6 @@
 // each for so many seconds. Exit 1 when one failed; what it left is copied to
 // soak-SCENARIO in the working directory. Scenarios with a full disk take this
 // process into a mount namespace of its own; exit 77 when none could run here.
-#include <sched.h>
-#include <sys/mount.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +13,7 @@
 #include <vector>
 
 #include "tests/faults/world.h"
+#include "tests/support/mount_namespace.h"
 
 namespace orb::test {
 namespace {
@@ -68,22 +65,6 @@ bool RunOne(const Scenario& scenario, const Options& options) {
   }
   fflush(stdout);
   return world.failures().empty();
-}
-
-// Where one may mount, and nobody else sees it. False where that is not allowed.
-bool EnterMountNamespace() {
-  static const bool entered = [] {
-    const std::string uid = std::to_string(getuid());
-    const std::string gid = std::to_string(getgid());
-    if (unshare(CLONE_NEWNS) != 0) {
-      if (unshare(CLONE_NEWNS | CLONE_NEWUSER) != 0) return false;
-      WriteFile("/proc/self/setgroups", "deny");
-      WriteFile("/proc/self/uid_map", uid + " " + uid + " 1");
-      WriteFile("/proc/self/gid_map", gid + " " + gid + " 1");
-    }
-    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-  }();
-  return entered;
 }
 
 int RunScenario(const Scenario& scenario, const Options& options) {

@@ -5,12 +5,14 @@
 #include <time.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <numeric>
 #include <string>
 
 #include "collector/clock.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/mount_namespace.h"
 
 namespace {
 
@@ -77,7 +79,8 @@ TEST(TelemetryHeaderTest, StampsRepeatOnceThenCountOn) {
   EXPECT_EQ(Stamp(), used + 2);
 }
 
-TEST(TelemetryHeaderTest, CarriesUptimeAndTimeZone) {
+// The zone changes under a process that runs; it calls no tzset itself.
+TEST(TelemetryHeaderTest, CarriesUptimeAndTheZoneOfNow) {
   const struct {
     const char* zone;
     Bytes want;
@@ -86,7 +89,6 @@ TEST(TelemetryHeaderTest, CarriesUptimeAndTimeZone) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.zone);
     setenv("TZ", c.zone, 1);
-    tzset();
     TelemetryHeader header;
     const uint64_t before = veskstats_uptime_ms();
     header.SetTimestampItems();
@@ -96,6 +98,29 @@ TEST(TelemetryHeaderTest, CarriesUptimeAndTimeZone) {
     EXPECT_GE(uptime, before);
     EXPECT_LE(uptime, veskstats_uptime_ms());
   }
+}
+
+// A compiled zone of one fixed offset.
+std::string FixedZone(uint8_t quarter_hours) {
+  std::string file = "TZif" + std::string(40, '\0');
+  file[39] = 1;  // One kind of local time,
+  file[43] = 4;  // whose name has four bytes.
+  const uint32_t offset_s = quarter_hours * 900u;
+  for (int shift = 24; shift >= 0; shift -= 8) file += static_cast<char>(offset_s >> shift);
+  return file + std::string(2, '\0') + std::string("XXX", 4);
+}
+
+TEST(TelemetryHeaderTest, FollowsTheSystemsZone) {
+  if (!orb::test::EnterMountNamespace() || mount("tmpfs", "/etc", "tmpfs", 0, nullptr) != 0) {
+    GTEST_SKIP() << "needs a mount namespace";
+  }
+  unsetenv("TZ");
+  for (const uint8_t quarter_hours : {4, 22}) {
+    ASSERT_TRUE(orb::test::WriteFile("/etc/new", FixedZone(quarter_hours)));
+    std::filesystem::rename("/etc/new", "/etc/localtime");
+    EXPECT_EQ(veskstats_timezone_min(), quarter_hours * 15);
+  }
+  umount("/etc");
 }
 
 TEST(TelemetryHeaderTest, ParsesInPlaceFromAnyPosition) {

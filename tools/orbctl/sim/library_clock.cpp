@@ -2,7 +2,6 @@
 // Stands in for collector/clock.cpp and collector/stop_signal.cpp.
 // Tested by tests/orbctl/sim_test.cpp.
 #include <chrono>
-#include <ctime>
 
 #include "collector/clock.h"
 #include "collector/stop_signal.h"
@@ -22,13 +21,6 @@ uint64_t veskstats_real_time_ms() {
 
 uint64_t veskstats_uptime_ms() {
   return static_cast<uint64_t>(duration_cast<milliseconds>(SimClock::Get().Uptime()).count());
-}
-
-int32_t veskstats_timezone_min() {
-  const time_t now = curr_ts();
-  tm local{};
-  if (localtime_r(&now, &local) == nullptr) return 0;
-  return static_cast<int32_t>(local.tm_gmtoff / 60);
 }
 
 uint64_t htonll(uint64_t value) { return orb::ByteSwap(value); }

@@ -1,0 +1,15 @@
+// The zone is the one of now: a device's changes while its daemons run.
+// Tested by tests/serializer/telemetry_header_test.cpp.
+#include <ctime>
+
+#include "collector/clock.h"
+
+int32_t veskstats_timezone_min() {
+  // localtime_r alone may stay with the zone of its first call. tzset, which localtime
+  // calls as well, looks at TZ again or, without it, whether /etc/localtime has changed.
+  tzset();
+  const time_t now = curr_ts();
+  tm local{};
+  if (localtime_r(&now, &local) == nullptr) return 0;
+  return static_cast<int32_t>(local.tm_gmtoff / 60);
+}
