@@ -58,8 +58,8 @@ typedef struct KivPayload {
 
 /** An event record. */
 typedef struct KivMessage {
-  KivHeader header;   /**< Always written. */
-  KivPayload payload; /**< Always written, though it may be empty. */
+  KivHeader header;   /**< Written unless all four numbers are 0. */
+  KivPayload payload; /**< Written, though it may be empty, when data.encode is set. */
 } KivMessage;
 
 /** What encode_payload_callback takes as its argument. */

@@ -161,9 +161,9 @@ KIV_API kiv_collector* kiv_register(kiv_cfg_s* cfg);
 KIV_API int kiv_deregister(kiv_collector* c);
 
 /** Logs one sample of a counter, gauge or histogram, in the KPI's own unit.
- * Gauges and histograms read the value as signed. A histogram without a bucket for
- * it ignores the value. Allocates nothing unless a window closes; a gauge's first
- * long window grows a list of times.
+ * Gauges and histograms read the value as signed. A value that no bucket of a
+ * histogram is for counts in the last bucket. Allocates nothing unless a window closes; a gauge's
+ * first long window grows a list of times.
  *
  * @return 0; -1: c is NULL, no running campaign collects kpi_id, or the KPI is
  *         not numeric. That the record of a window that closed was lost is not told

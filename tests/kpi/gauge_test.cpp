@@ -115,6 +115,18 @@ TEST_F(GaugeTest, SummarisesAWindow) {
   }
 }
 
+// The running mean is a float. docs/campaigns.md gives this example and the bound.
+TEST_F(GaugeTest, MeanDriftsWithinItsBound) {
+  constexpr int kValue = 300000;
+  constexpr int kSamples = 7200;
+  GaugeProbe gauge = SampleBased(2 * kSamples);
+  for (int i = 0; i < kSamples; ++i) gauge.NewTimedSample(100 + i / 1000, kValue);
+  EXPECT_EQ(gauge.Serialize(), 0);
+  const std::string statistics = LastStatistics();  // " min A max B mean C ..."
+  const size_t mean = statistics.find(" mean ") + std::string(" mean ").size();
+  EXPECT_NEAR(std::stod(statistics.substr(mean)), kValue, 9e-8 * kSamples * kValue);
+}
+
 TEST_F(GaugeTest, WritesOnlySelectedStatistics) {
   const struct {
     void (GaugeConfig::*select)(bool);

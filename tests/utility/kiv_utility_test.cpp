@@ -131,6 +131,10 @@ TEST_F(EventLogTest, EncodedBytesAreGolden) {
     EXPECT_FALSE(kiv_log_encode(nullptr, reinterpret_cast<uint8_t*>(out.data()), c.room, &written));
     EXPECT_EQ(written, 0u);
   }
+  uint8_t out[8];
+  size_t written = 99;
+  EXPECT_TRUE(kiv_log_encode(&(message = {}), out, sizeof out, &written));
+  EXPECT_EQ(written, 0u) << "nothing but zeros is not written";
 }
 
 TEST_F(EventLogTest, CallbackTellsOfAFullStream) {
