@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +28,7 @@ using orb::LossCause;
 namespace {
 
 constexpr uint32_t kMaskBits = 64;
+constexpr uint32_t kUsableSlots = 31;  // See GetNewSlot.
 constexpr char kRegionName[] = "modem_ext_stats";
 
 unsigned long long MonotonicMs() {
@@ -196,22 +198,41 @@ int KPIMemorySerializer::GetNewSlot() {
 
 int KPIMemorySerializer::MakeRoom(uint32_t len, uint64_t samples, const char* operation,
                                   int* sent) {
-  bool ready = currentSlot != kNoSlot || GetNewSlot() == 0;
-  if (ready && (currentSent || orb::CheckedAdd<uint32_t>(bytesWritten, len) > slotSize)) {
-    if (!currentSent) *sent = SendCurrent();
-    if (*sent < 0) LOGE("%s::%s: SendSlot failed", name, operation);
-    ready = GetNewSlot() == 0;
-  }
-  if (!ready) {
-    LOGE("%s::%s: Failed to get free slot", name, operation);
-    BookLoss(LossCause::kNoSlot, len, samples);
+  const bool filling = currentSlot != kNoSlot && !currentSent;
+  if (filling && orb::CheckedAdd<uint32_t>(bytesWritten, len) <= slotSize) return 0;
+  const bool empty = filling && bytesWritten == 0;
+  if (empty && len <= RegionBytesFrom(currentSlot)) return 0;
+  // A record longer than a slot needs the slots behind it, too. Only completions
+  // change the mask meanwhile, and they can only make a lower slot the lowest free one.
+  const uint32_t next = LowestFreeSlot(empty ? slotMask & ~BitOf(currentSlot) : slotMask.load());
+  if (len > slotSize && next != kNoSlot && len > RegionBytesFrom(next)) {
+    LOGE("%s::%s: record of %u bytes does not fit", name, operation, len);
+    BookLoss(LossCause::kOversize, len, samples);
     return -1;
   }
-  // A record may be longer than a slot, but nothing leaves the region.
-  const size_t left = totalSize - static_cast<size_t>(currentPtr - base) - bytesWritten;
-  if (len <= left) return 0;
-  BookLoss(LossCause::kOversize, len, samples);
+  bool ready = len <= slotSize || next != kNoSlot;
+  if (ready) {
+    if (empty) {
+      FreeSlot(static_cast<int>(currentSlot));
+    } else if (filling) {
+      *sent = SendCurrent();
+      if (*sent < 0) LOGE("%s::%s: SendSlot failed", name, operation);
+    }
+    ready = GetNewSlot() == 0;
+  }
+  if (ready) return 0;
+  LOGE("%s::%s: Failed to get free slot", name, operation);
+  BookLoss(LossCause::kNoSlot, len, samples);
   return -1;
+}
+
+uint32_t KPIMemorySerializer::LowestFreeSlot(uint64_t taken) const {
+  const auto lowest = static_cast<uint32_t>(std::countr_one(taken));
+  return lowest < std::min(slotCount, kUsableSlots) ? lowest : kNoSlot;
+}
+
+uint64_t KPIMemorySerializer::RegionBytesFrom(uint32_t slot) const {
+  return totalSize - uint64_t{slot} * slotSize;
 }
 
 void KPIMemorySerializer::BookLoss(LossCause cause, uint64_t bytes, uint64_t samples) const {

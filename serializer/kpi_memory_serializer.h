@@ -72,8 +72,13 @@ class KPIMemorySerializer : public KPISerializer {
   int Append(const void* record, uint32_t len, uint64_t samples) ORB_EXCLUDES(writerMutex);
   // Makes room for len bytes; `operation` is for the log. 0, or -1 when there is
   // none and the record is lost; *sent is what announcing the slot before gave.
+  // A record that cannot be placed because of its length has announced nothing.
   int MakeRoom(uint32_t len, uint64_t samples, const char* operation, int* sent)
       ORB_REQUIRES(writerMutex);
+  // The lowest slot that `taken` has no bit of and that may be used, or kNoSlot.
+  uint32_t LowestFreeSlot(uint64_t taken) const;
+  // Bytes from the slot's start to the end of the region.
+  uint64_t RegionBytesFrom(uint32_t slot) const;
   // What the current slot holds, which is counted elsewhere from now on.
   Tally TakeCurrent() ORB_REQUIRES(writerMutex);
   void RecordWritten(uint32_t len, uint64_t samples, const char* operation)

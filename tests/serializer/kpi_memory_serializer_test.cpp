@@ -211,13 +211,32 @@ TEST_F(MemorySerializerTest, FinalizeWaitsForTheHal) {
   }
 }
 
+// A refused one announces nothing, and so draws no number; an empty slot is never announced.
 TEST_F(MemorySerializerTest, LongRecordsStayInsideTheRegion) {
   Open(3);
-  EXPECT_EQ(Log(std::string(4 * kSlotBytes, 'x')), -1);
-  EXPECT_EQ(Log(std::string(2 * kSlotBytes, 'y')), -1) << "from the last slot on it would not fit";
+  const auto log_slots = [&](size_t slots, char byte) {
+    return Log(std::string(slots * kSlotBytes, byte));
+  };
+  EXPECT_EQ(log_slots(4, 'x'), -1);
+  ExpectError("KPIMemorySerializer::WriteBuf: record of 64 bytes does not fit");
+  EXPECT_EQ(log_slots(2, 'a'), 0);
+  EXPECT_EQ(Log("b"), 0);
+  EXPECT_EQ(log_slots(2, 'x'), -1) << "from the last slot on it would not fit";
+  EXPECT_EQ(Log("B"), 0) << "the slot before it was left alone";
+  EXPECT_EQ(slots_->Flush(), 0);
+  EXPECT_EQ(log_slots(2, 'x'), -1) << "the last slot is current, and empty";
   hal_->Complete(0);
   hal_->Complete(1);
+  EXPECT_EQ(log_slots(3, 'c'), 0) << "in slot 0, though the last one was current";
+  EXPECT_EQ(Log("d"), 0);
   EXPECT_EQ(slots_->Flush(), 0);
+  EXPECT_EQ(Log("e"), 0);
+  log_.Clear();
+  EXPECT_EQ(log_slots(3, 'x'), -1) << "no other slot is free";
+  ExpectError(kNoFreeSlot);
+  EXPECT_EQ(Announced(), "0:" + std::string(2 * kSlotBytes, 'a') +
+                             " 16:bB 0:" + std::string(3 * kSlotBytes, 'c') + " 16:d ");
+  EXPECT_EQ(hal_->Count("FdWrite"), 4u);
 }
 
 // To the bytes that protobuf's own encoder makes of the pieces, gathered.
