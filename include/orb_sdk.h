@@ -185,17 +185,19 @@ KIV_API int kiv_log_state(kiv_collector* c, uint32_t kpi_id, uint32_t a, uint32_
  * null when len is 0.
  *
  * @return 0; -1: c is NULL, the KPI is unknown, or len exceeds the campaign's
- *         limit for it; -2: it is no blob KPI; with slots also what kiv_log_buf
+ *         limit for it or is about 2 GiB; -2: it is no blob KPI; with slots also what kiv_log_buf
  *         may answer. */
 KIV_API int kiv_log_blob(kiv_collector* c, uint32_t kpi_id, const uint8_t* buf, uint32_t len);
 
 /** Logs one blob given as [count] segments, in order; each is stored as its
  * length, 32 bits in host byte order, and its bytes. The campaign's limit does
- * not apply; 4 GiB or more in all end the process.
+ * not apply; 4 GiB or more in all end the process. No thread may change the array
+ * during the call.
  *
- * @return 0; -1: c is NULL, the KPI is unknown, there is no memory, or the session
- *         writes to files while blob_segments_optimized is 1 (the default); -2: it
- *         is no blob KPI; with slots also what kiv_log_buf may answer. */
+ * @return 0; -1: c is NULL, the KPI is unknown, there is no memory, a segment has a
+ *         len and no buf, they are about 2 GiB in all, or the session writes to
+ *         files while blob_segments_optimized is 1 (the default); -2: it is no
+ *         blob KPI; with slots also what kiv_log_buf may answer. */
 KIV_API int kiv_log_blob_segments(kiv_collector* c, uint32_t kpi_id, kiv_blob_segment_t* segs,
                                   uint32_t count);
 

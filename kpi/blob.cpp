@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 #include "collector/conf.h"
 #include "serializer/kpi_serializer.h"
@@ -14,17 +15,23 @@
 
 namespace {
 
+// Protobuf neither writes nor reads a message of 2 GiB; 64 bytes are for the metadata.
+constexpr uint32_t kDataBytesMax = std::numeric_limits<int32_t>::max() - 64;
+
 void CountOne(uint64_t* count) { *count = orb::CheckedAdd<uint64_t>(*count, 1); }
 
-// `out` holds orb::SegmentBytes(segs, count).
-void Gather(const kiv_blob_segment_t* segs, uint32_t count, uint8_t* out) {
+// `out` holds orb::SegmentBytes(segs, count). False when a segment has a length
+// and no bytes.
+bool Gather(const kiv_blob_segment_t* segs, uint32_t count, uint8_t* out) {
   for (uint32_t i = 0; i < count; ++i) {
     memcpy(out, &segs[i].len, sizeof segs[i].len);
     out += sizeof segs[i].len;
     if (segs[i].len == 0) continue;  // Its buf may be null.
+    if (segs[i].buf == nullptr) return false;
     memcpy(out, segs[i].buf, segs[i].len);
     out += segs[i].len;
   }
+  return true;
 }
 
 }  // namespace
@@ -38,6 +45,7 @@ int Blob::LogBuf(const unsigned char* buf, uint32_t len) {
     CountOne(&samples.lost[orb::LossCause::kOversize]);
     return -1;
   }
+  if (!FitsRecord(len, "LogBuf")) return -1;
   AddSample();
   return WriteRecord(buf, len);
 }
@@ -51,17 +59,40 @@ int Blob::LogBufSegs(const kiv_blob_segment_t* segs, uint32_t count) {
                                               static_cast<uint64_t>(Tenths(tsEnd)), numSamples,
                                               segs, count);
   }
-  const uint32_t total_bytes = orb::SegmentBytes(segs, count);
+  return WriteGathered(segs, count);
+}
+
+bool Blob::FitsRecord(uint32_t bytes, const char* operation) {
+  if (bytes <= kDataBytesMax) return true;
+  LOGE("%s: blob of %u bytes is too long for a record", operation, bytes);
+  CountOne(&samples.lost[orb::LossCause::kOversize]);
+  return false;
+}
+
+int Blob::WriteGathered(const kiv_blob_segment_t* segs, uint32_t count) {
+  const uint32_t bytes_max = orb::SegmentBytes(segs, count);
+  if (!FitsRecord(bytes_max, "LogBufSegs")) return -1;
+  // The client's other threads may change its array meanwhile: from here on a copy
+  // counts, which stands in the same allocation as the bytes.
+  const size_t table_bytes = size_t{count} * sizeof *segs;
   // malloc, so that a lack of memory is an answer and not the host's end.
-  orb::MallocBytes gathered;
-  gathered.data = static_cast<uint8_t*>(malloc(std::max<size_t>(total_bytes, 1)));
-  if (gathered.data == nullptr) {
+  orb::MallocBytes memory;
+  memory.data = static_cast<uint8_t*>(malloc(std::max<size_t>(table_bytes + bytes_max, 1)));
+  if (memory.data == nullptr) {
     LOGE("Failed to allocate buf");
     CountOne(&samples.lost[orb::LossCause::kMemory]);
     return -1;
   }
-  Gather(segs, count, gathered.data);
-  return WriteRecord(gathered.data, total_bytes);
+  if (table_bytes != 0) memcpy(memory.data, segs, table_bytes);
+  const auto* const table = reinterpret_cast<const kiv_blob_segment_t*>(memory.data);
+  uint8_t* const gathered = memory.data + table_bytes;
+  const uint32_t bytes = orb::SegmentBytes(table, count);
+  if (bytes > bytes_max || !Gather(table, count, gathered)) {
+    LOGE("%s: segment without bytes, or changed during the call", "LogBufSegs");
+    CountOne(&samples.lost[orb::LossCause::kEncode]);
+    return -1;
+  }
+  return WriteRecord(gathered, bytes);
 }
 
 int Blob::Aggregate(unsigned int) { return 0; }

@@ -11,12 +11,25 @@
 namespace {
 
 std::atomic<bool> no_memory;
+// The next malloc gives the segment another length, as a thread of the host could.
+std::atomic<kiv_blob_segment_t*> changed_segment;
+std::atomic<uint32_t> changed_len;
+
+void ChangeOnMalloc(kiv_blob_segment_t* segment, uint32_t len) {
+  changed_len = len;
+  changed_segment = segment;
+}
 
 }  // namespace
 
 // The linker gives these names to what the library, which is linked statically, calls malloc.
 extern "C" void* __real_malloc(size_t bytes);
-extern "C" void* __wrap_malloc(size_t bytes) { return no_memory ? nullptr : __real_malloc(bytes); }
+extern "C" void* __wrap_malloc(size_t bytes) {
+  if (kiv_blob_segment_t* const segment = changed_segment.exchange(nullptr)) {
+    segment->len = changed_len;
+  }
+  return no_memory ? nullptr : __real_malloc(bytes);
+}
 
 namespace orb::test {
 namespace {
@@ -176,14 +189,36 @@ TEST_F(DumpTest, CountsWhatFilesLoseByCause) {
 
 TEST_F(DumpTest, CountsWhatSlotsLoseByCause) {
   for (const char* conf : {"blob_segments_optimized=1\n", "blob_segments_optimized=2\n"}) {
-    WriteConf(conf);
-    StartSlots(4);
-    const kiv_blob_segment_t segment{Bytes("abc"), 3};
+    const auto start = [&] {
+      WriteConf(conf);
+      StartSlots(4);
+    };
+    start();
+    kiv_blob_segment_t segment{Bytes("abc"), 3};
     no_memory = true;
     const int result = collector_->Log(kBlob, &segment, 1);
     no_memory = false;
     EXPECT_EQ(result, -1);
     EndWith("owner.42.lost.memory", 1);
+
+    start();
+    const kiv_blob_segment_t without_bytes{nullptr, 3};
+    EXPECT_EQ(collector_->Log(kBlob, &without_bytes, 1), -1);
+    EndWith("owner.42.lost.encode", 1);
+
+    // After the lengths were added up, and before they are copied.
+    start();
+    const std::string bytes(4096, 'x');
+    segment = {Bytes(bytes), 30};
+    ChangeOnMalloc(&segment, 10);
+    EXPECT_EQ(collector_->Log(kBlob, &segment, 1), 0);
+    ChangeOnMalloc(&segment, 4096);
+    EXPECT_EQ(collector_->Log(kBlob, &segment, 1), -1);
+    const std::string sent = std::string("\x0a\0\0", 4) + bytes.substr(0, 10);
+    collector_->Flush();
+    EXPECT_NE(hal_->AllBytes().find(sent), std::string::npos);
+    EXPECT_LE(hal_->AllBytes().size(), sent.size() + 30) << "no byte that was not given";
+    EndWith("owner.42.lost", 1, 1);
   }
   ExpectError("KPIMemorySerializer::WriteBlobSegsOptimized: malloc failed ");
   ExpectError("Failed to allocate buf");
@@ -201,11 +236,6 @@ TEST_F(DumpTest, CountsWhatSlotsLoseByCause) {
   StartSlots(1);
   EXPECT_EQ(LogBlob(90), -1);
   EndWith("owner.42.lost.oversize", 1);
-
-  StartSlots(4);
-  const kiv_blob_segment_t without_bytes{nullptr, 3};
-  EXPECT_EQ(collector_->Log(kBlob, &without_bytes, 1), -1);
-  EndWith("owner.42.lost.encode", 1);
 
   StartSlots(1, 0);  // And it stays with the HAL.
   LogCounter(3);

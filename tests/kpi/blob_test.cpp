@@ -119,6 +119,22 @@ TEST_F(BlobTest, OptimizedSegmentsGoToTheSerializerUngathered) {
   EXPECT_EQ(serializer_.text(), want);
 }
 
+TEST_F(BlobTest, BlobsThatNoRecordHoldsAreRefusedUnread) {
+  const ScopedConf conf(kGathered);
+  const uint8_t byte = 0;
+  Blob unlimited(BlobCfg(0xFFFFFFFF), &serializer_);
+  EXPECT_EQ(unlimited.LogBuf(&byte, 0x7FFFFFFF), -1);
+  EXPECT_TRUE(log_.Contains("LogBuf: blob of 2147483647 bytes is too long for a record"));
+  const kiv_blob_segment_t two[] = {{&byte, 0x40000000}, {&byte, 0x40000000}};
+  EXPECT_EQ(unlimited.LogBufSegs(two, 2), -1);
+  EXPECT_TRUE(log_.Contains("LogBufSegs: blob of 2147483656 bytes is too long for a record"));
+  EXPECT_EQ(unlimited.CountSamples().lost[LossCause::kOversize], 2u);
+  const kiv_blob_segment_t without_bytes[] = {{&byte, 1}, {nullptr, 3}};
+  EXPECT_EQ(unlimited.LogBufSegs(without_bytes, 2), -1);
+  EXPECT_EQ(unlimited.CountSamples().lost[LossCause::kEncode], 1u);
+  EXPECT_EQ(serializer_.text(), "");
+}
+
 TEST_F(BlobTest, GatheredSizeBeyond32BitsAborts) {
   const ScopedConf conf(kGathered);
   const uint8_t byte = 0;
