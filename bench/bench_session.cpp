@@ -61,7 +61,7 @@ void StubClient::LetUploadsGo() {
 
 int StubClient::deRegisterClient(const std::string&) { return 0; }
 
-int StubClient::setupFD(int fd, uint32_t, uint32_t, const std::string&, uint32_t* fdToken) {
+int StubClient::setupFD(int fd, uint32_t, uint32_t, kiv_collector*, uint32_t* fdToken) {
   region_ = fd;
   *fdToken = 1;
   return 0;

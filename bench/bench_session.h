@@ -22,7 +22,7 @@ class StubClient : public kivAIDLClient {
                uint32_t headerLen, const uint8_t* data, uint32_t dataLen, const uint8_t* footer,
                uint32_t footerLen) override;
   int deRegisterClient(const std::string& token) override;
-  int setupFD(int fd, uint32_t offset, uint32_t length, const std::string& token,
+  int setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
               uint32_t* fdToken) override;
   int FdWrite(const std::string& token, uint32_t fdToken, const std::string& name,
               const std::vector<uint8_t>& header, uint32_t offset, uint32_t size,

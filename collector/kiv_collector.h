@@ -5,7 +5,7 @@
 // Unroute() -> destroyed. A lost manager stops the session and registers again.
 //
 // Lock order, taken only downwards: stateMutex, the serializer's own mutexes,
-// the client's mutex, then the leaves (identity, header, handles, seq, threads,
+// the client's mutexes, then the leaves (identity, header, handles, seq, threads,
 // serializer pointer). A leaf is never held across a call out. See
 // docs/threads_and_locks.md.
 #pragma once
@@ -58,7 +58,7 @@ struct kiv_collector {
   // Makes the client forget this collector; no callback reaches it afterwards.
   // The last call before destruction, with no lock held.
   void Unroute() ORB_EXCLUDES(stateMutex);
-  // The manager died. Only starts a thread, so it may run under the client's mutex.
+  // The manager died. Only starts a thread; takes a leaf.
   void LostConn();
   // What the manager assigned. Called by the client before the token is routable.
   void SetIdentity(const std::string& token, int32_t clientId) ORB_EXCLUDES(headerMutex);

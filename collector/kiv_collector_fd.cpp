@@ -18,8 +18,7 @@ kiv_fd_handle_s* kiv_collector::SetFD(int fd, uint32_t offset, uint32_t length,
                                       kiv_fd_done_cb done) {
   const auto client = link_.client();
   uint32_t fdToken = kNoToken;
-  const int result =
-      client == nullptr ? -1 : client->setupFD(fd, offset, length, link_.token(), &fdToken);
+  const int result = client == nullptr ? -1 : client->setupFD(fd, offset, length, this, &fdToken);
   if (result != 0) {
     LOGE("%s: clientIntf->setupFD failed - %d", "SetFD", result);
     return nullptr;

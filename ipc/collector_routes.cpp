@@ -13,15 +13,9 @@ void CollectorRoutes::Remove(const std::string& token) {
   tokens_.erase(token);
 }
 
-void CollectorRoutes::RemoveAll() {
+void CollectorRoutes::AddRegion(uint32_t fdToken, kiv_collector* collector) {
   orb::MutexLock lock(mapMutex_);
-  tokens_.clear();
-}
-
-void CollectorRoutes::AddRegion(uint32_t fdToken, const std::string& token) {
-  orb::MutexLock lock(mapMutex_);
-  const auto found = tokens_.find(token);
-  regions_[fdToken] = found == tokens_.end() ? nullptr : found->second;
+  regions_[fdToken] = collector;
 }
 
 void CollectorRoutes::RemoveRegion(uint32_t fdToken) {
@@ -43,9 +37,13 @@ CollectorRoutes::Pin CollectorRoutes::FindRegion(uint32_t fdToken) {
 
 std::vector<CollectorRoutes::Pin> CollectorRoutes::FindAll() {
   orb::MutexLock lock(mapMutex_);
-  std::vector<Pin> all;
-  all.reserve(tokens_.size());
-  for (const auto& entry : tokens_) all.push_back(PinLocked(entry.second));
+  return PinAllLocked();
+}
+
+std::vector<CollectorRoutes::Pin> CollectorRoutes::TakeAll() {
+  orb::MutexLock lock(mapMutex_);
+  std::vector<Pin> all = PinAllLocked();
+  tokens_.clear();
   return all;
 }
 
@@ -55,6 +53,13 @@ void CollectorRoutes::Forget(kiv_collector* collector) {
   std::erase_if(tokens_, names_it);
   std::erase_if(regions_, names_it);
   while (pins_.count(collector) != 0) unpinned_.Wait(mapMutex_);
+}
+
+std::vector<CollectorRoutes::Pin> CollectorRoutes::PinAllLocked() {
+  std::vector<Pin> all;
+  all.reserve(tokens_.size());
+  for (const auto& entry : tokens_) all.push_back(PinLocked(entry.second));
+  return all;
 }
 
 CollectorRoutes::Pin CollectorRoutes::PinLocked(kiv_collector* collector) {

@@ -45,23 +45,24 @@ class CollectorRoutes {
   // Replaces an entry of the same token.
   void Add(const std::string& token, kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
   void Remove(const std::string& token) ORB_EXCLUDES(mapMutex_);
-  // Forgets all tokens; region tokens stay.
-  void RemoveAll() ORB_EXCLUDES(mapMutex_);
 
-  // The region belongs to the collector of the token; to none if that is unknown.
-  void AddRegion(uint32_t fdToken, const std::string& token) ORB_EXCLUDES(mapMutex_);
+  // Completions of the region go to the collector, registered or not.
+  void AddRegion(uint32_t fdToken, kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
   void RemoveRegion(uint32_t fdToken) ORB_EXCLUDES(mapMutex_);
 
   Pin Find(const std::string& token) ORB_EXCLUDES(mapMutex_);
   Pin FindRegion(uint32_t fdToken) ORB_EXCLUDES(mapMutex_);
   // One pin for each token, in the tokens' order.
   std::vector<Pin> FindAll() ORB_EXCLUDES(mapMutex_);
+  // The same, and forgets all tokens; region tokens stay.
+  std::vector<Pin> TakeAll() ORB_EXCLUDES(mapMutex_);
 
   // Blocks while the collector is pinned. The caller holds no lock that a
   // pinned call might need, and is not inside such a call itself.
   void Forget(kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
 
  private:
+  std::vector<Pin> PinAllLocked() ORB_REQUIRES(mapMutex_);
   Pin PinLocked(kiv_collector* collector) ORB_REQUIRES(mapMutex_);
   void Unpin(kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
 

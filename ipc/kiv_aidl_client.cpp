@@ -8,10 +8,13 @@
 #include <utils/Errors.h>
 #include <utils/String16.h>
 
+#include <utility>
+
 #include "collector/kiv_collector.h"
 #include "ipc/BpKIVManager.h"
 #include "ipc/kiv_callback_impl.h"
 #include "ipc/orbv_death_recipient.h"
+#include "utility/checked.h"
 #include "utility/log.h"
 
 using ::android::IBinder;
@@ -55,8 +58,8 @@ int kivAIDLClient::registerClient(const std::string& name, uint32_t clientType,
   process->startThreadPool();
   LOGI("%s - created threadpool", "registerClient");
 
-  orb::MutexLock lock(mutex_);
-  if (!ipcInitialised_ && !initOrbVHandle()) {
+  const Manager manager = EnsureManager();
+  if (manager.proxy == nullptr) {
     LOGE("%s failed to init IPC", "registerClient");
     return -1;
   }
@@ -65,15 +68,19 @@ int kivAIDLClient::registerClient(const std::string& name, uint32_t clientType,
   info.clientType = static_cast<int32_t>(clientType);
   info.clientOption = static_cast<int8_t>(clientOption);
   KIVClientId id;
-  const Status status = manager_->registerKIVClient(info, callback_, &id);
+  // No lock: the manager may first finish a call to another collector of this
+  // process, which uploads, or make one on this very thread.
+  const Status status = manager.proxy->registerKIVClient(info, manager.callback, &id);
   if (!status.isOk()) {
     LOGE("%s - failed with error - %d", "registerClient", status.exceptionCode());
-    // One that died before it could be watched is never reported, and every
-    // later attempt would meet it again.
-    if (!managerWatched_) {
-      ipcInitialised_ = false;
-      manager_ = nullptr;
-    }
+    DropUnwatched(manager);
+    return -1;
+  }
+  // A death is either counted by now, and this registration void, or its notice
+  // comes after the mutex is released, and finds the collector's route.
+  orb::MutexLock lock(managerMutex_);
+  if (manager_.deaths != manager.deaths) {
+    LOGE("%s - failed with error - %d", "registerClient", Status::EX_TRANSACTION_FAILED);
     return -1;
   }
   LOGI("%s success. Token received - %s , client id received - %d", "registerClient",
@@ -86,20 +93,39 @@ int kivAIDLClient::registerClient(const std::string& name, uint32_t clientType,
 
 int kivAIDLClient::deRegisterClient(const std::string& token) {
   LOGI("%s called for token - %s", "deRegisterClient", token.c_str());
-  orb::MutexLock lock(mutex_);
-  if (manager_ == nullptr) {
+  const Manager manager = CurrentManager();
+  if (manager.proxy == nullptr) {
     LOGE("%s - Failed to get orb manager handle", "deRegisterClient");
     return -1;
   }
-  const Status status = manager_->deregisterKIVClient(token);
+  const Status status = manager.proxy->deregisterKIVClient(token);
   if (!status.isOk()) {
     LOGE("%s - failed with error - %d", "deRegisterClient", status.exceptionCode());
   }
-  routes_.Remove(token);
+  orb::MutexLock lock(managerMutex_);
+  // A death removed the token, and a new manager may have given it again.
+  if (manager_.deaths == manager.deaths) routes_.Remove(token);
   return status.isOk() ? 0 : -1;
 }
 
 void kivAIDLClient::forgetCollector(kiv_collector* collector) { routes_.Forget(collector); }
+
+kivAIDLClient::Manager kivAIDLClient::CurrentManager() {
+  orb::MutexLock lock(managerMutex_);
+  return manager_;
+}
+
+kivAIDLClient::Manager kivAIDLClient::EnsureManager() {
+  orb::MutexLock connecting(managerConnect_);
+  const Manager manager = CurrentManager();
+  return manager.proxy != nullptr || !initOrbVHandle() ? manager : CurrentManager();
+}
+
+void kivAIDLClient::DropUnwatched(const Manager& manager) {
+  sp<IKIVManager> dropped;  // Released after the lock.
+  orb::MutexLock lock(managerMutex_);
+  if (!manager_.watched && manager_.proxy == manager.proxy) std::swap(dropped, manager_.proxy);
+}
 
 bool kivAIDLClient::initOrbVHandle() {
   LOGI("%s - getting new instance of orb client binder", "initOrbVHandle");
@@ -107,27 +133,34 @@ bool kivAIDLClient::initOrbVHandle() {
     LOGE("%s - orbsdkservice service not available yet", "initOrbVHandle");
     return false;
   }
-  managerBinder_ = CheckManager();
-  if (managerBinder_ == nullptr) {
+  Manager made = CurrentManager();
+  made.binder = CheckManager();
+  if (made.binder == nullptr) {
     LOGE("%s - getService failed", "initOrbVHandle");
     return false;
   }
   LOGI("%s - got new instance of orb client binder", "initOrbVHandle");
   if (managerDeath_ == nullptr) managerDeath_ = sp<OrbvDeathRecipient>(new OrbvDeathRecipient());
-  const ::android::status_t linked = managerBinder_->linkToDeath(managerDeath_, nullptr, 0);
+  const ::android::status_t linked = made.binder->linkToDeath(managerDeath_, nullptr, 0);
   LOGI("%s: linkToDeath status: %d", "initOrbVHandle", linked);
-  managerWatched_ = linked == ::android::OK;
-  manager_ = sp<IKIVManager>(new BpKIVManager(managerBinder_));
-  callback_ = sp<IKIVCallback>(new KIVCallbackImpl());
-  ipcInitialised_ = true;
+  made.watched = linked == ::android::OK;
+  made.proxy = sp<IKIVManager>(new BpKIVManager(made.binder));
+  made.callback = sp<IKIVCallback>(new KIVCallbackImpl());
+  orb::MutexLock lock(managerMutex_);
+  // It died between the link and here: nothing would report it again.
+  if (manager_.deaths != made.deaths) return false;
+  std::swap(made, manager_);  // What was there is released after the lock.
   return true;
 }
 
 void kivAIDLClient::processLostManagerConn() {
-  orb::MutexLock lock(mutex_);
-  // LostConn only starts a thread; what that thread does waits for the mutex.
-  for (const CollectorRoutes::Pin& collector : routes_.FindAll()) collector->LostConn();
-  ipcInitialised_ = false;
-  routes_.RemoveAll();
-  manager_ = nullptr;
+  sp<IKIVManager> lost;  // Released after the lock.
+  std::vector<CollectorRoutes::Pin> collectors;
+  {
+    orb::MutexLock lock(managerMutex_);
+    manager_.deaths = orb::CheckedAdd<uint64_t>(manager_.deaths, 1);
+    std::swap(lost, manager_.proxy);
+    collectors = routes_.TakeAll();
+  }
+  for (const CollectorRoutes::Pin& collector : collectors) collector->LostConn();
 }

@@ -1,9 +1,12 @@
 // The process-wide way to the manager and to the HAL: every collector registers
 // and sends through it, and it routes the manager's calls back to collectors.
 //
-// One mutex serializes registration, de-registration, every HAL call and the
-// manager's death: a payload transfer blocks other HAL traffic of the process.
-// Callbacks only take the leaf that guards the two maps.
+// The manager and the HAL may call back while they serve a call of ours, and the
+// callback may need this client again: a session that starts uploads what an
+// earlier process left. So no call to the manager or the HAL holds a lock that
+// such a callback takes. The connection is copied under its mutex, the call runs
+// without it, and what the call gave is kept only if the connection has not died
+// in the meantime. docs/threads_and_locks.md lists the locks.
 #pragma once
 
 #include <android/binder_auto_utils.h>
@@ -46,33 +49,37 @@ class kivAIDLClient {
   kivAIDLClient();
 
   // Connects when necessary and registers the collector under the token that
-  // the manager assigns. 0, or -1.
+  // the manager assigns. 0, or -1; also -1 when the manager died before the
+  // collector was routable, when no LostConn reaches it.
   virtual int registerClient(const std::string& name, uint32_t clientType, uint32_t clientOption,
-                             kiv_collector* collector) ORB_EXCLUDES(mutex_);
+                             kiv_collector* collector) ORB_EXCLUDES(managerConnect_, managerMutex_);
 
-  // Hands one upload to the HAL; blocks until the HAL has it. 0, or -1. The
-  // buffers are borrowed; a length of 0 allows a null buffer.
+  // Hands one upload to the HAL; blocks until the HAL has it and, before that,
+  // while another upload of the process is under way. 0, or -1. The buffers are
+  // borrowed; a length of 0 allows a null buffer.
   virtual int sendData(const std::string& token, const std::string& name, const uint8_t* header,
                        uint32_t headerLen, const uint8_t* data, uint32_t dataLen,
-                       const uint8_t* footer, uint32_t footerLen) ORB_EXCLUDES(mutex_);
+                       const uint8_t* footer, uint32_t footerLen)
+      ORB_EXCLUDES(uploadMutex_, halConnect_, halMutex_);
 
   // 0, or -1; the token is forgotten unless there is no manager connection.
-  virtual int deRegisterClient(const std::string& token) ORB_EXCLUDES(mutex_);
+  virtual int deRegisterClient(const std::string& token) ORB_EXCLUDES(managerMutex_);
 
   virtual ~kivAIDLClient();
 
-  // Announces a region (the descriptor is duplicated, not taken). 0 and the
-  // HAL's token for it, or non-zero.
-  virtual int setupFD(int fd, uint32_t offset, uint32_t length, const std::string& token,
-                      uint32_t* fdToken) ORB_EXCLUDES(mutex_);
+  // Announces a region (the descriptor is duplicated, not taken), whose
+  // completions go to the collector, registered or not. 0 and the HAL's token
+  // for it, or non-zero.
+  virtual int setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
+                      uint32_t* fdToken) ORB_EXCLUDES(halConnect_, halMutex_);
 
   // Announces one filled piece of a region. The HAL's result; -1 when it could
   // not be asked. Never reconnects.
   virtual int FdWrite(const std::string& token, uint32_t fdToken, const std::string& name,
                       const std::vector<uint8_t>& header, uint32_t offset, uint32_t size,
-                      CompressType compress) ORB_EXCLUDES(mutex_);
+                      CompressType compress) ORB_EXCLUDES(halMutex_);
 
-  virtual int UnsetFD(const std::string& token, uint32_t fdToken) ORB_EXCLUDES(mutex_);
+  virtual int UnsetFD(const std::string& token, uint32_t fdToken) ORB_EXCLUDES(halMutex_);
 
   // Removes the collector from both maps and waits until no callback uses it.
   // Call before destroying a collector, with no lock held.
@@ -81,38 +88,59 @@ class kivAIDLClient {
   // A copy with descriptors of its own; the handle keeps its own.
   static ::aidl::android::hardware::common::NativeHandle makeToAidl(const native_handle* handle);
 
-  // Where callbacks find their collector, without the client's mutex.
+  // Where callbacks find their collector; needs none of the client's mutexes.
   CollectorRoutes& routes() { return routes_; }
 
   // The HAL died (registered with it; the cookie is not used).
   static void serviceDied(void* cookie);
   // Forgets the HAL; the next upload or region connects again.
-  void processLostOrbsyshalConn() ORB_EXCLUDES(mutex_);
-  // Tells every registered collector, then forgets the manager and all tokens.
-  void processLostManagerConn() ORB_EXCLUDES(mutex_);
+  void processLostOrbsyshalConn() ORB_EXCLUDES(halMutex_);
+  // Forgets the manager and all tokens, then tells every collector that had one.
+  void processLostManagerConn() ORB_EXCLUDES(managerMutex_);
 
  private:
+  // A connection; calls use a copy. `deaths` counts the notices so far, so a copy
+  // tells after its call whether the service has died since.
+  struct Manager {
+    ::android::sp<IKIVManager> proxy;  // Null without a connection.
+    ::android::sp<IKIVCallback> callback;
+    ::android::sp<::android::IBinder> binder;  // Outlives proxy: the link to death needs it.
+    bool watched = false;                      // Its death will be reported.
+    uint64_t deaths = 0;
+  };
+  struct Hal {
+    std::shared_ptr<::aidl::vendor::nuv::orbsyshal_aidl::IOrbsyshal> proxy;  // As above.
+    std::shared_ptr<OrbsyshalFDCallback> callback;
+    bool watched = false;
+    uint64_t deaths = 0;
+  };
+  Manager CurrentManager() ORB_EXCLUDES(managerMutex_);
+  Hal CurrentHal() ORB_EXCLUDES(halMutex_);
+  // Connects when there is no connection; the copy's proxy may be null.
+  Manager EnsureManager() ORB_EXCLUDES(managerConnect_, managerMutex_);
+  Hal EnsureHal() ORB_EXCLUDES(halConnect_, halMutex_);
   // Each connects without waiting for a service that is absent: false then.
-  bool initOrbVHandle() ORB_REQUIRES(mutex_);
-  bool initOrbsyshalHandle() ORB_REQUIRES(mutex_);
-  // Whether there is a HAL, connecting when there is none.
-  bool EnsureHal() ORB_REQUIRES(mutex_);
+  bool initOrbVHandle() ORB_REQUIRES(managerConnect_) ORB_EXCLUDES(managerMutex_);
+  bool initOrbsyshalHandle() ORB_REQUIRES(halConnect_) ORB_EXCLUDES(halMutex_);
+  // Gives up a manager whose death would not be reported, so that the next
+  // registration looks for it again.
+  void DropUnwatched(const Manager& manager) ORB_EXCLUDES(managerMutex_);
 
-  orb::Mutex mutex_;
-  // True from a connection to the manager until its death.
-  bool ipcInitialised_ ORB_GUARDED_BY(mutex_) = false;
-  ::android::sp<IKIVManager> manager_ ORB_GUARDED_BY(mutex_);
-  ::android::sp<IKIVCallback> callback_ ORB_GUARDED_BY(mutex_);
-  // Kept for the death notice: the link lives as long as both do.
-  ::android::sp<::android::IBinder> managerBinder_ ORB_GUARDED_BY(mutex_);
-  ::android::sp<OrbvDeathRecipient> managerDeath_ ORB_GUARDED_BY(mutex_);
-  bool managerWatched_ ORB_GUARDED_BY(mutex_) = false;
+  // The HAL keeps one queue for each process, so uploads go one by one.
+  orb::Mutex uploadMutex_ ORB_ACQUIRED_BEFORE(halConnect_);
+  // One thread connects at a time. Held while the service manager is asked and
+  // the death notice is requested.
+  orb::Mutex managerConnect_ ORB_ACQUIRED_BEFORE(managerMutex_);
+  orb::Mutex halConnect_ ORB_ACQUIRED_BEFORE(halMutex_);
+  // Created once, on the first connection.
+  ::android::sp<OrbvDeathRecipient> managerDeath_ ORB_GUARDED_BY(managerConnect_);
+  // Belongs to the latest connection; replacing it unlinks the one before.
+  ::ndk::ScopedAIBinder_DeathRecipient halDeath_ ORB_GUARDED_BY(halConnect_);
 
-  // Null until the first upload or region, and after the HAL's death.
-  std::shared_ptr<::aidl::vendor::nuv::orbsyshal_aidl::IOrbsyshal> hal_ ORB_GUARDED_BY(mutex_);
-  std::shared_ptr<OrbsyshalFDCallback> fdCallback_ ORB_GUARDED_BY(mutex_);
-  ::ndk::ScopedAIBinder_DeathRecipient halDeath_ ORB_GUARDED_BY(mutex_);
-  bool halWatched_ ORB_GUARDED_BY(mutex_) = false;
+  orb::Mutex managerMutex_;
+  Manager manager_ ORB_GUARDED_BY(managerMutex_);
+  orb::Mutex halMutex_;
+  Hal hal_ ORB_GUARDED_BY(halMutex_);  // Connected by the first upload or region.
 
   CollectorRoutes routes_;
 };

@@ -8,6 +8,8 @@
 #include <fcntl.h>
 #include <fmq/AidlMessageQueue.h>
 
+#include <utility>
+
 #include "ipc/kiv_aidl_client.h"
 #include "ipc/orbsyshal_fd_callback.h"
 #include "utility/checked.h"
@@ -39,9 +41,10 @@ void kivAIDLClient::serviceDied(void*) {
 }
 
 void kivAIDLClient::processLostOrbsyshalConn() {
-  orb::MutexLock lock(mutex_);
-  hal_ = nullptr;
-  fdCallback_ = nullptr;
+  Hal lost;  // Released after the lock.
+  orb::MutexLock lock(halMutex_);
+  lost.deaths = orb::CheckedAdd<uint64_t>(hal_.deaths, 1);
+  std::swap(lost, hal_);
 }
 
 bool kivAIDLClient::initOrbsyshalHandle() {
@@ -54,37 +57,50 @@ bool kivAIDLClient::initOrbsyshalHandle() {
     LOGE("[ERROR] orbsyshal service doesn't exist");
     return false;
   }
-  hal_ = IOrbsyshal::fromBinder(binder);
-  if (hal_ == nullptr) {
+  Hal made = CurrentHal();
+  made.proxy = IOrbsyshal::fromBinder(binder);
+  if (made.proxy == nullptr) {
     LOGE("[ERROR] Failed to bind orbsyshal service");
     return false;
   }
   LOGI("%s: got new instance of IOrbsyshal", "initOrbsyshalHandle");
   halDeath_.set(AIBinder_DeathRecipient_new(serviceDied));
-  halWatched_ = AIBinder_linkToDeath(binder.get(), halDeath_.get(), nullptr) == STATUS_OK;
-  if (!halWatched_) {
+  made.watched = AIBinder_linkToDeath(binder.get(), halDeath_.get(), nullptr) == STATUS_OK;
+  if (!made.watched) {
     LOGE("%s: transport error in orbsyshal->linkToDeath", "initOrbsyshalHandle");
   } else {
     LOGI("Registered orbsyshal death recipient");
   }
-  fdCallback_ = ::ndk::SharedRefBase::make<OrbsyshalFDCallback>();
+  made.callback = ::ndk::SharedRefBase::make<OrbsyshalFDCallback>();
+  orb::MutexLock lock(halMutex_);
+  // It died between the link and here: nothing would report it again.
+  if (hal_.deaths != made.deaths) return false;
+  std::swap(made, hal_);  // What was there is released after the lock.
   return true;
 }
 
-bool kivAIDLClient::EnsureHal() {
-  // One that died before it could be watched is never reported.
-  if (hal_ != nullptr && !halWatched_ && !AIBinder_isAlive(hal_->asBinder().get())) {
-    hal_ = nullptr;
-    fdCallback_ = nullptr;
+kivAIDLClient::Hal kivAIDLClient::CurrentHal() {
+  orb::MutexLock lock(halMutex_);
+  return hal_;
+}
+
+kivAIDLClient::Hal kivAIDLClient::EnsureHal() {
+  orb::MutexLock connecting(halConnect_);
+  const Hal hal = CurrentHal();
+  if (hal.proxy != nullptr) {
+    if (hal.watched || AIBinder_isAlive(hal.proxy->asBinder().get())) return hal;
+    processLostOrbsyshalConn();  // It died before it could be watched.
   }
-  return hal_ != nullptr || initOrbsyshalHandle();
+  initOrbsyshalHandle();
+  return CurrentHal();
 }
 
 int kivAIDLClient::sendData(const std::string&, const std::string& name, const uint8_t* header,
                             uint32_t headerLen, const uint8_t* data, uint32_t dataLen,
                             const uint8_t* footer, uint32_t footerLen) {
-  orb::MutexLock lock(mutex_);
-  if (!EnsureHal()) {
+  orb::MutexLock uploading(uploadMutex_);
+  const Hal hal = EnsureHal();
+  if (hal.proxy == nullptr) {
     LOGE("%s: could not initialize orbsyshal handle", "sendData");
     return -1;
   }
@@ -92,7 +108,7 @@ int kivAIDLClient::sendData(const std::string&, const std::string& name, const u
       orb::CheckedAdd<uint32_t>(orb::CheckedAdd<uint32_t>(headerLen, dataLen), footerLen);
   Queue queue(total_bytes);
   bool done = false;
-  if (!hal_->configure_fmq(queue.dupeDesc(), &done).isOk()) return -1;
+  if (!hal.proxy->configure_fmq(queue.dupeDesc(), &done).isOk()) return -1;
   if (!done) {
     LOGE("[ERROR] Failed to configure fmq");
     return -1;
@@ -106,7 +122,7 @@ int kivAIDLClient::sendData(const std::string&, const std::string& name, const u
     return -1;
   }
   done = false;
-  if (!hal_->request_read(name, static_cast<int32_t>(total_bytes), &done).isOk() || !done) {
+  if (!hal.proxy->request_read(name, static_cast<int32_t>(total_bytes), &done).isOk() || !done) {
     LOGE("[ERROR] orbsyshal->request_read() failed");
     return -1;
   }
@@ -114,10 +130,10 @@ int kivAIDLClient::sendData(const std::string&, const std::string& name, const u
   return 0;
 }
 
-int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, const std::string& token,
+int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
                            uint32_t* fdToken) {
-  orb::MutexLock lock(mutex_);
-  if (!EnsureHal()) {
+  const Hal hal = EnsureHal();
+  if (hal.proxy == nullptr) {
     LOGE("%s: could not initialize orbsyshal handle", "setupFD");
     return -1;
   }
@@ -130,15 +146,21 @@ int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, const std::
   native_handle_delete(handle);  // Does not close fd, the caller's.
 
   SetFdResult result;
-  if (!hal_->set_fd(region, fdCallback_, &result).isOk()) {
+  if (!hal.proxy->set_fd(region, hal.callback, &result).isOk()) {
     LOGE("%s: orbsyshal->set_fd() hidl transport error", "setupFD");
     return -1;
   }
   if (result.result != 0) return result.result;
+  orb::MutexLock lock(halMutex_);
+  // A region goes with its HAL, and a notice that has come does not come again.
+  if (hal_.deaths != hal.deaths) {
+    LOGE("%s: orbsyshal->set_fd() hidl transport error", "setupFD");
+    return -1;
+  }
   const uint32_t given = static_cast<uint32_t>(result.fdToken);
   if (given != 0) {
     *fdToken = given;
-    routes_.AddRegion(given, token);
+    routes_.AddRegion(given, collector);
   }
   return 0;
 }
@@ -146,14 +168,15 @@ int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, const std::
 int kivAIDLClient::FdWrite(const std::string&, uint32_t fdToken, const std::string& name,
                            const std::vector<uint8_t>& header, uint32_t offset, uint32_t size,
                            CompressType compress) {
-  orb::MutexLock lock(mutex_);
-  if (hal_ == nullptr) {
+  const Hal hal = CurrentHal();
+  if (hal.proxy == nullptr) {
     LOGE("%s: orbsyshal handle is null", "FdWrite");
     return -1;
   }
   const bool known = compress == COMPRESS_TYPE_1 || compress == COMPRESS_TYPE_2;
   int32_t result = -1;
-  if (!hal_->fd_write_to_system_dropbox(name, header, static_cast<int32_t>(fdToken),
+  if (!hal.proxy
+           ->fd_write_to_system_dropbox(name, header, static_cast<int32_t>(fdToken),
                                         static_cast<int32_t>(offset), static_cast<int32_t>(size),
                                         known ? compress : COMPRESS_NONE, &result)
            .isOk()) {
@@ -164,12 +187,12 @@ int kivAIDLClient::FdWrite(const std::string&, uint32_t fdToken, const std::stri
 }
 
 int kivAIDLClient::UnsetFD(const std::string&, uint32_t fdToken) {
-  orb::MutexLock lock(mutex_);
-  if (hal_ == nullptr) {
+  const Hal hal = CurrentHal();
+  if (hal.proxy == nullptr) {
     LOGE("%s: orbsyshal handle is null", "UnsetFD");
     return -1;
   }
-  const bool told = hal_->unset_fd(static_cast<int32_t>(fdToken)).isOk();
+  const bool told = hal.proxy->unset_fd(static_cast<int32_t>(fdToken)).isOk();
   if (!told) {
     LOGE("%s: orbsyshal->unset_fd(%d) HIDL transport error", "UnsetFD", static_cast<int>(fdToken));
   }

@@ -76,9 +76,11 @@ class ClientTest : public ::testing::Test {
     const kiv_cfg_s record = Record(name);
     return collectors_.emplace_back(new kiv_collector(&record));
   }
-  // As a client program does it: waits for the manager. Null on failure.
-  kiv_collector* Register(const std::string& name) {
+  // As a client program does it: waits for the manager. Null on failure. With
+  // `files`, its sessions follow a campaign and store and upload files.
+  kiv_collector* Register(const std::string& name, bool files = false) {
     kiv_cfg_s record = Record(name);
+    record.hbt = record.custom_session_format = files ? 0 : 1;
     kiv_collector* const collector = kiv_register(&record);
     if (collector != nullptr) collectors_.push_back(collector);
     return collector;
@@ -113,6 +115,8 @@ class ClientTest : public ::testing::Test {
   }
 
   LogCapture log_;  // Tests clear it.
+  TempDir temp_;
+  const std::string dir_ = temp_.path() + "/";  // The clients' data directory.
   android::sp<FakeManager> manager_;
   const std::shared_ptr<kivAIDLClient> client_ = kivAIDLClient::getClientInstance();
 
@@ -132,8 +136,6 @@ class ClientTest : public ::testing::Test {
   }
 
   LogCapture all_;  // Never cleared.
-  TempDir temp_;
-  const std::string dir_ = temp_.path() + "/";
   std::vector<kiv_collector*> collectors_;
 };
 

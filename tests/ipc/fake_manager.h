@@ -34,6 +34,9 @@ class FakeManager : public BnKIVManager {
   int32_t StartSession(const std::string& token, int64_t camp_id) const {
     KIVCampConfig config;
     config.campId = camp_id;
+    return StartSession(token, config);
+  }
+  int32_t StartSession(const std::string& token, const KIVCampConfig& config) const {
     int32_t result = -1;
     return Callback()->StartSession(token, config, &result).isOk() ? result : -1;
   }

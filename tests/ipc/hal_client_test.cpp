@@ -4,15 +4,18 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <thread>
 #include <tuple>
 
+#include "proto/ltc_campaign.pb.h"
 #include "tests/ipc/client_fixture.h"
 #include "tests/ipc/fake_hal.h"
 #include "utility/unique_fd.h"
 
+using android::binder::Status;
 using orb::test::FakeHal;
 using Answer = FakeHal::Answer;
 
@@ -62,6 +65,9 @@ class HalClientTest : public orb::test::ClientTest {
   kiv_fd_handle_s* NewRegion() {
     kiv_collector* const collector = Register("radio");
     EXPECT_NE(collector, nullptr);
+    return NewRegion(collector);
+  }
+  kiv_fd_handle_s* NewRegion(kiv_collector* collector) {
     return kiv_set_fd(collector, fd_.get(), 0, 64,
                       [](kiv_fd_handle_s* h, uint32_t a, uint32_t b, int c) {
                         on_complete(h, a, b, c);
@@ -85,7 +91,7 @@ TEST_F(HalClientTest, ConnectsOnceTheHalIsThere) {
                            "E sendData: could not initialize orbsyshal handle",
                        }));
   uint32_t region = 0;
-  EXPECT_EQ(client_->setupFD(0, 0, 0, "tok", &region), -1);
+  EXPECT_EQ(client_->setupFD(0, 0, 0, nullptr, &region), -1);
   EXPECT_TRUE(Logged("setupFD: could not initialize orbsyshal handle"));
   log_.Clear();
   EXPECT_EQ(Announce(1), -1);
@@ -154,10 +160,10 @@ TEST_F(HalClientTest, FailedUploadsSayWhatFailed) {
 TEST_F(HalClientTest, RegionsAreAnnouncedWrittenAndWithdrawn) {
   StartHal();
   uint32_t region = 0;
-  ASSERT_EQ(client_->setupFD(fd_.get(), 8, 56, "tok", &region), 0);
+  ASSERT_EQ(client_->setupFD(fd_.get(), 8, 56, nullptr, &region), 0);
   EXPECT_EQ(region, 1u);
   EXPECT_TRUE(hal_->Complete(1, 0, 0, 0));
-  EXPECT_TRUE(Logged("fd_write_done - No entry found for fd_token: 1"));  // Nobody has "tok".
+  EXPECT_TRUE(Logged("fd_write_done - No entry found for fd_token: 1"));  // No collector's.
   EXPECT_NE(fcntl(fd_.get(), F_GETFD), -1);                               // Still ours.
   Lines want = {"set_fd 8 56"};
   const std::pair<int, int> kCompress[] = {{0, 0}, {1, 1}, {2, 2}, {3, 0}, {5, 0}, {-1, 0}};
@@ -175,14 +181,14 @@ TEST_F(HalClientTest, RefusalsAndTransportErrorsOfRegions) {
   StartHal();
   uint32_t region = 99;
   Script("set_fd", Answer::kRefuse);
-  EXPECT_EQ(client_->setupFD(fd_.get(), 0, 64, "tok", &region), FakeHal::kRefused);
+  EXPECT_EQ(client_->setupFD(fd_.get(), 0, 64, nullptr, &region), FakeHal::kRefused);
   Script("set_fd", Answer::kFail);
-  EXPECT_EQ(client_->setupFD(fd_.get(), 0, 64, "tok", &region), -1);
+  EXPECT_EQ(client_->setupFD(fd_.get(), 0, 64, nullptr, &region), -1);
   EXPECT_TRUE(Logged("setupFD: orbsyshal->set_fd() hidl transport error"));
   EXPECT_EQ(region, 99u);
 
   Script("fd_write", Answer::kRefuse);
-  ASSERT_EQ(client_->setupFD(fd_.get(), 0, 64, "tok", &region), 0);
+  ASSERT_EQ(client_->setupFD(fd_.get(), 0, 64, nullptr, &region), 0);
   EXPECT_EQ(Announce(region), FakeHal::kRefused);
   Script("fd_write", Answer::kFail);
   EXPECT_EQ(Announce(region), -1);
@@ -216,6 +222,63 @@ TEST_F(HalClientTest, CompletionsReachARegionUntilItIsUnset) {
   EXPECT_EQ(std::get<1>(seen), 20u);
   EXPECT_TRUE(Logged("fd_write_done - No entry found for fd_token: 1"));
   free(handle);
+}
+
+// The manager's side knows the collector not yet, or no more.
+TEST_F(HalClientTest, RegionsNeedNoTokenToFindTheirCollector) {
+  StartManager();
+  StartHal();
+  std::vector<uint32_t> seen;
+  on_complete = [&](kiv_fd_handle_s*, uint32_t a, uint32_t, int) { seen.push_back(a); };
+  kiv_collector* const collector = NewCollector("radio");
+  kiv_fd_handle_s* early = nullptr;
+  manager_->SetHook([&](const std::string&) {
+    early = NewRegion(collector);
+    return Status::ok();
+  });
+  ASSERT_EQ(collector->Register(), 0);
+  ASSERT_NE(early, nullptr);
+  EXPECT_TRUE(hal_->Complete(1, 10, 0, 0));
+
+  hal_->SetScript([&](const std::string& method) {
+    if (method == "set_fd") KillManager();
+    return Answer::kNormal;
+  });
+  kiv_fd_handle_s* const late = NewRegion(collector);
+  ASSERT_NE(late, nullptr);
+  EXPECT_TRUE(hal_->Complete(2, 20, 0, 0));
+  EXPECT_EQ(seen, (std::vector<uint32_t>{10, 20}));
+  free(early);
+  free(late);
+}
+
+// The manager ends a session and starts one, with an upload each, before it
+// answers another client: it serves one call at a time. Here both are even one
+// thread's, as where a nested call runs on the thread that waits.
+TEST_F(HalClientTest, SessionsStartAndEndInsideAnothersRegistration) {
+  StartManager();
+  StartHal();
+  kiv_collector* const files = Register("files", true);
+  ASSERT_NE(files, nullptr);
+  ASSERT_TRUE(orb::test::WriteFile(dir_ + "files-7.tmp", std::string(200, '\0')));
+  LTCCampaignDef def;
+  def.set_threshold_size(4096);
+  def.set_threshold_time(60);
+  const std::string bytes = def.SerializeAsString();
+  KIVCampConfig config;
+  config.campaignDef.assign(bytes.begin(), bytes.end());
+  config.licInfo.emplace_back().licSN = 5;
+  manager_->SetHook([&](const std::string& token) {
+    manager_->SetHook(nullptr);
+    EXPECT_EQ(token, "token-2");
+    EXPECT_EQ(manager_->StartSession("token-1", config), 0);
+    EXPECT_EQ(kiv_log_buf(files, reinterpret_cast<const uint8_t*>("record"), 6), 0);
+    EXPECT_TRUE(manager_->Callback()->StopSession("token-1", 1).isOk());
+    return Status::ok();
+  });
+  EXPECT_NE(Register("other"), nullptr);
+  const Lines taken = hal_->Taken();
+  EXPECT_EQ(std::count(taken.begin(), taken.end(), "configure_fmq"), 2) << log_.Dump();
 }
 
 TEST_F(HalClientTest, DeregisterWaitsForACompletionUnderWay) {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "tests/ipc/client_fixture.h"
 #include "utility/unique_fd.h"
@@ -108,6 +109,31 @@ TEST_F(ManagerClientTest, AManagerThatDiesWhenItIsFoundIsNotKept) {
   Services()->all_dead = false;
   StartManager();
   EXPECT_EQ(client_->registerClient("radio", 2, 0, collector), 0);
+}
+
+// The answer of a manager that has died since is void: nothing would tell the
+// collector of the death.
+TEST_F(ManagerClientTest, ADeathInsideARegistrationIsNotLost) {
+  StartManager();
+  bool died = false;
+  manager_->SetHook([&](const std::string&) {
+    if (!std::exchange(died, true)) client_->processLostManagerConn();
+    return Status::ok();
+  });
+  kiv_collector* const collector = Register("radio");
+  ASSERT_NE(collector, nullptr);
+  EXPECT_TRUE(Logged("registerClient - failed with error - -129"));
+  EXPECT_EQ(manager_->Calls(), (Lines{"register radio 2 7", "register radio 2 7"}));
+  EXPECT_EQ(manager_->StartSession("token-2", 1), 0);
+
+  // The token of a manager that is gone may be another's by now.
+  manager_->SetHook([&](const std::string&) {
+    client_->processLostManagerConn();
+    client_->routes().Add("token-2", collector);
+    return Status::ok();
+  });
+  EXPECT_EQ(client_->deRegisterClient("token-2"), 0);
+  EXPECT_TRUE(client_->routes().Find("token-2"));
 }
 
 TEST_F(ManagerClientTest, CallsOfTheManagerInsideOurCallsDoNotBlock) {

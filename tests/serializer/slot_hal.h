@@ -26,9 +26,9 @@ class SlotHal : public FakeAidlClient {
   // Completes every piece that it takes inside its announcement, this many times; 0: when asked.
   explicit SlotHal(int completions_inside = 0) : completions_inside_(completions_inside) {}
 
-  int setupFD(int fd, uint32_t offset, uint32_t length, const std::string& token,
+  int setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
               uint32_t* fdToken) override {
-    const int result = FakeAidlClient::setupFD(fd, offset, length, token, fdToken);
+    const int result = FakeAidlClient::setupFD(fd, offset, length, collector, fdToken);
     MutexLock lock(mutex_);
     if (result == 0) regions_[*fdToken].reset(fcntl(fd, F_DUPFD_CLOEXEC, 0));
     return result;

@@ -99,11 +99,11 @@ class FakeAidlClient : public kivAIDLClient {
     MutexLock lock(mutex_);
     return Record("deRegisterClient " + token);
   }
-  int setupFD(int fd, uint32_t offset, uint32_t length, const std::string& token,
+  int setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
               uint32_t* fdToken) override {
     MutexLock lock(mutex_);
     const int result = Record("setupFD " + std::to_string(fd) + " " + std::to_string(offset) + " " +
-                              std::to_string(length) + " " + token);
+                              std::to_string(length) + " " + collector->Token());
     if (result == 0) *fdToken = next_region_++;
     return result;
   }
