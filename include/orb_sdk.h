@@ -15,8 +15,17 @@
  * stops; a stop hands the last data over. With slots, the call that fills one up
  * also waits for the receiver's answer to it.
  *
- * A count or a sum that no longer fits its type ends the process: samples of a
- * window past 2^32 - 1, a counter past 2^63 - 1.
+ * A count or a sum that no longer fits its type ends the process by abort(). What
+ * one window of a KPI bears, for values of magnitude M:
+ *  - every KPI: 2^32 - 1 samples, a gauge 2^31 - 1;
+ *  - counter: a sum of 2^63 - 1;
+ *  - gauge of n samples: n * M * M < 2^63, so 96,000,000 with a thousand samples;
+ *  - gauge with stdev or variance: n * M <= 3,037,000,499;
+ *  - gauge with slope or offset: X <= 3,037,000,499 and X * n * M < 2^63, where X adds
+ *    up the second of each sample, the first one's being 1; X is n * (n + 1) / 2 with
+ *    one sample a second.
+ * Windows and statistics are the campaign's: choose a unit in which the largest value
+ * fits, and let `orbctl campaign lint --max-value` check campaigns for it.
  */
 #ifndef ORB_SDK_H_
 #define ORB_SDK_H_

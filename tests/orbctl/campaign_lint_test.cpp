@@ -19,6 +19,7 @@ using google::protobuf::TextFormat;
 using orb::test::TempDir;
 using orb::test::WriteFile;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 constexpr char kSound[] = R"(
@@ -36,7 +37,10 @@ std::string Rules(const std::vector<LintFinding>& findings) {
   std::string rules;
   for (const LintFinding& finding : findings) {
     if (!rules.empty()) rules += ", ";
-    rules += (finding.refused ? "refused " : "warning ") + finding.rule;
+    rules += (finding.severity == Severity::kRefused ? "refused "
+              : finding.severity == Severity::kFatal ? "fatal "
+                                                     : "warning ") +
+             finding.rule;
   }
   return rules;
 }
@@ -44,7 +48,9 @@ std::string Rules(const std::vector<LintFinding>& findings) {
 std::string Lint(const LTCCampaignDef& campaign, const Conf& conf = Conf(),
                  const std::optional<std::vector<LicOption>>& lics = std::nullopt,
                  bool shared_memory = false) {
-  return Rules(LintCampaign({campaign, conf, lics, shared_memory}));
+  std::map<uint32_t, ValueLimit> values;
+  for (const KPICfg& cfg : campaign.kpi_cfgs()) values[cfg.kpi_id()] = {100, {}};
+  return Rules(LintCampaign({campaign, conf, lics, shared_memory, values}));
 }
 
 LTCCampaignDef Campaign(const std::string& text) {
@@ -70,9 +76,9 @@ TEST(CampaignLintTest, OneKpi) {
       {"type: KPI_NUMERIC sub_type: COUNTER sample_window: 1", "warning window_of_one"},
       {"type: KPI_NUMERIC sub_type: COUNTER sample_window: 5 b_cfg {}", "warning section_unused"},
       {"type: KPI_NUMERIC sub_type: GAUGE sample_window: 5 g_cfg { gauge_flag_6: true }",
-       "warning statistics_missing"},
+       "warning statistics_missing, warning value_limit"},
       {"type: KPI_NUMERIC sub_type: GAUGE time_window: 2147483648 g_cfg { report_min: true }",
-       "warning window_too_large"},
+       "warning window_too_large, warning value_limit"},
       {"type: KPI_NUMERIC sub_type: HISTOGRAM sample_window: 5", "warning bucket_count"},
       {"type: KPI_NUMERIC sub_type: HISTOGRAM sample_window: 5 h_cfg { bucket_bounds: [1, 2, 2] "
        "overflow_bucket: true underflow_bucket: true }",
@@ -89,6 +95,53 @@ TEST(CampaignLintTest, OneKpi) {
     const auto findings = LintCampaign({WithKpi(kpi), Conf(), std::nullopt, false});
     EXPECT_EQ(Rules(findings), want);
     for (const LintFinding& finding : findings) EXPECT_EQ(finding.entry, "kpi_cfgs[0] (kpi_id 9)");
+  }
+}
+
+// The bound itself has its test in safe_values_test.cpp.
+TEST(CampaignLintTest, ValuesThatEndTheClient) {
+  const struct {
+    const char* kpi;
+    const char* values;  // Empty: not known.
+    const char* want;
+    const char* message;
+  } kCases[] = {
+      {"GAUGE time_window: 3000 g_cfg { report_stdev: true }", "", "warning value_limit",
+       "beyond 101233349 end the client with a window of 30 samples, one each 100 ms (assumed)"},
+      {"GAUGE time_window: 3000 g_cfg { report_stdev: true }", "9=101233349", "", ""},
+      {"GAUGE time_window: 3000 g_cfg { report_stdev: true }", "0x9=101233350",
+       "fatal value_overflow", "up to 101233350 end"},
+      {"GAUGE time_window: 3000 g_cfg { report_stdev: true }", "9=1012333500@1s",
+       "fatal value_overflow", "the largest safe value is 1012333499"},
+      {"GAUGE time_window: 86400000 g_cfg { report_slope: true }", "", "warning value_overflow",
+       "of 864000 samples, one each 100 ms (assumed) ends the client whatever the values: slope"},
+      {"GAUGE time_window: 86400000 g_cfg { report_slope: true }", "9=0@1s", "fatal value_overflow",
+       "of 86400 samples, one each 1000 ms ends"},
+      {"GAUGE time_window: 86400000 g_cfg { report_slope: true }", "9=100@1m", "", ""},
+      {"COUNTER time_window: 1000", "9=4294967295", "", ""},
+      {"COUNTER time_window: 1000", "8=1", "warning unknown_kpi_id", ""},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.kpi);
+    LTCCampaignDef campaign = WithKpi(std::string("type: KPI_NUMERIC sub_type: ") + c.kpi);
+    LintInput input{campaign, Conf(), std::nullopt};
+    uint32_t kpi_id = 0;
+    ValueLimit limit;
+    std::string error;
+    if (*c.values != '\0') {
+      ASSERT_TRUE(ParseValueLimit(c.values, &kpi_id, &limit, &error)) << error;
+      input.values[kpi_id] = limit;
+    }
+    const auto findings = LintCampaign(input);
+    EXPECT_EQ(Rules(findings), c.want);
+    for (const LintFinding& finding : findings) EXPECT_THAT(finding.message, HasSubstr(c.message));
+  }
+  for (const char* text : {"", "9", "9=", "=1", "9=-1", "9=1@", "9=1@0s", "9=1@2", "9@1s=1",
+                           "4294967296=1", "9=4294967296"}) {
+    ValueLimit limit;
+    uint32_t kpi_id = 0;
+    std::string error;
+    EXPECT_FALSE(ParseValueLimit(text, &kpi_id, &limit, &error)) << text;
   }
 }
 
@@ -229,8 +282,20 @@ TEST_F(CampaignFileTest, CommandReportsAndAnswers) {
   command.path = File("sound.txtpb", kSound);
   std::ostringstream out;
   EXPECT_EQ(command.Run(out), 0);
-  EXPECT_THAT(out.str(), HasSubstr("a session would start (0 refused, 0 warnings)"));
+  EXPECT_THAT(out.str(), HasSubstr("a session would start (0 refused, 0 fatal, 1 warnings)"));
+  // Notes in the file count, and the command line before them.
+  const std::string note = File("note.txtpb", std::string(kSound) + "\n  # max-value 2=7@1s\n");
+  command.path = note;
+  out.str("");
+  EXPECT_EQ(command.Run(out), 0);
+  EXPECT_THAT(out.str(), HasSubstr("(0 refused, 0 fatal, 0 warnings)"));
+  command.max_values = {"2=4000000000@1s"};
+  out.str("");
+  EXPECT_EQ(command.Run(out), 1);
+  EXPECT_THAT(out.str(), HasSubstr("would end its client (0 refused, 1 fatal, 0 warnings)"));
+  command.max_values = {};
 
+  command.path = File("sound.txtpb", kSound);
   command.conf_path = File("device.conf", "size_threshold_max_bytes = 1000\n");
   command.json = true;
   command.lics = {"43"};
@@ -238,7 +303,7 @@ TEST_F(CampaignFileTest, CommandReportsAndAnswers) {
   EXPECT_EQ(command.Run(out), 1);
   const auto report = nlohmann::json::parse(out.str());
   EXPECT_EQ(report["accepted"], false);
-  EXPECT_EQ(report["findings"].size(), 3u);
+  EXPECT_EQ(report["findings"].size(), 4u);
   EXPECT_THAT(report["findings"][0].dump(),
               HasSubstr(R"("rule":"size_threshold_max_bytes","severity":"refused")"));
 
@@ -246,10 +311,27 @@ TEST_F(CampaignFileTest, CommandReportsAndAnswers) {
   command.lics = {"nonsense"};
   EXPECT_EQ(command.Run(out), 2);
   command.lics = {};
+  command.max_values = {"2"};
+  EXPECT_EQ(command.Run(out), 2);
+  command.max_values = {};
   command.conf_path = dir_.path() + "/none";
   EXPECT_EQ(command.Run(out), 1);
+  command.conf_path = {};
+  command.path = File("note.txtpb", "# max-value 2");
+  EXPECT_EQ(command.Run(out), 1);
   const std::string errors = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 2) << errors;
+  EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 4) << errors;
+}
+
+// What is shown to people must not end their programs. 4 TiB are in sysmon's note.
+TEST_F(CampaignFileTest, ExamplesAreSafe) {
+  for (const char* name : {"sysmon", "sysmon_slots", "radio"}) {
+    CampaignLintCommand command;
+    command.path = std::string("examples/") + name + ".txtpb";
+    std::ostringstream out;
+    EXPECT_EQ(command.Run(out), 0);
+    EXPECT_THAT(out.str(), Not(HasSubstr("[value_"))) << name;
+  }
 }
 
 }  // namespace

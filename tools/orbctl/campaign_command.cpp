@@ -62,8 +62,9 @@ void WarnOfMissingKeys(const LTCCampaignDef& campaign, const KIVCampConfig& conf
 }
 
 void ExplainRefusal(const LTCCampaignDef& campaign, const Conf& conf, bool shared_memory) {
-  for (const LintFinding& finding : LintCampaign({campaign, conf, std::nullopt, shared_memory})) {
-    if (finding.refused) {
+  for (const LintFinding& finding :
+       LintCampaign({campaign, conf, std::nullopt, shared_memory, {}})) {
+    if (finding.severity == Severity::kRefused) {
       PrintError(finding.entry + ": " + finding.message + " [" + finding.rule + "]");
     }
   }

@@ -53,9 +53,26 @@ class FirstError : public google::protobuf::io::ErrorCollector {
   std::string text_;
 };
 
+// The words after "# max-value " of each such line.
+std::vector<std::string> ValueNotes(std::string_view text) {
+  constexpr std::string_view kNote = "# max-value ";
+  std::vector<std::string> notes;
+  while (!text.empty()) {
+    const size_t end = text.find('\n');
+    std::string_view line = text.substr(0, end);
+    text.remove_prefix(end == text.npos ? text.size() : end + 1);
+    line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+    if (!line.starts_with(kNote)) continue;
+    line.remove_prefix(kNote.size());
+    notes.emplace_back(line.substr(0, line.find_last_not_of(" \t\r") + 1));
+  }
+  return notes;
+}
+
 }  // namespace
 
-bool ReadCampaignFile(const std::string& path, LTCCampaignDef* campaign, std::string* error) {
+bool ReadCampaignFile(const std::string& path, LTCCampaignDef* campaign, std::string* error,
+                      std::vector<std::string>* value_limits) {
   std::string content;
   if (!ReadFile(path, kCampaignBytesMax, &content, error)) return false;
   if (GuessEncoding(path, content) == Encoding::kBinary) {
@@ -63,6 +80,7 @@ bool ReadCampaignFile(const std::string& path, LTCCampaignDef* campaign, std::st
     *error = fmt::format("{}: not a serialized LTCCampaignDef", path);
     return false;
   }
+  if (value_limits != nullptr) *value_limits = ValueNotes(content);
   FirstError errors(path);
   google::protobuf::TextFormat::Parser parser;
   parser.RecordErrorsTo(&errors);

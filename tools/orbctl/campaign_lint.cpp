@@ -11,8 +11,8 @@
 namespace orb::orbctl {
 namespace {
 
-constexpr bool kRefused = true;
-constexpr bool kWarning = false;
+using enum Severity;
+
 constexpr size_t kTransactionBytesMax = size_t{1024} * 1024;
 
 class Linter {
@@ -26,12 +26,13 @@ class Linter {
     for (int i = 0; i < campaign_.lic_sn_kpi_maps_size(); ++i) LintMap(i);
     LintOwners();
     if (input_.lics.has_value()) LintLics();
+    LintLimits();
     return std::move(findings_);
   }
 
  private:
-  void Add(bool refused, std::string entry, std::string rule, std::string message) {
-    findings_.push_back({refused, std::move(entry), std::move(rule), std::move(message)});
+  void Add(Severity severity, std::string entry, std::string rule, std::string message) {
+    findings_.push_back({severity, std::move(entry), std::move(rule), std::move(message)});
   }
 
   void LintSizes() {
@@ -70,9 +71,11 @@ class Linter {
   void LintKpiEntry(int index) {
     const KPICfg& cfg = campaign_.kpi_cfgs(index);
     const std::string entry = fmt::format("kpi_cfgs[{}] (kpi_id {})", index, cfg.kpi_id());
-    LintKpi(cfg, conf_, [&](bool refused, const std::string& rule, const std::string& message) {
-      Add(refused, entry, rule, message);
-    });
+    const auto limit = input_.values.find(cfg.kpi_id());
+    LintKpi(cfg, conf_, limit == input_.values.end() ? nullptr : &limit->second,
+            [&](Severity severity, const std::string& rule, const std::string& message) {
+              Add(severity, entry, rule, message);
+            });
     const auto [first, added] = kpi_entries_.emplace(cfg.kpi_id(), index);
     if (!added) {
       Add(kWarning, entry, "duplicate_kpi_id",
@@ -137,6 +140,14 @@ class Linter {
       if (map_encrypt_.count(lic_sn) != 0) continue;
       Add(kWarning, LicEntry(lic_sn), "record_without_map",
           "is in no lic_sn_kpi_maps entry: it gets only KPIs without an owner, unencrypted");
+    }
+  }
+
+  void LintLimits() {
+    for (const auto& [kpi_id, limit] : input_.values) {
+      if (kpi_entries_.count(kpi_id) != 0) continue;
+      Add(kWarning, fmt::format("max-value {}", kpi_id), "unknown_kpi_id",
+          "names a kpi_id that the campaign does not have");
     }
   }
 

@@ -2,6 +2,7 @@
 // and what it would take although nobody can have meant it.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -10,13 +11,20 @@
 #include "collector/conf.h"
 #include "proto/ltc_campaign.pb.h"
 #include "tools/orbctl/lic_option.h"
+#include "tools/orbctl/value_limit.h"
 
 namespace orb::orbctl {
 
+enum class Severity {
+  kRefused,  // No session would start.
+  kFatal,    // One would, and its samples would end the client.
+  kWarning,
+};
+
 struct LintFinding {
-  bool refused = false;  // Else a warning.
-  std::string entry;     // "kpi_cfgs[3] (kpi_id 7)", "threshold_size" and the like.
-  std::string rule;      // A fixed word; for limits the configuration file's key.
+  Severity severity = Severity::kWarning;
+  std::string entry;  // "kpi_cfgs[3] (kpi_id 7)", "threshold_size" and the like.
+  std::string rule;   // A fixed word; for limits the configuration file's key.
   std::string message;
 };
 
@@ -25,7 +33,8 @@ struct LintInput {
   const Conf& conf;  // The device's limits.
   // The owners that the start names; unset when they are not known.
   std::optional<std::vector<LicOption>> lics;
-  bool shared_memory = false;  // The client writes to shared-memory slots.
+  bool shared_memory = false;               // The client writes to shared-memory slots.
+  std::map<uint32_t, ValueLimit> values{};  // By KPI id: what its client logs, where that is known.
 };
 
 // In the order of the campaign.
@@ -34,13 +43,14 @@ std::vector<LintFinding> LintCampaign(const LintInput& input);
 // The command "campaign lint".
 struct CampaignLintCommand {
   std::string path;
-  std::string conf_path;          // Empty: the library's defaults.
-  std::vector<std::string> lics;  // The --lic options as given.
+  std::string conf_path;                // Empty: the library's defaults.
+  std::vector<std::string> lics;        // The --lic options as given.
+  std::vector<std::string> max_values;  // The --max-value options as given.
   bool shared_memory = false;
   bool json = false;
 
-  // Prints the findings to `out`. The exit code: a session would start, it would
-  // be refused or a file cannot be read, an option is malformed.
+  // Prints the findings to `out`. The exit code: a session would start and last, it
+  // would not or a file cannot be read, an option is malformed.
   int Run(std::ostream& out) const;
 };
 

@@ -6,12 +6,13 @@
 #include <limits>
 
 #include "tools/orbctl/histogram_layout.h"
+#include "tools/orbctl/safe_values.h"
 
 namespace orb::orbctl {
 namespace {
 
-constexpr bool kRefused = true;
-constexpr bool kWarning = false;
+using enum Severity;
+
 constexpr uint32_t kSignedMax = std::numeric_limits<int32_t>::max();
 
 // 0 without a window: that and a window of 0 are the same.
@@ -117,7 +118,41 @@ void LintBlob(const KPICfg& cfg, const Conf& conf, const LintReport& report) {
   }
 }
 
-void LintNumeric(const KPICfg& cfg, const Conf& conf, const LintReport& report) {
+std::string Milliseconds(std::chrono::nanoseconds time) {
+  return fmt::format("{:g} ms", static_cast<double>(time.count()) / 1e6);
+}
+
+// Counters and histograms bear every value that a client can log, unless their
+// windows are of a size that nobody means; then this says so, too.
+void LintValues(const KPICfg& cfg, const ValueLimit* limit, const LintReport& report) {
+  const bool known = limit != nullptr && limit->interval.count() > 0;
+  const std::chrono::nanoseconds usual = cfg.agg_window_oneof_case() == KPICfg::kTimeWindow
+                                             ? kIntervalOfTimeWindows
+                                             : kIntervalOfSampleWindows;
+  const std::chrono::nanoseconds interval = known ? limit->interval : usual;
+  const SafeValues safe = SafeValuesOf(cfg, interval);
+  if (safe.any) return;
+  const std::string window = fmt::format("{} samples, one each {}{}", safe.samples,
+                                         Milliseconds(interval), known ? "" : " (assumed)");
+  if (safe.largest == SafeValues::kNone) {
+    report(limit != nullptr ? kFatal : kWarning, "value_overflow",
+           fmt::format("a window of {} ends the client whatever the values: {} does not fit",
+                       window, safe.limit));
+  } else if (limit == nullptr) {
+    report(kWarning, "value_limit",
+           fmt::format("values beyond {} end the client with a window of {}: {} does not fit; say "
+                       "what it logs with --max-value {}=N@INTERVAL",
+                       safe.largest, window, safe.limit, cfg.kpi_id()));
+  } else if (limit->value > safe.largest) {
+    report(kFatal, "value_overflow",
+           fmt::format("values up to {} end the client with a window of {}: {} does not fit; the "
+                       "largest safe value is {}",
+                       limit->value, window, safe.limit, safe.largest));
+  }
+}
+
+void LintNumeric(const KPICfg& cfg, const Conf& conf, const ValueLimit* limit,
+                 const LintReport& report) {
   switch (cfg.sub_type()) {
     case COUNTER:
       LintSection(cfg, KPICfg::kCCfg, report);
@@ -133,15 +168,18 @@ void LintNumeric(const KPICfg& cfg, const Conf& conf, const LintReport& report) 
       report(kRefused, "unknown_subtype",
              fmt::format("sub_type {} is none of COUNTER, GAUGE and HISTOGRAM",
                          static_cast<int>(cfg.sub_type())));
+      return;
   }
+  LintValues(cfg, limit, report);
 }
 
 }  // namespace
 
-void LintKpi(const KPICfg& cfg, const Conf& conf, const LintReport& report) {
+void LintKpi(const KPICfg& cfg, const Conf& conf, const ValueLimit* limit,
+             const LintReport& report) {
   switch (cfg.type()) {
     case KPI_NUMERIC:
-      return LintNumeric(cfg, conf, report);
+      return LintNumeric(cfg, conf, limit, report);
     case KPI_BLOB:
       return LintBlob(cfg, conf, report);
     case KPI_STATE:

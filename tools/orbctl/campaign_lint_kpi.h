@@ -6,13 +6,16 @@
 
 #include "collector/conf.h"
 #include "proto/ltc_campaign.pb.h"
+#include "tools/orbctl/campaign_lint.h"
 
 namespace orb::orbctl {
 
-// Takes what is found: refused or a warning, the rule, the message.
+// Takes what is found: how bad it is, the rule, the message.
 using LintReport =
-    std::function<void(bool refused, const std::string& rule, const std::string& message)>;
+    std::function<void(Severity severity, const std::string& rule, const std::string& message)>;
 
-void LintKpi(const KPICfg& cfg, const Conf& conf, const LintReport& report);
+// `limit` is what the client logs; null when that is not known.
+void LintKpi(const KPICfg& cfg, const Conf& conf, const ValueLimit* limit,
+             const LintReport& report);
 
 }  // namespace orb::orbctl

@@ -54,6 +54,11 @@ void AddCampaign(CLI::App* app, Arguments* args) {
   lint->add_option("--conf", args->lint.conf_path, "Limits of the device")
       ->type_name("orb_sdk.conf");
   AddLic(lint, &args->lint.lics);
+  lint->add_option("--max-value", args->lint.max_values,
+                   "The largest value that a KPI is given, and how far apart its samples are; may "
+                   "be repeated")
+      ->type_name("KPI=N[@INTERVAL]")
+      ->allow_extra_args(false);
   lint->add_flag("--shared-memory", args->lint.shared_memory, "The client uses slots, not files");
   lint->add_flag("--json", args->lint.json, "Prints JSON");
   lint->callback([args] { args->code = args->lint.Run(std::cout); });

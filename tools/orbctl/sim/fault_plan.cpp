@@ -7,12 +7,10 @@
 #include <array>
 #include <string_view>
 
-#include "tools/orbctl/sim/number.h"
+#include "tools/orbctl/number.h"
 
 namespace orb::orbctl {
 namespace {
-
-using std::chrono::nanoseconds;
 
 struct Name {
   std::string_view text;
@@ -24,35 +22,12 @@ constexpr std::array kNames = {
     Name{"enospc", Fault::kDiskFull},
 };
 
-struct Unit {
-  std::string_view text;
-  int64_t milliseconds;
-};
-// "ms" before "s".
-constexpr std::array kUnits = {Unit{"ms", 1}, Unit{"s", 1000}, Unit{"m", 60'000},
-                               Unit{"h", 3'600'000}};
-
-// A year, so that no product of these can overflow.
-constexpr nanoseconds kTimeMax = std::chrono::hours(24 * 366);
-
-bool ParseTime(std::string_view text, nanoseconds* time) {
-  for (const Unit& unit : kUnits) {
-    nanoseconds number{0};
-    if (!text.ends_with(unit.text)) continue;
-    if (!ParseSeconds(text.substr(0, text.size() - unit.text.size()), &number)) return false;
-    if (number / 1000 > kTimeMax / unit.milliseconds) return false;
-    *time = number / 1000 * unit.milliseconds;
-    return true;
-  }
-  return false;
-}
-
 bool ParseSpan(std::string_view text, FaultSpan* span) {
   const size_t dots = text.find("..");
-  if (!ParseTime(text.substr(0, dots), &span->from)) return false;
+  if (!ParseDuration(text.substr(0, dots), &span->from)) return false;
   if (dots == text.npos) return true;
   span->to.emplace();
-  return ParseTime(text.substr(dots + 2), &*span->to) && *span->to > span->from;
+  return ParseDuration(text.substr(dots + 2), &*span->to) && *span->to > span->from;
 }
 
 // Why the text is no fault, or null.
@@ -73,8 +48,8 @@ const char* ParseFault(std::string_view text, FaultSpan* span) {
   if (slow != (equals != text.npos)) {
     return slow ? "say how slow, like hal-slow=200ms" : "only hal-slow takes a duration";
   }
-  if (slow &&
-      !ParseTime(text.substr(equals + 1, at == text.npos ? at : at - equals - 1), &span->delay)) {
+  if (slow && !ParseDuration(text.substr(equals + 1, at == text.npos ? at : at - equals - 1),
+                             &span->delay)) {
     return "a duration is a number and ms, s, m or h";
   }
   if (at != text.npos && !ParseSpan(text.substr(at + 1), span)) {

@@ -5,8 +5,8 @@
 
 #include <string_view>
 
+#include "tools/orbctl/number.h"
 #include "tools/orbctl/output.h"
-#include "tools/orbctl/sim/number.h"
 
 namespace orb::orbctl {
 namespace {

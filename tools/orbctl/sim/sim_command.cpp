@@ -9,9 +9,9 @@
 
 #include "tools/orbctl/campaign_command.h"
 #include "tools/orbctl/campaign_file.h"
+#include "tools/orbctl/number.h"
 #include "tools/orbctl/output.h"
 #include "tools/orbctl/private_keys.h"
-#include "tools/orbctl/sim/number.h"
 #include "tools/orbctl/sim/trial_report.h"
 
 namespace orb::orbctl {

@@ -40,4 +40,25 @@ inline bool ParseSeconds(std::string_view text, std::chrono::nanoseconds* time) 
   return true;
 }
 
+// A number as above and its unit: ms, s, m or h. At most a year, so that no product
+// of these can overflow.
+inline bool ParseDuration(std::string_view text, std::chrono::nanoseconds* time) {
+  struct Unit {
+    std::string_view text;
+    int64_t milliseconds;
+  };
+  // "ms" is looked for before "s".
+  constexpr Unit kUnits[] = {{"ms", 1}, {"s", 1000}, {"m", 60'000}, {"h", 3'600'000}};
+  constexpr std::chrono::nanoseconds kTimeMax = std::chrono::hours(24 * 366);
+  for (const Unit& unit : kUnits) {
+    std::chrono::nanoseconds number{0};
+    if (!text.ends_with(unit.text)) continue;
+    if (!ParseSeconds(text.substr(0, text.size() - unit.text.size()), &number)) return false;
+    if (number / 1000 > kTimeMax / unit.milliseconds) return false;
+    *time = number / 1000 * unit.milliseconds;
+    return true;
+  }
+  return false;
+}
+
 }  // namespace orb::orbctl
