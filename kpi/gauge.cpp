@@ -65,8 +65,8 @@ int Gauge::Serialize() {
        Nanoseconds(tsStart), Nanoseconds(tsEnd));
   if (N < 2) return 0;
   if (TIMEBASED()) sampleSpan = N;
-  orbtr::KPIData& data = serializer->EmptyRecord();
-  orbtr::Gauge* record = data.add_gauges();
+  orbtr::KPIData& data = serializer->GaugeRecord();
+  orbtr::Gauge* record = data.mutable_gauges(0);
   fillMeta(record->mutable_meta());
   FillStatistics(record);
   LOGD("Gauze: Min %d Max %d Samples %d Avg %f Stdev %f b0 %f b1 %f", min, max, N,

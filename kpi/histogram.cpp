@@ -63,8 +63,8 @@ int Histogram::Serialize() {
     LOGI("numSamples < 1, so skipping");
     return 0;
   }
-  orbtr::KPIData& data = serializer->EmptyRecord();
-  orbtr::Histogram* histogram = data.add_histograms();
+  orbtr::KPIData& data = serializer->HistogramRecord();
+  orbtr::Histogram* histogram = data.mutable_histograms(0);
   fillMeta(histogram->mutable_meta());
   histogram->mutable_bucket_counts()->Add(buckets.begin(), buckets.end());
   return WriteWindow(data);

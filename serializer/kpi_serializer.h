@@ -26,13 +26,13 @@ class KPISerializer {
   // Null for an unknown type, or when the serializer could not be initialised.
   static std::unique_ptr<KPISerializer> Create(const Config& config);
 
-  // An empty record to fill and hand to Write: the same one each time, which
-  // keeps its parts, so that a closing window allocates none. Not thread-safe:
-  // the collector serializes its KPIs.
-  orbtr::KPIData& EmptyRecord();
-  // The same for what most records are: a record of one counter, whose fields are
-  // the last user's, to be set all of them. Clearing would free its metadata.
+  // A record to fill and hand to Write: one counter, one gauge without statistics, or
+  // one histogram without counts. It is the same one each time and keeps its parts, so
+  // that a closing window allocates none: set every field of its metadata, and the
+  // count. Not thread-safe: the collector serializes its KPIs.
   orbtr::KPIData& CounterRecord();
+  orbtr::KPIData& GaugeRecord();
+  orbtr::KPIData& HistogramRecord();
 
   // Accepts one record; kpiId routes it to the LicSNs of that KPI. 0 on success.
   virtual int Write(orbtr::KPIData& data, unsigned int kpiId) = 0;
@@ -93,6 +93,7 @@ class KPISerializer {
   std::atomic<uint32_t> timeThreshold{0};
 
  private:
-  const std::unique_ptr<orbtr::KPIData> record_;
   const std::unique_ptr<orbtr::KPIData> counterRecord_;
+  const std::unique_ptr<orbtr::KPIData> gaugeRecord_;
+  const std::unique_ptr<orbtr::KPIData> histogramRecord_;
 };
