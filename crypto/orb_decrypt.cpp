@@ -10,6 +10,7 @@
 #include "include/orb_encrypt.h"
 #include "utility/checked.h"
 #include "utility/log.h"
+#include "utility/program_log_limit.h"
 
 namespace orb {
 namespace {
@@ -72,8 +73,11 @@ EcKeyPtr ReadEphemeralKey(const uint8_t* pem, uint64_t length) {
 }
 
 // The two lines that show the secret; what they mean for a receiver is in
-// docs/security.md. liblog formats nothing while the priority is filtered.
+// docs/security.md. They need a limit that the program has set in its code: the
+// environment or a property would print keys of a program that others run.
 void LogSecret(const WipedBuffer& secret) {
+  const int limit = ProgramLogLimit();
+  if (limit == ANDROID_LOG_DEFAULT || limit > ANDROID_LOG_DEBUG) return;
   const uint8_t* s = secret.data();  // Ends with a NUL beyond the secret.
   LOGD("compute [%lu] bytes symmetric key: \r\n%s\r\n", Ulong(kSecretBytes),
        reinterpret_cast<const char*>(s));

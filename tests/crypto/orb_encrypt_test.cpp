@@ -3,8 +3,10 @@
 #include "include/orb_encrypt.h"
 
 #include <android/log.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/err.h>
+#include <unistd.h>
 
 #include <functional>
 #include <limits>
@@ -262,6 +264,40 @@ TEST(OrbDecryptTest, TellsItsStepsAndAboveDebugNoSecret) {
   EXPECT_TRUE(log.Contains("get EVP PKEY id"));
   EXPECT_FALSE(log.Contains("symmetric key:")) << log.Dump();
   EXPECT_FALSE(log.Contains("symmetric key string")) << log.Dump();
+}
+
+// A program that nobody but its environment asked for debug lines shows no key.
+TEST(OrbDecryptTest, ShowsTheSecretByTheProgramsOwnLimitOnly) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // A fresh process, which reads the variable.
+  const KeyPair own = NewP256();
+  const SealedPayload sealed = Seal(kGcm, own.public_pem, "payload");
+  const struct {
+    const char* tags;
+    int own_limit;  // -1: the program sets none.
+    bool steps;     // The other debug lines.
+    bool secret;
+  } cases[] = {{"*:d", -1, true, false},
+               {"*:v", -1, true, false},
+               {"*:d", ANDROID_LOG_DEFAULT, false, false},
+               {"*:d", ANDROID_LOG_VERBOSE, true, true},
+               {"*:w", ANDROID_LOG_DEBUG, true, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.tags << ", own limit " << c.own_limit);
+    setenv("ANDROID_LOG_TAGS", c.tags, 1);
+    const auto has = [](bool there, const char* text) -> testing::Matcher<const std::string&> {
+      if (there) return testing::HasSubstr(text);
+      return testing::Not(testing::HasSubstr(text));
+    };
+    EXPECT_EXIT(
+        {
+          if (c.own_limit >= 0) __android_log_set_minimum_priority(c.own_limit);
+          _exit(Open(kGcm, own.private_pem, sealed).result);
+        },
+        testing::ExitedWithCode(0),
+        testing::AllOf(has(c.steps, "malloc [32] bytes"), has(c.secret, "] bytes symmetric key:"),
+                       has(c.secret, "created symmetric key")));
+  }
+  unsetenv("ANDROID_LOG_TAGS");
 }
 
 // The queue is the host's: it may hold errors, and marks that the host will pop to.

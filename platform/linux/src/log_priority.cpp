@@ -1,19 +1,26 @@
 // What is logged, by the environment: ANDROID_LOG_TAGS="*:w" leaves warnings and
 // errors. liblog of a workstation does not read it, and knows one priority for all
 // tags, so only the entry of "*" counts. Read when the library is loaded: a host
-// that sets a priority of its own does so later.
-// Tested by tests/integration/services_test.cpp.
+// that sets a priority of its own does so later, or keeps the one that it has set.
+// Tested by tests/integration/services_test.cpp and tests/crypto/orb_encrypt_test.cpp.
 #include <android/log.h>
 
 #include <cstdlib>
 #include <string_view>
+
+#include "utility/program_log_limit.h"
 
 namespace {
 
 // In the order of the priorities, from ANDROID_LOG_VERBOSE.
 constexpr std::string_view kLetters = "vdiwefs";
 
+// What the environment has set. liblog has one limit for both, so a program that sets
+// the very same counts as one that has set none.
+int environment_limit = ANDROID_LOG_DEFAULT;
+
 [[gnu::constructor]] void ApplyEnvironment() {
+  if (__android_log_get_minimum_priority() != ANDROID_LOG_DEFAULT) return;
   const char* const tags = secure_getenv("ANDROID_LOG_TAGS");
   const std::string_view text = tags == nullptr ? "" : tags;
   const size_t at = text.find("*:");
@@ -21,7 +28,17 @@ constexpr std::string_view kLetters = "vdiwefs";
   const char letter = static_cast<char>(text[at + 2] | 0x20);  // Lower case.
   const size_t index = kLetters.find(letter);
   if (index == std::string_view::npos) return;
-  __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE + static_cast<int>(index));
+  environment_limit = ANDROID_LOG_VERBOSE + static_cast<int>(index);
+  __android_log_set_minimum_priority(environment_limit);
 }
 
 }  // namespace
+
+namespace orb {
+
+int ProgramLogLimit() {
+  const int limit = __android_log_get_minimum_priority();
+  return limit == environment_limit ? ANDROID_LOG_DEFAULT : limit;
+}
+
+}  // namespace orb
