@@ -1,4 +1,5 @@
 // The client's way to the HAL: uploads, regions, completions, losing it.
+#include <android/binder_stability.h>
 #include <cutils/ashmem.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -10,6 +11,7 @@
 #include <thread>
 #include <tuple>
 
+#include "ipc/orbsyshal_fd_callback.h"
 #include "proto/ltc_campaign.pb.h"
 #include "tests/ipc/client_fixture.h"
 #include "tests/ipc/fake_hal.h"
@@ -82,6 +84,35 @@ class HalClientTest : public orb::test::ClientTest {
  private:
   orb::LogCapture all_deaths_;  // Since the HAL was last killed.
 };
+
+// A vendor's HAL calls with FLAG_PRIVATE_LOCAL, the system's without.
+TEST_F(HalClientTest, CompletionsComeFromVendorAndSystem) {
+  using aidl::vendor::nuv::orbsyshal_aidl::IOrbFdCallback;
+  constexpr char kName[] = "orb.test.Callback/default";
+  const auto callback = ndk::SharedRefBase::make<OrbsyshalFDCallback>();
+  ASSERT_EQ(AServiceManager_addService(callback->asBinder().get(), kName), EX_NONE);
+  const ndk::SpAIBinder remote(AServiceManager_checkService(kName));
+  ASSERT_NE(IOrbFdCallback::fromBinder(remote), nullptr);
+  for (const binder_flags_t flags : {binder_flags_t{FLAG_PRIVATE_LOCAL}, binder_flags_t{0}}) {
+    AParcel* in = nullptr;
+    ndk::ScopedAParcel out;
+    ASSERT_EQ(AIBinder_prepareTransaction(remote.get(), &in), STATUS_OK);
+    for (const int32_t value : {7, 0, 0, 0}) EXPECT_EQ(AParcel_writeInt32(in, value), STATUS_OK);
+    EXPECT_EQ(AIBinder_transact(remote.get(), IOrbFdCallback::TRANSACTION_fd_write_done, &in,
+                                out.getR(), flags),
+              STATUS_OK);
+  }
+  EXPECT_EQ(log_.Count("No entry found for fd_token: 7"), 2u);
+  Services()->Kill(kName);
+}
+
+TEST_F(HalClientTest, CallsReachAHalOfTheVendorAlone) {
+  hal_ = FakeHal::Make();
+  const ndk::SpAIBinder binder = hal_->asBinder();
+  AIBinder_markVendorStability(binder.get());
+  ASSERT_TRUE(hal_->Publish());
+  EXPECT_EQ(Send({1}, {2}, {3}), 0);
+}
 
 TEST_F(HalClientTest, ConnectsOnceTheHalIsThere) {
   EXPECT_EQ(Send({1}, {2}, {}), -1);

@@ -1,4 +1,5 @@
 // Handles of binders: identity, classes, lifetime, transactions.
+#include <android/binder_stability.h>
 #include <binder/Parcel.h>
 #include <gtest/gtest.h>
 
@@ -80,6 +81,30 @@ TEST_F(NdkBinderTest, CallsReachTheObject) {
   EXPECT_EQ(Call(remote, 0), STATUS_UNKNOWN_TRANSACTION);
   EXPECT_EQ(Call(remote, 0x5f504e47), STATUS_UNKNOWN_TRANSACTION);  // Reserved.
   EXPECT_EQ(Call(remote, 1, 0x80), STATUS_BAD_VALUE);
+}
+
+TEST_F(NdkBinderTest, ACallWantsTheLevelThatItReliesOn) {
+  constexpr void (*kUnmarked)(AIBinder*) = [](AIBinder*) {};
+  const struct {
+    const char* name;
+    void (*mark)(AIBinder*);
+    int32_t plain;
+    int32_t local;
+  } kCases[] = {
+      {"unmarked", kUnmarked, 42, STATUS_BAD_TYPE},
+      {"unit", AIBinder_markCompilationUnitStability, STATUS_BAD_TYPE, 42},
+      {"vintf", AIBinder_markVintfStability, 42, 42},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    const SpAIBinder local(AIBinder_new(EchoClass(), nullptr));
+    c.mark(local.get());
+    ASSERT_EQ(AServiceManager_addService(local.get(), kName), EX_NONE);
+    const SpAIBinder remote = Check();
+    ASSERT_TRUE(AIBinder_associateClass(remote.get(), EchoClass()));
+    EXPECT_EQ(Call(remote), c.plain);
+    EXPECT_EQ(Call(remote, 1, FLAG_PRIVATE_LOCAL), c.local);
+  }
 }
 
 TEST_F(NdkBinderTest, ARequestBelongsToTheBinderItWasPreparedFor) {

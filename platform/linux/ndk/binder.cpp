@@ -1,7 +1,9 @@
 // AIBinder: handles, classes and transactions.
 // Tested by tests/platform_ndk/binder_test.cpp.
+#include <android/binder_stability.h>
 #include <android/log.h>
 #include <binder/IPCThreadState.h>
+#include <binder/Stability.h>
 
 #include <map>
 
@@ -238,12 +240,21 @@ binder_status_t AIBinder_transact(AIBinder* binder, transaction_code_t code, APa
   if (out != nullptr) *out = nullptr;
   if (!IsMethod(code)) return STATUS_UNKNOWN_TRANSACTION;
   if (binder == nullptr || request == nullptr || out == nullptr) return STATUS_UNEXPECTED_NULL;
-  if (request->binder != binder || (flags & ~FLAG_ONEWAY) != 0) return STATUS_BAD_VALUE;
+  constexpr binder_flags_t kKnownFlags = uint32_t{FLAG_ONEWAY} | FLAG_PRIVATE_VENDOR;
+  if (request->binder != binder || (flags & ~kKnownFlags) != 0) return STATUS_BAD_VALUE;
 
   auto reply = std::make_unique<AParcel>(binder);
   const status_t status = binder->Binder()->transact(code, *request->parcel, reply->parcel, flags);
   if (status == android::OK) *out = reply.release();
   return Prune(status);
+}
+
+void AIBinder_markVendorStability(AIBinder* binder) {
+  android::internal::Stability::markVndk(binder->Binder().get());
+}
+
+void AIBinder_markVintfStability(AIBinder* binder) {
+  android::internal::Stability::markVintf(binder->Binder().get());
 }
 
 struct AIBinder_Weak {

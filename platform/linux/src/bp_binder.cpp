@@ -2,6 +2,7 @@
 // Tested by tests/platform/contract_test.cpp.
 #include <binder/BpBinder.h>
 #include <binder/Parcel.h>
+#include <binder/Stability.h>
 #include <utils/Vector.h>
 
 #include <atomic>
@@ -22,6 +23,18 @@ struct Link {
 
 std::atomic<int32_t> last_handle{0};
 
+// Whether an object of this level promises what a call with these flags relies on.
+bool IsStable(int32_t level, uint32_t code, uint32_t flags) {
+  using internal::Stability;
+  if (level == Stability::UNDECLARED || code < IBinder::FIRST_CALL_TRANSACTION ||
+      code > IBinder::LAST_CALL_TRANSACTION) {
+    return true;
+  }
+  const bool vendor = (flags & IBinder::FLAG_PRIVATE_VENDOR) != 0;
+  const int32_t wanted = vendor ? Stability::VENDOR : Stability::SYSTEM;
+  return (level & wanted) == wanted;
+}
+
 }  // namespace
 
 struct BpBinder::State {
@@ -31,6 +44,7 @@ struct BpBinder::State {
   const std::shared_ptr<orb_platform::RemoteTarget> target;
   const int32_t handle;
   std::atomic<bool> alive{true};
+  std::atomic<int32_t> stability{internal::Stability::UNDECLARED};
 
   orb::Mutex mutex;
   // The owner is gone, which a DEAD_OBJECT from a handler does not say.
@@ -55,6 +69,8 @@ void BpBinder::onLastStrongRef(const void* id) {
 }
 
 int32_t BpBinder::handle() const { return state_->handle; }
+int32_t BpBinder::stability() const { return state_->stability.load(); }
+void BpBinder::setStability(int32_t level) { state_->stability.store(level); }
 bool BpBinder::isBinderAlive() const { return state_->alive.load(); }
 BpBinder* BpBinder::remoteBinder() { return this; }
 const std::shared_ptr<orb_platform::RemoteTarget>& BpBinder::target() const {
@@ -100,6 +116,8 @@ status_t BpBinder::dump(int fd, const Vector<String16>& args) {
 status_t BpBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
   if (!isBinderAlive()) return DEAD_OBJECT;
   if (data.errorCheck() != OK) return data.errorCheck();
+  if (!IsStable(stability(), code, flags)) return BAD_TYPE;
+  flags &= ~uint32_t{FLAG_PRIVATE_VENDOR};  // Only this check reads it.
   if (orb_platform::ExceedsLimit(data, flags)) return FAILED_TRANSACTION;
   if ((flags & FLAG_CLEAR_BUF) != 0) data.markSensitive();
   const status_t status = state_->target->Transact(code, data, reply, flags);

@@ -24,6 +24,16 @@ using android::sp;
 
 enum Kind : uint8_t { kSenders = 0, kThirdParty = 1, kReceivers = 2, kDescriptor = 3 };
 
+// Sets the level that stands behind the flat object at `offset`. Only the owner's word
+// counts: anybody else could have our calls refused.
+void TakeStability(const Parcel& parcel, size_t offset, IBinder* proxy) {
+  int32_t level = 0;
+  const size_t at = offset + kFlatObjectBytes;
+  if (at + sizeof level > parcel.dataSize()) return;
+  memcpy(&level, parcel.data() + at, sizeof level);
+  proxy->remoteBinder()->setStability(level);
+}
+
 android::status_t StatusOfError(const sd_bus_message* error) {
   const sd_bus_error* const e = sd_bus_message_get_error(const_cast<sd_bus_message*>(error));
   for (const char* dead : {kErrorNoObject, SD_BUS_ERROR_NO_REPLY, SD_BUS_ERROR_SERVICE_UNKNOWN,
@@ -143,8 +153,9 @@ android::status_t Bus::ReadParcel(sd_bus_message* message, const void* data, siz
       placed = own != nullptr && ParcelAccess::AddBinder(out, object.offset, own);
     } else {
       const std::string& from = object.kind == kSenders ? sender.name : object.owner;
-      placed = ParcelAccess::AddBinder(out, object.offset,
-                                       AcquireProxy(sender.connection, from, object.number));
+      const sp<IBinder> proxy = AcquireProxy(sender.connection, from, object.number);
+      placed = ParcelAccess::AddBinder(out, object.offset, proxy);
+      if (placed && object.kind == kSenders) TakeStability(*out, object.offset, proxy.get());
     }
     if (!placed) return android::BAD_TYPE;
   }

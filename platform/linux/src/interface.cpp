@@ -1,5 +1,6 @@
 // The untyped part of typed interfaces, and stability marks.
 // Tested by tests/platform/contract_test.cpp.
+#include <binder/BpBinder.h>
 #include <binder/IInterface.h>
 #include <binder/Stability.h>
 
@@ -23,6 +24,10 @@ void Stability::markCompilationUnit(IBinder* binder) {
   if (BBinder* local = binder->localBinder()) local->setStability(SYSTEM);
 }
 
+void Stability::markVndk(IBinder* binder) {
+  if (BBinder* local = binder->localBinder()) local->setStability(VENDOR);
+}
+
 void Stability::markVintf(IBinder* binder) {
   if (BBinder* local = binder->localBinder()) local->setStability(VINTF);
 }
@@ -35,8 +40,9 @@ void Stability::tryMarkCompilationUnit(IBinder* binder) {
 int32_t Stability::getLevel(IBinder* binder) {
   if (binder == nullptr) return UNDECLARED;
   tryMarkCompilationUnit(binder);
-  BBinder* local = binder->localBinder();
-  return local != nullptr ? local->stability() : static_cast<int32_t>(SYSTEM);
+  if (BBinder* local = binder->localBinder()) return local->stability();
+  const int32_t level = binder->remoteBinder()->stability();
+  return level != UNDECLARED ? level : static_cast<int32_t>(SYSTEM);
 }
 
 }  // namespace internal

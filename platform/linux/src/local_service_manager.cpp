@@ -1,5 +1,6 @@
 // Tested by tests/platform/contract_test.cpp.
 #include <binder/Parcel.h>
+#include <binder/Stability.h>
 #include <binder/Status.h>
 #include <orb_platform/local_service_manager.h>
 #include <utils/String8.h>
@@ -28,6 +29,7 @@ using android::status_t;
 using android::String16;
 using android::String8;
 using android::wp;
+using android::internal::Stability;
 
 // Runs tasks one after another on a thread that lives while there are some.
 class Serial : public std::enable_shared_from_this<Serial> {
@@ -139,6 +141,7 @@ sp<IBinder> LocalServiceManager::checkService(const String16& name) const {
   sp<BpBinder> proxy = served.proxy.promote();
   if (proxy == nullptr) {
     proxy = BpBinder::create(served.target);
+    proxy->setStability(Stability::getLevel(served.service.get()));
     served.proxy = proxy;
   }
   return proxy;

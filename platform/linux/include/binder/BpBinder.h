@@ -35,6 +35,11 @@ class BpBinder : public IBinder {
   // Unique in this process, never 0 and never used again.
   int32_t handle() const;
 
+  // The level that the owner gave the object; 0 until it has said, and no call is
+  // refused until then. For the transports to set.
+  int32_t stability() const;
+  void setStability(int32_t level);
+
   // For the transports. markDead() turns isBinderAlive() false and tells
   // whether links are armed; sendObituary(), later and unlocked, runs them on
   // the calling thread, once.

@@ -1,5 +1,6 @@
-// How long the interface of a binder is promised to stay. Every binder of this
-// platform is built with the system, so marking only fixes the word on the wire.
+// How long the interface of a binder is promised to stay, as a word behind each binder
+// on the wire. A call wants the system's level, or the vendor's if it has
+// FLAG_PRIVATE_VENDOR, and ends with BAD_TYPE on an object that has less.
 #pragma once
 
 #include <cstdint>
@@ -21,9 +22,11 @@ class Stability final {
   };
 
   static void markCompilationUnit(IBinder* binder);
+  static void markVndk(IBinder* binder);
   static void markVintf(IBinder* binder);
   static void tryMarkCompilationUnit(IBinder* binder);
-  // The level on the wire; a binder that nobody marked counts as SYSTEM.
+  // The level on the wire. A binder that nobody marked counts as SYSTEM, and so does a
+  // proxy whose owner has not said.
   static int32_t getLevel(IBinder* binder);
 
  private:

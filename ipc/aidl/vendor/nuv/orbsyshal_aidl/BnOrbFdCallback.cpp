@@ -26,7 +26,7 @@ AIBinder_Class* BnOrbFdCallback::Class() {
 ::ndk::SpAIBinder BnOrbFdCallback::createBinder() {
   ::ndk::SpAIBinder binder(AIBinder_new(Class(), static_cast<::ndk::ICInterface*>(this)));
 #ifdef BINDER_STABILITY_SUPPORT
-  AIBinder_markCompilationUnitStability(binder.get());
+  AIBinder_markVintfStability(binder.get());
 #endif
   return binder;
 }

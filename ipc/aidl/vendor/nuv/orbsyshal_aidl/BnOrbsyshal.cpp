@@ -83,7 +83,7 @@ AIBinder_Class* BnOrbsyshal::Class() {
 ::ndk::SpAIBinder BnOrbsyshal::createBinder() {
   ::ndk::SpAIBinder binder(AIBinder_new(Class(), static_cast<::ndk::ICInterface*>(this)));
 #ifdef BINDER_STABILITY_SUPPORT
-  AIBinder_markCompilationUnitStability(binder.get());
+  AIBinder_markVintfStability(binder.get());
 #endif
   return binder;
 }

@@ -10,11 +10,21 @@
 #include <android/binder_auto_utils.h>
 #include <android/binder_interface_utils.h>
 #include <android/binder_parcel_utils.h>
+#include <android/binder_stability.h>
 
 #include <memory>
 #include <tuple>
 
 namespace aidl::vendor::nuv::orbsyshal_aidl::internal {
+
+// The HAL may be the vendor's or the system's. Calls and objects of these interfaces pass
+// between the two only with this flag, and marked where the stub makes its binder; what
+// generated code does under the same macro, which the build defines.
+#ifdef BINDER_STABILITY_SUPPORT
+inline constexpr binder_flags_t kCallFlags = FLAG_PRIVATE_LOCAL;
+#else
+inline constexpr binder_flags_t kCallFlags = 0;
+#endif
 
 // Stops at the first value that fails.
 template <typename... Values>
@@ -42,7 +52,7 @@ template <typename... Results, typename... Args>
   if (status != STATUS_OK) return ScopedAStatus::fromStatus(status);
   ::ndk::ScopedAParcel out;
   AParcel* request = in.release();
-  status = AIBinder_transact(remote.get(), code, &request, out.getR(), 0);
+  status = AIBinder_transact(remote.get(), code, &request, out.getR(), kCallFlags);
   if (status != STATUS_OK) return ScopedAStatus::fromStatus(status);
   ScopedAStatus answer;
   status = AParcel_readStatusHeader(out.get(), answer.getR());
