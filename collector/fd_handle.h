@@ -15,4 +15,8 @@ struct kiv_fd_handle_s {
   kiv_fd_done_cb fn;
   kiv_collector* collector;  // The owner; outlives the announcement.
 };
-static_assert(sizeof(kiv_fd_handle_s) == 32 && offsetof(kiv_fd_handle_s, collector) == 24);
+static_assert(sizeof(void*) == 8,
+              "builds for 64 bits only: the layouts of kiv_cfg_s and kiv_fd_handle_s, which "
+              "clients hold, have 8-byte pointers");
+static_assert(sizeof(kiv_fd_handle_s) == 32 && offsetof(kiv_fd_handle_s, collector) == 24,
+              "kiv_fd_handle_s: not the layout that clients hold");

@@ -8,18 +8,19 @@
 namespace {
 
 // The record's layout is part of the interface.
-static_assert(sizeof(kiv_cfg_s) == 70 && sizeof(kiv_blob_segment_t) == 16);
-static_assert(offsetof(kiv_cfg_s, name) == 0 && offsetof(kiv_cfg_s, registration_arg1) == 8);
-static_assert(offsetof(kiv_cfg_s, data_dir) == 12 && offsetof(kiv_cfg_s, start_session_cb) == 20);
-static_assert(offsetof(kiv_cfg_s, stop_session_cb) == 28 && offsetof(kiv_cfg_s, client_mode) == 36);
-static_assert(offsetof(kiv_cfg_s, hbt) == 40 && offsetof(kiv_cfg_s, allocate_fd) == 41);
-static_assert(offsetof(kiv_cfg_s, fd_slot_size) == 42 && offsetof(kiv_cfg_s, fd_nof_slots) == 46);
-static_assert(offsetof(kiv_cfg_s, fd_arg3) == 50 && offsetof(kiv_cfg_s, fd_arg4) == 54);
-static_assert(offsetof(kiv_cfg_s, custom_session_format) == 58);
-static_assert(offsetof(kiv_cfg_s, header_override) == 59 && offsetof(kiv_cfg_s, header_kind) == 60);
-static_assert(offsetof(kiv_cfg_s, header_version) == 61 &&
-              offsetof(kiv_cfg_s, sync_register) == 69);
-static_assert(offsetof(kiv_cfg_s, registration_arg2) == 65);
+constexpr bool kRecordIsLaidOut =
+    sizeof(kiv_cfg_s) == 70 && offsetof(kiv_cfg_s, name) == 0 &&
+    offsetof(kiv_cfg_s, registration_arg1) == 8 && offsetof(kiv_cfg_s, data_dir) == 12 &&
+    offsetof(kiv_cfg_s, start_session_cb) == 20 && offsetof(kiv_cfg_s, stop_session_cb) == 28 &&
+    offsetof(kiv_cfg_s, client_mode) == 36 && offsetof(kiv_cfg_s, hbt) == 40 &&
+    offsetof(kiv_cfg_s, allocate_fd) == 41 && offsetof(kiv_cfg_s, fd_slot_size) == 42 &&
+    offsetof(kiv_cfg_s, fd_nof_slots) == 46 && offsetof(kiv_cfg_s, fd_arg3) == 50 &&
+    offsetof(kiv_cfg_s, fd_arg4) == 54 && offsetof(kiv_cfg_s, custom_session_format) == 58 &&
+    offsetof(kiv_cfg_s, header_override) == 59 && offsetof(kiv_cfg_s, header_kind) == 60 &&
+    offsetof(kiv_cfg_s, header_version) == 61 && offsetof(kiv_cfg_s, registration_arg2) == 65 &&
+    offsetof(kiv_cfg_s, sync_register) == 69;
+static_assert(kRecordIsLaidOut, "kiv_cfg_s: not the layout that clients fill");
+static_assert(sizeof(kiv_blob_segment_t) == 16, "kiv_blob_segment_t: not the layout clients fill");
 
 void Destroy(kiv_collector* c) {
   c->Unroute();
