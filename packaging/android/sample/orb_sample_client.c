@@ -1,4 +1,5 @@
-/* The least that a vendor daemon does: register, log, and leave on a signal. */
+/* The least that a vendor daemon does: register, log, and leave on a signal. Its samples
+ * go through slots of shared memory, which need most of the device. */
 #include <signal.h>
 #include <string.h>
 #include <unistd.h>
@@ -19,6 +20,10 @@ int main(void) {
   memset(&cfg, 0, sizeof cfg);
   cfg.name = "orb_sample_client";
   cfg.data_dir = "/data/vendor/orb/sample/";
+  cfg.hbt = 1;
+  cfg.allocate_fd = 1;
+  cfg.fd_slot_size = 4096;
+  cfg.fd_nof_slots = 4;
 
   signal(SIGTERM, on_signal);
   kiv_collector* c = kiv_register(&cfg);
