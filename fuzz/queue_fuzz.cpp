@@ -23,7 +23,7 @@ constexpr size_t kItemsMax = 4096;  // In one call of the owner's.
 template <typename T>
 void Use(Input* input, uint8_t how, int peer_fd) {
   using Queue = android::AidlMessageQueue<T, android::SynchronizedReadWrite>;
-  typename Queue::Descriptor desc;
+  android::MQDescriptor<T, android::SynchronizedReadWrite> desc;
   for (int left = input->Take<uint8_t>() % 6; left > 0; --left) {
     auto& grantor = desc.grantors.emplace_back();
     grantor.fdIndex = input->Take<int8_t>();

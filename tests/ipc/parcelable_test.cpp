@@ -24,7 +24,7 @@ TEST(ParcelableTest, DamagedClientInfo) {
       {"nothing", "", "NOT_ENOUGH_DATA"},
       {"negative size", "ffffffff", "BAD_VALUE"},
       {"size below its own width", "03000000 00000000", "BAD_VALUE"},
-      {"name cut off", "18000000 03000000 6100", "NOT_ENOUGH_DATA"},
+      {"name cut off", "18000000 03000000 6100", "UNEXPECTED_NULL"},
       {"option cut off", "18000000 01000000 61000000 07000000", "NOT_ENOUGH_DATA"},
       {"name only", "0c000000 01000000 61000000 07000000 05000000", "a 0 0, 8 left"},
       {"fields of a newer peer", "1c000000 01000000 61000000 07000000 05000000 11111111 22222222",

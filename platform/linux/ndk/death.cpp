@@ -44,10 +44,14 @@ class Link : public IBinder::DeathRecipient {
       : set_(set), binder_(binder), cookie_(cookie), on_died_(on_died), on_unlinked_(on_unlinked) {}
 
   // The callback may delete the recipient that owns this link.
-  void binderDied(const wp<IBinder>&) override {
+  void binderDied(const wp<IBinder>& who) override {
     if (Disarm()) on_died_(cookie_);
     const std::shared_ptr<LinkSet> set = set_.lock();
-    if (set != nullptr) set->Remove(this);
+    if (set == nullptr) return;
+    set->Remove(this);
+    // As on Android, the notice uses up a second link with the same cookie.
+    const sp<Link> twin = set->Take(who.unsafe_get(), cookie_);
+    if (twin != nullptr) static_cast<void>(twin->Disarm());
   }
 
   // True once.

@@ -12,13 +12,14 @@ using orb_platform::Prune;
 
 namespace {
 
-// Reads the length of an array of items of that size; -1 means null.
+// Reads the length of an array of items of that size; -1 means null. A length that the
+// data cannot have is STATUS_NO_MEMORY, as on Android, but nothing is allocated for it.
 binder_status_t ReadLength(const Parcel& parcel, size_t item_bytes, int32_t* length) {
   const android::status_t status = parcel.readInt32(length);
   if (status != android::OK) return Prune(status);
   if (*length < -1) return STATUS_BAD_VALUE;
   const bool fits = *length < 0 || static_cast<size_t>(*length) <= parcel.dataAvail() / item_bytes;
-  return fits ? STATUS_OK : STATUS_NOT_ENOUGH_DATA;
+  return fits ? STATUS_OK : STATUS_NO_MEMORY;
 }
 
 template <typename T>
@@ -123,7 +124,11 @@ binder_status_t AParcel_readString(const AParcel* parcel, void* data,
                                    AParcel_stringAllocator allocate) {
   std::optional<std::string> string;
   const android::status_t status = parcel->parcel->readUtf8FromUtf16(&string);
-  if (status != android::OK) return Prune(status);
+  // A string that is cut off is null, as on Android.
+  if (status == android::UNEXPECTED_NULL)
+    string.reset();
+  else if (status != android::OK)
+    return Prune(status);
   if (!string) return allocate(data, -1, nullptr) ? STATUS_OK : STATUS_UNEXPECTED_NULL;
   const size_t bytes = string->size() + 1;
   char* buffer = nullptr;

@@ -149,8 +149,9 @@ sp<IBinder> LocalServiceManager::checkService(const String16& name) const {
 
 status_t LocalServiceManager::addService(const String16& name, const sp<IBinder>& service, bool,
                                          int) {
+  if (service == nullptr) return android::binder::Status::EX_NULL_POINTER;
   const std::string text(String8(name).c_str());
-  if (!IsServiceName(text) || service == nullptr || service->localBinder() == nullptr) {
+  if (!IsServiceName(text) || service->localBinder() == nullptr) {
     return android::binder::Status::EX_ILLEGAL_ARGUMENT;
   }
   std::shared_ptr<Served> served;

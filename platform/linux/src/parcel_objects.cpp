@@ -142,7 +142,7 @@ status_t Parcel::writeStrongBinder(const sp<IBinder>& val) {
 
 status_t Parcel::ReadObject(const Object** out) const {
   const size_t at = pos_;
-  if (at > data_.size() || data_.size() - at < kFlatObjectBytes) return NOT_ENOUGH_DATA;
+  if (at > data_.size() || data_.size() - at < kFlatObjectBytes) return BAD_TYPE;
   const auto it =
       std::lower_bound(objects_.begin(), objects_.end(), at,
                        [](const Object& object, size_t value) { return object.offset < value; });

@@ -43,6 +43,8 @@ status_t Parcel::writeString16(const char16_t* str, size_t len) {
   return OK;
 }
 
+// Null for the null string, and for one that its length or the data's end cuts off: the
+// callers, as the platform's, make no difference.
 const char16_t* Parcel::readString16Inplace(size_t* outLen) const {
   *outLen = 0;
   int32_t count = 0;
@@ -57,15 +59,9 @@ const char16_t* Parcel::readString16Inplace(size_t* outLen) const {
 }
 
 status_t Parcel::readString16(String16* out) const {
-  int32_t count = 0;
-  const size_t start = pos_;
-  const status_t status = readInt32(&count);
-  if (status != OK) return status;
-  if (count < 0) return UNEXPECTED_NULL;
-  pos_ = start;
   size_t len = 0;
   const char16_t* const str = readString16Inplace(&len);
-  if (str == nullptr) return NOT_ENOUGH_DATA;
+  if (str == nullptr) return UNEXPECTED_NULL;
   *out = String16(str, len);
   return OK;
 }
@@ -98,15 +94,9 @@ status_t Parcel::writeUtf8AsUtf16(const std::unique_ptr<std::string>& str) {
 }
 
 status_t Parcel::readUtf8FromUtf16(std::string* out) const {
-  int32_t count = 0;
-  const size_t start = pos_;
-  const status_t status = readInt32(&count);
-  if (status != OK) return status;
-  if (count < 0) return UNEXPECTED_NULL;
-  pos_ = start;
   size_t len = 0;
   const char16_t* const str = readString16Inplace(&len);
-  if (str == nullptr) return NOT_ENOUGH_DATA;
+  if (str == nullptr) return UNEXPECTED_NULL;
   out->clear();
   if (len == 0) return OK;
   const ssize_t bytes = utf16_to_utf8_length(str, len);

@@ -49,8 +49,9 @@ class BusServiceManager : public IServiceManager {
   }
   android::status_t addService(const String16& name, const sp<IBinder>& service, bool,
                                int) override {
+    if (service == nullptr) return android::binder::Status::EX_NULL_POINTER;
     const std::string text(String8(name).c_str());
-    if (!IsServiceName(text) || service == nullptr || service->localBinder() == nullptr) {
+    if (!IsServiceName(text) || service->localBinder() == nullptr) {
       return android::binder::Status::EX_ILLEGAL_ARGUMENT;
     }
     return Bus::Get().AddService(BusNameOf(text), sp<android::BBinder>(service->localBinder()));

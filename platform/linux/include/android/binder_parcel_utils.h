@@ -61,7 +61,7 @@ binder_status_t AParcel_readVector(const AParcel* parcel, std::vector<T>* values
     if (count < 0) return STATUS_UNEXPECTED_NULL;
     // Every item has four bytes or more, so a forged count allocates nothing big.
     if (count > (AParcel_getDataSize(parcel) - AParcel_getDataPosition(parcel)) / 4) {
-      return STATUS_NOT_ENOUGH_DATA;
+      return std::is_arithmetic_v<T> ? STATUS_NO_MEMORY : STATUS_NOT_ENOUGH_DATA;
     }
     values->clear();
     values->resize(static_cast<size_t>(count));

@@ -29,14 +29,12 @@ class AidlMessageQueue final {
                 "this platform has the synchronized flavour only");
 
  public:
-  typedef MQDescriptor<T, Flavor> Descriptor;
-
   // New memory for exactly `numElements` items; of 0 items the queue is invalid.
   explicit AidlMessageQueue(size_t numElements, bool configureEventFlagWord = false)
       : queue_(orb_platform::ByteQueue::Create(sizeof(T), numElements, configureEventFlagWord)) {}
   // A peer's memory. The descriptor is checked as hostile and stays the
   // caller's; a queue from a bad one is invalid. `resetPointers` empties it.
-  explicit AidlMessageQueue(const Descriptor& desc, bool resetPointers = true)
+  explicit AidlMessageQueue(const MQDescriptor<T, Flavor>& desc, bool resetPointers = true)
       : queue_(orb_platform::ByteQueue::Attach(
             sizeof(T), {desc.grantors, desc.handle, desc.quantum, desc.flags}, resetPointers)) {}
   AidlMessageQueue(const AidlMessageQueue&) = delete;
@@ -46,9 +44,9 @@ class AidlMessageQueue final {
   bool isValid() const { return queue_ != nullptr; }
 
   // For the peer, with descriptors of its own.
-  Descriptor dupeDesc() const {
-    Descriptor desc;
-    if (queue_ == nullptr || !queue_->Describe(&desc.grantors, &desc.handle)) return Descriptor();
+  MQDescriptor<T, Flavor> dupeDesc() const {
+    MQDescriptor<T, Flavor> desc;
+    if (queue_ == nullptr || !queue_->Describe(&desc.grantors, &desc.handle)) return {};
     desc.quantum = static_cast<int32_t>(sizeof(T));
     desc.flags = orb_platform::ByteQueue::kSynchronizedReadWrite;
     return desc;
