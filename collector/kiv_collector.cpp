@@ -26,7 +26,7 @@ kiv_collector::kiv_collector(const kiv_cfg_s* cfg) : cfg_(*cfg) {
 
 kiv_collector::~kiv_collector() {
   // The serializer's writer thread reads the tables until it has ended.
-  orb::HotMutexLock lock(stateMutex);
+  orb::MutexLock session(sessionMutex);
   DropSession();
 }
 
@@ -76,7 +76,7 @@ int kiv_collector::DeRegister() {
     LOGI("%s: registerThread exited", "DeRegister");
   }
   {
-    orb::HotMutexLock lock(stateMutex);
+    orb::MutexLock session(sessionMutex);
     StopSessionLocked();
   }
   const auto client = link_.client();
@@ -94,7 +94,9 @@ void kiv_collector::LostConn() {
 }
 
 void kiv_collector::LostConnThread() {
-  orb::HotMutexLock lock(stateMutex);
+  // Also across the registration: a session, and the end of another manager, find it
+  // done. A synchronous one takes its time; whoever logs does not wait for it.
+  orb::MutexLock session(sessionMutex);
   if (stop_.raised()) return;
   StopSessionLocked();
   LOGI("%s: c::LostConn deleteing client instance for token - %s", cfg_.name.c_str(),

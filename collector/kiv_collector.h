@@ -4,9 +4,9 @@
 // Life: constructed -> Register() -> sessions come and go -> DeRegister() ->
 // Unroute() -> destroyed. A lost manager stops the session and registers again.
 //
-// Lock order, taken only downwards: stateMutex, the serializer's own mutexes,
-// the client's mutexes, then the leaves (identity, header, handles, seq, threads,
-// serializer pointer). A leaf is never held across a call out. See
+// Lock order, taken only downwards: sessionMutex, stateMutex, the serializer's own
+// mutexes, the client's mutexes, then the leaves (identity, header, handles, seq,
+// threads, serializer pointer). A leaf is never held across a call out. See
 // docs/threads_and_locks.md.
 #pragma once
 
@@ -54,10 +54,10 @@ struct kiv_collector {
   int Register();
   // Joins the collector's threads, ends the session, tells the manager. The
   // manager's status, or -1 without a connection.
-  int DeRegister() ORB_EXCLUDES(stateMutex);
+  int DeRegister() ORB_EXCLUDES(sessionMutex, stateMutex);
   // Makes the client forget this collector; no callback reaches it afterwards.
   // The last call before destruction, with no lock held.
-  void Unroute() ORB_EXCLUDES(stateMutex);
+  void Unroute() ORB_EXCLUDES(sessionMutex, stateMutex);
   // The manager died. Only starts a thread; takes a leaf.
   void LostConn();
   // What the manager assigned. Called by the client before the token is routable.
@@ -68,11 +68,11 @@ struct kiv_collector {
   void SetClientForTest(std::shared_ptr<kivAIDLClient> client);
 
   // --- Sessions (kiv_collector_session.cpp). ---
-  int StartSession(const KIVCampConfig& config) ORB_EXCLUDES(stateMutex);
-  int StopSession() ORB_EXCLUDES(stateMutex);
-  int StopSessionLocked() ORB_REQUIRES(stateMutex);
-  int StartSessionForLicSN(uint64_t licSN) ORB_EXCLUDES(stateMutex);
-  int StopSessionForLicSN(uint64_t licSN) ORB_EXCLUDES(stateMutex);
+  int StartSession(const KIVCampConfig& config) ORB_EXCLUDES(sessionMutex, stateMutex);
+  int StopSession() ORB_EXCLUDES(sessionMutex, stateMutex);
+  int StopSessionLocked() ORB_REQUIRES(sessionMutex) ORB_EXCLUDES(stateMutex);
+  int StartSessionForLicSN(uint64_t licSN) ORB_EXCLUDES(sessionMutex);
+  int StopSessionForLicSN(uint64_t licSN) ORB_EXCLUDES(sessionMutex);
   bool validCfg(const LTCCampaignDef& def) const;
   void SetCampaignId(uint64_t campaignId) { campaignId_.store(campaignId); }
   uint64_t GetCampaignId() const { return campaignId_.load(); }
@@ -129,26 +129,34 @@ struct kiv_collector {
   void NoteQueueDepth(uint64_t depth);
 
   // --- What this client is doing (kiv_collector_dump.cpp). ---
-  // "key: value" lines, docs/operations.md. Any thread; waits for a session that
-  // starts or stops for at most a moment, and leaves out what it would say then.
+  // "key: value" lines, docs/operations.md. Any thread; waits for a session callback
+  // of the client for at most a moment, and leaves out what it would say then.
   std::string Dump() ORB_EXCLUDES(stateMutex);
 
-  // Guards session state, KPI table and the serializer's creation and end.
+  // Serializes what changes the session: starts and stops, of one owner too, and the
+  // way back to a manager that died. Held across uploads and registrations, which
+  // may take as long as others like, so nothing that logs takes it.
+  orb::Mutex sessionMutex;
+  // Guards the KPI table and what logging uses of the serializer. Each sample takes it,
+  // so it is held for moments only, the client's session callbacks and the
+  // announcement of a full slot apart.
   orb::HotMutex stateMutex;
 
  private:
   int RunRegistration();
   bool AttemptRegistration();
-  void LostConnThread() ORB_EXCLUDES(stateMutex);
+  void LostConnThread() ORB_EXCLUDES(sessionMutex, stateMutex);
 
-  int StartCustomSession(const KIVCampConfig& config) ORB_REQUIRES(stateMutex);
-  int StopCustomSession() ORB_REQUIRES(stateMutex);
-  int generateLicSn2IsvKeyMap(const std::vector<LicInfo>& list) ORB_REQUIRES(stateMutex);
-  int generateKpi2LicSNMap(const LicenseSNKPIMap& entry) ORB_REQUIRES(stateMutex);
+  int StartCustomSession(const KIVCampConfig& config) ORB_REQUIRES(sessionMutex)
+      ORB_EXCLUDES(stateMutex);
+  int StopCustomSession() ORB_REQUIRES(sessionMutex) ORB_EXCLUDES(stateMutex);
+  int generateLicSn2IsvKeyMap(const std::vector<LicInfo>& list) ORB_REQUIRES(sessionMutex);
+  int generateKpi2LicSNMap(const LicenseSNKPIMap& entry) ORB_REQUIRES(sessionMutex);
   bool ConfigureSerializer(const LTCCampaignDef& def, KPISerializer::Config* serializer)
-      ORB_REQUIRES(stateMutex);
+      ORB_REQUIRES(sessionMutex);
+  // Logging does not use it before SetCurrent().
   bool CreateSerializer(const KPISerializer::Config& config, const char* operation)
-      ORB_REQUIRES(stateMutex);
+      ORB_REQUIRES(sessionMutex);
   struct KpiState;
   std::vector<KpiState> DescribeKPIs(Books* books) ORB_REQUIRES(stateMutex);
   bool CreateKPIs(const LTCCampaignDef& def) ORB_REQUIRES(stateMutex);
@@ -158,14 +166,17 @@ struct kiv_collector {
   void ClearKPIs() ORB_REQUIRES(stateMutex);
   int CallStart(const uint8_t* payload, size_t len) ORB_REQUIRES(stateMutex);
   int CallStop() ORB_REQUIRES(stateMutex);
-  KPIFileSerializer* FilesOf(uint64_t licSN, const char* operation) ORB_REQUIRES(stateMutex);
+  KPIFileSerializer* FilesOf(uint64_t licSN, const char* operation) ORB_REQUIRES(sessionMutex);
   void LogCalled(const char* operation) const;
-  void FinalizeSerializer() ORB_REQUIRES(stateMutex);
+  // Both when logging has let go of the serializer; they wait for its last upload.
+  void FinalizeSerializer() ORB_REQUIRES(sessionMutex) ORB_EXCLUDES(stateMutex);
   // Drops what a failed start left behind: KPIs, then the serializer.
-  void DropSession() ORB_REQUIRES(stateMutex);
+  void DropSession() ORB_REQUIRES(sessionMutex) ORB_EXCLUDES(stateMutex);
   std::shared_ptr<KPISerializer> Serializer() const ORB_EXCLUDES(serializerMutex);
-  void SetSerializer(std::shared_ptr<KPISerializer> serializer) ORB_REQUIRES(stateMutex)
+  void SetSerializer(std::shared_ptr<KPISerializer> serializer) ORB_REQUIRES(sessionMutex)
       ORB_EXCLUDES(serializerMutex);
+  // From here on raw buffers go to the session's serializer.
+  void SetCurrent() ORB_REQUIRES(sessionMutex, stateMutex);
 
   // What became of one upload.
   struct Fate {
@@ -190,13 +201,13 @@ struct kiv_collector {
   std::atomic<int64_t> lastSeqno_{-1};  // Of this process; -1: none yet.
   std::map<uint32_t, std::unique_ptr<KPI>> kpis_ ORB_GUARDED_BY(stateMutex);
   KpiIndex kpiIndex_ ORB_GUARDED_BY(stateMutex);  // Of kpis_, for the hot path.
-  KPISerializer* current_ ORB_GUARDED_BY(stateMutex) =
-      nullptr;  // serializer_, read without its leaf.
+  // What raw buffers go to: serializer_ without its leaf, or null while it is made or ended.
+  KPISerializer* current_ ORB_GUARDED_BY(stateMutex) = nullptr;
 
   mutable orb::Mutex serializerMutex;
   std::shared_ptr<KPISerializer> serializer_ ORB_GUARDED_BY(serializerMutex);
 
-  // See licSnKeys(): written under stateMutex while no serializer exists.
+  // See licSnKeys(): written under sessionMutex while no serializer exists.
   LicSnKeyTable licSnKeys_;
   KpiLicSnTable kpiLicSns_;
   LicSnFlagTable licSnEncrypt_;

@@ -20,7 +20,7 @@ struct kiv_collector::KpiState {
 
 namespace {
 
-// A start or stop may take as long as its uploads: nobody waits for that.
+// A callback of the client may take as long as it likes: nobody waits for that.
 constexpr std::chrono::milliseconds kBusyWait{250};
 
 class Text {
@@ -106,7 +106,8 @@ std::vector<kiv_collector::KpiState> kiv_collector::DescribeKPIs(Books* books) {
 std::string kiv_collector::Dump() {
   Books books;
   std::vector<KpiState> kpis;
-  bool busy = true;
+  bool busy = !sessionMutex.TryLock();
+  if (!busy) sessionMutex.Unlock();
   KPISerializer::Backlog backlog;
   if (stateMutex.TryLockFor(kBusyWait)) {
     // Records are handed over under this mutex, so the books and the windows fit.
@@ -114,8 +115,8 @@ std::string kiv_collector::Dump() {
     books = ledger_.Copy();
     kpis = DescribeKPIs(&books);
     stateMutex.Unlock();
-    busy = false;
   } else {
+    busy = true;
     if (const auto serializer = Serializer()) backlog = serializer->backlog();
     books = ledger_.Copy();
   }

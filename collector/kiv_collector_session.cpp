@@ -28,7 +28,7 @@ constexpr uint32_t kCustomTimeThresholdSec = 172800;
 }  // namespace
 
 int kiv_collector::StartSession(const KIVCampConfig& config) {
-  orb::HotMutexLock lock(stateMutex);
+  orb::MutexLock session(sessionMutex);
   if (stop_.raised()) {
     // Nothing would stop it any more.
     LOGE("%s: %s: StartSession received while de-registering - ignored", "StartSession",
@@ -67,6 +67,9 @@ int kiv_collector::StartSession(const KIVCampConfig& config) {
   KPISerializer::Config serializer;
   if (!ConfigureSerializer(def, &serializer)) return -1;
   if (!CreateSerializer(serializer, "StartSession")) return -1;
+  // What takes long is done: a sample finds the session before or behind all of this.
+  orb::HotMutexLock lock(stateMutex);
+  SetCurrent();
   if (!CreateKPIs(def)) return -1;
   const std::string& payload = def.campaign_info();
   const int refusal = CallStart(reinterpret_cast<const uint8_t*>(payload.data()), payload.size());
@@ -116,6 +119,8 @@ int kiv_collector::StartCustomSession(const KIVCampConfig& config) {
     }
     if (!CreateSerializer(serializer, "StartCustomSession")) return -1;
   }
+  orb::HotMutexLock lock(stateMutex);
+  SetCurrent();
   const int refusal = CallStart(config.campaignDef.data(), config.campaignDef.size());
   if (refusal != 0) {
     LOGE("c::StartCustomSession: %s return failure %d on start_session callback", cfg_.name.c_str(),
@@ -202,7 +207,7 @@ int kiv_collector::CallStop() {
 }
 
 int kiv_collector::StopSession() {
-  orb::HotMutexLock lock(stateMutex);
+  orb::MutexLock session(sessionMutex);
   return StopSessionLocked();
 }
 
@@ -215,35 +220,45 @@ int kiv_collector::StopSessionLocked() {
   sessionActive_ = false;
   if (cfg_.custom_session_format) return StopCustomSession();
   LogCalled("StopSessionLocked");
-  const int result = CallStop();
-  for (const auto& [id, kpi] : kpis_) kpi->Serialize();
-  BookKPIs(orb::LossCause::kNoRecord);
-  ClearKPIs();
+  int result;
+  {
+    orb::HotMutexLock lock(stateMutex);
+    result = CallStop();
+    for (const auto& [id, kpi] : kpis_) kpi->Serialize();
+    BookKPIs(orb::LossCause::kNoRecord);
+    ClearKPIs();
+    current_ = nullptr;
+  }
   FinalizeSerializer();
   return result;
 }
 
 int kiv_collector::StopCustomSession() {
   LogCalled("StopCustomSession");
-  const int result = CallStop();
+  int result;
+  {
+    orb::HotMutexLock lock(stateMutex);
+    result = CallStop();
+    current_ = nullptr;
+  }
   FinalizeSerializer();
   return result;
 }
 
 int kiv_collector::StartSessionForLicSN(uint64_t licSN) {
-  orb::HotMutexLock lock(stateMutex);
+  orb::MutexLock session(sessionMutex);
   if (KPIFileSerializer* files = FilesOf(licSN, "StartSessionForLicSN")) files->EnableLicSN(licSN);
   return 0;
 }
 
 int kiv_collector::StopSessionForLicSN(uint64_t licSN) {
-  orb::HotMutexLock lock(stateMutex);
+  orb::MutexLock session(sessionMutex);
   if (KPIFileSerializer* files = FilesOf(licSN, "StopSessionForLicSN")) files->DisableLicSN(licSN);
   return 0;
 }
 
 KPIFileSerializer* kiv_collector::FilesOf(uint64_t licSN, const char* operation) {
-  const auto serializer = Serializer();  // stateMutex keeps it alive.
+  const auto serializer = Serializer();  // sessionMutex keeps it alive.
   if (cfg_.hbt || serializer == nullptr || licSnKeys_.count(licSN) == 0) {
     LOGE("%s: Either hbt enabled or kpi serializer not initialized or LicSN not found in campaign",
          operation);
@@ -282,8 +297,12 @@ void kiv_collector::FinalizeSerializer() {
 }
 
 void kiv_collector::DropSession() {
-  BookKPIs(orb::LossCause::kDropped);
-  ClearKPIs();
+  {
+    orb::HotMutexLock lock(stateMutex);
+    BookKPIs(orb::LossCause::kDropped);
+    ClearKPIs();
+    current_ = nullptr;
+  }
   // Its writer thread reads the tables, and kiv_set_cfg may hold the serializer
   // a moment longer than this: end it here.
   if (const auto serializer = Serializer()) serializer->Abandon();
@@ -296,13 +315,14 @@ std::shared_ptr<KPISerializer> kiv_collector::Serializer() const {
 }
 
 void kiv_collector::SetSerializer(std::shared_ptr<KPISerializer> serializer) {
-  current_ = serializer.get();
   {
     orb::MutexLock lock(serializerMutex);
     serializer_.swap(serializer);
   }
   // The previous one ends here, outside the leaf.
 }
+
+void kiv_collector::SetCurrent() { current_ = Serializer().get(); }
 
 void kiv_collector::LogCalled(const char* operation) const {
   LOGI("%s: %s called for token - %s", cfg_.name.c_str(), operation, link_.token().c_str());

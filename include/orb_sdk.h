@@ -11,9 +11,13 @@
  * handler. A process that forks does so before it registers: the library has
  * threads.
  *
- * The functions that log, and kiv_is_kpi_enabled, wait while a session starts or
- * stops; a stop hands the last data over. With slots, the call that fills one up
- * also waits for the receiver's answer to it.
+ * The functions that log, and kiv_is_kpi_enabled, wait for each other and while a
+ * session callback of the client runs. They wait for no registration and no upload: until
+ * a session that starts is ready, and as soon as one that stops hands its last data
+ * over, they answer as without a session. With slots, the call that fills one up also
+ * writes its number to storage (milliseconds, more on a busy disk) and waits for the
+ * receiver's answer; other calls that log wait with it. There is no limit to that while
+ * a receiver lives and is silent.
  *
  * A count or a sum that no longer fits its type ends the process by abort(). What
  * one window of a KPI bears, for values of magnitude M:

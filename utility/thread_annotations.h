@@ -41,6 +41,7 @@ class ORB_CAPABILITY("mutex") Mutex {
 
   void Lock() ORB_ACQUIRE() { mutex_.lock(); }
   void Unlock() ORB_RELEASE() { mutex_.unlock(); }
+  bool TryLock() ORB_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
 
  private:
   friend class CondVar;

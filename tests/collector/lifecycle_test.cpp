@@ -90,7 +90,7 @@ TEST_F(LifecycleTest, DeRegisterCutsTheRetryWaitShort) {
 TEST_F(LifecycleTest, DeRegisterWaitsForARegistrationUnderWay) {
   cfg_.sync_register = 0;
   std::promise<void> release;
-  client_->SetRegisterHook([&release] { release.get_future().wait(); });
+  client_->SetHook("registerClient", [&release] { release.get_future().wait(); });
   Make();
   ASSERT_EQ(collector_->Register(), 0);
   ASSERT_TRUE(client_->WaitForCalls("registerClient", 1));
@@ -101,11 +101,11 @@ TEST_F(LifecycleTest, DeRegisterWaitsForARegistrationUnderWay) {
   EXPECT_EQ(client_->Calls().back(), "deRegisterClient token-1");
 }
 
-TEST_F(LifecycleTest, DeRegisterJoinsALostConnectionThatWantsTheStateMutex) {
+TEST_F(LifecycleTest, DeRegisterJoinsALostConnectionThatWaits) {
   MakeRegistered();
   std::future<int> result;
   {
-    HotMutexLock lock(collector_->stateMutex);
+    MutexLock lock(collector_->sessionMutex);
     collector_->LostConn();
     result = DeRegisterLater();
     EXPECT_TRUE(log_.WaitFor("DeRegister: waiting for lostConnThread"));
@@ -132,17 +132,35 @@ TEST_F(LifecycleTest, LostConnectionStopsTheSessionAndRegistersAgain) {
   }
 }
 
+std::atomic<int> registering;
+
+// While nothing but a registration holds up sessions and other registrations, each finds
+// the one before it done.
 TEST_F(LifecycleTest, SurvivesAStormOfLostConnections) {
+  const KIVCampConfig campaign = MakeConfig(MakeCampaign());
   for (const uint8_t sync : {1, 0}) {
     client_ = std::make_shared<FakeAidlClient>();
     cfg_.sync_register = sync;
+    cfg_.start_session_cb = nullptr;
+    if (sync) {
+      cfg_.start_session_cb = [](kiv_collector*, const uint8_t*, uint32_t) {
+        EXPECT_EQ(registering, 0);
+        return 0;
+      };
+      client_->SetHook("registerClient", [] {
+        EXPECT_EQ(++registering, 1);
+        std::this_thread::yield();
+        --registering;
+      });
+    }
     MakeRegistered();
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
     for (int i = 0; i < 3; ++i) {
-      threads.emplace_back([this, &stop] {
+      threads.emplace_back([&] {
         while (!stop) {
           collector_->LostConn();
+          collector_->StartSession(campaign);
           collector_->Log(1, 1u);
           kiv_flush(collector_.get());
         }

@@ -1,3 +1,5 @@
+#include <future>
+
 #include "proto/kpi_data.pb.h"
 #include "tests/collector/collector_fixture.h"
 #include "tests/collector/gunzip.h"
@@ -275,6 +277,65 @@ TEST_F(SessionTest, OneLicSnStopsAndStartsAlone) {
   EXPECT_EQ(log_.Count(refused), 1u);
   EXPECT_EQ(collector_->StopSessionForLicSN(43), 0);
   ExpectError("StopSessionForLicSN" + refused);
+}
+
+// Whoever logs must not wait for what a session waits for.
+TEST_F(SessionTest, LoggingGoesOnWhileManagerOrHalTakeTheirTime) {
+  LTCCampaignDef def = MakeCampaign({MakeKpi(1, KPI_NUMERIC, COUNTER)});
+  AddLicSn(&def, 42, false, {1});
+  static const KIVCampConfig config = MakeConfig(def, {MakeLicInfo(42)});
+  using Collector = kiv_collector;
+  const struct {
+    const char* name;
+    const char* waits_for;
+    bool slots;
+    bool runs;  // The session, before.
+    void (*act)(Collector&);
+    int want;  // Of the samples meanwhile.
+  } cases[] = {
+      {"a lost manager", "registerClient", false, true, [](Collector& c) { c.LostConn(); }, -1},
+      {"a left-over file", "sendData", false, false, [](Collector& c) { c.StartSession(config); },
+       -1},
+      {"an owner's stop", "sendData", false, true, [](Collector& c) { c.StopSessionForLicSN(42); },
+       0},
+      {"an owner's start", "sendData", false, true,
+       [](Collector& c) { c.StartSessionForLicSN(42); }, 0},
+      {"the last upload", "sendData", false, true, [](Collector& c) { c.StopSession(); }, -1},
+      {"a region's start", "setupFD", true, false, [](Collector& c) { c.StartSession(config); },
+       -1},
+      {"a region's end", "UnsetFD", true, true, [](Collector& c) { c.StopSession(); }, -1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    cfg_.hbt = 0;
+    if (c.slots) UseSlots(4096, 4);
+    cfg_.start_session_cb = nullptr;
+    MakeRegistered();
+    const std::string file = data_dir_ + "radio-42.tmp";
+    if (c.runs) {
+      ASSERT_EQ(collector_->StartSession(config), 0);
+    } else {
+      ASSERT_TRUE(WriteFile(file, std::string(100, 'r')));
+    }
+    if (c.runs && !c.slots) {
+      EXPECT_EQ(collector_->LogBuf(Bytes("record"), 6), 0);
+      ASSERT_TRUE(WaitFor([&] { return ReadFileOrEmpty(file).ends_with("record"); }));
+    }
+    const size_t before = client_->Count(c.waits_for);
+    std::promise<void> release;
+    client_->SetHook(c.waits_for, [wait = release.get_future().share()] { wait.wait(); });
+    auto acting = std::async(std::launch::async, [&] { c.act(*collector_); });
+    ASSERT_TRUE(client_->WaitForCalls(c.waits_for, before + 1));
+    auto logged = std::async(std::launch::async, [&] {
+      EXPECT_EQ(collector_->IsKPIEnabled(1), c.want == 0 ? 1 : 0);
+      return collector_->Log(1, 5u);
+    });
+    EXPECT_EQ(logged.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    release.set_value();
+    EXPECT_EQ(logged.get(), c.want);
+    acting.get();
+    client_->SetHook(c.waits_for, nullptr);
+  }
 }
 
 using SessionDeathTest = SessionTest;

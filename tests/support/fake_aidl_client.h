@@ -45,10 +45,10 @@ class FakeAidlClient : public kivAIDLClient {
     MutexLock lock(mutex_);
     failures_[operation] = {nth - 1, times, result};
   }
-  // Runs inside every registerClient, with no lock held, before it answers.
-  void SetRegisterHook(std::function<void()> hook) {
+  // Runs inside every call of `operation`, with no lock held, before it answers.
+  void SetHook(const std::string& operation, std::function<void()> hook) {
     MutexLock lock(mutex_);
-    register_hook_ = std::move(hook);
+    hooks_[operation] = std::move(hook);
   }
 
   // "operation argument argument", oldest first.
@@ -75,52 +75,44 @@ class FakeAidlClient : public kivAIDLClient {
 
   int registerClient(const std::string& name, uint32_t clientType, uint32_t clientOption,
                      kiv_collector* collector) override {
-    std::function<void()> hook;
-    int result = 0;
-    {
-      MutexLock lock(mutex_);
-      result = Record("registerClient " + name + " " + std::to_string(clientType) + " " +
-                      std::to_string(clientOption));
-      hook = register_hook_;
-    }
-    if (hook) hook();
+    const int result = Call("registerClient " + name + " " + std::to_string(clientType) + " " +
+                            std::to_string(clientOption));
     if (result == 0) collector->SetIdentity(kToken, kClientId);
     return result;
   }
   int sendData(const std::string& token, const std::string& name, const uint8_t* header,
                uint32_t headerLen, const uint8_t* data, uint32_t dataLen, const uint8_t* footer,
                uint32_t footerLen) override {
-    MutexLock lock(mutex_);
-    uploads_.push_back({token, name, Bytes(header, header + headerLen), Bytes(data, data + dataLen),
-                        Bytes(footer, footer + footerLen)});
-    return Record("sendData " + name);
+    {
+      MutexLock lock(mutex_);
+      uploads_.push_back({token, name, Bytes(header, header + headerLen),
+                          Bytes(data, data + dataLen), Bytes(footer, footer + footerLen)});
+    }
+    return Call("sendData " + name);
   }
   int deRegisterClient(const std::string& token) override {
-    MutexLock lock(mutex_);
-    return Record("deRegisterClient " + token);
+    return Call("deRegisterClient " + token);
   }
   int setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
               uint32_t* fdToken) override {
+    const int result = Call("setupFD " + std::to_string(fd) + " " + std::to_string(offset) + " " +
+                            std::to_string(length) + " " + collector->Token());
     MutexLock lock(mutex_);
-    const int result = Record("setupFD " + std::to_string(fd) + " " + std::to_string(offset) + " " +
-                              std::to_string(length) + " " + collector->Token());
     if (result == 0) *fdToken = next_region_++;
     return result;
   }
   int FdWrite(const std::string& token, uint32_t fdToken, const std::string& name,
               const Bytes& header, uint32_t offset, uint32_t size, CompressType compress) override {
-    MutexLock lock(mutex_);
-    pieces_.push_back({token, fdToken, name, header, offset, size, compress});
-    return Record("FdWrite " + std::to_string(fdToken));
+    {
+      MutexLock lock(mutex_);
+      pieces_.push_back({token, fdToken, name, header, offset, size, compress});
+    }
+    return Call("FdWrite " + std::to_string(fdToken));
   }
   int UnsetFD(const std::string& token, uint32_t fdToken) override {
-    MutexLock lock(mutex_);
-    return Record("UnsetFD " + token + " " + std::to_string(fdToken));
+    return Call("UnsetFD " + token + " " + std::to_string(fdToken));
   }
-  void forgetCollector(kiv_collector*) override {
-    MutexLock lock(mutex_);
-    Record("forgetCollector ");
-  }
+  void forgetCollector(kiv_collector*) override { Call("forgetCollector "); }
 
  private:
   struct Failure {
@@ -128,10 +120,23 @@ class FakeAidlClient : public kivAIDLClient {
     int times;
     int result;
   };
-  // Notes the call and gives its result.
+  static std::string OperationOf(const std::string& call) { return call.substr(0, call.find(' ')); }
+  // Notes the call, runs its hook and gives its result.
+  int Call(const std::string& call) ORB_EXCLUDES(mutex_) {
+    int result = 0;
+    std::function<void()> hook;
+    {
+      MutexLock lock(mutex_);
+      result = Record(call);
+      const auto found = hooks_.find(OperationOf(call));
+      if (found != hooks_.end()) hook = found->second;
+    }
+    if (hook) hook();
+    return result;
+  }
   int Record(const std::string& call) ORB_REQUIRES(mutex_) {
     calls_.push_back(call);
-    const auto it = failures_.find(call.substr(0, call.find(' ')));
+    const auto it = failures_.find(OperationOf(call));
     if (it == failures_.end()) return 0;
     Failure& failure = it->second;
     if (failure.skip-- > 0) return 0;
@@ -141,7 +146,7 @@ class FakeAidlClient : public kivAIDLClient {
   mutable Mutex mutex_;
   std::vector<std::string> calls_ ORB_GUARDED_BY(mutex_);
   std::map<std::string, Failure> failures_ ORB_GUARDED_BY(mutex_);
-  std::function<void()> register_hook_ ORB_GUARDED_BY(mutex_);
+  std::map<std::string, std::function<void()>> hooks_ ORB_GUARDED_BY(mutex_);
   std::vector<Upload> uploads_ ORB_GUARDED_BY(mutex_);
   std::vector<Piece> pieces_ ORB_GUARDED_BY(mutex_);
   uint32_t next_region_ ORB_GUARDED_BY(mutex_) = kFirstRegion;
