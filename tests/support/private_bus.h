@@ -14,8 +14,9 @@ namespace orb::test {
 // Not thread-safe. Aborts when no daemon can be started at all.
 class PrivateBus {
  public:
-  // Starts the daemon and waits until it listens.
-  PrivateBus() {
+  // Starts the daemon and waits until it listens. It has the limits of a stock
+  // system bus but for those given, as elements of its configuration.
+  explicit PrivateBus(const std::string& limits = "") {
     // Everybody of this user may own and call everything; no activation.
     const std::string configuration =
         "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
@@ -24,7 +25,8 @@ class PrivateBus {
         address() +
         "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow own=\"*\"/>"
         "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
-        "</policy></busconfig>\n";
+        "</policy>" +
+        limits + "</busconfig>\n";
     if (!WriteFile(dir_.path() + "/bus.conf", configuration)) abort();
     Start();
   }

@@ -3,6 +3,7 @@
 #include "platform/linux/src/bus.h"
 
 #include <poll.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -15,12 +16,29 @@
 
 namespace orb_platform {
 
+namespace {
+
+// One rule for all peers: the bus allows a connection 512.
+constexpr char kPeersLeave[] =
+    "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+    "member='NameOwnerChanged',arg0namespace=':1'";
+
+// Half of what the process may open, so that what calls carry never uses up the
+// descriptors that answering them takes.
+size_t MostDescriptorsOfCalls() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return CallBudget::kMostDescriptorsOfOne;
+  return static_cast<size_t>(std::min<rlim_t>(limit.rlim_cur, 1 << 16)) / 2;
+}
+
+}  // namespace
+
 Bus& Bus::Get() {
   static Bus* const bus = new Bus();
   return *bus;
 }
 
-Bus::Bus() = default;
+Bus::Bus() : budget_(MostDescriptorsOfCalls()) {}
 
 bool Bus::Connect() {
   orb::MutexLock lock(mutex_);
@@ -45,6 +63,7 @@ bool Bus::ConnectLocked() {
   const char* name = nullptr;
   if (result >= 0) result = sd_bus_get_unique_name(bus, &name);
   if (result >= 0) result = sd_bus_add_filter(bus, nullptr, OnMessage, this);
+  if (result >= 0) result = sd_bus_add_match(bus, nullptr, kPeersLeave, OnOwnerChanged, this);
   if (result < 0) {
     if (bus != nullptr) sd_bus_close_unref(bus);
     return false;
@@ -92,10 +111,7 @@ void Bus::Process() {
   int result;
   while ((result = sd_bus_process(bus_, nullptr)) > 0) {
   }
-  for (const std::unique_ptr<Peer>& peer : buried_) {
-    sd_bus_slot_unref(peer->watch);
-    sd_bus_slot_unref(peer->check);
-  }
+  for (const std::unique_ptr<Peer>& peer : buried_) sd_bus_slot_unref(peer->check);
   buried_.clear();
   if (result < 0 || sd_bus_is_open(bus_) <= 0) Disconnected();
 }
@@ -108,9 +124,7 @@ void Bus::Disconnected() {
   std::map<std::string, std::unique_ptr<Peer>> peers;
   peers.swap(peers_);
   for (auto& [name, peer] : peers) {
-    sd_bus_slot_unref(peer->watch);
-    sd_bus_slot_unref(peer->check);
-    peer->watch = peer->check = nullptr;
+    peer->check = sd_bus_slot_unref(peer->check);
     Bury(std::move(peer));
   }
   buried_.clear();

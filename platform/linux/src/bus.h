@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "platform/linux/src/bus_poller.h"
+#include "platform/linux/src/call_budget.h"
 #include "platform/linux/src/caller.h"
 #include "platform/linux/src/remote_target.h"
 #include "utility/thread_annotations.h"
@@ -49,6 +50,19 @@ class BusTarget : public RemoteTarget {
   const std::string path;
 };
 
+// One entry of a parcel's object list (bus_parcel.cpp).
+struct WireObject {
+  uint32_t offset;
+  uint8_t kind;
+  std::string owner;
+  uint64_t number;
+};
+
+struct WireObjects {
+  std::vector<WireObject> wires;
+  std::vector<int> fds;  // Borrowed from the message.
+};
+
 // One incoming call; the message is only touched under the bus's mutex, but its
 // body may be read without.
 struct Incoming {
@@ -60,6 +74,8 @@ struct Incoming {
   uint32_t flags = 0;
   const void* data = nullptr;
   size_t bytes = 0;
+  WireObjects objects;
+  CallBudget::Cost cost;
 };
 
 // Thread-safe; lives until the process ends.
@@ -103,7 +119,6 @@ class Bus {
   struct Peer {
     Bus* bus;
     std::string name;
-    sd_bus_slot* watch = nullptr;
     sd_bus_slot* check = nullptr;
     std::optional<Credentials> credentials;
     std::map<uint64_t, Proxy> proxies;
@@ -156,7 +171,7 @@ class Bus {
                                              uint64_t id) ORB_EXCLUDES(mutex_);
   android::sp<android::IBinder> OwnObject(uint64_t id, const std::string& peer)
       ORB_EXCLUDES(mutex_);
-  static int OnOwnerChanged(sd_bus_message* message, void* peer, sd_bus_error*);
+  static int OnOwnerChanged(sd_bus_message* message, void* bus, sd_bus_error*);
   static int OnPeerChecked(sd_bus_message* reply, void* peer, sd_bus_error*);
   static bool ReadCredentials(sd_bus_message* reply, Credentials* out);
 
@@ -167,12 +182,15 @@ class Bus {
       ORB_REQUIRES(mutex_);
   bool AppendObject(sd_bus_message* message, const android::Parcel& parcel, size_t index,
                     uint32_t* descriptors, const std::string& peer) ORB_REQUIRES(mutex_);
-  android::status_t ReadParcel(sd_bus_message* message, const void* data, size_t bytes,
-                               const Caller& sender, android::Parcel* out) ORB_EXCLUDES(mutex_);
+  // The objects of a parcel with `bytes` of data, bounded by what these can hold.
+  static android::status_t ReadObjects(sd_bus_message* message, size_t bytes, WireObjects* out);
+  android::status_t BuildParcel(const WireObjects& objects, const void* data, size_t bytes,
+                                const Caller& sender, android::Parcel* out) ORB_EXCLUDES(mutex_);
 
   // bus_incoming.cpp: calls in.
   static int OnMessage(sd_bus_message* message, void* bus, sd_bus_error*);
   int HandleCall(sd_bus_message* message) ORB_REQUIRES(mutex_);
+  static bool ReadIncoming(sd_bus_message* message, Incoming* call);
   void QueueTransaction(sd_bus_message* message, const std::string& sender) ORB_REQUIRES(mutex_);
   void HandleLookup(sd_bus_message* message, const std::string& sender) ORB_REQUIRES(mutex_);
   void RunCall(const std::shared_ptr<Incoming>& call) ORB_EXCLUDES(mutex_);
@@ -197,7 +215,8 @@ class Bus {
   // Dropped by a worker or a returning caller: their destructors may call out.
   std::vector<android::sp<android::BBinder>> dropped_ ORB_GUARDED_BY(mutex_);
   bool drop_posted_ ORB_GUARDED_BY(mutex_) = false;  // A worker's task for it waits.
-  size_t oneway_bytes_ ORB_GUARDED_BY(mutex_) = 0;   // Queued in all of exports_.
+  CallBudget budget_ ORB_GUARDED_BY(mutex_);         // Of calls in that wait or run.
+  bool dropping_ ORB_GUARDED_BY(mutex_) = false;     // The latest call did not fit; said once.
 };
 
 }  // namespace orb_platform

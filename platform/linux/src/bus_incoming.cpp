@@ -19,8 +19,8 @@ namespace {
 
 using android::Parcel;
 
-// One-way calls that wait; a sender is not told when it is exceeded.
-constexpr size_t kMaxQueuedOnewayBytes = size_t{64} << 20;
+// What the binding and this file hold for a call besides its body.
+constexpr size_t kCallOverheadBytes = 1024;
 
 bool IdOf(const char* path, uint64_t* id) {
   constexpr size_t kPrefixBytes = sizeof kObjectPrefix - 1;
@@ -55,7 +55,10 @@ int Bus::HandleCall(sd_bus_message* message) {
   } else if (strcmp(member, "Retain") == 0) {
     if (sd_bus_message_read(message, "ts", &id, &holder) <= 0) return 1;
     const auto it = exports_.find(id);
-    if (it == exports_.end() || !MayUse(it->second, sender)) return 1;
+    if (it == exports_.end() || !MayUse(it->second, sender) || !IsUniqueName(holder)) {
+      ReplyError(message, kErrorNoObject);
+      return 1;
+    }
     EnsurePeer(holder);
     it->second.holders[holder]++;
   } else {
@@ -91,22 +94,44 @@ void Bus::HandleLookup(sd_bus_message* message, const std::string& sender) {
   sd_bus_message_unref(reply);
 }
 
+// Refuses before anything is allocated for the call; the message itself is in
+// memory already, but only one at a time is.
+bool Bus::ReadIncoming(sd_bus_message* message, Incoming* call) {
+  if (sd_bus_message_has_signature(message, "uuaya(uyst)ah") <= 0 ||
+      sd_bus_message_read(message, "uu", &call->code, &call->flags) <= 0 ||
+      sd_bus_message_read_array(message, 'y', &call->data, &call->bytes) < 0 ||
+      ExceedsLimit(call->bytes, call->oneway) ||
+      ReadObjects(message, call->bytes, &call->objects) != android::OK) {
+    return false;
+  }
+  call->cost.bytes =
+      kCallOverheadBytes + call->bytes + call->objects.wires.size() * sizeof(WireObject);
+  call->cost.descriptors = call->objects.fds.size();
+  return true;
+}
+
 void Bus::QueueTransaction(sd_bus_message* message, const std::string& sender) {
   uint64_t id = 0;
   const auto it = IdOf(sd_bus_message_get_path(message), &id) ? exports_.find(id) : exports_.end();
-  auto call = std::make_shared<Incoming>();
-  if (it == exports_.end() || !MayUse(it->second, sender) ||
-      sd_bus_message_read(message, "uu", &call->code, &call->flags) <= 0 ||
-      sd_bus_message_read_array(message, 'y', &call->data, &call->bytes) < 0) {
+  if (it == exports_.end() || !MayUse(it->second, sender)) {
     ReplyError(message, kErrorNoObject);
     return;
   }
+  auto call = std::make_shared<Incoming>();
   call->oneway = sd_bus_message_get_expect_reply(message) <= 0;
-  if (call->oneway && call->bytes > kMaxQueuedOnewayBytes - oneway_bytes_) {
-    LOGE("one-way calls of %zu bytes wait already; one of %s is dropped", oneway_bytes_,
-         sender.c_str());
+  if (!ReadIncoming(message, call.get())) {
+    ReplyError(message, SD_BUS_ERROR_INVALID_ARGS);
     return;
   }
+  if (!budget_.Take(sender, call->cost)) {
+    if (call->oneway && !std::exchange(dropping_, true)) {
+      LOGE("one-way calls of %zu bytes wait already; one of %s is dropped", budget_.held().bytes,
+           sender.c_str());
+    }
+    ReplyError(message, SD_BUS_ERROR_LIMITS_EXCEEDED);
+    return;
+  }
+  dropping_ = false;
   call->message = sd_bus_message_ref(message);
   call->caller = {connection_, sender};
   call->target = it->second.binder;
@@ -115,7 +140,6 @@ void Bus::QueueTransaction(sd_bus_message* message, const std::string& sender) {
     return;
   }
   const std::shared_ptr<OnewayQueue>& queue = it->second.oneway;
-  oneway_bytes_ += call->bytes;
   queue->calls.push_back(std::move(call));
   if (std::exchange(queue->busy, true)) return;
   WorkerPool::Get().Post([this, queue = queue] { RunOneway(queue); });
@@ -128,7 +152,6 @@ void Bus::RunOneway(const std::shared_ptr<OnewayQueue>& queue) {
     orb::MutexLock lock(mutex_);
     call = std::move(queue->calls.front());
     queue->calls.pop_front();
-    oneway_bytes_ -= call->bytes;
   }
   RunCall(call);
   bool more = false;
@@ -144,13 +167,15 @@ void Bus::RunCall(const std::shared_ptr<Incoming>& call) {
   Parcel data;
   Parcel reply;
   android::status_t status =
-      ReadParcel(call->message, call->data, call->bytes, call->caller, &data);
+      BuildParcel(call->objects, call->data, call->bytes, call->caller, &data);
   if (status == android::OK) {
     const CallerScope scope(&call->caller);
     status = call->target->transact(call->code, data, &reply, call->flags);
   }
   android::IPCThreadState::self()->setStrictModePolicy(0);
-  if (status == android::OK && ExceedsLimit(reply, 0)) status = android::FAILED_TRANSACTION;
+  if (status == android::OK && ExceedsLimit(reply, 0)) {
+    status = android::FAILED_TRANSACTION;
+  }
   if (status != android::OK) reply.freeData();
   const std::vector<uint8_t> scrubbed = Scrub(reply);
   orb::MutexLock lock(mutex_);
@@ -166,6 +191,7 @@ void Bus::RunCall(const std::shared_ptr<Incoming>& call) {
     sd_bus_message_unref(out);
   }
   sd_bus_message_unref(call->message);
+  budget_.Give(call->caller.name, call->cost);
 }
 
 }  // namespace orb_platform

@@ -1,6 +1,8 @@
 // Fixed names of the messages between processes.
 #pragma once
 
+#include <systemd/sd-bus.h>
+
 namespace orb_platform {
 
 constexpr char kInterface[] = "org.orb.Binder";
@@ -10,5 +12,11 @@ constexpr char kDaemon[] = "org.freedesktop.DBus";
 constexpr char kDaemonPath[] = "/org/freedesktop/DBus";
 constexpr char kErrorNoObject[] = "org.orb.Binder.Error.NoObject";
 constexpr char kErrorNoService[] = "org.orb.Binder.Error.NoService";
+
+// Names of this form are never given to another connection. Nothing else from a
+// peer is taken for a peer's name.
+inline bool IsUniqueName(const char* name) {
+  return name[0] == ':' && sd_bus_service_name_is_valid(name) > 0;
+}
 
 }  // namespace orb_platform

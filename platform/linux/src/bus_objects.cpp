@@ -43,7 +43,8 @@ void BusTarget::PostObituary(const sp<BpBinder>& proxy) {
   WorkerPool::Get().Post([proxy] { proxy->sendObituary(); });
 }
 
-// Asked after the watch is in place, so that a death before it shows, too.
+// The watch over all peers is older than the question, so that a death before
+// the answer shows, too.
 Bus::Peer* Bus::EnsurePeer(const std::string& name) {
   std::unique_ptr<Peer>& slot = peers_[name];
   if (slot != nullptr) return slot.get();
@@ -51,23 +52,19 @@ Bus::Peer* Bus::EnsurePeer(const std::string& name) {
   Peer* const peer = slot.get();
   peer->bus = this;
   peer->name = name;
-  const std::string rule = std::string("type='signal',sender='") + kDaemon + "',interface='" +
-                           kDaemon + "',member='NameOwnerChanged',arg0='" + name + "'";
-  sd_bus_add_match_async(bus_, &peer->watch, rule.c_str(), OnOwnerChanged, nullptr, peer);
   sd_bus_call_method_async(bus_, &peer->check, kDaemon, kDaemonPath, kDaemon,
                            "GetConnectionCredentials", OnPeerChecked, peer, "s", name.c_str());
   Rearm();
   return peer;
 }
 
-int Bus::OnOwnerChanged(sd_bus_message* message, void* peer,
+int Bus::OnOwnerChanged(sd_bus_message* message, void* bus,
                         sd_bus_error*) ORB_NO_THREAD_SAFETY_ANALYSIS {
-  auto* const watched = static_cast<Peer*>(peer);
   const char* name = nullptr;
   const char* before = nullptr;
   const char* after = nullptr;
   if (sd_bus_message_read(message, "sss", &name, &before, &after) < 0) return 0;
-  if (*after == 0 && watched->name == name) watched->bus->PeerDied(std::string(name));
+  if (*after == 0) static_cast<Bus*>(bus)->PeerDied(name);
   return 0;
 }
 

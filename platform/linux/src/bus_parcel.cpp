@@ -115,38 +115,41 @@ bool Bus::AppendParcel(sd_bus_message* message, const Parcel& parcel,
   return ok && sd_bus_message_close_container(message) >= 0;
 }
 
-// Bytes that come from a peer prove nothing: an object is what the list says it
-// is, at a place that fits, or the whole parcel is refused.
-android::status_t Bus::ReadParcel(sd_bus_message* message, const void* data, size_t bytes,
-                                  const Caller& sender, Parcel* out) {
-  struct Wire {
-    uint32_t offset;
-    uint8_t kind;
-    std::string owner;
-    uint64_t number;
-  };
-  out->setData(static_cast<const uint8_t*>(data), bytes);
-  std::vector<Wire> objects;
-  if (sd_bus_message_enter_container(message, 'a', "(uyst)") < 0) return android::BAD_TYPE;
-  Wire wire{};
+// Each object takes a flat object's place in the data, so that their number is
+// bounded by its bytes; so is that of the descriptors.
+android::status_t Bus::ReadObjects(sd_bus_message* message, size_t bytes, WireObjects* out) {
+  const size_t most = bytes / kFlatObjectBytes;
+  WireObject wire{};
   const char* owner = nullptr;
+  if (sd_bus_message_enter_container(message, 'a', "(uyst)") < 0) return android::BAD_TYPE;
   while (sd_bus_message_read(message, "(uyst)", &wire.offset, &wire.kind, &owner, &wire.number) >
          0) {
-    wire.owner = owner;
-    objects.push_back(wire);
+    const bool third = wire.kind == kThirdParty && *owner != 0;
+    if (out->wires.size() == most || (third && !IsUniqueName(owner))) return android::BAD_TYPE;
+    wire.owner = third ? owner : "";
+    out->wires.push_back(wire);
   }
   sd_bus_message_exit_container(message);
-  if (objects.empty()) return android::OK;
-  std::vector<int> fds;
   int fd = -1;
   if (sd_bus_message_enter_container(message, 'a', "h") < 0) return android::BAD_TYPE;
-  while (sd_bus_message_read(message, "h", &fd) > 0) fds.push_back(fd);
+  while (sd_bus_message_read(message, "h", &fd) > 0) {
+    if (out->fds.size() == most) return android::BAD_TYPE;
+    out->fds.push_back(fd);
+  }
+  return android::OK;
+}
 
-  for (const Wire& object : objects) {
+// Bytes that come from a peer prove nothing: an object is what the list says it
+// is, at a place that fits, or the whole parcel is refused.
+android::status_t Bus::BuildParcel(const WireObjects& objects, const void* data, size_t bytes,
+                                   const Caller& sender, Parcel* out) {
+  out->setData(static_cast<const uint8_t*>(data), bytes);
+  for (const WireObject& object : objects.wires) {
     bool placed = false;
     if (object.kind == kDescriptor) {
-      const int copy =
-          object.number < fds.size() ? fcntl(fds[object.number], F_DUPFD_CLOEXEC, 0) : -1;
+      const int copy = object.number < objects.fds.size()
+                           ? fcntl(objects.fds[object.number], F_DUPFD_CLOEXEC, 0)
+                           : -1;
       placed = copy >= 0 && ParcelAccess::AddDescriptor(out, object.offset, copy);
     } else if (object.kind == kReceivers) {
       const sp<IBinder> own = OwnObject(object.number, sender.name);
@@ -197,11 +200,16 @@ android::status_t Bus::Transact(const BusTarget& target, uint32_t code, const Pa
     const void* bytes = nullptr;
     size_t count = 0;
     if (sd_bus_message_read(answer, "i", &result) > 0 &&
-        sd_bus_message_read_array(answer, 'y', &bytes, &count) >= 0) {
+        sd_bus_message_read_array(answer, 'y', &bytes, &count) >= 0 &&
+        !ExceedsLimit(count, false)) {
       Parcel ignored;
       Parcel* const out = reply != nullptr ? reply : &ignored;
       out->freeData();
-      status = ReadParcel(answer, bytes, count, {target.connection, target.peer}, out);
+      WireObjects objects;
+      status = ReadObjects(answer, count, &objects);
+      if (status == android::OK) {
+        status = BuildParcel(objects, bytes, count, {target.connection, target.peer}, out);
+      }
       if (status == android::OK) status = result;
     }
   }

@@ -14,9 +14,11 @@ namespace orb_platform {
 constexpr size_t kMaxTransactionBytes = (size_t{1} << 20) - (size_t{8} << 10);
 constexpr size_t kMaxOnewayBytes = kMaxTransactionBytes / 2;
 
+inline bool ExceedsLimit(size_t bytes, bool oneway) {
+  return bytes > (oneway ? kMaxOnewayBytes : kMaxTransactionBytes);
+}
 inline bool ExceedsLimit(const android::Parcel& data, uint32_t flags) {
-  const bool oneway = (flags & android::IBinder::FLAG_ONEWAY) != 0;
-  return data.dataSize() > (oneway ? kMaxOnewayBytes : kMaxTransactionBytes);
+  return ExceedsLimit(data.dataSize(), (flags & android::IBinder::FLAG_ONEWAY) != 0);
 }
 
 // Thread-safe.

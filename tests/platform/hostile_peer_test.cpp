@@ -1,0 +1,239 @@
+// A member of the bus that speaks the protocol as it likes: this process keeps
+// its connection, its memory and everybody else's calls.
+#include <binder/IServiceManager.h>
+#include <binder/ProcessState.h>
+#include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/linux/src/bus_names.h"
+#include "platform/linux/src/call_budget.h"
+#include "tests/platform/test_object.h"
+#include "tests/support/private_bus.h"
+#include "tests/support/wait_for.h"
+
+namespace {
+
+using android::sp;
+using android::String16;
+using orb::test::TestObject;
+using orb_platform::CallBudget;
+using orb_platform::kInterface;
+using orb_platform::kRootPath;
+
+constexpr char kService[] = "org.orb.service.target";
+
+// A bare connection; not thread-safe.
+class RawPeer {
+ public:
+  explicit RawPeer(const orb::test::PrivateBus& bus) {
+    EXPECT_GE(sd_bus_new(&bus_), 0);
+    EXPECT_GE(sd_bus_set_address(bus_, bus.address().c_str()), 0);
+    EXPECT_GE(sd_bus_set_bus_client(bus_, 1), 0);
+    EXPECT_GE(sd_bus_start(bus_), 0);
+  }
+  RawPeer(const RawPeer&) = delete;
+  RawPeer& operator=(const RawPeer&) = delete;
+  ~RawPeer() { sd_bus_close_unref(bus_); }
+
+  // The service's id; 0 when nobody serves it.
+  uint64_t Lookup() {
+    sd_bus_message* reply = nullptr;
+    uint64_t id = 0;
+    if (sd_bus_call_method(bus_, kService, kRootPath, kInterface, "Lookup", nullptr, &reply, "s",
+                           kService) >= 0) {
+      sd_bus_message_read(reply, "t", &id);
+    }
+    sd_bus_message_unref(reply);
+    return id;
+  }
+  sd_bus_message* Call(const std::string& path, const char* member) {
+    sd_bus_message* call = nullptr;
+    sd_bus_message_new_method_call(bus_, &call, kService, path.c_str(), kInterface, member);
+    return call;
+  }
+  // A transaction's beginning: code, flags and `bytes` zeros.
+  sd_bus_message* Transaction(uint64_t id, uint32_t code, size_t bytes) {
+    sd_bus_message* const call =
+        Call(std::string(kRootPath) + "/" + std::to_string(id), "Transact");
+    sd_bus_message_append(call, "uu", code, 0u);
+    const std::vector<uint8_t> zeros(bytes);
+    sd_bus_message_append_array(call, 'y', zeros.data(), zeros.size());
+    return call;
+  }
+  // Sends and frees; "" for an answer, else the error's name.
+  std::string Ask(sd_bus_message* call) {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* reply = nullptr;
+    sd_bus_call(bus_, call, 20'000'000, &error, &reply);
+    const std::string name = error.name != nullptr ? error.name : "";
+    sd_bus_error_free(&error);
+    sd_bus_message_unref(reply);
+    sd_bus_message_unref(call);
+    return name;
+  }
+  void SendOneway(sd_bus_message* call) {
+    sd_bus_message_set_expect_reply(call, 0);
+    sd_bus_send(bus_, call, nullptr);
+    sd_bus_message_unref(call);
+  }
+
+ private:
+  sd_bus* bus_ = nullptr;
+};
+
+class HostilePeerTest : public testing::Test {
+ protected:
+  // One connection of a test stands for a client of some user.
+  HostilePeerTest() : bus_("<limit name=\"max_connections_per_user\">2000</limit>") {
+    bus_.SetEnvironment();
+  }
+  ~HostilePeerTest() override { orb::test::EndBus(&bus_); }
+  void SetUp() override {
+    ASSERT_NE(android::ProcessState::self(), nullptr);
+    android::ProcessState::self()->startThreadPool();
+    ASSERT_EQ(android::defaultServiceManager()->addService(String16("target"), target_), 0);
+  }
+
+  orb::test::PrivateBus bus_;
+  const sp<TestObject> target_{new TestObject()};
+};
+
+void AppendObjects(sd_bus_message* call, size_t count, uint8_t kind, const std::string& owner) {
+  sd_bus_message_open_container(call, 'a', "(uyst)");
+  for (size_t i = 0; i < count; i++) {
+    sd_bus_message_append(call, "(uyst)", 0u, kind, owner.c_str(), uint64_t{1});
+  }
+  sd_bus_message_close_container(call);
+  sd_bus_message_append(call, "ah", 0);
+}
+
+TEST_F(HostilePeerTest, IsAnsweredWithAnError) {
+  RawPeer peer(bus_);
+  const uint64_t id = peer.Lookup();
+  ASSERT_NE(id, 0u);
+  const auto retain = [&](const char* holder) {
+    sd_bus_message* const call = peer.Call(kRootPath, "Retain");
+    sd_bus_message_append(call, "ts", id, holder);
+    return call;
+  };
+  const auto parcel = [&](size_t bytes, size_t objects, uint8_t kind, const std::string& owner) {
+    sd_bus_message* const call = peer.Transaction(id, orb::test::kAppended, bytes);
+    AppendObjects(call, objects, kind, owner);
+    return call;
+  };
+  const struct {
+    const char* name;
+    sd_bus_message* call;
+    const char* error;
+  } kCases[] = {
+      {"a holder that ends the match rule", retain("x'"), orb_platform::kErrorNoObject},
+      {"a holder with another's name", retain(kService), orb_platform::kErrorNoObject},
+      {"an owner that is no name", parcel(24, 1, 1, "x'"), SD_BUS_ERROR_INVALID_ARGS},
+      {"an owner of a megabyte", parcel(24, 1, 1, std::string(1 << 20, ':')),
+       SD_BUS_ERROR_INVALID_ARGS},
+      {"more objects than the data has room for", parcel(24, 2, 0, ""), SD_BUS_ERROR_INVALID_ARGS},
+      {"a body of another type", peer.Transaction(id, 1, 0), SD_BUS_ERROR_INVALID_ARGS},
+      {"4 MiB", parcel(4 << 20, 0, 0, ""), SD_BUS_ERROR_INVALID_ARGS},
+      {"what fits", parcel(1 << 19, 0, 0, ""), ""},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(peer.Ask(c.call), c.error);
+    EXPECT_EQ(peer.Lookup(), id) << "the service is where it was";
+  }
+}
+
+// The bus allows a connection 512 match rules.
+TEST_F(HostilePeerTest, MoreThanTheBusHasRulesFor) {
+  std::vector<std::unique_ptr<RawPeer>> peers;
+  while (peers.size() < 600) {
+    peers.push_back(std::make_unique<RawPeer>(bus_));
+    ASSERT_NE(peers.back()->Lookup(), 0u) << peers.size();
+  }
+  peers.clear();
+  EXPECT_NE(RawPeer(bus_).Lookup(), 0u);
+}
+
+TEST_F(HostilePeerTest, FloodsOnlyItsOwnShare) {
+  RawPeer flood(bus_);
+  RawPeer other(bus_);
+  const uint64_t id = flood.Lookup();
+  ASSERT_EQ(other.Lookup(), id);
+  // The first of them waits, and so the others of the object.
+  const auto oneway = [&](uint32_t code, size_t bytes) {
+    sd_bus_message* const call = flood.Transaction(id, code, bytes);
+    AppendObjects(call, 0, 0, "");
+    flood.SendOneway(call);
+  };
+  oneway(orb::test::kBlock, 0);
+  constexpr size_t kBytes = 400 << 10;
+  for (int i = 0; i < 100; i++) oneway(orb::test::kAppend, kBytes);
+  const auto ask = [id](RawPeer* peer, uint32_t code, size_t bytes) {
+    sd_bus_message* const call = peer->Transaction(id, code, bytes);
+    AppendObjects(call, 0, 0, "");
+    return peer->Ask(call);
+  };
+  EXPECT_EQ(ask(&flood, orb::test::kEcho, kBytes), SD_BUS_ERROR_LIMITS_EXCEEDED);
+  EXPECT_EQ(ask(&other, orb::test::kCaller, kBytes), "");
+  EXPECT_EQ(ask(&other, orb::test::kUnblock, 0), "");
+  const auto appended = [this] {
+    android::Parcel data;
+    android::Parcel reply;
+    std::vector<int32_t> values;
+    target_->transact(orb::test::kAppended, data, &reply);
+    reply.readInt32Vector(&values);
+    return values.size();
+  };
+  EXPECT_TRUE(orb::test::WaitFor([&] { return ask(&flood, orb::test::kCaller, kBytes).empty(); }));
+  EXPECT_TRUE(orb::test::WaitFor([&] { return appended() > 0; }));
+  EXPECT_LE(appended(), CallBudget::kMostBytesOfOne / kBytes);
+}
+
+TEST(CallBudgetTest, KeepsToEachBound) {
+  constexpr size_t kMost = 160;  // Descriptors in all; a reserve of 20.
+  struct Step {
+    const char* sender;
+    CallBudget::Cost cost;
+    bool granted;
+  };
+  const CallBudget::Cost big{CallBudget::kMostBytesOfOne, 0};
+  const CallBudget::Cost many{0, CallBudget::kMostDescriptorsOfOne};
+  const std::vector<std::vector<Step>> kCases = {
+      {{"a", big, true}, {"a", {1, 0}, false}, {"b", {1, 0}, true}},
+      {{"a", many, true},
+       {"a", {0, 1}, false},
+       {"b", many, true},
+       {"c", {0, 13}, false},
+       {"c", {0, 12}, true},
+       {"d", {0, 8}, true},
+       {"e", {0, 9}, false}},
+      {{"a", big, true},
+       {"b", big, true},
+       {"c", big, true},
+       {"d", big, true},
+       {"e", big, true},
+       {"f", big, true},
+       {"g", big, true},
+       {"h", {CallBudget::kLittleBytes + 1, 0}, false},
+       {"h", {CallBudget::kLittleBytes, 0}, true}},
+  };
+  for (size_t i = 0; i < kCases.size(); i++) {
+    SCOPED_TRACE(i);
+    CallBudget budget(kMost);
+    for (const Step& step : kCases[i]) {
+      EXPECT_EQ(budget.Take(step.sender, step.cost), step.granted) << step.sender;
+    }
+    for (const Step& step : kCases[i]) {
+      if (step.granted) budget.Give(step.sender, step.cost);
+    }
+    EXPECT_EQ(budget.held().bytes + budget.held().descriptors, 0u);
+    EXPECT_TRUE(budget.Take("a", big));
+  }
+}
+
+}  // namespace
