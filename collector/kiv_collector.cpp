@@ -75,6 +75,7 @@ int kiv_collector::DeRegister() {
     registerThreads_.JoinAll();
     LOGI("%s: registerThread exited", "DeRegister");
   }
+  if (const auto client = link_.client()) client->serviceManager().Wake();
   {
     orb::MutexLock session(sessionMutex);
     StopSessionLocked();

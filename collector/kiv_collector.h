@@ -64,6 +64,8 @@ struct kiv_collector {
   void SetIdentity(const std::string& token, int32_t clientId) ORB_EXCLUDES(headerMutex);
   std::string Token() const { return link_.token(); }
   int32_t ClientId() const { return link_.client_id(); }
+  // True once DeRegister() has begun.
+  bool stopping() const { return stop_.raised(); }
   // Used instead of the process-wide client from the next registration on.
   void SetClientForTest(std::shared_ptr<kivAIDLClient> client);
 

@@ -149,17 +149,19 @@ typedef struct kiv_blob_segment_t {
   uint32_t len;       /**< Bytes. */
 } kiv_blob_segment_t;
 
-/** Registers a client. cfg must not be NULL. "orb_sdk.conf" is read, for all
- * clients of the process.
+/** Registers a client. cfg must not be NULL; its name and data_dir may neither. "orb_sdk.conf" is
+ * read, for all clients of the process.
  *
  * Synchronous (sync_register): blocks until the manager has answered, at most
  * register_max_retries attempts with register_retry_wait_sec after each
  * (orb_sdk.conf; 12 and 5 unless set). Otherwise returns at once and registers on
  * a thread of its own, also when there is no manager yet; after as many attempts
- * it gives up for good.
+ * it gives up for good, and its last log line says so. While the platform has no
+ * service manager, each attempt waits two seconds for it.
  *
  * @return a collector, the library's, to be given back with kiv_deregister; or
- *         NULL when a synchronous registration failed; the log says why. */
+ *         NULL when a synchronous registration failed, or name or data_dir is
+ *         NULL; the log says why. */
 KIV_API kiv_collector* kiv_register(kiv_cfg_s* cfg);
 
 /** Stops any session, tells the manager and destroys the collector, which must

@@ -28,7 +28,7 @@ namespace {
 
 constexpr char kManagerService[] = "vendor_kivsdkservice";
 
-// Null while the manager is not published; does not wait for it.
+// Null while the manager is not published; does not wait for it. The gate is open.
 sp<IBinder> CheckManager() {
   const sp<IServiceManager> services = ::android::defaultServiceManager();
   return services != nullptr ? services->checkService(String16(kManagerService)) : nullptr;
@@ -58,6 +58,8 @@ int kivAIDLClient::registerClient(const std::string& name, uint32_t clientType,
   process->startThreadPool();
   LOGI("%s - created threadpool", "registerClient");
 
+  // Before any lock is taken: it may take its whole time.
+  serviceManager_.Await([collector] { return collector->stopping(); });
   const Manager manager = EnsureManager();
   if (manager.proxy == nullptr) {
     LOGE("%s failed to init IPC", "registerClient");
@@ -129,7 +131,7 @@ void kivAIDLClient::DropUnwatched(const Manager& manager) {
 
 bool kivAIDLClient::initOrbVHandle() {
   LOGI("%s - getting new instance of orb client binder", "initOrbVHandle");
-  if (CheckManager() == nullptr) {
+  if (!serviceManager_.open() || CheckManager() == nullptr) {
     LOGE("%s - orbsdkservice service not available yet", "initOrbVHandle");
     return false;
   }

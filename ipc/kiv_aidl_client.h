@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "ipc/collector_routes.h"
+#include "ipc/service_manager_gate.h"
 #include "utility/thread_annotations.h"
 
 class IKIVCallback;
@@ -45,7 +46,6 @@ class kivAIDLClient {
  public:
   // The one instance, made on first use and never destroyed. Any thread.
   static std::shared_ptr<kivAIDLClient> getClientInstance();
-
   kivAIDLClient();
 
   // Connects when necessary and registers the collector under the token that
@@ -64,7 +64,6 @@ class kivAIDLClient {
 
   // 0, or -1; the token is forgotten unless there is no manager connection.
   virtual int deRegisterClient(const std::string& token) ORB_EXCLUDES(managerMutex_);
-
   virtual ~kivAIDLClient();
 
   // Announces a region (the descriptor is duplicated, not taken), whose
@@ -90,6 +89,9 @@ class kivAIDLClient {
 
   // Where callbacks find their collector; needs none of the client's mutexes.
   CollectorRoutes& routes() { return routes_; }
+
+  // Registrations open it; until then there is neither manager nor HAL.
+  ServiceManagerGate& serviceManager() { return serviceManager_; }
 
   // The HAL died (registered with it; the cookie is not used).
   static void serviceDied(void* cookie);
@@ -143,4 +145,5 @@ class kivAIDLClient {
   Hal hal_ ORB_GUARDED_BY(halMutex_);  // Connected by the first upload or region.
 
   CollectorRoutes routes_;
+  ServiceManagerGate serviceManager_;
 };

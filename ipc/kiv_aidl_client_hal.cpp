@@ -52,7 +52,8 @@ bool kivAIDLClient::initOrbsyshalHandle() {
   // Completions and the death notice arrive on the NDK library's own threads,
   // which in a vendor process are not those of the manager's interface.
   ABinderProcess_startThreadPool();
-  const ::ndk::SpAIBinder binder(AServiceManager_checkService(kHalService));
+  const ::ndk::SpAIBinder binder(serviceManager_.open() ? AServiceManager_checkService(kHalService)
+                                                        : nullptr);
   if (binder.get() == nullptr) {
     LOGE("[ERROR] orbsyshal service doesn't exist");
     return false;

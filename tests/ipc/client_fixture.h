@@ -42,6 +42,7 @@ class ClientTest : public ::testing::Test {
  protected:
   ClientTest() {
     Services();
+    EXPECT_TRUE(client_->serviceManager().Await([] { return false; }));
     WriteFile(dir_ + "orb_sdk.conf", "register_max_retries = 30\nregister_retry_wait_sec = 1\n");
   }
   ~ClientTest() override {

@@ -1,11 +1,13 @@
 // The client's way to the manager, connecting, registering, losing it; and the
 // manager's calls on their way to a collector.
 #include <gtest/gtest.h>
+#include <orb_platform/no_service_manager.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <future>
 #include <utility>
 
 #include "tests/ipc/client_fixture.h"
@@ -109,6 +111,31 @@ TEST_F(ManagerClientTest, AManagerThatDiesWhenItIsFoundIsNotKept) {
   Services()->all_dead = false;
   StartManager();
   EXPECT_EQ(client_->registerClient("radio", 2, 0, collector), 0);
+}
+
+// Android's libraries wait for the service manager in every look-up.
+TEST_F(ManagerClientTest, NothingWaitsForAServiceManagerThatIsAbsent) {
+  auto absent = std::make_unique<orb_platform::NoServiceManager>();
+  const auto fresh = std::make_shared<kivAIDLClient>();
+  orb::test::WriteFile(dir_ + "orb_sdk.conf",
+                       "register_max_retries=1\nregister_retry_wait_sec=-1\n");
+  kiv_collector* const gives_up = NewCollector("radio");
+  gives_up->SetClientForTest(fresh);
+  EXPECT_EQ(gives_up->Register(), -1) << "attempts are counted";
+  EXPECT_TRUE(Logged("initOrbVHandle - orbsdkservice service not available yet"));
+
+  orb::test::WriteFile(dir_ + "orb_sdk.conf", "register_max_retries=1000\n");
+  log_.Clear();
+  kiv_collector* const waits = NewCollector("radio");
+  waits->SetClientForTest(fresh);
+  auto registered = std::async(std::launch::async, [&] { return waits->Register(); });
+  EXPECT_TRUE(log_.WaitFor("created threadpool"));
+  EXPECT_EQ(kiv_set_fd(waits, 0, 0, 64, nullptr), nullptr);
+  EXPECT_EQ(waits->DeRegister(), -1);
+  EXPECT_EQ(registered.get(), -1);
+
+  absent.reset();
+  EXPECT_TRUE(fresh->serviceManager().Await([] { return false; }));
 }
 
 // The answer of a manager that has died since is void: nothing would tell the

@@ -2,6 +2,7 @@
 #include "platform/linux/src/service_managers.h"
 
 #include <binder/Status.h>
+#include <orb_platform/no_service_manager.h>
 #include <utils/String8.h>
 
 #include <chrono>
@@ -72,6 +73,8 @@ class BusServiceManager : public IServiceManager {
 
 struct Managers {
   orb::Mutex mutex;
+  orb::CondVar present;
+  bool absent ORB_GUARDED_BY(mutex) = false;
   sp<IServiceManager> chosen ORB_GUARDED_BY(mutex);
   const sp<IServiceManager> bus{new BusServiceManager()};
 };
@@ -87,6 +90,17 @@ bool HasExplicitServiceManager() {
   Managers& managers = TheManagers();
   orb::MutexLock lock(managers.mutex);
   return managers.chosen != nullptr;
+}
+
+NoServiceManager::NoServiceManager() {
+  orb::MutexLock lock(TheManagers().mutex);
+  TheManagers().absent = true;
+}
+
+NoServiceManager::~NoServiceManager() {
+  orb::MutexLock lock(TheManagers().mutex);
+  TheManagers().absent = false;
+  TheManagers().present.NotifyAll();
 }
 
 bool IsServiceName(const std::string& name) {
@@ -153,6 +167,7 @@ namespace android {
 sp<IServiceManager> defaultServiceManager() {
   orb_platform::Managers& managers = orb_platform::TheManagers();
   orb::MutexLock lock(managers.mutex);
+  while (managers.absent) managers.present.Wait(managers.mutex);
   return managers.chosen != nullptr ? managers.chosen : managers.bus;
 }
 

@@ -1,0 +1,45 @@
+// Whether the platform's service manager has answered this process.
+//
+// The platform's first look-up waits for a service manager without end, and
+// nothing can interrupt it. So a thread of the gate makes the first one; other
+// threads look services up only once the gate is open, when a look-up answers
+// at once, and wait for that no longer than they want.
+//
+// Thread-safe. Its mutex is a leaf.
+// Tested by tests/ipc/manager_client_test.cpp.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+
+#include "utility/thread_annotations.h"
+
+class ServiceManagerGate {
+ public:
+  ServiceManagerGate();
+
+  // Never waits. Once true, it stays so.
+  bool open() const { return state_->open.load(); }
+  // Waits until the gate is open, for kWaitMs, or until `give_up` is true; whoever
+  // makes it true calls Wake(). Starts the thread if none asks. What open() gives.
+  bool Await(const std::function<bool()>& give_up);
+  void Wake();
+
+  // One attempt's patience. An answer takes milliseconds unless there is no
+  // service manager or the processors are overloaded.
+  static constexpr int kWaitMs = 2000;
+
+ private:
+  // Shared with the thread, which nothing joins: it ends when the platform's
+  // look-up does, perhaps never, and touches nothing else of this library.
+  struct State {
+    orb::Mutex mutex;
+    orb::CondVar changed;
+    bool asking ORB_GUARDED_BY(mutex) = false;
+    std::atomic<bool> open{false};  // Set under mutex, so that no waiter misses it.
+  };
+  static bool StartAsking(const std::shared_ptr<State>& state) ORB_REQUIRES(state->mutex);
+
+  const std::shared_ptr<State> state_;
+};
