@@ -33,6 +33,10 @@ extern "C" {
 
 kiv_collector* kiv_register(kiv_cfg_s* cfg) {
   LOGI("orb_register: custom_session_format %d", static_cast<int>(cfg->custom_session_format));
+  if (cfg->name == nullptr || cfg->data_dir == nullptr) {
+    LOGE("orb_register: %s is null", cfg->name == nullptr ? "name" : "data_dir");
+    return nullptr;
+  }
   auto* c = new kiv_collector(cfg);
   if (c->Register() == 0) return c;
   LOGE("%s: registration failed %d", c->name().c_str(), -1);

@@ -2,8 +2,10 @@
 // Tested by tests/collector/lifecycle_test.cpp.
 #include "collector/kiv_collector.h"
 
+#include <algorithm>
 #include <utility>
 
+#include "collector/clock.h"
 #include "collector/conf.h"
 #include "ipc/kiv_aidl_client.h"
 #include "kpi/kpi.h"
@@ -39,7 +41,9 @@ int kiv_collector::Register() {
 int kiv_collector::RunRegistration() {
   const Conf& conf = Conf::Get();
   const int32_t wait_sec = conf.register_retry_wait_sec;
-  for (int32_t attempts = conf.register_max_retries; attempts >= 1; --attempts) {
+  const int32_t max_attempts = std::max(conf.register_max_retries, 0);
+  const uint64_t start_ms = veskstats_uptime_ms();
+  for (int32_t attempts = max_attempts; attempts >= 1; --attempts) {
     if (stop_.raised()) return -1;
     if (AttemptRegistration()) {
       LOGI("%s: MGR registration succeeded", cfg_.name.c_str());
@@ -53,6 +57,12 @@ int kiv_collector::RunRegistration() {
     }
     if (wait_sec >= 1) stop_.WaitFor(wait_sec);
   }
+  if (stop_.raised()) return -1;
+  LOGE(
+      "%s: MGR registration given up after %d attempts in %llu seconds - start the manager, then "
+      "restart this client or have it register anew",
+      cfg_.name.c_str(), max_attempts,
+      static_cast<unsigned long long>((veskstats_uptime_ms() - start_ms) / 1000));
   return -1;
 }
 
@@ -65,6 +75,7 @@ bool kiv_collector::AttemptRegistration() {
 int kiv_collector::DeRegister() {
   // No mutex is held while joining: the threads take them.
   stop_.Raise();
+  if (const auto client = link_.client()) client->serviceManager().Wake();
   if (lostConnThreads_.any()) {
     LOGI("%s: waiting for lostConnThread", "DeRegister");
     lostConnThreads_.JoinAll();
@@ -75,7 +86,6 @@ int kiv_collector::DeRegister() {
     registerThreads_.JoinAll();
     LOGI("%s: registerThread exited", "DeRegister");
   }
-  if (const auto client = link_.client()) client->serviceManager().Wake();
   {
     orb::MutexLock session(sessionMutex);
     StopSessionLocked();

@@ -53,6 +53,12 @@ TEST_F(LifecycleTest, RetriesUntilItGivesUp) {
     EXPECT_EQ(log_.Count(failed), c.want_failed);
     EXPECT_EQ(log_.Count("radio: Resetting client ptr"), c.want_calls - (c.want == 0 ? 1 : 0));
     EXPECT_EQ(log_.Count("radio: MGR registration succeeded"), c.want == 0 ? 1u : 0u);
+    const std::string last = log_.Lines().back().text;
+    EXPECT_EQ(last.rfind("radio: MGR registration given up after " + std::to_string(c.want_failed) +
+                             " attempts in 0 seconds - ",
+                         0) == 0,
+              c.want != 0)
+        << last;
     EXPECT_EQ(collector_->Token(), c.want == 0 ? "token-1" : "");
     EXPECT_EQ(collector_->ClientId(), c.want == 0 ? 7 : 0);
     if (c.want_calls > 0) {
@@ -80,6 +86,7 @@ TEST_F(LifecycleTest, DeRegisterCutsTheRetryWaitShort) {
     ASSERT_TRUE(log_.WaitFor("waiting for 3600 seconds"));
     auto result = DeRegisterLater();
     EXPECT_EQ(Get(result), -1) << "there is no connection";
+    EXPECT_FALSE(log_.Contains("given up"));
     const std::string thread = lost ? "lostConnThread" : "registerThread";
     ExpectInfo("DeRegister: waiting for " + thread);
     ExpectInfo("DeRegister: " + thread + " exited");
@@ -175,6 +182,21 @@ TEST_F(LifecycleTest, SurvivesAStormOfLostConnections) {
     for (std::thread& thread : threads) thread.join();
     collector_->DeRegister();
     EXPECT_EQ(client_->Count("registerClient"), attempts) << "nothing starts once stopping";
+  }
+}
+
+TEST_F(LifecycleTest, ARecordWithoutNameOrDirectoryIsRefused) {
+  for (const std::string missing : {"name", "data_dir"}) {
+    log_.Clear();
+    kiv_cfg_s record = cfg_;
+    if (missing == "name") {
+      record.name = nullptr;
+    } else {
+      record.data_dir = nullptr;
+    }
+    EXPECT_EQ(kiv_register(&record), nullptr);
+    ASSERT_EQ(log_.Lines().size(), 2u) << log_.Dump();
+    ExpectError("orb_register: " + missing + " is null");
   }
 }
 
