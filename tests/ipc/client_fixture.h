@@ -40,6 +40,8 @@ class MortalServices : public orb_platform::LocalServiceManager {
 
 class ClientTest : public ::testing::Test {
  protected:
+  static constexpr char kManagerService[] = "vendor_kivsdkservice";
+
   ClientTest() {
     Services();
     EXPECT_TRUE(client_->serviceManager().Await([] { return false; }));
@@ -74,13 +76,13 @@ class ClientTest : public ::testing::Test {
   // A collector that is not registered yet. The fixture destroys it, unless
   // Deregister did.
   kiv_collector* NewCollector(const std::string& name) {
-    const kiv_cfg_s record = Record(name);
+    const kiv_cfg_s record = Record(name.c_str());
     return collectors_.emplace_back(new kiv_collector(&record));
   }
   // As a client program does it: waits for the manager. Null on failure. With
   // `files`, its sessions follow a campaign and store and upload files.
   kiv_collector* Register(const std::string& name, bool files = false) {
-    kiv_cfg_s record = Record(name);
+    kiv_cfg_s record = Record(name.c_str());
     record.hbt = record.custom_session_format = files ? 0 : 1;
     kiv_collector* const collector = kiv_register(&record);
     if (collector != nullptr) collectors_.push_back(collector);
@@ -90,6 +92,18 @@ class ClientTest : public ::testing::Test {
   int Deregister(kiv_collector* collector) {
     std::erase(collectors_, collector);
     return kiv_deregister(collector);
+  }
+
+  kiv_cfg_s Record(const char* name) const {
+    kiv_cfg_s record = {};
+    record.name = name;  // Borrowed.
+    record.registration_arg1 = 2;
+    record.registration_arg2 = 0x107;
+    record.data_dir = dir_.c_str();
+    record.hbt = 1;
+    record.custom_session_format = 1;
+    record.sync_register = 1;
+    return record;
   }
 
   // "I text" of every line of the library since the last call or log_.Clear().
@@ -122,20 +136,6 @@ class ClientTest : public ::testing::Test {
   const std::shared_ptr<kivAIDLClient> client_ = kivAIDLClient::getClientInstance();
 
  private:
-  static constexpr char kManagerService[] = "vendor_kivsdkservice";
-
-  kiv_cfg_s Record(const std::string& name) const {
-    kiv_cfg_s record = {};
-    record.name = name.c_str();
-    record.registration_arg1 = 2;
-    record.registration_arg2 = 0x107;
-    record.data_dir = dir_.c_str();
-    record.hbt = 1;
-    record.custom_session_format = 1;
-    record.sync_register = 1;
-    return record;
-  }
-
   LogCapture all_;  // Never cleared.
   std::vector<kiv_collector*> collectors_;
 };

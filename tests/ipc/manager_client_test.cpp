@@ -6,11 +6,14 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <future>
+#include <thread>
 #include <utility>
 
 #include "tests/ipc/client_fixture.h"
+#include "tests/support/wait_for.h"
 #include "utility/unique_fd.h"
 
 using android::String16;
@@ -161,6 +164,38 @@ TEST_F(ManagerClientTest, ADeathInsideARegistrationIsNotLost) {
   });
   EXPECT_EQ(client_->deRegisterClient("token-2"), 0);
   EXPECT_TRUE(client_->routes().Find("token-2"));
+}
+
+TEST_F(ManagerClientTest, NoCollectorIsLostWhereverTheManagerDies) {
+  orb::test::WriteFile(dir_ + "orb_sdk.conf",
+                       "register_max_retries=1000000\nregister_retry_wait_sec=-1\n");
+  StartManager();
+  std::vector<kiv_collector*> stay;
+  for (const char* name : {"a", "b", "c"}) stay.push_back(Register(name));
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> come_and_go;
+  for (int i = 0; i < 2; ++i) {
+    come_and_go.emplace_back([&] {
+      while (!stop) {
+        kiv_cfg_s record = Record("guest");
+        kiv_deregister(kiv_register(&record));
+      }
+    });
+  }
+  for (int round = 0; round < 20; ++round) {
+    const size_t before = log_.Count("MGR registration succeeded");
+    Services()->Kill(kManagerService);
+    StartManager();
+    EXPECT_TRUE(log_.WaitFor("MGR registration succeeded", before + 1));
+  }
+  stop = true;
+  for (std::thread& thread : come_and_go) thread.join();
+  for (kiv_collector* const collector : stay) {
+    EXPECT_TRUE(orb::test::WaitFor([&] {
+      const auto found = client_->routes().Find(collector->Token());
+      return found && found.operator->() == collector;
+    })) << collector->name();
+  }
 }
 
 TEST_F(ManagerClientTest, CallsOfTheManagerInsideOurCallsDoNotBlock) {
