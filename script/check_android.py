@@ -5,7 +5,7 @@ fields do not stand in the order that ipc/ gives them on the wire; a frozen inte
 that was edited; a manifest of another interface; lines of the first boot's log that
 the library does not write. Or when the sources lack what only a device would miss:
 marks and flags of a stable interface, names that do not clash with the platform's,
-the one width they build for.
+the one width they build for, no lock while a service manager is waited for.
 """
 import glob
 import hashlib
@@ -171,6 +171,40 @@ def check_width(modules):
         faults.append(f'{page}: does not say compile_multilib: "64"')
 
 
+def check_lookups():
+    """A look-up waits for a service manager, for ever if need be, so nobody may hold a
+    lock then; but what comes after a function's look at the gate finds one at once, and
+    what a thread is started for holds no lock of whoever starts it."""
+    bodies = {}
+    for path, text in sources("ipc").items():
+        text = re.sub(r"^namespace.*", "", text, flags=re.M)
+        for head, body in re.findall(r"^(\S[^;{}]*)\{\n(.*?)^\}", text, re.S | re.M):
+            name = re.search(r"([\w~]+)\(", head)
+            if name:
+                body = re.sub(r"\bstd::thread\(\[.*?\n( *)\}\)", "", body, flags=re.S)
+                body = re.split(r"\bserviceManager_\.open\(\)", body)[0]
+                bodies.setdefault(name[1], []).append((path, body))
+    waiting = {"defaultServiceManager", "AServiceManager_checkService",
+               "AServiceManager_getService", "AServiceManager_waitForService", "Await"}
+    while True:
+        calls = rf"\b(?:{'|'.join(sorted(waiting))})\("
+        found = {name for name, parts in bodies.items()
+                 if any(re.search(calls, body) for _, body in parts)} - waiting
+        if not found:
+            break
+        waiting |= found
+    for name, parts in bodies.items():
+        for path, body in parts:
+            depth, locks = 0, []
+            for token in re.findall(rf"[{{}}]|\bMutexLock\b|{calls}", body):
+                depth += {"{": 1, "}": -1}.get(token, 0)
+                locks = [at for at in locks if at <= depth]
+                if token == "MutexLock":
+                    locks.append(depth)
+                elif token not in "{}" and locks:
+                    faults.append(f"{path}: {name} looks services up under a lock: {token[:-1]}")
+
+
 def merged(modules, module, key):
     """The values of a property, with those of the module's defaults."""
     values = listed(module.get(key, []))
@@ -292,6 +326,7 @@ def main():
         check_stability(modules)
         check_names()
         check_width(modules)
+        check_lookups()
     except ValueError as problem:
         faults.append(str(problem))
     check_frozen()
