@@ -46,10 +46,14 @@ struct LoadCount {
 inline constexpr int kLoadPhases = 2;
 inline constexpr uint64_t kFirstCampaign = 5;  // Of phase 0; the next one is of phase 1.
 
+// Of one client.
 struct LoadCounts {
   LoadCount kpis[kLoadPhases][kLoadKpiCount];
   LoadCount earlier[kLoadKpiCount];  // Of both phases, before the client's last registration.
   std::atomic<uint64_t> lives;       // Processes that have logged.
 };
+
+// A process may have two clients, one with files and one with slots.
+inline constexpr size_t kLoadClientsMax = 2;
 
 }  // namespace orb::test

@@ -1,8 +1,8 @@
-// A client under load, driven by tests/faults/world.cpp: one command a line on
+// Clients under load, driven by tests/faults/world.cpp: one command a line on
 // standard input, one answer a line on what was standard output (gauges print
 // there, so that is sent elsewhere).
 //
-//   usage: load_client NAME DIR/ COUNTS [slots] [sync]
+//   usage: load_client COUNTS (NAME DIR/ files|slots sync|async)...
 //          load_client --descriptors      exits with the number above standard error
 //
 //   load | calm      -> ok; eight threads log, or no longer
@@ -11,8 +11,8 @@
 //   forks off        -> programs run, and how many were handed a descriptor
 //   rounds N         -> rounds of registration that failed, bytes of heap that stayed
 //   state            -> how many threads and descriptors there are
-//   enabled          -> 1 while the campaign is there
-//   end              -> result of the de-registration
+//   enabled          -> 1 while each client has its campaign
+//   end              -> 0 when each de-registration gave that
 //   exit             no answer: exit(0) with all threads alive
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -25,6 +25,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -76,7 +77,8 @@ int DescriptorsAboveStandardError() {
 
 LoadCounts* MapCounts(const char* path) {
   const int fd = open(path, O_RDWR | O_CLOEXEC);
-  void* mapped = mmap(nullptr, sizeof(LoadCounts), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  void* mapped = mmap(nullptr, kLoadClientsMax * sizeof(LoadCounts), PROT_READ | PROT_WRITE,
+                      MAP_SHARED, fd, 0);
   if (mapped == MAP_FAILED) exit(2);
   close(fd);
   return static_cast<LoadCounts*>(mapped);
@@ -117,39 +119,51 @@ class Forker {
   int failed_ = 0;
 };
 
-class LoadClient {
+// One registered client, and its counts.
+class Client {
  public:
-  LoadClient(int argc, char** argv) : name_(argv[1]), dir_(argv[2]), counts_(MapCounts(argv[3])) {
-    for (int i = 4; i < argc; ++i) {
-      slots_ = slots_ || strcmp(argv[i], "slots") == 0;
-      sync_ = sync_ || strcmp(argv[i], "sync") == 0;
-    }
-    life_ = ++counts_->lives;
-  }
+  Client(char** argv, LoadCounts* counts)
+      : name_(argv[0]),
+        dir_(argv[1]),
+        slots_(strcmp(argv[2], "slots") == 0),
+        sync_(strcmp(argv[3], "sync") == 0),
+        counts_(counts),
+        life_(++counts->lives) {}
 
   // Once to an end and back, so that what the library keeps for ever is there.
   bool Begin() {
-    if (!Round()) return false;
+    kiv_collector* c = Register(true);
+    if (c == nullptr || kiv_deregister(c) != 0) return false;
     Open(sync_);
     return collector_ != nullptr;
   }
+  void SetPhase(int phase) { phase_ = phase; }
+  bool Enabled() const { return kiv_is_kpi_enabled(collector_, kLoadKpis[0].id) == 1; }
+  int End() { return kiv_deregister(collector_); }
 
-  std::string Run(const std::string& line) {
-    std::istringstream in(line);
-    std::string verb;
-    std::string argument;
-    in >> verb >> argument;
-    if (verb == "load") return Load();
-    if (verb == "calm") return Calm();
-    if (verb == "phase") return Calm() + (phase_ = std::stoi(argument), "");
-    if (verb == "state") return State();
-    if (verb == "enabled") return std::to_string(kiv_is_kpi_enabled(collector_, kLoadKpis[0].id));
-    if (verb == "rounds") return Rounds(std::stoi(argument));
-    if (verb == "end") return Calm(), std::to_string(kiv_deregister(collector_));
-    if (verb == "forks" && argument == "on") return forker_.Start(), "ok";
-    if (verb == "forks") return forker_.Stop();
-    if (verb == "exit") exit(0);
-    return "unknown command " + verb;
+  // Some end before they are registered, some before the campaign is back, some
+  // within it.
+  std::string Rounds(int count) {
+    int failed = End() == 0 ? 0 : 1;
+    size_t before = 0;
+    for (uint32_t i = 0; i < static_cast<uint32_t>(count); ++i) {
+      const bool sync = i % 3 != 0;
+      kiv_collector* c = Register(sync);
+      for (int wait = 0; i % 3 == 2 && wait < 1000 && kiv_is_kpi_enabled(c, 1) != 1; ++wait) {
+        std::this_thread::sleep_for(kPause);
+      }
+      LogNumbers(c, i);
+      if (kiv_deregister(c) != 0 && sync) ++failed;
+      if (i == 2) before = mallinfo2().uordblks;  // One of each kind.
+    }
+    const auto grown = static_cast<int64_t>(mallinfo2().uordblks - before);
+    Open(true);
+    return std::to_string(failed) + " " + std::to_string(grown);
+  }
+
+  void Log(int thread, uint32_t burst) {
+    LogNumbers(collector_, burst);
+    if (burst % kBlobEvery == 0) LogBlob(thread);
   }
 
  private:
@@ -177,56 +191,6 @@ class LoadClient {
       }
     }
     collector_ = Register(sync);
-  }
-
-  bool Round() const {
-    kiv_collector* c = Register(true);
-    return c != nullptr && kiv_deregister(c) == 0;
-  }
-
-  // Some end before they are registered, some before the campaign is back, some
-  // within it.
-  std::string Rounds(int count) {
-    Calm();
-    int failed = kiv_deregister(collector_) == 0 ? 0 : 1;
-    size_t before = 0;
-    for (uint32_t i = 0; i < static_cast<uint32_t>(count); ++i) {
-      const bool sync = i % 3 != 0;
-      kiv_collector* c = Register(sync);
-      for (int wait = 0; i % 3 == 2 && wait < 1000 && kiv_is_kpi_enabled(c, 1) != 1; ++wait) {
-        std::this_thread::sleep_for(kPause);
-      }
-      LogNumbers(c, i);
-      if (kiv_deregister(c) != 0 && sync) ++failed;
-      if (i == 2) before = mallinfo2().uordblks;  // One of each kind.
-    }
-    const auto grown = static_cast<int64_t>(mallinfo2().uordblks - before);
-    Open(true);
-    Load();
-    return std::to_string(failed) + " " + std::to_string(grown);
-  }
-
-  std::string Load() {
-    if (running_) return "ok";
-    running_ = true;
-    for (int i = 0; i < kLoadThreads; ++i) {
-      threads_.emplace_back([this, i] { LogForever(i); });
-    }
-    return "ok";
-  }
-  std::string Calm() {
-    running_ = false;
-    for (std::thread& thread : threads_) thread.join();
-    threads_.clear();
-    return "ok";
-  }
-
-  void LogForever(int thread) {
-    for (uint32_t burst = 0; running_; ++burst) {
-      LogNumbers(collector_, burst);
-      if (burst % kBlobEvery == 0) LogBlob(thread);
-      std::this_thread::sleep_for(kPause);
-    }
   }
 
   void LogNumbers(kiv_collector* c, uint32_t burst) {
@@ -257,14 +221,90 @@ class LoadClient {
 
   const std::string name_;
   const std::string dir_;
+  const bool slots_;
+  const bool sync_;
   LoadCounts* const counts_;
-  bool slots_ = false;
-  bool sync_ = false;
-  uint64_t life_ = 0;
+  const uint64_t life_;
   int phase_ = 0;
   kiv_collector* collector_ = nullptr;
-  std::atomic<bool> running_{false};
   std::atomic<uint64_t> blobs_{0};
+};
+
+class LoadProcess {
+ public:
+  LoadProcess(int argc, char** argv) {
+    LoadCounts* counts = MapCounts(argv[1]);
+    for (int i = 2; i + 3 < argc; i += 4) clients_.emplace_back(argv + i, counts++);
+  }
+
+  bool Begin() {
+    return std::all_of(clients_.begin(), clients_.end(), [](Client& c) { return c.Begin(); });
+  }
+
+  std::string Run(const std::string& line) {
+    std::istringstream in(line);
+    std::string verb;
+    std::string argument;
+    in >> verb >> argument;
+    if (verb == "load") return Load();
+    if (verb == "calm") return Calm();
+    if (verb == "phase") return SetPhase(std::stoi(argument));
+    if (verb == "state") return State();
+    if (verb == "enabled") return Enabled() ? "1" : "0";
+    if (verb == "rounds") return Rounds(std::stoi(argument));
+    if (verb == "end") return End();
+    if (verb == "forks" && argument == "on") return forker_.Start(), "ok";
+    if (verb == "forks") return forker_.Stop();
+    if (verb == "exit") exit(0);
+    return "unknown command " + verb;
+  }
+
+ private:
+  std::string SetPhase(int phase) {
+    Calm();
+    for (Client& client : clients_) client.SetPhase(phase);
+    return "ok";
+  }
+  bool Enabled() {
+    return std::all_of(clients_.begin(), clients_.end(), [](Client& c) { return c.Enabled(); });
+  }
+  std::string Rounds(int count) {
+    Calm();
+    const std::string answer = clients_.front().Rounds(count);
+    Load();
+    return answer;
+  }
+  std::string End() {
+    Calm();
+    int result = 0;
+    for (Client& client : clients_) result |= client.End();
+    return std::to_string(result);
+  }
+
+  // Each thread logs to one client: one that waits must not keep the others quiet.
+  std::string Load() {
+    if (running_) return "ok";
+    running_ = true;
+    for (int i = 0; i < kLoadThreads; ++i) {
+      threads_.emplace_back([this, i] { LogForever(i, clients_[i % clients_.size()]); });
+    }
+    return "ok";
+  }
+  std::string Calm() {
+    running_ = false;
+    for (std::thread& thread : threads_) thread.join();
+    threads_.clear();
+    return "ok";
+  }
+  void LogForever(int thread, Client& client) {
+    for (uint32_t burst = 0; running_; ++burst) {
+      client.Log(thread, burst);
+      std::this_thread::sleep_for(kPause);
+    }
+  }
+
+  std::deque<Client> clients_;
+  std::atomic<bool> running_{false};
   std::vector<std::thread> threads_;
   Forker forker_;
 };
@@ -274,7 +314,7 @@ class LoadClient {
 
 int main(int argc, char** argv) {
   if (argc == 2) return orb::test::DescriptorsAboveStandardError();
-  if (argc < 4) return 2;
+  if (argc < 6) return 2;
   // What this program was handed itself is nobody's leak.
   close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
   const int answers = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
@@ -284,10 +324,10 @@ int main(int argc, char** argv) {
     return write(answers, line.data(), line.size()) == static_cast<ssize_t>(line.size());
   };
   // Never destroyed: exit() leaves its threads running. Static, so that it is no leak.
-  static auto* const client = new orb::test::LoadClient(argc, argv);
-  if (!answer(client->Begin() ? "ready" : "failed")) return 2;
+  static auto* const clients = new orb::test::LoadProcess(argc, argv);
+  if (!answer(clients->Begin() ? "ready" : "failed")) return 2;
   for (std::string line; std::getline(std::cin, line);) {
-    if (!answer(client->Run(line))) return 2;
+    if (!answer(clients->Run(line))) return 2;
   }
   return 0;
 }

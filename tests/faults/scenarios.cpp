@@ -42,6 +42,22 @@ void KillBoth(World& world) {
   RecoverMostly(world);
 }
 
+// One or both, and what comes back first is chance.
+void KillEither(World& world) {
+  const bool manager = world.Random(3) != 0;
+  const bool hal = !manager || world.Random(2) == 0;
+  if (manager) world.KillManager();
+  world.Pause(100);
+  if (hal) world.KillHal(SIGKILL);
+  world.Pause(300);
+  const bool hal_first = world.Random(2) == 0;
+  if (hal && hal_first) world.StartHal();
+  if (manager) world.StartManager();
+  if (hal && !hal_first) world.StartHal();
+  world.ExpectProgress();
+  RecoverMostly(world);
+}
+
 // The clean end of the service, as for an update.
 void RestartHal(World& world) {
   world.KillHal(SIGTERM);
@@ -246,6 +262,9 @@ const std::vector<Scenario>& Scenarios() {
        RestartHalBetweenSessions, kSlots},
       {"slots-hal-kill", "slots; the HAL is killed, and with it clients that wait for it",
        KillHalWithSlots, kSlots | kHalUnheard | kClientDies},
+      {"pair-either-kill",
+       "a client with files and one with slots; manager, HAL or both are killed", KillEither,
+       kPair | kHalUnheard},
   };
   return all;
 }

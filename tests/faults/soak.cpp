@@ -2,8 +2,9 @@
 //
 // Runs the scenarios, all of them unless some are named, one after the other,
 // each for so many seconds. Exit 1 when one failed; what it left is copied to
-// soak-SCENARIO in the working directory. Scenarios with a full disk take this
-// process into a mount namespace of its own; exit 77 when none could run here.
+// soak-SCENARIO in the working directory, or soak-SCENARIO.2 and so on where that
+// exists already, so that any number of runs may be under way at once. Scenarios with a full disk
+// take this process into a mount namespace of its own; exit 77 when none could run here.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -59,9 +60,7 @@ bool RunOne(const Scenario& scenario, const Options& options) {
   printf("%s: %s\n", world.Summary().c_str(), world.failures().empty() ? "ok" : "FAILED");
   for (const std::string& failure : world.failures()) printf("  %s\n", failure.c_str());
   if (!world.failures().empty()) {
-    const std::string folder = std::string("soak-") + scenario.name;
-    world.Keep(folder);
-    printf("  logs and files are in %s\n", folder.c_str());
+    printf("  logs and files are in %s\n", world.Keep().c_str());
   }
   fflush(stdout);
   return world.failures().empty();

@@ -36,6 +36,10 @@ class Checker {
     // The first ones tell enough.
     if (report.failures.size() < 20) report.failures.push_back(what);
   }
+  // Its folders are /up/ID/NAME.SUFFIX.
+  bool IsOurs(const std::string& file) const {
+    return file.find('/' + remains_.client + '.') != std::string::npos;
+  }
   bool Owns(uint64_t owner, const LoadKpi& kpi) const {
     return owner == kFirstOwner || (kpi.second_owner && !rules_.Is(kSlots));
   }
@@ -58,7 +62,7 @@ class Checker {
 void Checker::Numbers() {
   std::set<uint64_t> stored;
   for (const std::string& name : ListFiles(remains_.spool)) {
-    if (!name.ends_with(".orb")) continue;
+    if (!name.ends_with(".orb") || !IsOurs(name)) continue;
     ++report.files;
     const std::string stem = name.substr(name.rfind('/') + 1);
     if (!stored.insert(std::stoull(stem)).second && !rules_.Is(kNumbersMayRepeat)) {
@@ -85,8 +89,9 @@ void Checker::Blob(const nlohmann::json& json, uint64_t owner, const std::string
 }
 
 void Checker::Record(const nlohmann::json& json) {
-  ++report.records;
   const std::string file = json.value("file", "");
+  if (!IsOurs(file)) return;
+  ++report.records;
   const uint64_t owner = json.value("lic_sn", uint64_t{0});
   const uint64_t phase = json.value("campaign_id", uint64_t{0}) - kFirstCampaign;
   decoded_[owner] += json.value("kind", "") == "blob" ? 1 : json.value("num_samples", uint64_t{0});
@@ -181,6 +186,7 @@ void Checker::Books() {
     const uint64_t repeated = owner == kFirstOwner ? books.Number("samples", "repeated") : 0;
     lost_uploads += books.Number(key + ".lost.hal", "events");
     lost_uploads += books.Number(key + ".lost.slot_refused", "events");
+    lost_uploads += books.Number(key + ".lost.unconfirmed", "events");
     only_life = ExpectLogged(owner, samples("") - repeated);
     Expect(samples("") == samples(".sent") + samples(".lost"),
            "the books of " + key + " do not add up");
@@ -189,7 +195,11 @@ void Checker::Books() {
     const uint64_t decoded = decoded_[owner];
     const uint64_t least = rules_.Is(kHalLies) ? 0 : samples(".sent");
     uint64_t most = samples(".sent");
-    if (rules_.Is(kHalUnheard)) most += samples(".lost.hal") + samples(".lost.slot_refused");
+    if (rules_.Is(kHalUnheard)) {
+      for (const char* cause : {".lost.hal", ".lost.slot_refused", ".lost.unconfirmed"}) {
+        most += samples(cause);
+      }
+    }
     if (rules_.Is(kTorn)) most += samples(".lost.short_write") + samples(".lost.torn");
     Expect(least <= decoded && (decoded <= most || !only_life),
            "of " + key + " " + std::to_string(decoded) + " samples were decoded, the books say " +

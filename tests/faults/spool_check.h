@@ -11,12 +11,13 @@
 
 namespace orb::test {
 
-// What there is after a run.
+// What there is of one client after a run.
 struct Remains {
   const Scenario& scenario;
+  std::string client;  // Its name.
   const LoadCounts& counts;
   std::string spool;
-  std::string records;  // What orbctl decode printed of it, as JSON.
+  std::string records;  // What orbctl decode printed of it, as JSON; of all clients.
   DumpLines books;      // The client's, after its last session.
   uint64_t next_seqno;  // The content of its .seq file.
   uint64_t faults;

@@ -25,7 +25,7 @@ using std::chrono::seconds;
 // Longer than anything takes that is not stuck, sanitizers included.
 constexpr seconds kPatience(90);
 constexpr milliseconds kPhaseOne(300);
-constexpr char kClient[] = "load";
+constexpr size_t kCountsBytes = kLoadClientsMax * sizeof(LoadCounts);
 constexpr char kRoom[] = "size=1g";
 constexpr const char* kReports[] = {"Sanitizer", "runtime error:", "terminate called", "Assertion"};
 
@@ -43,7 +43,7 @@ World::~World() {
   client_.Signal(SIGKILL);
   stack_.hal().Signal(SIGKILL);
   for (const std::string& folder : mounts_) umount2(folder.c_str(), MNT_DETACH);
-  if (counts_ != nullptr) munmap(counts_, sizeof *counts_);
+  if (counts_ != nullptr) munmap(counts_, kCountsBytes);
 }
 
 void World::Expect(bool holds, const std::string& what) {
@@ -108,17 +108,19 @@ void World::RestartBus() {
 
 void World::Mood(const std::string& word) { Expect(odd_hal_.Send(word), "the HAL is gone"); }
 
-uint64_t World::Logged() const {
+uint64_t World::Member::Logged() const {
   uint64_t logged = 0;
-  for (const LoadCount& count : counts_->kpis[0]) logged += count.offered;
+  for (const LoadCount& count : counts->kpis[0]) logged += count.offered;
   return logged;
 }
 
 void World::ExpectProgress() {
-  const uint64_t before = Logged();
-  const bool on = WaitFor([&] { return Logged() > before + 1000; }, kPatience);
-  Expect(on, "the client's threads hang");
-  if (!on) DumpStacks(&client_, "client");
+  for (const Member& member : members_) {
+    const uint64_t before = member.Logged();
+    const bool on = WaitFor([&] { return member.Logged() > before + 1000; }, kPatience);
+    Expect(on, "the threads of " + member.name + " hang");
+    if (!on) DumpStacks(&client_, "client");
+  }
 }
 
 // With room for any run: it must be full only when a scenario wants it to be. The file keeps
@@ -158,15 +160,27 @@ void World::ReplaceStuckClient() {
 }
 
 bool World::CampaignStops(milliseconds patience) {
+  return std::all_of(members_.begin(), members_.end(),
+                     [&](const Member& member) { return Stops(member, patience); });
+}
+
+bool World::Stops(const Member& member, milliseconds patience) {
   const auto deadline = std::chrono::steady_clock::now() + patience;
   do {
-    const CommandResult stop = RunCommand({ORB_CTL, "campaign", "stop", kClient},
+    const CommandResult stop = RunCommand({ORB_CTL, "campaign", "stop", member.name},
                                           {{"ORB_BUS_ADDRESS", stack_.bus().address()}}, patience);
     if (stop.exit_code == 0) return true;
     // The manager waits for half a minute only, then the campaign counts as stopped.
-    if (stop.err.find("no campaign runs") != std::string::npos) return Ask("enabled") == "0";
+    if (stop.err.find("no campaign runs") != std::string::npos) {
+      return WaitFor([&] { return IsIdle(member); }, patience);
+    }
   } while (std::chrono::steady_clock::now() < deadline);
   return false;
+}
+
+bool World::IsIdle(const Member& member) {
+  const CommandResult dump = stack_.Ctl({"client", "dump", member.name});
+  return DumpLines(dump.out).Value("session.state") == "idle";
 }
 
 void World::ExpectRunning() {
@@ -191,22 +205,29 @@ std::string World::Ask(const std::string& command) {
 }
 
 void World::StartClient() {
-  std::vector<std::string> argv = {ORB_LOAD_CLIENT, kClient, data_dir_, stack_.path("counts")};
-  if (scenario_.Is(kSlots)) argv.push_back("slots");
-  if (scenario_.Is(kSync)) argv.push_back("sync");
+  std::vector<std::string> argv = {ORB_LOAD_CLIENT, stack_.path("counts")};
+  for (const Member& member : members_) {
+    argv.insert(argv.end(),
+                {member.name, member.data_dir, member.rules.Is(kSlots) ? "slots" : "files",
+                 member.sync ? "sync" : "async"});
+  }
   client_ = stack_.StartProgram(argv, "client", client_environment_);
   Expect(client_.ReadLine(kPatience) == "ready", "the client does not start");
-  Expect(stack_.WaitRegistered(kClient), "the client is not registered");
+  for (const Member& member : members_) {
+    Expect(stack_.WaitRegistered(member.name), member.name + " is not registered");
+  }
 }
 
 void World::StopCampaign() { Expect(CampaignStops(2 * kPatience), "the campaign does not stop"); }
 
 void World::StartCampaign() {
-  std::vector<uint64_t> owners = {kFirstOwner};
-  if (!scenario_.Is(kSlots)) owners.push_back(kSecondOwner);
-  const std::string campaign = stack_.path("campaign.txtpb");
-  Expect(stack_.StartCampaign(kClient, campaign, owners, kFirstCampaign + phase_),
-         "the client does not take its campaign");
+  for (const Member& member : members_) {
+    std::vector<uint64_t> owners = {kFirstOwner};
+    if (!member.rules.Is(kSlots)) owners.push_back(kSecondOwner);
+    Expect(stack_.StartCampaign(member.name, stack_.path(member.campaign_file()), owners,
+                                kFirstCampaign + phase_),
+           member.name + " does not take its campaign");
+  }
 }
 
 bool World::WaitForCampaign() {
@@ -219,7 +240,7 @@ bool World::WaitForCampaign() {
       kPatience);
 }
 
-void World::WriteCampaign() {
+void World::WriteCampaign(const Member& member) {
   static constexpr const char* kKinds[] = {
       "type: KPI_NUMERIC sub_type: COUNTER",
       "type: KPI_NUMERIC sub_type: HISTOGRAM h_cfg { bucket_bounds: 2 bucket_bounds: 5 "
@@ -231,7 +252,7 @@ void World::WriteCampaign() {
   std::ostringstream first;
   std::ostringstream second;
   // Files of several pages can end within a record.
-  text << "threshold_size: " << (scenario_.Is(kTorn) ? 16384 : 1024) << "\nthreshold_time: 60\n";
+  text << "threshold_size: " << (member.rules.Is(kTorn) ? 16384 : 1024) << "\nthreshold_time: 60\n";
   for (const LoadKpi& kpi : kLoadKpis) {
     text << "kpi_cfgs { kpi_id: " << kpi.id << ' ' << kKinds[static_cast<int>(kpi.kind)] << ' '
          << kpi.window << " }\n";
@@ -239,21 +260,30 @@ void World::WriteCampaign() {
     if (kpi.second_owner) second << " kpi_ids: " << kpi.id;
   }
   text << "lic_sn_kpi_maps { lic_sn: " << kFirstOwner << first.str() << " }\n";
-  if (!scenario_.Is(kSlots)) {
+  if (!member.rules.Is(kSlots)) {
     text << "lic_sn_kpi_maps { lic_sn: " << kSecondOwner << second.str() << " }\n";
   }
-  WriteFile(stack_.path("campaign.txtpb"), text.str());
+  WriteFile(stack_.path(member.campaign_file()), text.str());
+}
+
+void World::AddMember(const std::string& name, bool slots) {
+  Member member{scenario_, name, scenario_.Is(kSync), {}, counts_ + members_.size(), {}, {}};
+  if (slots) member.rules.traits |= kSlots;
+  if (scenario_.Is(kPair)) member.sync = Random(2) == 0;
+  member.data_dir = stack_.MakeDataDir(members_.empty() ? "data" : "data-" + name);
+  WriteCampaign(member);
+  members_.push_back(std::move(member));
 }
 
 void World::Start() {
   const std::string counts = stack_.path("counts");
-  WriteFile(counts, std::string(sizeof(LoadCounts), '\0'));
+  WriteFile(counts, std::string(kCountsBytes, '\0'));
   const int fd = open(counts.c_str(), O_RDWR | O_CLOEXEC);
   counts_ = static_cast<LoadCounts*>(
-      mmap(nullptr, sizeof *counts_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+      mmap(nullptr, kCountsBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
   close(fd);
-  WriteCampaign();
-  data_dir_ = stack_.MakeDataDir("data");
+  AddMember("load", scenario_.Is(kSlots));
+  if (scenario_.Is(kPair)) AddMember("region", true);
   if (scenario_.prepare != nullptr) scenario_.prepare(*this);
   StartManager();
   StartHal();
@@ -286,7 +316,9 @@ void World::Run(milliseconds duration) {
 
 // A new campaign, undisturbed, of which nothing may be missing.
 void World::Recover() {
-  Expect(stack_.WaitRegistered(kClient), "the client has not registered again");
+  for (const Member& member : members_) {
+    Expect(stack_.WaitRegistered(member.name), member.name + " has not registered again");
+  }
   Expect(WaitForCampaign(), "the client has not got its campaign back");
   StopCampaign();
   phase_ = 1;
@@ -299,7 +331,7 @@ void World::Recover() {
 void World::End() {
   StopCampaign();
   Ask("calm");
-  books_ = stack_.Ctl({"client", "dump", kClient}).out;
+  for (Member& member : members_) member.books = stack_.Ctl({"client", "dump", member.name}).out;
   Expect(Ask("end") == "0", "de-registration failed");
   const std::string last_state = Ask("state");
   Expect(last_state == first_state_, "left over: " + first_state_ + " became " + last_state);
@@ -323,10 +355,13 @@ void World::Check() {
   const CommandResult decoded = stack_.Ctl({"decode", stack_.spool(), "--format", "json"});
   Expect(decoded.exit_code == 0 || scenario_.Is(kTorn),
          "not everything can be decoded: " + decoded.err);
-  const std::string next = ReadFileOrEmpty(data_dir_ + kClient + ".seq");
-  report_ = CheckSpool({scenario_, *counts_, stack_.spool(), decoded.out, DumpLines(books_),
-                        strtoull(next.c_str(), nullptr, 10), faults_});
-  failures_.insert(failures_.end(), report_.failures.begin(), report_.failures.end());
+  for (Member& member : members_) {
+    const std::string next = ReadFileOrEmpty(member.data_dir + member.name + ".seq");
+    member.report =
+        CheckSpool({member.rules, member.name, *member.counts, stack_.spool(), decoded.out,
+                    DumpLines(member.books), strtoull(next.c_str(), nullptr, 10), faults_});
+    for (const std::string& failure : member.report.failures) Fail(member.name + ": " + failure);
+  }
 }
 
 void World::CheckLogs() {
@@ -340,27 +375,36 @@ void World::CheckLogs() {
   }
 }
 
-void World::Keep(const std::string& folder) {
+std::string World::Keep() {
+  // Several runs of a scenario, also at once, keep what they have apart.
+  std::string folder;
+  for (int run = 1; folder.empty() || mkdir(folder.c_str(), 0755) != 0; ++run) {
+    if (!folder.empty() && errno != EEXIST) break;
+    folder = std::string("soak-") + scenario_.name + (run == 1 ? "" : "." + std::to_string(run));
+  }
   std::error_code error;
-  std::filesystem::copy(
-      stack_.path("."), folder,
-      std::filesystem::copy_options::recursive | std::filesystem::copy_options::overwrite_existing,
-      error);
+  std::filesystem::copy(stack_.path("."), folder, std::filesystem::copy_options::recursive, error);
+  return folder;
 }
 
 std::string World::Summary() const {
-  const DumpLines books(books_);
+  std::string summary =
+      std::to_string(faults_) + " faults, " + std::to_string(replaced_) + " clients replaced";
   const std::string owner = "owner." + std::to_string(kFirstOwner);
-  char text[256];
-  snprintf(text, sizeof text,
-           "%" PRIu64 " faults, %d clients replaced, %" PRIu64 " uploads, %" PRIu64
-           " missing, %" PRIu64 " records; %" PRIu64 " samples, %" PRIu64 " decoded",
-           faults_, replaced_, report_.files, report_.missing_numbers, report_.records,
-           books.Number(owner, "samples"), report_.decoded);
-  std::string summary = text;
-  for (const char* cause : kLossCauseNames) {
-    const uint64_t lost = books.Number(owner + ".lost." + cause, "samples");
-    if (lost != 0) summary += ", " + std::to_string(lost) + " lost: " + cause;
+  for (const Member& member : members_) {
+    const DumpLines books(member.books);
+    char text[256];
+    snprintf(text, sizeof text,
+             "; %s (%s, %s): %" PRIu64 " uploads, %" PRIu64 " missing, %" PRIu64
+             " records, %" PRIu64 " samples, %" PRIu64 " decoded",
+             member.name.c_str(), member.rules.Is(kSlots) ? "slots" : "files",
+             member.sync ? "sync" : "async", member.report.files, member.report.missing_numbers,
+             member.report.records, books.Number(owner, "samples"), member.report.decoded);
+    summary += text;
+    for (const char* cause : kLossCauseNames) {
+      const uint64_t lost = books.Number(owner + ".lost." + cause, "samples");
+      if (lost != 0) summary += ", " + std::to_string(lost) + " lost: " + cause;
+    }
   }
   return summary;
 }

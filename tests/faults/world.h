@@ -25,14 +25,14 @@ class World {
   const std::vector<std::string>& failures() const { return failures_; }
   void Fail(const std::string& what) { failures_.push_back(what); }
   std::string Summary() const;
-  // Copies logs and files to the folder.
-  void Keep(const std::string& folder);
+  // Copies logs and files to a new folder of the working directory, and names it.
+  std::string Keep();
 
   // For scenarios.
   Stack& stack() { return stack_; }
   ChildProcess& client() { return client_; }
   ChildProcess& hal() { return scenario_.Is(kOddHal) ? odd_hal_ : stack_.hal(); }
-  std::string data_dir() const { return data_dir_; }
+  std::string data_dir() const { return members_.front().data_dir; }
   std::map<std::string, std::string>& client_environment() { return client_environment_; }
   uint64_t Random(uint64_t below) { return random_() % below; }
   void Pause(int max_ms);
@@ -44,7 +44,7 @@ class World {
   // What the odd HAL is told.
   void Mood(const std::string& word);
   void StartClient();
-  // The campaign of the phase, on the client.
+  // The campaign of the phase, on each client.
   void StartCampaign();
   void StopCampaign();
   bool CampaignStops(std::chrono::milliseconds patience);
@@ -66,12 +66,28 @@ class World {
   int64_t heap_rounds = 0;
 
  private:
-  uint64_t Logged() const;
+  // A registered client of the process.
+  struct Member {
+    Scenario rules;  // The scenario, with kSlots where this one has them.
+    std::string name;
+    bool sync;
+    std::string data_dir;
+    LoadCounts* counts;
+    std::string books;
+    SpoolReport report;
+
+    uint64_t Logged() const;
+    std::string campaign_file() const { return "campaign-" + name + ".txtpb"; }
+  };
+
+  void AddMember(const std::string& name, bool slots);
+  bool IsIdle(const Member& member);
+  bool Stops(const Member& member, std::chrono::milliseconds patience);
   void Start();
   void Recover();
   void End();
   void Check();
-  void WriteCampaign();
+  void WriteCampaign(const Member& member);
   void DumpStacks(ChildProcess* process, const std::string& who);
   void CheckLogs();
   bool WaitForLine(const std::string& log, const std::string& text, size_t before);
@@ -82,14 +98,12 @@ class World {
   Stack stack_;
   ChildProcess client_;
   ChildProcess odd_hal_;
-  std::string data_dir_;
   std::map<std::string, std::string> client_environment_;
-  LoadCounts* counts_ = nullptr;
+  LoadCounts* counts_ = nullptr;  // kLoadClientsMax of them.
+  std::vector<Member> members_;
   std::vector<std::string> failures_;
   std::string first_state_;
   std::map<pid_t, size_t> service_descriptors_;
-  std::string books_;
-  SpoolReport report_;
   std::vector<std::string> mounts_;
   uint64_t phase_ = 0;
   uint64_t faults_ = 0;
