@@ -21,6 +21,7 @@
 
 #include "collector/collector_settings.h"
 #include "collector/fd_handle.h"
+#include "collector/fd_handles.h"
 #include "collector/kpi_index.h"
 #include "collector/licsn_tables.h"
 #include "collector/manager_link.h"
@@ -103,13 +104,15 @@ struct kiv_collector {
   int kiv_data_compress(FILE* src, uint32_t src_len, uint8_t** dst, uint32_t* dst_len);
 
   // --- Shared memory (kiv_collector_fd.cpp). ---
-  kiv_fd_handle_s* SetFD(int fd, uint32_t offset, uint32_t length, kiv_fd_done_cb done)
-      ORB_EXCLUDES(handlesMutex);
+  kiv_fd_handle_s* SetFD(int fd, uint32_t offset, uint32_t length, kiv_fd_done_cb done);
   int FdWrite(uint32_t fdToken, uint64_t unused, uint32_t offset, uint32_t size)
       ORB_EXCLUDES(headerMutex, seqMutex);
-  int UnsetFD(kiv_fd_handle_s* handle, uint32_t fdToken) ORB_EXCLUDES(handlesMutex);
+  // Waits for completion functions of the handle that run on other threads.
+  int UnsetFD(kiv_fd_handle_s* handle, uint32_t fdToken);
   // A piece was consumed: runs the completion functions, with no lock held.
-  void FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) ORB_EXCLUDES(handlesMutex);
+  void FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) {
+    handles_.RunDone(fdToken, a, b, c);
+  }
 
   // --- What a serializer reads of its owner. ---
   const std::string& name() const { return cfg_.name; }
@@ -219,6 +222,5 @@ struct kiv_collector {
 
   orb::Mutex seqMutex;  // The ".seq" file's read and write are one step.
 
-  orb::Mutex handlesMutex;
-  std::vector<kiv_fd_handle_s*> handles_ ORB_GUARDED_BY(handlesMutex);
+  FdHandles handles_;
 };

@@ -1,8 +1,7 @@
 // Shared memory: announced once, then piece by piece.
 // Tested by tests/collector/fd_test.cpp.
-#include <algorithm>
 #include <cstdlib>
-#include <utility>
+#include <vector>
 
 #include "collector/kiv_collector.h"
 #include "ipc/kiv_aidl_client.h"
@@ -29,8 +28,7 @@ kiv_fd_handle_s* kiv_collector::SetFD(int fd, uint32_t offset, uint32_t length,
     return nullptr;
   }
   *handle = {fdToken, fd, offset, length, done, this};
-  orb::MutexLock lock(handlesMutex);
-  handles_.push_back(handle);
+  handles_.Add(handle);
   return handle;
 }
 
@@ -66,22 +64,6 @@ int kiv_collector::FdWrite(uint32_t fdToken, uint64_t /*unused*/, uint32_t offse
 int kiv_collector::UnsetFD(kiv_fd_handle_s* handle, uint32_t fdToken) {
   const auto client = link_.client();
   const int result = client == nullptr ? -1 : client->UnsetFD(link_.token(), fdToken);
-  orb::MutexLock lock(handlesMutex);
-  handles_.erase(std::remove(handles_.begin(), handles_.end(), handle), handles_.end());
+  handles_.Remove(handle);
   return result;
-}
-
-void kiv_collector::FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) {
-  // Its function is taken along: the handle may be withdrawn and freed before
-  // its turn comes.
-  std::vector<std::pair<kiv_fd_handle_s*, kiv_fd_done_cb>> matches;
-  {
-    orb::MutexLock lock(handlesMutex);
-    for (kiv_fd_handle_s* handle : handles_) {
-      if (handle->fdToken == fdToken && handle->fn != nullptr) {
-        matches.emplace_back(handle, handle->fn);
-      }
-    }
-  }
-  for (const auto& [handle, fn] : matches) fn(handle, a, b, c);
 }

@@ -74,7 +74,8 @@ typedef int (*kiv_stop_session_cb)(kiv_collector* c);
 /** Called on a thread of the library when the receiver has consumed a piece that
  * kiv_log_fd_buf announced. May run before kiv_log_fd_buf has returned, and for
  * several pieces at once. Must not log, de-register or announce: it may be what
- * one of these waits for. Hand the work to a thread of your own.
+ * one of these waits for. Hand the work to a thread of your own. kiv_unset_fd may be
+ * called, for this handle and for others.
  *
  * @param h  what kiv_set_fd returned.
  * @param a  byte offset of the piece in the region.
@@ -270,9 +271,11 @@ KIV_API kiv_fd_handle_s* kiv_set_fd(kiv_collector* c, int fd, uint32_t offset, u
  *         could not be reached. `done` is called after 0 only. */
 KIV_API int kiv_log_fd_buf(kiv_fd_handle_s* h, uint64_t unused, uint64_t offset, uint32_t len);
 
-/** Withdraws the region. The handle is out of use whatever the result, and no
- * further `done` begins. One that has begun may still be running: release the
- * handle with free() when every piece has been consumed, or after kiv_deregister.
+/** Withdraws the region. The handle is out of use whatever the result: once this has
+ * returned, no `done` of it begins and none runs, so release the handle with free().
+ * Waits for a `done` of the handle that runs on another thread, so hold no lock that
+ * `done` takes. Inside a `done` it waits neither for that one nor for one that is
+ * itself in this function; the handle may be released there, too.
  *
  * @return 0; -1: h is NULL or the receiver could not be told. */
 KIV_API int kiv_unset_fd(kiv_fd_handle_s* h);

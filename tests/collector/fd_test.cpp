@@ -1,4 +1,6 @@
-#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <future>
 
 #include "tests/collector/collector_fixture.h"
 
@@ -47,6 +49,95 @@ TEST_F(FdTest, CompletionsReachEveryHandleOfTheToken) {
   collector_->FdWriteDone(first->fdToken, 7, 8, 9);
   EXPECT_EQ(done.size(), 3u) << "out of use whatever the status";
   for (kiv_fd_handle_s* handle : {first, other, second, silent}) free(handle);
+}
+
+std::function<void(kiv_fd_handle_s*)> on_done;
+
+// Two handles of one token, for whose completions on_done runs.
+class WithdrawalTest : public CollectorFixture {
+ protected:
+  WithdrawalTest() {
+    MakeRegistered();
+    for (auto& handle : handles_) {
+      handle =
+          kiv_set_fd(collector_.get(), 5, 0, 64, [](kiv_fd_handle_s* h, uint32_t, uint32_t, int) {
+            on_done(h);
+            return 0;
+          });
+      handle->fdToken = FakeAidlClient::kFirstRegion;
+    }
+  }
+  ~WithdrawalTest() override { on_done = nullptr; }
+  void Complete() { collector_->FdWriteDone(FakeAidlClient::kFirstRegion, 0, 1, 0); }
+  std::future<void> CompleteElsewhere() {
+    return std::async(std::launch::async, [this] { Complete(); });
+  }
+  static void Withdraw(kiv_fd_handle_s* handle) {
+    EXPECT_EQ(kiv_unset_fd(handle), 0);
+    free(handle);
+  }
+
+  kiv_fd_handle_s* handles_[2];
+};
+
+TEST_F(WithdrawalTest, ADoneMayWithdrawItselfAndTheNext) {
+  int calls = 0;
+  on_done = [&](kiv_fd_handle_s*) {
+    ++calls;
+    for (kiv_fd_handle_s* handle : handles_) Withdraw(handle);
+  };
+  Complete();
+  Complete();
+  EXPECT_EQ(calls, 1);
+}
+
+// It was found, with the first one, before it was withdrawn.
+TEST_F(WithdrawalTest, NoDoneBeginsAfterwards) {
+  std::promise<void> entered;
+  std::promise<void> leave;
+  on_done = [&](kiv_fd_handle_s* handle) {
+    ASSERT_EQ(handle, handles_[0]);
+    entered.set_value();
+    leave.get_future().wait();
+  };
+  const std::future<void> completion = CompleteElsewhere();
+  entered.get_future().wait();
+  Withdraw(handles_[1]);
+  leave.set_value();
+  completion.wait();
+  Withdraw(handles_[0]);
+}
+
+TEST_F(WithdrawalTest, WaitsForADoneOfAnotherThread) {
+  std::promise<void> entered;
+  std::atomic<bool> finished{false};
+  on_done = [&](kiv_fd_handle_s* handle) {
+    if (handle != handles_[0]) return;
+    entered.set_value();
+    EXPECT_TRUE(client_->WaitForCalls("UnsetFD", 1));
+    for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+    finished = true;
+  };
+  const std::future<void> completion = CompleteElsewhere();
+  entered.get_future().wait();
+  Withdraw(handles_[0]);
+  EXPECT_TRUE(finished);
+  completion.wait();
+  Withdraw(handles_[1]);
+}
+
+TEST_F(WithdrawalTest, DonesThatWithdrawEachOtherDoNotWaitForEver) {
+  std::atomic<int> inside{0};
+  handles_[1]->fdToken = FakeAidlClient::kFirstRegion + 1;
+  on_done = [&](kiv_fd_handle_s* handle) {
+    ++inside;
+    EXPECT_TRUE(WaitFor([&] { return inside == 2; }));
+    EXPECT_EQ(kiv_unset_fd(handles_[handle == handles_[0] ? 1 : 0]), 0);
+  };
+  const std::future<void> completion = CompleteElsewhere();
+  collector_->FdWriteDone(FakeAidlClient::kFirstRegion + 1, 0, 1, 0);
+  completion.wait();
+  for (kiv_fd_handle_s* handle : handles_) free(handle);
 }
 
 TEST_F(FdTest, PiecesCarryTheHeaderTheNameAndTheCompression) {

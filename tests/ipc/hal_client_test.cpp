@@ -312,6 +312,24 @@ TEST_F(HalClientTest, SessionsStartAndEndInsideAnothersRegistration) {
   EXPECT_EQ(std::count(taken.begin(), taken.end(), "configure_fmq"), 2) << log_.Dump();
 }
 
+TEST_F(HalClientTest, ADoneInsideTheAnnouncementMayUnsetItsRegion) {
+  StartManager();
+  StartHal();
+  kiv_fd_handle_s* const handle = NewRegion();
+  ASSERT_NE(handle, nullptr);
+  int unset = -9;
+  on_complete = [&](kiv_fd_handle_s* h, auto...) { unset = kiv_unset_fd(h); };
+  hal_->SetScript([&](const std::string& method) {
+    if (method != "fd_write") return Answer::kNormal;
+    const auto complete = [&] { return hal_->Complete(1, 16, 4, 0); };
+    return std::async(std::launch::async, complete).get() ? Answer::kNormal : Answer::kFail;
+  });
+  EXPECT_EQ(kiv_log_fd_buf(handle, 0, 16, 4), 0);
+  EXPECT_EQ(unset, 0);
+  EXPECT_EQ(hal_->Taken()[1], "unset_fd 1");
+  free(handle);
+}
+
 TEST_F(HalClientTest, DeregisterWaitsForACompletionUnderWay) {
   StartManager();
   StartHal();

@@ -1,0 +1,56 @@
+// The handles of announced regions of one collector: which of them a completion
+// is for, and when one may be freed.
+//
+// Thread-safe. `done` functions run with no lock held. The one mutex is a leaf;
+// Remove also waits for functions of the client, with nothing else held that
+// these need.
+// Tested by tests/collector/fd_test.cpp.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "collector/fd_handle.h"
+#include "utility/thread_annotations.h"
+
+class FdHandles {
+ public:
+  // The handle is borrowed until Remove.
+  void Add(kiv_fd_handle_s* handle) ORB_EXCLUDES(mutex_);
+
+  // Withdraws the handle. No `done` of it begins after this has returned, and none
+  // runs, so that it may be freed: waits for those of other threads. A call from
+  // inside a `done` does not wait for its own, nor for one that waits here itself.
+  void Remove(kiv_fd_handle_s* handle) ORB_EXCLUDES(mutex_);
+
+  // Calls `done` of every handle with this token, in the order in which they were added.
+  void RunDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) ORB_EXCLUDES(mutex_);
+
+ private:
+  struct Entry {
+    kiv_fd_handle_s* handle;
+    uint64_t id;  // Never used again, unlike the address of a handle that was freed.
+  };
+  struct Calls {
+    uint32_t running = 0;
+    uint32_t waiting = 0;  // Those of them that are inside Remove.
+  };
+  struct Frame;
+
+  // The handle, whose `done` counts as running from now on; null when it was withdrawn.
+  kiv_fd_handle_s* Begin(uint64_t id) ORB_EXCLUDES(mutex_);
+  void End(uint64_t id) ORB_EXCLUDES(mutex_);
+  void CountWaiting(uint64_t id, int change) ORB_EXCLUDES(mutex_);
+  // Whether a `done` of the handle runs that this thread's Remove waits for.
+  bool MustWait(uint64_t id) const ORB_REQUIRES(mutex_);
+
+  // The `done` functions that this thread is inside of, the innermost first.
+  static thread_local const Frame* frames_;
+
+  mutable orb::Mutex mutex_;
+  orb::CondVar changed_;
+  std::vector<Entry> entries_ ORB_GUARDED_BY(mutex_);
+  std::map<uint64_t, Calls> calls_ ORB_GUARDED_BY(mutex_);  // Of ids with running ones.
+  uint64_t last_id_ ORB_GUARDED_BY(mutex_) = 0;
+};
