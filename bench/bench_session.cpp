@@ -67,14 +67,15 @@ int StubClient::setupFD(int fd, uint32_t, uint32_t, kiv_collector*, uint32_t* fd
   return 0;
 }
 
-int StubClient::FdWrite(const std::string&, uint32_t fdToken, const std::string&,
-                        const std::vector<uint8_t>&, uint32_t offset, uint32_t, CompressType) {
+int StubClient::FdWrite(const std::string&, const std::atomic<uint32_t>& fdToken,
+                        const std::string&, const std::vector<uint8_t>&, uint32_t offset, uint32_t,
+                        CompressType) {
   SleepMs(delay_ms_);
   if (complete_ != nullptr) complete_->FdWriteDone(fdToken, offset, 0, 0);
   return 0;
 }
 
-int StubClient::UnsetFD(const std::string&, uint32_t) { return 0; }
+int StubClient::UnsetFD(const std::string&, const std::atomic<uint32_t>&) { return 0; }
 
 std::string Campaign(const KpiMix& mix) {
   LTCCampaignDef def;

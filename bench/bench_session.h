@@ -24,10 +24,10 @@ class StubClient : public kivAIDLClient {
   int deRegisterClient(const std::string& token) override;
   int setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
               uint32_t* fdToken) override;
-  int FdWrite(const std::string& token, uint32_t fdToken, const std::string& name,
-              const std::vector<uint8_t>& header, uint32_t offset, uint32_t size,
-              CompressType compress) override;
-  int UnsetFD(const std::string& token, uint32_t fdToken) override;
+  int FdWrite(const std::string& token, const std::atomic<uint32_t>& fdToken,
+              const std::string& name, const std::vector<uint8_t>& header, uint32_t offset,
+              uint32_t size, CompressType compress) override;
+  int UnsetFD(const std::string& token, const std::atomic<uint32_t>& fdToken) override;
 
   // Completes an announced piece at once, from inside FdWrite.
   void CompleteAnnounces(kiv_collector* collector) { complete_ = collector; }

@@ -1,6 +1,7 @@
 // Announced shared memory. The layout is fixed; clients only pass the pointer.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -8,10 +9,14 @@
 
 // Allocated with malloc; clients may free() it after kiv_unset_fd.
 struct kiv_fd_handle_s {
-  uint32_t fdToken;  // The receiver's name for the region.
-  int fd;            // Borrowed.
-  uint32_t offset;   // Bytes, of the shared area in the region.
-  uint32_t length;   // Bytes of the shared area.
+  static constexpr uint32_t kNoToken = 0xFFFFFFFF;
+
+  // The receiver's name for the region; kNoToken once the receiver has died, whose
+  // successor may give the same name to another region.
+  std::atomic<uint32_t> fdToken;
+  int fd;           // Borrowed.
+  uint32_t offset;  // Bytes, of the shared area in the region.
+  uint32_t length;  // Bytes of the shared area.
   kiv_fd_done_cb fn;
   kiv_collector* collector;  // The owner; outlives the announcement.
 };

@@ -13,10 +13,20 @@ struct FdHandles::Frame {
 
 thread_local const FdHandles::Frame* FdHandles::frames_ = nullptr;
 
-void FdHandles::Add(kiv_fd_handle_s* handle) {
+void FdHandles::BeginSetup() {
   orb::MutexLock lock(mutex_);
+  setups_ = orb::CheckedAdd<uint32_t>(setups_, 1);
+}
+
+bool FdHandles::EndSetup(kiv_fd_handle_s* handle) {
+  orb::MutexLock lock(mutex_);
+  setups_ = orb::CheckedSub<uint32_t>(setups_, 1);
+  const bool lost = handle != nullptr && lost_in_setup_.erase(handle->fdToken) != 0;
+  if (setups_ == 0) lost_in_setup_.clear();
+  if (handle == nullptr || lost) return false;
   last_id_ = orb::CheckedAdd<uint64_t>(last_id_, 1);
   entries_.push_back({handle, last_id_});
+  return true;
 }
 
 void FdHandles::Remove(kiv_fd_handle_s* handle) {
@@ -61,7 +71,8 @@ bool FdHandles::MustWait(uint64_t id) const {
   return others.running > (frames_ == nullptr ? 0 : others.waiting);
 }
 
-void FdHandles::RunDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) {
+void FdHandles::RunDone(uint32_t fdToken, uint32_t a, uint32_t b, int c,
+                        const std::atomic<bool>& receiver_died) {
   std::vector<uint64_t> ids;
   {
     orb::MutexLock lock(mutex_);
@@ -69,6 +80,8 @@ void FdHandles::RunDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) {
       if (entry.handle->fdToken == fdToken && entry.handle->fn != nullptr) ids.push_back(entry.id);
     }
   }
+  // Read after the search: handles of the successor can be found only after it is true.
+  if (receiver_died) return;
   for (const uint64_t id : ids) {
     kiv_fd_handle_s* const handle = Begin(id);
     if (handle == nullptr) continue;
@@ -95,4 +108,16 @@ void FdHandles::End(uint64_t id) {
   const auto calls = calls_.find(id);
   if (--calls->second.running == 0) calls_.erase(calls);
   changed_.NotifyAll();
+}
+
+std::vector<const kiv_fd_handle_s*> FdHandles::Lose(uint32_t fdToken) {
+  std::vector<const kiv_fd_handle_s*> lost;
+  orb::MutexLock lock(mutex_);
+  for (const Entry& entry : entries_) {
+    if (entry.handle->fdToken != fdToken) continue;
+    entry.handle->fdToken = kiv_fd_handle_s::kNoToken;
+    lost.push_back(entry.handle);
+  }
+  if (lost.empty() && setups_ != 0) lost_in_setup_.insert(fdToken);
+  return lost;
 }

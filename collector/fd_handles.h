@@ -7,8 +7,10 @@
 // Tested by tests/collector/fd_test.cpp.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <vector>
 
 #include "collector/fd_handle.h"
@@ -16,16 +18,28 @@
 
 class FdHandles {
  public:
-  // The handle is borrowed until Remove.
-  void Add(kiv_fd_handle_s* handle) ORB_EXCLUDES(mutex_);
+  // Bracket the announcement of a region, from before the receiver is asked.
+  // EndSetup stores the handle, which carries the receiver's token and is borrowed
+  // until Remove; null stands for an announcement that failed. False, without
+  // storing it, when the receiver has died since it gave the token.
+  void BeginSetup() ORB_EXCLUDES(mutex_);
+  bool EndSetup(kiv_fd_handle_s* handle) ORB_EXCLUDES(mutex_);
 
   // Withdraws the handle. No `done` of it begins after this has returned, and none
   // runs, so that it may be freed: waits for those of other threads. A call from
   // inside a `done` does not wait for its own, nor for one that waits here itself.
   void Remove(kiv_fd_handle_s* handle) ORB_EXCLUDES(mutex_);
 
-  // Calls `done` of every handle with this token, in the order in which they were added.
-  void RunDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) ORB_EXCLUDES(mutex_);
+  // Calls `done` of every handle with this token, in the order in which they were
+  // stored. *receiver_died turns true before a successor of the receiver that
+  // completes the piece can give a token; then none is called.
+  void RunDone(uint32_t fdToken, uint32_t a, uint32_t b, int c,
+               const std::atomic<bool>& receiver_died) ORB_EXCLUDES(mutex_);
+
+  // The receiver that gave the token died, and no other has given it since: takes it
+  // from the handles that have it, and returns these. They may be withdrawn and freed
+  // as soon as this has returned.
+  std::vector<const kiv_fd_handle_s*> Lose(uint32_t fdToken) ORB_EXCLUDES(mutex_);
 
  private:
   struct Entry {
@@ -53,4 +67,7 @@ class FdHandles {
   std::vector<Entry> entries_ ORB_GUARDED_BY(mutex_);
   std::map<uint64_t, Calls> calls_ ORB_GUARDED_BY(mutex_);  // Of ids with running ones.
   uint64_t last_id_ ORB_GUARDED_BY(mutex_) = 0;
+  uint32_t setups_ ORB_GUARDED_BY(mutex_) = 0;  // Begun and not ended.
+  // Tokens that were lost while a setup that may have them had stored no handle.
+  std::set<uint32_t> lost_in_setup_ ORB_GUARDED_BY(mutex_);
 };

@@ -105,14 +105,19 @@ struct kiv_collector {
 
   // --- Shared memory (kiv_collector_fd.cpp). ---
   kiv_fd_handle_s* SetFD(int fd, uint32_t offset, uint32_t length, kiv_fd_done_cb done);
-  int FdWrite(uint32_t fdToken, uint64_t unused, uint32_t offset, uint32_t size)
+  int FdWrite(const std::atomic<uint32_t>& fdToken, uint64_t unused, uint32_t offset, uint32_t size)
       ORB_EXCLUDES(headerMutex, seqMutex);
   // Waits for completion functions of the handle that run on other threads.
-  int UnsetFD(kiv_fd_handle_s* handle, uint32_t fdToken);
+  int UnsetFD(kiv_fd_handle_s* handle, const std::atomic<uint32_t>& fdToken);
   // A piece was consumed: runs the completion functions, with no lock held.
-  void FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) {
-    handles_.RunDone(fdToken, a, b, c);
+  // None once *hal_died, which the client sets before it looks for the next HAL.
+  void FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c,
+                   const std::atomic<bool>& hal_died = false) {
+    handles_.RunDone(fdToken, a, b, c, hal_died);
   }
+  // The HAL that has this region died: nothing is announced to it any more, and what
+  // was is over. Called by the client before the next HAL is looked for.
+  void LoseRegion(uint32_t fdToken);
 
   // --- What a serializer reads of its owner. ---
   const std::string& name() const { return cfg_.name; }

@@ -1,38 +1,45 @@
 // Shared memory: announced once, then piece by piece.
 // Tested by tests/collector/fd_test.cpp.
 #include <cstdlib>
+#include <new>
 #include <vector>
 
 #include "collector/kiv_collector.h"
 #include "ipc/kiv_aidl_client.h"
+#include "serializer/kpi_memory_serializer.h"
 #include "utility/log.h"
-
-namespace {
-
-constexpr uint32_t kNoToken = 0xFFFFFFFFu;
-
-}  // namespace
 
 kiv_fd_handle_s* kiv_collector::SetFD(int fd, uint32_t offset, uint32_t length,
                                       kiv_fd_done_cb done) {
   const auto client = link_.client();
-  uint32_t fdToken = kNoToken;
+  uint32_t fdToken = kiv_fd_handle_s::kNoToken;
+  handles_.BeginSetup();
   const int result = client == nullptr ? -1 : client->setupFD(fd, offset, length, this, &fdToken);
-  if (result != 0) {
-    LOGE("%s: clientIntf->setupFD failed - %d", "SetFD", result);
+  void* const memory = result == 0 ? malloc(sizeof(kiv_fd_handle_s)) : nullptr;
+  if (memory == nullptr) {
+    handles_.EndSetup(nullptr);
+    if (result == 0) {
+      client->UnsetFD(link_.token(), fdToken);
+    } else {
+      LOGE("%s: clientIntf->setupFD failed - %d", "SetFD", result);
+    }
     return nullptr;
   }
-  auto* handle = static_cast<kiv_fd_handle_s*>(malloc(sizeof(kiv_fd_handle_s)));
-  if (handle == nullptr) {
-    client->UnsetFD(link_.token(), fdToken);
-    return nullptr;
-  }
-  *handle = {fdToken, fd, offset, length, done, this};
-  handles_.Add(handle);
-  return handle;
+  auto* const handle = new (memory) kiv_fd_handle_s{fdToken, fd, offset, length, done, this};
+  if (handles_.EndSetup(handle)) return handle;
+  LOGE("%s: clientIntf->setupFD failed - %d", "SetFD", -1);
+  free(handle);
+  return nullptr;
 }
 
-int kiv_collector::FdWrite(uint32_t fdToken, uint64_t /*unused*/, uint32_t offset, uint32_t size) {
+void kiv_collector::LoseRegion(uint32_t fdToken) {
+  for (const kiv_fd_handle_s* handle : handles_.Lose(fdToken)) {
+    KPIMemorySerializer::RegionLost(handle);
+  }
+}
+
+int kiv_collector::FdWrite(const std::atomic<uint32_t>& fdToken, uint64_t /*unused*/,
+                           uint32_t offset, uint32_t size) {
   const auto loc = static_cast<int>(cfg_.compress_loc);
   const auto type = static_cast<int>(cfg_.compress_type);
   const uint32_t seqno = NextSeqno();
@@ -61,7 +68,7 @@ int kiv_collector::FdWrite(uint32_t fdToken, uint64_t /*unused*/, uint32_t offse
   return client->FdWrite(link_.token(), fdToken, piece, bytes, offset, size, compress);
 }
 
-int kiv_collector::UnsetFD(kiv_fd_handle_s* handle, uint32_t fdToken) {
+int kiv_collector::UnsetFD(kiv_fd_handle_s* handle, const std::atomic<uint32_t>& fdToken) {
   const auto client = link_.client();
   const int result = client == nullptr ? -1 : client->UnsetFD(link_.token(), fdToken);
   handles_.Remove(handle);

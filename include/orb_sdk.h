@@ -169,8 +169,8 @@ KIV_API kiv_collector* kiv_register(kiv_cfg_s* cfg);
  * not be in use by any other call and is gone afterwards. Blocks until the
  * library's threads for it have ended and the last data is handed over: a wait
  * between two attempts ends at once, a call to the manager or the receiver ends
- * with its answer. With slots, until the receiver has consumed every one, which one
- * that died never does. Not from inside a callback.
+ * with its answer. With slots, until the receiver has consumed every one or has died;
+ * one that lives and does not consume them blocks it. Not from inside a callback.
  *
  * @return 0; -1: c is NULL, the client was not registered, or the manager could
  *         not be told. The collector is destroyed in every case. */
@@ -244,7 +244,8 @@ KIV_API int kiv_set_cfg(kiv_collector* c, kiv_param_type_t type, uint32_t value)
 KIV_API int kiv_is_kpi_enabled(kiv_collector* c, uint32_t kpi_id);
 
 /** Announces a region of shared memory to the receiver, which is not told again
- * when it dies and returns: then set it anew.
+ * when it dies and returns: then withdraw the handle and set the region anew. `done`
+ * is not called for the pieces that a receiver had when it died.
  *
  * @param c       the collector.
  * @param fd      descriptor of shared memory (ashmem, memfd or a file) that can be
@@ -267,8 +268,8 @@ KIV_API kiv_fd_handle_s* kiv_set_fd(kiv_collector* c, int fd, uint32_t offset, u
  *                low 32 bits count.
  * @param len     its bytes.
  *
- * @return 0; the receiver's own non-zero result; -1: h is NULL or the receiver
- *         could not be reached. `done` is called after 0 only. */
+ * @return 0; the receiver's own non-zero result; -1: h is NULL, the receiver could
+ *         not be reached or has died since kiv_set_fd. `done` is called after 0 only. */
 KIV_API int kiv_log_fd_buf(kiv_fd_handle_s* h, uint64_t unused, uint64_t offset, uint32_t len);
 
 /** Withdraws the region. The handle is out of use whatever the result: once this has

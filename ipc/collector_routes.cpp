@@ -15,12 +15,31 @@ void CollectorRoutes::Remove(const std::string& token) {
 
 void CollectorRoutes::AddRegion(uint32_t fdToken, kiv_collector* collector) {
   orb::MutexLock lock(mapMutex_);
-  regions_[fdToken] = collector;
+  last_serial_ = orb::CheckedAdd<uint64_t>(last_serial_, 1);
+  regions_[fdToken] = {collector, last_serial_};
 }
 
-void CollectorRoutes::RemoveRegion(uint32_t fdToken) {
+uint64_t CollectorRoutes::RegionSerial(uint32_t fdToken) {
   orb::MutexLock lock(mapMutex_);
-  regions_.erase(fdToken);
+  const auto found = regions_.find(fdToken);
+  return found == regions_.end() ? 0 : found->second.serial;
+}
+
+void CollectorRoutes::RemoveRegion(uint32_t fdToken, uint64_t serial) {
+  orb::MutexLock lock(mapMutex_);
+  const auto found = regions_.find(fdToken);
+  if (found != regions_.end() && found->second.serial == serial) regions_.erase(found);
+}
+
+std::vector<std::pair<uint32_t, CollectorRoutes::Pin>> CollectorRoutes::TakeRegions() {
+  orb::MutexLock lock(mapMutex_);
+  std::vector<std::pair<uint32_t, Pin>> all;
+  all.reserve(regions_.size());
+  for (const auto& [fdToken, region] : regions_) {
+    all.emplace_back(fdToken, PinLocked(region.collector));
+  }
+  regions_.clear();
+  return all;
 }
 
 CollectorRoutes::Pin CollectorRoutes::Find(const std::string& token) {
@@ -32,7 +51,7 @@ CollectorRoutes::Pin CollectorRoutes::Find(const std::string& token) {
 CollectorRoutes::Pin CollectorRoutes::FindRegion(uint32_t fdToken) {
   orb::MutexLock lock(mapMutex_);
   const auto found = regions_.find(fdToken);
-  return PinLocked(found == regions_.end() ? nullptr : found->second);
+  return PinLocked(found == regions_.end() ? nullptr : found->second.collector);
 }
 
 std::vector<CollectorRoutes::Pin> CollectorRoutes::FindAll() {
@@ -48,10 +67,9 @@ std::vector<CollectorRoutes::Pin> CollectorRoutes::TakeAll() {
 }
 
 void CollectorRoutes::Forget(kiv_collector* collector) {
-  const auto names_it = [collector](const auto& entry) { return entry.second == collector; };
   orb::MutexLock lock(mapMutex_);
-  std::erase_if(tokens_, names_it);
-  std::erase_if(regions_, names_it);
+  std::erase_if(tokens_, [=](const auto& entry) { return entry.second == collector; });
+  std::erase_if(regions_, [=](const auto& entry) { return entry.second.collector == collector; });
   while (pins_.count(collector) != 0) unpinned_.Wait(mapMutex_);
 }
 

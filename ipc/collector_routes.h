@@ -48,7 +48,12 @@ class CollectorRoutes {
 
   // Completions of the region go to the collector, registered or not.
   void AddRegion(uint32_t fdToken, kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
-  void RemoveRegion(uint32_t fdToken) ORB_EXCLUDES(mapMutex_);
+  // A number of its own for each region; 0 for an unknown token.
+  uint64_t RegionSerial(uint32_t fdToken) ORB_EXCLUDES(mapMutex_);
+  // Nothing if the token names another region by now.
+  void RemoveRegion(uint32_t fdToken, uint64_t serial) ORB_EXCLUDES(mapMutex_);
+  // Forgets all regions. Their tokens and collectors.
+  std::vector<std::pair<uint32_t, Pin>> TakeRegions() ORB_EXCLUDES(mapMutex_);
 
   Pin Find(const std::string& token) ORB_EXCLUDES(mapMutex_);
   Pin FindRegion(uint32_t fdToken) ORB_EXCLUDES(mapMutex_);
@@ -62,6 +67,10 @@ class CollectorRoutes {
   void Forget(kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
 
  private:
+  struct Region {
+    kiv_collector* collector;
+    uint64_t serial;
+  };
   std::vector<Pin> PinAllLocked() ORB_REQUIRES(mapMutex_);
   Pin PinLocked(kiv_collector* collector) ORB_REQUIRES(mapMutex_);
   void Unpin(kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
@@ -69,6 +78,7 @@ class CollectorRoutes {
   orb::Mutex mapMutex_;
   orb::CondVar unpinned_;
   std::map<std::string, kiv_collector*> tokens_ ORB_GUARDED_BY(mapMutex_);
-  std::map<uint32_t, kiv_collector*> regions_ ORB_GUARDED_BY(mapMutex_);
+  std::map<uint32_t, Region> regions_ ORB_GUARDED_BY(mapMutex_);
+  uint64_t last_serial_ ORB_GUARDED_BY(mapMutex_) = 0;
   std::map<kiv_collector*, uint32_t> pins_ ORB_GUARDED_BY(mapMutex_);  // Pinned ones only.
 };

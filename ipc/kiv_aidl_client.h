@@ -12,6 +12,7 @@
 #include <android/binder_auto_utils.h>
 #include <binder/IBinder.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -73,12 +74,14 @@ class kivAIDLClient {
                       uint32_t* fdToken) ORB_EXCLUDES(halConnect_, halMutex_);
 
   // Announces one filled piece of a region. The HAL's result; -1 when it could
-  // not be asked. Never reconnects.
-  virtual int FdWrite(const std::string& token, uint32_t fdToken, const std::string& name,
-                      const std::vector<uint8_t>& header, uint32_t offset, uint32_t size,
-                      CompressType compress) ORB_EXCLUDES(halMutex_);
+  // not be asked. Never reconnects. Reads fdToken after it has the connection: the
+  // token is taken away before there is another, so no other HAL gets to see it.
+  virtual int FdWrite(const std::string& token, const std::atomic<uint32_t>& fdToken,
+                      const std::string& name, const std::vector<uint8_t>& header, uint32_t offset,
+                      uint32_t size, CompressType compress) ORB_EXCLUDES(halMutex_);
 
-  virtual int UnsetFD(const std::string& token, uint32_t fdToken) ORB_EXCLUDES(halMutex_);
+  virtual int UnsetFD(const std::string& token, const std::atomic<uint32_t>& fdToken)
+      ORB_EXCLUDES(halMutex_);
 
   // Removes the collector from both maps and waits until no callback uses it.
   // Call before destroying a collector, with no lock held.
@@ -95,7 +98,8 @@ class kivAIDLClient {
 
   // The HAL died (registered with it; the cookie is not used).
   static void serviceDied(void* cookie);
-  // Forgets the HAL; the next upload or region connects again.
+  // Forgets the HAL and its regions, and tells the collectors of these; the next
+  // upload or region connects again.
   void processLostOrbsyshalConn() ORB_EXCLUDES(halMutex_);
   // Forgets the manager and all tokens, then tells every collector that had one.
   void processLostManagerConn() ORB_EXCLUDES(managerMutex_);

@@ -10,6 +10,7 @@
 
 #include <utility>
 
+#include "collector/kiv_collector.h"
 #include "ipc/kiv_aidl_client.h"
 #include "ipc/orbsyshal_fd_callback.h"
 #include "utility/checked.h"
@@ -45,6 +46,9 @@ void kivAIDLClient::processLostOrbsyshalConn() {
   orb::MutexLock lock(halMutex_);
   lost.deaths = orb::CheckedAdd<uint64_t>(hal_.deaths, 1);
   std::swap(lost, hal_);
+  // All under the lock, because the next HAL may give the same tokens again.
+  if (lost.callback != nullptr) lost.callback->HalDied();
+  for (const auto& [fdToken, collector] : routes_.TakeRegions()) collector->LoseRegion(fdToken);
 }
 
 bool kivAIDLClient::initOrbsyshalHandle() {
@@ -166,18 +170,23 @@ int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, kiv_collect
   return 0;
 }
 
-int kivAIDLClient::FdWrite(const std::string&, uint32_t fdToken, const std::string& name,
-                           const std::vector<uint8_t>& header, uint32_t offset, uint32_t size,
-                           CompressType compress) {
+int kivAIDLClient::FdWrite(const std::string&, const std::atomic<uint32_t>& fdToken,
+                           const std::string& name, const std::vector<uint8_t>& header,
+                           uint32_t offset, uint32_t size, CompressType compress) {
   const Hal hal = CurrentHal();
   if (hal.proxy == nullptr) {
     LOGE("%s: orbsyshal handle is null", "FdWrite");
     return -1;
   }
+  const uint32_t region = fdToken;
+  if (region == kiv_fd_handle_s::kNoToken) {
+    LOGE("%s: region of a HAL that has died", "FdWrite");
+    return -1;
+  }
   const bool known = compress == COMPRESS_TYPE_1 || compress == COMPRESS_TYPE_2;
   int32_t result = -1;
   if (!hal.proxy
-           ->fd_write_to_system_dropbox(name, header, static_cast<int32_t>(fdToken),
+           ->fd_write_to_system_dropbox(name, header, static_cast<int32_t>(region),
                                         static_cast<int32_t>(offset), static_cast<int32_t>(size),
                                         known ? compress : COMPRESS_NONE, &result)
            .isOk()) {
@@ -187,17 +196,25 @@ int kivAIDLClient::FdWrite(const std::string&, uint32_t fdToken, const std::stri
   return result;
 }
 
-int kivAIDLClient::UnsetFD(const std::string&, uint32_t fdToken) {
+int kivAIDLClient::UnsetFD(const std::string&, const std::atomic<uint32_t>& fdToken) {
   const Hal hal = CurrentHal();
   if (hal.proxy == nullptr) {
     LOGE("%s: orbsyshal handle is null", "UnsetFD");
     return -1;
   }
-  const bool told = hal.proxy->unset_fd(static_cast<int32_t>(fdToken)).isOk();
-  if (!told) {
-    LOGE("%s: orbsyshal->unset_fd(%d) HIDL transport error", "UnsetFD", static_cast<int>(fdToken));
+  const uint32_t region = fdToken;
+  if (region == kiv_fd_handle_s::kNoToken) {
+    LOGE("%s: region of a HAL that has died", "UnsetFD");
+    return -1;
   }
-  routes_.RemoveRegion(fdToken);
+  const uint64_t serial = routes_.RegionSerial(region);
+  const bool told = hal.proxy->unset_fd(static_cast<int32_t>(region)).isOk();
+  if (!told) {
+    LOGE("%s: orbsyshal->unset_fd(%d) HIDL transport error", "UnsetFD", static_cast<int>(region));
+  }
+  orb::MutexLock lock(halMutex_);
+  // This HAL, or after its death the next one, may have given the token again already.
+  if (hal_.deaths == hal.deaths) routes_.RemoveRegion(region, serial);
   return told ? 0 : -1;
 }
 

@@ -15,7 +15,8 @@
   const CollectorRoutes::Pin collector =
       client != nullptr ? client->routes().FindRegion(region) : CollectorRoutes::Pin();
   if (collector) {
-    collector->FdWriteDone(region, static_cast<uint32_t>(a), static_cast<uint32_t>(b), c);
+    collector->FdWriteDone(region, static_cast<uint32_t>(a), static_cast<uint32_t>(b), c,
+                           hal_died_);
   } else {
     LOGE("%s - No entry found for fd_token: %s", "fd_write_done", std::to_string(region).c_str());
   }

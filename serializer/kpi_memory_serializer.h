@@ -1,11 +1,11 @@
 // Records go to slots of a shared region that the HAL reads; slot i starts at
 // i * slotSize. States: docs/formats/slots.md.
 //
-//   free -> current (being filled) -> announced -> free (completion, or at
-//   once when the HAL refused)
+//   free -> current (being filled) -> announced -> free (completion, death of
+//   the HAL, or at once when the HAL refused)
 //
 // Life: constructed -> Initialize() -> records and flushes -> Finalize(),
-// which waits for the HAL -> destroyed.
+// which waits for a living HAL -> destroyed.
 //
 // Threads: writers are serialized by writerMutex, which is held while a slot is
 // announced. Completions come on threads of the HAL's binder pool, possibly
@@ -52,8 +52,8 @@ class KPIMemorySerializer : public KPISerializer {
 
   Backlog backlog() override ORB_EXCLUDES(pendingMutex);
 
-  // Announces what is left, waits until the HAL has consumed every slot, for
-  // ever if need be, and closes the channel. The result of closing it.
+  // Announces what is left, waits until the HAL has consumed every slot or has died,
+  // for ever if need be, and closes the channel. The result of closing it.
   int Finalize() override ORB_EXCLUDES(writerMutex);
 
   // What is not announced is lost; so is, as far as is known, what the HAL still has.
@@ -61,6 +61,11 @@ class KPIMemorySerializer : public KPISerializer {
 
   // The HAL has consumed the slot at this byte offset of the region.
   static int WriteDone(kiv_fd_handle_s* handle, uint32_t offset, uint32_t, int);
+
+  // The HAL that has this region died, so it confirms nothing any more: its slots are
+  // free and their records lost. Later completions are ignored; so is a handle that is
+  // no serializer's. Takes leaves only, and does not look into the handle.
+  static void RegionLost(const kiv_fd_handle_s* handle);
 
  private:
   static constexpr uint32_t kNoSlot = 0xFFFFFFFF;
@@ -93,8 +98,13 @@ class KPIMemorySerializer : public KPISerializer {
   // Ends the announcement of the slot at `offset`; ignored unless it is announced.
   int FreeSlot(uint32_t offset, uint32_t, uint32_t) ORB_EXCLUDES(pendingMutex);
   // The same; its records have arrived, or are lost.
-  void EndAnnouncement(uint32_t offset, std::optional<orb::LossCause> lost)
+  void EndAnnouncement(uint32_t slot, std::optional<orb::LossCause> lost)
       ORB_EXCLUDES(pendingMutex);
+  // Nobody waits for the HAL's word on its slots any more.
+  void LoseAnnounced() ORB_EXCLUDES(pendingMutex);
+  // Lets completions find this serializer by its handle, or not any more.
+  void Enlist();
+  void Delist();
   // The slot's name in the ledger.
   std::string ParcelOf(uint32_t slot) const;
   void wait_for_pending_slots() ORB_EXCLUDES(pendingMutex);
@@ -109,6 +119,7 @@ class KPIMemorySerializer : public KPISerializer {
   uint32_t slotCount = 0;
   uint64_t owner = 0;                 // LicSN of all records.
   kiv_fd_handle_s* handle = nullptr;  // Owned from SetFD on.
+  uint32_t regionToken = 0;           // As it was at SetFD, for the ledger.
 
   orb::Mutex writerMutex;
   uint32_t currentSlot ORB_GUARDED_BY(writerMutex) = kNoSlot;

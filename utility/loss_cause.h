@@ -26,7 +26,7 @@ enum class LossCause : uint8_t {
   kHal,          // The HAL was away, or refused the upload, or died in it.
   kNoSlot,       // All slots are with the HAL.
   kSlotRefused,  // The HAL was away when its slot was due, or refused it.
-  kUnconfirmed,  // The HAL took its slot, which was given up before it was confirmed.
+  kUnconfirmed,  // The HAL took its slot, and died or was given up before it confirmed it.
 };
 
 inline constexpr std::array kLossCauseNames = {

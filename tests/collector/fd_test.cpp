@@ -32,7 +32,7 @@ TEST_F(FdTest, CompletionsReachEveryHandleOfTheToken) {
   kiv_fd_handle_s* silent = kiv_set_fd(collector_.get(), 7, 0, 64, nullptr);
   ASSERT_TRUE(first && other && second && silent);
   EXPECT_EQ(client_->Calls()[1], "setupFD 5 16 4096 token-1");
-  second->fdToken = first->fdToken;
+  second->fdToken = first->fdToken.load();
 
   collector_->FdWriteDone(first->fdToken, 1, 2, -3);
   EXPECT_EQ(done, (std::vector<Done>{{first, 1, 2, -3}, {second, 1, 2, -3}}));
@@ -49,6 +49,23 @@ TEST_F(FdTest, CompletionsReachEveryHandleOfTheToken) {
   collector_->FdWriteDone(first->fdToken, 7, 8, 9);
   EXPECT_EQ(done.size(), 3u) << "out of use whatever the status";
   for (kiv_fd_handle_s* handle : {first, other, second, silent}) free(handle);
+}
+
+// Dies as soon as it has taken a region.
+struct DyingHal : FakeAidlClient {
+  int setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
+              uint32_t* fdToken) override {
+    EXPECT_EQ(FakeAidlClient::setupFD(fd, offset, length, collector, fdToken), 0);
+    collector->LoseRegion(*fdToken);
+    return 0;
+  }
+};
+
+TEST_F(FdTest, ARegionWhoseHalDiedMeanwhileIsRefused) {
+  client_ = std::make_shared<DyingHal>();
+  MakeRegistered();
+  EXPECT_EQ(kiv_set_fd(collector_.get(), 5, 0, 64, OnDone), nullptr);
+  ExpectError("SetFD: clientIntf->setupFD failed - -1");
 }
 
 std::function<void(kiv_fd_handle_s*)> on_done;

@@ -146,19 +146,6 @@ void World::Fill(const std::string& folder, bool full) {
 }
 
 // The only way out for a client that waits for slots of a HAL that died.
-void World::ReplaceStuckClient() {
-  const std::string log = stack_.LogOf("client");
-  const std::string text = "nof_slots_sent_pending: ";
-  const size_t at = log.rfind(text);
-  const bool waits = at != std::string::npos && log[at + text.size()] != '0';
-  Expect(waits, "the session does not end, though no slot is pending");
-  if (!waits) DumpStacks(&client_, "client");
-  client_.Signal(SIGKILL);
-  client_.Wait(kPatience);
-  ++replaced_;
-  StartClient();
-}
-
 bool World::CampaignStops(milliseconds patience) {
   return std::all_of(members_.begin(), members_.end(),
                      [&](const Member& member) { return Stops(member, patience); });
@@ -388,8 +375,7 @@ std::string World::Keep() {
 }
 
 std::string World::Summary() const {
-  std::string summary =
-      std::to_string(faults_) + " faults, " + std::to_string(replaced_) + " clients replaced";
+  std::string summary = std::to_string(faults_) + " faults";
   const std::string owner = "owner." + std::to_string(kFirstOwner);
   for (const Member& member : members_) {
     const DumpLines books(member.books);

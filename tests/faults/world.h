@@ -55,7 +55,6 @@ class World {
   void ExpectRunning();
   // The client's threads go on logging, whatever it is that fails.
   void ExpectProgress();
-  void ReplaceStuckClient();
   // A file system of its own in place of a folder.
   void MountDisk(const std::string& folder);
   // Leaves no room on it; with false, gives the room back.
@@ -107,7 +106,6 @@ class World {
   std::vector<std::string> mounts_;
   uint64_t phase_ = 0;
   uint64_t faults_ = 0;
-  int replaced_ = 0;
 };
 
 }  // namespace orb::test

@@ -13,6 +13,7 @@
 
 #include "ipc/orbsyshal_fd_callback.h"
 #include "proto/ltc_campaign.pb.h"
+#include "serializer/kpi_memory_serializer.h"
 #include "tests/ipc/client_fixture.h"
 #include "tests/ipc/fake_hal.h"
 #include "utility/unique_fd.h"
@@ -279,8 +280,10 @@ TEST_F(HalClientTest, RegionsNeedNoTokenToFindTheirCollector) {
   ASSERT_NE(late, nullptr);
   EXPECT_TRUE(hal_->Complete(2, 20, 0, 0));
   EXPECT_EQ(seen, (std::vector<uint32_t>{10, 20}));
-  free(early);
-  free(late);
+  for (kiv_fd_handle_s* handle : {early, late}) {
+    kiv_unset_fd(handle);
+    free(handle);
+  }
 }
 
 // The manager ends a session and starts one, with an upload each, before it
@@ -368,6 +371,39 @@ TEST_F(HalClientTest, ReconnectsAfterTheHalsDeath) {
   EXPECT_EQ(hal_->Taken(), Lines());
   EXPECT_EQ(Send({1}, {2}, {}), 0);
   EXPECT_EQ(Announce(1), FakeHal::kRefused);
+}
+
+// The next HAL gives its tokens again, to other regions.
+TEST_F(HalClientTest, ADeadHalsRegionsAreLostAndItsTokensForgotten) {
+  StartManager();
+  StartHal();
+  kiv_collector* const radio = Register("radio");
+  ASSERT_NE(radio, nullptr);
+  KPIMemorySerializer slots;
+  ASSERT_EQ(slots.Initialize(64, 4, radio), 0);
+  kiv_fd_handle_s* const stale = kiv_set_fd(radio, fd_.get(), 0, 64, nullptr);
+  ASSERT_NE(stale, nullptr);
+  EXPECT_EQ(slots.WriteBuf(reinterpret_cast<const uint8_t*>("a"), 1), 0);
+  auto finalized = std::async(std::launch::async, [&] { return slots.Finalize(); });
+  ASSERT_TRUE(log_.WaitFor("nof_slots_sent_pending: 1 before waiting"));
+  const std::shared_ptr<FakeHal> dead = hal_;
+  KillHal();
+  EXPECT_EQ(finalized.get(), -1) << "there is no HAL to tell of the end";
+  EXPECT_EQ(radio->ledger().Copy().owners.at(0).lost[orb::LossCause::kUnconfirmed].events, 1u);
+
+  StartHal();
+  int completions = 0;
+  on_complete = [&](auto...) { ++completions; };
+  kiv_fd_handle_s* const successors[] = {NewRegion(), NewRegion()};
+  EXPECT_TRUE(dead->Complete(1, 0, 0, 0) && dead->Complete(2, 0, 0, 0));
+  EXPECT_EQ(completions, 0) << "a late completion, for a region of before";
+  EXPECT_EQ(kiv_log_fd_buf(stale, 0, 0, 1), -1);
+  EXPECT_EQ(kiv_unset_fd(stale), -1);
+  EXPECT_EQ(hal_->Taken(), (Lines{"set_fd 0 64", "set_fd 0 64"}));
+  EXPECT_TRUE(hal_->Complete(2, 0, 0, 0));
+  EXPECT_EQ(completions, 1);
+  for (kiv_fd_handle_s* handle : successors) EXPECT_EQ(kiv_unset_fd(handle), 0);
+  for (kiv_fd_handle_s* handle : {stale, successors[0], successors[1]}) free(handle);
 }
 
 using HalClientDeathTest = HalClientTest;

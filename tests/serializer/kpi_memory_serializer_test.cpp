@@ -211,6 +211,24 @@ TEST_F(MemorySerializerTest, FinalizeWaitsForTheHal) {
   }
 }
 
+TEST_F(MemorySerializerTest, AHalThatDiedConfirmsNothing) {
+  Open(3);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(Log(full_), 0);
+  const uint32_t token = hal_->Slots()[0].fdToken;
+  hal_->Complete(0);
+  collector_->LoseRegion(token);
+  collector_->FdWriteDone(token, kSlotBytes, kSlotBytes, 0);  // Late, for slot 1.
+  EXPECT_EQ(Log(full_), -1) << "the slot before is lost: there is no HAL for this region";
+  ExpectError("SendSlot failed - dropping data");
+  EXPECT_EQ(slots_->Finalize(), 0) << "and waits for nobody";
+  const OwnerBook book = collector_->ledger().Copy().owners.at(0);
+  EXPECT_EQ(book.sent.events, 1u);
+  EXPECT_EQ(book.lost[LossCause::kUnconfirmed].events, 1u);
+  EXPECT_EQ(book.lost[LossCause::kSlotRefused].events, 2u);
+  EXPECT_TRUE(book.under_way.empty());
+  ExpectInfo("KPIMemorySerializer::Finalize: current slot usage 0x0");
+}
+
 // A refused one announces nothing, and so draws no number; an empty slot is never announced.
 TEST_F(MemorySerializerTest, LongRecordsStayInsideTheRegion) {
   Open(3);

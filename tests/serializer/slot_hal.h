@@ -34,12 +34,12 @@ class SlotHal : public FakeAidlClient {
     return result;
   }
 
-  int FdWrite(const std::string& token, uint32_t fdToken, const std::string& name,
-              const std::vector<uint8_t>& header, uint32_t offset, uint32_t size,
-              CompressType compress) override {
+  int FdWrite(const std::string& token, const std::atomic<uint32_t>& fdToken,
+              const std::string& name, const std::vector<uint8_t>& header, uint32_t offset,
+              uint32_t size, CompressType compress) override {
     const int result =
         FakeAidlClient::FdWrite(token, fdToken, name, header, offset, size, compress);
-    if (result != 0) return result;
+    if (result != 0 || fdToken == kiv_fd_handle_s::kNoToken) return result != 0 ? result : -1;
     std::string bytes(size, '?');
     {
       MutexLock lock(mutex_);
@@ -50,7 +50,7 @@ class SlotHal : public FakeAidlClient {
     return result;
   }
 
-  int UnsetFD(const std::string& token, uint32_t fdToken) override {
+  int UnsetFD(const std::string& token, const std::atomic<uint32_t>& fdToken) override {
     MutexLock lock(mutex_);
     regions_.erase(fdToken);
     return FakeAidlClient::UnsetFD(token, fdToken);

@@ -101,15 +101,16 @@ class FakeAidlClient : public kivAIDLClient {
     if (result == 0) *fdToken = next_region_++;
     return result;
   }
-  int FdWrite(const std::string& token, uint32_t fdToken, const std::string& name,
-              const Bytes& header, uint32_t offset, uint32_t size, CompressType compress) override {
+  int FdWrite(const std::string& token, const std::atomic<uint32_t>& fdToken,
+              const std::string& name, const Bytes& header, uint32_t offset, uint32_t size,
+              CompressType compress) override {
     {
       MutexLock lock(mutex_);
       pieces_.push_back({token, fdToken, name, header, offset, size, compress});
     }
     return Call("FdWrite " + std::to_string(fdToken));
   }
-  int UnsetFD(const std::string& token, uint32_t fdToken) override {
+  int UnsetFD(const std::string& token, const std::atomic<uint32_t>& fdToken) override {
     return Call("UnsetFD " + token + " " + std::to_string(fdToken));
   }
   void forgetCollector(kiv_collector*) override { Call("forgetCollector "); }

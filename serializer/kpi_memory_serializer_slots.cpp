@@ -1,0 +1,231 @@
+// The slots of the region: taken, announced and given back.
+// Tested by tests/serializer/kpi_memory_serializer_test.cpp.
+#include <algorithm>
+#include <bit>
+#include <ctime>
+#include <map>
+#include <string>
+
+#include "collector/clock.h"
+#include "collector/kiv_collector.h"
+#include "serializer/kpi_memory_serializer.h"
+#include "utility/checked.h"
+#include "utility/log.h"
+
+using orb::LossCause;
+
+namespace {
+
+constexpr uint32_t kUsableSlots = 31;  // See GetNewSlot.
+
+unsigned long long MonotonicMs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<unsigned long long>(now.tv_sec) * 1000 +
+         static_cast<unsigned long long>(now.tv_nsec) / 1000000;
+}
+
+uint64_t BitOf(uint32_t slot) { return uint64_t{1} << slot; }
+
+// Which serializer a completion is for. An entry stays until its serializer is
+// done with the region, and is used only under the mutex, so no completion
+// meets a serializer that is gone. Never destroyed: completions may come until
+// the process ends.
+struct Serializers {
+  orb::Mutex mutex;
+  std::map<const kiv_fd_handle_s*, KPIMemorySerializer*> by_handle ORB_GUARDED_BY(mutex);
+};
+
+Serializers& AllSerializers() {
+  static auto* all = new Serializers;
+  return *all;
+}
+
+}  // namespace
+
+int KPIMemorySerializer::GetNewSlot() {
+  const uint64_t mask = slotMask;
+  LOGE("SLOT_USAGE: %x", static_cast<unsigned int>(mask));
+  // The lowest free slot as a bit. In 32 bits, as receivers and logs know it:
+  // slots 31 and above are never handed out.
+  const auto n = static_cast<int32_t>(orb::CheckedAdd<uint64_t>(mask, 1) & ~mask);
+  LOGE("SLOT_USAGE: n %d", n);
+  if (n < 1) {
+    LOGE("%s::%s: Failed to get free slot", name, "GetNewSlot");
+    return -2;
+  }
+  const auto slot = static_cast<uint32_t>(__builtin_ctz(static_cast<uint32_t>(n)));
+  LOGE("SLOT_USAGE: slot %d", static_cast<int>(slot));
+  if (slot >= slotCount) {
+    LOGE("%s::%s: Failed to get free slot", name, "GetNewSlot");
+    return -2;
+  }
+  LOGI("%s::%s: Free Slot found %d", name, "GetNewSlot", static_cast<int>(slot));
+  currentSlot = slot;
+  slotStartMs = veskstats_real_time_ms();
+  currentPtr = base + size_t{slot} * slotSize;
+  bytesWritten = 0;
+  currentSent = false;
+  slotMask.fetch_or(BitOf(slot));
+  return 0;
+}
+
+int KPIMemorySerializer::MakeRoom(uint32_t len, uint64_t samples, const char* operation,
+                                  int* sent) {
+  const bool filling = currentSlot != kNoSlot && !currentSent;
+  if (filling && orb::CheckedAdd<uint32_t>(bytesWritten, len) <= slotSize) return 0;
+  const bool empty = filling && bytesWritten == 0;
+  if (empty && len <= RegionBytesFrom(currentSlot)) return 0;
+  // A record longer than a slot needs the slots behind it, too. Only completions
+  // change the mask meanwhile, and they can only make a lower slot the lowest free one.
+  const uint32_t next = LowestFreeSlot(empty ? slotMask & ~BitOf(currentSlot) : slotMask.load());
+  if (len > slotSize && next != kNoSlot && len > RegionBytesFrom(next)) {
+    LOGE("%s::%s: record of %u bytes does not fit", name, operation, len);
+    BookLoss(LossCause::kOversize, len, samples);
+    return -1;
+  }
+  bool ready = len <= slotSize || next != kNoSlot;
+  if (ready) {
+    if (empty) {
+      FreeSlot(static_cast<int>(currentSlot));
+    } else if (filling) {
+      *sent = SendCurrent();
+      if (*sent < 0) LOGE("%s::%s: SendSlot failed", name, operation);
+    }
+    ready = GetNewSlot() == 0;
+  }
+  if (ready) return 0;
+  LOGE("%s::%s: Failed to get free slot", name, operation);
+  BookLoss(LossCause::kNoSlot, len, samples);
+  return -1;
+}
+
+uint32_t KPIMemorySerializer::LowestFreeSlot(uint64_t taken) const {
+  const auto lowest = static_cast<uint32_t>(std::countr_one(taken));
+  return lowest < std::min(slotCount, kUsableSlots) ? lowest : kNoSlot;
+}
+
+uint64_t KPIMemorySerializer::RegionBytesFrom(uint32_t slot) const {
+  return totalSize - uint64_t{slot} * slotSize;
+}
+
+void KPIMemorySerializer::BookLoss(LossCause cause, uint64_t bytes, uint64_t samples) const {
+  collector->ledger().Lost(owner, cause, {1, samples, bytes});
+}
+
+void KPIMemorySerializer::RecordWritten(uint32_t len, uint64_t samples, const char* operation) {
+  bytesWritten = orb::CheckedAdd<uint32_t>(bytesWritten, len);
+  const auto add = [](std::atomic<uint64_t>* to, uint64_t more) {
+    to->store(orb::CheckedAdd<uint64_t>(to->load(std::memory_order_relaxed), more),
+              std::memory_order_relaxed);
+  };
+  add(&currentRecords, 1);
+  add(&currentSamples, samples);
+  add(&currentBytes, len);
+  LOGD("%s::%s: curr_slot_ptr %p curr_bytes_written %d size %d fd_buf_ptr %p", name, operation,
+       static_cast<void*>(currentPtr), static_cast<int>(bytesWritten), static_cast<int>(len),
+       static_cast<void*>(base));
+}
+
+int KPIMemorySerializer::SendCurrent() {
+  const int result = SendSlot(static_cast<int>(currentSlot), static_cast<int>(bytesWritten));
+  if (result == 0) {
+    currentSent = true;
+  } else {
+    currentSlot = kNoSlot;
+  }
+  return result;
+}
+
+int KPIMemorySerializer::SendSlot(int slot, int size) {
+  LOGI("LTC-Profiling: Send Slot %d Size: %d Timestamp: %llu", slot, size, MonotonicMs());
+  const uint32_t offset = orb::CheckedCast<uint32_t>(static_cast<uint64_t>(slot) * slotSize);
+  // Counted before it is announced: the completion may be faster than the answer.
+  {
+    orb::MutexLock lock(pendingMutex);
+    pendingCount = orb::CheckedAdd<uint32_t>(pendingCount, 1);
+    pendingMax = std::max(pendingMax, pendingCount);
+  }
+  collector->ledger().Written(owner, TakeCurrent());
+  collector->ledger().Close(owner, ParcelOf(static_cast<uint32_t>(slot)));
+  announced.fetch_or(BitOf(static_cast<uint32_t>(slot)));
+  const int result = collector->FdWrite(handle->fdToken, 0, offset, static_cast<uint32_t>(size));
+  if (result != 0) {
+    LOGE("SendSlot failed - dropping data");
+    EndAnnouncement(static_cast<uint32_t>(slot), LossCause::kSlotRefused);
+  }
+  return result;
+}
+
+int KPIMemorySerializer::WriteDone(kiv_fd_handle_s* handle, uint32_t offset, uint32_t x, int y) {
+  Serializers& all = AllSerializers();
+  orb::MutexLock lock(all.mutex);
+  const auto it = all.by_handle.find(handle);
+  if (it != all.by_handle.end()) it->second->FreeSlot(offset, x, static_cast<uint32_t>(y));
+  return 0;
+}
+
+void KPIMemorySerializer::RegionLost(const kiv_fd_handle_s* handle) {
+  Serializers& all = AllSerializers();
+  orb::MutexLock lock(all.mutex);
+  const auto it = all.by_handle.find(handle);
+  if (it == all.by_handle.end()) return;
+  KPIMemorySerializer* const serializer = it->second;
+  // First: a completion that is on its way could meet a slot in its next use.
+  all.by_handle.erase(it);
+  // What is announced after this is refused, since the handle has lost its token.
+  serializer->LoseAnnounced();
+}
+
+void KPIMemorySerializer::LoseAnnounced() {
+  const uint64_t at_hal = announced;
+  for (uint32_t slot = 0; slot < kUsableSlots; ++slot) {
+    if ((at_hal & BitOf(slot)) != 0) EndAnnouncement(slot, LossCause::kUnconfirmed);
+  }
+}
+
+void KPIMemorySerializer::Enlist() {
+  Serializers& all = AllSerializers();
+  orb::MutexLock lock(all.mutex);
+  all.by_handle[handle] = this;
+}
+
+void KPIMemorySerializer::Delist() {
+  Serializers& all = AllSerializers();
+  orb::MutexLock lock(all.mutex);
+  all.by_handle.erase(handle);
+}
+
+int KPIMemorySerializer::FreeSlot(int slot) {
+  LOGI("LTC-Profiling: Free Slot %d Timestamp: %llu", slot, MonotonicMs());
+  slotMask.fetch_and(~BitOf(static_cast<uint32_t>(slot)));
+  return 0;
+}
+
+int KPIMemorySerializer::FreeSlot(uint32_t offset, uint32_t, uint32_t) {
+  if (slotSize != 0) EndAnnouncement(offset / slotSize, std::nullopt);
+  return 0;
+}
+
+void KPIMemorySerializer::EndAnnouncement(uint32_t slot, std::optional<LossCause> lost) {
+  if (slot >= slotCount) return;
+  LOGI("LTC-Profiling: Free Slot %d Timestamp: %llu", static_cast<int>(slot), MonotonicMs());
+  // One caller per announcement gets past this: a second completion must not
+  // free a slot that is being filled again.
+  const uint64_t bit = BitOf(slot);
+  if ((announced.fetch_and(~bit) & bit) == 0) return;
+  // Before the slot can be filled again, and before the session can end.
+  collector->ledger().Settle(ParcelOf(slot), lost);
+  slotMask.fetch_and(~bit);
+  orb::MutexLock lock(pendingMutex);
+  pendingCount = orb::CheckedSub<uint32_t>(pendingCount, 1);
+  pendingCv.NotifyAll();
+}
+
+Tally KPIMemorySerializer::TakeCurrent() {
+  return {currentRecords.exchange(0), currentSamples.exchange(0), currentBytes.exchange(0)};
+}
+
+std::string KPIMemorySerializer::ParcelOf(uint32_t slot) const {
+  return "region " + std::to_string(regionToken) + " slot " + std::to_string(slot);
+}
