@@ -141,6 +141,53 @@ TEST_F(SimTest, WindowsCloseByTheTimeOfTheLoad) {
   }
 }
 
+// Two windows are written; the third adds up to 3,037,000,500, whose square is too
+// large once the window closes.
+TEST_F(SimTest, OverflowIsAFinding) {
+  const char kGauge[] = R"(
+    threshold_size: 4096
+    kpi_cfgs { kpi_id: 7 type: KPI_NUMERIC sub_type: GAUGE sample_window: 10
+               g_cfg { report_stdev: true } }
+    lic_sn_kpi_maps { lic_sn: 42 kpi_ids: 7 })";
+  const std::string load = "time,kpi,value\n0,7,5*10\n1,7,6*10\n2,7,303700050*10\n";
+  const struct {
+    std::string load;
+    const char* options;
+    json overflow;
+  } kCases[] = {
+      {load + "3,7,-1\n4,7,1\n",
+       "",
+       {{"kpis", {7}}, {"at_s", 3.0}, {"line", 5}, {"value", -1}, {"sample", 31}}},
+      {load + "3,7,-1\n4,7,1\n",
+       "--slots 4x256",
+       {{"kpis", {7}}, {"at_s", 3.0}, {"line", 5}, {"value", -1}, {"sample", 31}}},
+      {load, "", {{"kpis", {7}}, {"at_s", {}}, {"line", {}}, {"value", {}}, {"sample", {}}}},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.load + c.options);
+    const CommandResult result = Sim(kGauge, c.load, c.options);
+    EXPECT_EQ(result.exit_code, 1);
+    EXPECT_THAT(result.err, HasSubstr("KPI 7"));
+    const json report = json::parse(result.out, nullptr, false);
+    EXPECT_EQ(report["overflow"], c.overflow);
+    EXPECT_EQ(report["samples"]["accepted"], 30);
+    // What was written until then is there, and the log to its last line.
+    const std::string log = orb::test::ReadFileOrEmpty(out_ + "/library.log");
+    EXPECT_THAT(log, HasSubstr("MGR registration succeeded"));
+    EXPECT_EQ(log.back(), '\n');
+    if (*c.options != '\0') continue;  // The slot that is open goes with the client.
+    const auto records = orb::test::JsonLines(
+        Ctl({"decode", "--salvage", "--json", out_ + "/data/client-42.tmp"}, "").out);
+    EXPECT_EQ(std::count_if(records.begin(), records.end(),
+                            [](const json& line) { return line.contains("kpi_id"); }),
+              2);
+  }
+  const CommandResult lost = Sim(kGauge, load + "9,7,1\n", "--fault manager-dead@5s");
+  EXPECT_EQ(lost.exit_code, 1);
+  EXPECT_THAT(lost.err, HasSubstr("when the lost manager's session ends"));
+  EXPECT_TRUE(Report(Sim(kGauge, "time,kpi,value\n0,7,303700049*10\n"))["overflow"].is_null());
+}
+
 TEST_F(SimTest, SealsForTheOwnerOfAKey) {
   ASSERT_EQ(Ctl({"key", "new", Path("key")}, "").exit_code, 0);
   std::string sealed = kBlobs;

@@ -127,6 +127,11 @@ void LibraryLog::CountRecord(const std::string& text) {
   }
 }
 
+void LibraryLog::Flush() {
+  MutexLock lock(mutex_);
+  (void)fflush(file_.get());
+}
+
 uint64_t LibraryLog::Count(const std::string& text) const {
   MutexLock lock(mutex_);
   uint64_t count = 0;

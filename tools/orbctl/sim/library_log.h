@@ -34,6 +34,8 @@ class LibraryLog {
   static std::unique_ptr<LibraryLog> Open(const std::string& path, std::string* error);
   ~LibraryLog();
 
+  // Writes out what the file's buffer holds.
+  void Flush() ORB_EXCLUDES(mutex_);
   // Lines with this text in them, of any priority.
   uint64_t Count(const std::string& text) const ORB_EXCLUDES(mutex_);
   // Records that the library took in hand for an owner's file, and those of

@@ -75,7 +75,7 @@ class Reader {
   explicit Reader(Load* load) : load_(*load) {}
 
   // Null when the line is good.
-  Reason Line(std::string_view line) {
+  Reason Line(std::string_view line, size_t number) {
     if (line.empty() || line.front() == '#') return nullptr;
     if (!header_seen_) {
       header_seen_ = line == kHeader;
@@ -97,6 +97,7 @@ class Reader {
         return "kpi is a number of up to 32 bits";
       load_.samples += item.call == LoadCall::kLog ? item.b : 1;
     }
+    item.line = static_cast<uint32_t>(number);
     load_.items.push_back(item);
     return nullptr;
   }
@@ -144,7 +145,7 @@ bool ReadLoad(const std::string& path, Load* load, std::string* error) {
   std::string_view rest = content;
   for (size_t number = 1; !rest.empty(); ++number) {
     const size_t end = rest.find('\n');
-    if (const Reason reason = reader.Line(Trim(rest.substr(0, end)))) {
+    if (const Reason reason = reader.Line(Trim(rest.substr(0, end)), number)) {
       *error = fmt::format("{}:{}: {}", file, number, reason);
       return false;
     }

@@ -26,6 +26,7 @@ struct LoadItem {
   uint32_t a = 0;  // The value; a state's first number; a blob's index in Load::blobs.
   uint32_t b = 0;  // How often the value is logged; a state's second number.
   LoadCall call = LoadCall::kLog;
+  uint32_t line = 0;  // Of the file, from 1.
 };
 
 struct Load {

@@ -2,7 +2,9 @@
 #include "tools/orbctl/sim/sim_command.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -12,6 +14,7 @@
 #include "tools/orbctl/number.h"
 #include "tools/orbctl/output.h"
 #include "tools/orbctl/private_keys.h"
+#include "tools/orbctl/sim/abort_watch.h"
 #include "tools/orbctl/sim/trial_report.h"
 
 namespace orb::orbctl {
@@ -92,6 +95,29 @@ bool ReadInput(const SimCommand& command, const std::vector<LicOption>& lics,
   return !ec;
 }
 
+// Whether the abort was a sum's: only calls that log numbers, and the end of a session,
+// add up.
+bool Overflowed(const Trial& trial, RunEnd end) {
+  return end == RunEnd::kAborted && (trial.current() != nullptr || trial.phase() == Phase::kEnding);
+}
+
+// A client that lost its manager ends its session on a thread of the library, while the
+// load goes on: then nothing stands still that could be counted.
+bool EndedBesideTheLoad(const TrialInput& input, RunEnd end) {
+  return end == RunEnd::kAbortedBeside &&
+         std::any_of(input.faults.begin(), input.faults.end(),
+                     [](const FaultSpan& span) { return span.fault == Fault::kManagerDead; });
+}
+
+// Threads of the library hold locks for ever: nothing can be taken down.
+[[noreturn]] void Leave(const std::string& overflow, std::ostream* out) {
+  out->flush();
+  PrintError(overflow +
+             ": a sum of its window does not fit, and the client ends there; `orbctl campaign "
+             "lint` tells the largest safe values");
+  _exit(kFailed);
+}
+
 }  // namespace
 
 int SimCommand::Run(std::ostream& out) const {
@@ -122,8 +148,20 @@ int SimCommand::Run(std::ostream& out) const {
 
   const auto began = std::chrono::steady_clock::now();
   Trial trial(input, services.get(), log.get());
+  bool begun = false;
   int32_t result = 0;
-  if (!trial.Begin(factor, &result, &error)) {
+  const RunEnd end = RunWatched([&] {
+    begun = trial.Begin(factor, &result, &error);
+    if (!begun) return;
+    trial.Run();
+    trial.End();
+  });
+  if (end != RunEnd::kReturned) {
+    log->Flush();
+    if (EndedBesideTheLoad(input, end)) Leave("a KPI when the lost manager's session ends", &out);
+    if (!Overflowed(trial, end)) abort();  // Not by a sum: a fault of the library's, or of ours.
+    trial.Abandon();
+  } else if (!begun) {
     PrintError(error);
     if (result != 0) {
       ExplainRefusal(campaign, Conf::Get(), input.slots > 0);
@@ -131,18 +169,19 @@ int SimCommand::Run(std::ostream& out) const {
     }
     return kFailed;
   }
-  trial.Run();
-  trial.End();
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
 
   TrialReport report(campaign, input);
-  if (!report.Collect(trial, *log, directory + "/spool", keys, &error)) return Fail(error);
+  const bool collected = report.Collect(trial, *log, directory + "/spool", keys, &error);
+  if (!collected) PrintError(error);
   report.offered = services->hal().asked;
   report.stored = services->hal().accepted;
   report.took_s = took.count();
   report.directory = directory;
-  json ? report.PrintJson(out) : report.PrintText(out);
-  return kOk;
+  if (end != RunEnd::kReturned) report.AddOverflow(trial);
+  if (collected) json ? report.PrintJson(out) : report.PrintText(out);
+  if (report.overflow()) Leave(report.overflow()->ToText(), &out);
+  return collected ? kOk : kFailed;
 }
 
 void AddSim(CLI::App* app, SimCommand* command, int* code) {

@@ -122,6 +122,7 @@ bool Trial::Begin(double factor, int32_t* result, std::string* error) {
 void Trial::Run() {
   const std::vector<LoadItem>& items = input_.load.items;
   Progress progress(items.back().time);
+  phase_ = Phase::kLogging;
   auto edge = edges_.begin();
   for (auto item = items.begin(); item != items.end();) {
     const SimClock::Time time = item->time;
@@ -139,6 +140,7 @@ void Trial::Run() {
 
 void Trial::End() {
   if (collector_ == nullptr) return;
+  phase_ = Phase::kEnding;
   clock_.RunFreely();
   // What kiv_deregister does; the books go with the collector.
   collector_->DeRegister();
@@ -147,6 +149,12 @@ void Trial::End() {
   delete collector_;
   collector_ = nullptr;
   SetFullDisk("");
+}
+
+void Trial::Abandon() {
+  Settle();
+  books_ = collector_->ledger().Copy();
+  collector_ = nullptr;
 }
 
 void Trial::AdvanceTo(SimClock::Time time) {
@@ -243,9 +251,11 @@ void Trial::Feed(const LoadItem& item) {
                                 static_cast<uint32_t>(blob.size())));
     }
     case LoadCall::kLog:
+      current_ = &item;
       for (uint32_t i = 0; i < item.b; ++i) {
         Count(item, kiv_log(collector_, item.kpi, item.a));
       }
+      current_ = nullptr;
       return;
   }
 }

@@ -37,7 +37,10 @@ struct CallTally {
   uint64_t refused = 0;  // Answered -1 or -2.
 };
 
-// Driver only. All arguments are borrowed.
+// What the library did when it ended the process.
+enum class Phase { kBeginning, kLogging, kEnding };
+
+// Driver only, unless it says otherwise. All arguments are borrowed.
 class Trial {
  public:
   Trial(const TrialInput& input, SimServices* services, LibraryLog* log);
@@ -53,8 +56,17 @@ class Trial {
   // Ends the session, and de-registers the client.
   void End();
 
+  // For another thread, once the driver stands still in a call of the library, which
+  // it will never leave: waits until the library's other threads are done with what
+  // they have. The client stays registered, and is never freed.
+  void Abandon();
+
   const std::map<uint32_t, CallTally>& calls() const { return calls_; }
   size_t queue_max() const { return queue_max_; }
+  // How far the trial got; while logging, with the item that is being logged, or null
+  // between two.
+  Phase phase() const { return phase_; }
+  const LoadItem* current() const { return current_; }
   // The library's own account; after End().
   const Books& books() const { return books_; }
 
@@ -85,6 +97,8 @@ class Trial {
   std::vector<Edge> edges_;  // In order of time.
   std::map<uint32_t, CallTally> calls_;
   size_t queue_max_ = 0;
+  Phase phase_ = Phase::kBeginning;
+  const LoadItem* current_ = nullptr;
   Books books_;
 
   // Of a client that lost its manager.

@@ -62,6 +62,26 @@ bool TrialReport::Collect(const Trial& trial, const LibraryLog& log, const std::
   return true;
 }
 
+// The end of a session closes every window that is open; which one it was at, nobody
+// says. Only these statistics multiply sums then.
+void TrialReport::AddOverflow(const Trial& trial) {
+  Overflow& overflow = overflow_.emplace();
+  overflow.item = trial.current();
+  if (overflow.item != nullptr) {
+    overflow.kpis = {overflow.item->kpi};
+    overflow.sample = calls_[overflow.item->kpi].logged + 1;
+    return;
+  }
+  for (const auto& [kpi, tally] : calls_) {
+    const GaugeConfig& selected = kpis_[kpi].g_cfg();
+    if (tally.accepted > 0 && IsGauge(kpi) &&
+        (selected.report_stdev() || selected.report_variance() || selected.report_slope() ||
+         selected.report_offset())) {
+      overflow.kpis.push_back(kpi);
+    }
+  }
+}
+
 void TrialReport::CountUpload(const std::string& path, const Upload& upload, uint64_t bytes) {
   OwnerTally& owner = owners_[upload.header.lic_sn];
   ++owner.uploads;

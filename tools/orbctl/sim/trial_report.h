@@ -44,6 +44,17 @@ struct OwnerTally {
   uint64_t samples() const;  // Gauges left out, too.
 };
 
+// A sum of a window did not fit: on a device the client ends there.
+struct Overflow {
+  std::vector<uint32_t> kpis;  // One, unless several may have been it.
+  // The sample that was being logged; null as the session ended.
+  const LoadItem* item = nullptr;
+  uint64_t sample = 0;  // Which of its KPI's samples that is, from 1.
+
+  // One line for people.
+  std::string ToText() const;
+};
+
 class TrialReport {
  public:
   TrialReport(const LTCCampaignDef& campaign, const TrialInput& input);
@@ -51,6 +62,10 @@ class TrialReport {
   // After the trial's end. False with *error when the spool cannot be read.
   bool Collect(const Trial& trial, const LibraryLog& log, const std::string& spool,
                const std::vector<PrivateKey>& keys, std::string* error);
+
+  // After Collect, of a trial that the library ended.
+  void AddOverflow(const Trial& trial);
+  const std::optional<Overflow>& overflow() const { return overflow_; }
 
   void PrintText(std::ostream& out) const;
   void PrintJson(std::ostream& out) const;
@@ -76,6 +91,7 @@ class TrialReport {
   std::map<uint32_t, CallTally> calls_;
   std::vector<LibraryLog::Message> problems_;
   size_t queue_max_ = 0;
+  std::optional<Overflow> overflow_;
 };
 
 }  // namespace orb::orbctl

@@ -71,13 +71,36 @@ Json ToJson(uint64_t lic_sn, const OwnerTally& owner) {
           {"kpis", kpis}};
 }
 
+Json ToJson(const Overflow& overflow) {
+  Json json = {{"kpis", overflow.kpis},
+               {"at_s", nullptr},
+               {"line", nullptr},
+               {"value", nullptr},
+               {"sample", nullptr}};
+  if (const LoadItem* item = overflow.item) {
+    json["at_s"] = Seconds(item->time);
+    json["line"] = item->line;
+    json["value"] = static_cast<int32_t>(item->a);
+    json["sample"] = overflow.sample;
+  }
+  return json;
+}
+
 }  // namespace
+
+std::string Overflow::ToText() const {
+  std::string text = fmt::format("KPI {}", fmt::join(kpis, " or "));
+  if (item == nullptr) return text + " when the session ends";
+  return text + fmt::format(" at {:.3f} s: line {} of the load, value {}, sample {} of the KPI",
+                            Seconds(item->time), item->line, static_cast<int32_t>(item->a), sample);
+}
 
 void TrialReport::PrintText(std::ostream& out) const {
   const CallTally all = AllCalls();
   out << fmt::format("campaign {} on {}: {:.3f} s of load in {:.2f} s\n", input_.config.campId,
                      input_.client, LoadSeconds(), took_s);
   for (const FaultSpan& span : input_.faults) out << fmt::format("fault    {}\n", span.text);
+  if (overflow_) out << fmt::format("overflow {}; the client ends there\n", overflow_->ToText());
   out << fmt::format("samples  {} logged, {} accepted, {} refused\n", all.logged, all.accepted,
                      all.refused);
   out << fmt::format("uploads  {} reached the HAL, {} stored\n", offered, stored);
@@ -112,6 +135,10 @@ void TrialReport::PrintText(std::ostream& out) const {
                        Letter(message.priority), message.tag, message.text);
   }
   out << fmt::format("\n{0}/spool holds the uploads, {0}/library.log the log\n", directory);
+  if (overflow_) {
+    out << fmt::format("{}/data holds what was not sent yet; the next start of a client sends it\n",
+                       directory);
+  }
 }
 
 void TrialReport::PrintJson(std::ostream& out) const {
@@ -123,6 +150,7 @@ void TrialReport::PrintJson(std::ostream& out) const {
       {"took_s", took_s},
       {"samples", {{"logged", all.logged}, {"accepted", all.accepted}, {"refused", all.refused}}},
       {"uploads", {{"offered", offered}, {"stored", stored}}}};
+  report["overflow"] = overflow_ ? ToJson(*overflow_) : Json();
   report["queue_max"] = input_.slots == 0 ? Json(queue_max_) : Json();
   report["faults"] = Json::array();
   for (const FaultSpan& span : input_.faults) {
