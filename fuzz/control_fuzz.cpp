@@ -53,7 +53,7 @@ void Request(uint32_t code, Input* input) {
   Parcel reply;
   data.writeInterfaceToken(IOrbControl::descriptor);
   orb::fuzz::AppendRaw(input, &data);
-  service->transact(android::IBinder::FIRST_CALL_TRANSACTION + code % 7, data, &reply);
+  service->transact(android::IBinder::FIRST_CALL_TRANSACTION + code % 8, data, &reply);
 
   // Whatever that did, the manager goes on and knows its client.
   const std::vector<ClientRecord> records = manager->ListClients();

@@ -98,7 +98,7 @@ bool CampaignManager::Register(const KIVClientInfo& info, const sp<IKIVCallback>
   if (former != nullptr) {
     LOGW("client %s registers again: its former registration is forgotten",
          info.clientName.c_str());
-    Deregister(former->token);
+    Forget(former);
   }
   {
     MutexLock lock(mutex_);
@@ -122,17 +122,48 @@ bool CampaignManager::Register(const KIVClientInfo& info, const sp<IKIVCallback>
   return true;
 }
 
+// One that is dead was not seen to die yet. One that lives may be a second process of
+// the name: that says nothing about its campaign.
+void CampaignManager::Forget(const Client& former) {
+  if (!IInterface::asBinder(former->callback)->isBinderAlive()) return ClientDied(former->token);
+  if (Take(former->token) == nullptr) return;
+  IInterface::asBinder(former->callback)->unlinkToDeath(former->death);
+  LOGI("client %s deregistered", former->name.c_str());
+}
+
 bool CampaignManager::Deregister(const std::string& token) {
   const Client client = Take(token);
   if (client == nullptr) return false;
   IInterface::asBinder(client->callback)->unlinkToDeath(client->death);
   LOGI("client %s deregistered", client->name.c_str());
+  Book(client->name, client->watch().Leave());
   return true;
 }
 
 void CampaignManager::ClientDied(const std::string& token) {
   const Client client = Take(token);
-  if (client != nullptr) LOGW("client %s died", client->name.c_str());
+  if (client == nullptr) return;
+  LOGW("client %s died", client->name.c_str());
+  Book(client->name, client->watch().Die(timing_.now(), timing_.early_death));
+}
+
+void CampaignManager::Book(const std::string& name, StartWatch::Verdict verdict) {
+  if (verdict == StartWatch::Verdict::kNone) return;
+  store_->ChangeCampaign(name, [&](SavedCampaign* campaign) {
+    const int32_t before = campaign->early_deaths();
+    if (verdict == StartWatch::Verdict::kLate) {
+      campaign->set_early_deaths(0);
+    } else if (before < kEarlyDeathsMax) {
+      campaign->set_early_deaths(before + 1);
+    }
+    if (campaign->early_deaths() == before) return false;
+    if (InQuarantine(*campaign)) {
+      LOGE("client %s died %d times in a row soon after its campaign's start: campaign %" PRId64
+           " is in quarantine, until orbctl campaign release",
+           name.c_str(), kEarlyDeathsMax, campaign->camp_id());
+    }
+    return true;
+  });
 }
 
 void CampaignManager::CheckPending(const std::string& token) {
@@ -204,7 +235,28 @@ ControlReply CampaignManager::RunOn(const Client& client, std::function<ControlR
 ControlReply CampaignManager::StartCampaign(const std::string& name, const KIVCampConfig& config) {
   const Client client = Find(name);
   if (client == nullptr) return NotThere(name);
-  return RunOn(client, [this, raw = client.get(), config] { return Start(raw, config); });
+  return RunOn(client, [this, raw = client.get(), config] { return Start(raw, ToSaved(config)); });
+}
+
+ControlReply CampaignManager::ReleaseCampaign(const std::string& name) {
+  bool released = false;
+  SavedCampaign saved;
+  const bool kept = store_->ChangeCampaign(name, [&](SavedCampaign* campaign) {
+    released = InQuarantine(*campaign);
+    if (released) campaign->set_early_deaths(0);
+    saved = *campaign;
+    return released;
+  });
+  if (!released) {
+    return store_->Knows(name)
+               ? Reply(ControlReply::REFUSED, "no campaign of " + name + " is in quarantine")
+               : NotThere(name);
+  }
+  if (!kept) return NotSaved();
+  LOGI("client %s: campaign %" PRId64 " is released", name.c_str(), saved.camp_id());
+  const Client client = Find(name);
+  if (client == nullptr) return Reply(ControlReply::DONE, "it starts when " + name + " returns");
+  return RunOn(client, [this, raw = client.get(), saved] { return GiveBack(raw, saved); });
 }
 
 ControlReply CampaignManager::StopCampaign(const std::string& name) {

@@ -39,6 +39,9 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
     std::vector<std::chrono::milliseconds> restart_waits = {
         std::chrono::milliseconds(5), std::chrono::milliseconds(50), std::chrono::milliseconds(200),
         std::chrono::milliseconds(1000), std::chrono::milliseconds(3000)};
+    // A client that dies sooner after a campaign's start is taken to die of it.
+    std::chrono::milliseconds early_death{60000};
+    std::function<StartWatch::TimePoint()> now = &std::chrono::steady_clock::now;
   };
 
   // Takes the store.
@@ -62,6 +65,7 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   std::vector<ClientRecord> ListClients() ORB_EXCLUDES(mutex_);
   ControlReply StartCampaign(const std::string& name, const KIVCampConfig& config);
   ControlReply StopCampaign(const std::string& name);
+  ControlReply ReleaseCampaign(const std::string& name);
   ControlReply SetLicSn(const std::string& name, int64_t lic_sn, bool run);
   // Takes the descriptor.
   ControlReply DumpClient(const std::string& name, UniqueFd fd);
@@ -75,19 +79,24 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   Client Find(const std::string& name) ORB_EXCLUDES(mutex_);
   Client Take(const std::string& token) ORB_EXCLUDES(mutex_);
   void Retire(const Client& client) ORB_REQUIRES(mutex_);
+  void Forget(const Client& former) ORB_EXCLUDES(mutex_);
   void PostRestart(const Client& client);
+  // Counts early deaths in a row, and forgets them after any other end.
+  void Book(const std::string& name, StartWatch::Verdict verdict);
   ControlReply NotThere(const std::string& name) const;
   ControlReply RunOn(const Client& client, std::function<ControlReply()> call);
 
   // On the client's executor.
   void Restart(RegisteredClient* client);
-  ControlReply Start(RegisteredClient* client, const KIVCampConfig& config);
+  ControlReply Start(RegisteredClient* client, const SavedCampaign& campaign);
+  ControlReply Started(RegisteredClient* client, const SavedCampaign& campaign, int32_t result);
+  // Starts the campaign that is kept, with the owners stopped that were.
+  ControlReply GiveBack(RegisteredClient* client, const SavedCampaign& saved);
   ControlReply Stop(RegisteredClient* client);
   ControlReply SwitchLicSn(RegisteredClient* client, int64_t lic_sn, bool run);
   ControlReply CallFailed(RegisteredClient* client, const char* call,
                           const android::binder::Status& status);
   ControlReply Dump(RegisteredClient* client, int fd);
-  void ReapplyStops(RegisteredClient* client, const SavedCampaign& saved);
 
   const std::unique_ptr<StateStore> store_;
   const Timing timing_;

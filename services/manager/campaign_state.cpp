@@ -39,7 +39,8 @@ ClientRecord RecordOf(const ClientState& state, const RegisteredClient* client) 
   record.name = state.name();
   record.clientId = state.client_id();
   if (state.has_campaign()) {
-    record.session = ClientRecord::WAITING;
+    record.session =
+        InQuarantine(state.campaign()) ? ClientRecord::QUARANTINED : ClientRecord::WAITING;
     record.campId = state.campaign().camp_id();
     for (const LicKey& key : state.campaign().lic_keys()) record.licSNs.push_back(key.lic_sn());
     record.stoppedLicSNs.assign(state.campaign().stopped_lic_sns().begin(),
@@ -56,7 +57,7 @@ ClientRecord RecordOf(const ClientState& state, const RegisteredClient* client) 
     record.session = ClientRecord::RUNNING;
     record.campId = session.camp_id;
     record.sessionSinceMs = session.since_ms;
-  } else if (state.has_campaign() && session.restart_refused) {
+  } else if (record.session == ClientRecord::WAITING && session.restart_refused) {
     record.session = ClientRecord::REFUSED;
   }
   return record;

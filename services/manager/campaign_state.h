@@ -16,6 +16,14 @@ namespace orb::manager {
 SavedCampaign ToSaved(const KIVCampConfig& config);
 KIVCampConfig ToConfig(const SavedCampaign& saved);
 
+// Deaths in a row, each within CampaignManager::Timing::early_death of a start, after
+// which a client is not given its campaign again.
+inline constexpr int32_t kEarlyDeathsMax = 3;
+
+inline bool InQuarantine(const SavedCampaign& saved) {
+  return saved.early_deaths() >= kEarlyDeathsMax;
+}
+
 // `client` is null while it is away.
 ClientRecord RecordOf(const ClientState& state, const RegisteredClient* client);
 

@@ -29,7 +29,7 @@ ControlReply CampaignManager::CallFailed(RegisteredClient* client, const char* c
                client->name + " cannot be called: " + status.toString8().c_str());
 }
 
-ControlReply CampaignManager::Start(RegisteredClient* client, const KIVCampConfig& config) {
+ControlReply CampaignManager::Start(RegisteredClient* client, const SavedCampaign& campaign) {
   SessionState session = client->Session();
   if (session.running) {
     // Not passed on: a refused start would still change the id that the client
@@ -37,25 +37,36 @@ ControlReply CampaignManager::Start(RegisteredClient* client, const KIVCampConfi
     return Reply(ControlReply::REFUSED, "campaign " + std::to_string(session.camp_id) +
                                             " runs on " + client->name + "; stop it first");
   }
+  client->watch().Begin();
   int32_t result = -1;
-  const Status status = client->callback->StartSession(client->token, config, &result);
-  if (!status.isOk()) return CallFailed(client, "StartSession", status);
+  const Status status = client->callback->StartSession(client->token, ToConfig(campaign), &result);
+  const bool died = status.transactionError() == android::DEAD_OBJECT;
+  ControlReply reply = status.isOk() ? Started(client, campaign, result)
+                                     : CallFailed(client, "StartSession", status);
+  // After the campaign is saved, so that the death of a client that is gone already counts.
+  Book(client->name, client->watch().End(died || (status.isOk() && result == 0), timing_.now()));
+  return reply;
+}
+
+ControlReply CampaignManager::Started(RegisteredClient* client, const SavedCampaign& campaign,
+                                      int32_t result) {
+  SessionState session = client->Session();
   session.last_result = result;
   session.running = result == 0;
   session.restart_refused = false;
-  session.camp_id = config.campId;
+  session.camp_id = campaign.camp_id();
   session.since_ms = NowMs();
   client->SetSession(session);
   if (result != 0) {
-    LOGW("client %s refused campaign %" PRId64 ": result %d", client->name.c_str(), config.campId,
-         result);
+    LOGW("client %s refused campaign %" PRId64 ": result %d", client->name.c_str(),
+         campaign.camp_id(), result);
     return Reply(ControlReply::REFUSED,
                  client->name + " refused the campaign with result " + std::to_string(result) +
                      "; its log says why",
                  result);
   }
-  LOGI("client %s runs campaign %" PRId64, client->name.c_str(), config.campId);
-  if (store_->SetCampaign(client->name, ToSaved(config))) return Reply(ControlReply::DONE, "");
+  LOGI("client %s runs campaign %" PRId64, client->name.c_str(), campaign.camp_id());
+  if (store_->SetCampaign(client->name, campaign)) return Reply(ControlReply::DONE, "");
   return Reply(ControlReply::DONE, "it runs, but could not be saved: it ends with the manager");
 }
 
@@ -71,6 +82,7 @@ ControlReply CampaignManager::Stop(RegisteredClient* client) {
   const int64_t camp_id = session.camp_id;
   session = SessionState();
   client->SetSession(session);
+  client->watch().Stop();
   if (was_running) {
     const Status status = client->callback->StopSession(client->token, camp_id);
     // A client that died has no session either.
@@ -102,10 +114,13 @@ ControlReply CampaignManager::SwitchLicSn(RegisteredClient* client, int64_t lic_
   if (!status.isOk()) {
     return CallFailed(client, run ? "StartSessionforLicSN" : "StopSessionforLicSN", status);
   }
-  auto* stopped = saved.mutable_stopped_lic_sns();
-  stopped->erase(std::remove(stopped->begin(), stopped->end(), lic_sn), stopped->end());
-  if (!run) stopped->Add(lic_sn);
-  return store_->SetCampaign(client->name, saved) ? Reply(ControlReply::DONE, "") : NotSaved();
+  const bool kept = store_->ChangeCampaign(client->name, [&](SavedCampaign* campaign) {
+    auto* stopped = campaign->mutable_stopped_lic_sns();
+    stopped->erase(std::remove(stopped->begin(), stopped->end(), lic_sn), stopped->end());
+    if (!run) stopped->Add(lic_sn);
+    return true;
+  });
+  return kept ? Reply(ControlReply::DONE, "") : NotSaved();
 }
 
 ControlReply CampaignManager::Dump(RegisteredClient* client, int fd) {
@@ -123,9 +138,24 @@ ControlReply CampaignManager::Dump(RegisteredClient* client, int fd) {
 void CampaignManager::PostRestart(const Client& client) {
   SavedCampaign saved;
   if (!store_->GetCampaign(client->name, &saved)) return;
+  if (InQuarantine(saved)) {
+    LOGW("client %s: campaign %" PRId64 " stays in quarantine", client->name.c_str(),
+         saved.camp_id());
+    return;
+  }
   if (!client->executor().Post([this, raw = client.get()] { Restart(raw); })) {
     LOGE("client %s: its campaign cannot be started again now", client->name.c_str());
   }
+}
+
+ControlReply CampaignManager::GiveBack(RegisteredClient* client, const SavedCampaign& saved) {
+  // The start saves the campaign with all its LicSNs running.
+  SavedCampaign all_run = saved;
+  all_run.clear_stopped_lic_sns();
+  const ControlReply reply = Start(client, all_run);
+  if (reply.status != ControlReply::DONE) return reply;
+  for (const int64_t lic_sn : saved.stopped_lic_sns()) SwitchLicSn(client, lic_sn, false);
+  return reply;
 }
 
 void CampaignManager::Restart(RegisteredClient* client) {
@@ -133,23 +163,13 @@ void CampaignManager::Restart(RegisteredClient* client) {
     if (!client->executor().Pause(wait)) return;
     SavedCampaign saved;
     if (client->Session().running || !store_->GetCampaign(client->name, &saved)) return;
-    const ControlReply reply = Start(client, ToConfig(saved));
-    if (reply.status == ControlReply::DONE) {
-      ReapplyStops(client, saved);
-      return;
-    }
-    if (reply.status == ControlReply::FAILED) return;
+    if (GiveBack(client, saved).status != ControlReply::REFUSED) return;
   }
   SessionState session = client->Session();
   session.restart_refused = true;
   client->SetSession(session);
   LOGE("client %s does not take its campaign back: result %d", client->name.c_str(),
        session.last_result);
-}
-
-// The start has saved the campaign with all its LicSNs running.
-void CampaignManager::ReapplyStops(RegisteredClient* client, const SavedCampaign& saved) {
-  for (const int64_t lic_sn : saved.stopped_lic_sns()) SwitchLicSn(client, lic_sn, false);
 }
 
 }  // namespace orb::manager

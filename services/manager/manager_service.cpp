@@ -67,6 +67,10 @@ Status ControlService::stopCampaign(const std::string& client, ControlReply* rep
   return ForOperators([&] { *reply = manager_->StopCampaign(client); });
 }
 
+Status ControlService::releaseCampaign(const std::string& client, ControlReply* reply) {
+  return ForOperators([&] { *reply = manager_->ReleaseCampaign(client); });
+}
+
 Status ControlService::startLicSN(const std::string& client, int64_t lic_sn, ControlReply* reply) {
   return ForOperators([&] { *reply = manager_->SetLicSn(client, lic_sn, true); });
 }

@@ -45,6 +45,7 @@ class ControlService : public BnOrbControl {
   android::binder::Status startCampaign(const std::string& client, const KIVCampConfig& config,
                                         ControlReply* reply) override;
   android::binder::Status stopCampaign(const std::string& client, ControlReply* reply) override;
+  android::binder::Status releaseCampaign(const std::string& client, ControlReply* reply) override;
   android::binder::Status startLicSN(const std::string& client, int64_t lic_sn,
                                      ControlReply* reply) override;
   android::binder::Status stopLicSN(const std::string& client, int64_t lic_sn,

@@ -7,6 +7,7 @@
 
 #include "ipc/IKIVCallback.h"
 #include "services/common/serial_executor.h"
+#include "services/manager/start_watch.h"
 #include "utility/thread_annotations.h"
 
 namespace orb::manager {
@@ -45,6 +46,7 @@ class RegisteredClient {
     MutexLock lock(mutex_);
     session_ = session;
   }
+  StartWatch& watch() { return watch_; }
   services::SerialExecutor& executor() { return executor_; }
   // For calls that only ask: they do not wait for those that change something,
   // so that a client which hangs in one of these can still be looked into.
@@ -61,6 +63,7 @@ class RegisteredClient {
  private:
   mutable Mutex mutex_;
   SessionState session_ ORB_GUARDED_BY(mutex_);
+  StartWatch watch_;
   services::SerialExecutor executor_{kMaxWaitingCalls};
   services::SerialExecutor asking_{kMaxWaitingQuestions};
 };

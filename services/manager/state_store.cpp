@@ -151,6 +151,14 @@ bool StateStore::ClearCampaign(const std::string& name) {
   return Save(found->second);
 }
 
+bool StateStore::ChangeCampaign(const std::string& name,
+                                const std::function<bool(SavedCampaign*)>& change) {
+  MutexLock lock(mutex_);
+  const auto found = clients_.find(name);
+  if (found == clients_.end() || !found->second.has_campaign()) return false;
+  return !change(found->second.mutable_campaign()) || Save(found->second);
+}
+
 bool StateStore::Save(const ClientState& state) {
   const std::string body = state.SerializeAsString();
   std::vector<uint8_t> content(kPrefixBytes + body.size());

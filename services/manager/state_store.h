@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -48,6 +49,12 @@ class StateStore {
   // holds for this process only.
   bool SetCampaign(const std::string& name, const SavedCampaign& campaign) ORB_EXCLUDES(mutex_);
   bool ClearCampaign(const std::string& name) ORB_EXCLUDES(mutex_);
+
+  // Changes what is kept of the client's campaign, in one step. `change` runs under the
+  // mutex and answers whether it changed anything. False when there is no campaign or
+  // the disk did not take it.
+  bool ChangeCampaign(const std::string& name, const std::function<bool(SavedCampaign*)>& change)
+      ORB_EXCLUDES(mutex_);
 
  private:
   explicit StateStore(UniqueFd directory) : directory_(std::move(directory)) {}

@@ -106,6 +106,45 @@ TEST_F(CampaignTest, DeregistersWithinOneRetryAtEveryStageOfRegistration) {
   EXPECT_TRUE(client_.process().ReadLine(seconds(20)).has_value());
 }
 
+// Two samples of the window add up to more than the library can square.
+TEST_F(CampaignTest, AClientThatDiesOfItsCampaignIsNotGivenItForEver) {
+  stack_.StartManager();
+  const std::string file = stack_.path("c.txtpb");
+  WriteFile(file,
+            "threshold_size: 4096\n"
+            "kpi_cfgs { kpi_id: 1 type: KPI_NUMERIC sub_type: GAUGE sample_window: 2\n"
+            "  g_cfg { report_stdev: true } }\n");
+  const auto listed = [&](const std::string& what) {
+    return WaitFor([&] {
+      return stack_.Ctl({"client", "list"}).out.find(what) != std::string::npos;
+    });
+  };
+  Register("radio", " sync");
+  ASSERT_TRUE(stack_.StartCampaign("radio", file, {42}, 9));
+  for (int life = 1; life <= 3; ++life) {
+    ASSERT_TRUE(listed(" 9 running")) << "life " << life;
+    EXPECT_EQ(client_.Ask("log radio 1 2000000000 3"), "gone");
+    ASSERT_TRUE(WaitFor([&] {
+      return stack_.Ctl({"client", "list", "--json"}).out.find(R"("connected":true)") ==
+             std::string::npos;
+    }));
+    client_ = stack_.StartClient();
+    if (life < 3) Register("radio", " sync");
+  }
+  EXPECT_TRUE(listed(" 9 quarantined")) << "also while the client is away";
+  EXPECT_THAT(stack_.LogOf("orb-managerd"), HasSubstr("campaign 9 is in quarantine"));
+  stack_.manager().Signal(SIGKILL);
+  stack_.manager().Wait(seconds(5));
+  stack_.StartManager();
+  Register("radio", " sync");
+  EXPECT_THAT(stack_.Ctl({"client", "list", "--json"}).out,
+              HasSubstr(R"("session":"quarantined","campaign":9)"));
+  Ask("log radio 1 2000000000 3", "-1");
+  EXPECT_EQ(stack_.Ctl({"campaign", "release", "radio"}).out, "released\n");
+  EXPECT_TRUE(listed(" 9 running"));
+  EXPECT_EQ(stack_.Ctl({"campaign", "release", "radio"}).exit_code, 1);
+}
+
 TEST_F(CampaignTest, RefusesBadInputWithAReason) {
   stack_.StartHal();
   stack_.StartManager();

@@ -48,11 +48,15 @@ TEST(ClientCommandTest, ShowsClientsToPeopleAndPrograms) {
   away.name = "a-longer-name";
   away.session = ClientRecord::WAITING;
   away.campId = 3;
-  const std::string table = ClientTable({radio, away});
+  ClientRecord dying = away;
+  dying.name = "dying";
+  dying.session = ClientRecord::QUARANTINED;
+  const std::string table = ClientTable({radio, away, dying});
   EXPECT_EQ(table.substr(table.find('\n') + 1),
             "radio              7  2025-11-21T09:20:00Z  2025-11-21T09:20:01Z  "
             "9 running -18446744073709551615\n"
-            "a-longer-name      0  away                  -                     3 waiting\n");
+            "a-longer-name      0  away                  -                     3 waiting\n"
+            "dying              0  away                  -                     3 quarantined\n");
   const nlohmann::json json = nlohmann::json::parse(ClientJson({radio}), nullptr, false);
   EXPECT_EQ(json["name"], "radio");
   EXPECT_EQ(json["session"], "running");

@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <future>
 
 #include "tests/support/child_process.h"
@@ -47,6 +48,7 @@ class CampaignManagerTest : public ::testing::Test {
     CampaignManager::Timing timing;
     timing.answer = answer;
     timing.restart_waits = {milliseconds(0), milliseconds(1), milliseconds(1)};
+    timing.now = [this] { return std::chrono::steady_clock::time_point(milliseconds(now_ms_)); };
     manager_ = std::make_shared<CampaignManager>(StateStore::Open(temp_.path(), &error), timing);
   }
   KIVClientId Register(const std::string& name, const sp<FakeClient>& client, bool want = true) {
@@ -71,7 +73,35 @@ class CampaignManagerTest : public ::testing::Test {
     return WaitFor([&] { return Record(name).session == session; });
   }
 
+  // One life of a client that has a campaign; the letters are the test's below.
+  void Live(const std::string& name, char life) {
+    const bool given = Record(name).session != ClientRecord::QUARANTINED;
+    const sp<FakeClient> client = new FakeClient();
+    std::promise<std::string> known;
+    const std::shared_future<std::string> its_token = known.get_future().share();
+    client->OnStart([&, its_token] {
+      if (life == 's') manager_->ClientDied(its_token.get());
+      return life == 'r' ? 5 : 0;
+    });
+    const std::string token = Register(name, client).token;
+    known.set_value(token);
+    if (given && life == 'r') ASSERT_TRUE(WaitSession(name, ClientRecord::REFUSED));
+    if (given && (life == 'd' || life == 'D' || life == 'x')) {
+      ASSERT_TRUE(WaitSession(name, ClientRecord::RUNNING));
+      manager_->SetLicSn(name, 42, true);  // Comes after all that the start does.
+    }
+    if (life == 's') ASSERT_TRUE(WaitFor([&] { return !given || !Record(name).connected; }));
+    now_ms_ += life == 'D' ? 60000 : 59999;
+    if (life == 'x') {
+      manager_->Deregister(token);
+    } else {
+      manager_->ClientDied(token);
+    }
+    ASSERT_TRUE(manager_->StopBy(std::chrono::steady_clock::now() + std::chrono::seconds(20)));
+  }
+
   LogCapture log_;
+  std::atomic<int64_t> now_ms_{1000};
   orb::test::TempDir temp_;
   std::shared_ptr<CampaignManager> manager_;
   const sp<FakeClient> client_ = new FakeClient();
@@ -192,6 +222,58 @@ TEST_F(CampaignManagerTest, ClientsThatDiedHaveNoSession) {
   EXPECT_EQ(manager_->StopCampaign("radio").status, ControlReply::DONE);
   EXPECT_FALSE(Record("radio").connected);
   EXPECT_EQ(Record("radio").session, ClientRecord::NONE);
+}
+
+// A client's lives, one letter each: d dies just within a minute of its campaign's start,
+// D a minute after it, s during the start; x leaves in order; r refuses the campaign and
+// dies; m the manager is another one from here on.
+TEST_F(CampaignManagerTest, QuarantinesACampaignOfWhichItsClientDies) {
+  const struct {
+    const char* lives;
+    bool quarantined;
+  } kCases[] = {
+      {"dd", false},    {"ddd", true},    {"dddx", true},   {"sss", true},
+      {"ddDd", false},  {"ddDddd", true}, {"ddxdd", false}, {"dmdmdm", true},
+      {"ddrrr", false}, {"ddrd", true},   {"dddmDx", true},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.lives);
+    const std::string name = c.lives;
+    const std::string first = Register(name, client_).token;
+    ASSERT_EQ(Start(name).status, ControlReply::DONE);
+    manager_->Deregister(first);
+    for (const char life : name) life == 'm' ? Restart() : Live(name, life);
+    EXPECT_EQ(Record(name).session,
+              c.quarantined ? ClientRecord::QUARANTINED : ClientRecord::WAITING);
+  }
+  EXPECT_TRUE(log_.Contains(
+      "client ddd died 3 times in a row soon after its campaign's start: campaign 9 is in "
+      "quarantine, until orbctl campaign release"));
+}
+
+TEST_F(CampaignManagerTest, QuarantineEndsByReleaseOrANewCampaign) {
+  Register("radio", client_);
+  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  EXPECT_EQ(manager_->ReleaseCampaign("radio").message, "no campaign of radio is in quarantine");
+  EXPECT_EQ(manager_->ReleaseCampaign("nobody").status, ControlReply::REFUSED);
+  ASSERT_EQ(manager_->SetLicSn("radio", 77, false).status, ControlReply::DONE);
+  for (int i = 0; i < 3; ++i) Live("radio", 'd');
+  const sp<FakeClient> again = new FakeClient();
+  const std::string token = Register("radio", again).token;
+  EXPECT_TRUE(log_.Contains("client radio: campaign 9 stays in quarantine"));
+  EXPECT_TRUE(Record("radio").connected);
+  EXPECT_EQ(Record("radio").session, ClientRecord::QUARANTINED);
+  EXPECT_EQ(manager_->ReleaseCampaign("radio").message, "");
+  EXPECT_EQ(Record("radio").session, ClientRecord::RUNNING);
+  EXPECT_EQ(Record("radio").stoppedLicSNs, (std::vector<int64_t>{77}));
+  manager_->ClientDied(token);
+  for (int i = 0; i < 2; ++i) Live("radio", 'd');
+  EXPECT_EQ(manager_->ReleaseCampaign("radio").message, "it starts when radio returns");
+  EXPECT_EQ(Record("radio").session, ClientRecord::WAITING);
+  for (int i = 0; i < 3; ++i) Live("radio", 'd');
+  Register("radio", client_);
+  EXPECT_EQ(Start("radio", 10).status, ControlReply::DONE);
+  EXPECT_EQ(Record("radio").session, ClientRecord::RUNNING);
 }
 
 TEST_F(CampaignManagerTest, LetsAClientCallBackFromItsStart) {

@@ -53,6 +53,15 @@ TEST_F(StateStoreTest, RemembersIdsAndCampaignsOverARestart) {
   ASSERT_TRUE(store_->GetCampaign("radio", &got));
   EXPECT_EQ(got.SerializeAsString(), Campaign(77).SerializeAsString());
   EXPECT_FALSE(store_->GetCampaign("gps", &got));
+  const auto die = [](SavedCampaign* campaign) {
+    campaign->set_early_deaths(2);
+    return true;
+  };
+  EXPECT_TRUE(store_->ChangeCampaign("radio", die));
+  EXPECT_FALSE(store_->ChangeCampaign("gps", die));
+  Open();
+  ASSERT_TRUE(store_->GetCampaign("radio", &got));
+  EXPECT_EQ(got.early_deaths(), 2);
   EXPECT_TRUE(store_->ClearCampaign("radio"));
   Open();
   EXPECT_FALSE(store_->GetCampaign("radio", &got));

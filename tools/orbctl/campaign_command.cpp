@@ -110,6 +110,15 @@ int StopCampaign(const std::string& client, bool json) {
   return PrintReply(status, reply, "stopped", json);
 }
 
+int ReleaseCampaign(const std::string& client, bool json) {
+  std::string error;
+  const android::sp<IOrbControl> manager = ConnectToManager(&error);
+  if (manager == nullptr) return Fail(error);
+  ControlReply reply;
+  const android::binder::Status status = manager->releaseCampaign(client, &reply);
+  return PrintReply(status, reply, "released", json);
+}
+
 int SwitchLicSn(const std::string& client, uint64_t lic_sn, bool run, bool json) {
   std::string error;
   const android::sp<IOrbControl> manager = ConnectToManager(&error);

@@ -36,6 +36,8 @@ struct CampaignStartCommand {
 };
 
 int StopCampaign(const std::string& client, bool json);
+// Ends the quarantine of the client's campaign.
+int ReleaseCampaign(const std::string& client, bool json);
 // Starts or stops one owner's data of the campaign that runs.
 int SwitchLicSn(const std::string& client, uint64_t lic_sn, bool run, bool json);
 

@@ -27,6 +27,8 @@ const char* SessionName(int32_t session) {
       return "waiting";
     case ClientRecord::REFUSED:
       return "refused";
+    case ClientRecord::QUARANTINED:
+      return "quarantined";
     default:
       return "unknown";
   }
@@ -101,7 +103,9 @@ int ListClients(bool all, bool json) {
   if (!status.isOk()) return Fail(CallError(status));
   std::vector<ClientRecord> clients;
   std::copy_if(known.begin(), known.end(), std::back_inserter(clients),
-               [&](const ClientRecord& client) { return all || client.connected; });
+               [&](const ClientRecord& client) {
+                 return all || client.connected || client.session == ClientRecord::QUARANTINED;
+               });
   const std::string text = json ? ClientJson(clients) : ClientTable(clients);
   static_cast<void>(fwrite(text.data(), 1, text.size(), stdout));
   return kOk;

@@ -76,6 +76,12 @@ void AddCampaign(CLI::App* app, Arguments* args) {
   stop->add_flag("--json", args->json, "Prints JSON");
   stop->callback([args] { args->code = StopCampaign(args->client, args->json); });
 
+  CLI::App* release =
+      campaign->add_subcommand("release", "Ends the quarantine of a client's campaign");
+  release->add_option("CLIENT", args->client, "Name of the client")->required();
+  release->add_flag("--json", args->json, "Prints JSON");
+  release->callback([args] { args->code = ReleaseCampaign(args->client, args->json); });
+
   for (const bool run : {true, false}) {
     CLI::App* lic =
         campaign->add_subcommand(run ? "lic-start" : "lic-stop",

@@ -63,6 +63,10 @@ status_t BnOrbControl::onTransact(uint32_t _aidl_code, const Parcel& _aidl_data,
           },
           [&] { return dumpClient(client, fd, &answer); }, write_answer);
     }
+    case TRANSACTION_releaseCampaign:
+      return Serve(
+          this, _aidl_data, _aidl_reply, {_aidl_code, "IOrbControl::releaseCampaign::cppServer"},
+          read_client, [&] { return releaseCampaign(client, &answer); }, write_answer);
     default:
       return ::android::BBinder::onTransact(_aidl_code, _aidl_data, _aidl_reply, _aidl_flags);
   }

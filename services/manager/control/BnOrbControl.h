@@ -18,6 +18,8 @@ class BnOrbControl : public ::android::BnInterface<IOrbControl> {
   static constexpr uint32_t TRANSACTION_startLicSN = ::android::IBinder::FIRST_CALL_TRANSACTION + 3;
   static constexpr uint32_t TRANSACTION_stopLicSN = ::android::IBinder::FIRST_CALL_TRANSACTION + 4;
   static constexpr uint32_t TRANSACTION_dumpClient = ::android::IBinder::FIRST_CALL_TRANSACTION + 5;
+  static constexpr uint32_t TRANSACTION_releaseCampaign =
+      ::android::IBinder::FIRST_CALL_TRANSACTION + 6;
 
   explicit BnOrbControl();
   ::android::status_t onTransact(uint32_t _aidl_code, const ::android::Parcel& _aidl_data,

@@ -42,6 +42,15 @@ Status BpOrbControl::stopCampaign(const ::std::string& client, ::ControlReply* _
       [&](const Parcel& reply) { return reply.readParcelable(_aidl_return); });
 }
 
+Status BpOrbControl::releaseCampaign(const ::std::string& client, ::ControlReply* _aidl_return) {
+  return Call<IOrbControl>(
+      remoteStrong(),
+      {BnOrbControl::TRANSACTION_releaseCampaign, "IOrbControl::releaseCampaign::cppClient"},
+      [&](Parcel* data) { return data->writeUtf8AsUtf16(client); },
+      [&](IOrbControl& impl) { return impl.releaseCampaign(client, _aidl_return); },
+      [&](const Parcel& reply) { return reply.readParcelable(_aidl_return); });
+}
+
 Status BpOrbControl::startLicSN(const ::std::string& client, int64_t licSN,
                                 ::ControlReply* _aidl_return) {
   return Call<IOrbControl>(

@@ -13,8 +13,9 @@ class ClientRecord : public ::android::Parcelable {
   enum Session : int32_t {
     NONE = 0,
     RUNNING = 1,
-    WAITING = 2,  // Kept on disk: starts when the client returns.
-    REFUSED = 3,  // Kept on disk, but the client did not take it back.
+    WAITING = 2,      // Kept on disk: starts when the client returns.
+    REFUSED = 3,      // Kept on disk, but the client did not take it back.
+    QUARANTINED = 4,  // Kept on disk, but the client died of it again and again.
   };
 
   std::string name;

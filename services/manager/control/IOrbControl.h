@@ -35,6 +35,10 @@ class IOrbControl : public ::android::IInterface {
   virtual ::android::binder::Status stopCampaign(const ::std::string& client,
                                                  ::ControlReply* _aidl_return) = 0;
 
+  // Ends the quarantine of the client's campaign, and starts it on a client that is connected.
+  virtual ::android::binder::Status releaseCampaign(const ::std::string& client,
+                                                    ::ControlReply* _aidl_return) = 0;
+
   // Starts or stops one LicSN of the campaign that runs on the client.
   virtual ::android::binder::Status startLicSN(const ::std::string& client, int64_t licSN,
                                                ::ControlReply* _aidl_return) = 0;
