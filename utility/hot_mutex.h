@@ -1,9 +1,17 @@
 // A mutex for sections of some ten nanoseconds that many threads enter: one
 // atomic instruction in, one out, both inlined. A thread that finds it held tries
-// for about a microsecond, so that two that meet do not both pay for a wake-up,
+// for a few microseconds, so that two that meet do not both pay for a wake-up,
 // and then sleeps: the holder may have lost its processor to a thread of higher
 // priority, which must not spin on it, or be in a long section after all.
-// Non-recursive, without a condition variable. Tested by tests/utility/hot_mutex_test.cpp.
+//
+// Whoever comes by may take a free lock, also before a thread that was woken for
+// it. A thread that was woken kSleepsMax times in vain reserves the lock: from then
+// on it goes from one sleeper to the next, in their order, until that thread has
+// had it. So no thread waits for ever, however busy the others and the processors
+// are.
+//
+// Non-recursive, without a condition variable. It may be destroyed once no thread
+// is inside a call of it. Tested by tests/utility/hot_mutex_test.cpp.
 #pragma once
 
 #include <atomic>
@@ -40,13 +48,17 @@ class ORB_CAPABILITY("mutex") HotMutex {
 
   void Lock() ORB_ACQUIRE() ORB_NO_THREAD_SAFETY_ANALYSIS {
     ORB_TSAN_MUTEX(pre_lock(this, 0));
-    if (!Take()) SpinThenSleep();
+    if (!TakeUnused()) SpinThenSleep();
     ORB_TSAN_MUTEX(post_lock(this, 0, 0));
   }
 
   void Unlock() ORB_RELEASE() ORB_NO_THREAD_SAFETY_ANALYSIS {
     ORB_TSAN_MUTEX(pre_unlock(this, 0));
-    if (state_.exchange(kFree, std::memory_order_release) == kAwaited) WakeOne();
+    uint32_t alone = kHeld;
+    if (!state_.compare_exchange_strong(alone, 0, std::memory_order_release,
+                                        std::memory_order_relaxed)) {
+      ReleaseAndWake();
+    }
     ORB_TSAN_MUTEX(post_unlock(this, 0));
   }
 
@@ -66,38 +78,32 @@ class ORB_CAPABILITY("mutex") HotMutex {
     return taken;
   }
 
- private:
-  enum State : uint32_t { kFree, kHeld, kAwaited };  // Awaited: held, and somebody may sleep.
-  static constexpr int kSpinRounds = 6;
+  // Wake-ups in vain before a thread reserves the lock.
+  static constexpr uint32_t kSleepsMax = 4;
 
-  bool Take() {
-    uint32_t free = kFree;
-    return state_.compare_exchange_strong(free, kHeld, std::memory_order_acquire,
+ private:
+  // The state is these bits and the number of sleepers: the threads that sleep, or
+  // have slept and do not have the lock yet.
+  static constexpr uint32_t kHeld = 1;
+  static constexpr uint32_t kWoken = 2;  // A sleeper is awake; no other need be woken.
+  static constexpr uint32_t kReserved = 4;
+  static constexpr uint32_t kOneSleeper = 8;
+
+  // Takes a lock that is free and for which nobody sleeps.
+  bool TakeUnused() {
+    uint32_t unused = 0;
+    return state_.compare_exchange_strong(unused, kHeld, std::memory_order_acquire,
                                           std::memory_order_relaxed);
   }
+  // Takes a lock that is free and not reserved.
+  bool Take();
 
-  // Out of the way: inlined, these would cost the quick path registers.
-  [[gnu::noinline, gnu::cold]] void SpinThenSleep() {
-    for (int round = 0; round < kSpinRounds; ++round) {
-      for (int i = 0; i < (1 << round); ++i) Relax();
-      if (Take()) return;
-    }
-    // Who slept cannot know whether it was the last, so it takes the lock as awaited.
-    while (state_.exchange(kAwaited, std::memory_order_acquire) != kFree) {
-      state_.wait(kAwaited, std::memory_order_relaxed);
-    }
-  }
-  [[gnu::noinline, gnu::cold]] void WakeOne() { state_.notify_one(); }
+  // Not inlined: these would cost the quick path registers.
+  [[gnu::cold]] void SpinThenSleep();
+  [[gnu::cold]] void ReleaseAndWake();
+  void Sleep();
 
-  static void Relax() {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#elif defined(__aarch64__) || defined(__arm__)
-    asm volatile("yield");
-#endif
-  }
-
-  std::atomic<uint32_t> state_{kFree};
+  std::atomic<uint32_t> state_{0};
 };
 
 class ORB_SCOPED_CAPABILITY HotMutexLock {
