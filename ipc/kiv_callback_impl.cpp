@@ -7,8 +7,8 @@
 
 #include "collector/kiv_collector.h"
 #include "ipc/kiv_aidl_client.h"
-#include "ipc/quiet_write.h"
 #include "utility/log.h"
+#include "utility/quiet_write.h"
 
 using ::android::status_t;
 using ::android::String16;
@@ -87,5 +87,5 @@ status_t KIVCallbackImpl::dump(int fd, const Vector<String16>& args) {
     return ::android::BAD_VALUE;
   }
   // Nothing is pinned or locked any more: a reader that is slow keeps only this call.
-  return -QuietWrite(fd, text);
+  return -orb::QuietWrite(fd, text);
 }

@@ -1,6 +1,8 @@
 // Tested by tests/kpi/gauge_test.cpp.
 #include "kpi/gauge.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -9,6 +11,7 @@
 #include "serializer/kpi_serializer.h"
 #include "utility/checked.h"
 #include "utility/log.h"
+#include "utility/quiet_write.h"
 
 using orb::CheckedAdd;
 using orb::CheckedDiv;
@@ -20,6 +23,8 @@ namespace {
 // Compared with seconds, though it is a day in milliseconds: in effect only a
 // clock that was set years ahead closes a window here.
 constexpr int64_t kTimeOffsetLimit = 86'400'000;
+
+constexpr size_t kPrintedLineMax = 256;  // Four whole numbers, two of %g, and 53 other bytes.
 
 // The seed of a window passes through float and loses what a float cannot hold.
 int32_t ThroughFloat(int32_t value) {
@@ -106,15 +111,20 @@ int Gauge::SampleAdd(long long ts) {
   return N > sampleSpan ? 1 : 0;
 }
 
+// Past stdio: another thread of the host may hold its lock on stdout for long.
 void Gauge::Print() const {
+  orb::LineOffer out(STDOUT_FILENO);
   size_t run = 0;
   for (int32_t i = 0; i + 1 < N; ++i) {
     while (run + 1 < tsFirst.size() && tsFirst[run + 1] <= static_cast<uint32_t>(i)) ++run;
     const int64_t offset_s =
         tsArray.empty() ? 0 : CheckedSub<int64_t>(tsArray[run], tsArray.front());
-    static_cast<void>(printf(" Index: %d  of %d SlopeBased %g Min %d Max %d Avg %g\n", i, N,
-                             static_cast<double>(b0 + b1 * static_cast<float>(offset_s)), min, max,
-                             static_cast<double>(avg)));
+    char line[kPrintedLineMax];
+    const int length =
+        snprintf(line, sizeof line, " Index: %d  of %d SlopeBased %g Min %d Max %d Avg %g\n", i, N,
+                 static_cast<double>(b0 + b1 * static_cast<float>(offset_s)), min, max,
+                 static_cast<double>(avg));
+    if (!out.Add({line, static_cast<size_t>(length)})) return;
   }
 }
 

@@ -29,7 +29,8 @@ class Gauge : public KPI {
   void NewTimedSample(long long ts, int value);
   // Counts a sample at wall-clock second ts. 1 when that fills the gauge's window, else 0.
   int SampleAdd(long long ts);
-  // Writes the window's fitted line to standard output, one line a sample.
+  // Writes the window's fitted line to descriptor 1, one line a sample, without
+  // waiting: what a full or closed standard output does not take is dropped.
   void Print() const;
 
   bool TIMEBASED() const { return mode == kTimeBased; }

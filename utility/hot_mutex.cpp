@@ -58,8 +58,7 @@ void HotMutex::SpinThenSleep() {
 }
 
 void HotMutex::Sleep() {
-  uint32_t state =
-      state_.fetch_add(kOneSleeper, std::memory_order_relaxed) + kOneSleeper;
+  uint32_t state = state_.fetch_add(kOneSleeper, std::memory_order_relaxed) + kOneSleeper;
   bool woken = false;
   for (uint32_t sleeps = 0;;) {
     const bool starved = sleeps >= kSleepsMax;
@@ -76,7 +75,8 @@ void HotMutex::Sleep() {
     // It falls asleep only while nobody counts as woken, so the next release wakes
     // a sleeper, this one or another.
     const uint32_t asleep = (state & ~kWoken) | (starved ? kReserved : 0);
-    if (state != asleep && !state_.compare_exchange_weak(state, asleep, std::memory_order_relaxed)) {
+    if (state != asleep &&
+        !state_.compare_exchange_weak(state, asleep, std::memory_order_relaxed)) {
       continue;
     }
     woken = SleepWhile(&state_, asleep);
