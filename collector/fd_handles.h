@@ -41,6 +41,9 @@ class FdHandles {
   // as soon as this has returned.
   std::vector<const kiv_fd_handle_s*> Lose(uint32_t fdToken) ORB_EXCLUDES(mutex_);
 
+  // In the child of a fork(): false when a thread of the parent was inside.
+  bool AdoptInChild() ORB_EXCLUDES(mutex_) { return mutex_.IsFree(); }
+
  private:
   struct Entry {
     kiv_fd_handle_s* handle;

@@ -3,7 +3,10 @@
 #include <cstddef>
 
 #include "collector/kiv_collector.h"
+#include "utility/fork_guard.h"
 #include "utility/log.h"
+
+using orb::fork_guard::Refuses;
 
 namespace {
 
@@ -32,6 +35,8 @@ void Destroy(kiv_collector* c) {
 extern "C" {
 
 kiv_collector* kiv_register(kiv_cfg_s* cfg) {
+  if (Refuses(__func__)) return nullptr;
+  orb::fork_guard::Watch();
   LOGI("orb_register: custom_session_format %d", static_cast<int>(cfg->custom_session_format));
   if (cfg->name == nullptr || cfg->data_dir == nullptr) {
     LOGE("orb_register: %s is null", cfg->name == nullptr ? "name" : "data_dir");
@@ -45,6 +50,10 @@ kiv_collector* kiv_register(kiv_cfg_s* cfg) {
 }
 
 int kiv_deregister(kiv_collector* c) {
+  if (Refuses(__func__)) {
+    if (c != nullptr && c->AdoptInChild()) delete c;
+    return -1;
+  }
   if (c == nullptr) return -1;
   const int result = c->DeRegister();
   Destroy(c);
@@ -52,39 +61,40 @@ int kiv_deregister(kiv_collector* c) {
 }
 
 int kiv_log(kiv_collector* c, uint32_t kpi_id, uint32_t value) {
-  return c == nullptr ? -1 : c->Log(kpi_id, value);
+  return Refuses(__func__) || c == nullptr ? -1 : c->Log(kpi_id, value);
 }
 
 int kiv_log_event(kiv_collector* c, uint32_t kpi_id, uint32_t arg) {
-  return c == nullptr ? -1 : c->LogEvent(kpi_id, arg);
+  return Refuses(__func__) || c == nullptr ? -1 : c->LogEvent(kpi_id, arg);
 }
 
 int kiv_log_state(kiv_collector* c, uint32_t kpi_id, uint32_t a, uint32_t b) {
-  return c == nullptr ? -1 : c->LogState(kpi_id, a, b);
+  return Refuses(__func__) || c == nullptr ? -1 : c->LogState(kpi_id, a, b);
 }
 
 int kiv_log_blob(kiv_collector* c, uint32_t kpi_id, const uint8_t* buf, uint32_t len) {
-  return c == nullptr ? -1 : c->Log(kpi_id, buf, len);
+  return Refuses(__func__) || c == nullptr ? -1 : c->Log(kpi_id, buf, len);
 }
 
 int kiv_log_blob_segments(kiv_collector* c, uint32_t kpi_id, kiv_blob_segment_t* segs,
                           uint32_t count) {
-  return c == nullptr ? -1 : c->Log(kpi_id, segs, count);
+  return Refuses(__func__) || c == nullptr ? -1 : c->Log(kpi_id, segs, count);
 }
 
 int kiv_log_buf(kiv_collector* c, const uint8_t* buf, uint32_t len) {
+  if (Refuses(__func__)) return -1;
   LOGI("orb_log_buf: called");
   return c == nullptr ? -1 : c->LogBuf(buf, len);
 }
 
 int kiv_flush(kiv_collector* c) {
-  if (c == nullptr) return -1;
+  if (Refuses(__func__) || c == nullptr) return -1;
   c->Flush();
   return 0;
 }
 
 int kiv_set_cfg(kiv_collector* c, kiv_param_type_t type, uint32_t value) {
-  if (c == nullptr) return -1;
+  if (Refuses(__func__) || c == nullptr) return -1;
   if (type == KIV_PARAM_SIZE_THRESHOLD || type == KIV_PARAM_TIME_THRESHOLD) {
     c->SetConfigParams(type, value);
   }
@@ -92,28 +102,28 @@ int kiv_set_cfg(kiv_collector* c, kiv_param_type_t type, uint32_t value) {
 }
 
 int kiv_is_kpi_enabled(kiv_collector* c, uint32_t kpi_id) {
-  return c == nullptr ? -1 : c->IsKPIEnabled(kpi_id);
+  return Refuses(__func__) || c == nullptr ? -1 : c->IsKPIEnabled(kpi_id);
 }
 
 kiv_fd_handle_s* kiv_set_fd(kiv_collector* c, int fd, uint32_t offset, uint32_t length,
                             kiv_fd_done_cb done) {
-  return c == nullptr ? nullptr : c->SetFD(fd, offset, length, done);
+  return Refuses(__func__) || c == nullptr ? nullptr : c->SetFD(fd, offset, length, done);
 }
 
 int kiv_log_fd_buf(kiv_fd_handle_s* h, uint64_t /*unused*/, uint64_t offset, uint32_t len) {
-  if (h == nullptr || h->collector == nullptr) return -1;
+  if (Refuses(__func__) || h == nullptr || h->collector == nullptr) return -1;
   return h->collector->FdWrite(h->fdToken, offset, static_cast<uint32_t>(offset), len);
 }
 
 int kiv_unset_fd(kiv_fd_handle_s* h) {
-  if (h == nullptr || h->collector == nullptr) return -1;
+  if (Refuses(__func__) || h == nullptr || h->collector == nullptr) return -1;
   return h->collector->UnsetFD(h, h->fdToken);
 }
 
 uint32_t kiv_get_api_version(void) { return KIV_API_VERSION; }
 
 int kiv_get_campaign_id(kiv_collector* c, uint64_t* out) {
-  if (c == nullptr || out == nullptr) return -1;
+  if (Refuses(__func__) || c == nullptr || out == nullptr) return -1;
   *out = c->GetCampaignId();
   return 0;
 }

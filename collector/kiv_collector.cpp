@@ -3,6 +3,7 @@
 #include "collector/kiv_collector.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "collector/clock.h"
@@ -92,6 +93,19 @@ int kiv_collector::DeRegister() {
   }
   const auto client = link_.client();
   return client == nullptr ? -1 : client->deRegisterClient(link_.token());
+}
+
+bool kiv_collector::AdoptInChild() {
+  if (!stateMutex.TryLockFor(std::chrono::milliseconds(0))) return false;
+  stateMutex.Unlock();
+  if (!sessionMutex.IsFree() || !serializerMutex.IsFree() || !headerMutex.IsFree() ||
+      !seqMutex.IsFree() || !handles_.AdoptInChild() || !ledger_.AdoptInChild() ||
+      !link_.AdoptInChild() || !stop_.AdoptInChild()) {
+    return false;
+  }
+  const auto serializer = Serializer();
+  return registerThreads_.AdoptInChild() && lostConnThreads_.AdoptInChild() &&
+         (serializer == nullptr || serializer->AdoptInChild());
 }
 
 void kiv_collector::Unroute() {

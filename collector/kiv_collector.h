@@ -59,6 +59,10 @@ struct kiv_collector {
   // Makes the client forget this collector; no callback reaches it afterwards.
   // The last call before destruction, with no lock held.
   void Unroute() ORB_EXCLUDES(sessionMutex, stateMutex);
+  // In the child of a fork(): makes this a collector without threads, which can be
+  // destroyed without a wait and without a word to manager, HAL or disk. False when
+  // one of the parent's threads was inside: it must be left as it is then.
+  bool AdoptInChild() ORB_EXCLUDES(sessionMutex, stateMutex);
   // The manager died. Only starts a thread; takes a leaf.
   void LostConn();
   // What the manager assigned. Called by the client before the token is routable.

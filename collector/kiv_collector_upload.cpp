@@ -113,6 +113,8 @@ int kiv_collector::SendData(const std::string& path) {
          orb::ErrorText(errno).c_str());
     return -1;
   }
+  // With a buffer, a child of fork() would set back the position that both share.
+  static_cast<void>(setvbuf(file, nullptr, _IONBF, 0));
   Fate fate;
   const int result = SendOpenFile(file, path, &fate);
   if (!ledger_.Settle(path, fate.lost)) ledger_.SettleRecovered(fate.payload_bytes, fate.lost);

@@ -24,6 +24,9 @@ class ManagerLink {
   std::string token() const ORB_EXCLUDES(mutex_);
   int32_t client_id() const ORB_EXCLUDES(mutex_);
 
+  // In the child of a fork(): false when one of the parent's threads was inside.
+  bool AdoptInChild() ORB_EXCLUDES(mutex_) { return mutex_.IsFree(); }
+
  private:
   mutable orb::Mutex mutex_;
   std::shared_ptr<kivAIDLClient> client_ ORB_GUARDED_BY(mutex_);

@@ -13,6 +13,11 @@ class StopSignal {
   bool raised() const { return raised_.load(); }
   // Returns after the seconds, or as soon as the signal is raised.
   void WaitFor(int32_t seconds) ORB_EXCLUDES(mutex_);
+  // In the child of a fork(): false when one of the parent's threads was inside.
+  bool AdoptInChild() ORB_EXCLUDES(mutex_) {
+    cv_.ForgetWaiters();
+    return mutex_.IsFree();
+  }
 
  private:
   orb::Mutex mutex_;

@@ -1,6 +1,7 @@
 // Tested by tests/collector/lifecycle_test.cpp.
 #include "collector/worker_threads.h"
 
+#include <new>
 #include <utility>
 
 void WorkerThreads::Start(std::function<void()> work) noexcept {
@@ -34,4 +35,11 @@ void WorkerThreads::JoinAll() {
     workers.swap(workers_);
   }
   for (Worker& worker : workers) worker.thread.join();
+}
+
+bool WorkerThreads::AdoptInChild() {
+  if (!mutex_.IsFree()) return false;
+  orb::MutexLock lock(mutex_);
+  for (Worker& worker : workers_) new (&worker.thread) std::thread;
+  return true;
 }

@@ -27,6 +27,9 @@ class WorkerThreads {
   bool any() ORB_EXCLUDES(mutex_);
   // Blocks until all have ended. Hold no lock that a thread may want.
   void JoinAll() ORB_EXCLUDES(mutex_);
+  // In the child of a fork(): forgets the threads, which are the parent's. False when
+  // one of these was inside, and this object is not whole.
+  bool AdoptInChild() ORB_EXCLUDES(mutex_);
 
  private:
   struct Worker {

@@ -8,8 +8,14 @@
  * Compiles as C99 and C++17. Unless a function says otherwise it may be called
  * from any thread, at any time between kiv_register and kiv_deregister, but
  * not from inside a session callback of the same collector and not from a signal
- * handler. A process that forks does so before it registers: the library has
- * threads.
+ * handler.
+ *
+ * A process that forks does so before its first kiv_register: a child has none of
+ * the library's threads. In a child of a later fork() every function, kiv_register
+ * included, answers -1 or NULL, the first one after an error line, and nothing of the
+ * parent's is touched: no file, no region, no connection. Only kiv_get_api_version
+ * works as ever. A program that the child executes is not concerned. A child that is
+ * forked inside a callback must not return from it.
  *
  * The functions that log, and kiv_is_kpi_enabled, wait for each other and while a
  * session callback of the client runs. They wait for no registration and no upload: until
@@ -161,8 +167,8 @@ typedef struct kiv_blob_segment_t {
  * service manager, each attempt waits two seconds for it.
  *
  * @return a collector, the library's, to be given back with kiv_deregister; or
- *         NULL when a synchronous registration failed, or name or data_dir is
- *         NULL; the log says why. */
+ *         NULL when a synchronous registration failed, name or data_dir is NULL, or
+ *         in the child of a fork; the log says why. */
 KIV_API kiv_collector* kiv_register(kiv_cfg_s* cfg);
 
 /** Stops any session, tells the manager and destroys the collector, which must
@@ -173,7 +179,9 @@ KIV_API kiv_collector* kiv_register(kiv_cfg_s* cfg);
  * one that lives and does not consume them blocks it. Not from inside a callback.
  *
  * @return 0; -1: c is NULL, the client was not registered, or the manager could
- *         not be told. The collector is destroyed in every case. */
+ *         not be told. The collector is destroyed in every case. In the child of a
+ *         fork: -1 at once; the memory is freed unless a thread of the parent was in
+ *         the middle of changing it. */
 KIV_API int kiv_deregister(kiv_collector* c);
 
 /** Logs one sample of a counter, gauge or histogram, in the KPI's own unit.

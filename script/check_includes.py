@@ -43,7 +43,10 @@ RULES = {
          "collector/"],
         BINDER,
     ),
-    "platform/linux/": (LEAVES + ["utility/event_sink.h", "utility/program_log_limit.h", "platform/linux/"], BINDER + ["systemd/", "android-base/", "orb_platform/", "log/"]),
+    "platform/linux/": (LEAVES + ["utility/child_log.h", "utility/event_sink.h",
+                                "utility/program_log_limit.h", "utility/quiet_write.h",
+                                "platform/linux/"],
+                       BINDER + ["systemd/", "android-base/", "orb_platform/", "log/"]),
     "services/": (
         CONTRACT + ["include/", "utility/", "proto/", "services/", "serializer/telemetry_header.h"],
         BINDER + ["orb_platform/", "systemd/"],

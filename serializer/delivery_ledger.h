@@ -84,6 +84,9 @@ class DeliveryLedger {
 
   Books Copy() const ORB_EXCLUDES(mutex_);
 
+  // In the child of a fork(): false when one of the parent's threads was inside.
+  bool AdoptInChild() ORB_EXCLUDES(mutex_) { return mutex_.IsFree(); }
+
  private:
   static void Post(OwnerBook* book, const Tally& tally, std::optional<orb::LossCause> lost);
 

@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "collector/kiv_collector.h"
@@ -115,6 +116,12 @@ void KPIFileSerializer::stopWriterThread() {
   writerThread.join();
   collector->NoteQueueDepth(KPIFileSerializer::backlog().depth_max);
   LeaveFiles();
+}
+
+bool KPIFileSerializer::AdoptInChild() {
+  new (&writerThread) std::thread;
+  queueCv.ForgetWaiters();
+  return queueMutex.IsFree() && fileMutex.IsFree();
 }
 
 void KPIFileSerializer::LeaveFiles() {

@@ -63,6 +63,7 @@ class KPIFileSerializer : public KPISerializer {
   // the owner's calls, one at a time.
   void stopWriterThread() ORB_EXCLUDES(queueMutex, fileMutex);
   void Abandon() override ORB_EXCLUDES(queueMutex, fileMutex) { stopWriterThread(); }
+  bool AdoptInChild() override ORB_EXCLUDES(queueMutex, fileMutex);
 
   // Sends the LicSN's file, then starts a fresh one, or none. Records that are
   // still queued are not waited for.

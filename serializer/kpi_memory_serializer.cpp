@@ -149,6 +149,16 @@ void KPIMemorySerializer::Abandon() {
   LoseAnnounced();
 }
 
+bool KPIMemorySerializer::AdoptInChild() {
+  pendingCv.ForgetWaiters();
+  if (!writerMutex.IsFree() || !pendingMutex.IsFree()) return false;
+  // The announcements and their completions are the parent's.
+  slotCount = 0;
+  free(handle);
+  handle = nullptr;
+  return true;
+}
+
 int KPIMemorySerializer::Flush() {
   orb::MutexLock lock(writerMutex);
   if (currentSlot == kNoSlot || bytesWritten == 0) return 0;

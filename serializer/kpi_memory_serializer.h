@@ -58,6 +58,7 @@ class KPIMemorySerializer : public KPISerializer {
 
   // What is not announced is lost; so is, as far as is known, what the HAL still has.
   void Abandon() override ORB_EXCLUDES(writerMutex);
+  bool AdoptInChild() override ORB_EXCLUDES(writerMutex, pendingMutex);
 
   // The HAL has consumed the slot at this byte offset of the region.
   static int WriteDone(kiv_fd_handle_s* handle, uint32_t offset, uint32_t, int);

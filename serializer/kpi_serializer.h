@@ -62,6 +62,11 @@ class KPISerializer {
   // Ends a session that never ran, without flushing.
   virtual void Abandon() {}
 
+  // In the child of a fork(), before destruction: forgets the parent's threads, and
+  // leaves files and regions to it. False when one of its threads was inside, and
+  // this object is not whole.
+  virtual bool AdoptInChild() { return true; }
+
   virtual ~KPISerializer();
 
   // What waits. Files: items queued or being written, flushes included. Slots:

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <new>
 
 #if defined(__clang__)
 #define ORB_TSA(x) __attribute__((x))
@@ -42,6 +43,14 @@ class ORB_CAPABILITY("mutex") Mutex {
   void Lock() ORB_ACQUIRE() { mutex_.lock(); }
   void Unlock() ORB_RELEASE() { mutex_.unlock(); }
   bool TryLock() ORB_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
+
+  // For a process with one thread, such as the child of a fork(): whether nobody held
+  // it, so that what it guards is whole.
+  bool IsFree() ORB_EXCLUDES(this) {
+    const bool free = mutex_.try_lock();
+    if (free) mutex_.unlock();
+    return free;
+  }
 
  private:
   friend class CondVar;
@@ -80,6 +89,9 @@ class CondVar {
   }
   void NotifyOne() { cv_.notify_one(); }
   void NotifyAll() { cv_.notify_all(); }
+  // In the child of a fork(): makes it new, because its destruction would wait for
+  // waiters that are not there.
+  void ForgetWaiters() { new (&cv_) std::condition_variable; }
 
  private:
   std::condition_variable cv_;

@@ -7,6 +7,8 @@
 #include <binder/Status.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <memory>
@@ -125,6 +127,27 @@ TEST_F(BusTest, LostBusKillsEveryRemoteAndComesBack) {
   EXPECT_EQ(second->pingBinder(), android::OK);
   EXPECT_EQ(service->pingBinder(), android::DEAD_OBJECT);
   EXPECT_EQ(recipient->count, 1);
+}
+
+int OpenSockets() {
+  int count = 0;
+  for (int fd = 0; fd < 1024; ++fd) {
+    struct stat status {};
+    if (fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode)) ++count;
+  }
+  return count;
+}
+
+// Else one that lives on would hide the parent's death from everybody.
+TEST_F(BusTest, AForkedChildDoesNotKeepTheConnection) {
+  const int sockets = OpenSockets();
+  const pid_t child = fork();
+  if (child == 0) _exit(OpenSockets());
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(WEXITSTATUS(status), sockets - 1);
+  EXPECT_EQ(Check("nobody"), nullptr);
+  EXPECT_EQ(OpenSockets(), sockets) << "the parent still has it";
 }
 
 TEST(ServiceNameTest, MapsToABusNameAndBack) {

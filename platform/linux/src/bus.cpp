@@ -2,10 +2,14 @@
 // Tested by tests/platform/contract_test.cpp and bus_test.cpp.
 #include "platform/linux/src/bus.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -15,8 +19,21 @@
 #include "platform/linux/src/worker_pool.h"
 
 namespace orb_platform {
-
 namespace {
+
+std::atomic<int> connection_fd{-1};
+
+// A child of fork() that lives on would keep the connection open after the parent's
+// end, and everybody would take the parent for alive. The binding does nothing in a
+// child, so there the descriptor leads nowhere. Runs before fork() returns.
+void LeaveConnectionToParent() {
+  const int fd = connection_fd.load();
+  if (fd < 0) return;
+  const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (nowhere < 0) return;
+  dup3(nowhere, fd, O_CLOEXEC);
+  close(nowhere);
+}
 
 // One rule for all peers: the bus allows a connection 512.
 constexpr char kPeersLeave[] =
@@ -38,7 +55,9 @@ Bus& Bus::Get() {
   return *bus;
 }
 
-Bus::Bus() : budget_(MostDescriptorsOfCalls()) {}
+Bus::Bus() : budget_(MostDescriptorsOfCalls()) {
+  pthread_atfork(nullptr, nullptr, LeaveConnectionToParent);
+}
 
 bool Bus::Connect() {
   orb::MutexLock lock(mutex_);
@@ -70,7 +89,8 @@ bool Bus::ConnectLocked() {
   }
   bus_ = bus;
   connection_++;
-  poller_.Attach(sd_bus_get_fd(bus_));
+  connection_fd = sd_bus_get_fd(bus_);
+  poller_.Attach(connection_fd);
   if (!reader_started_) {
     reader_started_ = true;
     StartThread("binder-reader", [this] { ReadForever(); });
@@ -120,6 +140,7 @@ void Bus::Process() {
 // use connects again.
 void Bus::Disconnected() {
   poller_.Detach();
+  connection_fd = -1;
   sd_bus* const bus = std::exchange(bus_, nullptr);
   std::map<std::string, std::unique_ptr<Peer>> peers;
   peers.swap(peers_);
