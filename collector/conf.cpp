@@ -3,9 +3,11 @@
 #include "collector/conf.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
+#include "utility/contained.h"
 #include "utility/log.h"
 
 namespace {
@@ -86,13 +88,21 @@ void ApplyLine(const std::string& line, Conf* conf) {
   }
 }
 
-void ApplyFile(FILE* file, Conf* conf) {
-  char* line = nullptr;  // getline's, grown as needed.
+// What getline allocates and grows.
+struct Line {
+  Line() = default;
+  Line(const Line&) = delete;
+  Line& operator=(const Line&) = delete;
+  ~Line() { free(text); }
+  char* text = nullptr;
   size_t capacity_bytes = 0;
-  for (ssize_t length; (length = getline(&line, &capacity_bytes, file)) >= 0;) {
-    ApplyLine(std::string(line, static_cast<size_t>(length)), conf);
+};
+
+void ApplyFile(FILE* file, Conf* conf) {
+  Line line;
+  for (ssize_t length; (length = getline(&line.text, &line.capacity_bytes, file)) >= 0;) {
+    ApplyLine(std::string(line.text, static_cast<size_t>(length)), conf);
   }
-  free(line);
 }
 
 }  // namespace
@@ -109,9 +119,10 @@ const Conf& Conf::Get() { return in_force.load(std::memory_order_acquire)->conf;
 bool Conf::ReadFile(const std::string& path, Conf* conf) {
   FILE* file = fopen(path.c_str(), "re");
   if (file == nullptr) return false;
-  ApplyFile(file, conf);
+  const bool applied = orb::Contained("Conf", [&] { ApplyFile(file, conf); });
   (void)fclose(file);  // It was only read.
-  return true;
+  if (!applied) errno = ENOMEM;
+  return applied;
 }
 
 void Conf::Load(const std::string& data_dir) {

@@ -25,7 +25,7 @@ bool FdHandles::EndSetup(kiv_fd_handle_s* handle) {
   if (setups_ == 0) lost_in_setup_.clear();
   if (handle == nullptr || lost) return false;
   last_id_ = orb::CheckedAdd<uint64_t>(last_id_, 1);
-  entries_.push_back({handle, last_id_});
+  entries_[last_id_].handle = handle;
   return true;
 }
 
@@ -33,11 +33,15 @@ void FdHandles::Remove(kiv_fd_handle_s* handle) {
   uint64_t id = 0;
   {
     orb::MutexLock lock(mutex_);
-    const auto is_it = [handle](const Entry& entry) { return entry.handle == handle; };
+    const auto is_it = [handle](const auto& entry) { return entry.second.handle == handle; };
     const auto found = std::find_if(entries_.begin(), entries_.end(), is_it);
     if (found == entries_.end()) return;
-    id = found->id;
-    entries_.erase(found);
+    id = found->first;
+    found->second.handle = nullptr;
+    if (found->second.running == 0) {
+      entries_.erase(found);
+      return;
+    }
   }
   // A `done` that waits here has begun for certain, so those that wait for it from
   // inside another one need not: they might be waiting for each other.
@@ -55,36 +59,34 @@ void FdHandles::Remove(kiv_fd_handle_s* handle) {
 
 void FdHandles::CountWaiting(uint64_t id, int change) {
   orb::MutexLock lock(mutex_);
-  calls_[id].waiting += change;
+  entries_.find(id)->second.waiting += static_cast<uint32_t>(change);
   changed_.NotifyAll();
 }
 
 bool FdHandles::MustWait(uint64_t id) const {
-  const auto calls = calls_.find(id);
-  if (calls == calls_.end()) return false;
-  Calls others = calls->second;
+  const auto entry = entries_.find(id);
+  if (entry == entries_.end()) return false;
+  uint32_t running = entry->second.running;
+  uint32_t waiting = entry->second.waiting;
   for (const Frame* frame = frames_; frame != nullptr; frame = frame->outer) {
     if (frame->handles != this || frame->id != id) continue;
-    --others.running;
-    --others.waiting;
+    --running;
+    --waiting;
   }
-  return others.running > (frames_ == nullptr ? 0 : others.waiting);
+  return running > (frames_ == nullptr ? 0 : waiting);
 }
 
 void FdHandles::RunDone(uint32_t fdToken, uint32_t a, uint32_t b, int c,
                         const std::atomic<bool>& receiver_died) {
-  std::vector<uint64_t> ids;
+  uint64_t last = 0;
   {
     orb::MutexLock lock(mutex_);
-    for (const Entry& entry : entries_) {
-      if (entry.handle->fdToken == fdToken && entry.handle->fn != nullptr) ids.push_back(entry.id);
-    }
+    last = last_id_;
   }
   // Read after the search: handles of the successor can be found only after it is true.
   if (receiver_died) return;
-  for (const uint64_t id : ids) {
-    kiv_fd_handle_s* const handle = Begin(id);
-    if (handle == nullptr) continue;
+  uint64_t id = 0;
+  while (kiv_fd_handle_s* const handle = BeginNext(fdToken, last, &id)) {
     const Frame frame{this, id, frames_};
     frames_ = &frame;
     handle->fn(handle, a, b, c);  // May withdraw and free the handle.
@@ -93,28 +95,31 @@ void FdHandles::RunDone(uint32_t fdToken, uint32_t a, uint32_t b, int c,
   }
 }
 
-kiv_fd_handle_s* FdHandles::Begin(uint64_t id) {
+kiv_fd_handle_s* FdHandles::BeginNext(uint32_t fdToken, uint64_t last, uint64_t* id) {
   orb::MutexLock lock(mutex_);
-  for (const Entry& entry : entries_) {
-    if (entry.id != id) continue;
-    ++calls_[id].running;
-    return entry.handle;
+  for (auto it = entries_.upper_bound(*id); it != entries_.end() && it->first <= last; ++it) {
+    kiv_fd_handle_s* const handle = it->second.handle;
+    if (handle == nullptr || handle->fdToken != fdToken || handle->fn == nullptr) continue;
+    it->second.running = orb::CheckedAdd<uint32_t>(it->second.running, 1);
+    *id = it->first;
+    return handle;
   }
   return nullptr;
 }
 
 void FdHandles::End(uint64_t id) {
   orb::MutexLock lock(mutex_);
-  const auto calls = calls_.find(id);
-  if (--calls->second.running == 0) calls_.erase(calls);
+  const auto entry = entries_.find(id);
+  entry->second.running = orb::CheckedSub<uint32_t>(entry->second.running, 1);
+  if (entry->second.running == 0 && entry->second.handle == nullptr) entries_.erase(entry);
   changed_.NotifyAll();
 }
 
 std::vector<const kiv_fd_handle_s*> FdHandles::Lose(uint32_t fdToken) {
   std::vector<const kiv_fd_handle_s*> lost;
   orb::MutexLock lock(mutex_);
-  for (const Entry& entry : entries_) {
-    if (entry.handle->fdToken != fdToken) continue;
+  for (const auto& [id, entry] : entries_) {
+    if (entry.handle == nullptr || entry.handle->fdToken != fdToken) continue;
     entry.handle->fdToken = kiv_fd_handle_s::kNoToken;
     lost.push_back(entry.handle);
   }

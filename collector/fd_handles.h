@@ -42,21 +42,23 @@ class FdHandles {
   std::vector<const kiv_fd_handle_s*> Lose(uint32_t fdToken) ORB_EXCLUDES(mutex_);
 
   // In the child of a fork(): false when a thread of the parent was inside.
-  bool AdoptInChild() ORB_EXCLUDES(mutex_) { return mutex_.IsFree(); }
+  bool AdoptInChild() ORB_EXCLUDES(mutex_) {
+    changed_.ForgetWaiters();
+    return mutex_.IsFree();
+  }
 
  private:
   struct Entry {
-    kiv_fd_handle_s* handle;
-    uint64_t id;  // Never used again, unlike the address of a handle that was freed.
-  };
-  struct Calls {
+    kiv_fd_handle_s* handle;  // Null once it is withdrawn; the entry stays while a `done` runs.
     uint32_t running = 0;
-    uint32_t waiting = 0;  // Those of them that are inside Remove.
+    uint32_t waiting = 0;  // Those of the running ones that are inside Remove.
   };
   struct Frame;
 
-  // The handle, whose `done` counts as running from now on; null when it was withdrawn.
-  kiv_fd_handle_s* Begin(uint64_t id) ORB_EXCLUDES(mutex_);
+  // The first handle after *id and up to `last` with this token and a `done`, which
+  // counts as running from now on, and its id; null when there is none. Allocates
+  // nothing: a completion that was lost would hold its slot for ever.
+  kiv_fd_handle_s* BeginNext(uint32_t fdToken, uint64_t last, uint64_t* id) ORB_EXCLUDES(mutex_);
   void End(uint64_t id) ORB_EXCLUDES(mutex_);
   void CountWaiting(uint64_t id, int change) ORB_EXCLUDES(mutex_);
   // Whether a `done` of the handle runs that this thread's Remove waits for.
@@ -67,8 +69,9 @@ class FdHandles {
 
   mutable orb::Mutex mutex_;
   orb::CondVar changed_;
-  std::vector<Entry> entries_ ORB_GUARDED_BY(mutex_);
-  std::map<uint64_t, Calls> calls_ ORB_GUARDED_BY(mutex_);  // Of ids with running ones.
+  // By ids in the order of storing. None is used again, unlike the address of a handle
+  // that was freed.
+  std::map<uint64_t, Entry> entries_ ORB_GUARDED_BY(mutex_);
   uint64_t last_id_ ORB_GUARDED_BY(mutex_) = 0;
   uint32_t setups_ ORB_GUARDED_BY(mutex_) = 0;  // Begun and not ended.
   // Tokens that were lost while a setup that may have them had stored no handle.

@@ -1,8 +1,11 @@
-// The C functions: each checks its pointers and forwards to the collector.
+// The C functions: each checks its pointers and forwards to the collector. Those that
+// may allocate there turn an exception into an error line and a failure.
 // Tested by tests/collector/c_api_test.c and lifecycle_test.cpp.
 #include <cstddef>
+#include <memory>
 
 #include "collector/kiv_collector.h"
+#include "utility/contained.h"
 #include "utility/fork_guard.h"
 #include "utility/log.h"
 
@@ -25,9 +28,22 @@ constexpr bool kRecordIsLaidOut =
 static_assert(kRecordIsLaidOut, "kiv_cfg_s: not the layout that clients fill");
 static_assert(sizeof(kiv_blob_segment_t) == 16, "kiv_blob_segment_t: not the layout clients fill");
 
-void Destroy(kiv_collector* c) {
-  c->Unroute();
-  delete c;
+using orb::Contained;
+
+struct Destroy {
+  void operator()(kiv_collector* c) const {
+    // That fails before the process-wide client exists only, which then routes nothing.
+    Contained("orb_deregister", [&] { c->Unroute(); });
+    delete c;
+  }
+};
+using OwnedCollector = std::unique_ptr<kiv_collector, Destroy>;
+
+kiv_collector* Register(const kiv_cfg_s* cfg) {
+  OwnedCollector c(new kiv_collector(cfg));
+  if (c->Register() == 0) return c.release();
+  LOGE("%s: registration failed %d", c->name().c_str(), -1);
+  return nullptr;
 }
 
 }  // namespace
@@ -42,11 +58,8 @@ kiv_collector* kiv_register(kiv_cfg_s* cfg) {
     LOGE("orb_register: %s is null", cfg->name == nullptr ? "name" : "data_dir");
     return nullptr;
   }
-  auto* c = new kiv_collector(cfg);
-  if (c->Register() == 0) return c;
-  LOGE("%s: registration failed %d", c->name().c_str(), -1);
-  Destroy(c);
-  return nullptr;
+  kiv_collector* const none = nullptr;
+  return Contained("orb_register", none, [&] { return Register(cfg); });
 }
 
 int kiv_deregister(kiv_collector* c) {
@@ -55,13 +68,13 @@ int kiv_deregister(kiv_collector* c) {
     return -1;
   }
   if (c == nullptr) return -1;
-  const int result = c->DeRegister();
-  Destroy(c);
-  return result;
+  const OwnedCollector owned(c);
+  return Contained("orb_deregister", -1, [&] { return c->DeRegister(); });
 }
 
 int kiv_log(kiv_collector* c, uint32_t kpi_id, uint32_t value) {
-  return Refuses(__func__) || c == nullptr ? -1 : c->Log(kpi_id, value);
+  if (Refuses(__func__) || c == nullptr) return -1;
+  return Contained("orb_log", -1, [&] { return c->Log(kpi_id, value); });
 }
 
 int kiv_log_event(kiv_collector* c, uint32_t kpi_id, uint32_t arg) {
@@ -73,24 +86,25 @@ int kiv_log_state(kiv_collector* c, uint32_t kpi_id, uint32_t a, uint32_t b) {
 }
 
 int kiv_log_blob(kiv_collector* c, uint32_t kpi_id, const uint8_t* buf, uint32_t len) {
-  return Refuses(__func__) || c == nullptr ? -1 : c->Log(kpi_id, buf, len);
+  if (Refuses(__func__) || c == nullptr) return -1;
+  return Contained("orb_log_blob", -1, [&] { return c->Log(kpi_id, buf, len); });
 }
 
 int kiv_log_blob_segments(kiv_collector* c, uint32_t kpi_id, kiv_blob_segment_t* segs,
                           uint32_t count) {
-  return Refuses(__func__) || c == nullptr ? -1 : c->Log(kpi_id, segs, count);
+  if (Refuses(__func__) || c == nullptr) return -1;
+  return Contained("orb_log_blob_segments", -1, [&] { return c->Log(kpi_id, segs, count); });
 }
 
 int kiv_log_buf(kiv_collector* c, const uint8_t* buf, uint32_t len) {
   if (Refuses(__func__)) return -1;
   LOGI("orb_log_buf: called");
-  return c == nullptr ? -1 : c->LogBuf(buf, len);
+  return c == nullptr ? -1 : Contained("orb_log_buf", -1, [&] { return c->LogBuf(buf, len); });
 }
 
 int kiv_flush(kiv_collector* c) {
   if (Refuses(__func__) || c == nullptr) return -1;
-  c->Flush();
-  return 0;
+  return Contained("orb_flush", [&] { c->Flush(); }) ? 0 : -1;
 }
 
 int kiv_set_cfg(kiv_collector* c, kiv_param_type_t type, uint32_t value) {
@@ -107,17 +121,21 @@ int kiv_is_kpi_enabled(kiv_collector* c, uint32_t kpi_id) {
 
 kiv_fd_handle_s* kiv_set_fd(kiv_collector* c, int fd, uint32_t offset, uint32_t length,
                             kiv_fd_done_cb done) {
-  return Refuses(__func__) || c == nullptr ? nullptr : c->SetFD(fd, offset, length, done);
+  kiv_fd_handle_s* const none = nullptr;
+  if (Refuses(__func__) || c == nullptr) return none;
+  return Contained("orb_set_fd", none, [&] { return c->SetFD(fd, offset, length, done); });
 }
 
 int kiv_log_fd_buf(kiv_fd_handle_s* h, uint64_t /*unused*/, uint64_t offset, uint32_t len) {
   if (Refuses(__func__) || h == nullptr || h->collector == nullptr) return -1;
-  return h->collector->FdWrite(h->fdToken, offset, static_cast<uint32_t>(offset), len);
+  return Contained("orb_log_fd_buf", -1, [&] {
+    return h->collector->FdWrite(h->fdToken, offset, static_cast<uint32_t>(offset), len);
+  });
 }
 
 int kiv_unset_fd(kiv_fd_handle_s* h) {
   if (Refuses(__func__) || h == nullptr || h->collector == nullptr) return -1;
-  return h->collector->UnsetFD(h, h->fdToken);
+  return Contained("orb_unset_fd", -1, [&] { return h->collector->UnsetFD(h, h->fdToken); });
 }
 
 uint32_t kiv_get_api_version(void) { return KIV_API_VERSION; }

@@ -11,6 +11,7 @@
 #include "ipc/kiv_aidl_client.h"
 #include "kpi/kpi.h"
 #include "serializer/kpi_serializer.h"
+#include "utility/contained.h"
 #include "utility/log.h"
 
 namespace {
@@ -35,8 +36,7 @@ kiv_collector::~kiv_collector() {
 
 int kiv_collector::Register() {
   if (cfg_.sync_register) return RunRegistration();
-  registerThreads_.Start([this] { RunRegistration(); });
-  return 0;
+  return registerThreads_.Start("orb_register", [this] { RunRegistration(); }) ? 0 : -1;
 }
 
 int kiv_collector::RunRegistration() {
@@ -87,10 +87,11 @@ int kiv_collector::DeRegister() {
     registerThreads_.JoinAll();
     LOGI("%s: registerThread exited", "DeRegister");
   }
-  {
+  // Whatever becomes of the session, the manager is told.
+  orb::Contained("DeRegister", [this] {
     orb::MutexLock session(sessionMutex);
     StopSessionLocked();
-  }
+  });
   const auto client = link_.client();
   return client == nullptr ? -1 : client->deRegisterClient(link_.token());
 }
@@ -114,8 +115,8 @@ void kiv_collector::Unroute() {
   link_.ObtainClient()->forgetCollector(this);
 }
 
-void kiv_collector::LostConn() {
-  lostConnThreads_.Start([this] { LostConnThread(); });
+bool kiv_collector::LostConn() {
+  return lostConnThreads_.Start("orb_lost_conn", [this] { LostConnThread(); });
 }
 
 void kiv_collector::LostConnThread() {
@@ -127,7 +128,8 @@ void kiv_collector::LostConnThread() {
   LOGI("%s: c::LostConn deleteing client instance for token - %s", cfg_.name.c_str(),
        link_.token().c_str());
   link_.ResetClient();
-  if (!stop_.raised()) Register();
+  if (stop_.raised() || Register() == 0 || cfg_.sync_register) return;
+  RunRegistration();  // No thread for it: this one is as good.
 }
 
 void kiv_collector::SetIdentity(const std::string& token, int32_t clientId) {

@@ -51,7 +51,7 @@ struct kiv_collector {
   kiv_collector& operator=(const kiv_collector&) = delete;
 
   // --- Registration (kiv_collector.cpp). ---
-  // 0, or -1 when a synchronous registration gave up.
+  // 0, or -1 when a synchronous registration gave up, or an asynchronous one has no thread.
   int Register();
   // Joins the collector's threads, ends the session, tells the manager. The
   // manager's status, or -1 without a connection.
@@ -63,8 +63,11 @@ struct kiv_collector {
   // destroyed without a wait and without a word to manager, HAL or disk. False when
   // one of the parent's threads was inside: it must be left as it is then.
   bool AdoptInChild() ORB_EXCLUDES(sessionMutex, stateMutex);
-  // The manager died. Only starts a thread; takes a leaf.
-  void LostConn();
+  // The manager died. Only starts a thread, which runs LostConnThread(); takes a leaf.
+  // False when there is no thread: the caller then calls that itself, with no lock held.
+  bool LostConn();
+  // Ends the session and registers again, which may take all attempts.
+  void LostConnThread() ORB_EXCLUDES(sessionMutex, stateMutex);
   // What the manager assigned. Called by the client before the token is routable.
   void SetIdentity(const std::string& token, int32_t clientId) ORB_EXCLUDES(headerMutex);
   std::string Token() const { return link_.token(); }
@@ -159,8 +162,9 @@ struct kiv_collector {
  private:
   int RunRegistration();
   bool AttemptRegistration();
-  void LostConnThread() ORB_EXCLUDES(sessionMutex, stateMutex);
 
+  int StartSessionLocked(const KIVCampConfig& config) ORB_REQUIRES(sessionMutex)
+      ORB_EXCLUDES(stateMutex);
   int StartCustomSession(const KIVCampConfig& config) ORB_REQUIRES(sessionMutex)
       ORB_EXCLUDES(stateMutex);
   int StopCustomSession() ORB_REQUIRES(sessionMutex) ORB_EXCLUDES(stateMutex);
@@ -191,6 +195,9 @@ struct kiv_collector {
       ORB_EXCLUDES(serializerMutex);
   // From here on raw buffers go to the session's serializer.
   void SetCurrent() ORB_REQUIRES(sessionMutex, stateMutex);
+
+  int AnnouncePiece(const std::atomic<uint32_t>& fdToken, uint32_t offset, uint32_t size)
+      ORB_EXCLUDES(headerMutex, seqMutex);
 
   // What became of one upload.
   struct Fate {

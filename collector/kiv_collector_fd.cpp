@@ -7,6 +7,7 @@
 #include "collector/kiv_collector.h"
 #include "ipc/kiv_aidl_client.h"
 #include "serializer/kpi_memory_serializer.h"
+#include "utility/contained.h"
 #include "utility/log.h"
 
 kiv_fd_handle_s* kiv_collector::SetFD(int fd, uint32_t offset, uint32_t length,
@@ -14,7 +15,9 @@ kiv_fd_handle_s* kiv_collector::SetFD(int fd, uint32_t offset, uint32_t length,
   const auto client = link_.client();
   uint32_t fdToken = kiv_fd_handle_s::kNoToken;
   handles_.BeginSetup();
-  const int result = client == nullptr ? -1 : client->setupFD(fd, offset, length, this, &fdToken);
+  const int result = orb::Contained("SetFD", -1, [&] {
+    return client == nullptr ? -1 : client->setupFD(fd, offset, length, this, &fdToken);
+  });
   void* const memory = result == 0 ? malloc(sizeof(kiv_fd_handle_s)) : nullptr;
   if (memory == nullptr) {
     handles_.EndSetup(nullptr);
@@ -26,8 +29,14 @@ kiv_fd_handle_s* kiv_collector::SetFD(int fd, uint32_t offset, uint32_t length,
     return nullptr;
   }
   auto* const handle = new (memory) kiv_fd_handle_s{fdToken, fd, offset, length, done, this};
-  if (handles_.EndSetup(handle)) return handle;
-  LOGE("%s: clientIntf->setupFD failed - %d", "SetFD", -1);
+  bool kept = false;
+  const bool asked = orb::Contained("SetFD", [&] { kept = handles_.EndSetup(handle); });
+  if (kept) return handle;
+  if (asked) {
+    LOGE("%s: clientIntf->setupFD failed - %d", "SetFD", -1);
+  } else {
+    client->UnsetFD(link_.token(), fdToken);
+  }
   free(handle);
   return nullptr;
 }
@@ -40,6 +49,11 @@ void kiv_collector::LoseRegion(uint32_t fdToken) {
 
 int kiv_collector::FdWrite(const std::atomic<uint32_t>& fdToken, uint64_t /*unused*/,
                            uint32_t offset, uint32_t size) {
+  return orb::Contained("FdWrite", -1, [&] { return AnnouncePiece(fdToken, offset, size); });
+}
+
+int kiv_collector::AnnouncePiece(const std::atomic<uint32_t>& fdToken, uint32_t offset,
+                                 uint32_t size) {
   const auto loc = static_cast<int>(cfg_.compress_loc);
   const auto type = static_cast<int>(cfg_.compress_type);
   const uint32_t seqno = NextSeqno();
@@ -70,7 +84,9 @@ int kiv_collector::FdWrite(const std::atomic<uint32_t>& fdToken, uint64_t /*unus
 
 int kiv_collector::UnsetFD(kiv_fd_handle_s* handle, const std::atomic<uint32_t>& fdToken) {
   const auto client = link_.client();
-  const int result = client == nullptr ? -1 : client->UnsetFD(link_.token(), fdToken);
+  const int result = orb::Contained("UnsetFD", -1, [&] {
+    return client == nullptr ? -1 : client->UnsetFD(link_.token(), fdToken);
+  });
   handles_.Remove(handle);
   return result;
 }

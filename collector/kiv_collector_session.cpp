@@ -13,6 +13,7 @@
 #include "serializer/kpi_file_serializer.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/checked.h"
+#include "utility/contained.h"
 #include "utility/log.h"
 
 namespace {
@@ -29,6 +30,14 @@ constexpr uint32_t kCustomTimeThresholdSec = 172800;
 
 int kiv_collector::StartSession(const KIVCampConfig& config) {
   orb::MutexLock session(sessionMutex);
+  int result = -1;
+  const bool answered = orb::Contained(
+      "StartSession", [&]() ORB_NO_THREAD_SAFETY_ANALYSIS { result = StartSessionLocked(config); });
+  if (!answered) DropSession();
+  return result;
+}
+
+int kiv_collector::StartSessionLocked(const KIVCampConfig& config) {
   if (stop_.raised()) {
     // Nothing would stop it any more.
     LOGE("%s: %s: StartSession received while de-registering - ignored", "StartSession",
@@ -224,7 +233,9 @@ int kiv_collector::StopSessionLocked() {
   {
     orb::HotMutexLock lock(stateMutex);
     result = CallStop();
-    for (const auto& [id, kpi] : kpis_) kpi->Serialize();
+    for (const auto& [id, kpi] : kpis_) {
+      orb::Contained("Serialize", [&kpi = *kpi] { kpi.Serialize(); });
+    }
     BookKPIs(orb::LossCause::kNoRecord);
     ClearKPIs();
     current_ = nullptr;
@@ -278,11 +289,13 @@ std::vector<uint64_t> kiv_collector::OwnersOf(uint32_t kpi) const {
 }
 
 void kiv_collector::BookKPIs(orb::LossCause open_windows) {
-  for (const auto& [id, kpi] : kpis_) {
-    orb::KpiSamples samples = kpi->CountSamples();
-    uint64_t& lost = samples.lost[open_windows];
-    lost = orb::CheckedAdd<uint64_t>(lost, samples.open);
-    ledger_.Enter(OwnersOf(id), samples);
+  for (const auto& entry : kpis_) {
+    orb::Contained("BookKPIs", [&] {
+      orb::KpiSamples samples = entry.second->CountSamples();
+      uint64_t& lost = samples.lost[open_windows];
+      lost = orb::CheckedAdd<uint64_t>(lost, samples.open);
+      ledger_.Enter(OwnersOf(entry.first), samples);
+    });
   }
 }
 
@@ -292,7 +305,9 @@ void kiv_collector::ClearKPIs() {
 }
 
 void kiv_collector::FinalizeSerializer() {
-  if (const auto serializer = Serializer()) serializer->Finalize();
+  if (const auto serializer = Serializer()) {
+    orb::Contained("Finalize", [&] { serializer->Finalize(); });
+  }
   SetSerializer(nullptr);
 }
 

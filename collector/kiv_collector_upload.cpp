@@ -12,6 +12,7 @@
 #include "collector/seal.h"
 #include "ipc/kiv_aidl_client.h"
 #include "utility/checked.h"
+#include "utility/contained.h"
 #include "utility/error_text.h"
 #include "utility/log.h"
 #include "utility/malloc_bytes.h"
@@ -116,7 +117,10 @@ int kiv_collector::SendData(const std::string& path) {
   // With a buffer, a child of fork() would set back the position that both share.
   static_cast<void>(setvbuf(file, nullptr, _IONBF, 0));
   Fate fate;
-  const int result = SendOpenFile(file, path, &fate);
+  int result = -1;
+  if (!orb::Contained("SendData", [&] { result = SendOpenFile(file, path, &fate); })) {
+    fate.lost = LossCause::kMemory;
+  }
   if (!ledger_.Settle(path, fate.lost)) ledger_.SettleRecovered(fate.payload_bytes, fate.lost);
   // Also when the upload failed: data is never kept for a second attempt. Nor is
   // it found again when its directory comes back.

@@ -4,9 +4,9 @@
 #include <atomic>
 #include <functional>
 #include <list>
-#include <thread>
 
 #include "collector/stop_signal.h"
+#include "utility/thread.h"
 #include "utility/thread_annotations.h"
 
 // A group of threads under one stop signal. Once that is raised nothing is
@@ -19,9 +19,10 @@ class WorkerThreads {
   // JoinAll() came before.
   ~WorkerThreads() = default;
 
-  // Runs `work` on a new thread, unless the signal is raised. Joins those that
-  // have finished: as many threads exist as run, and the last one.
-  void Start(std::function<void()> work) noexcept ORB_EXCLUDES(mutex_);
+  // Runs `work` on a new thread of that name, unless the signal is raised. Joins those
+  // that have finished: as many threads exist as run, and the last one. False, with one
+  // error line, when there is no thread or no memory for it; nothing runs then.
+  bool Start(const char* name, std::function<void()> work) noexcept ORB_EXCLUDES(mutex_);
 
   // True when a thread waits to be joined.
   bool any() ORB_EXCLUDES(mutex_);
@@ -32,8 +33,12 @@ class WorkerThreads {
   bool AdoptInChild() ORB_EXCLUDES(mutex_);
 
  private:
+  bool StartWorker(const char* name, std::function<void()> work) ORB_EXCLUDES(mutex_);
+
   struct Worker {
-    std::thread thread;
+    orb::Thread thread;
+    const char* name = nullptr;
+    std::function<void()> work;
     std::atomic<bool> done{false};
   };
 

@@ -25,6 +25,10 @@
  * receiver's answer; other calls that log wait with it. There is no limit to that while
  * a receiver lives and is silent.
  *
+ * When the process or the machine has no thread, descriptor or memory left, the call
+ * that needs one answers -1 or NULL with one error line, what it was about is lost and
+ * counted, and later calls work again. No exception leaves a function.
+ *
  * A count or a sum that no longer fits its type ends the process by abort(). What
  * one window of a KPI bears, for values of magnitude M:
  *  - every KPI: 2^32 - 1 samples, a gauge 2^31 - 1;

@@ -5,6 +5,7 @@
 
 void CollectorRoutes::Add(const std::string& token, kiv_collector* collector) {
   orb::MutexLock lock(mapMutex_);
+  pins_.try_emplace(collector, 0);
   tokens_[token] = collector;
 }
 
@@ -15,6 +16,7 @@ void CollectorRoutes::Remove(const std::string& token) {
 
 void CollectorRoutes::AddRegion(uint32_t fdToken, kiv_collector* collector) {
   orb::MutexLock lock(mapMutex_);
+  pins_.try_emplace(collector, 0);
   last_serial_ = orb::CheckedAdd<uint64_t>(last_serial_, 1);
   regions_[fdToken] = {collector, last_serial_};
 }
@@ -70,7 +72,15 @@ void CollectorRoutes::Forget(kiv_collector* collector) {
   orb::MutexLock lock(mapMutex_);
   std::erase_if(tokens_, [=](const auto& entry) { return entry.second == collector; });
   std::erase_if(regions_, [=](const auto& entry) { return entry.second.collector == collector; });
-  while (pins_.count(collector) != 0) unpinned_.Wait(mapMutex_);
+  for (;;) {
+    const auto pin = pins_.find(collector);
+    if (pin == pins_.end()) return;
+    if (pin->second == 0) {
+      pins_.erase(pin);
+      return;
+    }
+    unpinned_.Wait(mapMutex_);
+  }
 }
 
 std::vector<CollectorRoutes::Pin> CollectorRoutes::PinAllLocked() {
@@ -82,15 +92,12 @@ std::vector<CollectorRoutes::Pin> CollectorRoutes::PinAllLocked() {
 
 CollectorRoutes::Pin CollectorRoutes::PinLocked(kiv_collector* collector) {
   if (collector == nullptr) return Pin();
-  uint32_t& count = pins_[collector];
+  uint32_t& count = pins_.find(collector)->second;
   count = orb::CheckedAdd<uint32_t>(count, 1);
   return Pin(this, collector);
 }
 
 void CollectorRoutes::Unpin(kiv_collector* collector) {
   orb::MutexLock lock(mapMutex_);
-  const auto pin = pins_.find(collector);
-  if (--pin->second > 0) return;
-  pins_.erase(pin);
-  unpinned_.NotifyAll();
+  if (--pins_.find(collector)->second == 0) unpinned_.NotifyAll();
 }

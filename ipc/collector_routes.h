@@ -80,5 +80,5 @@ class CollectorRoutes {
   std::map<std::string, kiv_collector*> tokens_ ORB_GUARDED_BY(mapMutex_);
   std::map<uint32_t, Region> regions_ ORB_GUARDED_BY(mapMutex_);
   uint64_t last_serial_ ORB_GUARDED_BY(mapMutex_) = 0;
-  std::map<kiv_collector*, uint32_t> pins_ ORB_GUARDED_BY(mapMutex_);  // Pinned ones only.
+  std::map<kiv_collector*, uint32_t> pins_ ORB_GUARDED_BY(mapMutex_);  // Of all that were routed.
 };

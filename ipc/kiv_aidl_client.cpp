@@ -56,6 +56,10 @@ int kivAIDLClient::registerClient(const std::string& name, uint32_t clientType,
     return -1;
   }
   process->startThreadPool();
+  if (!process->isThreadPoolStarted()) {
+    LOGE("%s: no thread for the manager's calls", "registerClient");
+    return -1;
+  }
   LOGI("%s - created threadpool", "registerClient");
 
   // Before any lock is taken: it may take its whole time.
@@ -164,5 +168,10 @@ void kivAIDLClient::processLostManagerConn() {
     std::swap(lost, manager_.proxy);
     collectors = routes_.TakeAll();
   }
-  for (const CollectorRoutes::Pin& collector : collectors) collector->LostConn();
+  std::vector<const CollectorRoutes::Pin*> threadless;
+  for (const CollectorRoutes::Pin& collector : collectors) {
+    if (!collector->LostConn()) threadless.push_back(&collector);
+  }
+  // The others are under way, so that none waits for these.
+  for (const CollectorRoutes::Pin* collector : threadless) (*collector)->LostConnThread();
 }

@@ -8,12 +8,14 @@
 #include <fcntl.h>
 #include <fmq/AidlMessageQueue.h>
 
+#include <memory>
 #include <utility>
 
 #include "collector/kiv_collector.h"
 #include "ipc/kiv_aidl_client.h"
 #include "ipc/orbsyshal_fd_callback.h"
 #include "utility/checked.h"
+#include "utility/contained.h"
 #include "utility/log.h"
 
 using ::aidl::android::hardware::common::NativeHandle;
@@ -37,8 +39,10 @@ bool Write(Queue* queue, const uint8_t* bytes, uint32_t count) {
 
 void kivAIDLClient::serviceDied(void*) {
   LOGI("OrbsyshalDeathRecipeint - Orbsyshal Server has died");
-  const std::shared_ptr<kivAIDLClient> client = getClientInstance();
-  if (client != nullptr) client->processLostOrbsyshalConn();
+  orb::Contained("serviceDied", [] {
+    const std::shared_ptr<kivAIDLClient> client = getClientInstance();
+    if (client != nullptr) client->processLostOrbsyshalConn();
+  });
 }
 
 void kivAIDLClient::processLostOrbsyshalConn() {
@@ -91,7 +95,7 @@ kivAIDLClient::Hal kivAIDLClient::CurrentHal() {
 
 kivAIDLClient::Hal kivAIDLClient::EnsureHal() {
   orb::MutexLock connecting(halConnect_);
-  const Hal hal = CurrentHal();
+  Hal hal = CurrentHal();
   if (hal.proxy != nullptr) {
     if (hal.watched || AIBinder_isAlive(hal.proxy->asBinder().get())) return hal;
     processLostOrbsyshalConn();  // It died before it could be watched.
@@ -142,13 +146,14 @@ int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, kiv_collect
     LOGE("%s: could not initialize orbsyshal handle", "setupFD");
     return -1;
   }
-  native_handle_t* const handle = native_handle_create(1, 2);
+  // Deleting it does not close fd, the caller's.
+  const std::unique_ptr<native_handle_t, int (*)(native_handle_t*)> handle(
+      native_handle_create(1, 2), native_handle_delete);
   if (handle == nullptr) return -1;
   handle->data[0] = fd;
   handle->data[1] = static_cast<int>(offset);
   handle->data[2] = static_cast<int>(length);
-  const NativeHandle region = makeToAidl(handle);
-  native_handle_delete(handle);  // Does not close fd, the caller's.
+  const NativeHandle region = makeToAidl(handle.get());
 
   SetFdResult result;
   if (!hal.proxy->set_fd(region, hal.callback, &result).isOk()) {
@@ -156,18 +161,22 @@ int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, kiv_collect
     return -1;
   }
   if (result.result != 0) return result.result;
-  orb::MutexLock lock(halMutex_);
-  // A region goes with its HAL, and a notice that has come does not come again.
-  if (hal_.deaths != hal.deaths) {
-    LOGE("%s: orbsyshal->set_fd() hidl transport error", "setupFD");
-    return -1;
-  }
   const uint32_t given = static_cast<uint32_t>(result.fdToken);
-  if (given != 0) {
-    *fdToken = given;
-    routes_.AddRegion(given, collector);
-  }
-  return 0;
+  int status = 0;
+  const bool routed = orb::Contained("setupFD", [&] {
+    orb::MutexLock lock(halMutex_);
+    // A region goes with its HAL, and a notice that has come does not come again.
+    if (hal_.deaths != hal.deaths) {
+      LOGE("%s: orbsyshal->set_fd() hidl transport error", "setupFD");
+      status = -1;
+    } else if (given != 0) {
+      *fdToken = given;
+      routes_.AddRegion(given, collector);
+    }
+  });
+  if (routed) return status;
+  static_cast<void>(hal.proxy->unset_fd(result.fdToken).isOk());
+  return -1;
 }
 
 int kivAIDLClient::FdWrite(const std::string&, const std::atomic<uint32_t>& fdToken,
@@ -220,8 +229,10 @@ int kivAIDLClient::UnsetFD(const std::string&, const std::atomic<uint32_t>& fdTo
 
 NativeHandle kivAIDLClient::makeToAidl(const native_handle* handle) {
   NativeHandle copy;
+  // Places first: a duplicate without one would be lost when there is no memory for it.
+  copy.fds.resize(static_cast<size_t>(handle->numFds));
   for (int i = 0; i < handle->numFds; ++i) {
-    copy.fds.emplace_back(fcntl(handle->data[i], F_DUPFD_CLOEXEC, 0));
+    copy.fds[static_cast<size_t>(i)].set(fcntl(handle->data[i], F_DUPFD_CLOEXEC, 0));
   }
   copy.ints.assign(handle->data + handle->numFds, handle->data + handle->numFds + handle->numInts);
   return copy;

@@ -7,6 +7,7 @@
 
 #include "collector/kiv_collector.h"
 #include "ipc/kiv_aidl_client.h"
+#include "utility/contained.h"
 #include "utility/log.h"
 #include "utility/quiet_write.h"
 
@@ -27,51 +28,7 @@ CollectorRoutes::Pin FindCollector(const char* method, const std::string& token)
   return collector;
 }
 
-}  // namespace
-
-Status KIVCallbackImpl::StartSession(const std::string& token, const KIVCampConfig& config,
-                                     int32_t* _aidl_return) {
-  *_aidl_return = -1;
-  if (const auto collector = FindCollector("StartSession", token)) {
-    // Also a start that is refused leaves its campaign's id behind.
-    collector->SetCampaignId(static_cast<uint64_t>(config.campId));
-    *_aidl_return = collector->StartSession(config);
-  }
-  return Status::ok();
-}
-
-Status KIVCallbackImpl::StopSession(const std::string& token, int64_t campId) {
-  if (const auto collector = FindCollector("StopSession", token)) {
-    LOGI("%s - camp stop event received, camp id - % lld  token - %s", "StopSession",
-         static_cast<long long>(campId), token.c_str());
-    collector->StopSession();
-  }
-  return Status::ok();
-}
-
-Status KIVCallbackImpl::StartSessionforLicSN(const std::string& token, int64_t campId,
-                                             int64_t licSN) {
-  if (const auto collector = FindCollector("StartSessionforLicSN", token)) {
-    LOGI("%s - camp start event received for LicSN - %llu camp id - % lld  token - %s",
-         "StartSessionforLicSN", static_cast<unsigned long long>(licSN),
-         static_cast<long long>(campId), token.c_str());
-    collector->StartSessionForLicSN(static_cast<uint64_t>(licSN));
-  }
-  return Status::ok();
-}
-
-Status KIVCallbackImpl::StopSessionforLicSN(const std::string& token, int64_t campId,
-                                            int64_t licSN) {
-  if (const auto collector = FindCollector("StopSessionforLicSN", token)) {
-    LOGI("%s - camp stop event received for LicSN - %llu camp id - % lld  token - %s",
-         "StopSessionforLicSN", static_cast<unsigned long long>(licSN),
-         static_cast<long long>(campId), token.c_str());
-    collector->StopSessionForLicSN(static_cast<uint64_t>(licSN));
-  }
-  return Status::ok();
-}
-
-status_t KIVCallbackImpl::dump(int fd, const Vector<String16>& args) {
+status_t WriteDump(int fd, const Vector<String16>& args) {
   std::string text;
   CollectorRoutes& routes = kivAIDLClient::getClientInstance()->routes();
   if (args.isEmpty()) {
@@ -88,4 +45,61 @@ status_t KIVCallbackImpl::dump(int fd, const Vector<String16>& args) {
   }
   // Nothing is pinned or locked any more: a reader that is slow keeps only this call.
   return -orb::QuietWrite(fd, text);
+}
+
+}  // namespace
+
+Status KIVCallbackImpl::StartSession(const std::string& token, const KIVCampConfig& config,
+                                     int32_t* _aidl_return) {
+  *_aidl_return = -1;
+  orb::Contained("StartSession", [&] {
+    if (const auto collector = FindCollector("StartSession", token)) {
+      // Also a start that is refused leaves its campaign's id behind.
+      collector->SetCampaignId(static_cast<uint64_t>(config.campId));
+      *_aidl_return = collector->StartSession(config);
+    }
+  });
+  return Status::ok();
+}
+
+Status KIVCallbackImpl::StopSession(const std::string& token, int64_t campId) {
+  orb::Contained("StopSession", [&] {
+    if (const auto collector = FindCollector("StopSession", token)) {
+      LOGI("%s - camp stop event received, camp id - % lld  token - %s", "StopSession",
+           static_cast<long long>(campId), token.c_str());
+      collector->StopSession();
+    }
+  });
+  return Status::ok();
+}
+
+Status KIVCallbackImpl::StartSessionforLicSN(const std::string& token, int64_t campId,
+                                             int64_t licSN) {
+  orb::Contained("StartSessionforLicSN", [&] {
+    if (const auto collector = FindCollector("StartSessionforLicSN", token)) {
+      LOGI("%s - camp start event received for LicSN - %llu camp id - % lld  token - %s",
+           "StartSessionforLicSN", static_cast<unsigned long long>(licSN),
+           static_cast<long long>(campId), token.c_str());
+      collector->StartSessionForLicSN(static_cast<uint64_t>(licSN));
+    }
+  });
+  return Status::ok();
+}
+
+Status KIVCallbackImpl::StopSessionforLicSN(const std::string& token, int64_t campId,
+                                            int64_t licSN) {
+  orb::Contained("StopSessionforLicSN", [&] {
+    if (const auto collector = FindCollector("StopSessionforLicSN", token)) {
+      LOGI("%s - camp stop event received for LicSN - %llu camp id - % lld  token - %s",
+           "StopSessionforLicSN", static_cast<unsigned long long>(licSN),
+           static_cast<long long>(campId), token.c_str());
+      collector->StopSessionForLicSN(static_cast<uint64_t>(licSN));
+    }
+  });
+  return Status::ok();
+}
+
+status_t KIVCallbackImpl::dump(int fd, const Vector<String16>& args) {
+  return orb::Contained("dump", static_cast<status_t>(::android::NO_MEMORY),
+                        [&] { return WriteDump(fd, args); });
 }

@@ -6,10 +6,11 @@
 #include <binder/IServiceManager.h>
 
 #include <chrono>
-#include <system_error>
-#include <thread>
 
+#include "utility/contained.h"
+#include "utility/error_text.h"
 #include "utility/log.h"
+#include "utility/thread.h"
 
 namespace {
 
@@ -26,19 +27,21 @@ void Ask() {
 ServiceManagerGate::ServiceManagerGate() : state_(std::make_shared<State>()) {}
 
 bool ServiceManagerGate::StartAsking(const std::shared_ptr<State>& state) {
-  try {
-    std::thread([state] {
-      Ask();
-      {
-        orb::MutexLock lock(state->mutex);
-        state->open = true;
-      }
-      state->changed.NotifyAll();
-    }).detach();
-  } catch (const std::system_error& error) {
-    LOGE("%s: no thread to look for services: %s", "registerClient", error.what());
+  orb::Thread thread;
+  const int error = thread.Start("orb_look_up", [state] {
+    const bool answered = orb::Contained("registerClient", Ask);
+    {
+      orb::MutexLock lock(state->mutex);
+      state->open = answered;
+      state->asking = answered;  // Else the next attempt asks again.
+    }
+    state->changed.NotifyAll();
+  });
+  if (error != 0) {
+    LOGE("%s: no thread to look for services: %s", "registerClient", orb::ErrorText(error).c_str());
     return false;
   }
+  thread.Detach();
   return true;
 }
 

@@ -15,6 +15,8 @@
 
 #include <cstdint>
 
+#include "utility/contained.h"
+
 namespace orb::ipc {
 
 struct Method {
@@ -59,8 +61,8 @@ android::binder::Status Call(const android::sp<android::IBinder>& remote, const 
 // the method itself. Arguments that are null, or followed by bytes that nobody
 // reads, reach the caller as an exception and the method is not called.
 template <typename Stub, typename Read, typename Invoke, typename Write>
-android::status_t Serve(Stub* stub, const android::Parcel& data, android::Parcel* reply,
-                        const Method& method, Read read, Invoke invoke, Write write) {
+android::status_t ServeThrowing(Stub* stub, const android::Parcel& data, android::Parcel* reply,
+                                const Method& method, Read read, Invoke invoke, Write write) {
   using android::binder::Status;
   android::binder::ScopedTrace trace(ATRACE_TAG_AIDL, method.trace);
   if (!data.checkInterface(stub)) return android::BAD_TYPE;
@@ -77,6 +79,14 @@ android::status_t Serve(Stub* stub, const android::Parcel& data, android::Parcel
     status = Status::fromExceptionCode(Status::EX_NULL_POINTER).writeOverParcel(reply);
   }
   return status;
+}
+
+// The same on a thread of the platform, which takes no exception: NO_MEMORY.
+template <typename Stub, typename Read, typename Invoke, typename Write>
+android::status_t Serve(Stub* stub, const android::Parcel& data, android::Parcel* reply,
+                        const Method& method, Read read, Invoke invoke, Write write) {
+  return Contained(method.trace, static_cast<android::status_t>(android::NO_MEMORY),
+                   [&] { return ServeThrowing(stub, data, reply, method, read, invoke, write); });
 }
 
 }  // namespace orb::ipc

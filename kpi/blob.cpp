@@ -10,6 +10,7 @@
 #include "serializer/kpi_serializer.h"
 #include "utility/blob_segments.h"
 #include "utility/checked.h"
+#include "utility/contained.h"
 #include "utility/log.h"
 #include "utility/malloc_bytes.h"
 
@@ -111,11 +112,19 @@ int Blob::Serialize() { return 0; }
 
 // The record counts the samples since the previous one.
 int Blob::WriteRecord(const void* bytes, uint32_t len) {
-  orbtr::KPIData data;
-  orbtr::Blob* blob = data.add_blobs();
-  if (len != 0) blob->set_data(bytes, len);
-  fillMeta(blob->mutable_meta());
+  int result = -1;
+  const bool made = orb::Contained("WriteRecord", [&] {
+    orbtr::KPIData data;
+    orbtr::Blob* blob = data.add_blobs();
+    if (len != 0) blob->set_data(bytes, len);
+    fillMeta(blob->mutable_meta());
+    result = serializer->Write(data, cfg.kpi_id());
+  });
+  if (!made) {
+    CountOne(&samples.lost[orb::LossCause::kMemory]);
+    return -1;
+  }
   numSamples = 0;
   CountOne(&samples.records);
-  return serializer->Write(data, cfg.kpi_id());
+  return result;
 }

@@ -10,6 +10,7 @@
 #include "kpi/kpi_clock.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/checked.h"
+#include "utility/contained.h"
 #include "utility/log.h"
 #include "utility/quiet_write.h"
 
@@ -167,7 +168,8 @@ void Gauge::CloseGaugeWindow(int64_t ts) {
   } else {
     timeSpan = static_cast<int32_t>(CheckedSub<int64_t>(ts, refTs));
   }
-  Serialize();
+  // The sample is in the sums already, so the window is over also without memory.
+  orb::Contained("Gauge", [this] { Serialize(); });
   Print();
 }
 

@@ -86,10 +86,12 @@ void KPI::fillMeta(orbtr::MetaData* meta) const {
 int64_t KPI::Tenths(TimePoint time) { return Nanoseconds(time) / kNanosecondsPerTenth; }
 
 int KPI::WriteWindow(orbtr::KPIData& data) {
+  // Booked after it: what throws for want of memory has written nothing.
+  const int result = serializer->Write(data, kpiId);
   repeatedSamples = orb::CheckedAdd<uint64_t>(repeatedSamples, counted);
   counted = numSamples;
   records = orb::CheckedAdd<uint64_t>(records, 1);
-  return serializer->Write(data, kpiId);
+  return result;
 }
 
 orb::KpiSamples KPI::CountSamples() const {
@@ -102,7 +104,8 @@ orb::KpiSamples KPI::CountSamples() const {
   return samples;
 }
 
-// A record that could not be written is lost: the window is over either way.
+// A record that could not be written is lost: the window is over either way. Where there
+// is no memory to make one, the window stays, and the next sample tries again.
 void KPI::CloseWindow(TimePoint now) {
   Serialize();
   ResetAggregates();

@@ -14,7 +14,10 @@ BINDER = ["binder/", "android/", "fmq/", "aidl/", "utils/", "cutils/"]
 LEAVES = [
     "utility/checked.h",
     "utility/byte_order.h",
+    "utility/contained.h",
+    "utility/error_text.h",
     "utility/log.h",
+    "utility/thread.h",
     "utility/thread_annotations.h",
     "utility/unique_fd.h",
 ]

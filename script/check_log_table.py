@@ -28,7 +28,10 @@ def logged():
         for path in sorted(pathlib.Path(folder).rglob("*.cpp")):
             for call in CALL.finditer(path.read_text()):
                 text = "".join(LITERAL.findall(call.group(1)))
-                yield path, CONVERSION.sub("…", re.sub(r"\\[rn]", "", text)).strip()
+                text = CONVERSION.sub("…", re.sub(r"\\[rn]", "", text)).strip()
+                # A line made elsewhere is no text of its own.
+                if text != "…":
+                    yield path, text
 
 
 def main():

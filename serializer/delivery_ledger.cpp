@@ -2,6 +2,7 @@
 #include "serializer/delivery_ledger.h"
 
 #include "utility/checked.h"
+#include "utility/contained.h"
 
 using orb::CheckedAdd;
 using orb::CheckedSub;
@@ -50,23 +51,29 @@ void Books::Enter(const std::vector<uint64_t>& owners_of_kpi, const orb::KpiSamp
 }
 
 void DeliveryLedger::Written(uint64_t owner, const Tally& records) {
-  orb::MutexLock lock(mutex_);
-  books_.owners[owner].open.Add(records);
+  orb::Contained("DeliveryLedger::Written", [&] {
+    orb::MutexLock lock(mutex_);
+    books_.owners[owner].open.Add(records);
+  });
 }
 
 void DeliveryLedger::Lost(uint64_t owner, LossCause cause, const Tally& records) {
-  orb::MutexLock lock(mutex_);
-  books_.owners[owner].lost[cause].Add(records);
+  orb::Contained("DeliveryLedger::Lost", [&] {
+    orb::MutexLock lock(mutex_);
+    books_.owners[owner].lost[cause].Add(records);
+  });
 }
 
 void DeliveryLedger::Close(uint64_t owner, const std::string& parcel) {
-  orb::MutexLock lock(mutex_);
-  OwnerBook& book = books_.owners[owner];
-  auto& entry = parcels_[parcel];
-  entry.first = owner;
-  entry.second.Add(book.open);
-  book.under_way.Add(book.open);
-  book.open = Tally();
+  orb::Contained("DeliveryLedger::Close", [&] {
+    orb::MutexLock lock(mutex_);
+    OwnerBook& book = books_.owners[owner];
+    auto& entry = parcels_[parcel];
+    entry.first = owner;
+    entry.second.Add(book.open);
+    book.under_way.Add(book.open);
+    book.open = Tally();
+  });
 }
 
 bool DeliveryLedger::Settle(const std::string& parcel, std::optional<LossCause> lost) {

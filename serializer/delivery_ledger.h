@@ -64,6 +64,8 @@ struct Books {
   void Enter(const std::vector<uint64_t>& owners_of_kpi, const orb::KpiSamples& samples);
 };
 
+// Without memory for the entry of a new owner or parcel, Written, Lost and Close enter
+// nothing and log it: no record and no upload depends on the books.
 class DeliveryLedger {
  public:
   // Records are in the owner's open file or slot.

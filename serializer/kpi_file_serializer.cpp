@@ -3,8 +3,6 @@
 // Tested by tests/serializer/kpi_file_serializer_test.cpp.
 #include "serializer/kpi_file_serializer.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <new>
 #include <utility>
@@ -12,6 +10,8 @@
 #include "collector/kiv_collector.h"
 #include "proto/kpi_data.pb.h"
 #include "utility/checked.h"
+#include "utility/contained.h"
+#include "utility/error_text.h"
 #include "utility/log.h"
 
 namespace {
@@ -45,14 +45,19 @@ int KPIFileSerializer::Initialize(const char* cacheDir, unsigned int sizeThresho
     fileMap.clear();
     versionRecord = collector->header_override() ? std::string() : VersionRecord();
     emptyFileSize = orb::CheckedAdd<uint32_t>(TelemetryHeader::kBytes, versionRecord.size());
-    if (handleTmpFile() < 0) return -1;
   }
+  // Before any file is touched: without a thread nothing is to be left behind.
   {
     orb::MutexLock lock(queueMutex);
     stopWriter = false;
   }
-  writerThread = std::thread([this] { writer_func(); });
-  return 0;
+  const int error = writerThread.Start(kThreadName, [this] { writer_func(); });
+  if (error != 0) {
+    LOGE("%s: no writer thread: %s", "Initialize", orb::ErrorText(error).c_str());
+    return -1;
+  }
+  orb::MutexLock lock(fileMutex);
+  return handleTmpFile() < 0 ? -1 : 0;
 }
 
 int KPIFileSerializer::Write(orbtr::KPIData& data, unsigned int kpiId) {
@@ -99,7 +104,8 @@ int KPIFileSerializer::Flush() {
 }
 
 int KPIFileSerializer::Finalize() {
-  addFlushToQueue();
+  // Without memory for it the files stay for the next Initialize, which sends them.
+  orb::Contained("Finalize", [this] { addFlushToQueue(); });
   stopWriterThread();
   // Only now: with a threshold of 0 every queued record would be an upload of its own.
   sizeThreshold = 0;
@@ -113,22 +119,24 @@ void KPIFileSerializer::stopWriterThread() {
     stopWriter = true;
   }
   queueCv.NotifyOne();
-  writerThread.join();
+  writerThread.Join();
   collector->NoteQueueDepth(KPIFileSerializer::backlog().depth_max);
   LeaveFiles();
 }
 
 bool KPIFileSerializer::AdoptInChild() {
-  new (&writerThread) std::thread;
+  new (&writerThread) orb::Thread;
   queueCv.ForgetWaiters();
   return queueMutex.IsFree() && fileMutex.IsFree();
 }
 
 void KPIFileSerializer::LeaveFiles() {
   orb::MutexLock lock(fileMutex);
-  for (const auto& [licSN, file] : fileMap) {
-    if (file != nullptr) collector->ledger().Close(licSN, TmpPath(licSN));
-  }
+  orb::Contained("LeaveFiles", [this]() ORB_NO_THREAD_SAFETY_ANALYSIS {
+    for (const auto& [licSN, file] : fileMap) {
+      if (file != nullptr) collector->ledger().Close(licSN, TmpPath(licSN));
+    }
+  });
 }
 
 void KPIFileSerializer::addFlushToQueue() {
@@ -140,10 +148,11 @@ void KPIFileSerializer::addFlushToQueue() {
 }
 
 void KPIFileSerializer::Push(std::shared_ptr<kpiDataStruct> item) {
+  const uint64_t samples = item->samples;
+  queue.push_back(std::move(item));  // May throw, so it comes before what counts it.
   queued.depth = orb::CheckedAdd<uint64_t>(queued.depth, 1);
   queued.depth_max = std::max(queued.depth_max, queued.depth);
-  queued.samples = orb::CheckedAdd<uint64_t>(queued.samples, item->samples);
-  queue.push_back(std::move(item));
+  queued.samples = orb::CheckedAdd<uint64_t>(queued.samples, samples);
 }
 
 std::shared_ptr<kpiDataStruct> KPIFileSerializer::TakeItem() {
@@ -161,7 +170,8 @@ void KPIFileSerializer::ItemDone(std::shared_ptr<kpiDataStruct>* item) {
   if (spares.size() >= kSparesMax || done->data.capacity() > kSpareBytesMax) return;
   done->data.clear();
   done->samples = 0;
-  spares.push_back(std::move(*item));
+  orb::Contained("ItemDone",
+                 [&]() ORB_NO_THREAD_SAFETY_ANALYSIS { spares.push_back(std::move(*item)); });
 }
 
 std::shared_ptr<kpiDataStruct> KPIFileSerializer::NextItem(std::shared_ptr<kpiDataStruct> done) {
@@ -185,17 +195,23 @@ KPISerializer::Backlog KPIFileSerializer::backlog() {
   return queued;
 }
 
+void KPIFileSerializer::WriteItem(const kpiDataStruct& item) {
+  orb::Contained("prepare_file", [&] { prepare_file(item); });
+}
+
 void KPIFileSerializer::writer_func() {
-  pthread_setname_np(pthread_self(), kThreadName);
   std::shared_ptr<kpiDataStruct> item;
-  while ((item = NextItem(std::move(item))) != nullptr) prepare_file(*item);
+  while ((item = NextItem(std::move(item))) != nullptr) WriteItem(*item);
   // What was queued before the stop; callers need not wait while it is written.
-  std::deque<std::shared_ptr<kpiDataStruct>> rest;
-  {
-    orb::MutexLock lock(queueMutex);
-    rest.swap(queue);
+  for (;;) {
+    {
+      orb::MutexLock lock(queueMutex);
+      if (queue.empty()) break;
+      item = std::move(queue.front());
+      queue.pop_front();
+    }
+    WriteItem(*item);
   }
-  for (const auto& left : rest) prepare_file(*left);
   orb::MutexLock lock(queueMutex);
   queued.depth = 0;
   queued.samples = 0;

@@ -20,11 +20,11 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "serializer/delivery_ledger.h"
 #include "serializer/kpi_serializer.h"
+#include "utility/thread.h"
 #include "utility/thread_annotations.h"
 
 // One queued record, or a control word.
@@ -41,7 +41,7 @@ class KPIFileSerializer : public KPISerializer {
 
   // Deals with left-over files, makes a file for each LicSN of the collector's
   // key table and starts the writer thread. 0, or -1 when cacheDir cannot be
-  // read. The collector is borrowed.
+  // read or there is no thread. The collector is borrowed.
   int Initialize(const char* cacheDir, unsigned int sizeThreshold, unsigned int timeThreshold,
                  kiv_collector* collector) ORB_EXCLUDES(fileMutex);
 
@@ -93,6 +93,8 @@ class KPIFileSerializer : public KPISerializer {
       ORB_EXCLUDES(queueMutex);
   // Keeps the item for TakeItem, or leaves it: a large one is freed without the mutex.
   void ItemDone(std::shared_ptr<kpiDataStruct>* item) ORB_REQUIRES(queueMutex);
+  // Without memory for what it takes the record may be lost and not in the books.
+  void WriteItem(const kpiDataStruct& item) ORB_EXCLUDES(fileMutex);
   void writer_func() ORB_EXCLUDES(queueMutex, fileMutex);
 
   // Files (kpi_file_serializer_files.cpp).
@@ -125,7 +127,7 @@ class KPIFileSerializer : public KPISerializer {
   std::vector<std::shared_ptr<kpiDataStruct>> spares ORB_GUARDED_BY(queueMutex);
   Backlog queued ORB_GUARDED_BY(queueMutex);  // With the item that is being written.
   orb::CondVar queueCv;
-  std::thread writerThread;
+  orb::Thread writerThread;
   std::string cacheDir ORB_GUARDED_BY(fileMutex);
   std::map<uint64_t, File> fileMap ORB_GUARDED_BY(fileMutex);  // By LicSN; null: no file now.
   std::set<uint64_t> tornFiles ORB_GUARDED_BY(fileMutex);  // LicSNs whose file holds half a record.

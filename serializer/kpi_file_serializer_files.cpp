@@ -6,10 +6,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <vector>
 
 #include "collector/kiv_collector.h"
 #include "serializer/kpi_file_serializer.h"
+#include "utility/contained.h"
 #include "utility/error_text.h"
 #include "utility/log.h"
 
@@ -46,16 +48,16 @@ void LogWriteError(const char* operation) { LOGE("%s: error writing to file", op
 // listed before any is dealt with, because uploads change the directory.
 bool ListTmpFiles(const std::string& directory, const std::string& prefix,
                   std::vector<std::string>* names) {
-  DIR* dir = opendir(directory.c_str());
+  const auto close = [](DIR* opened) { closedir(opened); };
+  const std::unique_ptr<DIR, decltype(close)> dir(opendir(directory.c_str()), close);
   if (dir == nullptr) return false;
   // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread has this stream.
-  while (const dirent* entry = readdir(dir)) {
+  while (const dirent* entry = readdir(dir.get())) {
     const std::string name = entry->d_name;
     if (name.compare(0, prefix.size(), prefix) == 0 && name.find(kTmpSuffix) != std::string::npos) {
       names->push_back(name);
     }
   }
-  closedir(dir);
   std::sort(names->begin(), names->end());
   return true;
 }
@@ -195,6 +197,7 @@ bool KPIFileSerializer::WriteStart(uint64_t licSN, FILE* file) {
 }
 
 int KPIFileSerializer::fileFlush(uint64_t licSN, bool reopen) {
+  const std::string path = TmpPath(licSN);  // May throw, so it comes first.
   File file = std::move(fileMap[licSN]);
   if (file == nullptr) {
     LOGE("%s: error: fout is NULL for licSN %llu - not flushing", "fileFlush", Printable(licSN));
@@ -203,12 +206,13 @@ int KPIFileSerializer::fileFlush(uint64_t licSN, bool reopen) {
   const long size = ftell(file.get());
   WriteThrough(file.get(), nullptr, 0);
   file.reset();
-  const std::string path = TmpPath(licSN);
   collector->ledger().Close(licSN, path);
   const int result =
       size > static_cast<long>(emptyFileSize) ? collector->SendData(path) : unlink(path.c_str());
   if (!reopen) return result;
-  const int created = createFout(licSN);
+  int created = -1;
+  orb::Contained("createFout",
+                 [&]() ORB_NO_THREAD_SAFETY_ANALYSIS { created = createFout(licSN); });
   return result != 0 && created != 0 ? 1 : 0;
 }
 

@@ -227,5 +227,7 @@ Tally KPIMemorySerializer::TakeCurrent() {
 }
 
 std::string KPIMemorySerializer::ParcelOf(uint32_t slot) const {
-  return "region " + std::to_string(regionToken) + " slot " + std::to_string(slot);
+  // At most 13 characters: strings as short as this allocate nothing, so that a
+  // completion cannot fail for want of memory.
+  return std::to_string(regionToken) + '/' + std::to_string(slot);
 }

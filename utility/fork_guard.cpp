@@ -32,8 +32,9 @@ bool Watch() {
 bool internal::Tell(const char* function) {
   if (!told.exchange(true)) {
     char text[160];
-    snprintf(text, sizeof text,
-             "%s: refused in the child of a fork - fork before the first registration", function);
+    (void)snprintf(text, sizeof text,
+                   "%s: refused in the child of a fork - fork before the first registration",
+                   function);
     LogErrorInChild(text);
   }
   return true;

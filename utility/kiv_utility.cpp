@@ -9,6 +9,7 @@
 
 #include "include/orb_event_log.h"
 #include "utility/checked.h"
+#include "utility/contained.h"
 #include "utility/event_sink.h"
 #include "utility/log.h"
 #include "utility/malloc_bytes.h"
@@ -187,5 +188,6 @@ void log_buffer_as_int32(const uint8_t* buffer, size_t length) {
   if (convertBytestoInt32Array(buffer, length, words) != count) {
     LOGI("Failed to convert as Int array");
   }
-  if (words != nullptr) orb::WriteEventList(KIV_EVENT_TAG, words, count);
+  if (words == nullptr) return;
+  orb::Contained("log_buffer_as_int32", [&] { orb::WriteEventList(KIV_EVENT_TAG, words, count); });
 }

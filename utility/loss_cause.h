@@ -10,7 +10,7 @@ namespace orb {
 
 enum class LossCause : uint8_t {
   kOversize,     // Above the campaign's limit of a blob, or beyond the shared region.
-  kMemory,       // No memory for a scattered blob.
+  kMemory,       // No memory for its record, or for the upload.
   kEncode,       // A scattered blob that the serializer cannot encode.
   kNoRecord,     // Its kind of KPI makes no record of it.
   kDropped,      // Of a session that was given up without its end being written.

@@ -53,7 +53,7 @@ LineOffer::LineOffer(int fd) : fd_(fd), kind_(Kind::kPolled) {
     // O_NONBLOCK belongs to the open file, which the host and its children share. So
     // the pipe or terminal is opened once more; where that is forbidden, poll tells.
     char path[32];
-    snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+    (void)snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
     own_.reset(open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (own_.ok()) kind_ = Kind::kNonBlocking;
   }

@@ -59,7 +59,7 @@ class LineOffer {
   Kind kind_;
   UniqueFd own_;  // With kNonBlocking: the same pipe or terminal, opened once more.
   size_t piece_bytes_ = 0;
-  char piece_[PIPE_BUF];
+  char piece_[PIPE_BUF] = {};
   bool dropping_ = false;
 };
 

@@ -152,7 +152,7 @@ ControlReply CampaignManager::GiveBack(RegisteredClient* client, const SavedCamp
   // The start saves the campaign with all its LicSNs running.
   SavedCampaign all_run = saved;
   all_run.clear_stopped_lic_sns();
-  const ControlReply reply = Start(client, all_run);
+  ControlReply reply = Start(client, all_run);
   if (reply.status != ControlReply::DONE) return reply;
   for (const int64_t lic_sn : saved.stopped_lic_sns()) SwitchLicSn(client, lic_sn, false);
   return reply;

@@ -171,6 +171,7 @@ void TakeDataAway(World& world) {
 void ReplaceClient(World& world, int code) {
   world.Expect(world.client().Wait(std::chrono::seconds(60)) == code, "the client does not end");
   world.StartClient();
+  world.ReleaseCampaign();
   world.Expect(world.WaitForCampaign(), "the campaign is not back");
   world.Ask("load");
 }

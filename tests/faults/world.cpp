@@ -145,7 +145,6 @@ void World::Fill(const std::string& folder, bool full) {
   Expect(full ? WaitFor([&] { return resize(taken()); }) : resize(kRoom), "the disk is fixed");
 }
 
-// The only way out for a client that waits for slots of a HAL that died.
 bool World::CampaignStops(milliseconds patience) {
   return std::all_of(members_.begin(), members_.end(),
                      [&](const Member& member) { return Stops(member, patience); });
@@ -214,6 +213,14 @@ void World::StartCampaign() {
     Expect(stack_.StartCampaign(member.name, stack_.path(member.campaign_file()), owners,
                                 kFirstCampaign + phase_),
            member.name + " does not take its campaign");
+  }
+}
+
+void World::ReleaseCampaign() {
+  for (const Member& member : members_) {
+    // Refused while it is in none, which is right, too.
+    RunCommand({ORB_CTL, "campaign", "release", member.name},
+               {{"ORB_BUS_ADDRESS", stack_.bus().address()}}, kPatience);
   }
 }
 

@@ -47,6 +47,8 @@ class World {
   // The campaign of the phase, on each client.
   void StartCampaign();
   void StopCampaign();
+  // As an operator does after a client's third death in a row, which quarantines it.
+  void ReleaseCampaign();
   bool CampaignStops(std::chrono::milliseconds patience);
   bool WaitForCampaign();
   // "gone" and a failure with the client's stacks when no answer comes in time.

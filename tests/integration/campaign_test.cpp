@@ -233,12 +233,12 @@ TEST_F(LossBooksTest, MatchWhatIsDecoded) {
   }));
 
   // Eight blobs fit, the ninth in part, the tenth not at all.
-  Ask("limit 16384", "ok");
+  Ask("limit size 16384", "ok");
   for (int i = 0; i < 10; ++i) LogBlob(1900, "0");
   Ask("flush radio", "0");
   ASSERT_TRUE(WaitForWriter());
   EXPECT_EQ(Dump().Number("owner.42.lost.short_write", "records"), 2u);
-  Ask("limit 0", "ok");
+  Ask("limit size -1", "ok");
 
   LogBlob(2001, "-1");
   ASSERT_EQ(stack_.Ctl({"campaign", "lic-stop", "radio", "42"}).exit_code, 0);

@@ -4,7 +4,9 @@
 //   register NAME DIR/ sync|async [slots COUNT BYTES]   -> ok | null
 //   log NAME KPI VALUE COUNT      -> result of the last call
 //   blob NAME KPI BYTES           -> result
-//   limit BYTES                   -> ok; no file of the process grows beyond, 0: any may
+//   limit size BYTES | limit files N | limit threads N
+//                                 -> ok; the process's soft limit, -1: none. Threads are
+//                                    counted over all processes of its user.
 //   enabled NAME KPI | campaign NAME | flush NAME | deregister NAME   -> result
 #include <signal.h>
 #include <sys/resource.h>
@@ -37,13 +39,17 @@ class Probe {
 
  private:
   static std::string Limit(std::istringstream& in) {
-    rlim_t bytes = 0;
-    in >> bytes;
+    std::string what;
+    int64_t most = -1;
+    in >> what >> most;
+    const auto resource = what == "files"     ? RLIMIT_NOFILE
+                          : what == "threads" ? RLIMIT_NPROC
+                                              : RLIMIT_FSIZE;
     rlimit limit{};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    limit.rlim_cur = bytes == 0 ? limit.rlim_max : bytes;
+    getrlimit(resource, &limit);
+    limit.rlim_cur = most < 0 ? limit.rlim_max : static_cast<rlim_t>(most);
     signal(SIGXFSZ, SIG_IGN);
-    return setrlimit(RLIMIT_FSIZE, &limit) == 0 ? "ok" : "failed";
+    return setrlimit(resource, &limit) == 0 ? "ok" : "failed";
   }
 
   std::string Register(const std::string& name, std::istringstream& in) {

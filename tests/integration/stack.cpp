@@ -1,11 +1,19 @@
 #include "tests/integration/stack.h"
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <sstream>
 
 #include "tests/support/json_lines.h"
 
 namespace orb::test {
+
+namespace {
+
+constexpr char kOtherUser[] = "nobody";
+
+}  // namespace
 
 std::string Client::Ask(const std::string& command, std::chrono::milliseconds timeout) {
   if (!process_.Send(command)) return "gone";
@@ -34,15 +42,22 @@ void Stack::StartManager() {
 
 void Stack::StartHal() { hal_ = StartProgram({ORB_HALD, "--spool", spool()}, "orb-hald"); }
 
-Client Stack::StartClient() {
+Client Stack::StartClient(bool limited) {
   Client client;
-  client.process_ = StartProgram({ORB_PROBE}, "client" + std::to_string(++clients_));
+  std::vector<std::string> argv = {ORB_PROBE};
+  if (limited && geteuid() == 0) {
+    argv = {"setpriv", "--reuid", kOtherUser, "--clear-groups", ORB_PROBE};
+    std::filesystem::permissions(dir_.path(), std::filesystem::perms::all);
+    std::filesystem::permissions(bus_.directory(), std::filesystem::perms::all);
+  }
+  client.process_ = StartProgram(argv, "client" + std::to_string(++clients_));
   return client;
 }
 
 std::string Stack::MakeDataDir(const std::string& name) {
   const std::string dir = path(name) + "/";
   std::filesystem::create_directories(dir);
+  std::filesystem::permissions(dir, std::filesystem::perms::all);  // Of whichever user's client.
   WriteFile(dir + "orb_sdk.conf", "register_max_retries = 1000\nregister_retry_wait_sec = 1\n");
   return dir;
 }

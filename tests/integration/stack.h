@@ -37,7 +37,8 @@ class Stack {
   ChildProcess& hal() { return hal_; }
   PrivateBus& bus() { return bus_; }
 
-  Client StartClient();
+  // With `limited` not as root, whom no limit of threads holds.
+  Client StartClient(bool limited = false);
   // A data directory, ending with '/', whose retries are one second apart.
   std::string MakeDataDir(const std::string& name);
   std::string spool() const { return dir_.path() + "/spool"; }

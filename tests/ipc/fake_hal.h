@@ -115,13 +115,15 @@ class FakeHal : public ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbsyshal {
     return Take("unset_fd " + std::to_string(token), [] { return true; });
   }
 
+ protected:
+  FakeHal() = default;
+
  private:
   friend class ::ndk::SharedRefBase;
   using Queue =
       ::android::AidlMessageQueue<int8_t,
                                   ::aidl::android::hardware::common::fmq::SynchronizedReadWrite>;
 
-  FakeHal() = default;
   // Runs `take` unless the script is against it; notes `call` when that gives true.
   template <typename Taker>
   Status Take(const std::string& call, Taker take) ORB_EXCLUDES(mutex_) {

@@ -30,6 +30,10 @@ class FakeManager : public BnKIVManager {
     MutexLock lock(mutex_);
     return callback_;
   }
+  std::string LastToken() const {
+    MutexLock lock(mutex_);
+    return "token-" + std::to_string(clients_);
+  }
   // The client's result, or -1 when the call itself failed.
   int32_t StartSession(const std::string& token, int64_t camp_id) const {
     KIVCampConfig config;

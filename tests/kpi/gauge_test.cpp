@@ -323,8 +323,12 @@ class Output {
 
   explicit Output(Kind kind) {
     int ends[2] = {-1, -1};
-    if (kind == kPipe) EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    if (kind == kSocket) EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    if (kind == kPipe) {
+      EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    }
+    if (kind == kSocket) {
+      EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    }
     if (kind == kTerminal) {
       ends[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
       EXPECT_EQ(grantpt(ends[0]) + unlockpt(ends[0]), 0);

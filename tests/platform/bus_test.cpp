@@ -7,10 +7,10 @@
 #include <binder/Status.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <memory>
 
 #include "platform/linux/src/service_managers.h"
@@ -129,11 +129,14 @@ TEST_F(BusTest, LostBusKillsEveryRemoteAndComesBack) {
   EXPECT_EQ(recipient->count, 1);
 }
 
+// By name: the thread sanitizer takes a look at the descriptor itself for a use of it.
 int OpenSockets() {
   int count = 0;
   for (int fd = 0; fd < 1024; ++fd) {
-    struct stat status {};
-    if (fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode)) ++count;
+    char target[16] = {};
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    const ssize_t length = readlink(link.c_str(), target, sizeof target - 1);
+    if (length > 0 && strncmp(target, "socket:", 7) == 0) ++count;
   }
   return count;
 }

@@ -85,12 +85,16 @@ class CampaignManagerTest : public ::testing::Test {
     });
     const std::string token = Register(name, client).token;
     known.set_value(token);
-    if (given && life == 'r') ASSERT_TRUE(WaitSession(name, ClientRecord::REFUSED));
+    if (given && life == 'r') {
+      ASSERT_TRUE(WaitSession(name, ClientRecord::REFUSED));
+    }
     if (given && (life == 'd' || life == 'D' || life == 'x')) {
       ASSERT_TRUE(WaitSession(name, ClientRecord::RUNNING));
       manager_->SetLicSn(name, 42, true);  // Comes after all that the start does.
     }
-    if (life == 's') ASSERT_TRUE(WaitFor([&] { return !given || !Record(name).connected; }));
+    if (given && life == 's') {
+      ASSERT_TRUE(WaitFor([&] { return !Record(name).connected; }));
+    }
     now_ms_ += life == 'D' ? 60000 : 59999;
     if (life == 'x') {
       manager_->Deregister(token);

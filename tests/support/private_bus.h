@@ -17,13 +17,14 @@ class PrivateBus {
   // Starts the daemon and waits until it listens. It has the limits of a stock
   // system bus but for those given, as elements of its configuration.
   explicit PrivateBus(const std::string& limits = "") {
-    // Everybody of this user may own and call everything; no activation.
+    // Everybody may own and call everything; no activation.
     const std::string configuration =
         "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
         " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
         "<busconfig><type>session</type><listen>" +
         address() +
-        "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow own=\"*\"/>"
+        "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow user=\"*\"/><allow "
+        "own=\"*\"/>"
         "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
         "</policy>" +
         limits + "</busconfig>\n";
@@ -33,6 +34,7 @@ class PrivateBus {
 
   // For ORB_BUS_ADDRESS; stays the same over restarts.
   std::string address() const { return "unix:path=" + socket_path(); }
+  const std::string& directory() const { return dir_.path(); }
   // Makes this process use the bus from its next connection on.
   void SetEnvironment() const { setenv("ORB_BUS_ADDRESS", address().c_str(), 1); }
 

@@ -18,6 +18,10 @@
 #include "platform/linux/src/threads.h"
 #include "platform/linux/src/worker_pool.h"
 
+#define ORB_LOG_TAG "orb_platform"
+#include "utility/contained.h"
+#include "utility/log.h"
+
 namespace orb_platform {
 namespace {
 
@@ -48,6 +52,9 @@ size_t MostDescriptorsOfCalls() {
   return static_cast<size_t>(std::min<rlim_t>(limit.rlim_cur, 1 << 16)) / 2;
 }
 
+// A thread that another process gives back is noticed after this long.
+constexpr int kGrowRetryMs = 100;
+
 }  // namespace
 
 Bus& Bus::Get() {
@@ -67,6 +74,10 @@ bool Bus::Connect() {
 bool Bus::ConnectLocked() {
   Process();  // Shows an end of the connection that nobody has read yet.
   if (bus_ != nullptr) return true;
+  if (!poller_.Open()) {
+    LOGE("no descriptor left for the bus");
+    return false;
+  }
   const char* const address = secure_getenv("ORB_BUS_ADDRESS");
   sd_bus* bus = nullptr;
   int result = 0;
@@ -83,26 +94,32 @@ bool Bus::ConnectLocked() {
   if (result >= 0) result = sd_bus_get_unique_name(bus, &name);
   if (result >= 0) result = sd_bus_add_filter(bus, nullptr, OnMessage, this);
   if (result >= 0) result = sd_bus_add_match(bus, nullptr, kPeersLeave, OnOwnerChanged, this);
-  if (result < 0) {
+  if (result < 0 || !StartReader() || !poller_.Attach(sd_bus_get_fd(bus))) {
+    poller_.Detach();
     if (bus != nullptr) sd_bus_close_unref(bus);
     return false;
   }
   bus_ = bus;
   connection_++;
   connection_fd = sd_bus_get_fd(bus_);
-  poller_.Attach(connection_fd);
-  if (!reader_started_) {
-    reader_started_ = true;
-    StartThread("binder-reader", [this] { ReadForever(); });
-  }
   Process();  // What came behind the greeting is in the binding's own buffer.
   Rearm();
   return bus_ != nullptr;
 }
 
+bool Bus::Prepare() {
+  orb::MutexLock lock(mutex_);
+  return poller_.Open();
+}
+
+bool Bus::StartReader() {
+  if (!reader_started_) reader_started_ = StartThread("binder-reader", [this] { ReadForever(); });
+  return reader_started_;
+}
+
 void Bus::ReadForever() {
   for (;;) {
-    poller_.WaitReader();
+    poller_.WaitReader(WorkerPool::Get().Relieve() ? kGrowRetryMs : -1);
     orb::MutexLock lock(mutex_);
     Process();
     Rearm();
@@ -131,7 +148,7 @@ void Bus::Process() {
   int result;
   while ((result = sd_bus_process(bus_, nullptr)) > 0) {
   }
-  for (const std::unique_ptr<Peer>& peer : buried_) sd_bus_slot_unref(peer->check);
+  for (const auto& [name, peer] : buried_) sd_bus_slot_unref(peer->check);
   buried_.clear();
   if (result < 0 || sd_bus_is_open(bus_) <= 0) Disconnected();
 }
@@ -146,7 +163,7 @@ void Bus::Disconnected() {
   peers.swap(peers_);
   for (auto& [name, peer] : peers) {
     peer->check = sd_bus_slot_unref(peer->check);
-    Bury(std::move(peer));
+    SendObituaries(peer.get());
   }
   buried_.clear();
   services_.clear();
@@ -208,9 +225,13 @@ sd_bus_message* Bus::CallAndWait(sd_bus_message* call,
                                  std::optional<std::chrono::milliseconds> timeout) {
   Pending pending;
   if (timeout) pending.deadline = Clock::now() + *timeout;
-  const int sent =
-      call == nullptr ? -ENOMEM
-                      : sd_bus_call_async(bus_, &pending.slot, call, OnReply, &pending, UINT64_MAX);
+  // A place first: once the call is under way its reply refers to `pending`.
+  const bool placed = orb::Contained(
+      "CallAndWait", [&]() ORB_NO_THREAD_SAFETY_ANALYSIS { pending_.push_back(&pending); });
+  if (placed) pending_.pop_back();  // Which keeps the room.
+  const int sent = call == nullptr || !placed ? -ENOMEM
+                                              : sd_bus_call_async(bus_, &pending.slot, call,
+                                                                  OnReply, &pending, UINT64_MAX);
   sd_bus_message_unref(call);
   if (sent < 0) {
     Rearm();

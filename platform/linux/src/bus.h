@@ -83,8 +83,12 @@ class Bus {
  public:
   static Bus& Get();
 
-  // Connects unless connected. False when there is no bus.
+  // Connects unless connected. False when there is no bus, or no thread or descriptor
+  // left for it.
   bool Connect() ORB_EXCLUDES(mutex_);
+  // What a worker needs of the bus also when it is not used. False when the process is
+  // out of descriptors.
+  bool Prepare() ORB_EXCLUDES(mutex_);
   android::status_t Transact(const BusTarget& target, uint32_t code, const android::Parcel& data,
                              android::Parcel* reply, uint32_t flags) ORB_EXCLUDES(mutex_);
   void ReleaseProxy(const BusTarget& target, const android::BpBinder* proxy) ORB_EXCLUDES(mutex_);
@@ -100,6 +104,7 @@ class Bus {
   // The worker's seat: Sit() returns once there is work or Wake() was called.
   void Sit() ORB_EXCLUDES(mutex_);
   void Wake() { poller_.WakeSeat(); }  // Async-signal-safe.
+  void WakeReader() { poller_.WakeReader(); }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -138,6 +143,7 @@ class Bus {
 
   // bus.cpp: the connection, and waiting on it.
   bool ConnectLocked() ORB_REQUIRES(mutex_);
+  bool StartReader() ORB_REQUIRES(mutex_);
   void Process() ORB_REQUIRES(mutex_);
   void Disconnected() ORB_REQUIRES(mutex_);
   void Rearm() ORB_REQUIRES(mutex_);
@@ -159,7 +165,8 @@ class Bus {
   // bus_objects.cpp: peers, exports, proxies.
   Peer* EnsurePeer(const std::string& name) ORB_REQUIRES(mutex_);
   void PeerDied(const std::string& name) ORB_REQUIRES(mutex_);
-  void Bury(std::unique_ptr<Peer> peer) ORB_REQUIRES(mutex_);
+  // All of the peer's proxies are dead.
+  void SendObituaries(Peer* peer) ORB_REQUIRES(mutex_);
   uint64_t ExportTo(const android::sp<android::BBinder>& binder, const std::string& holder)
       ORB_REQUIRES(mutex_);
   uint64_t ExportId(const android::sp<android::BBinder>& binder) ORB_REQUIRES(mutex_);
@@ -194,6 +201,12 @@ class Bus {
   void QueueTransaction(sd_bus_message* message, const std::string& sender) ORB_REQUIRES(mutex_);
   void HandleLookup(sd_bus_message* message, const std::string& sender) ORB_REQUIRES(mutex_);
   void RunCall(const std::shared_ptr<Incoming>& call) ORB_EXCLUDES(mutex_);
+  void Serve(Incoming* call) ORB_EXCLUDES(mutex_);
+  // Gives the call to a worker; throws when there is no memory, and it is not given then.
+  void Enqueue(const std::shared_ptr<Incoming>& call, const std::shared_ptr<OnewayQueue>& queue)
+      ORB_REQUIRES(mutex_);
+  // Gives back what the call holds of the bus.
+  void Finished(const Incoming& call) ORB_REQUIRES(mutex_);
   void RunOneway(const std::shared_ptr<OnewayQueue>& queue) ORB_EXCLUDES(mutex_);
   void ReplyError(sd_bus_message* call, const char* error) ORB_REQUIRES(mutex_);
 
@@ -207,7 +220,8 @@ class Bus {
   bool leader_reads_ ORB_GUARDED_BY(mutex_) = false;  // The leader itself is in Process().
   std::vector<Pending*> pending_ ORB_GUARDED_BY(mutex_);
   std::map<std::string, std::unique_ptr<Peer>> peers_ ORB_GUARDED_BY(mutex_);
-  std::vector<std::unique_ptr<Peer>> buried_ ORB_GUARDED_BY(mutex_);
+  // Their slots go once the binding is out of their callbacks.
+  std::multimap<std::string, std::unique_ptr<Peer>> buried_ ORB_GUARDED_BY(mutex_);
   uint64_t last_id_ ORB_GUARDED_BY(mutex_) = 0;
   std::map<uint64_t, Export> exports_ ORB_GUARDED_BY(mutex_);
   std::map<const android::BBinder*, uint64_t> export_ids_ ORB_GUARDED_BY(mutex_);

@@ -3,6 +3,7 @@
 // Tested by tests/platform/contract_test.cpp and bus_test.cpp.
 #include <binder/IPCThreadState.h>
 
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "platform/linux/src/bus_names.h"
 #include "platform/linux/src/worker_pool.h"
 #define ORB_LOG_TAG "orb_platform"
+#include "utility/contained.h"
 #include "utility/log.h"
 
 namespace orb_platform {
@@ -35,7 +37,10 @@ bool IdOf(const char* path, uint64_t* id) {
 int Bus::OnMessage(sd_bus_message* message, void* bus,
                    sd_bus_error*) ORB_NO_THREAD_SAFETY_ANALYSIS {
   if (sd_bus_message_is_method_call(message, kInterface, nullptr) <= 0) return 0;
-  return static_cast<Bus*>(bus)->HandleCall(message);
+  // The binding answers the caller with the error.
+  return orb::Contained("OnMessage", -ENOMEM, [&]() ORB_NO_THREAD_SAFETY_ANALYSIS {
+    return static_cast<Bus*>(bus)->HandleCall(message);
+  });
 }
 
 int Bus::HandleCall(sd_bus_message* message) {
@@ -132,17 +137,34 @@ void Bus::QueueTransaction(sd_bus_message* message, const std::string& sender) {
     return;
   }
   dropping_ = false;
-  call->message = sd_bus_message_ref(message);
   call->caller = {connection_, sender};
   call->target = it->second.binder;
+  call->message = sd_bus_message_ref(message);
+  const bool queued = orb::Contained("QueueTransaction", [&]() ORB_NO_THREAD_SAFETY_ANALYSIS {
+    Enqueue(call, it->second.oneway);
+  });
+  if (queued) return;
+  ReplyError(message, SD_BUS_ERROR_NO_MEMORY);
+  Finished(*call);
+}
+
+void Bus::Enqueue(const std::shared_ptr<Incoming>& call,
+                  const std::shared_ptr<OnewayQueue>& queue) {
   if (!call->oneway) {
-    WorkerPool::Get().Post([this, call = std::move(call)] { RunCall(call); });
+    WorkerPool::Get().Post([this, call] { RunCall(call); });
     return;
   }
-  const std::shared_ptr<OnewayQueue>& queue = it->second.oneway;
-  queue->calls.push_back(std::move(call));
-  if (std::exchange(queue->busy, true)) return;
-  WorkerPool::Get().Post([this, queue = queue] { RunOneway(queue); });
+  // In this order either may throw: the task waits for mutex_, and may find nothing.
+  if (!queue->busy) {
+    WorkerPool::Get().Post([this, queue] { RunOneway(queue); });
+    queue->busy = true;
+  }
+  queue->calls.push_back(call);
+}
+
+void Bus::Finished(const Incoming& call) {
+  sd_bus_message_unref(call.message);
+  budget_.Give(call.caller.name, call.cost);
 }
 
 // One call, then back to the end of the line: objects share the workers fairly.
@@ -150,6 +172,8 @@ void Bus::RunOneway(const std::shared_ptr<OnewayQueue>& queue) {
   std::shared_ptr<Incoming> call;
   {
     orb::MutexLock lock(mutex_);
+    queue->busy = !queue->calls.empty();
+    if (!queue->busy) return;
     call = std::move(queue->calls.front());
     queue->calls.pop_front();
   }
@@ -160,10 +184,24 @@ void Bus::RunOneway(const std::shared_ptr<OnewayQueue>& queue) {
     more = !queue->calls.empty();
     queue->busy = more;
   }
-  if (more) WorkerPool::Get().Post([this, queue] { RunOneway(queue); });
+  if (!more) return;
+  const bool posted = orb::Contained(
+      "RunOneway", [&] { WorkerPool::Get().Post([this, queue] { RunOneway(queue); }); });
+  if (posted) return;
+  orb::MutexLock lock(mutex_);
+  queue->busy = false;  // The next call of the object takes these along.
 }
 
 void Bus::RunCall(const std::shared_ptr<Incoming>& call) {
+  const bool served = orb::Contained("RunCall", [&] { Serve(call.get()); });
+  orb::MutexLock lock(mutex_);
+  if (!served && bus_ != nullptr && call->caller.connection == connection_) {
+    ReplyError(call->message, SD_BUS_ERROR_NO_MEMORY);
+  }
+  Finished(*call);
+}
+
+void Bus::Serve(Incoming* call) {
   Parcel data;
   Parcel reply;
   android::status_t status =
@@ -190,8 +228,6 @@ void Bus::RunCall(const std::shared_ptr<Incoming>& call) {
     }
     sd_bus_message_unref(out);
   }
-  sd_bus_message_unref(call->message);
-  budget_.Give(call->caller.name, call->cost);
 }
 
 }  // namespace orb_platform

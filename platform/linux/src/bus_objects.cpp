@@ -8,6 +8,8 @@
 #include "platform/linux/src/bus.h"
 #include "platform/linux/src/bus_names.h"
 #include "platform/linux/src/worker_pool.h"
+#define ORB_LOG_TAG "orb_platform"
+#include "utility/contained.h"
 
 namespace orb_platform {
 
@@ -46,12 +48,13 @@ void BusTarget::PostObituary(const sp<BpBinder>& proxy) {
 // The watch over all peers is older than the question, so that a death before
 // the answer shows, too.
 Bus::Peer* Bus::EnsurePeer(const std::string& name) {
-  std::unique_ptr<Peer>& slot = peers_[name];
-  if (slot != nullptr) return slot.get();
-  slot = std::make_unique<Peer>();
-  Peer* const peer = slot.get();
+  const auto known = peers_.find(name);
+  if (known != peers_.end()) return known->second.get();
+  auto made = std::make_unique<Peer>();
+  Peer* const peer = made.get();
   peer->bus = this;
   peer->name = name;
+  peers_.emplace(name, std::move(made));
   sd_bus_call_method_async(bus_, &peer->check, kDaemon, kDaemonPath, kDaemon,
                            "GetConnectionCredentials", OnPeerChecked, peer, "s", name.c_str());
   Rearm();
@@ -64,19 +67,24 @@ int Bus::OnOwnerChanged(sd_bus_message* message, void* bus,
   const char* before = nullptr;
   const char* after = nullptr;
   if (sd_bus_message_read(message, "sss", &name, &before, &after) < 0) return 0;
-  if (*after == 0) static_cast<Bus*>(bus)->PeerDied(name);
+  if (*after == 0) {
+    orb::Contained("OnOwnerChanged",
+                   [&]() ORB_NO_THREAD_SAFETY_ANALYSIS { static_cast<Bus*>(bus)->PeerDied(name); });
+  }
   return 0;
 }
 
 int Bus::OnPeerChecked(sd_bus_message* reply, void* peer,
                        sd_bus_error*) ORB_NO_THREAD_SAFETY_ANALYSIS {
   auto* const checked = static_cast<Peer*>(peer);
-  Credentials credentials;
-  if (sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NAME_HAS_NO_OWNER) > 0) {
-    checked->bus->PeerDied(std::string(checked->name));
-  } else if (ReadCredentials(reply, &credentials)) {
-    checked->credentials = credentials;
-  }
+  orb::Contained("OnPeerChecked", [&]() ORB_NO_THREAD_SAFETY_ANALYSIS {
+    Credentials credentials;
+    if (sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NAME_HAS_NO_OWNER) > 0) {
+      checked->bus->PeerDied(std::string(checked->name));
+    } else if (ReadCredentials(reply, &credentials)) {
+      checked->credentials = credentials;
+    }
+  });
   return 0;
 }
 
@@ -119,32 +127,40 @@ Credentials Bus::CredentialsOf(const Caller& caller) {
 void Bus::PeerDied(const std::string& name) {
   const auto it = peers_.find(name);
   if (it == peers_.end()) return;
-  std::unique_ptr<Peer> peer = std::move(it->second);
-  peers_.erase(it);
-  Bury(std::move(peer));
-  std::vector<uint64_t> held;
-  for (auto& [id, exported] : exports_) {
-    if (exported.holders.erase(name) > 0) held.push_back(id);
+  auto node = peers_.extract(it);
+  SendObituaries(node.mapped().get());
+  buried_.insert(std::move(node));
+  for (auto next = exports_.begin(); next != exports_.end();) {
+    const auto held = next++;  // Dropping erases it.
+    if (held->second.holders.erase(name) > 0) DropIfUnused(held->first);
   }
-  for (const uint64_t id : held) DropIfUnused(id);
 }
 
-// Its proxies are dead; its slots go once the binding is out of their callbacks.
-void Bus::Bury(std::unique_ptr<Peer> peer) {
+void Bus::SendObituaries(Peer* peer) {
   for (auto& [id, proxy] : peer->proxies) {
-    if (!proxy.raw->markDead()) continue;
-    sp<BpBinder> strong = proxy.weak.promote();
-    // Moved, never copied: the last reference must not go under the lock.
-    if (strong != nullptr) {
-      WorkerPool::Get().Post([strong = std::move(strong)] { strong->sendObituary(); });
+    if (proxy.raw == nullptr || !proxy.raw->markDead()) continue;
+    {
+      const sp<BpBinder> strong = proxy.weak.promote();
+      if (strong == nullptr) continue;
+      strong->incStrong(this);
     }
+    // The task has the reference from here on, and without a task it stays: the last one
+    // must not go under the lock.
+    orb::Contained("SendObituaries", [this, dead = proxy.raw] {
+      WorkerPool::Get().Post([this, dead] {
+        dead->sendObituary();
+        dead->decStrong(this);
+      });
+    });
   }
-  buried_.push_back(std::move(peer));
 }
 
 uint64_t Bus::ExportId(const sp<BBinder>& binder) {
   const auto [it, added] = export_ids_.try_emplace(binder.get(), last_id_ + 1);
-  if (added) exports_[++last_id_].binder = binder;
+  if (!added && exports_.count(it->second) != 0) return it->second;
+  // An id without an export: there was no memory for it.
+  it->second = ++last_id_;
+  exports_[it->second].binder = binder;
   return it->second;
 }
 
@@ -172,13 +188,14 @@ void Bus::DropIfUnused(uint64_t id) {
   export_ids_.erase(it->second.binder.get());
   dropped_.push_back(std::move(it->second.binder));
   exports_.erase(it);
-  if (std::exchange(drop_posted_, true)) return;
+  if (drop_posted_) return;
   WorkerPool::Get().Post([this] {
     mutex_.Lock();
     drop_posted_ = false;
     mutex_.Unlock();
     DropReferences();
   });
+  drop_posted_ = true;
 }
 
 void Bus::DropReferences() {

@@ -9,13 +9,14 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <utility>
 
 namespace orb_platform {
 
 namespace {
 
 void Signal(int fd) {
+  if (fd < 0) return;
   const int saved = errno;
   const uint64_t one = 1;
   while (write(fd, &one, sizeof one) < 0 && errno == EINTR) {
@@ -29,6 +30,13 @@ void Drain(int fd) {
   }
 }
 
+bool Add(int epoll_fd, int fd, uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  return epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
 uint32_t EpollMask(int events) {
   return ((events & POLLIN) != 0 ? static_cast<uint32_t>(EPOLLIN) : 0u) |
          ((events & POLLOUT) != 0 ? static_cast<uint32_t>(EPOLLOUT) : 0u);
@@ -36,28 +44,31 @@ uint32_t EpollMask(int events) {
 
 }  // namespace
 
-BusPoller::BusPoller()
-    : reader_(epoll_create1(EPOLL_CLOEXEC)),
-      seat_(epoll_create1(EPOLL_CLOEXEC)),
-      wake_seat_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      wake_caller_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  epoll_event event{};
-  event.events = EPOLLIN;
-  event.data.fd = wake_seat_.get();
-  // Without them no call could be waited for; the process is out of descriptors.
-  if (wake_caller_.get() < 0 ||
-      epoll_ctl(seat_.get(), EPOLL_CTL_ADD, wake_seat_.get(), &event) != 0) {
-    abort();
+// All or nothing.
+bool BusPoller::Open() {
+  if (wake_caller_.ok()) return true;
+  orb::UniqueFd reader(epoll_create1(EPOLL_CLOEXEC));
+  orb::UniqueFd seat(epoll_create1(EPOLL_CLOEXEC));
+  orb::UniqueFd wake_reader(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  orb::UniqueFd wake_seat(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  orb::UniqueFd wake_caller(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!wake_caller.ok() || !Add(reader.get(), wake_reader.get(), EPOLLIN) ||
+      !Add(seat.get(), wake_seat.get(), EPOLLIN)) {
+    return false;
   }
+  reader_ = std::move(reader);
+  seat_ = std::move(seat);
+  wake_reader_ = std::move(wake_reader);
+  wake_seat_ = std::move(wake_seat);
+  seat_signal_.store(wake_seat_.get());
+  wake_caller_ = std::move(wake_caller);
+  return true;
 }
 
-void BusPoller::Attach(int bus_fd) {
+bool BusPoller::Attach(int bus_fd) {
   fd_ = bus_fd;
   reader_events_ = seat_events_ = 0;
-  epoll_event event{};
-  event.data.fd = bus_fd;
-  epoll_ctl(reader_.get(), EPOLL_CTL_ADD, bus_fd, &event);
-  epoll_ctl(seat_.get(), EPOLL_CTL_ADD, bus_fd, &event);
+  return Add(reader_.get(), bus_fd, 0) && Add(seat_.get(), bus_fd, 0);
 }
 
 void BusPoller::Detach() {
@@ -88,9 +99,10 @@ void BusPoller::Set(Turn turn, int events, bool seated) {
   }
 }
 
-void BusPoller::WaitReader() {
+void BusPoller::WaitReader(int timeout_ms) {
   epoll_event event;
-  epoll_wait(reader_.get(), &event, 1, -1);
+  const int count = epoll_wait(reader_.get(), &event, 1, timeout_ms);
+  if (count > 0 && event.data.fd == wake_reader_.get()) Drain(wake_reader_.get());
 }
 
 bool BusPoller::WaitSeat() {
@@ -109,7 +121,8 @@ void BusPoller::WaitCaller(int bus_fd, int wake_fd, int events, int timeout_ms) 
   if (poll(fds, 2, timeout_ms) > 0 && fds[1].revents != 0) Drain(wake_fd);
 }
 
-void BusPoller::WakeSeat() { Signal(wake_seat_.get()); }
+void BusPoller::WakeReader() { Signal(wake_reader_.get()); }
+void BusPoller::WakeSeat() { Signal(seat_signal_.load()); }
 void BusPoller::WakeCaller() { Signal(wake_caller_.get()); }
 
 }  // namespace orb_platform

@@ -38,8 +38,8 @@ class Serial : public std::enable_shared_from_this<Serial> {
     orb::MutexLock lock(mutex_);
     tasks_.push_back(std::move(task));
     if (running_) return;
-    running_ = true;
-    StartThread("binder-local", [self = shared_from_this()] { self->Run(); });
+    // Without a thread it waits for the next one's.
+    running_ = StartThread("binder-local", [self = shared_from_this()] { self->Run(); });
   }
 
  private:

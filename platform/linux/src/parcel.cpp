@@ -30,7 +30,12 @@ Parcel::Parcel() = default;
 Parcel::~Parcel() { freeData(); }
 
 void Parcel::freeData() {
-  DropObjects(0, std::numeric_limits<size_t>::max());
+  // Out of the list first: the last reference to a binder may run its owner's code.
+  const std::vector<Object> dropped = std::move(objects_);
+  objects_.clear();
+  for (const Object& object : dropped) {
+    if (object.owns_fd) close(object.fd);
+  }
   if (sensitive_) explicit_bzero(data_.data(), data_.size());
   data_ = {};
   pos_ = 0;
@@ -66,38 +71,34 @@ status_t Parcel::appendFrom(const Parcel* parcel, size_t start, size_t len) {
   if (start > parcel->data_.size() || len > parcel->data_.size() - start) return BAD_VALUE;
   const std::vector<uint8_t> bytes(parcel->data_.begin() + static_cast<ptrdiff_t>(start),
                                    parcel->data_.begin() + static_cast<ptrdiff_t>(start + len));
-  std::vector<Object> copies;
+  struct Copies : std::vector<Object> {
+    ~Copies() {
+      for (const Object& made : *this) {
+        if (made.owns_fd) close(made.fd);
+      }
+    }
+  } copies;
   for (const Object& object : parcel->objects_) {
     if (object.offset < start || object.offset + orb_platform::kFlatObjectBytes > start + len) {
       continue;
     }
-    Object copy{object.offset - start, object.binder, -1, false};
-    if (object.fd >= 0) {
-      copy.fd = fcntl(object.fd, F_DUPFD_CLOEXEC, 0);
-      copy.owns_fd = true;
-      if (copy.fd < 0) {
-        for (const Object& made : copies) {
-          if (made.owns_fd) close(made.fd);
-        }
-        return -errno;
-      }
-    }
-    copies.push_back(std::move(copy));
+    Object& copy = copies.emplace_back(Object{object.offset - start, object.binder, -1, false});
+    if (object.fd < 0) continue;
+    copy.fd = fcntl(object.fd, F_DUPFD_CLOEXEC, 0);
+    if (copy.fd < 0) return -errno;
+    copy.owns_fd = true;
   }
+  objects_.reserve(objects_.size() + copies.size());  // What follows does not throw.
   const size_t at = pos_;
   void* const to = Extend(len);
-  if (to == nullptr) {
-    for (const Object& made : copies) {
-      if (made.owns_fd) close(made.fd);
-    }
-    return error_;
-  }
+  if (to == nullptr) return error_;
   memcpy(to, bytes.data(), len);
   for (Object& copy : copies) {
     copy.offset += at;
     if (copy.fd >= 0) orb_platform::PatchDescriptor(data_.data() + copy.offset, copy.fd);
     objects_.push_back(std::move(copy));
   }
+  copies.clear();
   std::sort(objects_.begin(), objects_.end(),
             [](const Object& a, const Object& b) { return a.offset < b.offset; });
   return OK;

@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "platform/linux/src/parcel_access.h"
+#include "utility/unique_fd.h"
 
 namespace orb_platform {
 
@@ -78,12 +79,11 @@ bool ParcelAccess::AddBinder(android::Parcel* parcel, size_t offset,
 }
 
 bool ParcelAccess::AddDescriptor(android::Parcel* parcel, size_t offset, int fd) {
-  if (!Fits(*parcel, offset)) {
-    close(fd);
-    return false;
-  }
+  orb::UniqueFd owned(fd);
+  if (!Fits(*parcel, offset)) return false;
   PatchDescriptor(parcel->data_.data() + offset, fd);
   parcel->objects_.push_back({offset, nullptr, fd, true});
+  [[maybe_unused]] const int parcels = owned.release();
   return true;
 }
 
@@ -106,6 +106,7 @@ bool Parcel::OverlapsObject(size_t start, size_t end) const {
 void Parcel::DropObjects(size_t start, size_t end) {
   // Out of the list first: the last reference to a binder may run its owner's code.
   std::vector<Object> dropped;
+  dropped.reserve(objects_.size());
   const auto gone =
       std::stable_partition(objects_.begin(), objects_.end(), [start, end](const Object& object) {
         return object.offset >= end || object.offset + kFlatObjectBytes <= start;
@@ -182,10 +183,13 @@ sp<IBinder> Parcel::readStrongBinder() const {
 
 status_t Parcel::writeFileDescriptor(int fd, bool takeOwnership) {
   if (fd < 0) return BAD_VALUE;
+  base::unique_fd owned(takeOwnership ? fd : -1);
   const Flat flat = FlatOf(fd, takeOwnership);
   const status_t status =
       WriteObject(flat.type, flat.flags, flat.value, flat.cookie, {0, nullptr, fd, takeOwnership});
-  if (status != OK && takeOwnership) close(fd);
+  if (status == OK) {
+    [[maybe_unused]] const int parcels = owned.release();
+  }
   return status;
 }
 

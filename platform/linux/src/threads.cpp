@@ -1,21 +1,23 @@
 #include "platform/linux/src/threads.h"
 
-#include <pthread.h>
-#include <signal.h>
+#include <utility>
 
-#include <thread>
+#include "utility/error_text.h"
+#include "utility/thread.h"
+#define ORB_LOG_TAG "orb_platform"
+#include "utility/log.h"
 
 namespace orb_platform {
 
-void StartThread(const char* name, std::function<void()> body) {
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  std::thread thread(std::move(body));
-  pthread_setname_np(thread.native_handle(), name);
-  thread.detach();
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+bool StartThread(const char* name, std::function<void()> body, bool quiet) {
+  orb::Thread thread;
+  const int error = thread.Start(name, std::move(body));
+  if (error == 0) {
+    thread.Detach();
+  } else if (!quiet) {
+    LOGE("no thread for %s: %s", name, orb::ErrorText(error).c_str());
+  }
+  return error == 0;
 }
 
 }  // namespace orb_platform

@@ -1,12 +1,12 @@
-// Threads of the platform: detached, named, and deaf to signals, which belong
-// to the host's own threads.
+// Threads of the platform: detached and named.
 #pragma once
 
 #include <functional>
 
 namespace orb_platform {
 
-// Aborts when the system has no thread left.
-void StartThread(const char* name, std::function<void()> body);
+// Runs body(), which must not throw, on a new thread. False when the system has none
+// left; with one error line, unless `quiet`.
+bool StartThread(const char* name, std::function<void()> body, bool quiet = false);
 
 }  // namespace orb_platform

@@ -7,6 +7,8 @@
 
 #include "platform/linux/src/bus.h"
 #include "platform/linux/src/threads.h"
+#define ORB_LOG_TAG "orb_platform"
+#include "utility/contained.h"
 
 namespace orb_platform {
 
@@ -29,9 +31,7 @@ WorkerPool& WorkerPool::Get() {
 
 void WorkerPool::Start() {
   orb::MutexLock lock(mutex_);
-  if (started_) return;
-  started_ = true;
-  Spawn();
+  if (!started_) started_ = Spawn();
 }
 
 bool WorkerPool::Started() const {
@@ -50,9 +50,44 @@ size_t WorkerPool::MaxExtra() const {
   return max_extra_;
 }
 
-void WorkerPool::Spawn() {
+bool WorkerPool::Spawn(bool quiet) {
   threads_++;
-  StartThread("binder", [this] { Work(true); });
+  const bool spawned = StartThread(
+      "binder", [this] { Work(true); }, quiet);
+  if (!spawned) threads_--;
+  return spawned;
+}
+
+void WorkerPool::Grow() {
+  if (starved_) return;  // The reader tries; not every task is to cost an error line.
+  starved_ = !Spawn();
+  if (starved_) Bus::Get().WakeReader();
+}
+
+bool WorkerPool::Relieve() {
+  orb::MutexLock lock(mutex_);
+  if (!starved_) return false;
+  starved_ = !tasks_.empty() && MayGrow() && !Spawn(true);
+  if (!starved_) return false;
+  // A task may be what the workers wait for: the completions of a session that ends.
+  RunTask();
+  starved_ = !tasks_.empty();
+  return starved_;
+}
+
+void WorkerPool::RunTask() {
+  std::function<void()> task = std::move(tasks_.front());
+  tasks_.pop_front();
+  ++running_;
+  mutex_.Unlock();
+  // What throws was out of memory; it has told its caller, or has none.
+  orb::Contained("binder", [&task] {
+    task();
+    task = nullptr;
+  });
+  mutex_.Lock();
+  --running_;
+  if (stopped.load()) done_.NotifyAll();
 }
 
 bool WorkerPool::MayGrow() const {
@@ -86,7 +121,7 @@ void WorkerPool::Post(std::function<void()> task) {
     seat_woken_ = true;
     Bus::Get().Wake();
   } else if (MayGrow()) {
-    Spawn();
+    Grow();
   }
 }
 
@@ -95,7 +130,7 @@ void WorkerPool::BeginWait() {
   orb::MutexLock lock(mutex_);
   ++replies_;
   // Found all workers busy; those that were idle have been woken for theirs.
-  if (tasks_.size() > signals_ && !seat_taken_ && MayGrow()) Spawn();
+  if (tasks_.size() > signals_ && !seat_taken_ && MayGrow()) Grow();
 }
 
 void WorkerPool::EndWait() {
@@ -114,15 +149,7 @@ void WorkerPool::Work(bool may_end) {
   mutex_.Lock();
   while (!stopped.load()) {
     if (!tasks_.empty()) {
-      std::function<void()> task = std::move(tasks_.front());
-      tasks_.pop_front();
-      ++running_;
-      mutex_.Unlock();
-      task();
-      task = nullptr;
-      mutex_.Lock();
-      --running_;
-      if (stopped.load()) done_.NotifyAll();
+      RunTask();
     } else if (may_end && threads_ > max_extra_ + 1 + replies_) {
       --threads_;
       break;

@@ -21,6 +21,8 @@ class WorkerPool {
  public:
   static WorkerPool& Get();
 
+  // Starts the first worker. Started() is false afterwards when there is no thread
+  // for it; a later call tries again.
   void Start() ORB_EXCLUDES(mutex_);
   bool Started() const ORB_EXCLUDES(mutex_);
   // Threads besides the first. Aborts when lowered after the start.
@@ -33,6 +35,8 @@ class WorkerPool {
   // Stop(), and waits until no task runs; false when one does at the deadline.
   bool StopBy(std::chrono::steady_clock::time_point deadline) ORB_EXCLUDES(mutex_);
 
+  // Runs the task on a worker. When all are busy and there is no thread for another one,
+  // the reader stands in; a task that comes while it does waits for any of them.
   void Post(std::function<void()> task) ORB_EXCLUDES(mutex_);
   // This thread is about to wait for a reply, and has got it. Nothing unless it
   // is a worker.
@@ -40,10 +44,18 @@ class WorkerPool {
   void EndWait() ORB_EXCLUDES(mutex_);
   // Whether a task waits for a worker.
   bool HasWork() const ORB_EXCLUDES(mutex_);
+  // For the reader: tries again to start the worker that there was no thread for, or
+  // runs a task itself. True when it is to be called again in a while.
+  bool Relieve() ORB_EXCLUDES(mutex_);
 
  private:
   WorkerPool() = default;
-  void Spawn() ORB_REQUIRES(mutex_);
+  // False when there is no thread.
+  bool Spawn(bool quiet = false) ORB_REQUIRES(mutex_);
+  // One more worker for a task that waits, or the reader's help.
+  void Grow() ORB_REQUIRES(mutex_);
+  // Runs the first task, unlocked.
+  void RunTask() ORB_REQUIRES(mutex_);
   bool MayGrow() const ORB_REQUIRES(mutex_);
   // A worker that `may_end` does so once there are too many.
   void Work(bool may_end) ORB_EXCLUDES(mutex_);
@@ -58,6 +70,7 @@ class WorkerPool {
   bool seat_taken_ ORB_GUARDED_BY(mutex_) = false;
   bool seat_woken_ ORB_GUARDED_BY(mutex_) = false;
   bool started_ ORB_GUARDED_BY(mutex_) = false;
+  bool starved_ ORB_GUARDED_BY(mutex_) = false;  // No thread for the last one wanted.
   size_t threads_ ORB_GUARDED_BY(mutex_) = 0;
   size_t replies_ ORB_GUARDED_BY(mutex_) = 0;  // Workers that wait for one.
   size_t max_extra_ ORB_GUARDED_BY(mutex_) = 15;
