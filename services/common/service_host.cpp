@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "services/common/descriptor_limit.h"
 #include "utility/log.h"
 
 namespace orb::services {
@@ -40,6 +41,7 @@ ServiceHost::ServiceHost() {
   sigaddset(&signals_, SIGINT);
   pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
   static_cast<void>(signal(SIGPIPE, SIG_IGN));
+  RaiseDescriptorLimit();
 }
 
 void ServiceHost::Add(const std::string& name, std::function<bool()> publish,

@@ -16,7 +16,8 @@ namespace orb::services {
 int ParseCommandLine(CLI::App* app, int argc, char** argv);
 
 // Keeps services published until SIGTERM or SIGINT, also over restarts of the
-// bus. Make it before the first other thread: it blocks both signals.
+// bus. Make it before the first other thread and the first use of the bus: it blocks
+// both signals and raises the limit of descriptors.
 class ServiceHost {
  public:
   ServiceHost();

@@ -3,6 +3,7 @@
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <systemd/sd-bus.h>
 
 #include <functional>
@@ -12,9 +13,11 @@
 
 #include "platform/linux/src/bus_names.h"
 #include "platform/linux/src/call_budget.h"
+#include "platform/linux/src/parcel_access.h"
 #include "tests/platform/test_object.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/wait_for.h"
+#include "utility/unique_fd.h"
 
 namespace {
 
@@ -78,7 +81,12 @@ class RawPeer {
   }
   void SendOneway(sd_bus_message* call) {
     sd_bus_message_set_expect_reply(call, 0);
-    sd_bus_send(bus_, call, nullptr);
+    Send(call);
+  }
+  // Sends and frees; nobody reads an answer.
+  void Send(sd_bus_message* call) {
+    uint64_t cookie = 0;
+    sd_bus_send(bus_, call, &cookie);
     sd_bus_message_unref(call);
   }
 
@@ -192,6 +200,50 @@ TEST_F(HostilePeerTest, FloodsOnlyItsOwnShare) {
   EXPECT_TRUE(orb::test::WaitFor([&] { return ask(&flood, orb::test::kCaller, kBytes).empty(); }));
   EXPECT_TRUE(orb::test::WaitFor([&] { return appended() > 0; }));
   EXPECT_LE(appended(), CallBudget::kMostBytesOfOne / kBytes);
+}
+
+// Few descriptors, a quarter of them in use by what the process does besides.
+class FewDescriptorsTest : public HostilePeerTest {
+ protected:
+  void SetUp() override {
+    const rlimit limit{kFiles, kFiles};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    for (size_t i = 0; i < kFiles / 4; i++) used_.emplace_back(dup(STDIN_FILENO));
+    HostilePeerTest::SetUp();
+  }
+  static constexpr size_t kFiles = 256;
+
+ private:
+  std::vector<orb::UniqueFd> used_;
+};
+
+// The binding cannot read on after a message whose descriptors found no place.
+TEST_F(FewDescriptorsTest, AreNotUsedUpByCalls) {
+  constexpr size_t kOfAMessage = 16;  // As many as a stock bus lets through.
+  RawPeer other(bus_);
+  const uint64_t id = other.Lookup();
+  std::vector<std::unique_ptr<RawPeer>> peers;
+  for (size_t i = 0; i * kOfAMessage < kFiles; i++) {
+    if (i % 3 == 0) peers.push_back(std::make_unique<RawPeer>(bus_));
+    sd_bus_message* const call = peers.back()->Transaction(
+        id, orb::test::kBlock, kOfAMessage * orb_platform::kFlatObjectBytes);
+    sd_bus_message_open_container(call, 'a', "(uyst)");
+    for (size_t n = 0; n < kOfAMessage; n++) {
+      sd_bus_message_append(call, "(uyst)",
+                            static_cast<uint32_t>(n * orb_platform::kFlatObjectBytes), uint8_t{3},
+                            "", uint64_t{n});
+    }
+    sd_bus_message_close_container(call);
+    sd_bus_message_open_container(call, 'a', "h");
+    for (size_t n = 0; n < kOfAMessage; n++) sd_bus_message_append(call, "h", 0);
+    sd_bus_message_close_container(call);
+    peers.back()->Send(call);
+    EXPECT_EQ(other.Lookup(), id) << i;
+  }
+  peers.clear();
+  sd_bus_message* const call = other.Transaction(id, orb::test::kUnblock, 0);
+  AppendObjects(call, 0, 0, "");
+  EXPECT_EQ(other.Ask(call), "");
 }
 
 TEST(CallBudgetTest, KeepsToEachBound) {

@@ -44,12 +44,13 @@ constexpr char kPeersLeave[] =
     "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
     "member='NameOwnerChanged',arg0namespace=':1'";
 
-// Half of what the process may open, so that what calls carry never uses up the
-// descriptors that answering them takes.
+// A quarter of what the process may open: while a call runs, its descriptors exist in
+// the message, in the parcel and in the handler, and the binding cannot read on after a
+// message whose descriptors found no place.
 size_t MostDescriptorsOfCalls() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return CallBudget::kMostDescriptorsOfOne;
-  return static_cast<size_t>(std::min<rlim_t>(limit.rlim_cur, 1 << 16)) / 2;
+  return static_cast<size_t>(std::min<rlim_t>(limit.rlim_cur, 1 << 16)) / 4;
 }
 
 // A thread that another process gives back is noticed after this long.
