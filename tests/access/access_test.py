@@ -7,46 +7,16 @@ through; and under the units' system call filter a whole campaign works.
 
 Exit 77, skipped: not root, so that there are no other users to be.
 """
-import grp
 import os
-import pwd
 import re
-import shutil
 import signal
 import subprocess
 import sys
-import tempfile
-import time
 
 import service_sandbox
-from service_sandbox import Identity
+from system_stage import ROOT, Client, Stage, wait_until
 
-# Accounts that every system has, in place of orb and orb-client.
-SERVICE_USER, CLIENT_GROUP = "daemon", "games"
 EXPOSURE_MAX = 0.5
-
-BUS = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type><listen>unix:path={dir}/bus</listen><auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <deny own="*"/><deny send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_requested_reply="true" send_type="method_return"/>
-    <allow send_requested_reply="true" send_type="error"/>
-    <allow receive_type="method_call"/><allow receive_type="method_return"/>
-    <allow receive_type="error"/><allow receive_type="signal"/>
-    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
-  </policy>
-  <include>{dir}/orb.conf</include>
-</busconfig>
-"""
-
-
-def skip(why):
-    print(f"skipped: {why}")
-    sys.exit(77)
 
 
 class Failed(Exception):
@@ -59,165 +29,60 @@ def expect(what, condition):
         raise Failed(what)
 
 
-class Stage:
-    def __init__(self, source, managerd, hald, orbctl, probe):
-        self.source, self.orbctl, self.probe = source, orbctl, probe
-        self.programs = {"orb-managerd": [managerd, "--state"], "orb-hald": [hald, "--spool"]}
-        self.dir = tempfile.mkdtemp(prefix="orb-access-")
-        os.chmod(self.dir, 0o755)
-        self.children = []
-        user = pwd.getpwnam(SERVICE_USER)
-        nobody = pwd.getpwnam("nobody")
-        group = grp.getgrnam(CLIENT_GROUP).gr_gid
-        self.service = Identity(user.pw_uid, user.pw_gid)
-        self.outsider = Identity(nobody.pw_uid, nobody.pw_gid)
-        self.member = Identity(nobody.pw_uid, nobody.pw_gid, [group])
-        self.environment = {**os.environ, "ORB_BUS_ADDRESS": f"unix:path={self.dir}/bus",
-                            "ANDROID_LOG_TAGS": "*:i", "ORB_EVENT_LOG": "/dev/null"}
-
-    def folder(self, name, identity):
-        path = os.path.join(self.dir, name)
-        os.makedirs(path)
-        os.chown(path, identity.uid, identity.gid)
-        return path
-
-    def start_bus(self):
-        with open(f"{self.source}/packaging/linux/orb.conf", encoding="utf-8") as policy:
-            text = policy.read()
-        self.names = re.findall(r'own="([^"]+)"', text)
-        text = text.replace('user="orb"', f'user="{SERVICE_USER}"')
-        text = text.replace('group="orb-client"', f'group="{CLIENT_GROUP}"')
-        for name, content in (("orb.conf", text), ("bus.conf", BUS.format(dir=self.dir))):
-            with open(f"{self.dir}/{name}", "w", encoding="utf-8") as out:
-                out.write(content)
-        self.children.append(subprocess.Popen(
-            ["dbus-daemon", "--nofork", "--nopidfile", f"--config-file={self.dir}/bus.conf"]))
-        self.wait(lambda: os.path.exists(f"{self.dir}/bus"))
-
-    def start_service(self, name, identity, log=None):
-        unit = f"{self.source}/packaging/linux/{name}.service"
-        program = service_sandbox.filter_program(service_sandbox.allowed_calls(unit))
-        folder = self.folder(log or name, identity)
-        child = identity.start(self.programs[name] + [folder], program, env=self.environment,
-                               stderr=open(f"{self.dir}/{log or name}.log", "w",
-                                           encoding="utf-8"))
-        self.children.append(child)
-        return child
-
-    def log(self, name):
-        with open(f"{self.dir}/{name}.log", encoding="utf-8", errors="replace") as text:
-            return text.read()
-
-    def wait(self, condition, seconds=30):
-        deadline = time.monotonic() + seconds
-        while time.monotonic() < deadline:
-            if condition():
-                return True
-            time.sleep(0.02)
-        return False
-
-    def send(self, identity, destination, path, method, *arguments):
-        """What a method call over the bus answers."""
-        child = identity.start(
-            ["dbus-send", f"--bus=unix:path={self.dir}/bus", "--print-reply",
-             f"--dest={destination}", path, method, *arguments],
-            stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        return child.communicate(timeout=30)[0]
-
-    def ask_bus(self, identity, method, *arguments):
-        return self.send(identity, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                         f"org.freedesktop.DBus.{method}", *arguments)
-
-    def owns(self, identity, name):
-        return self.ask_bus(identity, "RequestName", f"string:{name}", "uint32:0")
-
-    def connection_of(self, child):
-        names = re.findall(r'"(:[\d.]+)"', self.ask_bus(Identity(0, 0), "ListNames"))
-        return next(name for name in names if f"uint32 {child.pid}\n" in self.ask_bus(
-            Identity(0, 0), "GetConnectionUnixProcessID", f"string:{name}"))
-
-    def client(self, identity, name, mode=""):
-        """A client with a data directory of its own, and what registering answers."""
-        data = self.folder(name, identity)
-        with open(f"{data}/orb_sdk.conf", "w", encoding="utf-8") as conf:
-            conf.write("register_max_retries = 1\nregister_retry_wait_sec = 1\n")
-        child = identity.start([self.probe], env=self.environment, stdin=subprocess.PIPE,
-                               stdout=subprocess.PIPE,
-                               stderr=open(f"{self.dir}/{name}.log", "w", encoding="utf-8"))
-        self.children.append(child)
-        return child, self.ask(child, f"register {name} {data}/ sync{mode}")
-
-    @staticmethod
-    def ask(child, line):
-        child.stdin.write(line + "\n")
-        child.stdin.flush()
-        return child.stdout.readline().strip()
-
-    def ctl(self, identity, *arguments):
-        child = identity.start([self.orbctl, *arguments], env=self.environment,
-                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        out = child.communicate(timeout=60)[0]
-        return child.returncode, out
-
-    def clean_up(self):
-        for child in reversed(self.children):
-            if child.poll() is None:
-                child.kill()
-            child.wait()
-        shutil.rmtree(self.dir, ignore_errors=True)
+def owns(stage, identity, name):
+    return stage.ask_bus(identity, "RequestName", f"string:{name}", "uint32:0")
 
 
 def check_names(stage):
-    expect("the policy names the three services", len(stage.names) == 3)
-    for name in stage.names:
-        for who, identity in (("a user", stage.outsider), ("a client", stage.member),
-                              ("root", Identity(0, 0))):
-            expect(f"{who} cannot own {name}", "AccessDenied" in stage.owns(identity, name))
-        expect(f"{SERVICE_USER} can own {name}", "uint32 1" in stage.owns(stage.service, name))
+    expect("the policy names the three services", sum(map(len, stage.names.values())) == 3)
+    owner = {name: stage.manager if user == "orb" else stage.hal
+             for user, names in stage.names.items() for name in names}
+    others = [("a user", stage.outsider), ("a client", stage.member), ("root", ROOT)]
+    for name, identity in owner.items():
+        other = stage.hal if identity is stage.manager else stage.manager
+        for who, stranger in others + [("the other service's user", other)]:
+            expect(f"{who} cannot own {name}", "AccessDenied" in owns(stage, stranger, name))
+        expect(f"its user can own {name}", "uint32 1" in owns(stage, identity, name))
     stage.start_service("orb-hald", stage.outsider, "false-hald")
     expect("orb-hald of another user is told so",
-           stage.wait(lambda: "cannot be published" in stage.log("false-hald")))
+           wait_until(lambda: "cannot be published" in stage.log("false-hald")))
     stage.children.pop().kill()
 
 
 def check_calls(stage):
-    outsider, answer = stage.client(stage.outsider, "outsider")
+    answer = Client(stage, stage.outsider, "outsider").register()
     expect("a client outside the group is not registered", answer == "null")
     expect("the manager never saw it", "outsider" not in stage.log("orb-managerd"))
-    client, answer = stage.client(stage.member, "member")
-    expect("a client in the group is registered", answer == "ok")
+    client = Client(stage, stage.member, "member")
+    expect("a client in the group is registered", client.register() == "ok")
     expect("one client cannot call another", "AccessDenied" in stage.send(
-        stage.member, stage.connection_of(client), "/", "org.orb.Binder.Lookup"))
-    for who, identity in (("outside the group", stage.outsider), ("in the group", stage.member)):
+        stage.member, stage.connection_of(client.child), "/", "org.orb.Binder.Lookup"))
+    for who, identity in (("outside the group", stage.outsider), ("in the group", stage.member),
+                          ("of the HAL", stage.hal)):
         expect(f"orbctl of a user {who} is refused",
                stage.ctl(identity, "client", "list")[0] == 1)
-    expect("the latter by the manager", "control refused to uid" in stage.log("orb-managerd"))
-    expect("orbctl of root and of the service user are not",
+    expect("the member's by the manager", "control refused to uid" in stage.log("orb-managerd"))
+    expect("the HAL's by the bus",
+           f"control refused to uid {stage.hal.uid}" not in stage.log("orb-managerd"))
+    expect("orbctl of root and of the manager's user are not",
            all("member" in stage.ctl(identity, "client", "list")[1]
-               for identity in (Identity(0, 0), stage.service)))
+               for identity in (ROOT, stage.manager)))
     return client
 
 
-def check_campaign(stage, client, name):
-    path = f"{stage.dir}/campaign.txtpb"
-    with open(path, "w", encoding="utf-8") as out:
-        out.write("threshold_size: 4096 threshold_time: 60\n"
-                  "kpi_cfgs { kpi_id: 1 type: KPI_NUMERIC sub_type: COUNTER sample_window: 5 }\n"
-                  "lic_sn_kpi_maps { lic_sn: 42 kpi_ids: 1 }\n")
-    root = Identity(0, 0)
-    expect("a campaign starts", stage.ctl(root, "campaign", "start", name, path,
-                                          "--lic", "42")[0] == 0)
-    expect("samples are taken", stage.ask(client, f"log {name} 1 2 20") == "0")
-    expect("the campaign stops", stage.ctl(root, "campaign", "stop", name)[0] == 0)
-    expect("the client ends", stage.ask(client, f"deregister {name}") == "0")
+def check_campaign(stage, client):
+    name = client.name
+    expect("a campaign starts", stage.ctl(ROOT, "campaign", "start", name,
+                                          stage.counter_campaign(), "--lic", "42")[0] == 0)
+    expect("samples are taken", client.ask(f"log {name} 1 2 20") == "0")
+    expect("the campaign stops", stage.ctl(ROOT, "campaign", "stop", name)[0] == 0)
+    expect("the client ends", client.ask(f"deregister {name}") == "0")
 
 
 def check_spool(stage):
-    root = Identity(0, 0)
-    code, out = stage.ctl(root, "decode", f"{stage.dir}/orb-hald", "--json")
-    counts = sum(int(count) for count in re.findall(r'"count":(\d+)', out))
-    expect(f"every sample is in the spool: {counts} of 80", code == 0 and counts == 80)
-    expect("the spool is sound", stage.ctl(root, "verify", f"{stage.dir}/orb-hald")[0] == 0)
+    counts = stage.spooled()
+    expect(f"every sample is in the spool: {counts}", counts == {"member": 40, "slots": 40})
+    expect("the spool is sound", stage.ctl(ROOT, "verify", f"{stage.dir}/orb-hald")[0] == 0)
 
 
 def check_filter(stage):
@@ -227,7 +92,7 @@ def check_filter(stage):
     expect("the filter has calls, and not those of an administrator",
            {"read", "openat", "fsync"} <= calls and not {"mount", "chown", "reboot"} & calls)
     program = service_sandbox.filter_program(calls)
-    child = stage.service.start(["chroot", stage.dir, "true"], program)
+    child = stage.manager.start(["chroot", stage.dir, "true"], program)
     expect("a forbidden call ends the process", child.wait(30) == -signal.SIGSYS)
 
 
@@ -252,30 +117,21 @@ def check_units(stage):
 
 
 def main():
-    if os.geteuid() != 0:
-        skip("needs root, to run programs as other users")
-    for program in ("dbus-daemon", "dbus-send", "systemd-analyze"):
-        if shutil.which(program) is None:
-            skip(f"{program} is not installed")
     stage = Stage(*sys.argv[1:])
     try:
-        stage.outsider.start([stage.orbctl, "--version"], stdout=subprocess.DEVNULL).wait()
-    except PermissionError:
-        stage.clean_up()
-        skip("the build lies where other users cannot run it")
-    try:
+        why = stage.missing()
+        if why is not None:
+            print(f"skipped: {why}")
+            return 77
         check_units(stage)
         check_filter(stage)
         stage.start_bus()
         check_names(stage)
-        services = [stage.start_service(name, stage.service) for name in stage.programs]
-        for name in stage.programs:
-            expect(f"{name} is published",
-                   stage.wait(lambda name=name: "is published" in stage.log(name)))
-        check_campaign(stage, check_calls(stage), "member")
-        client, answer = stage.client(stage.member, "slots", " slots 8 64")
-        expect("a client with slots is registered", answer == "ok")
-        check_campaign(stage, client, "slots")
+        services = stage.start_services()
+        check_campaign(stage, check_calls(stage))
+        client = Client(stage, stage.member, "slots")
+        expect("a client with slots is registered", client.register(" slots 8 64") == "ok")
+        check_campaign(stage, client)
         check_spool(stage)
         for name, child in zip(stage.programs, services):
             child.terminate()

@@ -31,7 +31,8 @@ start_unit() {
     while IFS='=' read -r key value; do export "$key=$value"; done \
       < <(sed -n 's/^Environment=//p' "$unit")
     user=$(sed -n 's/^User=//p' "$unit")
-    eval "exec setpriv --reuid $user --regid $user --init-groups $(sed -n 's/^ExecStart=//p' "$unit")"
+    group=$(sed -n 's/^Group=//p' "$unit")
+    eval "exec setpriv --reuid $user --regid $group --init-groups $(sed -n 's/^ExecStart=//p' "$unit")"
   ) 2>"/check/$1.log" &
   pids+=($!)
 }
@@ -46,9 +47,12 @@ dpkg -i debs/*.deb >dpkg.log 2>&1 || apt-get install -y -f --no-install-recommen
 [ -n "${bus:-}" ] || start_bus
 dpkg -i debs/*.deb >dpkg.log 2>&1 || fail "cannot be installed a second time"
 dpkg --audit | grep . && fail "dpkg finds fault"
-for folder in /var/lib/orb-managerd /var/spool/orb; do
-  [ "$(stat -c '%U:%G %a' $folder)" = "orb:orb 750" ] || fail "$folder: $(stat -c '%U:%G %a' $folder)"
-done
+while read -r folder access; do
+  [ "$(stat -c '%U:%G %a' "$folder")" = "$access" ] || fail "$folder: $(stat -c '%U:%G %a' "$folder")"
+done <<'ACCESS'
+/var/lib/orb-managerd orb:orb 700
+/var/spool/orb orb-hal:orb 750
+ACCESS
 for file in man/man1/orbctl.1 man/man8/orb-managerd.8 man/man8/orb-hald.8 \
             doc/liborb-sdk3/changelog doc/orbctl/changelog; do
   gzip -t /usr/share/$file.gz

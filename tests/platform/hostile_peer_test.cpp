@@ -4,7 +4,6 @@
 #include <binder/ProcessState.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <systemd/sd-bus.h>
 
 #include <functional>
 #include <memory>
@@ -16,6 +15,7 @@
 #include "platform/linux/src/parcel_access.h"
 #include "tests/platform/test_object.h"
 #include "tests/support/private_bus.h"
+#include "tests/support/raw_peer.h"
 #include "tests/support/wait_for.h"
 #include "utility/unique_fd.h"
 
@@ -25,73 +25,15 @@ using android::sp;
 using android::String16;
 using orb::test::TestObject;
 using orb_platform::CallBudget;
-using orb_platform::kInterface;
 using orb_platform::kRootPath;
 
 constexpr char kService[] = "org.orb.service.target";
 
-// A bare connection; not thread-safe.
-class RawPeer {
+class RawPeer : public orb::test::RawPeer {
  public:
-  explicit RawPeer(const orb::test::PrivateBus& bus) {
-    EXPECT_GE(sd_bus_new(&bus_), 0);
-    EXPECT_GE(sd_bus_set_address(bus_, bus.address().c_str()), 0);
-    EXPECT_GE(sd_bus_set_bus_client(bus_, 1), 0);
-    EXPECT_GE(sd_bus_start(bus_), 0);
+  explicit RawPeer(const orb::test::PrivateBus& bus) : orb::test::RawPeer(bus.address(), kService) {
+    EXPECT_TRUE(Connected());
   }
-  RawPeer(const RawPeer&) = delete;
-  RawPeer& operator=(const RawPeer&) = delete;
-  ~RawPeer() { sd_bus_close_unref(bus_); }
-
-  // The service's id; 0 when nobody serves it.
-  uint64_t Lookup() {
-    sd_bus_message* reply = nullptr;
-    uint64_t id = 0;
-    if (sd_bus_call_method(bus_, kService, kRootPath, kInterface, "Lookup", nullptr, &reply, "s",
-                           kService) >= 0) {
-      sd_bus_message_read(reply, "t", &id);
-    }
-    sd_bus_message_unref(reply);
-    return id;
-  }
-  sd_bus_message* Call(const std::string& path, const char* member) {
-    sd_bus_message* call = nullptr;
-    sd_bus_message_new_method_call(bus_, &call, kService, path.c_str(), kInterface, member);
-    return call;
-  }
-  // A transaction's beginning: code, flags and `bytes` zeros.
-  sd_bus_message* Transaction(uint64_t id, uint32_t code, size_t bytes) {
-    sd_bus_message* const call =
-        Call(std::string(kRootPath) + "/" + std::to_string(id), "Transact");
-    sd_bus_message_append(call, "uu", code, 0u);
-    const std::vector<uint8_t> zeros(bytes);
-    sd_bus_message_append_array(call, 'y', zeros.data(), zeros.size());
-    return call;
-  }
-  // Sends and frees; "" for an answer, else the error's name.
-  std::string Ask(sd_bus_message* call) {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    sd_bus_message* reply = nullptr;
-    sd_bus_call(bus_, call, 20'000'000, &error, &reply);
-    const std::string name = error.name != nullptr ? error.name : "";
-    sd_bus_error_free(&error);
-    sd_bus_message_unref(reply);
-    sd_bus_message_unref(call);
-    return name;
-  }
-  void SendOneway(sd_bus_message* call) {
-    sd_bus_message_set_expect_reply(call, 0);
-    Send(call);
-  }
-  // Sends and frees; nobody reads an answer.
-  void Send(sd_bus_message* call) {
-    uint64_t cookie = 0;
-    sd_bus_send(bus_, call, &cookie);
-    sd_bus_message_unref(call);
-  }
-
- private:
-  sd_bus* bus_ = nullptr;
 };
 
 class HostilePeerTest : public testing::Test {
@@ -111,15 +53,6 @@ class HostilePeerTest : public testing::Test {
   const sp<TestObject> target_{new TestObject()};
 };
 
-void AppendObjects(sd_bus_message* call, size_t count, uint8_t kind, const std::string& owner) {
-  sd_bus_message_open_container(call, 'a', "(uyst)");
-  for (size_t i = 0; i < count; i++) {
-    sd_bus_message_append(call, "(uyst)", 0u, kind, owner.c_str(), uint64_t{1});
-  }
-  sd_bus_message_close_container(call);
-  sd_bus_message_append(call, "ah", 0);
-}
-
 TEST_F(HostilePeerTest, IsAnsweredWithAnError) {
   RawPeer peer(bus_);
   const uint64_t id = peer.Lookup();
@@ -131,7 +64,7 @@ TEST_F(HostilePeerTest, IsAnsweredWithAnError) {
   };
   const auto parcel = [&](size_t bytes, size_t objects, uint8_t kind, const std::string& owner) {
     sd_bus_message* const call = peer.Transaction(id, orb::test::kAppended, bytes);
-    AppendObjects(call, objects, kind, owner);
+    RawPeer::AppendObjects(call, objects, kind, owner);
     return call;
   };
   const struct {
@@ -175,7 +108,7 @@ TEST_F(HostilePeerTest, FloodsOnlyItsOwnShare) {
   // The first of them waits, and so the others of the object.
   const auto oneway = [&](uint32_t code, size_t bytes) {
     sd_bus_message* const call = flood.Transaction(id, code, bytes);
-    AppendObjects(call, 0, 0, "");
+    RawPeer::AppendObjects(call, 0, 0, "");
     flood.SendOneway(call);
   };
   oneway(orb::test::kBlock, 0);
@@ -183,7 +116,7 @@ TEST_F(HostilePeerTest, FloodsOnlyItsOwnShare) {
   for (int i = 0; i < 100; i++) oneway(orb::test::kAppend, kBytes);
   const auto ask = [id](RawPeer* peer, uint32_t code, size_t bytes) {
     sd_bus_message* const call = peer->Transaction(id, code, bytes);
-    AppendObjects(call, 0, 0, "");
+    RawPeer::AppendObjects(call, 0, 0, "");
     return peer->Ask(call);
   };
   EXPECT_EQ(ask(&flood, orb::test::kEcho, kBytes), SD_BUS_ERROR_LIMITS_EXCEEDED);
@@ -242,7 +175,7 @@ TEST_F(FewDescriptorsTest, AreNotUsedUpByCalls) {
   }
   peers.clear();
   sd_bus_message* const call = other.Transaction(id, orb::test::kUnblock, 0);
-  AppendObjects(call, 0, 0, "");
+  RawPeer::AppendObjects(call, 0, 0, "");
   EXPECT_EQ(other.Ask(call), "");
 }
 
