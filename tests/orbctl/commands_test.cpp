@@ -9,6 +9,7 @@
 #include "tools/orbctl/campaign_command.h"
 #include "tools/orbctl/client_command.h"
 #include "tools/orbctl/client_dump.h"
+#include "tools/orbctl/control_client.h"
 #include "tools/orbctl/key_command.h"
 
 namespace orb::orbctl {
@@ -62,6 +63,20 @@ TEST(ClientCommandTest, ShowsClientsToPeopleAndPrograms) {
   EXPECT_EQ(json["session"], "running");
   EXPECT_EQ(json["campaign"], 9);
   EXPECT_EQ(json["lic_sns"], (std::vector<uint64_t>{42, UINT64_MAX}));
+}
+
+TEST(ControlClientTest, NamesTheCauseOfACallThatFailed) {
+  using android::binder::Status;
+  const std::pair<Status, const char*> kCases[] = {
+      {Status::fromExceptionCode(Status::EX_SECURITY), "try sudo"},
+      {Status::fromStatusT(android::PERMISSION_DENIED), "try sudo"},
+      {Status::fromStatusT(android::FAILED_TRANSACTION), "see the log of orb-managerd"},
+      {Status::fromStatusT(android::DEAD_OBJECT), "the manager ended before it answered"},
+      {Status::fromStatusT(android::BAD_TYPE), "BAD_TYPE"},
+  };
+  for (const auto& [status, part] : kCases) {
+    EXPECT_NE(CallError(status).find(part), std::string::npos) << CallError(status);
+  }
 }
 
 TEST(ClientDumpTest, JsonNestsWhatTheLinesSay) {

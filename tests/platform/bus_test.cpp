@@ -6,6 +6,7 @@
 #include <binder/ProcessState.h>
 #include <binder/Status.h>
 #include <gtest/gtest.h>
+#include <orb_platform/look_up.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 #include "platform/linux/src/service_managers.h"
 #include "tests/platform/test_object.h"
 #include "tests/support/child_process.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/private_bus.h"
 
 namespace {
@@ -53,7 +55,9 @@ class BusTest : public testing::Test {
     return peer->ReadLine(std::chrono::seconds(20)).value_or("nothing");
   }
 
-  orb::test::PrivateBus bus_;
+  // Nobody may call the service of this name.
+  orb::test::PrivateBus bus_{
+      "<policy context=\"mandatory\"><deny send_destination=\"org.orb.service.denied\"/></policy>"};
 };
 
 TEST_F(BusTest, PeerKeepsAnObjectUntilItDies) {
@@ -93,6 +97,20 @@ TEST_F(BusTest, CallerIsWhoTheBusSays) {
   EXPECT_EQ(android::IPCThreadState::self()->getCallingPid(), getpid());
 }
 
+TEST_F(BusTest, TellsWhyALookUpFoundNothing) {
+  const orb::LogCapture log;
+  const auto denied = Peer("denied");
+  EXPECT_EQ(Check("denied"), nullptr);
+  EXPECT_EQ(orb_platform::LastLookUp(), android::PERMISSION_DENIED);
+  EXPECT_TRUE(log.Contains("the bus does not let user " + std::to_string(geteuid()) +
+                           " call denied - add the user to the group orb-client"));
+  EXPECT_EQ(Check("nobody"), nullptr);
+  EXPECT_EQ(orb_platform::LastLookUp(), android::NAME_NOT_FOUND);
+  const auto peer = Peer("one");
+  EXPECT_NE(Check("one"), nullptr);
+  EXPECT_EQ(orb_platform::LastLookUp(), android::OK);
+}
+
 TEST_F(BusTest, StoppedOwnerDoesNotHangTheLookup) {
   const auto peer = Peer("one");
   peer->Signal(SIGSTOP);
@@ -100,6 +118,7 @@ TEST_F(BusTest, StoppedOwnerDoesNotHangTheLookup) {
   ASSERT_TRUE(
       WaitFor([&] { return orb::test::ReadFileOrEmpty(stat).find(") T ") != std::string::npos; }));
   EXPECT_EQ(Check("one"), nullptr);
+  EXPECT_EQ(orb_platform::LastLookUp(), android::TIMED_OUT);
   peer->Signal(SIGCONT);
   EXPECT_TRUE(WaitFor([] { return Check("one") != nullptr; }));
 }
@@ -114,6 +133,7 @@ TEST_F(BusTest, LostBusKillsEveryRemoteAndComesBack) {
   EXPECT_TRUE(WaitFor([&] { return recipient->count == 1; }));
   EXPECT_FALSE(service->isBinderAlive());
   EXPECT_EQ(Check("one"), nullptr);
+  EXPECT_EQ(orb_platform::LastLookUp(), android::NO_INIT);
   EXPECT_EQ(android::ProcessState::self(), nullptr);
   EXPECT_EQ(android::defaultServiceManager()->addService(String16("x"), new TestObject()),
             android::binder::Status::EX_TRANSACTION_FAILED);

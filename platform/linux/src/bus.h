@@ -93,8 +93,10 @@ class Bus {
                              android::Parcel* reply, uint32_t flags) ORB_EXCLUDES(mutex_);
   void ReleaseProxy(const BusTarget& target, const android::BpBinder* proxy) ORB_EXCLUDES(mutex_);
 
-  // Null when nobody owns the name, or its owner did not answer in time.
-  android::sp<android::IBinder> FindService(const std::string& bus_name) ORB_EXCLUDES(mutex_);
+  // Null when nobody owns the name, this user may not call its owner, or that did not
+  // answer in time; *why is as orb_platform::LastLookUp() says.
+  android::sp<android::IBinder> FindService(const std::string& bus_name, android::status_t* why)
+      ORB_EXCLUDES(mutex_);
   // 0 or the code of an exception.
   int32_t AddService(const std::string& bus_name, const android::sp<android::BBinder>& service)
       ORB_EXCLUDES(mutex_);

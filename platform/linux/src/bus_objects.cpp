@@ -252,12 +252,16 @@ void Bus::ReleaseProxy(const BusTarget& target, const BpBinder* proxy) {
   peer->second->proxies.erase(it);
 }
 
-sp<IBinder> Bus::FindService(const std::string& bus_name) {
+sp<IBinder> Bus::FindService(const std::string& bus_name, android::status_t* why) {
   sd_bus_message* reply = nullptr;
   uint64_t connection = 0;
+  *why = android::OK;
   {
     orb::MutexLock lock(mutex_);
-    if (!ConnectLocked()) return nullptr;
+    if (!ConnectLocked()) {
+      *why = android::NO_INIT;
+      return nullptr;
+    }
     const auto own = services_.find(bus_name);
     if (own != services_.end()) return exports_[own->second].binder;
     connection = connection_;
@@ -265,14 +269,19 @@ sp<IBinder> Bus::FindService(const std::string& bus_name) {
     if (call != nullptr) sd_bus_message_append(call, "s", bus_name.c_str());
     reply = CallAndWait(call, kLookupTimeout);
   }
-  if (reply == nullptr) return nullptr;
+  if (reply == nullptr) {
+    *why = android::TIMED_OUT;
+    return nullptr;
+  }
   uint64_t id = 0;
+  const bool denied = sd_bus_message_is_method_error(reply, SD_BUS_ERROR_ACCESS_DENIED) > 0;
   const bool found = sd_bus_message_is_method_error(reply, nullptr) == 0 &&
                      sd_bus_message_read(reply, "t", &id) > 0;
   const char* const owner = sd_bus_message_get_sender(reply);
   sp<IBinder> proxy;
   if (found && owner != nullptr) proxy = AcquireProxy(connection, owner, id);
   Unref(reply);
+  if (proxy == nullptr) *why = denied ? android::PERMISSION_DENIED : android::NAME_NOT_FOUND;
   return proxy;
 }
 

@@ -2,7 +2,9 @@
 #include "platform/linux/src/service_managers.h"
 
 #include <binder/Status.h>
+#include <orb_platform/look_up.h>
 #include <orb_platform/no_service_manager.h>
+#include <unistd.h>
 #include <utils/String8.h>
 
 #include <chrono>
@@ -12,6 +14,8 @@
 #include <thread>
 
 #include "platform/linux/src/bus.h"
+#define ORB_LOG_TAG "orb_platform"
+#include "utility/log.h"
 #include "utility/thread_annotations.h"
 
 namespace orb_platform {
@@ -33,6 +37,8 @@ constexpr int kPollMs = 50;
 bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
+thread_local android::status_t last_look_up = android::NO_INIT;
+
 uint64_t Fnv1a(const std::string& text) {
   uint64_t hash = 0xcbf29ce484222325u;
   for (const char c : text) hash = (hash ^ static_cast<uint8_t>(c)) * 0x100000001b3u;
@@ -46,7 +52,16 @@ class BusServiceManager : public IServiceManager {
   }
   sp<IBinder> checkService(const String16& name) const override {
     const std::string service(String8(name).c_str());
-    return IsServiceName(service) ? Bus::Get().FindService(BusNameOf(service)) : nullptr;
+    last_look_up = android::NAME_NOT_FOUND;
+    if (!IsServiceName(service)) return nullptr;
+    sp<IBinder> found = Bus::Get().FindService(BusNameOf(service), &last_look_up);
+    if (last_look_up == android::PERMISSION_DENIED) {
+      LOGE(
+          "the bus does not let user %u call %s - add the user to the group orb-client, then "
+          "restart the process",
+          static_cast<unsigned>(geteuid()), service.c_str());
+    }
+    return found;
   }
   android::status_t addService(const String16& name, const sp<IBinder>& service, bool,
                                int) override {
@@ -85,6 +100,8 @@ Managers& TheManagers() {
 }
 
 }  // namespace
+
+android::status_t LastLookUp() { return last_look_up; }
 
 bool HasExplicitServiceManager() {
   Managers& managers = TheManagers();
