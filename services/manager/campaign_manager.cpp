@@ -12,6 +12,7 @@
 
 #include "services/manager/answer.h"
 #include "services/manager/campaign_state.h"
+#include "services/manager/control/campaign_size.h"
 #include "utility/log.h"
 
 namespace orb::manager {
@@ -77,38 +78,22 @@ CampaignManager::~CampaignManager() {
 bool CampaignManager::Register(const KIVClientInfo& info, const sp<IKIVCallback>& callback,
                                KIVClientId* id) {
   const std::string token = NewToken();
-  const int32_t client_id = IsPlainName(info.clientName) ? store_->ClientId(info.clientName) : -1;
-  if (token.empty() || client_id < 0 || callback == nullptr) {
-    LOGE(
-        "registration refused: no callback, a name that is empty, too long or not printable, or "
-        "too many names");
+  if (!IsPlainName(info.clientName) || callback == nullptr || token.empty()) {
+    LOGE("registration refused: no callback, or a name that is empty, too long or not printable");
     return false;
   }
   const auto client = std::make_shared<RegisteredClient>();
   client->name = info.clientName;
   client->token = token;
-  client->id = client_id;
   client->type = info.clientType;
   // NOLINTNEXTLINE(bugprone-signed-char-misuse): a number, not a character.
   client->option = info.clientOption;
   client->since_ms = NowMs();
   client->callback = callback;
   client->death = new DeathNotice(weak_from_this(), token);
-  Client former = Find(info.clientName);
-  if (former != nullptr) {
-    LOGW("client %s registers again: its former registration is forgotten",
-         info.clientName.c_str());
-    Forget(former);
-  }
-  {
-    MutexLock lock(mutex_);
-    by_token_[token] = client;
-    retired_.erase(std::remove_if(retired_.begin(), retired_.end(),
-                                  [](const Client& gone) {
-                                    return gone->CallsStoppedBy(std::chrono::steady_clock::now());
-                                  }),
-                   retired_.end());
-  }
+  Client former;
+  if (!Enter(client, &former)) return false;
+  if (former != nullptr) LeaveTo(former);
   // Linked after it is known, so that a notice finds what it is about. A
   // callback in this process cannot die alone; the refusal is of no interest.
   if (IInterface::asBinder(callback)->linkToDeath(client->death) == android::DEAD_OBJECT) {
@@ -116,18 +101,40 @@ bool CampaignManager::Register(const KIVClientInfo& info, const sp<IKIVCallback>
     return false;
   }
   id->token = token;
-  id->clientId = client_id;
-  LOGI("client %s registered, id %d", client->name.c_str(), client_id);
+  id->clientId = client->id;
+  LOGI("client %s registered, id %d", client->name.c_str(), client->id);
   PostRestart(client);
   return true;
 }
 
-// One that is dead was not seen to die yet. One that lives may be a second process of
-// the name: that says nothing about its campaign.
-void CampaignManager::Forget(const Client& former) {
-  if (!IInterface::asBinder(former->callback)->isBinderAlive()) return ClientDied(former->token);
-  if (Take(former->token) == nullptr) return;
-  IInterface::asBinder(former->callback)->unlinkToDeath(former->death);
+bool CampaignManager::Enter(const Client& client, Client* former) {
+  MutexLock lock(mutex_);
+  client->id = store_->ClientId(client->name);
+  if (client->id < 0) {
+    LOGE("registration of %s refused: too many names, or its id cannot be kept",
+         client->name.c_str());
+    return false;
+  }
+  retired_.erase(std::remove_if(retired_.begin(), retired_.end(),
+                                [](const Client& gone) {
+                                  return gone->CallsStoppedBy(std::chrono::steady_clock::now());
+                                }),
+                 retired_.end());
+  *former = FindLocked(client->name);
+  if (*former != nullptr) {
+    by_token_.erase((*former)->token);
+    Retire(*former);
+  }
+  by_token_[client->token] = client;
+  return true;
+}
+
+void CampaignManager::LeaveTo(const Client& former) {
+  LOGW("client %s registers again: its former registration is forgotten", former->name.c_str());
+  const sp<IBinder> callback = IInterface::asBinder(former->callback);
+  if (!callback->isBinderAlive()) return NoteDeath(former);  // Nobody has seen it die yet.
+  callback->unlinkToDeath(former->death);
+  // A second process of the name says nothing about the campaign of the first.
   LOGI("client %s deregistered", former->name.c_str());
 }
 
@@ -142,7 +149,10 @@ bool CampaignManager::Deregister(const std::string& token) {
 
 void CampaignManager::ClientDied(const std::string& token) {
   const Client client = Take(token);
-  if (client == nullptr) return;
+  if (client != nullptr) NoteDeath(client);
+}
+
+void CampaignManager::NoteDeath(const Client& client) {
   LOGW("client %s died", client->name.c_str());
   Book(client->name, client->watch().Die(timing_.now(), timing_.early_death));
 }
@@ -178,6 +188,10 @@ void CampaignManager::CheckPending(const std::string& token) {
 
 CampaignManager::Client CampaignManager::Find(const std::string& name) {
   MutexLock lock(mutex_);
+  return FindLocked(name);
+}
+
+CampaignManager::Client CampaignManager::FindLocked(const std::string& name) const {
   for (const auto& [token, client] : by_token_) {
     if (client->name == name) return client;
   }
@@ -235,6 +249,9 @@ ControlReply CampaignManager::RunOn(const Client& client, std::function<ControlR
 ControlReply CampaignManager::StartCampaign(const std::string& name, const KIVCampConfig& config) {
   const Client client = Find(name);
   if (client == nullptr) return NotThere(name);
+  if (!FitsTransaction(config)) {
+    return Reply(ControlReply::REFUSED, "the campaign is too large for one transaction (1 MiB)");
+  }
   return RunOn(client, [this, raw = client.get(), config] { return Start(raw, ToSaved(config)); });
 }
 

@@ -2,8 +2,8 @@
 // on whom, and giving clients back what they ran.
 //
 // Locks: mutex_ guards who is registered and is never held while a client is
-// called, because a client calls back. What is called on a client runs on that
-// client's own executor.
+// called, because a client calls back; the store's own lock comes after it. What is called on a
+// client runs on that client's own executor.
 #pragma once
 
 #include <chrono>
@@ -76,10 +76,16 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
  private:
   using Client = std::shared_ptr<RegisteredClient>;
 
+  // Gives the client its id and puts it in the place of `former`, if there is one, in one
+  // step. False when it gets no id (logged).
+  bool Enter(const Client& client, Client* former) ORB_EXCLUDES(mutex_);
   Client Find(const std::string& name) ORB_EXCLUDES(mutex_);
+  Client FindLocked(const std::string& name) const ORB_REQUIRES(mutex_);
   Client Take(const std::string& token) ORB_EXCLUDES(mutex_);
   void Retire(const Client& client) ORB_REQUIRES(mutex_);
-  void Forget(const Client& former) ORB_EXCLUDES(mutex_);
+  // Ends a registration that another one has replaced.
+  void LeaveTo(const Client& former) ORB_EXCLUDES(mutex_);
+  void NoteDeath(const Client& client);
   void PostRestart(const Client& client);
   // Counts early deaths in a row, and forgets them after any other end.
   void Book(const std::string& name, StartWatch::Verdict verdict);

@@ -19,7 +19,8 @@ ControlReply CampaignManager::CallFailed(RegisteredClient* client, const char* c
   const int error = status.transactionError();
   LOGE("client %s: %s failed: %s", client->name.c_str(), call, status.toString8().c_str());
   if (error == android::FAILED_TRANSACTION) {
-    return Reply(ControlReply::FAILED, "the campaign is too large for one transaction (1 MiB)");
+    return Reply(ControlReply::FAILED,
+                 "the bus did not carry the call to " + client->name + " or its answer");
   }
   if (error == android::DEAD_OBJECT) {
     ClientDied(client->token);  // Ahead of the notice.

@@ -5,29 +5,18 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <functional>
 #include <utility>
 
 #include "utility/log.h"
 
 namespace orb::manager {
 
+using android::IBinder;
+using android::Parcel;
+using android::status_t;
 using android::binder::Status;
 
-namespace {
-
-// Calls that only operators may make: clients share the connection with them.
-Status ForOperators(const std::function<void()>& call) {
-  const uid_t caller = android::IPCThreadState::self()->getCallingUid();
-  if (caller != 0 && caller != getuid()) {
-    LOGW("control refused to uid %u", caller);
-    return Status::fromExceptionCode(Status::EX_SECURITY);
-  }
-  call();
-  return Status::ok();
-}
-
-}  // namespace
+uid_t UidOfCaller() { return android::IPCThreadState::self()->getCallingUid(); }
 
 Status ManagerService::registerKIVClient(const KIVClientInfo& info,
                                          const android::sp<IKIVCallback>& callback,
@@ -54,36 +43,57 @@ Status ManagerService::sendData(const std::vector<uint8_t>& data, const std::str
   return Status::ok();
 }
 
+// Clients share the connection with operators, so that the bus lets them through to here.
+status_t ControlService::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
+                                    uint32_t flags) {
+  const bool method =
+      code >= IBinder::FIRST_CALL_TRANSACTION && code <= IBinder::LAST_CALL_TRANSACTION;
+  if (method) {
+    const uid_t caller = caller_();
+    if (caller != 0 && caller != getuid()) {
+      LOGW("control refused to uid %u", caller);
+      return Status::fromExceptionCode(Status::EX_SECURITY).writeToParcel(reply);
+    }
+  }
+  return BnOrbControl::onTransact(code, data, reply, flags);
+}
+
 Status ControlService::listClients(std::vector<ClientRecord>* clients) {
-  return ForOperators([&] { *clients = manager_->ListClients(); });
+  *clients = manager_->ListClients();
+  return Status::ok();
 }
 
 Status ControlService::startCampaign(const std::string& client, const KIVCampConfig& config,
                                      ControlReply* reply) {
-  return ForOperators([&] { *reply = manager_->StartCampaign(client, config); });
+  *reply = manager_->StartCampaign(client, config);
+  return Status::ok();
 }
 
 Status ControlService::stopCampaign(const std::string& client, ControlReply* reply) {
-  return ForOperators([&] { *reply = manager_->StopCampaign(client); });
+  *reply = manager_->StopCampaign(client);
+  return Status::ok();
 }
 
 Status ControlService::releaseCampaign(const std::string& client, ControlReply* reply) {
-  return ForOperators([&] { *reply = manager_->ReleaseCampaign(client); });
+  *reply = manager_->ReleaseCampaign(client);
+  return Status::ok();
 }
 
 Status ControlService::startLicSN(const std::string& client, int64_t lic_sn, ControlReply* reply) {
-  return ForOperators([&] { *reply = manager_->SetLicSn(client, lic_sn, true); });
+  *reply = manager_->SetLicSn(client, lic_sn, true);
+  return Status::ok();
 }
 
 Status ControlService::stopLicSN(const std::string& client, int64_t lic_sn, ControlReply* reply) {
-  return ForOperators([&] { *reply = manager_->SetLicSn(client, lic_sn, false); });
+  *reply = manager_->SetLicSn(client, lic_sn, false);
+  return Status::ok();
 }
 
 Status ControlService::dumpClient(const std::string& client, const UniqueFd& fd,
                                   ControlReply* reply) {
   // The task outlives this call when the client hangs.
-  UniqueFd copy(fcntl(fd.get(), F_DUPFD_CLOEXEC, 0));
-  return ForOperators([&] { *reply = manager_->DumpClient(client, std::move(copy)); });
+  *reply = manager_->DumpClient(client, UniqueFd(fcntl(fd.get(), F_DUPFD_CLOEXEC, 0)));
+  return Status::ok();
 }
 
 }  // namespace orb::manager

@@ -1,6 +1,9 @@
 // The manager on the bus: what clients call, and what operators call.
 #pragma once
 
+#include <sys/types.h>
+
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -14,6 +17,12 @@
 namespace orb::manager {
 
 inline constexpr const char* kManagerServiceName = "vendor_kivsdkservice";
+
+// The user whose call this thread serves; tests put another in its place.
+using CallerUid = std::function<uid_t()>;
+// Answers kNoUser when the caller has left the bus.
+uid_t UidOfCaller();
+inline constexpr uid_t kNoUser = static_cast<uid_t>(-1);
 
 // For clients. Any thread.
 class ManagerService : public BnKIVManager {
@@ -35,12 +44,14 @@ class ManagerService : public BnKIVManager {
 };
 
 // For operators: root and the user that the manager runs as; anybody else gets
-// EX_SECURITY. Any thread; blocks for the client's answer.
+// EX_SECURITY before an argument is read. Any thread; blocks for the client's answer.
 class ControlService : public BnOrbControl {
  public:
-  explicit ControlService(std::shared_ptr<CampaignManager> manager)
-      : manager_(std::move(manager)) {}
+  explicit ControlService(std::shared_ptr<CampaignManager> manager, CallerUid caller = UidOfCaller)
+      : manager_(std::move(manager)), caller_(std::move(caller)) {}
 
+  android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
+                               uint32_t flags) override;
   android::binder::Status listClients(std::vector<ClientRecord>* clients) override;
   android::binder::Status startCampaign(const std::string& client, const KIVCampConfig& config,
                                         ControlReply* reply) override;
@@ -55,6 +66,7 @@ class ControlService : public BnOrbControl {
 
  private:
   const std::shared_ptr<CampaignManager> manager_;
+  const CallerUid caller_;
 };
 
 }  // namespace orb::manager

@@ -108,11 +108,13 @@ int32_t StateStore::ClientId(const std::string& name) {
   const auto found = clients_.find(name);
   if (found != clients_.end()) return found->second.client_id();
   if (clients_.size() >= kMaxClients) return -1;
-  last_id_ = CheckedAdd<int32_t>(last_id_, 1);
-  ClientState& state = clients_[name];
+  ClientState state;
   state.set_name(name);
-  state.set_client_id(last_id_);
-  Save(state);
+  state.set_client_id(CheckedAdd<int32_t>(last_id_, 1));
+  // An id that is not on disk would be another one after a restart.
+  if (!Save(state)) return -1;
+  last_id_ = state.client_id();
+  clients_[name] = state;
   return last_id_;
 }
 

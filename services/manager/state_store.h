@@ -33,7 +33,7 @@ class StateStore {
   static constexpr size_t kMaxClients = 4096;
 
   // The id of this client name, the same ever after; a new name gets a new one.
-  // -1 when there are too many names.
+  // -1 when there are too many names, or the disk did not take the new one (logged).
   int32_t ClientId(const std::string& name) ORB_EXCLUDES(mutex_);
 
   // Whether the name ever registered.

@@ -1,15 +1,15 @@
 // The manager in one process with its clients: registrations, campaigns given
 // back, and clients that refuse, hang and die.
-#include "services/manager/campaign_manager.h"
-
 #include <android/log.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 
+#include "services/manager/manager_service.h"
 #include "tests/support/child_process.h"
 #include "tests/support/fake_client.h"
 #include "tests/support/log_capture.h"
@@ -137,6 +137,23 @@ TEST_F(CampaignManagerTest, RefusesHostileRegistrations) {
   EXPECT_EQ(log_.Count("registration refused: "), 4U);
 }
 
+TEST_F(CampaignManagerTest, OneNameHasOneRegistrationHoweverManyComeAtOnce) {
+  std::vector<std::future<std::string>> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.push_back(std::async(std::launch::async, [&] {
+      std::string token;
+      for (int n = 0; n < 50; ++n) token = Register("radio", new FakeClient()).token;
+      return token;
+    }));
+  }
+  std::vector<std::string> last;
+  for (auto& thread : threads) last.push_back(thread.get());
+  EXPECT_EQ(std::count_if(last.begin(), last.end(),
+                          [&](const std::string& token) { return manager_->Deregister(token); }),
+            1);
+  EXPECT_FALSE(Record("radio").connected);
+}
+
 TEST_F(CampaignManagerTest, TellsOperatorsWhyNot) {
   client_->OnStart([] { return 5; });
   Register("radio", client_);
@@ -158,7 +175,12 @@ TEST_F(CampaignManagerTest, TellsOperatorsWhyNot) {
   EXPECT_EQ(Start("radio", 10).message, "campaign 9 runs on radio; stop it first");
   EXPECT_EQ(manager_->SetLicSn("radio", 43, true).message, "campaign 9 of radio has no LicSN 43");
   client_->AnswerWith(android::FAILED_TRANSACTION);
-  EXPECT_EQ(manager_->SetLicSn("radio", 42, false).status, ControlReply::FAILED);
+  EXPECT_EQ(manager_->SetLicSn("radio", 42, false).message,
+            "the bus did not carry the call to radio or its answer");
+  KIVCampConfig large = Campaign(11);
+  large.campaignDef.resize(1U << 20);
+  EXPECT_EQ(manager_->StartCampaign("radio", large).message,
+            "the campaign is too large for one transaction (1 MiB)");
 }
 
 TEST_F(CampaignManagerTest, GivesAReturningClientItsCampaignBack) {
@@ -278,6 +300,30 @@ TEST_F(CampaignManagerTest, QuarantineEndsByReleaseOrANewCampaign) {
   Register("radio", client_);
   EXPECT_EQ(Start("radio", 10).status, ControlReply::DONE);
   EXPECT_EQ(Record("radio").session, ClientRecord::RUNNING);
+}
+
+// What follows the method's code is no request: nothing of it may be read for others.
+TEST_F(CampaignManagerTest, ControlAnswersOperatorsOnly) {
+  const struct {
+    uid_t caller;
+    android::status_t status;
+  } kCases[] = {
+      {0, android::BAD_TYPE},
+      {getuid(), android::BAD_TYPE},
+      {getuid() + 1, android::OK},
+      {kNoUser, android::OK},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.caller);
+    const sp<ControlService> control = new ControlService(manager_, [&] { return c.caller; });
+    android::Parcel reply;
+    EXPECT_EQ(control->transact(BnOrbControl::TRANSACTION_startCampaign, {}, &reply), c.status);
+    android::binder::Status answer;
+    if (c.status != android::OK) continue;
+    EXPECT_EQ(answer.readFromParcel(reply), android::OK);
+    EXPECT_EQ(answer.exceptionCode(), android::binder::Status::EX_SECURITY);
+    EXPECT_TRUE(log_.Contains("control refused to uid " + std::to_string(c.caller)));
+  }
 }
 
 TEST_F(CampaignManagerTest, LetsAClientCallBackFromItsStart) {

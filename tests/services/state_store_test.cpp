@@ -120,6 +120,12 @@ TEST_F(StateStoreTest, TellsWhenTheDiskDidNotTakeIt) {
   EXPECT_TRUE(log_.Contains("state 1.client: cannot be written: File exists"));
   SavedCampaign got;
   EXPECT_TRUE(store_->GetCampaign("radio", &got)) << "holds at least until the end";
+
+  ASSERT_EQ(mkdir(Path("2.client.tmp").c_str(), 0700), 0);
+  EXPECT_EQ(store_->ClientId("gps"), -1) << "an id that only this process knows";
+  EXPECT_FALSE(store_->Knows("gps"));
+  ASSERT_EQ(rmdir(Path("2.client.tmp").c_str()), 0);
+  EXPECT_EQ(store_->ClientId("gps"), 2);
 }
 
 TEST_F(StateStoreTest, BelongsToOneProcessAtATime) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "collector/conf.h"
+#include "services/manager/control/campaign_size.h"
 #include "tools/orbctl/campaign_file.h"
 #include "tools/orbctl/campaign_lint.h"
 #include "tools/orbctl/control_client.h"
@@ -91,6 +92,9 @@ int CampaignStartCommand::Run() const {
   if (!ReadCampaignFile(path, &campaign, &error)) return Fail(error);
   const KIVCampConfig config = MakeConfig(campaign, id, options);
   WarnOfMissingKeys(campaign, config);
+  if (!FitsTransaction(config)) {
+    return Fail("too large for one transaction (1 MiB); use a smaller campaign");
+  }
   const android::sp<IOrbControl> manager = ConnectToManager(&error);
   if (manager == nullptr) return Fail(error);
   ControlReply reply;
