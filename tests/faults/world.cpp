@@ -12,8 +12,8 @@
 #include <cinttypes>
 #include <cstdio>
 #include <filesystem>
-#include <sstream>
 
+#include "tests/faults/load_campaign.h"
 #include "utility/loss_cause.h"
 
 namespace orb::test {
@@ -235,29 +235,8 @@ bool World::WaitForCampaign() {
 }
 
 void World::WriteCampaign(const Member& member) {
-  static constexpr const char* kKinds[] = {
-      "type: KPI_NUMERIC sub_type: COUNTER",
-      "type: KPI_NUMERIC sub_type: HISTOGRAM h_cfg { bucket_bounds: 2 bucket_bounds: 5 "
-      "overflow_bucket: true underflow_bucket: true }",
-      "type: KPI_NUMERIC sub_type: GAUGE g_cfg { report_min: true report_max: true "
-      "report_mean: true report_slope: true }",
-      "type: KPI_BLOB b_cfg { single_sample_size_threshold_bytes: 4096 }"};
-  std::ostringstream text;
-  std::ostringstream first;
-  std::ostringstream second;
-  // Files of several pages can end within a record.
-  text << "threshold_size: " << (member.rules.Is(kTorn) ? 16384 : 1024) << "\nthreshold_time: 60\n";
-  for (const LoadKpi& kpi : kLoadKpis) {
-    text << "kpi_cfgs { kpi_id: " << kpi.id << ' ' << kKinds[static_cast<int>(kpi.kind)] << ' '
-         << kpi.window << " }\n";
-    first << " kpi_ids: " << kpi.id;
-    if (kpi.second_owner) second << " kpi_ids: " << kpi.id;
-  }
-  text << "lic_sn_kpi_maps { lic_sn: " << kFirstOwner << first.str() << " }\n";
-  if (!member.rules.Is(kSlots)) {
-    text << "lic_sn_kpi_maps { lic_sn: " << kSecondOwner << second.str() << " }\n";
-  }
-  WriteFile(stack_.path(member.campaign_file()), text.str());
+  WriteFile(stack_.path(member.campaign_file()),
+            LoadCampaign(!member.rules.Is(kSlots), member.rules.Is(kTorn)));
 }
 
 void World::AddMember(const std::string& name, bool slots) {
