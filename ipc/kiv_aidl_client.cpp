@@ -43,7 +43,7 @@ std::shared_ptr<kivAIDLClient> kivAIDLClient::getClientInstance() {
   return *instance;
 }
 
-kivAIDLClient::kivAIDLClient() = default;
+kivAIDLClient::kivAIDLClient() : serviceManager_(LookUpManager), halServiceManager_(LookUpHal) {}
 
 kivAIDLClient::~kivAIDLClient() = default;
 
@@ -62,6 +62,7 @@ int kivAIDLClient::registerClient(const std::string& name, uint32_t clientType,
   }
   LOGI("%s - created threadpool", "registerClient");
 
+  halServiceManager_.Ask();  // Early, so that a session's first upload need not wait.
   // Before any lock is taken: it may take its whole time.
   serviceManager_.Await([collector] { return collector->stopping(); });
   const Manager manager = EnsureManager();
@@ -115,6 +116,10 @@ int kivAIDLClient::deRegisterClient(const std::string& token) {
 }
 
 void kivAIDLClient::forgetCollector(kiv_collector* collector) { routes_.Forget(collector); }
+
+void kivAIDLClient::LookUpManager() {
+  static_cast<void>(::android::defaultServiceManager());  // Waits for it, whatever the name.
+}
 
 kivAIDLClient::Manager kivAIDLClient::CurrentManager() {
   orb::MutexLock lock(managerMutex_);

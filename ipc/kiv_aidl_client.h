@@ -93,7 +93,7 @@ class kivAIDLClient {
   // Where callbacks find their collector; needs none of the client's mutexes.
   CollectorRoutes& routes() { return routes_; }
 
-  // Registrations open it; until then there is neither manager nor HAL.
+  // Registrations open it; until then there is no manager.
   ServiceManagerGate& serviceManager() { return serviceManager_; }
 
   // The HAL died (registered with it; the cookie is not used).
@@ -122,6 +122,9 @@ class kivAIDLClient {
   };
   Manager CurrentManager() ORB_EXCLUDES(managerMutex_);
   Hal CurrentHal() ORB_EXCLUDES(halMutex_);
+  // The first look-up of each.
+  static void LookUpManager();
+  static void LookUpHal();
   // Connects when there is no connection; the copy's proxy may be null.
   Manager EnsureManager() ORB_EXCLUDES(managerConnect_, managerMutex_);
   Hal EnsureHal() ORB_EXCLUDES(halConnect_, halMutex_);
@@ -149,5 +152,8 @@ class kivAIDLClient {
   Hal hal_ ORB_GUARDED_BY(halMutex_);  // Connected by the first upload or region.
 
   CollectorRoutes routes_;
+  // In a vendor process libbinder, for the manager, and libbinder_ndk, for the HAL,
+  // have a service manager each.
   ServiceManagerGate serviceManager_;
+  ServiceManagerGate halServiceManager_;
 };

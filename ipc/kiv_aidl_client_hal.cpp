@@ -55,13 +55,17 @@ void kivAIDLClient::processLostOrbsyshalConn() {
   for (const auto& [fdToken, collector] : routes_.TakeRegions()) collector->LoseRegion(fdToken);
 }
 
+void kivAIDLClient::LookUpHal() {
+  const ::ndk::SpAIBinder ignored(AServiceManager_checkService(kHalService));
+}
+
 bool kivAIDLClient::initOrbsyshalHandle() {
   LOGE("%s: getting new instance of IOrbsyshal", "initOrbsyshalHandle");
   // Completions and the death notice arrive on the NDK library's own threads,
   // which in a vendor process are not those of the manager's interface.
   ABinderProcess_startThreadPool();
-  const ::ndk::SpAIBinder binder(serviceManager_.open() ? AServiceManager_checkService(kHalService)
-                                                        : nullptr);
+  const ::ndk::SpAIBinder binder(
+      halServiceManager_.open() ? AServiceManager_checkService(kHalService) : nullptr);
   if (binder.get() == nullptr) {
     LOGE("[ERROR] orbsyshal service doesn't exist");
     return false;
@@ -107,6 +111,7 @@ kivAIDLClient::Hal kivAIDLClient::EnsureHal() {
 int kivAIDLClient::sendData(const std::string&, const std::string& name, const uint8_t* header,
                             uint32_t headerLen, const uint8_t* data, uint32_t dataLen,
                             const uint8_t* footer, uint32_t footerLen) {
+  halServiceManager_.Await([] { return false; });
   orb::MutexLock uploading(uploadMutex_);
   const Hal hal = EnsureHal();
   if (hal.proxy == nullptr) {
@@ -141,6 +146,7 @@ int kivAIDLClient::sendData(const std::string&, const std::string& name, const u
 
 int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
                            uint32_t* fdToken) {
+  halServiceManager_.Await([] { return false; });
   const Hal hal = EnsureHal();
   if (hal.proxy == nullptr) {
     LOGE("%s: could not initialize orbsyshal handle", "setupFD");

@@ -1,10 +1,6 @@
 // Tested by tests/ipc/manager_client_test.cpp.
 #include "ipc/service_manager_gate.h"
 
-#include <android/binder_auto_utils.h>
-#include <android/binder_manager.h>
-#include <binder/IServiceManager.h>
-
 #include <chrono>
 
 #include "utility/contained.h"
@@ -12,24 +8,12 @@
 #include "utility/log.h"
 #include "utility/thread.h"
 
-namespace {
-
-// Returns once look-ups of both kinds answer: in a vendor process libbinder and
-// libbinder_ndk have a service manager each. The name does not matter.
-void Ask() {
-  static_cast<void>(::android::defaultServiceManager());
-  const ::ndk::SpAIBinder ignored(
-      AServiceManager_checkService("vendor.nuv.orbsyshal_aidl.IOrbsyshal/default"));
-}
-
-}  // namespace
-
-ServiceManagerGate::ServiceManagerGate() : state_(std::make_shared<State>()) {}
+ServiceManagerGate::ServiceManagerGate(void (*ask)()) : state_(std::make_shared<State>(ask)) {}
 
 bool ServiceManagerGate::StartAsking(const std::shared_ptr<State>& state) {
   orb::Thread thread;
   const int error = thread.Start("orb_look_up", [state] {
-    const bool answered = orb::Contained("registerClient", Ask);
+    const bool answered = orb::Contained("registerClient", state->ask);
     {
       orb::MutexLock lock(state->mutex);
       state->open = answered;
@@ -45,10 +29,17 @@ bool ServiceManagerGate::StartAsking(const std::shared_ptr<State>& state) {
   return true;
 }
 
-bool ServiceManagerGate::Await(const std::function<bool()>& give_up) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+void ServiceManagerGate::Ask() {
+  if (open()) return;
   orb::MutexLock lock(state_->mutex);
   if (!state_->open && !state_->asking) state_->asking = StartAsking(state_);
+}
+
+bool ServiceManagerGate::Await(const std::function<bool()>& give_up) {
+  if (open()) return true;
+  Ask();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+  orb::MutexLock lock(state_->mutex);
   while (state_->asking && !state_->open && !give_up()) {
     if (!state_->changed.WaitUntil(state_->mutex, deadline)) break;
   }

@@ -1,9 +1,10 @@
-// Whether the platform's service manager has answered this process.
+// Whether one of the platform's service managers has answered this process.
 //
 // The platform's first look-up waits for a service manager without end, and
 // nothing can interrupt it. So a thread of the gate makes the first one; other
 // threads look services up only once the gate is open, when a look-up answers
-// at once, and wait for that no longer than they want.
+// at once, and wait for that no longer than they want. The ways to the manager and
+// to the HAL have a gate each: neither waits for an answer that the other needs.
 //
 // Thread-safe. Its mutex is a leaf.
 // Tested by tests/ipc/manager_client_test.cpp.
@@ -17,12 +18,15 @@
 
 class ServiceManagerGate {
  public:
-  ServiceManagerGate();
+  // `ask` is the first look-up; it returns once look-ups answer.
+  explicit ServiceManagerGate(void (*ask)());
 
+  // Starts the thread if none asks. Does not wait.
+  void Ask();
   // Never waits. Once true, it stays so.
   bool open() const { return state_->open.load(); }
-  // Waits until the gate is open, for kWaitMs, or until `give_up` is true; whoever
-  // makes it true calls Wake(). Starts the thread if none asks. What open() gives.
+  // Asks, then waits until the gate is open, for kWaitMs, or until `give_up` is true;
+  // whoever makes it true calls Wake(). What open() gives.
   bool Await(const std::function<bool()>& give_up);
   void Wake();
 
@@ -34,6 +38,8 @@ class ServiceManagerGate {
   // Shared with the thread, which nothing joins: it ends when the platform's
   // look-up does, perhaps never, and touches nothing else of this library.
   struct State {
+    explicit State(void (*first_look_up)()) : ask(first_look_up) {}
+    void (*const ask)();
     orb::Mutex mutex;
     orb::CondVar changed;
     bool asking ORB_GUARDED_BY(mutex) = false;

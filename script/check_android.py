@@ -182,7 +182,7 @@ def check_lookups():
             name = re.search(r"([\w~]+)\(", head)
             if name:
                 body = re.sub(r"\bstd::thread\(\[.*?\n( *)\}\)", "", body, flags=re.S)
-                body = re.split(r"\bserviceManager_\.open\(\)", body)[0]
+                body = re.split(r"\b(?:serviceManager_|halServiceManager_)\.open\(\)", body)[0]
                 bodies.setdefault(name[1], []).append((path, body))
     waiting = {"defaultServiceManager", "AServiceManager_checkService",
                "AServiceManager_getService", "AServiceManager_waitForService", "Await"}

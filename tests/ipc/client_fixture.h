@@ -7,7 +7,9 @@
 #include <binder/Binder.h>
 #include <gtest/gtest.h>
 #include <orb_platform/local_service_manager.h>
+#include <utils/String8.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -26,9 +28,11 @@ class MortalServices : public orb_platform::LocalServiceManager {
  public:
   android::sp<android::IBinder> checkService(const android::String16& name) const override {
     if (all_dead) return new DeadBinder();
+    if (on_check) on_check(android::String8(name).c_str());
     return LocalServiceManager::checkService(name);
   }
   bool all_dead = false;
+  std::function<void(const std::string& name)> on_check;  // Set while nothing is looked up.
 
  private:
   class DeadBinder : public android::BBinder {

@@ -141,6 +141,22 @@ TEST_F(ManagerClientTest, NothingWaitsForAServiceManagerThatIsAbsent) {
   EXPECT_TRUE(fresh->serviceManager().Await([] { return false; }));
 }
 
+// The HAL's process stands still, for example: looking it up takes seconds.
+TEST_F(ManagerClientTest, RegistersWhileALookUpOfTheHalWaits) {
+  StartManager();
+  std::promise<void> answer;
+  Services()->on_check = [wait = answer.get_future().share()](const std::string& name) {
+    if (name != kManagerService) wait.wait();
+  };
+  const auto fresh = std::make_shared<kivAIDLClient>();
+  EXPECT_EQ(fresh->registerClient("radio", 2, 0, NewCollector("radio")), 0);
+  answer.set_value();
+  uint32_t region = 0;
+  EXPECT_EQ(fresh->setupFD(0, 0, 64, nullptr, &region), -1) << "waits for the look-up's end";
+  Services()->on_check = nullptr;
+  KillManager();  // While the client is there that hears of it.
+}
+
 // The answer of a manager that has died since is void: nothing would tell the
 // collector of the death.
 TEST_F(ManagerClientTest, ADeathInsideARegistrationIsNotLost) {
