@@ -52,10 +52,13 @@ extern "C" {
 
 kiv_collector* kiv_register(kiv_cfg_s* cfg) {
   if (Refuses(__func__)) return nullptr;
-  orb::fork_guard::Watch();
   LOGI("orb_register: custom_session_format %d", static_cast<int>(cfg->custom_session_format));
   if (cfg->name == nullptr || cfg->data_dir == nullptr) {
     LOGE("orb_register: %s is null", cfg->name == nullptr ? "name" : "data_dir");
+    return nullptr;
+  }
+  if (!orb::fork_guard::Watch()) {
+    LOGE("orb_register: no memory to watch for forks");
     return nullptr;
   }
   kiv_collector* const none = nullptr;

@@ -25,7 +25,7 @@
 
 namespace {
 
-enum Kind { kNone, kNew, kMalloc, kThread, kMapping, kFile, kKinds };
+enum Kind { kNone, kNew, kMalloc, kThread, kMapping, kFile, kKinds, kForkHandler };
 const char* const kKindNames[kKinds] = {"none", "new", "malloc", "thread", "mapping", "file"};
 
 std::atomic<Kind> failing{kNone};
@@ -58,6 +58,10 @@ int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*run)(void*),
                           void* argument) {
   return FailsNow(kThread) ? EAGAIN : __real_pthread_create(thread, attr, run, argument);
+}
+int __real_pthread_atfork(void (*prepare)(), void (*parent)(), void (*child)());
+int __wrap_pthread_atfork(void (*prepare)(), void (*parent)(), void (*child)()) {
+  return FailsNow(kForkHandler) ? ENOMEM : __real_pthread_atfork(prepare, parent, child);
 }
 void* __real_mmap(void* where, size_t bytes, int protection, int flags, int fd, off_t offset);
 void* __wrap_mmap(void* where, size_t bytes, int protection, int flags, int fd, off_t offset) {
@@ -162,15 +166,8 @@ class ExhaustionTest : public ::testing::Test {
   // Registers, runs a session and ends. False when any call failed.
   bool Live(bool slots, bool sync) {
     succeeded_ = failed_ = 0;
-    kiv_cfg_s cfg{};
-    cfg.name = "radio";
-    cfg.data_dir = data_dir_.c_str();
-    cfg.sync_register = sync;
-    cfg.hbt = cfg.allocate_fd = slots;
-    cfg.fd_slot_size = 64;
-    cfg.fd_nof_slots = 4;
     errors_logged = 0;
-    kiv_collector* const c = kiv_register(&cfg);
+    kiv_collector* const c = Register(slots, sync);
     Answer(c == nullptr ? -1 : 0);
     if (c != nullptr) {
       Session(c);
@@ -178,6 +175,17 @@ class ExhaustionTest : public ::testing::Test {
     }
     EXPECT_TRUE(failed_ == 0 || errors_logged > 0) << failed_ << " calls failed without a line";
     return failed_ == 0;
+  }
+
+  kiv_collector* Register(bool slots, bool sync) {
+    kiv_cfg_s cfg{};
+    cfg.name = "radio";
+    cfg.data_dir = data_dir_.c_str();
+    cfg.sync_register = sync;
+    cfg.hbt = cfg.allocate_fd = slots;
+    cfg.fd_slot_size = 64;
+    cfg.fd_nof_slots = 4;
+    return kiv_register(&cfg);
   }
 
   void Session(kiv_collector* c) {
@@ -212,6 +220,16 @@ class ExhaustionTest : public ::testing::Test {
   int succeeded_ = 0;
   int failed_ = 0;
 };
+
+// The first of the process, so that the handler is not there yet.
+TEST_F(ExhaustionTest, ARegistrationThatCannotWatchForForksIsRefused) {
+  left = 0;
+  failing = kForkHandler;
+  EXPECT_FALSE(Live(false, true));
+  EXPECT_LT(left, 0);
+  EXPECT_EQ(succeeded_, 0);
+  EXPECT_TRUE(Live(false, true));
+}
 
 TEST_F(ExhaustionTest, EveryCallAnswersWhateverIsRefused) {
   for (const bool slots : {false, true}) {
