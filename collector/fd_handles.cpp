@@ -13,17 +13,18 @@ struct FdHandles::Frame {
 
 thread_local const FdHandles::Frame* FdHandles::frames_ = nullptr;
 
-void FdHandles::BeginSetup() {
+void FdHandles::BeginSetup(Setup* setup) {
   orb::MutexLock lock(mutex_);
-  setups_ = orb::CheckedAdd<uint32_t>(setups_, 1);
+  setup->next = setups_;
+  setups_ = setup;
 }
 
-bool FdHandles::EndSetup(kiv_fd_handle_s* handle) {
+bool FdHandles::EndSetup(Setup* setup, kiv_fd_handle_s* handle) {
   orb::MutexLock lock(mutex_);
-  setups_ = orb::CheckedSub<uint32_t>(setups_, 1);
-  const bool lost = handle != nullptr && lost_in_setup_.erase(handle->fdToken) != 0;
-  if (setups_ == 0) lost_in_setup_.clear();
-  if (handle == nullptr || lost) return false;
+  Setup** link = &setups_;
+  while (*link != setup) link = &(*link)->next;
+  *link = setup->next;
+  if (handle == nullptr || setup->lost) return false;
   last_id_ = orb::CheckedAdd<uint64_t>(last_id_, 1);
   entries_[last_id_].handle = handle;
   return true;
@@ -83,7 +84,7 @@ void FdHandles::RunDone(uint32_t fdToken, uint32_t a, uint32_t b, int c,
     orb::MutexLock lock(mutex_);
     last = last_id_;
   }
-  // Read after the search: handles of the successor can be found only after it is true.
+  // Read after `last`: handles of the successor are stored only once it is true.
   if (receiver_died) return;
   uint64_t id = 0;
   while (kiv_fd_handle_s* const handle = BeginNext(fdToken, last, &id)) {
@@ -115,14 +116,15 @@ void FdHandles::End(uint64_t id) {
   changed_.NotifyAll();
 }
 
-std::vector<const kiv_fd_handle_s*> FdHandles::Lose(uint32_t fdToken) {
-  std::vector<const kiv_fd_handle_s*> lost;
+const kiv_fd_handle_s* FdHandles::LoseNext(uint32_t fdToken) {
   orb::MutexLock lock(mutex_);
   for (const auto& [id, entry] : entries_) {
     if (entry.handle == nullptr || entry.handle->fdToken != fdToken) continue;
     entry.handle->fdToken = kiv_fd_handle_s::kNoToken;
-    lost.push_back(entry.handle);
+    return entry.handle;
   }
-  if (lost.empty() && setups_ != 0) lost_in_setup_.insert(fdToken);
-  return lost;
+  for (Setup* setup = setups_; setup != nullptr; setup = setup->next) {
+    if (setup->fdToken == fdToken) setup->lost = true;
+  }
+  return nullptr;
 }

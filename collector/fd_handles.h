@@ -10,20 +10,27 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <set>
-#include <vector>
 
 #include "collector/fd_handle.h"
 #include "utility/thread_annotations.h"
 
 class FdHandles {
  public:
+  // One announcement of a region, kept on the stack of the thread that makes it, so
+  // that losing the region meanwhile needs no memory.
+  struct Setup {
+    // Written by whoever asks the receiver, before LoseNext may be called with it.
+    uint32_t fdToken = kiv_fd_handle_s::kNoToken;
+    // These two belong to FdHandles.
+    bool lost = false;
+    Setup* next = nullptr;
+  };
   // Bracket the announcement of a region, from before the receiver is asked.
   // EndSetup stores the handle, which carries the receiver's token and is borrowed
   // until Remove; null stands for an announcement that failed. False, without
   // storing it, when the receiver has died since it gave the token.
-  void BeginSetup() ORB_EXCLUDES(mutex_);
-  bool EndSetup(kiv_fd_handle_s* handle) ORB_EXCLUDES(mutex_);
+  void BeginSetup(Setup* setup) ORB_EXCLUDES(mutex_);
+  bool EndSetup(Setup* setup, kiv_fd_handle_s* handle) ORB_EXCLUDES(mutex_);
 
   // Withdraws the handle. No `done` of it begins after this has returned, and none
   // runs, so that it may be freed: waits for those of other threads. A call from
@@ -37,9 +44,10 @@ class FdHandles {
                const std::atomic<bool>& receiver_died) ORB_EXCLUDES(mutex_);
 
   // The receiver that gave the token died, and no other has given it since: takes it
-  // from the handles that have it, and returns these. They may be withdrawn and freed
-  // as soon as this has returned.
-  std::vector<const kiv_fd_handle_s*> Lose(uint32_t fdToken) ORB_EXCLUDES(mutex_);
+  // from one handle that has it and returns that handle, which may be withdrawn and
+  // freed as soon as this has returned. Null when no handle is left. Allocates nothing:
+  // a region whose loss went unnoticed would be waited for without end.
+  const kiv_fd_handle_s* LoseNext(uint32_t fdToken) ORB_EXCLUDES(mutex_);
 
   // In the child of a fork(): false when a thread of the parent was inside.
   bool AdoptInChild() ORB_EXCLUDES(mutex_) {
@@ -73,7 +81,5 @@ class FdHandles {
   // that was freed.
   std::map<uint64_t, Entry> entries_ ORB_GUARDED_BY(mutex_);
   uint64_t last_id_ ORB_GUARDED_BY(mutex_) = 0;
-  uint32_t setups_ ORB_GUARDED_BY(mutex_) = 0;  // Begun and not ended.
-  // Tokens that were lost while a setup that may have them had stored no handle.
-  std::set<uint32_t> lost_in_setup_ ORB_GUARDED_BY(mutex_);
+  Setup* setups_ ORB_GUARDED_BY(mutex_) = nullptr;  // Begun and not ended.
 };

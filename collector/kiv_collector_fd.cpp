@@ -13,36 +13,36 @@
 kiv_fd_handle_s* kiv_collector::SetFD(int fd, uint32_t offset, uint32_t length,
                                       kiv_fd_done_cb done) {
   const auto client = link_.client();
-  uint32_t fdToken = kiv_fd_handle_s::kNoToken;
-  handles_.BeginSetup();
+  FdHandles::Setup setup;
+  handles_.BeginSetup(&setup);
   const int result = orb::Contained("SetFD", -1, [&] {
-    return client == nullptr ? -1 : client->setupFD(fd, offset, length, this, &fdToken);
+    return client == nullptr ? -1 : client->setupFD(fd, offset, length, this, &setup.fdToken);
   });
   void* const memory = result == 0 ? malloc(sizeof(kiv_fd_handle_s)) : nullptr;
   if (memory == nullptr) {
-    handles_.EndSetup(nullptr);
+    handles_.EndSetup(&setup, nullptr);
     if (result == 0) {
-      client->UnsetFD(link_.token(), fdToken);
+      client->UnsetFD(link_.token(), setup.fdToken);
     } else {
       LOGE("%s: clientIntf->setupFD failed - %d", "SetFD", result);
     }
     return nullptr;
   }
-  auto* const handle = new (memory) kiv_fd_handle_s{fdToken, fd, offset, length, done, this};
+  auto* const handle = new (memory) kiv_fd_handle_s{setup.fdToken, fd, offset, length, done, this};
   bool kept = false;
-  const bool asked = orb::Contained("SetFD", [&] { kept = handles_.EndSetup(handle); });
+  const bool asked = orb::Contained("SetFD", [&] { kept = handles_.EndSetup(&setup, handle); });
   if (kept) return handle;
   if (asked) {
     LOGE("%s: clientIntf->setupFD failed - %d", "SetFD", -1);
   } else {
-    client->UnsetFD(link_.token(), fdToken);
+    client->UnsetFD(link_.token(), setup.fdToken);
   }
   free(handle);
   return nullptr;
 }
 
 void kiv_collector::LoseRegion(uint32_t fdToken) {
-  for (const kiv_fd_handle_s* handle : handles_.Lose(fdToken)) {
+  while (const kiv_fd_handle_s* const handle = handles_.LoseNext(fdToken)) {
     KPIMemorySerializer::RegionLost(handle);
   }
 }

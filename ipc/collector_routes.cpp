@@ -33,15 +33,13 @@ void CollectorRoutes::RemoveRegion(uint32_t fdToken, uint64_t serial) {
   if (found != regions_.end() && found->second.serial == serial) regions_.erase(found);
 }
 
-std::vector<std::pair<uint32_t, CollectorRoutes::Pin>> CollectorRoutes::TakeRegions() {
+std::optional<std::pair<uint32_t, CollectorRoutes::Pin>> CollectorRoutes::TakeRegion() {
   orb::MutexLock lock(mapMutex_);
-  std::vector<std::pair<uint32_t, Pin>> all;
-  all.reserve(regions_.size());
-  for (const auto& [fdToken, region] : regions_) {
-    all.emplace_back(fdToken, PinLocked(region.collector));
-  }
-  regions_.clear();
-  return all;
+  const auto first = regions_.begin();
+  if (first == regions_.end()) return std::nullopt;
+  const auto [fdToken, region] = *first;
+  regions_.erase(first);
+  return std::make_pair(fdToken, PinLocked(region.collector));
 }
 
 CollectorRoutes::Pin CollectorRoutes::Find(const std::string& token) {

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -52,8 +53,9 @@ class CollectorRoutes {
   uint64_t RegionSerial(uint32_t fdToken) ORB_EXCLUDES(mapMutex_);
   // Nothing if the token names another region by now.
   void RemoveRegion(uint32_t fdToken, uint64_t serial) ORB_EXCLUDES(mapMutex_);
-  // Forgets all regions. Their tokens and collectors.
-  std::vector<std::pair<uint32_t, Pin>> TakeRegions() ORB_EXCLUDES(mapMutex_);
+  // Forgets one region: its token and collector; none when none is left.
+  // Allocates nothing, so that the death of the HAL reaches every region's collector.
+  std::optional<std::pair<uint32_t, Pin>> TakeRegion() ORB_EXCLUDES(mapMutex_);
 
   Pin Find(const std::string& token) ORB_EXCLUDES(mapMutex_);
   Pin FindRegion(uint32_t fdToken) ORB_EXCLUDES(mapMutex_);

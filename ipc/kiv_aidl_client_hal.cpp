@@ -52,7 +52,7 @@ void kivAIDLClient::processLostOrbsyshalConn() {
   std::swap(lost, hal_);
   // All under the lock, because the next HAL may give the same tokens again.
   if (lost.callback != nullptr) lost.callback->HalDied();
-  for (const auto& [fdToken, collector] : routes_.TakeRegions()) collector->LoseRegion(fdToken);
+  while (const auto region = routes_.TakeRegion()) region->second->LoseRegion(region->first);
 }
 
 void kivAIDLClient::LookUpHal() {

@@ -16,7 +16,9 @@
 #include <filesystem>
 #include <new>
 
+#include "collector/kiv_collector.h"
 #include "ipc/KIVCampConfig.h"
+#include "ipc/kiv_aidl_client.h"
 #include "orb_sdk.h"
 #include "proto/ltc_campaign.pb.h"
 #include "tests/ipc/fake_hal.h"
@@ -119,9 +121,10 @@ class QuickHal : public FakeHal {
     auto status =
         FakeHal::fd_write_to_system_dropbox(name, header, token, offset, size, compress, result);
     const Spared spared;  // The HAL tells until it is heard.
-    if (status.isOk() && *result == 0) Complete(token, offset, size, 0);
+    if (status.isOk() && *result == 0 && !keeps) Complete(token, offset, size, 0);
     return status;
   }
+  bool keeps = false;  // Every slot, without a word.
 };
 
 size_t CountEntries(const char* directory) {
@@ -215,7 +218,7 @@ class ExhaustionTest : public ::testing::Test {
   const android::sp<orb_platform::LocalServiceManager> services_{
       new orb_platform::LocalServiceManager()};
   const android::sp<FakeManager> manager_{new FakeManager()};
-  const std::shared_ptr<FakeHal> hal_ = ::ndk::SharedRefBase::make<QuickHal>();
+  const std::shared_ptr<QuickHal> hal_ = ::ndk::SharedRefBase::make<QuickHal>();
   KIVCampConfig campaign_;
   int succeeded_ = 0;
   int failed_ = 0;
@@ -229,6 +232,31 @@ TEST_F(ExhaustionTest, ARegistrationThatCannotWatchForForksIsRefused) {
   EXPECT_LT(left, 0);
   EXPECT_EQ(succeeded_, 0);
   EXPECT_TRUE(Live(false, true));
+}
+
+// A loss that nobody hears of would keep the end of the session waiting for ever.
+TEST_F(ExhaustionTest, TheHalsDeathReachesItsSlotsWithoutMemory) {
+  for (const Kind kind : {kNew, kMalloc}) {
+    SCOPED_TRACE(kKindNames[kind]);
+    hal_->keeps = true;
+    kiv_collector* const c = Register(true, true);
+    ASSERT_NE(c, nullptr);
+    int32_t started = -1;
+    manager_->Callback()->StartSession(manager_->LastToken(), campaign_, &started);
+    ASSERT_EQ(started, 0);
+    EXPECT_EQ(kiv_log_buf(c, reinterpret_cast<const uint8_t*>("record"), 6), 0);
+    EXPECT_EQ(kiv_flush(c), 0);
+    ASSERT_EQ(c->ledger().Copy().owners[42].under_way.records, 1u);
+    left = 0;
+    failing = kind;
+    kivAIDLClient::serviceDied(nullptr);
+    failing = kNone;
+    EXPECT_EQ(left, 0) << "nothing is allocated";
+    EXPECT_EQ(c->ledger().Copy().owners[42].under_way.records, 0u);
+    if (HasFailure()) kivAIDLClient::serviceDied(nullptr);
+    EXPECT_EQ(kiv_deregister(c), 0);
+    hal_->keeps = false;
+  }
 }
 
 TEST_F(ExhaustionTest, EveryCallAnswersWhateverIsRefused) {
