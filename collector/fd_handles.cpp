@@ -128,3 +128,10 @@ const kiv_fd_handle_s* FdHandles::LoseNext(uint32_t fdToken) {
   }
   return nullptr;
 }
+
+bool FdHandles::Holds(const std::atomic<uint32_t>& fdToken) const {
+  orb::MutexLock lock(mutex_);
+  return std::any_of(entries_.begin(), entries_.end(), [&fdToken](const auto& entry) {
+    return entry.second.handle != nullptr && &entry.second.handle->fdToken == &fdToken;
+  });
+}

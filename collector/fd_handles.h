@@ -49,6 +49,9 @@ class FdHandles {
   // a region whose loss went unnoticed would be waited for without end.
   const kiv_fd_handle_s* LoseNext(uint32_t fdToken) ORB_EXCLUDES(mutex_);
 
+  // Whether this is the token of a handle that is stored and not withdrawn.
+  bool Holds(const std::atomic<uint32_t>& fdToken) const ORB_EXCLUDES(mutex_);
+
   // In the child of a fork(): false when a thread of the parent was inside.
   bool AdoptInChild() ORB_EXCLUDES(mutex_) {
     changed_.ForgetWaiters();

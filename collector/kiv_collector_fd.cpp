@@ -49,6 +49,10 @@ void kiv_collector::LoseRegion(uint32_t fdToken) {
 
 int kiv_collector::FdWrite(const std::atomic<uint32_t>& fdToken, uint64_t /*unused*/,
                            uint32_t offset, uint32_t size) {
+  if (!handles_.Holds(fdToken)) {
+    LOGE("%s: no region of this client", "FdWrite");
+    return -1;
+  }
   return orb::Contained("FdWrite", -1, [&] { return AnnouncePiece(fdToken, offset, size); });
 }
 
@@ -83,6 +87,10 @@ int kiv_collector::AnnouncePiece(const std::atomic<uint32_t>& fdToken, uint32_t 
 }
 
 int kiv_collector::UnsetFD(kiv_fd_handle_s* handle, const std::atomic<uint32_t>& fdToken) {
+  if (!handles_.Holds(fdToken)) {
+    LOGE("%s: no region of this client", "UnsetFD");
+    return -1;
+  }
   const auto client = link_.client();
   const int result = orb::Contained("UnsetFD", -1, [&] {
     return client == nullptr ? -1 : client->UnsetFD(link_.token(), fdToken);
