@@ -31,6 +31,9 @@ constexpr uint32_t kSeqnoOffset = 49;
 static_assert(kSeqnoOffset + sizeof(uint32_t) <= TelemetryHeader::kBytes);
 // A client that repeats a number within a millisecond this often has lost count.
 constexpr int kMaxRepeats = 1000;
+// A disk that is full gets so many times back what an upload takes, before that is given
+// up: other programs may be taking it.
+constexpr uint64_t kMostTimesFreed = 8;
 
 // SEQNO-TIMESTAMP of the upload's header.
 std::string StemOf(std::span<const uint8_t> upload) {
@@ -41,24 +44,18 @@ std::string StemOf(std::span<const uint8_t> upload) {
   return stem;
 }
 
-std::string Join(const std::vector<std::string>& folders) {
+// How many of the folders are not there yet.
+size_t CountMissing(int root, const std::vector<std::string>& folders) {
   std::string path;
-  for (const std::string& folder : folders) path += folder + "/";
-  return path;
+  for (size_t i = 0; i < folders.size(); ++i) {
+    path += folders[i];
+    if (faccessat(root, path.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) return folders.size() - i;
+    path += '/';
+  }
+  return 0;
 }
 
-// The innermost of the folders below `root`, created as far as necessary; no
-// link is followed. Not ok, with errno set, on failure.
-UniqueFd OpenFolders(int root, const std::vector<std::string>& folders) {
-  UniqueFd at(openat(root, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  for (const std::string& folder : folders) {
-    if (!at.ok()) break;
-    const bool created = mkdirat(at.get(), folder.c_str(), 0750) == 0;
-    if (created && fsync(at.get()) != 0) return UniqueFd();
-    at.reset(openat(at.get(), folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  }
-  return at;
-}
+bool SaysFull(int error) { return error == ENOSPC || error == EDQUOT; }
 
 UniqueFd OpenDirectory(int at, const char* path) {
   return UniqueFd(openat(at, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -67,7 +64,7 @@ UniqueFd OpenDirectory(int at, const char* path) {
 }  // namespace
 
 std::unique_ptr<Spool> Spool::Open(const std::string& directory, uint64_t max_bytes,
-                                   std::string* error) {
+                                   std::string* error, StatDisk stat_disk) {
   std::error_code ec;
   fs::create_directories(directory, ec);
   UniqueFd root = OpenDirectory(AT_FDCWD, directory.c_str());
@@ -87,26 +84,27 @@ std::unique_ptr<Spool> Spool::Open(const std::string& directory, uint64_t max_by
     return nullptr;
   }
   std::unique_ptr<Spool> spool(
-      new Spool(directory, max_bytes, std::move(root), std::move(incoming)));
+      new Spool(max_bytes, std::move(root), std::move(incoming), stat_disk));
   MutexLock lock(spool->mutex_);
-  if (!spool->index_.Load(directory, error)) {
-    *error = "cannot read " + directory + ": " + *error;
+  const int scanned = spool->room_.Scan();
+  if (scanned != 0) {
+    *error = "cannot read " + directory + ": " + ErrorText(scanned);
     return nullptr;
   }
-  spool->MakeRoomFor(0);
+  spool->room_.Hold({});  // A quota that was lowered.
   return spool;
 }
 
-Spool::Spool(std::string directory, uint64_t max_bytes, UniqueFd root, UniqueFd incoming)
-    : directory_(std::move(directory)),
-      max_bytes_(max_bytes),
+Spool::Spool(uint64_t max_bytes, UniqueFd root, UniqueFd incoming, StatDisk stat_disk)
+    : max_bytes_(max_bytes),
       root_(std::move(root)),
-      incoming_(std::move(incoming)) {}
+      incoming_(std::move(incoming)),
+      room_(root_.get(), max_bytes, stat_disk) {}
 
-bool Spool::Store(const std::string& name, std::span<const uint8_t> upload) {
-  std::vector<std::string> folders;
+bool Spool::IsAllowed(const std::string& name, std::span<const uint8_t> upload,
+                      Folders* folders) const {
   std::string why;
-  if (!ParseUploadName(name, &folders, &why)) {
+  if (!ParseUploadName(name, folders, &why)) {
     LOGE("upload refused: %s in \"%s\"", why.c_str(), Printable(name).c_str());
     return false;
   }
@@ -120,24 +118,52 @@ bool Spool::Store(const std::string& name, std::span<const uint8_t> upload) {
          Printable(name).c_str(), upload.size(), max_bytes_);
     return false;
   }
-  const std::string temporary = std::to_string(next_temporary_.fetch_add(1)) + ".tmp";
-  int error = services::WriteNewFile(incoming_.get(), temporary, upload);
-  if (error == 0) {
-    MutexLock lock(mutex_);
-    MakeRoomFor(upload.size());
-    error = Place(temporary, folders, StemOf(upload), upload.size());
+  return true;
+}
+
+bool Spool::Store(const std::string& name, std::span<const uint8_t> upload) {
+  Folders folders;
+  if (!IsAllowed(name, upload, &folders)) return false;
+  int error = Write(folders, upload);
+  // The disk may be full without having said so before: a quota of the user, another
+  // program that is faster. The newest upload is worth more than the oldest ones.
+  for (uint64_t times = 1; SaysFull(error) && times <= kMostTimesFreed; times *= 2) {
+    bool freed = false;
+    {
+      MutexLock lock(mutex_);
+      const SpoolRoom::Need need = room_.NeedOf(upload.size(), folders.size());
+      freed = room_.Free({need.bytes * times, need.inodes * times});
+    }
+    error = Write(folders, upload);
+    if (!freed) break;
   }
   if (error == 0) return true;
-  unlinkat(incoming_.get(), temporary.c_str(), 0);
   LOGE("upload %s could not be stored: %s", Printable(name).c_str(), ErrorText(error).c_str());
   return false;
 }
 
-// 0, or an errno value.
-int Spool::Place(const std::string& temporary, const std::vector<std::string>& folders,
-                 const std::string& stem, uint64_t bytes) {
-  const UniqueFd folder = OpenFolders(root_.get(), folders);
+int Spool::Write(const Folders& folders, std::span<const uint8_t> upload) {
+  SpoolRoom::Need need;
+  {
+    MutexLock lock(mutex_);
+    need = room_.NeedOf(upload.size(), CountMissing(root_.get(), folders));
+    room_.Hold(need);
+  }
+  const std::string temporary = std::to_string(next_temporary_.fetch_add(1)) + ".tmp";
+  int error = services::WriteNewFile(incoming_.get(), temporary, upload);
+  MutexLock lock(mutex_);
+  room_.Return(need);
+  if (error == 0) error = Place(temporary, folders, StemOf(upload));
+  if (error != 0) unlinkat(incoming_.get(), temporary.c_str(), 0);
+  return error;
+}
+
+int Spool::Place(const std::string& temporary, const Folders& folders, const std::string& stem) {
+  const UniqueFd folder = OpenFolders(folders);
   if (!folder.ok()) return errno;
+  struct stat info {};
+  const int error = Date(temporary, &info);
+  if (error != 0) return error;
   for (int repeat = 0; repeat < kMaxRepeats; ++repeat) {
     const std::string file = stem + (repeat == 0 ? "" : "." + std::to_string(repeat)) + ".orb";
     // This process alone adds files, and only here: nothing can appear between
@@ -146,34 +172,51 @@ int Spool::Place(const std::string& temporary, const std::vector<std::string>& f
     if (renameat(incoming_.get(), temporary.c_str(), folder.get(), file.c_str()) != 0) {
       return errno;
     }
-    index_.Add({Join(folders) + file, bytes});
-    return fsync(folder.get()) == 0 ? 0 : errno;
+    if (fsync(folder.get()) != 0) {
+      const int sync_error = errno;
+      unlinkat(folder.get(), file.c_str(), 0);  // Its client is told that it is lost.
+      return sync_error;
+    }
+    room_.Added(ChargeOf(info), StampOf(info));
+    return 0;
   }
   return EEXIST;
 }
 
-void Spool::MakeRoomFor(uint64_t bytes) {
-  while (max_bytes_ != 0 && !index_.Empty() && index_.TotalBytes() + bytes > max_bytes_) {
-    Remove(index_.TakeOldest());
-  }
+int Spool::Date(const std::string& temporary, struct stat* info) {
+  if (fstatat(incoming_.get(), temporary.c_str(), info, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+  const Stamp& newest = room_.newest();
+  if (StampOf(*info) > newest) return 0;
+  // Stored within the same tick, or the clock was set back: the order must not change.
+  constexpr long kNanosecondsMax = 999'999'999;
+  timespec times[2] = {{0, UTIME_OMIT}, {newest.seconds, newest.nanoseconds}};
+  timespec& next = times[1];
+  if (next.tv_nsec++ == kNanosecondsMax) next = {next.tv_sec + 1, 0};
+  info->st_mtim = next;
+  const int result = utimensat(incoming_.get(), temporary.c_str(), times, AT_SYMLINK_NOFOLLOW);
+  return result == 0 ? 0 : errno;
 }
 
-void Spool::Remove(const SpooledFile& file) {
-  if (unlinkat(root_.get(), file.path.c_str(), 0) == 0) {
-    LOGW("spool full: removed %s, %" PRIu64 " bytes", file.path.c_str(), file.bytes);
-  } else if (errno != ENOENT) {  // A reader may have taken it: nothing to tell.
-    LOGE("spool full: cannot remove %s: %s", file.path.c_str(), ErrorText(errno).c_str());
+// The innermost of the folders, created as far as necessary; no link is followed. Not
+// ok, with errno set, on failure.
+UniqueFd Spool::OpenFolders(const Folders& folders) {
+  UniqueFd at = OpenDirectory(root_.get(), ".");
+  for (const std::string& folder : folders) {
+    if (!at.ok()) break;
+    if (mkdirat(at.get(), folder.c_str(), 0750) == 0) {
+      room_.AddedFolder();
+      if (fsync(at.get()) != 0) return UniqueFd();
+    } else if (errno != EEXIST) {
+      return UniqueFd();
+    }
+    at.reset(openat(at.get(), folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   }
-  // Folders go with their last file; one that still holds something stays.
-  for (fs::path folder = fs::path(file.path).parent_path(); !folder.empty();
-       folder = folder.parent_path()) {
-    if (unlinkat(root_.get(), folder.c_str(), AT_REMOVEDIR) != 0) break;
-  }
+  return at;
 }
 
 uint64_t Spool::StoredBytes() const {
   MutexLock lock(mutex_);
-  return index_.TotalBytes();
+  return room_.StoredBytes();
 }
 
 }  // namespace orb::hal

@@ -7,6 +7,8 @@
 // docs/formats/spool.md tells more.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -14,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "services/hal/spool_index.h"
+#include "services/hal/spool_room.h"
 #include "utility/thread_annotations.h"
 #include "utility/unique_fd.h"
 
@@ -29,33 +31,38 @@ class Spool {
 
   // Takes the directory for this process, creating it when it is not there,
   // removes what an interrupted run left and applies the quota. `max_bytes` of
-  // file content, 0 for no limit. Null with the reason in *error.
+  // the disk, 0 for no quota. Null with the reason in *error.
   static std::unique_ptr<Spool> Open(const std::string& directory, uint64_t max_bytes,
-                                     std::string* error);
+                                     std::string* error, StatDisk stat_disk = fstatvfs);
 
   // Stores one upload; true when it is on the medium under its name. False
   // after one log line: a name or header that is refused, an upload beyond the
-  // quota, a full disk. The oldest files make room.
+  // quota, a disk that stays full without the spool. The oldest files make room,
+  // before the disk is full and when it says that it is.
   bool Store(const std::string& name, std::span<const uint8_t> upload) ORB_EXCLUDES(mutex_);
 
-  // Bytes of content below the directory, as far as this process knows.
+  // What the uploads and their folders take of the disk, as far as this process knows.
   uint64_t StoredBytes() const ORB_EXCLUDES(mutex_);
 
  private:
-  Spool(std::string directory, uint64_t max_bytes, UniqueFd root, UniqueFd incoming);
+  using Folders = std::vector<std::string>;
+  Spool(uint64_t max_bytes, UniqueFd root, UniqueFd incoming, StatDisk stat_disk);
 
-  int Place(const std::string& temporary, const std::vector<std::string>& folders,
-            const std::string& stem, uint64_t bytes) ORB_REQUIRES(mutex_);
-  void MakeRoomFor(uint64_t bytes) ORB_REQUIRES(mutex_);
-  void Remove(const SpooledFile& file) ORB_REQUIRES(mutex_);
+  bool IsAllowed(const std::string& name, std::span<const uint8_t> upload, Folders* folders) const;
+  // One attempt; 0, or an errno value.
+  int Write(const Folders& folders, std::span<const uint8_t> upload) ORB_EXCLUDES(mutex_);
+  int Place(const std::string& temporary, const Folders& folders, const std::string& stem)
+      ORB_REQUIRES(mutex_);
+  UniqueFd OpenFolders(const Folders& folders) ORB_REQUIRES(mutex_);
+  // The upload's stamp, which is made newer than all others.
+  int Date(const std::string& temporary, struct stat* info) ORB_REQUIRES(mutex_);
 
-  const std::string directory_;
   const uint64_t max_bytes_;
   const UniqueFd root_;
   const UniqueFd incoming_;  // Temporary files; below root_, so that a rename is enough.
   std::atomic<uint64_t> next_temporary_{0};
   mutable Mutex mutex_;
-  SpoolIndex index_ ORB_GUARDED_BY(mutex_);
+  SpoolRoom room_ ORB_GUARDED_BY(mutex_);
 };
 
 }  // namespace orb::hal

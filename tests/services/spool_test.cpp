@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <thread>
 
@@ -13,6 +14,7 @@
 #include "tests/services/upload_bytes.h"
 #include "tests/support/child_process.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/mount_namespace.h"
 
 namespace orb::hal {
 namespace {
@@ -23,15 +25,31 @@ using orb::test::ReadFileOrEmpty;
 using Names = std::vector<std::string>;
 
 constexpr const char* kName = "/up/7/radio.42";
+// An upload of StoreSmall: a block and two folders of its own.
+constexpr uint64_t kSmallBytes = 4096 + kInodeBytes + 2 * kFolderBytes;
 constexpr const char* kFirst = "up/7/radio.42/0000000000-1763716800000.orb";
 
 class SpoolTest : public ::testing::Test {
  protected:
-  void Open(uint64_t max_bytes) {
+  void Open(uint64_t max_bytes, StatDisk stat_disk = fstatvfs) {
     spool_.reset();
     std::string error;
-    spool_ = Spool::Open(Dir(), max_bytes, &error);
+    spool_ = Spool::Open(Dir(), max_bytes, &error, stat_disk);
     ASSERT_NE(spool_, nullptr) << error;
+  }
+  // A disk of the spool's own, which only this process sees.
+  bool Mount(const std::string& options) {
+    fs::create_directory(Dir());
+    return orb::test::EnterMountNamespace() &&
+           mount("tmpfs", Dir().c_str(), "tmpfs", 0, options.c_str()) == 0;
+  }
+  bool StoreSmall(uint32_t number) {
+    return spool_->Store("/up/" + std::to_string(number) + "/c.1", Upload(number, 5, 10));
+  }
+  static std::string Small(uint32_t number) {
+    char seqno[16];
+    static_cast<void>(snprintf(seqno, sizeof seqno, "%010u", number));
+    return "up/" + std::to_string(number) + "/c.1/" + seqno + "-0000000000005.orb";
   }
   std::string Dir() const { return temp_.path() + "/spool"; }
   std::string Content(const std::string& file) { return ReadFileOrEmpty(Dir() + "/" + file); }
@@ -75,43 +93,102 @@ TEST_F(SpoolTest, FollowsNoLinkOutOfTheSpool) {
 }
 
 TEST_F(SpoolTest, RemovesTheOldestAboveTheQuota) {
-  Open(3 * 100);
-  for (uint32_t i = 0; i < 3; ++i) {
-    EXPECT_TRUE(spool_->Store("/up/" + std::to_string(i) + "/c.1", Upload(i, 5, 100 - 66)));
-  }
-  EXPECT_EQ(spool_->StoredBytes(), 300U);
+  Open(0);
+  for (uint32_t i = 0; i < 3; ++i) EXPECT_TRUE(StoreSmall(i));
+  const uint64_t three_bytes = spool_->StoredBytes();
+  EXPECT_EQ(three_bytes, 3 * kSmallBytes + kFolderBytes) << "and the common folder";
+  Open(three_bytes + kSmallBytes / 2);
+  EXPECT_EQ(spool_->StoredBytes(), three_bytes) << "counted as it was stored";
   EXPECT_FALSE(log_.Contains("spool full"));
-  EXPECT_TRUE(spool_->Store("/up/3/c.1", Upload(3, 5, 101 - 66)));
+  EXPECT_TRUE(StoreSmall(3));
   EXPECT_TRUE(log_.Has(ANDROID_LOG_WARN, "orb-hald",
-                       "spool full: removed up/0/c.1/0000000000-0000000000005.orb, 100 bytes"));
-  EXPECT_EQ(log_.Count("spool full"), 2U);
-  EXPECT_EQ(ListFiles(Dir()), (Names{"up/2/c.1/0000000002-0000000000005.orb",
-                                     "up/3/c.1/0000000003-0000000000005.orb"}));
+                       "spool full: removed up/0/c.1/0000000000-0000000000005.orb, 4608 bytes"));
+  EXPECT_EQ(log_.Count("spool full"), 1U);
+  EXPECT_EQ(ListFiles(Dir()), (Names{Small(1), Small(2), Small(3)}));
   EXPECT_FALSE(fs::exists(Dir() + "/up/0")) << "empty folders stay behind";
+  Open(three_bytes - 1);
+  EXPECT_EQ(ListFiles(Dir()), (Names{Small(2), Small(3)})) << "a lower quota";
 }
 
-TEST_F(SpoolTest, CountsWhatAnEarlierRunLeftAndSweepsItsTemporaries) {
+// By when they were stored, also when the clock is set back: else each new one would go.
+TEST_F(SpoolTest, KeepsTheOrderOfAnEarlierRunAndSweepsItsTemporaries) {
   Open(0);
-  EXPECT_TRUE(spool_->Store("/up/1/old.1", Upload(0, 1, 34)));
-  EXPECT_TRUE(spool_->Store("/up/1/new.1", Upload(0, 1, 34)));
-  spool_.reset();
-  const auto hour_ago = fs::file_time_type::clock::now() - std::chrono::hours(1);
-  fs::last_write_time(Dir() + "/up/1/old.1/0000000000-0000000000001.orb", hour_ago);
+  EXPECT_TRUE(StoreSmall(9));
+  EXPECT_TRUE(StoreSmall(8));
+  fs::last_write_time(Dir() + "/" + Small(8),
+                      fs::file_time_type::clock::now() + std::chrono::hours(1));
   ASSERT_TRUE(orb::test::WriteFile(Dir() + "/.incoming/7.tmp", "half of an upl"));
   ASSERT_TRUE(orb::test::WriteFile(Dir() + "/notes.txt", "not an upload"));
-  Open(150);
-  EXPECT_EQ(spool_->StoredBytes(), 100U);
-  EXPECT_EQ(ListFiles(Dir()), (Names{"notes.txt", "up/1/new.1/0000000000-0000000000001.orb"}));
+  const uint64_t two_bytes = spool_->StoredBytes();
+  Open(two_bytes + kSmallBytes / 2);
+  EXPECT_EQ(spool_->StoredBytes(), two_bytes);
+  for (uint32_t i = 0; i < 3; ++i) EXPECT_TRUE(StoreSmall(i));
+  EXPECT_EQ(ListFiles(Dir()), (Names{"notes.txt", Small(1), Small(2)}));
 }
 
-TEST_F(SpoolTest, TakesNoNoticeOfFilesThatAReaderRemoved) {
-  Open(200);
-  EXPECT_TRUE(spool_->Store(kName, Upload(0, 1763716800000, 34)));
-  EXPECT_TRUE(spool_->Store(kName, Upload(1, 1763716800000, 34)));
-  fs::remove(Dir() + "/" + kFirst);
-  EXPECT_TRUE(spool_->Store(kName, Upload(2, 1763716800000, 34)));
+TEST_F(SpoolTest, KeepsWhatIsUnreadWhileAReaderTakesTheRest) {
+  Open(0);
+  EXPECT_TRUE(StoreSmall(0));
+  Open(spool_->StoredBytes() + 10 * kSmallBytes);
+  for (uint32_t i = 1; i < 100; ++i) {
+    EXPECT_TRUE(StoreSmall(i));
+    fs::remove(Dir() + "/" + Small(i));
+  }
   EXPECT_FALSE(log_.Contains("spool full"));
-  EXPECT_EQ(ListFiles(Dir()).size(), 2U);
+  EXPECT_EQ(ListFiles(Dir()), Names{Small(0)});
+  const fs::directory_iterator folders(Dir() + "/up");
+  EXPECT_LE(std::distance(begin(folders), end(folders)), 11) << "of files that are gone";
+}
+
+TEST_F(SpoolTest, TakesNoMoreOfTheDiskThanItsQuota) {
+  if (!Mount("size=8m")) GTEST_SKIP() << "no mount allowed";
+  constexpr uint64_t kQuota = 256 << 10;
+  Open(kQuota);
+  for (uint32_t i = 0; i < 100; ++i) ASSERT_TRUE(StoreSmall(i));
+  struct statvfs disk {};
+  ASSERT_EQ(statvfs(Dir().c_str(), &disk), 0);
+  EXPECT_LE((disk.f_blocks - disk.f_bfree) * disk.f_frsize, kQuota);
+  EXPECT_LE((disk.f_files - disk.f_ffree) * kInodeBytes, kQuota);
+  EXPECT_TRUE(fs::exists(Dir() + "/" + Small(99)));
+}
+
+// What a quota of the user does: nothing tells of it but the write that fails.
+int SaysPlentyIsFree(int fd, struct statvfs* out) {
+  const int result = fstatvfs(fd, out);
+  out->f_bavail = out->f_blocks = out->f_favail = out->f_files = 1 << 20;
+  return result;
+}
+
+TEST_F(SpoolTest, KeepsTheNewestOnAFullDisk) {
+  const struct {
+    const char* options;
+    StatDisk stat_disk;
+    bool keeps_reserve;
+  } kCases[] = {
+      {"size=400k", fstatvfs, true},
+      {"size=400k", SaysPlentyIsFree, false},
+      {"nr_inodes=100", fstatvfs, true},
+      {"nr_inodes=100", SaysPlentyIsFree, false},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.options + std::string(c.keeps_reserve ? "" : ", unannounced"));
+    if (!Mount(c.options)) GTEST_SKIP() << "no mount allowed";
+    Open(0, c.stat_disk);
+    constexpr uint32_t kUploads = 200;
+    for (uint32_t i = 0; i < kUploads; ++i) ASSERT_TRUE(StoreSmall(i)) << i;
+    EXPECT_TRUE(spool_->Store("/large", Upload(0, 5, 100 << 10)));
+    EXPECT_TRUE(fs::exists(Dir() + "/" + Small(kUploads - 1)));
+    EXPECT_FALSE(fs::exists(Dir() + "/" + Small(0)));
+    EXPECT_GE(ListFiles(Dir()).size(), 20U) << "no more than necessary goes";
+    struct statvfs disk {};
+    ASSERT_EQ(statvfs(Dir().c_str(), &disk), 0);
+    if (c.keeps_reserve) {
+      EXPECT_GE(disk.f_bavail, disk.f_blocks / 50);
+      EXPECT_GE(disk.f_favail, disk.f_files / 50);
+    }
+    spool_.reset();
+    ASSERT_EQ(umount(Dir().c_str()), 0);
+  }
 }
 
 TEST_F(SpoolTest, BelongsToOneProcessAtATime) {
