@@ -14,6 +14,7 @@
 #include "platform/linux/src/call_budget.h"
 #include "platform/linux/src/parcel_access.h"
 #include "tests/platform/test_object.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/raw_peer.h"
 #include "tests/support/wait_for.h"
@@ -87,6 +88,20 @@ TEST_F(HostilePeerTest, IsAnsweredWithAnError) {
     EXPECT_EQ(peer.Ask(c.call), c.error);
     EXPECT_EQ(peer.Lookup(), id) << "the service is where it was";
   }
+}
+
+TEST(ConnectionTest, SaysOnceWhyThereIsNone) {
+  orb::LogCapture log;
+  setenv("ORB_BUS_ADDRESS", "unix:path=/nowhere", 1);
+  EXPECT_EQ(android::ProcessState::self(), nullptr);
+  EXPECT_EQ(android::ProcessState::self(), nullptr);
+  EXPECT_EQ(log.Count("no connection to the bus at unix:path=/nowhere: No such file"), 1u);
+  // One for the second peer, and none for this process.
+  orb::test::PrivateBus full("<limit name=\"max_connections_per_user\">1</limit>");
+  const RawPeer only(full);
+  full.SetEnvironment();
+  EXPECT_EQ(android::ProcessState::self(), nullptr);
+  EXPECT_EQ(log.Count("may have no place left for this user's connections"), 1u) << log.Dump();
 }
 
 // The bus allows a connection 512 match rules.

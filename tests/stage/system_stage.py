@@ -55,12 +55,13 @@ def wait_until(condition, seconds=30):
 class Client:
     """A probe client: one command a line, one answer a line."""
 
-    def __init__(self, stage, identity, name):
+    def __init__(self, stage, identity, name,
+                 conf="register_max_retries = 1\nregister_retry_wait_sec = 1\n"):
         self.name = name
         self.data = stage.folder(name, identity)
         self.log_path = f"{stage.dir}/{name}.log"
-        with open(f"{self.data}/orb_sdk.conf", "w", encoding="utf-8") as conf:
-            conf.write("register_max_retries = 1\nregister_retry_wait_sec = 1\n")
+        with open(f"{self.data}/orb_sdk.conf", "w", encoding="utf-8") as out:
+            out.write(conf)
         with open(self.log_path, "w", encoding="utf-8") as log:
             self.child = identity.start([stage.probe], env=stage.environment,
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log)
@@ -138,8 +139,10 @@ class Stage:
         return path
 
     def start_bus(self):
-        self.children.append(subprocess.Popen(
-            ["dbus-daemon", "--nofork", "--nopidfile", f"--config-file={self.dir}/bus.conf"]))
+        with open(f"{self.dir}/bus.log", "w", encoding="utf-8") as log:
+            self.children.append(subprocess.Popen(
+                ["dbus-daemon", "--nofork", "--nopidfile",
+                 f"--config-file={self.dir}/bus.conf"], stderr=log))
         wait_until(lambda: os.path.exists(f"{self.dir}/bus"))
 
     def start_service(self, name, identity=None, log=None, sandbox=True):

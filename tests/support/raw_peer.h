@@ -17,8 +17,10 @@ class RawPeer {
  public:
   // `service`: the bus name that all calls go to.
   RawPeer(const std::string& address, std::string service) : service_(std::move(service)) {
+    const char* name = nullptr;  // Comes once the bus has let the connection in.
     if (sd_bus_new(&bus_) < 0 || sd_bus_set_address(bus_, address.c_str()) < 0 ||
-        sd_bus_set_bus_client(bus_, 1) < 0 || sd_bus_start(bus_) < 0) {
+        sd_bus_set_bus_client(bus_, 1) < 0 || sd_bus_start(bus_) < 0 ||
+        sd_bus_get_unique_name(bus_, &name) < 0) {
       bus_ = sd_bus_close_unref(bus_);
     }
   }

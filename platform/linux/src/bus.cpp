@@ -72,6 +72,18 @@ bool Bus::Connect() {
   return ConnectLocked();
 }
 
+// Each cause once: who registers tries again every few seconds.
+void Bus::ReportConnect(const char* address, int result) {
+  if (result < 0 && result != connect_result_) {
+    LOGE("no connection to the %s%s: %s%s", address == nullptr ? "system bus" : "bus at ",
+         address == nullptr ? "" : address, strerror(-result),
+         result == -ENOBUFS || result == -ECONNRESET
+             ? "; the bus may have no place left for this user's connections"
+             : "");
+  }
+  connect_result_ = std::min(result, 0);
+}
+
 bool Bus::ConnectLocked() {
   Process();  // Shows an end of the connection that nobody has read yet.
   if (bus_ != nullptr) return true;
@@ -79,10 +91,11 @@ bool Bus::ConnectLocked() {
     LOGE("no descriptor left for the bus");
     return false;
   }
-  const char* const address = secure_getenv("ORB_BUS_ADDRESS");
+  const char* address = secure_getenv("ORB_BUS_ADDRESS");
+  if (address != nullptr && *address == 0) address = nullptr;
   sd_bus* bus = nullptr;
   int result = 0;
-  if (address != nullptr && *address != 0) {
+  if (address != nullptr) {
     result = sd_bus_new(&bus);
     if (result >= 0) result = sd_bus_set_address(bus, address);
     if (result >= 0) result = sd_bus_set_bus_client(bus, 1);
@@ -95,6 +108,7 @@ bool Bus::ConnectLocked() {
   if (result >= 0) result = sd_bus_get_unique_name(bus, &name);
   if (result >= 0) result = sd_bus_add_filter(bus, nullptr, OnMessage, this);
   if (result >= 0) result = sd_bus_add_match(bus, nullptr, kPeersLeave, OnOwnerChanged, this);
+  ReportConnect(address, result);
   if (result < 0 || !StartReader() || !poller_.Attach(sd_bus_get_fd(bus))) {
     poller_.Detach();
     if (bus != nullptr) sd_bus_close_unref(bus);

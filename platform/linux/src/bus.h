@@ -145,6 +145,7 @@ class Bus {
 
   // bus.cpp: the connection, and waiting on it.
   bool ConnectLocked() ORB_REQUIRES(mutex_);
+  void ReportConnect(const char* address, int result) ORB_REQUIRES(mutex_);
   bool StartReader() ORB_REQUIRES(mutex_);
   void Process() ORB_REQUIRES(mutex_);
   void Disconnected() ORB_REQUIRES(mutex_);
@@ -216,6 +217,7 @@ class Bus {
   BusPoller poller_;
   sd_bus* bus_ ORB_GUARDED_BY(mutex_) = nullptr;
   uint64_t connection_ ORB_GUARDED_BY(mutex_) = 0;
+  int connect_result_ ORB_GUARDED_BY(mutex_) = 0;  // Of the latest attempt; 0 or -errno.
   bool reader_started_ ORB_GUARDED_BY(mutex_) = false;
   bool seated_ ORB_GUARDED_BY(mutex_) = false;
   Pending* leader_ ORB_GUARDED_BY(mutex_) = nullptr;
