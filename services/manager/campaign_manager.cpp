@@ -89,6 +89,7 @@ bool CampaignManager::Register(const KIVClientInfo& info, const sp<IKIVCallback>
   // NOLINTNEXTLINE(bugprone-signed-char-misuse): a number, not a character.
   client->option = info.clientOption;
   client->since_ms = NowMs();
+  client->lost_buses = timing_.lost_buses();
   client->callback = callback;
   client->death = new DeathNotice(weak_from_this(), token);
   Client former;
@@ -153,6 +154,9 @@ void CampaignManager::ClientDied(const std::string& token) {
 }
 
 void CampaignManager::NoteDeath(const Client& client) {
+  if (timing_.lost_buses() != client->lost_buses) {
+    return LOGW("client %s is gone with the bus", client->name.c_str());
+  }
   LOGW("client %s died", client->name.c_str());
   Book(client->name, client->watch().Die(timing_.now(), timing_.early_death));
 }

@@ -6,6 +6,8 @@
 // client runs on that client's own executor.
 #pragma once
 
+#include <orb_platform/lost_buses.h>
+
 #include <chrono>
 #include <functional>
 #include <map>
@@ -42,6 +44,8 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
     // A client that dies sooner after a campaign's start is taken to die of it.
     std::chrono::milliseconds early_death{60000};
     std::function<StartWatch::TimePoint()> now = &std::chrono::steady_clock::now;
+    // Grows when the bus goes: clients that go with it have not died.
+    std::function<uint64_t()> lost_buses = &orb_platform::LostBuses;
   };
 
   // Takes the store.

@@ -35,6 +35,7 @@ class RegisteredClient {
   int32_t type = 0;
   int32_t option = 0;
   int64_t since_ms = 0;
+  uint64_t lost_buses = 0;  // Before it came.
   android::sp<IKIVCallback> callback;
   android::sp<android::IBinder::DeathRecipient> death;  // The proxy holds it weakly.
 

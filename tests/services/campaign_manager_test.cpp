@@ -49,6 +49,7 @@ class CampaignManagerTest : public ::testing::Test {
     timing.answer = answer;
     timing.restart_waits = {milliseconds(0), milliseconds(1), milliseconds(1)};
     timing.now = [this] { return std::chrono::steady_clock::time_point(milliseconds(now_ms_)); };
+    timing.lost_buses = [this] { return lost_buses_.load(); };
     manager_ = std::make_shared<CampaignManager>(StateStore::Open(temp_.path(), &error), timing);
   }
   KIVClientId Register(const std::string& name, const sp<FakeClient>& client, bool want = true) {
@@ -88,7 +89,7 @@ class CampaignManagerTest : public ::testing::Test {
     if (given && life == 'r') {
       ASSERT_TRUE(WaitSession(name, ClientRecord::REFUSED));
     }
-    if (given && (life == 'd' || life == 'D' || life == 'x')) {
+    if (given && (strchr("dDbx", life) != nullptr)) {
       ASSERT_TRUE(WaitSession(name, ClientRecord::RUNNING));
       manager_->SetLicSn(name, 42, true);  // Comes after all that the start does.
     }
@@ -96,6 +97,7 @@ class CampaignManagerTest : public ::testing::Test {
       ASSERT_TRUE(WaitFor([&] { return !Record(name).connected; }));
     }
     now_ms_ += life == 'D' ? 60000 : 59999;
+    if (life == 'b') ++lost_buses_;
     if (life == 'x') {
       manager_->Deregister(token);
     } else {
@@ -106,6 +108,7 @@ class CampaignManagerTest : public ::testing::Test {
 
   LogCapture log_;
   std::atomic<int64_t> now_ms_{1000};
+  std::atomic<uint64_t> lost_buses_{0};
   orb::test::TempDir temp_;
   std::shared_ptr<CampaignManager> manager_;
   const sp<FakeClient> client_ = new FakeClient();
@@ -251,8 +254,8 @@ TEST_F(CampaignManagerTest, ClientsThatDiedHaveNoSession) {
 }
 
 // A client's lives, one letter each: d dies just within a minute of its campaign's start,
-// D a minute after it, s during the start; x leaves in order; r refuses the campaign and
-// dies; m the manager is another one from here on.
+// D a minute after it, s during the start; x leaves in order; b goes with the bus; r refuses the
+// campaign and dies; m the manager is another one from here on.
 TEST_F(CampaignManagerTest, QuarantinesACampaignOfWhichItsClientDies) {
   const struct {
     const char* lives;
@@ -260,7 +263,7 @@ TEST_F(CampaignManagerTest, QuarantinesACampaignOfWhichItsClientDies) {
   } kCases[] = {
       {"dd", false},    {"ddd", true},    {"dddx", true},   {"sss", true},
       {"ddDd", false},  {"ddDddd", true}, {"ddxdd", false}, {"dmdmdm", true},
-      {"ddrrr", false}, {"ddrd", true},   {"dddmDx", true},
+      {"ddrrr", false}, {"ddrd", true},   {"dddmDx", true}, {"bbb", false},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.lives);

@@ -3,6 +3,7 @@
 #include "platform/linux/src/bus.h"
 
 #include <fcntl.h>
+#include <orb_platform/lost_buses.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/resource.h>
@@ -26,6 +27,7 @@ namespace orb_platform {
 namespace {
 
 std::atomic<int> connection_fd{-1};
+std::atomic<uint64_t> lost_buses{0};
 
 // A child of fork() that lives on would keep the connection open after the parent's
 // end, and everybody would take the parent for alive. The binding does nothing in a
@@ -57,6 +59,8 @@ size_t MostDescriptorsOfCalls() {
 constexpr int kGrowRetryMs = 100;
 
 }  // namespace
+
+uint64_t LostBuses() { return lost_buses.load(); }
 
 Bus& Bus::Get() {
   static Bus* const bus = new Bus();
@@ -171,6 +175,7 @@ void Bus::Process() {
 // Every remote is dead, every call has failed, every name is lost. The next
 // use connects again.
 void Bus::Disconnected() {
+  lost_buses.fetch_add(1);
   poller_.Detach();
   connection_fd = -1;
   sd_bus* const bus = std::exchange(bus_, nullptr);
