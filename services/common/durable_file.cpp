@@ -5,12 +5,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "utility/unique_fd.h"
 
 namespace orb::services {
 namespace {
+
+constexpr uint64_t kPieceBytes = 256 << 10;
 
 int WriteAll(int fd, std::span<const uint8_t> content) {
   size_t done_bytes = 0;
@@ -20,18 +23,40 @@ int WriteAll(int fd, std::span<const uint8_t> content) {
     if (wrote < 0) return errno;
     done_bytes += static_cast<size_t>(wrote);
   }
-  return fsync(fd) == 0 ? 0 : errno;
+  return 0;
+}
+
+// `write_content` gets the open file and answers like its caller.
+template <typename WriteContent>
+int CreateFile(int dir_fd, const std::string& name, WriteContent write_content) {
+  const UniqueFd fd(
+      openat(dir_fd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640));
+  if (!fd.ok()) return errno;
+  int error = write_content(fd.get());
+  if (error == 0 && fsync(fd.get()) != 0) error = errno;
+  if (error != 0) unlinkat(dir_fd, name.c_str(), 0);
+  return error;
 }
 
 }  // namespace
 
 int WriteNewFile(int dir_fd, const std::string& name, std::span<const uint8_t> content) {
-  const UniqueFd fd(
-      openat(dir_fd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640));
-  if (!fd.ok()) return errno;
-  const int error = WriteAll(fd.get(), content);
-  if (error != 0) unlinkat(dir_fd, name.c_str(), 0);
-  return error;
+  return CreateFile(dir_fd, name, [&](int fd) { return WriteAll(fd, content); });
+}
+
+int WriteNewFile(int dir_fd, const std::string& name, uint64_t bytes,
+                 const ContentSource& content) {
+  return CreateFile(dir_fd, name, [&](int fd) {
+    std::vector<uint8_t> buffer(static_cast<size_t>(std::min(bytes, kPieceBytes)));
+    int error = 0;
+    for (uint64_t offset = 0; error == 0 && offset < bytes; offset += buffer.size()) {
+      const std::span<uint8_t> piece(
+          buffer.data(), static_cast<size_t>(std::min<uint64_t>(bytes - offset, buffer.size())));
+      error = content(offset, piece);
+      if (error == 0) error = WriteAll(fd, piece);
+    }
+    return error;
+  });
 }
 
 int ReplaceFile(int dir_fd, const std::string& name, std::span<const uint8_t> content) {

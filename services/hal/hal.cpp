@@ -1,7 +1,9 @@
 // Tested by tests/services/hal_test.cpp.
 #include "services/hal/hal.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include "serializer/telemetry_header.h"
@@ -10,9 +12,9 @@
 
 namespace orb::hal {
 
-bool Hal::ConfigureQueue(const Caller& caller, const QueueLayout& queue) {
+bool Hal::ConfigureQueue(const Caller& caller, QueueLayout queue) {
   std::string why;
-  std::shared_ptr<const PayloadQueue> opened = PayloadQueue::Open(queue, &why);
+  std::shared_ptr<const PayloadQueue> opened = PayloadQueue::Open(std::move(queue), &why);
   if (opened == nullptr) {
     LOGE("queue of %s refused: %s", caller.ToString().c_str(), why.c_str());
     return false;
@@ -23,8 +25,8 @@ bool Hal::ConfigureQueue(const Caller& caller, const QueueLayout& queue) {
 
 bool Hal::StoreQueue(const Caller& caller, const std::string& name, int32_t total) {
   const std::shared_ptr<const PayloadQueue> queue = queues_.Take(caller);
-  std::vector<uint8_t> upload;
-  if (queue == nullptr || total < 0 || !queue->Read(static_cast<uint32_t>(total), &upload)) {
+  UploadSource upload;
+  if (queue == nullptr || total < 0 || !queue->Next(static_cast<uint32_t>(total), &upload)) {
     LOGE("payload %s of %s refused: %s", Printable(name).c_str(), caller.ToString().c_str(),
          queue == nullptr ? "no queue is configured" : "the queue does not hold it");
     return false;
@@ -57,10 +59,20 @@ int32_t Hal::StoreSlot(const Caller& caller, const std::string& name,
   if (size <= 0 || static_cast<uint32_t>(size) > Spool::kMaxUploadBytes - header.size()) {
     return refuse("a size that no upload may have", EINVAL);
   }
-  std::vector<uint8_t> upload(header.begin(), header.end());
-  if (!channel->region->Read(static_cast<uint32_t>(offset), static_cast<uint32_t>(size), &upload)) {
+  const SharedRegion& region = *channel->region;
+  const auto start = static_cast<uint32_t>(offset);
+  if (!region.Holds(start, static_cast<uint32_t>(size))) {
     return refuse("it lies outside the region, or the region has shrunk", EINVAL);
   }
+  // The header, then the slot.
+  const UploadSource upload{
+      header.size() + static_cast<uint32_t>(size), [&](uint64_t from, std::span<uint8_t> piece) {
+        const size_t of_header =
+            from < header.size() ? std::min(piece.size(), header.size() - from) : 0;
+        if (of_header > 0) memcpy(piece.data(), header.data() + from, of_header);
+        const uint64_t of_slot = from + of_header - header.size();
+        return region.Read(start + of_slot, piece.subspan(of_header));
+      }};
   if (!spool_->Store(name, upload)) return -EIO;
   if (!channel->Confirm(static_cast<uint32_t>(token), static_cast<uint32_t>(offset),
                         static_cast<uint32_t>(size))) {

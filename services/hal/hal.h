@@ -24,7 +24,7 @@ class Hal {
   explicit Hal(std::unique_ptr<Spool> spool) : spool_(std::move(spool)) {}
 
   // The queue of the caller's next payload, in place of an earlier one.
-  bool ConfigureQueue(const Caller& caller, const QueueLayout& queue);
+  bool ConfigureQueue(const Caller& caller, QueueLayout queue);
   // Takes `total` bytes from that queue, and stores them. True once they are on
   // the medium. The queue is used up either way.
   bool StoreQueue(const Caller& caller, const std::string& name, int32_t total);

@@ -67,7 +67,7 @@ ScopedAStatus OrbsyshalService::configure_fmq(const QueueDescriptor& in_queue, b
   }
   layout.quantum_bytes = in_queue.quantum;
   layout.flags = in_queue.flags;
-  *_aidl_return = hal_->ConfigureQueue(ThisCaller(), layout);
+  *_aidl_return = hal_->ConfigureQueue(ThisCaller(), std::move(layout));
   return ScopedAStatus::ok();
 }
 

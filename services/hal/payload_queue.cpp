@@ -1,9 +1,9 @@
 // Tested by tests/services/hal_test.cpp.
 #include "services/hal/payload_queue.h"
 
-#include <fcntl.h>
-
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -17,66 +17,81 @@ constexpr size_t kMaxPieces = 4;
 constexpr int64_t kCounterBytes = sizeof(uint64_t);
 constexpr int32_t kSynchronized = 1;
 
-std::shared_ptr<const SharedRegion> OpenPiece(const QueueLayout& layout, size_t index,
-                                              int64_t bytes, std::string* why) {
-  const QueueLayout::Piece& piece = layout.pieces[index];
-  if (piece.fd_index < 0 || static_cast<size_t>(piece.fd_index) >= layout.fds.size()) {
-    *why = "a piece of descriptor " + std::to_string(piece.fd_index);
-    return nullptr;
+// Empty for a piece that the memory may hold.
+std::string PieceFault(const QueueLayout::Piece& piece, int64_t least_bytes, int64_t most_bytes) {
+  if (piece.fd_index != 0) return "a piece of descriptor " + std::to_string(piece.fd_index);
+  if (piece.offset < 0) return "a piece at " + std::to_string(piece.offset);
+  if (piece.extent < least_bytes || piece.extent > most_bytes) {
+    return "a piece of " + std::to_string(piece.extent) + " bytes";
   }
-  if (piece.extent < bytes) {
-    *why = "a piece of " + std::to_string(piece.extent) + " bytes";
-    return nullptr;
-  }
-  const int fd = layout.fds[static_cast<size_t>(piece.fd_index)].get();
-  return SharedRegion::Open(UniqueFd(fcntl(fd, F_DUPFD_CLOEXEC, 0)), piece.offset, piece.extent,
-                            why);
+  return "";
 }
 
-bool ReadCounter(const SharedRegion& region, uint64_t* value) {
-  std::vector<uint8_t> bytes;
-  if (!region.Read(0, kCounterBytes, &bytes)) return false;
+std::string LayoutFault(const QueueLayout& layout) {
+  if (layout.quantum_bytes != 1 || layout.flags != kSynchronized) {
+    return "not a synchronized queue of bytes";
+  }
+  const std::vector<QueueLayout::Piece>& pieces = layout.pieces;
+  if (pieces.size() < kMinPieces || pieces.size() > kMaxPieces) {
+    return std::to_string(pieces.size()) + " pieces";
+  }
+  if (layout.fds.size() != 1) return std::to_string(layout.fds.size()) + " descriptors";
+  std::string fault = PieceFault(pieces[0], kCounterBytes, INT32_MAX);
+  if (fault.empty()) fault = PieceFault(pieces[1], kCounterBytes, INT32_MAX);
+  return !fault.empty() ? fault : PieceFault(pieces[2], 1, Spool::kMaxUploadBytes);
+}
+
+uint64_t Begin(const QueueLayout::Piece& piece) { return static_cast<uint64_t>(piece.offset); }
+
+bool ReadCounter(const SharedRegion& memory, uint64_t at, uint64_t* value) {
+  std::array<uint8_t, kCounterBytes> bytes;
+  if (!memory.Read(at, bytes)) return false;
   memcpy(value, bytes.data(), sizeof *value);
   return true;
 }
 
 }  // namespace
 
-std::shared_ptr<const PayloadQueue> PayloadQueue::Open(const QueueLayout& layout,
-                                                       std::string* why) {
-  if (layout.quantum_bytes != 1 || layout.flags != kSynchronized) {
-    *why = "not a synchronized queue of bytes";
-    return nullptr;
+PayloadQueue::PayloadQueue(std::shared_ptr<const SharedRegion> memory,
+                           const std::vector<QueueLayout::Piece>& pieces)
+    : memory_(std::move(memory)),
+      read_counter_(Begin(pieces[0])),
+      write_counter_(Begin(pieces[1])),
+      data_(Begin(pieces[2])),
+      data_bytes_(static_cast<uint64_t>(pieces[2].extent)) {}
+
+std::shared_ptr<const PayloadQueue> PayloadQueue::Open(QueueLayout layout, std::string* why) {
+  *why = LayoutFault(layout);
+  if (!why->empty()) return nullptr;
+  int64_t end = 0;
+  for (size_t i = 0; i < kMinPieces; ++i) {
+    end = std::max(end, layout.pieces[i].offset + layout.pieces[i].extent);
   }
-  if (layout.pieces.size() < kMinPieces || layout.pieces.size() > kMaxPieces) {
-    *why = std::to_string(layout.pieces.size()) + " pieces";
-    return nullptr;
-  }
-  auto queue = std::make_shared<PayloadQueue>();
-  queue->read_counter_ = OpenPiece(layout, 0, kCounterBytes, why);
-  if (queue->read_counter_ == nullptr) return nullptr;
-  queue->write_counter_ = OpenPiece(layout, 1, kCounterBytes, why);
-  if (queue->write_counter_ == nullptr) return nullptr;
-  queue->data_ = OpenPiece(layout, 2, 1, why);
-  if (queue->data_ == nullptr) return nullptr;
-  return queue;
+  std::shared_ptr<const SharedRegion> memory =
+      SharedRegion::Open(std::move(layout.fds[0]), 0, end, why);
+  if (memory == nullptr) return nullptr;
+  return std::shared_ptr<const PayloadQueue>(new PayloadQueue(std::move(memory), layout.pieces));
 }
 
-bool PayloadQueue::Read(uint32_t total, std::vector<uint8_t>* out) const {
+bool PayloadQueue::Next(uint32_t total, UploadSource* out) const {
   uint64_t read_bytes = 0;
   uint64_t written_bytes = 0;
-  if (!ReadCounter(*read_counter_, &read_bytes) || !ReadCounter(*write_counter_, &written_bytes)) {
+  if (!ReadCounter(*memory_, read_counter_, &read_bytes) ||
+      !ReadCounter(*memory_, write_counter_, &written_bytes)) {
     return false;
   }
-  const uint64_t size = data_->length();
   // The counters run freely and may have wrapped; a difference beyond the
   // queue's size is a lie.
   const uint64_t available = written_bytes - read_bytes;
-  if (available > size || total > available || total > Spool::kMaxUploadBytes) return false;
-  const uint64_t start = read_bytes % size;
-  const uint64_t first = std::min<uint64_t>(total, size - start);
-  out->clear();
-  return data_->Read(start, first, out) && data_->Read(0, total - first, out);
+  if (available > data_bytes_ || total > available) return false;
+  out->bytes = total;
+  out->read = [memory = memory_, data = data_, size = data_bytes_,
+               start = read_bytes % data_bytes_](uint64_t offset, std::span<uint8_t> piece) {
+    const uint64_t at = (start + offset) % size;
+    const auto first = static_cast<size_t>(std::min<uint64_t>(piece.size(), size - at));
+    return memory->Read(data + at, piece.first(first)) && memory->Read(data, piece.subspan(first));
+  };
+  return true;
 }
 
 void PendingQueues::Put(const Caller& caller, std::shared_ptr<const PayloadQueue> queue) {

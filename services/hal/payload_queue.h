@@ -10,6 +10,7 @@
 
 #include "services/hal/caller.h"
 #include "services/hal/shared_region.h"
+#include "services/hal/upload_source.h"
 #include "utility/thread_annotations.h"
 #include "utility/unique_fd.h"
 
@@ -22,7 +23,7 @@ struct QueueLayout {
     int32_t offset = 0;  // Bytes.
     int64_t extent = 0;  // Bytes.
   };
-  std::vector<UniqueFd> fds;
+  std::vector<UniqueFd> fds;  // One, if it is a queue of this system's.
   std::vector<Piece> pieces;  // Read counter, write counter, data [, event flag].
   int32_t quantum_bytes = 0;
   int32_t flags = 0;
@@ -30,17 +31,24 @@ struct QueueLayout {
 
 class PayloadQueue {
  public:
-  // Null, with the reason in *why, unless the descriptor is one of a queue of
-  // bytes with one reader and one writer.
-  static std::shared_ptr<const PayloadQueue> Open(const QueueLayout& layout, std::string* why);
+  // Takes the memory's descriptor, the only one that a queue keeps. Null, with the
+  // reason in *why, unless the layout is that of a queue of bytes with one reader and
+  // one writer, in one piece of memory, for no more than an upload may have.
+  static std::shared_ptr<const PayloadQueue> Open(QueueLayout layout, std::string* why);
 
-  // The next `total` bytes. False when fewer are there, or its memory is gone.
-  bool Read(uint32_t total, std::vector<uint8_t>* out) const;
+  // The next `total` bytes, which *out can read as long as it likes. False when fewer
+  // are there, or its memory is gone.
+  bool Next(uint32_t total, UploadSource* out) const;
 
  private:
-  std::shared_ptr<const SharedRegion> read_counter_;
-  std::shared_ptr<const SharedRegion> write_counter_;
-  std::shared_ptr<const SharedRegion> data_;
+  PayloadQueue(std::shared_ptr<const SharedRegion> memory,
+               const std::vector<QueueLayout::Piece>& pieces);
+
+  const std::shared_ptr<const SharedRegion> memory_;
+  const uint64_t read_counter_;  // Offsets in it.
+  const uint64_t write_counter_;
+  const uint64_t data_;
+  const uint64_t data_bytes_;
 };
 
 // The queue that each process configured last, until it asks to read it.

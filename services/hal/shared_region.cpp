@@ -6,9 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <limits>
-
-#include "utility/checked.h"
 
 namespace orb::hal {
 
@@ -33,20 +30,15 @@ std::shared_ptr<const SharedRegion> SharedRegion::Open(UniqueFd fd, int64_t offs
       std::move(fd), static_cast<uint64_t>(offset), static_cast<uint64_t>(length)));
 }
 
-bool SharedRegion::Read(uint64_t offset, uint64_t size, std::vector<uint8_t>* out) const {
-  if (offset > length_bytes_ || size > length_bytes_ - offset) return false;
-  const size_t before = out->size();
-  out->resize(CheckedAdd<size_t>(before, size));
-  uint64_t have_bytes = 0;
-  while (have_bytes < size) {
-    const ssize_t got = pread(fd_.get(), out->data() + before + have_bytes, size - have_bytes,
-                              static_cast<off_t>(offset_bytes_ + offset + have_bytes));
+bool SharedRegion::Read(uint64_t offset, std::span<uint8_t> out) const {
+  if (!Holds(offset, out.size())) return false;
+  while (!out.empty()) {
+    const ssize_t got =
+        pread(fd_.get(), out.data(), out.size(), static_cast<off_t>(offset_bytes_ + offset));
     if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) {
-      out->resize(before);
-      return false;
-    }
-    have_bytes += static_cast<uint64_t>(got);
+    if (got <= 0) return false;
+    offset += static_cast<uint64_t>(got);
+    out = out.subspan(static_cast<size_t>(got));
   }
   return true;
 }

@@ -5,9 +5,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "utility/unique_fd.h"
 
@@ -24,9 +24,13 @@ class SharedRegion {
 
   uint64_t length() const { return length_bytes_; }
 
-  // Appends `size` bytes from `offset` of the shared part to *out. False when
-  // that leaves the part, or the file has become shorter; *out is unchanged.
-  bool Read(uint64_t offset, uint64_t size, std::vector<uint8_t>* out) const;
+  // Whether the shared part has `size` bytes from `offset` on.
+  bool Holds(uint64_t offset, uint64_t size) const {
+    return offset <= length_bytes_ && size <= length_bytes_ - offset;
+  }
+  // Fills `out` with the bytes from `offset` of the shared part on. False when that
+  // leaves the part, or the file has become shorter.
+  bool Read(uint64_t offset, std::span<uint8_t> out) const;
 
  private:
   SharedRegion(UniqueFd fd, uint64_t offset, uint64_t length)

@@ -6,9 +6,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -35,13 +38,25 @@ constexpr int kMaxRepeats = 1000;
 // up: other programs may be taking it.
 constexpr uint64_t kMostTimesFreed = 8;
 
+using Header = std::array<uint8_t, TelemetryHeader::kBytes>;
+
 // SEQNO-TIMESTAMP of the upload's header.
-std::string StemOf(std::span<const uint8_t> upload) {
+std::string StemOf(const Header& header) {
   char stem[48];
   static_cast<void>(snprintf(stem, sizeof stem, "%010" PRIu32 "-%013" PRIu64,
-                             LoadBigEndian<uint32_t>(upload.data() + kSeqnoOffset),
-                             LoadBigEndian<uint64_t>(upload.data() + kTimestampOffset)));
+                             LoadBigEndian<uint32_t>(header.data() + kSeqnoOffset),
+                             LoadBigEndian<uint64_t>(header.data() + kTimestampOffset)));
   return stem;
+}
+
+// The upload as the file has it; the header, which is in its first piece, goes to
+// *header: what names the file is what it holds.
+services::ContentSource ContentOf(const UploadSource& upload, Header* header) {
+  return [&upload, header](uint64_t offset, std::span<uint8_t> piece) {
+    if (!upload.read(offset, piece)) return EIO;
+    if (offset == 0) std::copy_n(piece.begin(), header->size(), header->begin());
+    return 0;
+  };
 }
 
 // How many of the folders are not there yet.
@@ -101,29 +116,36 @@ Spool::Spool(uint64_t max_bytes, UniqueFd root, UniqueFd incoming, StatDisk stat
       incoming_(std::move(incoming)),
       room_(root_.get(), max_bytes, stat_disk) {}
 
-bool Spool::IsAllowed(const std::string& name, std::span<const uint8_t> upload,
-                      Folders* folders) const {
+bool Spool::IsAllowed(const std::string& name, uint64_t bytes, Folders* folders) const {
   std::string why;
   if (!ParseUploadName(name, folders, &why)) {
     LOGE("upload refused: %s in \"%s\"", why.c_str(), Printable(name).c_str());
     return false;
   }
-  if (upload.size() < TelemetryHeader::kBytes || upload.size() > kMaxUploadBytes) {
-    LOGE("upload refused: %s has %zu bytes, %" PRIu32 " to %" PRIu32 " are allowed",
-         Printable(name).c_str(), upload.size(), TelemetryHeader::kBytes, kMaxUploadBytes);
+  if (bytes < TelemetryHeader::kBytes || bytes > kMaxUploadBytes) {
+    LOGE("upload refused: %s has %" PRIu64 " bytes, %" PRIu32 " to %" PRIu32 " are allowed",
+         Printable(name).c_str(), bytes, TelemetryHeader::kBytes, kMaxUploadBytes);
     return false;
   }
-  if (max_bytes_ != 0 && upload.size() > max_bytes_) {
-    LOGE("upload refused: %s has %zu bytes, the whole spool may hold %" PRIu64,
-         Printable(name).c_str(), upload.size(), max_bytes_);
+  if (max_bytes_ != 0 && bytes > max_bytes_) {
+    LOGE("upload refused: %s has %" PRIu64 " bytes, the whole spool may hold %" PRIu64,
+         Printable(name).c_str(), bytes, max_bytes_);
     return false;
   }
   return true;
 }
 
 bool Spool::Store(const std::string& name, std::span<const uint8_t> upload) {
+  return Store(name,
+               UploadSource{upload.size(), [upload](uint64_t offset, std::span<uint8_t> piece) {
+                              memcpy(piece.data(), upload.data() + offset, piece.size());
+                              return true;
+                            }});
+}
+
+bool Spool::Store(const std::string& name, const UploadSource& upload) {
   Folders folders;
-  if (!IsAllowed(name, upload, &folders)) return false;
+  if (!IsAllowed(name, upload.bytes, &folders)) return false;
   int error = Write(folders, upload);
   // The disk may be full without having said so before: a quota of the user, another
   // program that is faster. The newest upload is worth more than the oldest ones.
@@ -131,7 +153,7 @@ bool Spool::Store(const std::string& name, std::span<const uint8_t> upload) {
     bool freed = false;
     {
       MutexLock lock(mutex_);
-      const SpoolRoom::Need need = room_.NeedOf(upload.size(), folders.size());
+      const SpoolRoom::Need need = room_.NeedOf(upload.bytes, folders.size());
       freed = room_.Free({need.bytes * times, need.inodes * times});
     }
     error = Write(folders, upload);
@@ -142,18 +164,20 @@ bool Spool::Store(const std::string& name, std::span<const uint8_t> upload) {
   return false;
 }
 
-int Spool::Write(const Folders& folders, std::span<const uint8_t> upload) {
+int Spool::Write(const Folders& folders, const UploadSource& upload) {
   SpoolRoom::Need need;
   {
     MutexLock lock(mutex_);
-    need = room_.NeedOf(upload.size(), CountMissing(root_.get(), folders));
+    need = room_.NeedOf(upload.bytes, CountMissing(root_.get(), folders));
     room_.Hold(need);
   }
   const std::string temporary = std::to_string(next_temporary_.fetch_add(1)) + ".tmp";
-  int error = services::WriteNewFile(incoming_.get(), temporary, upload);
+  Header header{};
+  int error =
+      services::WriteNewFile(incoming_.get(), temporary, upload.bytes, ContentOf(upload, &header));
   MutexLock lock(mutex_);
   room_.Return(need);
-  if (error == 0) error = Place(temporary, folders, StemOf(upload));
+  if (error == 0) error = Place(temporary, folders, StemOf(header));
   if (error != 0) unlinkat(incoming_.get(), temporary.c_str(), 0);
   return error;
 }

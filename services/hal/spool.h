@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "services/hal/spool_room.h"
+#include "services/hal/upload_source.h"
 #include "utility/thread_annotations.h"
 #include "utility/unique_fd.h"
 
@@ -26,7 +27,7 @@ namespace orb::hal {
 // place is serialized.
 class Spool {
  public:
-  // Bounds one upload, and so what one client can make the HAL hold in memory.
+  // Bounds one upload, and so what one client can make the HAL write at a time.
   static constexpr uint32_t kMaxUploadBytes = 64U << 20;
 
   // Takes the directory for this process, creating it when it is not there,
@@ -39,6 +40,8 @@ class Spool {
   // after one log line: a name or header that is refused, an upload beyond the
   // quota, a disk that stays full without the spool. The oldest files make room,
   // before the disk is full and when it says that it is.
+  bool Store(const std::string& name, const UploadSource& upload) ORB_EXCLUDES(mutex_);
+  // The same for bytes of this process's own.
   bool Store(const std::string& name, std::span<const uint8_t> upload) ORB_EXCLUDES(mutex_);
 
   // What the uploads and their folders take of the disk, as far as this process knows.
@@ -48,9 +51,9 @@ class Spool {
   using Folders = std::vector<std::string>;
   Spool(uint64_t max_bytes, UniqueFd root, UniqueFd incoming, StatDisk stat_disk);
 
-  bool IsAllowed(const std::string& name, std::span<const uint8_t> upload, Folders* folders) const;
+  bool IsAllowed(const std::string& name, uint64_t bytes, Folders* folders) const;
   // One attempt; 0, or an errno value.
-  int Write(const Folders& folders, std::span<const uint8_t> upload) ORB_EXCLUDES(mutex_);
+  int Write(const Folders& folders, const UploadSource& upload) ORB_EXCLUDES(mutex_);
   int Place(const std::string& temporary, const Folders& folders, const std::string& stem)
       ORB_REQUIRES(mutex_);
   UniqueFd OpenFolders(const Folders& folders) ORB_REQUIRES(mutex_);

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -121,6 +122,9 @@ TEST_F(HalTest, RefusesQueuesThatAreNotWhatTheyClaim) {
       {"another's index", [](QueueLayout* q) { q->pieces[2].fd_index = 1; }},
       {"negative index", [](QueueLayout* q) { q->pieces[0].fd_index = -1; }},
       {"closed descriptor", [](QueueLayout* q) { q->fds[0].reset(); }},
+      {"two descriptors", [](QueueLayout* q) { q->fds.push_back(Memory(kRegion)); }},
+      {"negative offset", [](QueueLayout* q) { q->pieces[1].offset = -8; }},
+      {"more than an upload", [](QueueLayout* q) { q->pieces[2].extent = (64 << 20) + 1; }},
       {"short counter", [](QueueLayout* q) { q->pieces[1].extent = 4; }},
       {"extent beyond the end", [](QueueLayout* q) { q->pieces[2].extent = INT64_MAX; }},
       {"no data", [](QueueLayout* q) { q->pieces[2].extent = 0; }},
@@ -161,6 +165,27 @@ TEST_F(HalTest, ReadsNoMoreThanTheQueueHolds) {
     EXPECT_FALSE(hal_->StoreQueue(kMallory, kName, c.total));
   }
   EXPECT_TRUE(ListFiles(temp_.path()).empty());
+}
+
+// The most memory that this process has had, in bytes.
+int64_t MostMemory() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return int64_t{usage.ru_maxrss} * 1024;
+}
+
+TEST_F(HalTest, CopiesAnUploadInPieces) {
+  constexpr int64_t kBytes = 48 << 20;
+  QueueLayout layout = Queue(Upload(0, 0, 34));
+  const uint64_t counters[] = {100, 100 + kBytes};
+  ASSERT_EQ(ftruncate(layout.fds[0].get(), 16 + kBytes), 0);
+  ASSERT_EQ(pwrite(layout.fds[0].get(), counters, 16, 0), 16);
+  layout.pieces[2].extent = kBytes;
+  const int64_t before = MostMemory();
+  ASSERT_TRUE(hal_->ConfigureQueue(kRadio, std::move(layout)));
+  EXPECT_TRUE(StoreQueue(kRadio, kBytes));
+  EXPECT_LT(MostMemory() - before, 16 << 20);
+  EXPECT_GE(hal_->spool().StoredBytes(), uint64_t{kBytes});
 }
 
 TEST_F(HalTest, BoundsTheQueuesThatNobodyReads) {
@@ -217,8 +242,8 @@ TEST_F(HalTest, OutlivesAClientThatShrinksItsRegion) {
   const UniqueFd client_side(dup(fd.get()));
   const uint32_t token = hal_->AddChannel(kMallory, std::move(fd), 0, 8, {});
   ASSERT_EQ(ftruncate(client_side.get(), 0), 0);
-  EXPECT_EQ(StoreSlot(kMallory, static_cast<int32_t>(token)), -EINVAL);
-  EXPECT_TRUE(log_.Contains("it lies outside the region, or the region has shrunk"));
+  EXPECT_EQ(StoreSlot(kMallory, static_cast<int32_t>(token)), -EIO);
+  EXPECT_TRUE(log_.Contains("could not be stored: Input/output error"));
 }
 
 TEST_F(HalTest, ForgetsChannelsThatAreClosedOrDead) {
