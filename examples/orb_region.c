@@ -4,6 +4,7 @@
  * own, announces each one and waits until the receiver has copied it. For
  * daemons whose data already lies in shared memory.
  */
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -85,9 +86,20 @@ static int announce_pieces(kiv_fd_handle_s* handle, uint8_t* region) {
   return -1;
 }
 
+/* Memory that keeps its size, which the receiver insists on. */
+static int create_region(void) {
+  const int fd = memfd_create("orb-region", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  if (fd >= 0 && ftruncate(fd, REGION_BYTES) == 0 &&
+      fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) == 0) {
+    return fd;
+  }
+  if (fd >= 0) close(fd);
+  return -1;
+}
+
 static int run(kiv_collector* c) {
-  const int fd = memfd_create("orb-region", MFD_CLOEXEC);
-  if (fd < 0 || ftruncate(fd, REGION_BYTES) != 0) {
+  const int fd = create_region();
+  if (fd < 0) {
     perror("orb-region: memory");
     return -1;
   }

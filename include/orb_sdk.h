@@ -260,8 +260,11 @@ KIV_API int kiv_is_kpi_enabled(kiv_collector* c, uint32_t kpi_id);
  * is not called for the pieces that a receiver had when it died.
  *
  * @param c       the collector.
- * @param fd      descriptor of shared memory (ashmem, memfd or a file) that can be
- *                read; stays the caller's, and open until kiv_unset_fd.
+ * @param fd      descriptor of shared memory that can be read; stays the caller's, and
+ *                open until kiv_unset_fd. Android: ashmem or memfd. Linux: a memfd that
+ *                cannot shrink, made with MFD_ALLOW_SEALING and, once it has its size,
+ *                sealed with fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK); the receiver refuses
+ *                any other, and its log says so.
  * @param offset  first byte of the region.
  * @param length  its bytes, at least 1; all of them must be there.
  * @param done    called for each piece that was consumed; may be null.

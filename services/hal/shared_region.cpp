@@ -11,9 +11,14 @@ namespace orb::hal {
 
 std::shared_ptr<const SharedRegion> SharedRegion::Open(UniqueFd fd, int64_t offset, int64_t length,
                                                        std::string* why) {
+  const int seals = fd.ok() ? fcntl(fd.get(), F_GET_SEALS) : -1;
   struct stat info {};
-  if (!fd.ok() || fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
-    *why = "the descriptor is no shared memory";
+  if (seals < 0 || fstat(fd.get(), &info) != 0) {
+    *why = "the descriptor is no shared memory; make it with memfd_create";
+    return nullptr;
+  }
+  if ((static_cast<unsigned>(seals) & F_SEAL_SHRINK) == 0) {
+    *why = "the memory may shrink; make it with MFD_ALLOW_SEALING and add F_SEAL_SHRINK";
     return nullptr;
   }
   const int flags = fcntl(fd.get(), F_GETFL);

@@ -1,6 +1,7 @@
-// Memory that a client shares by descriptor, read without mapping it: a client
-// that shrinks its region makes a read come up short here, where a mapped one
-// would end the process with a bus error.
+// Memory that a client shares by descriptor. Only a memfd that is sealed against
+// shrinking counts: a read of it neither waits, as one of a file system that the client
+// serves itself would, nor comes up short. It is read without mapping it, so that no
+// fault of it can end the process.
 #pragma once
 
 #include <cstdint>
@@ -17,8 +18,8 @@ namespace orb::hal {
 class SharedRegion {
  public:
   // Takes the descriptor. `offset` and `length` are the shared part, in bytes.
-  // Null, with the reason in *why, unless it is a readable file that holds
-  // that part.
+  // Null, with the reason and the remedy in *why, unless it is readable memory that
+  // cannot shrink and holds that part.
   static std::shared_ptr<const SharedRegion> Open(UniqueFd fd, int64_t offset, int64_t length,
                                                   std::string* why);
 
@@ -29,7 +30,7 @@ class SharedRegion {
     return offset <= length_bytes_ && size <= length_bytes_ - offset;
   }
   // Fills `out` with the bytes from `offset` of the shared part on. False when that
-  // leaves the part, or the file has become shorter.
+  // leaves the part, or the memory cannot be read.
   bool Read(uint64_t offset, std::span<uint8_t> out) const;
 
  private:

@@ -3,6 +3,7 @@
 
 #include <aidl/vendor/nuv/orbsyshal_aidl/BnOrbFdCallback.h>
 #include <android/binder_manager.h>
+#include <cutils/ashmem.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -34,10 +35,11 @@ constexpr const char* kFile = "/up/7/radio.42/0000000003-0000000000005.orb";
 const Bytes kHeader = Upload(3, 5, 0);
 const Bytes kRegion = {'0', '1', '2', '3', '4', '5', '6', '7'};
 
-UniqueFd Memory(const Bytes& content) {
-  UniqueFd fd(memfd_create("test", MFD_CLOEXEC));
+UniqueFd Memory(const Bytes& content, int seals = F_SEAL_SHRINK) {
+  UniqueFd fd(memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING));
   EXPECT_EQ(pwrite(fd.get(), content.data(), content.size(), 0),
             static_cast<ssize_t>(content.size()));
+  EXPECT_EQ(fcntl(fd.get(), F_ADD_SEALS, seals), 0);
   return fd;
 }
 
@@ -122,6 +124,7 @@ TEST_F(HalTest, RefusesQueuesThatAreNotWhatTheyClaim) {
       {"another's index", [](QueueLayout* q) { q->pieces[2].fd_index = 1; }},
       {"negative index", [](QueueLayout* q) { q->pieces[0].fd_index = -1; }},
       {"closed descriptor", [](QueueLayout* q) { q->fds[0].reset(); }},
+      {"memory that may shrink", [](QueueLayout* q) { q->fds[0] = Memory(Bytes(200), 0); }},
       {"two descriptors", [](QueueLayout* q) { q->fds.push_back(Memory(kRegion)); }},
       {"negative offset", [](QueueLayout* q) { q->pieces[1].offset = -8; }},
       {"more than an upload", [](QueueLayout* q) { q->pieces[2].extent = (64 << 20) + 1; }},
@@ -154,7 +157,6 @@ TEST_F(HalTest, ReadsNoMoreThanTheQueueHolds) {
       {"nothing", 0, {}},
       {"written more than fits", 100, set_written(101)},
       {"written less than read", 100, set_written(UINT64_MAX)},
-      {"shrunk after it was configured", 100, [](int fd) { EXPECT_EQ(ftruncate(fd, 50), 0); }},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.what);
@@ -237,15 +239,6 @@ TEST_F(HalTest, RefusesSlotsOutsideTheRegionAndOfOthers) {
   ASSERT_TRUE(WaitConfirmed(1));
 }
 
-TEST_F(HalTest, OutlivesAClientThatShrinksItsRegion) {
-  UniqueFd fd = Memory(kRegion);
-  const UniqueFd client_side(dup(fd.get()));
-  const uint32_t token = hal_->AddChannel(kMallory, std::move(fd), 0, 8, {});
-  ASSERT_EQ(ftruncate(client_side.get(), 0), 0);
-  EXPECT_EQ(StoreSlot(kMallory, static_cast<int32_t>(token)), -EIO);
-  EXPECT_TRUE(log_.Contains("could not be stored: Input/output error"));
-}
-
 TEST_F(HalTest, ForgetsChannelsThatAreClosedOrDead) {
   const int32_t closed = Channel(kRadio);
   const int32_t dead = Channel(kRadio);
@@ -282,6 +275,10 @@ TEST_F(HalTest, ServesOthersWhileOneClientNeverTakesNote) {
       hal_->channels().FinishBy(std::chrono::steady_clock::now() + std::chrono::seconds(20)));
 }
 
+UniqueFd WriteOnly(const UniqueFd& memory) {
+  return UniqueFd(open(("/proc/self/fd/" + std::to_string(memory.get())).c_str(), O_WRONLY));
+}
+
 TEST(SharedRegionTest, RefusesWhatIsNoSharedMemory) {
   const orb::test::TempDir temp;
   const std::string path = temp.path() + "/file";
@@ -295,7 +292,9 @@ TEST(SharedRegionTest, RefusesWhatIsNoSharedMemory) {
   Case cases[] = {
       {"none", UniqueFd(), 0, 4},
       {"directory", UniqueFd(open("/", O_RDONLY | O_DIRECTORY)), 0, 4},
-      {"cannot be read", UniqueFd(open(path.c_str(), O_WRONLY)), 0, 4},
+      {"file", UniqueFd(open(path.c_str(), O_RDONLY)), 0, 4},
+      {"memory that may shrink", Memory(kRegion, F_SEAL_GROW | F_SEAL_WRITE), 0, 4},
+      {"cannot be read", WriteOnly(Memory(kRegion)), 0, 4},
       {"no length", Memory(kRegion), 0, 0},
       {"negative offset", Memory(kRegion), -4, 4},
       {"offset behind the end", Memory(kRegion), 9, 1},
@@ -308,6 +307,9 @@ TEST(SharedRegionTest, RefusesWhatIsNoSharedMemory) {
     EXPECT_EQ(SharedRegion::Open(std::move(c.fd), c.offset, c.length, &why), nullptr);
     EXPECT_NE(why, "");
   }
+  std::string why;
+  UniqueFd region(ashmem_create_region("region", 4096));
+  EXPECT_NE(SharedRegion::Open(std::move(region), 0, 4096, &why), nullptr) << why;
 }
 
 struct IgnoringCallback : ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbFdCallback {

@@ -3,6 +3,7 @@
 #include "orb_platform/byte_queue.h"
 
 #include <android/log.h>
+#include <cutils/ashmem.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -44,14 +45,10 @@ bool Overlap(const ByteQueue::Grantor& a, const ByteQueue::Grantor& b) {
   return static_cast<size_t>(a.offset) < End(b) && static_cast<size_t>(b.offset) < End(a);
 }
 
-// A memfd of that size which keeps it.
+// Memory of that size which keeps it.
 ::ndk::ScopedFileDescriptor MakeMemory(size_t bytes) {
-  ::ndk::ScopedFileDescriptor fd(memfd_create("MessageQueue", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-  if (fd.get() < 0 || ftruncate(fd.get(), static_cast<off_t>(bytes)) != 0 ||
-      fcntl(fd.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0) {
-    QUEUE_LOGE("Cannot make queue memory of %zu bytes: errno %d", bytes, errno);
-    return ::ndk::ScopedFileDescriptor();
-  }
+  ::ndk::ScopedFileDescriptor fd(ashmem_create_region("MessageQueue", bytes));
+  if (fd.get() < 0) QUEUE_LOGE("Cannot make queue memory of %zu bytes: errno %d", bytes, errno);
   return fd;
 }
 
