@@ -74,6 +74,18 @@ TEST_F(RecordPrinterTest, CsvFieldsFitASpreadsheet) {
   EXPECT_NE(line.find("61,data_hex is cut to 16000 bytes\n"), std::string::npos);
 }
 
+// Folders are named by clients.
+TEST_F(RecordPrinterTest, FilesDriveNoTerminal) {
+  for (const RecordFormat format : {RecordFormat::kText, RecordFormat::kCsv, RecordFormat::kJson}) {
+    std::ostringstream out;
+    const auto printer = RecordPrinter::Create(format, &out, nullptr);
+    printer->BeginSource({"a\x1b\xC2\x9B[2J.orb", 0, 0, 0});
+    printer->Print(Record("counters { }"));
+    EXPECT_EQ(out.str().find_first_of("\x1b\x9b"), std::string::npos) << out.str();
+    EXPECT_NE(out.str().find("[2J.orb"), std::string::npos);
+  }
+}
+
 TEST_F(RecordPrinterTest, PrintsEveryKindInEveryFormat) {
   std::string json;
   for (const char* line :

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tools/orbctl/record_formats.h"
+#include "utility/terminal_text.h"
 
 namespace orb::orbctl {
 namespace {
@@ -78,8 +79,8 @@ class CsvPrinter : public RecordPrinter {
   }
 
   void BeginSource(const RecordSource& source) override {
-    source_ = fmt::format("{},{},{},{}", Field(source.file), source.campaign_id, source.lic_sn,
-                          source.seqno);
+    source_ = fmt::format("{},{},{},{}", Field(TerminalText(source.file, "\r\n")),
+                          source.campaign_id, source.lic_sn, source.seqno);
   }
 
   void Print(const PayloadRecord& record) override {

@@ -81,8 +81,8 @@ class JsonPrinter : public RecordPrinter {
     }
     const std::string note = NoteFor(record, campaign_);
     if (!note.empty()) object["note"] = note;
-    // A file name need not be UTF-8.
-    out_ << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+    // A file name need not be UTF-8, and may hold what drives a terminal.
+    out_ << object.dump(-1, ' ', true, Json::error_handler_t::replace) << '\n';
   }
 
   void PrintSalvage(const SalvageReport& report) override {
@@ -99,7 +99,7 @@ class JsonPrinter : public RecordPrinter {
     }
     Json object = source_;
     object["salvage"] = std::move(salvage);
-    out_ << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+    out_ << object.dump(-1, ' ', true, Json::error_handler_t::replace) << '\n';
   }
 
  private:

@@ -1,6 +1,5 @@
 #include "tools/orbctl/output.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -8,6 +7,7 @@
 #include <system_error>
 
 #include "utility/error_text.h"
+#include "utility/terminal_text.h"
 
 namespace orb::orbctl {
 namespace {
@@ -19,11 +19,7 @@ struct CloseFile {
 }  // namespace
 
 void PrintError(const std::string& text) {
-  std::string line = text;
-  std::replace_if(
-      line.begin(), line.end(),
-      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '?');
-  static_cast<void>(fprintf(stderr, "orbctl: %s\n", line.c_str()));
+  static_cast<void>(fprintf(stderr, "orbctl: %s\n", TerminalText(text).c_str()));
 }
 
 int Fail(const std::string& text) {

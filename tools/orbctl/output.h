@@ -11,7 +11,7 @@ inline constexpr int kOk = 0;
 inline constexpr int kFailed = 1;  // Refused, or failed.
 inline constexpr int kUsage = 2;
 
-// Prints "orbctl: TEXT" to standard error; control characters become "?".
+// Prints "orbctl: TEXT" to standard error; what could drive a terminal becomes "?".
 void PrintError(const std::string& text);
 // The same; returns kFailed.
 int Fail(const std::string& text);

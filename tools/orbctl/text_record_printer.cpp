@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tools/orbctl/record_formats.h"
+#include "utility/terminal_text.h"
 
 namespace orb::orbctl {
 namespace {
@@ -65,8 +66,8 @@ class TextPrinter : public RecordPrinter {
   void BeginSource(const RecordSource& source) override {
     if (!first_) out_ << '\n';
     first_ = false;
-    out_ << fmt::format("{}: LicSN {}, campaign {}, upload {}\n", source.file, source.lic_sn,
-                        source.campaign_id, source.seqno);
+    out_ << fmt::format("{}: LicSN {}, campaign {}, upload {}\n", TerminalText(source.file),
+                        source.lic_sn, source.campaign_id, source.seqno);
     heading_due_ = true;
   }
 

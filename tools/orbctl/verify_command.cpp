@@ -11,6 +11,7 @@
 #include "tools/orbctl/output.h"
 #include "tools/orbctl/private_keys.h"
 #include "tools/orbctl/spool_check.h"
+#include "utility/terminal_text.h"
 
 namespace orb::orbctl {
 namespace {
@@ -21,7 +22,7 @@ using Json = nlohmann::ordered_json;
 constexpr char kIncoming[] = ".incoming";  // Where orb-hald writes what it then renames.
 
 void Print(const Json& object, std::ostream* out) {
-  *out << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+  *out << object.dump(-1, ' ', true, Json::error_handler_t::replace) << '\n';
 }
 
 void PrintJson(const SpoolCheck& check, std::ostream* out) {
@@ -43,7 +44,8 @@ void PrintJson(const SpoolCheck& check, std::ostream* out) {
 
 void PrintText(const SpoolCheck& check, std::ostream* out) {
   for (const Finding& finding : check.findings()) {
-    *out << fmt::format("{:<8} {}: {}\n", KindName(finding.kind), finding.where, finding.text);
+    *out << fmt::format("{:<8} {}: {}\n", KindName(finding.kind), TerminalText(finding.where),
+                        TerminalText(finding.text));
   }
   *out << fmt::format("{} clients, {} uploads, {} findings\n", check.clients(), check.uploads(),
                       check.findings().size());
