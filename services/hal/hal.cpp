@@ -31,7 +31,7 @@ bool Hal::StoreQueue(const Caller& caller, const std::string& name, int32_t tota
          queue == nullptr ? "no queue is configured" : "the queue does not hold it");
     return false;
   }
-  return spool_->Store(name, upload);
+  return MayStore(caller, name) && spool_->Store(name, upload);
 }
 
 uint32_t Hal::AddChannel(const Caller& caller, UniqueFd fd, int32_t offset, int32_t length,
@@ -73,6 +73,7 @@ int32_t Hal::StoreSlot(const Caller& caller, const std::string& name,
         const uint64_t of_slot = from + of_header - header.size();
         return region.Read(start + of_slot, piece.subspan(of_header));
       }};
+  if (!MayStore(caller, name)) return -EACCES;
   if (!spool_->Store(name, upload)) return -EIO;
   if (!channel->Confirm(static_cast<uint32_t>(token), static_cast<uint32_t>(offset),
                         static_cast<uint32_t>(size))) {

@@ -11,6 +11,7 @@
 
 #include "services/hal/caller.h"
 #include "services/hal/channel_table.h"
+#include "services/hal/folder_owners.h"
 #include "services/hal/payload_queue.h"
 #include "services/hal/spool.h"
 #include "utility/unique_fd.h"
@@ -20,8 +21,9 @@ namespace orb::hal {
 // Thread-safe. Refusals are logged with the caller.
 class Hal {
  public:
-  // Takes the spool.
-  explicit Hal(std::unique_ptr<Spool> spool) : spool_(std::move(spool)) {}
+  // Takes both. Without owners anybody may store in any folder.
+  explicit Hal(std::unique_ptr<Spool> spool, std::unique_ptr<FolderOwners> owners = nullptr)
+      : spool_(std::move(spool)), owners_(std::move(owners)) {}
 
   // The queue of the caller's next payload, in place of an earlier one.
   bool ConfigureQueue(const Caller& caller, QueueLayout queue);
@@ -45,7 +47,12 @@ class Hal {
   ChannelTable& channels() { return channels_; }
 
  private:
+  bool MayStore(const Caller& caller, const std::string& name) {
+    return owners_ == nullptr || owners_->Admit(caller, name);
+  }
+
   const std::unique_ptr<Spool> spool_;
+  const std::unique_ptr<FolderOwners> owners_;
   PendingQueues queues_;
   ChannelTable channels_;
 };

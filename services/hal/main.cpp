@@ -18,18 +18,26 @@ int main(int argc, char** argv) {
   app.add_option("--max-bytes", max_bytes,
                  "Most bytes of uploads to keep; the oldest go first (0: no limit)")
       ->type_name("N");
+  size_t folders_per_user = orb::hal::FolderOwners::kFoldersPerUser;
+  app.add_option("--folders-per-user", folders_per_user, "Most folders of one user")
+      ->capture_default_str()
+      ->check(CLI::Range(size_t{1}, orb::hal::FolderOwners::kMaxFolders))
+      ->type_name("N");
   const int code = orb::services::ParseCommandLine(&app, argc, argv);
   if (code >= 0) return code;
 
   orb::services::ServiceHost host;
   std::string error;
   std::unique_ptr<orb::hal::Spool> spool = orb::hal::Spool::Open(directory, max_bytes, &error);
-  if (spool == nullptr) {
+  std::unique_ptr<orb::hal::FolderOwners> owners =
+      spool == nullptr ? nullptr
+                       : orb::hal::FolderOwners::Open(directory, &error, folders_per_user);
+  if (owners == nullptr) {
     static_cast<void>(fprintf(stderr, "orb-hald: %s\n", error.c_str()));
     return 1;
   }
   LOGI("%s holds %" PRIu64 " bytes", directory.c_str(), spool->StoredBytes());
-  const auto hal = std::make_shared<orb::hal::Hal>(std::move(spool));
+  const auto hal = std::make_shared<orb::hal::Hal>(std::move(spool), std::move(owners));
   const auto service = ::ndk::SharedRefBase::make<orb::hal::OrbsyshalService>(hal);
   host.Add(
       orb::hal::kHalServiceName,

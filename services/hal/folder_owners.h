@@ -1,0 +1,57 @@
+// Which user stores in which folder of the spool: the one that stored there first.
+//
+// folder := the first two folders of an upload's name, "up/CLIENT-ID"
+// file   := (UID " " folder "\n")*        SPOOL/.owners, replaced whole
+//
+// Readers and the quota remove uploads and folders; a folder's user outlives both. Whoever
+// runs the system releases a folder by deleting its line while no HAL runs.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "services/hal/caller.h"
+#include "utility/thread_annotations.h"
+#include "utility/unique_fd.h"
+
+namespace orb::hal {
+
+// Thread-safe.
+class FolderOwners {
+ public:
+  // Folders that have an owner, of all users and of each; further ones are refused.
+  static constexpr size_t kMaxFolders = 4096;
+  static constexpr size_t kFoldersPerUser = 256;
+
+  // Reads what is kept in the spool. Null, with the reason in *error, when that cannot be
+  // read: it would let anybody in.
+  static std::unique_ptr<FolderOwners> Open(const std::string& spool, std::string* error,
+                                            size_t folders_per_user = kFoldersPerUser);
+
+  // Whether the caller may store under this name, whose folder is its user's from then on.
+  // False after one log line. Root has no other rights. True for a name that the spool
+  // refuses anyway.
+  bool Admit(const Caller& caller, const std::string& name) ORB_EXCLUDES(mutex_);
+
+ private:
+  FolderOwners(UniqueFd spool, size_t folders_per_user)
+      : spool_(std::move(spool)), folders_per_user_(folders_per_user) {}
+
+  int Load() ORB_REQUIRES(mutex_);
+  void Save() ORB_REQUIRES(mutex_);
+  // Empty when the caller may; then the folder is its user's.
+  std::string WhyNot(uid_t user, const std::string& folder) ORB_REQUIRES(mutex_);
+
+  const UniqueFd spool_;
+  const size_t folders_per_user_;
+  Mutex mutex_;
+  std::map<std::string, uid_t> owners_ ORB_GUARDED_BY(mutex_);
+  std::map<uid_t, size_t> folders_ ORB_GUARDED_BY(mutex_);  // Number of each user's.
+};
+
+}  // namespace orb::hal
