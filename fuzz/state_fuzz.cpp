@@ -62,7 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   campaign.set_camp_id(12);
   {
     const std::unique_ptr<StateStore> store = Open(dir.path());
-    FUZZ_CHECK(store->ClientId(newcomer) == 8);
+    std::string why;
+    FUZZ_CHECK(store->ClientId(newcomer, 1000, &why) == 8);
     FUZZ_CHECK(store->SetCampaign(newcomer, campaign));
   }
   const std::unique_ptr<StateStore> store = Open(dir.path());

@@ -41,13 +41,24 @@ void SerialExecutor::Finish() {
   changed_.NotifyAll();
 }
 
+void SerialExecutor::StopAfter(std::function<void()> last) {
+  std::deque<std::function<void()>> dropped;  // Destroyed unlocked, as above.
+  MutexLock lock(mutex_);
+  if (stopping_) return;
+  dropped.swap(tasks_);
+  stopping_ = !running_;
+  finishing_ = true;
+  if (running_) tasks_.push_back(std::move(last));
+  changed_.NotifyAll();
+}
+
 bool SerialExecutor::Pause(std::chrono::milliseconds duration) {
   const auto deadline = std::chrono::steady_clock::now() + duration;
   MutexLock lock(mutex_);
-  while (!stopping_) {
+  while (!stopping_ && !finishing_) {
     if (!changed_.WaitUntil(mutex_, deadline)) break;
   }
-  return !stopping_;
+  return !stopping_ && !finishing_;
 }
 
 bool SerialExecutor::StoppedBy(std::chrono::steady_clock::time_point deadline) {

@@ -30,6 +30,9 @@ class SerialExecutor {
   void Stop() ORB_EXCLUDES(mutex_);
   // Takes no more tasks; those that wait are still run.
   void Finish() ORB_EXCLUDES(mutex_);
+  // Drops the tasks that wait, takes no more, and runs `last` after the running one. Just
+  // stops when there has been no task yet.
+  void StopAfter(std::function<void()> last) ORB_EXCLUDES(mutex_);
 
   // For the running task: waits, and returns false at once when Stop is called.
   bool Pause(std::chrono::milliseconds duration) ORB_EXCLUDES(mutex_);

@@ -14,6 +14,7 @@
 #include "services/manager/campaign_state.h"
 #include "services/manager/control/campaign_size.h"
 #include "utility/log.h"
+#include "utility/terminal_text.h"
 
 namespace orb::manager {
 namespace {
@@ -38,9 +39,7 @@ std::string NewToken() {
 }
 
 bool IsPlainName(const std::string& name) {
-  return !name.empty() && name.size() <= CampaignManager::kMaxNameBytes &&
-         std::none_of(name.begin(), name.end(),
-                      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; });
+  return !name.empty() && name.size() <= CampaignManager::kMaxNameBytes && IsPrintable(name);
 }
 
 class DeathNotice : public IBinder::DeathRecipient {
@@ -75,16 +74,20 @@ CampaignManager::~CampaignManager() {
   }
 }
 
-bool CampaignManager::Register(const KIVClientInfo& info, const sp<IKIVCallback>& callback,
-                               KIVClientId* id) {
+bool CampaignManager::Register(const KIVClientInfo& info, uid_t user,
+                               const sp<IKIVCallback>& callback, KIVClientId* id) {
   const std::string token = NewToken();
   if (!IsPlainName(info.clientName) || callback == nullptr || token.empty()) {
-    LOGE("registration refused: no callback, or a name that is empty, too long or not printable");
+    LOGE(
+        "registration refused to uid %u: no callback, or a name that is empty, too long or not "
+        "printable",
+        user);
     return false;
   }
   const auto client = std::make_shared<RegisteredClient>();
   client->name = info.clientName;
   client->token = token;
+  client->user = user;
   client->type = info.clientType;
   // NOLINTNEXTLINE(bugprone-signed-char-misuse): a number, not a character.
   client->option = info.clientOption;
@@ -110,24 +113,33 @@ bool CampaignManager::Register(const KIVClientInfo& info, const sp<IKIVCallback>
 
 bool CampaignManager::Enter(const Client& client, Client* former) {
   MutexLock lock(mutex_);
-  client->id = store_->ClientId(client->name);
-  if (client->id < 0) {
-    LOGE("registration of %s refused: too many names, or its id cannot be kept",
-         client->name.c_str());
-    return false;
-  }
+  int left = 0;
   retired_.erase(std::remove_if(retired_.begin(), retired_.end(),
-                                [](const Client& gone) {
-                                  return gone->CallsStoppedBy(std::chrono::steady_clock::now());
+                                [&](const Client& gone) {
+                                  const bool stopped =
+                                      gone->CallsStoppedBy(std::chrono::steady_clock::now());
+                                  left += !stopped && gone->name == client->name ? 1 : 0;
+                                  return stopped;
                                 }),
                  retired_.end());
-  *former = FindLocked(client->name);
-  if (*former != nullptr) {
-    by_token_.erase((*former)->token);
-    Retire(*former);
+  std::string why = "its former registrations have not returned from their calls";
+  client->id =
+      left < RegisteredClient::kMaxLeft ? store_->ClientId(client->name, client->user, &why) : -1;
+  if (client->id < 0) {
+    LOGE("registration of %s refused to uid %u: %s", client->name.c_str(), client->user,
+         why.c_str());
+    return false;
   }
+  *former = FindLocked(client->name);
+  if (*former != nullptr) Displace(*former);
   by_token_[client->token] = client;
   return true;
+}
+
+void CampaignManager::Displace(const Client& client) {
+  by_token_.erase(client->token);
+  client->Replace([raw = client.get()] { StopReplaced(raw); });
+  retired_.push_back(client);
 }
 
 void CampaignManager::LeaveTo(const Client& former) {
@@ -290,6 +302,24 @@ ControlReply CampaignManager::StopCampaign(const std::string& name) {
   }
   if (!store_->ClearCampaign(name)) return NotSaved();
   return Reply(ControlReply::DONE, name + " is not connected; its campaign will not start again");
+}
+
+ControlReply CampaignManager::ForgetClient(const std::string& name, bool force) {
+  Client client;
+  {
+    MutexLock lock(mutex_);
+    client = FindLocked(name);
+    if (client != nullptr && !force) {
+      return Reply(ControlReply::REFUSED,
+                   name + " is connected; end its daemon first, or give --force");
+    }
+    if (!store_->Knows(name)) return NotThere(name);
+    if (!store_->Forget(name)) return NotSaved();
+    if (client != nullptr) Displace(client);
+  }
+  if (client != nullptr) IInterface::asBinder(client->callback)->unlinkToDeath(client->death);
+  LOGI("client %s is forgotten", name.c_str());
+  return Reply(ControlReply::DONE, "");
 }
 
 ControlReply CampaignManager::SetLicSn(const std::string& name, int64_t lic_sn, bool run) {

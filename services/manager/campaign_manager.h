@@ -7,6 +7,7 @@
 #pragma once
 
 #include <orb_platform/lost_buses.h>
+#include <sys/types.h>
 
 #include <chrono>
 #include <functional>
@@ -55,9 +56,10 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   // Waits for calls that clients have not answered.
   ~CampaignManager();
 
-  // Makes a client known, in place of an earlier one of that name, and gives it
-  // its campaign back soon. False for a name that is refused (logged).
-  bool Register(const KIVClientInfo& info, const android::sp<IKIVCallback>& callback,
+  // Makes a client of this user known, in place of an earlier one of that name, which is
+  // told to stop, and gives it its campaign back soon. False, and logged, for a name that
+  // is no name or another user's, and when there are too many.
+  bool Register(const KIVClientInfo& info, uid_t user, const android::sp<IKIVCallback>& callback,
                 KIVClientId* id) ORB_EXCLUDES(mutex_);
   // Forgets the registration; the campaign stays on disk. False: no such token.
   bool Deregister(const std::string& token) ORB_EXCLUDES(mutex_);
@@ -71,6 +73,7 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   ControlReply StopCampaign(const std::string& name);
   ControlReply ReleaseCampaign(const std::string& name);
   ControlReply SetLicSn(const std::string& name, int64_t lic_sn, bool run);
+  ControlReply ForgetClient(const std::string& name, bool force) ORB_EXCLUDES(mutex_);
   // Takes the descriptor.
   ControlReply DumpClient(const std::string& name, UniqueFd fd);
 
@@ -81,12 +84,14 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   using Client = std::shared_ptr<RegisteredClient>;
 
   // Gives the client its id and puts it in the place of `former`, if there is one, in one
-  // step. False when it gets no id (logged).
+  // step. False when it gets none (logged).
   bool Enter(const Client& client, Client* former) ORB_EXCLUDES(mutex_);
   Client Find(const std::string& name) ORB_EXCLUDES(mutex_);
   Client FindLocked(const std::string& name) const ORB_REQUIRES(mutex_);
   Client Take(const std::string& token) ORB_EXCLUDES(mutex_);
   void Retire(const Client& client) ORB_REQUIRES(mutex_);
+  // Takes the client's registration away from it, and tells it to stop.
+  void Displace(const Client& client) ORB_REQUIRES(mutex_);
   // Ends a registration that another one has replaced.
   void LeaveTo(const Client& former) ORB_EXCLUDES(mutex_);
   void NoteDeath(const Client& client);
@@ -102,7 +107,10 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   ControlReply Started(RegisteredClient* client, const SavedCampaign& campaign, int32_t result);
   // Starts the campaign that is kept, with the owners stopped that were.
   ControlReply GiveBack(RegisteredClient* client, const SavedCampaign& saved);
+  // Whether the campaign is kept, which that of a client that was replaced is not.
+  bool Keep(const RegisteredClient& client, const SavedCampaign& campaign) ORB_EXCLUDES(mutex_);
   ControlReply Stop(RegisteredClient* client);
+  static void StopReplaced(RegisteredClient* client);
   ControlReply SwitchLicSn(RegisteredClient* client, int64_t lic_sn, bool run);
   ControlReply CallFailed(RegisteredClient* client, const char* call,
                           const android::binder::Status& status);

@@ -38,6 +38,7 @@ ClientRecord RecordOf(const ClientState& state, const RegisteredClient* client) 
   ClientRecord record;
   record.name = state.name();
   record.clientId = state.client_id();
+  if (state.has_owner_uid()) record.ownerUid = state.owner_uid();
   if (state.has_campaign()) {
     record.session =
         InQuarantine(state.campaign()) ? ClientRecord::QUARANTINED : ClientRecord::WAITING;

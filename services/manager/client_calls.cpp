@@ -67,8 +67,24 @@ ControlReply CampaignManager::Started(RegisteredClient* client, const SavedCampa
                  result);
   }
   LOGI("client %s runs campaign %" PRId64, client->name.c_str(), campaign.camp_id());
-  if (store_->SetCampaign(client->name, campaign)) return Reply(ControlReply::DONE, "");
+  if (Keep(*client, campaign)) return Reply(ControlReply::DONE, "");
+  if (client->Replaced()) {
+    return Reply(ControlReply::FAILED, client->name + " has another registration by now");
+  }
   return Reply(ControlReply::DONE, "it runs, but could not be saved: it ends with the manager");
+}
+
+bool CampaignManager::Keep(const RegisteredClient& client, const SavedCampaign& campaign) {
+  MutexLock lock(mutex_);
+  return !client.Replaced() && store_->SetCampaign(client.name, campaign);
+}
+
+void CampaignManager::StopReplaced(RegisteredClient* client) {
+  const SessionState session = client->Session();
+  if (!session.running) return;
+  LOGI("client %s: its former process is told to stop campaign %" PRId64, client->name.c_str(),
+       session.camp_id);
+  static_cast<void>(client->callback->StopSession(client->token, session.camp_id).isOk());
 }
 
 ControlReply CampaignManager::Stop(RegisteredClient* client) {

@@ -37,12 +37,18 @@ int main(int argc, char** argv) {
   app.add_option("--state", state, "Folder that keeps client ids and campaigns")
       ->capture_default_str()
       ->type_name("DIR");
+  size_t names_per_user = orb::manager::StateStore::kNamesPerUser;
+  app.add_option("--names-per-user", names_per_user, "Most client names of one user")
+      ->capture_default_str()
+      ->check(CLI::Range(size_t{1}, orb::manager::StateStore::kMaxClients))
+      ->type_name("N");
   const int code = orb::services::ParseCommandLine(&app, argc, argv);
   if (code >= 0) return code;
 
   orb::services::ServiceHost host;
   std::string error;
-  std::unique_ptr<orb::manager::StateStore> store = orb::manager::StateStore::Open(state, &error);
+  std::unique_ptr<orb::manager::StateStore> store =
+      orb::manager::StateStore::Open(state, &error, names_per_user);
   if (store == nullptr) {
     static_cast<void>(fprintf(stderr, "orb-managerd: %s\n", error.c_str()));
     return 1;

@@ -7,6 +7,7 @@
 
 #include <utility>
 
+#include "services/manager/campaign_state.h"
 #include "utility/log.h"
 
 namespace orb::manager {
@@ -21,7 +22,10 @@ uid_t UidOfCaller() { return android::IPCThreadState::self()->getCallingUid(); }
 Status ManagerService::registerKIVClient(const KIVClientInfo& info,
                                          const android::sp<IKIVCallback>& callback,
                                          KIVClientId* id) {
-  return manager_->Register(info, callback, id)
+  const uid_t caller = caller_();
+  // A name is a user's: nobody can have one who is not known.
+  if (caller == kNoUser) return Status::fromExceptionCode(Status::EX_SECURITY);
+  return manager_->Register(info, caller, callback, id)
              ? Status::ok()
              : Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT);
 }
@@ -76,6 +80,15 @@ Status ControlService::stopCampaign(const std::string& client, ControlReply* rep
 
 Status ControlService::releaseCampaign(const std::string& client, ControlReply* reply) {
   *reply = manager_->ReleaseCampaign(client);
+  return Status::ok();
+}
+
+// The user that the manager runs as is no administrator: a name that is released may be
+// anybody's next.
+Status ControlService::forgetClient(const std::string& client, bool force, ControlReply* reply) {
+  *reply = caller_() == 0
+               ? manager_->ForgetClient(client, force)
+               : Reply(ControlReply::REFUSED, "only root may have a client forgotten; try sudo");
   return Status::ok();
 }
 

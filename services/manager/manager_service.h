@@ -27,8 +27,8 @@ inline constexpr uid_t kNoUser = static_cast<uid_t>(-1);
 // For clients. Any thread.
 class ManagerService : public BnKIVManager {
  public:
-  explicit ManagerService(std::shared_ptr<CampaignManager> manager)
-      : manager_(std::move(manager)) {}
+  explicit ManagerService(std::shared_ptr<CampaignManager> manager, CallerUid caller = UidOfCaller)
+      : manager_(std::move(manager)), caller_(std::move(caller)) {}
 
   android::binder::Status registerKIVClient(const KIVClientInfo& info,
                                             const android::sp<IKIVCallback>& callback,
@@ -41,10 +41,12 @@ class ManagerService : public BnKIVManager {
 
  private:
   const std::shared_ptr<CampaignManager> manager_;
+  const CallerUid caller_;
 };
 
-// For operators: root and the user that the manager runs as; anybody else gets
-// EX_SECURITY before an argument is read. Any thread; blocks for the client's answer.
+// For operators: root and the user that the manager runs as, who may do all but
+// forgetClient; anybody else gets EX_SECURITY before an argument is read. Any thread; blocks for
+// the client's answer.
 class ControlService : public BnOrbControl {
  public:
   explicit ControlService(std::shared_ptr<CampaignManager> manager, CallerUid caller = UidOfCaller)
@@ -57,6 +59,8 @@ class ControlService : public BnOrbControl {
                                         ControlReply* reply) override;
   android::binder::Status stopCampaign(const std::string& client, ControlReply* reply) override;
   android::binder::Status releaseCampaign(const std::string& client, ControlReply* reply) override;
+  android::binder::Status forgetClient(const std::string& client, bool force,
+                                       ControlReply* reply) override;
   android::binder::Status startLicSN(const std::string& client, int64_t lic_sn,
                                      ControlReply* reply) override;
   android::binder::Status stopLicSN(const std::string& client, int64_t lic_sn,

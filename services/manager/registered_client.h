@@ -1,9 +1,13 @@
 // One client that is registered now: how to reach it, and what runs on it.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "ipc/IKIVCallback.h"
 #include "services/common/serial_executor.h"
@@ -28,9 +32,12 @@ class RegisteredClient {
  public:
   static constexpr size_t kMaxWaitingCalls = 64;
   static constexpr size_t kMaxWaitingQuestions = 4;
+  // Former registrations of one name that have not returned from a call: each has a thread.
+  static constexpr int kMaxLeft = 8;
 
   std::string name;
   std::string token;
+  uid_t user = 0;
   int32_t id = 0;
   int32_t type = 0;
   int32_t option = 0;
@@ -52,6 +59,21 @@ class RegisteredClient {
   // For calls that only ask: they do not wait for those that change something,
   // so that a client which hangs in one of these can still be looked into.
   services::SerialExecutor& asking() { return asking_; }
+  // Another registration has taken the name, or it was forgotten: what the client does
+  // from now on is not kept.
+  bool Replaced() const ORB_EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
+    return replaced_;
+  }
+  // Drops the calls that wait, and makes one more after the running one.
+  void Replace(std::function<void()> last) ORB_EXCLUDES(mutex_) {
+    {
+      MutexLock lock(mutex_);
+      replaced_ = true;
+    }
+    executor_.StopAfter(std::move(last));
+    asking_.Stop();
+  }
   // Both of them.
   void StopCalls() {
     executor_.Stop();
@@ -64,6 +86,7 @@ class RegisteredClient {
  private:
   mutable Mutex mutex_;
   SessionState session_ ORB_GUARDED_BY(mutex_);
+  bool replaced_ ORB_GUARDED_BY(mutex_) = false;
   StartWatch watch_;
   services::SerialExecutor executor_{kMaxWaitingCalls};
   services::SerialExecutor asking_{kMaxWaitingQuestions};

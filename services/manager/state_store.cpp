@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -30,6 +31,7 @@ constexpr char kMagic[] = "ORBSTAT1";
 constexpr size_t kMagicBytes = sizeof kMagic - 1;
 constexpr size_t kPrefixBytes = kMagicBytes + sizeof(uint32_t);
 constexpr std::string_view kSuffix = ".client";
+constexpr std::string_view kForgotten = ".client.forgotten";
 // A transaction, and so a campaign, has less than a MiB.
 constexpr size_t kMaxFileBytes = 4U << 20;
 
@@ -57,7 +59,8 @@ bool Parse(const std::vector<uint8_t>& content, ClientState* state) {
 
 }  // namespace
 
-std::unique_ptr<StateStore> StateStore::Open(const std::string& directory, std::string* error) {
+std::unique_ptr<StateStore> StateStore::Open(const std::string& directory, std::string* error,
+                                             size_t names_per_user) {
   std::error_code ec;
   fs::create_directories(directory, ec);
   UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -69,7 +72,7 @@ std::unique_ptr<StateStore> StateStore::Open(const std::string& directory, std::
     *error = directory + " is in use by another process";
     return nullptr;
   }
-  std::unique_ptr<StateStore> store(new StateStore(std::move(fd)));
+  std::unique_ptr<StateStore> store(new StateStore(std::move(fd), names_per_user));
   MutexLock lock(store->mutex_);
   fs::directory_iterator at(directory, ec);
   std::vector<std::string> files;
@@ -80,6 +83,12 @@ std::unique_ptr<StateStore> StateStore::Open(const std::string& directory, std::
   }
   std::sort(files.begin(), files.end());
   for (const std::string& file : files) store->Load(file);
+  for (const std::string& file : files) {
+    // A higher id keeps those below it taken.
+    if (file.ends_with(kForgotten) && IdOf(file) < store->last_id_) {
+      unlinkat(store->directory_.get(), file.c_str(), 0);
+    }
+  }
   return store;
 }
 
@@ -103,19 +112,70 @@ void StateStore::Load(const std::string& file) {
   }
 }
 
-int32_t StateStore::ClientId(const std::string& name) {
+int32_t StateStore::ClientId(const std::string& name, uid_t user, std::string* why) {
   MutexLock lock(mutex_);
   const auto found = clients_.find(name);
-  if (found != clients_.end()) return found->second.client_id();
-  if (clients_.size() >= kMaxClients) return -1;
   ClientState state;
-  state.set_name(name);
-  state.set_client_id(CheckedAdd<int32_t>(last_id_, 1));
-  // An id that is not on disk would be another one after a restart.
-  if (!Save(state)) return -1;
-  last_id_ = state.client_id();
+  if (found != clients_.end()) {
+    state = found->second;
+    if (state.has_owner_uid() && state.owner_uid() == user) return state.client_id();
+    if (state.has_owner_uid()) {
+      *why = "the name belongs to uid " + std::to_string(state.owner_uid()) +
+             "; orbctl client forget releases it";
+      return -1;
+    }
+  } else {
+    *why = WhyNoMore(user);
+    if (!why->empty()) return -1;
+    state.set_name(name);
+    state.set_client_id(CheckedAdd<int32_t>(last_id_, 1));
+  }
+  state.set_owner_uid(user);
+  if (!Save(state)) {
+    // The id, or the user, would be another one after a restart.
+    *why = "the manager cannot write its state";
+    return -1;
+  }
+  last_id_ = std::max(last_id_, state.client_id());
   clients_[name] = state;
-  return last_id_;
+  return state.client_id();
+}
+
+std::string StateStore::WhyNoMore(uid_t user) const {
+  if (clients_.size() >= kMaxClients) {
+    return "all " + std::to_string(kMaxClients) +
+           " names are taken; orbctl client forget releases one";
+  }
+  const auto names =
+      static_cast<size_t>(std::count_if(clients_.begin(), clients_.end(), [&](const auto& client) {
+        return client.second.has_owner_uid() && client.second.owner_uid() == user;
+      }));
+  if (names < names_per_user_) return "";
+  return "the user has " + std::to_string(names) +
+         " names already; orbctl client forget releases one, --names-per-user of orb-managerd "
+         "allows more";
+}
+
+bool StateStore::Forget(const std::string& name) {
+  MutexLock lock(mutex_);
+  const auto found = clients_.find(name);
+  if (found == clients_.end()) return true;
+  const std::string id = std::to_string(found->second.client_id());
+  int error = 0;
+  if (found->second.client_id() == last_id_) {
+    error = services::ReplaceFile(directory_.get(), id + std::string(kForgotten), {});
+  }
+  const std::string file = id + std::string(kSuffix);
+  if (error == 0 && unlinkat(directory_.get(), file.c_str(), 0) != 0 && errno != ENOENT) {
+    error = errno;
+  }
+  if (error == 0 && fsync(directory_.get()) != 0) error = errno;
+  if (error != 0) {
+    LOGE("state %s: cannot be forgotten: %s", file.c_str(), ErrorText(error).c_str());
+    return false;
+  }
+  clients_.erase(found);
+  return true;
 }
 
 bool StateStore::Knows(const std::string& name) const {

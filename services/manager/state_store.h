@@ -4,8 +4,11 @@
 // file := "ORBSTAT1" crc32:u32be ClientState      name := CLIENT_ID ".client"
 //
 // A damaged file is put aside as NAME.damaged and costs only its own client;
-// its id is not given out again.
+// its id is not given out again. Nor is that of a client that was forgotten: the highest
+// of those stays taken by an empty file CLIENT_ID.client.forgotten.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -25,16 +28,23 @@ namespace orb::manager {
 // the order of the calls.
 class StateStore {
  public:
+  // Names that are remembered, of all users and of each; a new one beyond them is refused.
+  static constexpr size_t kMaxClients = 4096;
+  static constexpr size_t kNamesPerUser = 256;
+
   // Takes the directory for this process, creating it when it is not there, and
   // reads what it holds. Null, with the reason in *error, when that is impossible.
-  static std::unique_ptr<StateStore> Open(const std::string& directory, std::string* error);
+  static std::unique_ptr<StateStore> Open(const std::string& directory, std::string* error,
+                                          size_t names_per_user = kNamesPerUser);
 
-  // Names that are remembered; a new one beyond them is refused.
-  static constexpr size_t kMaxClients = 4096;
+  // The id of this client name, the same ever after; a new name gets a new one, and
+  // belongs to the user from then on. -1, with the reason in *why, when the name is another
+  // user's, there are too many names, or the disk did not take the new one.
+  int32_t ClientId(const std::string& name, uid_t user, std::string* why) ORB_EXCLUDES(mutex_);
 
-  // The id of this client name, the same ever after; a new name gets a new one.
-  // -1 when there are too many names, or the disk did not take the new one (logged).
-  int32_t ClientId(const std::string& name) ORB_EXCLUDES(mutex_);
+  // Forgets a known name with its user and campaign. False when the disk did not take it
+  // (logged): then nothing has changed.
+  bool Forget(const std::string& name) ORB_EXCLUDES(mutex_);
 
   // Whether the name ever registered.
   bool Knows(const std::string& name) const ORB_EXCLUDES(mutex_);
@@ -57,12 +67,16 @@ class StateStore {
       ORB_EXCLUDES(mutex_);
 
  private:
-  explicit StateStore(UniqueFd directory) : directory_(std::move(directory)) {}
+  StateStore(UniqueFd directory, size_t names_per_user)
+      : directory_(std::move(directory)), names_per_user_(names_per_user) {}
 
   void Load(const std::string& file) ORB_REQUIRES(mutex_);
+  // Why no further name can be given to the user; empty when one can.
+  std::string WhyNoMore(uid_t user) const ORB_REQUIRES(mutex_);
   bool Save(const ClientState& state) ORB_REQUIRES(mutex_);
 
   const UniqueFd directory_;
+  const size_t names_per_user_;
   mutable Mutex mutex_;
   std::map<std::string, ClientState> clients_ ORB_GUARDED_BY(mutex_);
   int32_t last_id_ ORB_GUARDED_BY(mutex_) = 0;

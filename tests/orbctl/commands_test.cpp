@@ -11,6 +11,7 @@
 #include "tools/orbctl/client_dump.h"
 #include "tools/orbctl/control_client.h"
 #include "tools/orbctl/key_command.h"
+#include "utility/terminal_text.h"
 
 namespace orb::orbctl {
 namespace {
@@ -38,6 +39,7 @@ TEST(ClientCommandTest, ShowsClientsToPeopleAndPrograms) {
   ClientRecord radio;
   radio.name = "radio";
   radio.clientId = 7;
+  radio.ownerUid = 0;
   radio.connected = true;
   radio.connectedSinceMs = 1763716800000;
   radio.session = ClientRecord::RUNNING;
@@ -46,22 +48,28 @@ TEST(ClientCommandTest, ShowsClientsToPeopleAndPrograms) {
   radio.licSNs = {42, -1};
   radio.stoppedLicSNs = {-1};
   ClientRecord away;
-  away.name = "a-longer-name";
+  away.name = "a-longer\x1b[2J";
+  away.ownerUid = 4000000000;
   away.session = ClientRecord::WAITING;
   away.campId = 3;
   ClientRecord dying = away;
   dying.name = "dying";
+  dying.ownerUid = -1;
   dying.session = ClientRecord::QUARANTINED;
   const std::string table = ClientTable({radio, away, dying});
   EXPECT_EQ(table.substr(table.find('\n') + 1),
-            "radio              7  2025-11-21T09:20:00Z  2025-11-21T09:20:01Z  "
+            "radio             7  root        2025-11-21T09:20:00Z  2025-11-21T09:20:01Z  "
             "9 running -18446744073709551615\n"
-            "a-longer-name      0  away                  -                     3 waiting\n"
-            "dying              0  away                  -                     3 quarantined\n");
+            "a-longer?[2J      0  4000000000  away                  -                     "
+            "3 waiting\n"
+            "dying             0  -           away                  -                     "
+            "3 quarantined\n");
   const nlohmann::json json = nlohmann::json::parse(ClientJson({radio}), nullptr, false);
   EXPECT_EQ(json["name"], "radio");
   EXPECT_EQ(json["session"], "running");
   EXPECT_EQ(json["campaign"], 9);
+  EXPECT_EQ(json["owner_uid"], 0);
+  EXPECT_EQ(json["owner"], "root");
   EXPECT_EQ(json["lic_sns"], (std::vector<uint64_t>{42, UINT64_MAX}));
 }
 
@@ -91,6 +99,35 @@ TEST(ClientDumpTest, JsonNestsWhatTheLinesSay) {
             R"({"client":{"name":"a=1 b","id":7,"last_seqno":"none"},)"
             R"("owner":{"42":{"samples":5,"lost":{"hal":{"events":1,"samples":5}}}},)"
             R"("x":{"y":{"":1,"a":""}}})");
+}
+
+TEST(ClientDumpTest, JsonOfAHostileClientIsBounded) {
+  // Each dot would be a level, and each level a call that prints it.
+  EXPECT_EQ(DumpJson("a.b.c.d.e.f.g" + std::string(400000, '.') + "z: 1\n: 2\n").substr(0, 55),
+            R"({"a":{"b":{"c":{"d":{"e":{"f":{"g":{"..................)");
+  std::string many;
+  for (int i = 0; i < 500000; ++i) many += "k" + std::to_string(i) + ": 1\n";
+  std::string items = "k: ";
+  for (int i = 0; i < 500000; ++i) items += "i" + std::to_string(i) + "=1 ";
+  // Objects look their keys up one by one: all of these would take hours.
+  EXPECT_LT(DumpJson(many).size(), 400000U);
+  EXPECT_LT(DumpJson(items).size(), 1000U);
+  EXPECT_EQ(DumpJson("k: \"\x1b[2J\x7f\xC2\x9B\xff\"\n"), R"({"k":"\u001b[2J\u007f\u009b\ufffd"})");
+}
+
+TEST(TerminalTextTest, LeavesNothingThatDrivesATerminal) {
+  const std::pair<std::string_view, const char*> kCases[] = {
+      {"radio \u00e4\u20ac\U0001f4e1", "radio \u00e4\u20ac\U0001f4e1"},
+      {"\x1b[2J\r\b\x7f", "?[2J???"},
+      {"\xC2\x9B", "??"},       // CSI in one character.
+      {"\x9B\xff\xC2", "???"},  // No UTF-8.
+      {"\xC0\xAF", "??"},       // A slash in two bytes.
+      {"\xED\xA0\x80", "???"},  // Half of a surrogate pair.
+      {"\u202egnp", "???gnp"},  // Turns what follows.
+      {"\xF4\x90\x80\x80", "????"},
+      {"a\nb\tc", "a\nb?c"},
+  };
+  for (const auto& [text, shown] : kCases) EXPECT_EQ(TerminalText(text, "\n"), shown);
 }
 
 TEST(KeyCommandTest, MakesAPairThatOnlyItsOwnerReads) {

@@ -37,6 +37,8 @@ KIVCampConfig Campaign(int64_t id) {
   return config;
 }
 
+constexpr uid_t kUser = 1000;
+
 class CampaignManagerTest : public ::testing::Test {
  protected:
   CampaignManagerTest() { Restart(); }
@@ -52,13 +54,14 @@ class CampaignManagerTest : public ::testing::Test {
     timing.lost_buses = [this] { return lost_buses_.load(); };
     manager_ = std::make_shared<CampaignManager>(StateStore::Open(temp_.path(), &error), timing);
   }
-  KIVClientId Register(const std::string& name, const sp<FakeClient>& client, bool want = true) {
+  KIVClientId Register(const std::string& name, const sp<FakeClient>& client, bool want = true,
+                       uid_t user = kUser) {
     KIVClientInfo info;
     info.clientName = name;
     info.clientType = 3;
     info.clientOption = -1;
     KIVClientId id;
-    EXPECT_EQ(manager_->Register(info, client, &id), want);
+    EXPECT_EQ(manager_->Register(info, user, client, &id), want);
     return id;
   }
   ControlReply Start(const std::string& name, int64_t id = 9) {
@@ -136,8 +139,101 @@ TEST_F(CampaignManagerTest, RefusesHostileRegistrations) {
   for (const std::string& name : {std::string(), std::string("a\nb"), long_name}) {
     Register(name, client_, false);
   }
+  Register("a\xC2\x9B", client_, false);
   Register("radio", nullptr, false);
-  EXPECT_EQ(log_.Count("registration refused: "), 4U);
+  EXPECT_EQ(log_.Count("registration refused to uid 1000: "), 5U);
+}
+
+TEST_F(CampaignManagerTest, AnotherUserCannotTakeAName) {
+  const std::string token = Register("radio", client_).token;
+  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  const sp<FakeClient> thief = new FakeClient();
+  Register("radio", thief, false, kUser + 1);
+  EXPECT_TRUE(
+      log_.Contains("registration of radio refused to uid 1001: the name belongs to uid "
+                    "1000; orbctl client forget releases it"));
+  manager_->Deregister(token);
+  Register("radio", thief, false, kUser + 1);
+  EXPECT_EQ(Record("radio").ownerUid, kUser);
+  Register("radio", client_);
+  EXPECT_TRUE(WaitSession("radio", ClientRecord::RUNNING));
+  EXPECT_TRUE(thief->Calls().empty());
+}
+
+// A process that records unseen would go on for ever.
+TEST_F(CampaignManagerTest, TellsAFormerProcessToStop) {
+  const std::string token = Register("radio", client_).token;
+  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  const sp<FakeClient> second = new FakeClient();
+  Register("radio", second);
+  EXPECT_TRUE(WaitFor([&] { return client_->Calls().back() == "stop " + token + " 9"; }));
+  ASSERT_TRUE(WaitSession("radio", ClientRecord::RUNNING)) << "the second one, meanwhile";
+
+  // One that is in its start is stopped after it, and its campaign is not kept.
+  const sp<FakeClient> third = new FakeClient();
+  std::promise<void> entered;
+  std::promise<void> release;
+  ASSERT_EQ(manager_->StopCampaign("radio").status, ControlReply::DONE);
+  const std::string late = Register("radio", third).token;
+  third->OnStart([&] {
+    entered.set_value();
+    release.get_future().wait();
+    return 0;
+  });
+  auto start = std::async(std::launch::async, [&] { return Start("radio", 10); });
+  entered.get_future().wait();
+  Register("radio", second);
+  release.set_value();
+  EXPECT_EQ(start.get().message, "radio has another registration by now");
+  EXPECT_TRUE(WaitFor([&] { return third->Calls().back() == "stop " + late + " 10"; }));
+  EXPECT_EQ(Record("radio").session, ClientRecord::NONE);
+}
+
+TEST_F(CampaignManagerTest, BoundsTheProcessesOfANameThatHang) {
+  std::promise<void> release;
+  const auto released = release.get_future().share();
+  Register("radio", client_);
+  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  for (int i = 0; i <= RegisteredClient::kMaxLeft; ++i) {
+    const sp<FakeClient> hung = new FakeClient();
+    std::atomic<bool> entered{false};
+    hung->OnStart([&, released] {
+      entered = true;
+      released.wait();
+      return 0;
+    });
+    Register("radio", hung);
+    ASSERT_TRUE(WaitFor([&] { return entered.load(); }));
+  }
+  Register("radio", client_, false);
+  EXPECT_TRUE(log_.Contains("its former registrations have not returned from their calls"));
+  Register("gps", client_);
+  release.set_value();
+}
+
+TEST_F(CampaignManagerTest, ForgetsAClientForRoot) {
+  const auto forget = [&](uid_t caller, const char* name, bool force = false) {
+    ControlReply reply;
+    const sp<ControlService> control = new ControlService(manager_, [&] { return caller; });
+    EXPECT_TRUE(control->forgetClient(name, force, &reply).isOk());
+    return reply.message;
+  };
+  const KIVClientId first = Register("radio", client_);
+  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  EXPECT_EQ(forget(kUser, "radio", true), "only root may have a client forgotten; try sudo");
+  EXPECT_EQ(forget(0, "gps"), "no client is called gps; see orbctl client list");
+  EXPECT_EQ(forget(0, "radio"), "radio is connected; end its daemon first, or give --force");
+  EXPECT_EQ(forget(0, "radio", true), "");
+  EXPECT_TRUE(WaitFor([&] { return client_->Calls().back() == "stop " + first.token + " 9"; }));
+  EXPECT_TRUE(manager_->ListClients().empty());
+  EXPECT_FALSE(manager_->Deregister(first.token));
+
+  const KIVClientId second = Register("radio", client_, true, kUser + 1);
+  EXPECT_GT(second.clientId, first.clientId);
+  EXPECT_EQ(Record("radio").ownerUid, kUser + 1);
+  EXPECT_EQ(Record("radio").session, ClientRecord::NONE);
+  manager_->Deregister(second.token);
+  EXPECT_EQ(forget(0, "radio"), "");
 }
 
 TEST_F(CampaignManagerTest, OneNameHasOneRegistrationHoweverManyComeAtOnce) {

@@ -2,8 +2,10 @@
 #include "tools/orbctl/client_command.h"
 
 #include <fmt/format.h>
+#include <pwd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <ctime>
 #include <iterator>
@@ -11,6 +13,7 @@
 
 #include "tools/orbctl/control_client.h"
 #include "tools/orbctl/output.h"
+#include "utility/terminal_text.h"
 
 namespace orb::orbctl {
 namespace {
@@ -45,6 +48,16 @@ std::string TimeText(int64_t ms) {
   return text;
 }
 
+// The user's name; its number when the system knows none, and "-" when there is no owner.
+std::string OwnerText(int64_t uid) {
+  if (uid < 0) return "-";
+  passwd entry{};
+  passwd* found = nullptr;
+  std::array<char, 4096> text{};
+  const int error = getpwuid_r(static_cast<uid_t>(uid), &entry, text.data(), text.size(), &found);
+  return error == 0 && found != nullptr ? found->pw_name : std::to_string(uid);
+}
+
 std::string CampaignText(const ClientRecord& client) {
   if (client.session == ClientRecord::NONE) return "-";
   std::string text = fmt::format("{} {}", client.campId, SessionName(client.session));
@@ -63,10 +76,12 @@ std::vector<uint64_t> Unsigned(const std::vector<int64_t>& lic_sns) {
 std::string ClientTable(const std::vector<ClientRecord>& clients) {
   size_t width = 6;
   for (const ClientRecord& client : clients) width = std::max(width, client.name.size());
-  std::string table = fmt::format("{:<{}}  {:>5}  {:<20}  {:<20}  {}\n", "CLIENT", width, "ID",
-                                  "CONNECTED", "SESSION SINCE", "CAMPAIGN");
+  constexpr const char* kRow = "{:<{}}  {:>5}  {:<10}  {:<20}  {:<20}  {}\n";
+  std::string table =
+      fmt::format(kRow, "CLIENT", width, "ID", "OWNER", "CONNECTED", "SESSION SINCE", "CAMPAIGN");
   for (const ClientRecord& client : clients) {
-    table += fmt::format("{:<{}}  {:>5}  {:<20}  {:<20}  {}\n", client.name, width, client.clientId,
+    table += fmt::format(kRow, TerminalText(client.name), width, client.clientId,
+                         OwnerText(client.ownerUid),
                          client.connected ? TimeText(client.connectedSinceMs) : "away",
                          TimeText(client.sessionSinceMs), CampaignText(client));
   }
@@ -79,6 +94,8 @@ std::string ClientJson(const std::vector<ClientRecord>& clients) {
     Json object;
     object["name"] = client.name;
     object["id"] = client.clientId;
+    object["owner_uid"] = client.ownerUid < 0 ? Json() : Json(client.ownerUid);
+    object["owner"] = client.ownerUid < 0 ? Json() : Json(OwnerText(client.ownerUid));
     object["type"] = client.clientType;
     object["option"] = client.clientOption;
     object["connected"] = client.connected;
@@ -89,7 +106,7 @@ std::string ClientJson(const std::vector<ClientRecord>& clients) {
     object["last_result"] = client.lastResult;
     object["lic_sns"] = Unsigned(client.licSNs);
     object["stopped_lic_sns"] = Unsigned(client.stoppedLicSNs);
-    lines += object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+    lines += object.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n";
   }
   return lines;
 }
@@ -109,6 +126,15 @@ int ListClients(bool all, bool json) {
   const std::string text = json ? ClientJson(clients) : ClientTable(clients);
   static_cast<void>(fwrite(text.data(), 1, text.size(), stdout));
   return kOk;
+}
+
+int ForgetClient(const std::string& client, bool force, bool json) {
+  std::string error;
+  const android::sp<IOrbControl> manager = ConnectToManager(&error);
+  if (manager == nullptr) return Fail(error);
+  ControlReply reply;
+  const android::binder::Status status = manager->forgetClient(client, force, &reply);
+  return PrintReply(status, reply, "forgotten", json);
 }
 
 }  // namespace orb::orbctl

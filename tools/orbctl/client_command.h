@@ -1,4 +1,4 @@
-// orbctl client list.
+// orbctl client list|forget.
 #pragma once
 
 #include <string>
@@ -10,10 +10,12 @@ namespace orb::orbctl {
 
 // A table; times in UTC.
 std::string ClientTable(const std::vector<ClientRecord>& clients);
-// One object a line.
+// One object a line, in ASCII.
 std::string ClientJson(const std::vector<ClientRecord>& clients);
 
 // `all` also shows clients that are away. The exit code.
 int ListClients(bool all, bool json);
+// `force` also takes one that is connected. The exit code.
+int ForgetClient(const std::string& client, bool force, bool json);
 
 }  // namespace orb::orbctl

@@ -70,7 +70,7 @@ int PrintReply(const Status& status, const ControlReply& reply, const std::strin
   if (json) {
     PrintLine(
         nlohmann::ordered_json{{"done", ok}, {"result", reply.result}, {"message", reply.message}}
-            .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+            .dump(-1, ' ', true, nlohmann::json::error_handler_t::replace));
   }
   if (!ok) return Fail(reply.message);
   if (!json) PrintLine(reply.message.empty() ? done : done + " (" + reply.message + ")");

@@ -34,6 +34,7 @@ struct Arguments {
   std::string directory;
   bool json = false;
   bool all = false;
+  bool force = false;
   int code = kOk;
 };
 
@@ -128,7 +129,7 @@ void AddVerify(CLI::App* app, Arguments* args) {
 }
 
 void AddOthers(CLI::App* app, Arguments* args) {
-  CLI::App* client = app->add_subcommand("client", "Shows clients");
+  CLI::App* client = app->add_subcommand("client", "Shows and forgets clients");
   client->require_subcommand(1);
   CLI::App* list = client->add_subcommand("list", "Clients, their ids and campaigns");
   list->add_flag("--all", args->all, "Also those that are away");
@@ -139,6 +140,13 @@ void AddOthers(CLI::App* app, Arguments* args) {
   dump->add_option("CLIENT", args->client, "Name of the client")->required();
   dump->add_flag("--json", args->json, "Prints JSON");
   dump->callback([args] { args->code = DumpClient(args->client, args->json); });
+
+  CLI::App* forget =
+      client->add_subcommand("forget", "Releases a client's name, id and campaign (root only)");
+  forget->add_option("CLIENT", args->client, "Name of the client")->required();
+  forget->add_flag("--force", args->force, "Also one that is connected, which is told to stop");
+  forget->add_flag("--json", args->json, "Prints JSON");
+  forget->callback([args] { args->code = ForgetClient(args->client, args->force, args->json); });
 
   CLI::App* key = app->add_subcommand("key", "Makes keys");
   key->require_subcommand(1);

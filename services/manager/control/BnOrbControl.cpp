@@ -67,6 +67,16 @@ status_t BnOrbControl::onTransact(uint32_t _aidl_code, const Parcel& _aidl_data,
       return Serve(
           this, _aidl_data, _aidl_reply, {_aidl_code, "IOrbControl::releaseCampaign::cppServer"},
           read_client, [&] { return releaseCampaign(client, &answer); }, write_answer);
+    case TRANSACTION_forgetClient: {
+      bool force = false;
+      return Serve(
+          this, _aidl_data, _aidl_reply, {_aidl_code, "IOrbControl::forgetClient::cppServer"},
+          [&] {
+            const status_t status = read_client();
+            return status != OK ? status : _aidl_data.readBool(&force);
+          },
+          [&] { return forgetClient(client, force, &answer); }, write_answer);
+    }
     default:
       return ::android::BBinder::onTransact(_aidl_code, _aidl_data, _aidl_reply, _aidl_flags);
   }

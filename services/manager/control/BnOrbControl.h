@@ -20,6 +20,8 @@ class BnOrbControl : public ::android::BnInterface<IOrbControl> {
   static constexpr uint32_t TRANSACTION_dumpClient = ::android::IBinder::FIRST_CALL_TRANSACTION + 5;
   static constexpr uint32_t TRANSACTION_releaseCampaign =
       ::android::IBinder::FIRST_CALL_TRANSACTION + 6;
+  static constexpr uint32_t TRANSACTION_forgetClient =
+      ::android::IBinder::FIRST_CALL_TRANSACTION + 7;
 
   explicit BnOrbControl();
   ::android::status_t onTransact(uint32_t _aidl_code, const ::android::Parcel& _aidl_data,

@@ -51,6 +51,19 @@ Status BpOrbControl::releaseCampaign(const ::std::string& client, ::ControlReply
       [&](const Parcel& reply) { return reply.readParcelable(_aidl_return); });
 }
 
+Status BpOrbControl::forgetClient(const ::std::string& client, bool force,
+                                  ::ControlReply* _aidl_return) {
+  return Call<IOrbControl>(
+      remoteStrong(),
+      {BnOrbControl::TRANSACTION_forgetClient, "IOrbControl::forgetClient::cppClient"},
+      [&](Parcel* data) {
+        const status_t status = data->writeUtf8AsUtf16(client);
+        return status != ::android::OK ? status : data->writeBool(force);
+      },
+      [&](IOrbControl& impl) { return impl.forgetClient(client, force, _aidl_return); },
+      [&](const Parcel& reply) { return reply.readParcelable(_aidl_return); });
+}
+
 Status BpOrbControl::startLicSN(const ::std::string& client, int64_t licSN,
                                 ::ControlReply* _aidl_return) {
   return Call<IOrbControl>(

@@ -19,6 +19,8 @@ class BpOrbControl : public ::android::BpInterface<IOrbControl> {
                                          ::ControlReply* _aidl_return) override;
   ::android::binder::Status releaseCampaign(const ::std::string& client,
                                             ::ControlReply* _aidl_return) override;
+  ::android::binder::Status forgetClient(const ::std::string& client, bool force,
+                                         ::ControlReply* _aidl_return) override;
   ::android::binder::Status startLicSN(const ::std::string& client, int64_t licSN,
                                        ::ControlReply* _aidl_return) override;
   ::android::binder::Status stopLicSN(const ::std::string& client, int64_t licSN,

@@ -15,7 +15,8 @@
       [&] { return parcel->readInt64(&sessionSinceMs); },
       [&] { return parcel->readInt32(&lastResult); },
       [&] { return parcel->readInt64Vector(&licSNs); },
-      [&] { return parcel->readInt64Vector(&stoppedLicSNs); });
+      [&] { return parcel->readInt64Vector(&stoppedLicSNs); },
+      [&] { return parcel->readInt64(&ownerUid); });
 }
 
 ::android::status_t ClientRecord::writeToParcel(::android::Parcel* parcel) const {
@@ -29,5 +30,6 @@
       [&] { return parcel->writeInt64(sessionSinceMs); },
       [&] { return parcel->writeInt32(lastResult); },
       [&] { return parcel->writeInt64Vector(licSNs); },
-      [&] { return parcel->writeInt64Vector(stoppedLicSNs); });
+      [&] { return parcel->writeInt64Vector(stoppedLicSNs); },
+      [&] { return parcel->writeInt64(ownerUid); });
 }

@@ -30,6 +30,7 @@ class ClientRecord : public ::android::Parcelable {
   int32_t lastResult = 0;      // Of the client's last start.
   std::vector<int64_t> licSNs;
   std::vector<int64_t> stoppedLicSNs;
+  int64_t ownerUid = -1;  // The user that may register the name; -1: the next one.
 
   ::android::status_t readFromParcel(const ::android::Parcel* parcel) final;
   ::android::status_t writeToParcel(::android::Parcel* parcel) const final;

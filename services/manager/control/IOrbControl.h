@@ -39,6 +39,11 @@ class IOrbControl : public ::android::IInterface {
   virtual ::android::binder::Status releaseCampaign(const ::std::string& client,
                                                     ::ControlReply* _aidl_return) = 0;
 
+  // Forgets the client's name, id, user and campaign, for root only. One that is connected
+  // is refused unless forced; then it is told to stop, and has to register anew.
+  virtual ::android::binder::Status forgetClient(const ::std::string& client, bool force,
+                                                 ::ControlReply* _aidl_return) = 0;
+
   // Starts or stops one LicSN of the campaign that runs on the client.
   virtual ::android::binder::Status startLicSN(const ::std::string& client, int64_t licSN,
                                                ::ControlReply* _aidl_return) = 0;
