@@ -10,6 +10,7 @@
 
 #include "tests/support/child_process.h"
 #include "tools/orbctl/campaign_file.h"
+#include "tools/orbctl/campaign_owners.h"
 #include "tools/orbctl/key_command.h"
 
 namespace orb::orbctl {
@@ -46,11 +47,10 @@ std::string Rules(const std::vector<LintFinding>& findings) {
 }
 
 std::string Lint(const LTCCampaignDef& campaign, const Conf& conf = Conf(),
-                 const std::optional<std::vector<LicOption>>& lics = std::nullopt,
-                 bool shared_memory = false) {
+                 const std::vector<LicOption>& lics = {}, bool shared_memory = false) {
   std::map<uint32_t, ValueLimit> values;
   for (const KPICfg& cfg : campaign.kpi_cfgs()) values[cfg.kpi_id()] = {100, {}};
-  return Rules(LintCampaign({campaign, conf, lics, shared_memory, values}));
+  return Rules(LintCampaign({campaign, conf, lics, false, shared_memory, values}));
 }
 
 LTCCampaignDef Campaign(const std::string& text) {
@@ -92,7 +92,7 @@ TEST(CampaignLintTest, OneKpi) {
   };
   for (const auto& [kpi, want] : kCases) {
     SCOPED_TRACE(kpi);
-    const auto findings = LintCampaign({WithKpi(kpi), Conf(), std::nullopt, false});
+    const auto findings = LintCampaign({WithKpi(kpi), Conf()});
     EXPECT_EQ(Rules(findings), want);
     for (const LintFinding& finding : findings) EXPECT_EQ(finding.entry, "kpi_cfgs[0] (kpi_id 9)");
   }
@@ -124,7 +124,7 @@ TEST(CampaignLintTest, ValuesThatEndTheClient) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.kpi);
     LTCCampaignDef campaign = WithKpi(std::string("type: KPI_NUMERIC sub_type: ") + c.kpi);
-    LintInput input{campaign, Conf(), std::nullopt};
+    LintInput input{campaign, Conf()};
     uint32_t kpi_id = 0;
     ValueLimit limit;
     std::string error;
@@ -195,16 +195,19 @@ TEST(CampaignLintTest, OwnersAndKeys) {
   const std::string sealed = "lic_sn_kpi_maps { lic_sn: 1 encrypt: true kpi_ids: 1 } ";
   const struct {
     std::string maps;
-    std::vector<std::string> lics;  // Empty: not known.
+    std::vector<std::string> lics;
     const char* want;
   } kCases[] = {
-      {"", {}, "warning kpi_without_lic_sn"},
+      {"", {}, "warning kpi_without_lic_sn, refused owner"},
+      {"", {"1"}, "warning kpi_without_lic_sn, warning record_without_map"},
       {"lic_sn_kpi_maps { lic_sn: 1 kpi_ids: [1, 2] }", {}, "warning unknown_kpi_id"},
       {"lic_sn_kpi_maps { lic_sn: 1 kpi_ids: [1, 1] }", {}, "warning kpi_listed_twice"},
       {counter + plain, {}, "warning duplicate_kpi_id"},
       {plain + "lic_sn_kpi_maps { lic_sn: 1 encrypt: true }", {}, "warning encrypt_contradiction"},
       {plain, {"1"}, ""},
-      {plain, {"0x2"}, "warning lic_sn_without_record, warning record_without_map"},
+      {plain, {"0x2"}, "warning record_without_map"},
+      {plain, {key}, "refused owner"},
+      {sealed, {}, "warning encrypt_without_key"},
       {plain, {"1", "1"}, "warning duplicate_lic"},
       {sealed, {"1"}, "warning encrypt_without_key"},
       {sealed, {key}, ""},
@@ -219,10 +222,11 @@ TEST(CampaignLintTest, OwnersAndKeys) {
       EXPECT_TRUE(ParseLicOption(c.lics[i], &lics[i], &error)) << error;
     }
     const LTCCampaignDef campaign = Campaign(head + c.maps);
-    EXPECT_EQ(lics.empty() ? Lint(campaign) : Lint(campaign, Conf(), lics), c.want);
+    EXPECT_EQ(Lint(campaign, Conf(), lics), c.want);
+    EXPECT_EQ(OwnerFault(campaign, lics, true).empty(), lics.size() + c.maps.size() > 0);
   }
   const LTCCampaignDef two = Campaign(head + plain + "lic_sn_kpi_maps { lic_sn: 2 }");
-  EXPECT_EQ(Lint(two, Conf(), {{{1, "", 0, 0}, {2, "", 0, 0}}}, true), "refused one_lic_sn");
+  EXPECT_EQ(Lint(two, Conf(), {}, true), "refused one_lic_sn");
 }
 
 TEST(LicOptionTest, RefusesMalformedText) {
@@ -303,7 +307,7 @@ TEST_F(CampaignFileTest, CommandReportsAndAnswers) {
   EXPECT_EQ(command.Run(out), 1);
   const auto report = nlohmann::json::parse(out.str());
   EXPECT_EQ(report["accepted"], false);
-  EXPECT_EQ(report["findings"].size(), 4u);
+  EXPECT_EQ(report["findings"].size(), 3u);
   EXPECT_THAT(report["findings"][0].dump(),
               HasSubstr(R"("rule":"size_threshold_max_bytes","severity":"refused")"));
 

@@ -236,7 +236,9 @@ TEST_F(SimTest, RefusesBeforeAnythingRuns) {
     EXPECT_THAT(result.err, HasSubstr(c.told));
     EXPECT_FALSE(std::filesystem::exists(out_));
   }
-  const CommandResult refused = Sim("threshold_size: 12", BlobLoad());
+  EXPECT_THAT(Sim("threshold_size: 100", BlobLoad()).err, HasSubstr("has no owner"));
+  EXPECT_FALSE(std::filesystem::exists(out_));
+  const CommandResult refused = Sim("threshold_size: 12", BlobLoad(), "--lic 42");
   EXPECT_EQ(refused.exit_code, 1);
   EXPECT_THAT(refused.err, HasSubstr("threshold_size: 12 bytes are below 100"));
   EXPECT_TRUE(std::filesystem::is_empty(out_));

@@ -9,6 +9,7 @@
 #include "services/manager/control/campaign_size.h"
 #include "tools/orbctl/campaign_file.h"
 #include "tools/orbctl/campaign_lint.h"
+#include "tools/orbctl/campaign_owners.h"
 #include "tools/orbctl/control_client.h"
 #include "tools/orbctl/output.h"
 
@@ -32,17 +33,8 @@ KIVCampConfig MakeConfig(const LTCCampaignDef& campaign, int64_t id,
   config.campId = id;
   const std::string bytes = campaign.SerializeAsString();
   config.campaignDef.assign(bytes.begin(), bytes.end());
-  const auto listed = [&](uint64_t lic_sn) {
-    return std::any_of(config.licInfo.begin(), config.licInfo.end(), [&](const LicInfo& info) {
-      return info.licSN == static_cast<int64_t>(lic_sn);
-    });
-  };
-  for (const LicOption& option : lics) config.licInfo.push_back(ToLicInfo(option));
-  for (const LicenseSNKPIMap& map : campaign.lic_sn_kpi_maps()) {
-    if (listed(map.lic_sn())) continue;
-    LicOption option;
-    option.lic_sn = map.lic_sn();
-    config.licInfo.push_back(ToLicInfo(option));
+  for (const LicOption& owner : OwnersOf(campaign, lics)) {
+    config.licInfo.push_back(ToLicInfo(owner));
   }
   return config;
 }
@@ -63,8 +55,7 @@ void WarnOfMissingKeys(const LTCCampaignDef& campaign, const KIVCampConfig& conf
 }
 
 void ExplainRefusal(const LTCCampaignDef& campaign, const Conf& conf, bool shared_memory) {
-  for (const LintFinding& finding :
-       LintCampaign({campaign, conf, std::nullopt, shared_memory, {}})) {
+  for (const LintFinding& finding : LintCampaign({campaign, conf, {}, true, shared_memory, {}})) {
     if (finding.severity == Severity::kRefused) {
       PrintError(finding.entry + ": " + finding.message + " [" + finding.rule + "]");
     }
@@ -90,6 +81,8 @@ int CampaignStartCommand::Run() const {
   }
   LTCCampaignDef campaign;
   if (!ReadCampaignFile(path, &campaign, &error)) return Fail(error);
+  const std::string fault = OwnerFault(campaign, options, allow_plain);
+  if (!fault.empty()) return Fail(fault);
   const KIVCampConfig config = MakeConfig(campaign, id, options);
   WarnOfMissingKeys(campaign, config);
   if (!FitsTransaction(config)) {

@@ -12,9 +12,7 @@
 
 namespace orb::orbctl {
 
-// What a client is to be given: the options' owners first, in their order; an
-// owner that the campaign names without an option follows without a key,
-// because a client keeps data of listed owners only.
+// What a client is to be given.
 KIVCampConfig MakeConfig(const LTCCampaignDef& campaign, int64_t id,
                          const std::vector<LicOption>& lics);
 
@@ -30,6 +28,7 @@ struct CampaignStartCommand {
   std::string path;
   int64_t id = 1;
   std::vector<std::string> lics;  // The --lic options as given.
+  bool allow_plain = false;       // A key may be given that seals nothing.
   bool json = false;
 
   int Run() const;

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "tools/orbctl/campaign_lint_kpi.h"
+#include "tools/orbctl/campaign_owners.h"
 
 namespace orb::orbctl {
 namespace {
@@ -25,7 +26,7 @@ class Linter {
     for (int i = 0; i < campaign_.kpi_cfgs_size(); ++i) LintKpiEntry(i);
     for (int i = 0; i < campaign_.lic_sn_kpi_maps_size(); ++i) LintMap(i);
     LintOwners();
-    if (input_.lics.has_value()) LintLics();
+    LintLics();
     LintLimits();
     return std::move(findings_);
   }
@@ -116,30 +117,23 @@ class Linter {
   }
 
   void LintLics() {
-    std::map<uint64_t, const LicOption*> records;
-    for (const LicOption& lic : *input_.lics) {
-      if (!records.emplace(lic.lic_sn, &lic).second) {
-        Add(kWarning, LicEntry(lic.lic_sn), "duplicate_lic",
+    const std::string fault = OwnerFault(campaign_, input_.lics, input_.allow_plain);
+    if (!fault.empty()) Add(kRefused, "--lic", "owner", fault);
+    std::set<uint64_t> owners;
+    for (const LicOption& owner : OwnersOf(campaign_, input_.lics)) {
+      if (!owners.insert(owner.lic_sn).second) {
+        Add(kWarning, LicEntry(owner.lic_sn), "duplicate_lic",
             "the first record of this LicSN holds");
+      } else if (map_encrypt_.count(owner.lic_sn) == 0) {
+        Add(kWarning, LicEntry(owner.lic_sn), "record_without_map",
+            "is in no lic_sn_kpi_maps entry: it gets only KPIs without an owner, unencrypted");
+      } else if (IsSealed(campaign_, owner.lic_sn)) {
+        LintKey(owner);
       }
     }
-    if (input_.shared_memory && records.size() > 1) {
+    if (input_.shared_memory && owners.size() > 1) {
       Add(kRefused, "--lic", "one_lic_sn",
-          fmt::format("{} LicSNs, but a client with shared memory takes one", records.size()));
-    }
-    for (const auto& [lic_sn, encrypt] : map_encrypt_) {
-      const auto record = records.find(lic_sn);
-      if (record == records.end()) {
-        Add(kWarning, MapEntry(lic_sn), "lic_sn_without_record",
-            "has no record (--lic): its data is stored nowhere");
-      } else if (encrypt) {
-        LintKey(*record->second);
-      }
-    }
-    for (const auto& [lic_sn, lic] : records) {
-      if (map_encrypt_.count(lic_sn) != 0) continue;
-      Add(kWarning, LicEntry(lic_sn), "record_without_map",
-          "is in no lic_sn_kpi_maps entry: it gets only KPIs without an owner, unencrypted");
+          fmt::format("{} LicSNs, but a client with shared memory takes one", owners.size()));
     }
   }
 

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <map>
-#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -16,7 +15,7 @@
 namespace orb::orbctl {
 
 enum class Severity {
-  kRefused,  // No session would start.
+  kRefused,  // No session would start, or `campaign start` would not ask for one.
   kFatal,    // One would, and its samples would end the client.
   kWarning,
 };
@@ -30,9 +29,9 @@ struct LintFinding {
 
 struct LintInput {
   const LTCCampaignDef& campaign;
-  const Conf& conf;  // The device's limits.
-  // The owners that the start names; unset when they are not known.
-  std::optional<std::vector<LicOption>> lics;
+  const Conf& conf;                         // The device's limits.
+  std::vector<LicOption> lics{};            // As the start is given them.
+  bool allow_plain = false;                 // As there.
   bool shared_memory = false;               // The client writes to shared-memory slots.
   std::map<uint32_t, ValueLimit> values{};  // By KPI id: what its client logs, where that is known.
 };
@@ -45,6 +44,7 @@ struct CampaignLintCommand {
   std::string path;
   std::string conf_path;                // Empty: the library's defaults.
   std::vector<std::string> lics;        // The --lic options as given.
+  bool allow_plain = false;             // A key may be given that seals nothing.
   std::vector<std::string> max_values;  // The --max-value options as given.
   bool shared_memory = false;
   bool json = false;

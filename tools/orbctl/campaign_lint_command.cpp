@@ -36,13 +36,12 @@ struct Counts {
   size_t refused = 0, fatal = 0, warnings = 0;
 };
 
-void PrintText(const std::string& path, const std::vector<LintFinding>& findings, bool lics_known,
+void PrintText(const std::string& path, const std::vector<LintFinding>& findings,
                std::ostream& out) {
   for (const LintFinding& finding : findings) {
     out << fmt::format("{}: {}: {} [{}]\n", NameOf(finding.severity), finding.entry,
                        finding.message, finding.rule);
   }
-  if (!lics_known) out << "note: without --lic, owners and their keys are not checked\n";
   const Counts counts(findings);
   const char* const verdict = counts.refused > 0 ? "a session would not start"
                               : counts.fatal > 0 ? "a session would end its client"
@@ -103,13 +102,12 @@ int CampaignLintCommand::Run(std::ostream& out) const {
   std::vector<std::string> notes;
   if (!ReadCampaignFile(path, &campaign, &error, &notes)) return Fail(error);
   if (!AddValueLimits(notes, &values, &error)) return Fail(path + ": " + error);
-  LintInput input{campaign, conf, std::nullopt, shared_memory, std::move(values)};
-  if (!options.empty()) input.lics = std::move(options);
-  const std::vector<LintFinding> findings = LintCampaign(input);
+  const std::vector<LintFinding> findings = LintCampaign(
+      {campaign, conf, std::move(options), allow_plain, shared_memory, std::move(values)});
   if (json) {
     PrintJson(path, findings, out);
   } else {
-    PrintText(path, findings, input.lics.has_value(), out);
+    PrintText(path, findings, out);
   }
   const Counts counts(findings);
   return counts.refused + counts.fatal == 0 ? kOk : kFailed;

@@ -38,12 +38,14 @@ struct Arguments {
   int code = kOk;
 };
 
-void AddLic(CLI::App* command, std::vector<std::string>* lics) {
+void AddLic(CLI::App* command, std::vector<std::string>* lics, bool* allow_plain) {
   command
       ->add_option("--lic", *lics,
                    "An owner, and the key that its data are sealed for; may be repeated")
       ->type_name("LICSN[:PUB.pem:cbc|gcm]")
       ->allow_extra_args(false);
+  command->add_flag("--allow-plain", *allow_plain,
+                    "Also with a key for an owner whose data the campaign does not encrypt");
 }
 
 void AddCampaign(CLI::App* app, Arguments* args) {
@@ -54,7 +56,7 @@ void AddCampaign(CLI::App* app, Arguments* args) {
   lint->add_option("FILE", args->lint.path, "The campaign")->required();
   lint->add_option("--conf", args->lint.conf_path, "Limits of the device")
       ->type_name("orb_sdk.conf");
-  AddLic(lint, &args->lint.lics);
+  AddLic(lint, &args->lint.lics, &args->lint.allow_plain);
   lint->add_option("--max-value", args->lint.max_values,
                    "The largest value that a KPI is given, and how far apart its samples are; may "
                    "be repeated")
@@ -68,7 +70,7 @@ void AddCampaign(CLI::App* app, Arguments* args) {
   start->add_option("CLIENT", args->start.client, "Name of the client")->required();
   start->add_option("FILE", args->start.path, "The campaign")->required();
   start->add_option("--id", args->start.id, "Its number")->capture_default_str();
-  AddLic(start, &args->start.lics);
+  AddLic(start, &args->start.lics, &args->start.allow_plain);
   start->add_flag("--json", args->start.json, "Prints JSON");
   start->callback([args] { args->code = args->start.Run(); });
 

@@ -11,6 +11,7 @@
 
 #include "tools/orbctl/campaign_command.h"
 #include "tools/orbctl/campaign_file.h"
+#include "tools/orbctl/campaign_owners.h"
 #include "tools/orbctl/number.h"
 #include "tools/orbctl/output.h"
 #include "tools/orbctl/private_keys.h"
@@ -80,6 +81,8 @@ bool CheckTimes(const TrialInput& input, std::string* error) {
 bool ReadInput(const SimCommand& command, const std::vector<LicOption>& lics,
                LTCCampaignDef* campaign, TrialInput* input, std::string* error) {
   if (!ReadCampaignFile(command.campaign_path, campaign, error)) return false;
+  *error = OwnerFault(*campaign, lics, command.allow_plain);
+  if (!error->empty()) return false;
   input->client = command.client;
   input->config = MakeConfig(*campaign, command.id, lics);
   if (!ReadLoad(command.load_path, &input->load, error) || !CheckTimes(*input, error)) return false;
@@ -202,6 +205,8 @@ void AddSim(CLI::App* app, SimCommand* command, int* code) {
                   "An owner, and the key that its data are sealed for; may be repeated")
       ->type_name("LICSN[:PUB.pem:cbc|gcm]")
       ->allow_extra_args(false);
+  sim->add_flag("--allow-plain", command->allow_plain,
+                "Also with a key for an owner whose data the campaign does not encrypt");
   sim->add_option("--key", command->key_paths,
                   "A private key, to count what is sealed; may be repeated")
       ->type_name("PRIV.pem")

@@ -18,6 +18,7 @@ struct SimCommand {
   std::string speed = "max";           // Or a factor.
   int64_t id = 1;                      // Of the campaign.
   std::vector<std::string> lics;       // The --lic options as given.
+  bool allow_plain = false;            // A key may be given that seals nothing.
   std::vector<std::string> key_paths;  // Private keys, to count what is sealed.
   std::string conf_path;               // Empty: the library's defaults.
   std::string slots;                   // COUNTxBYTES; empty: data files.
