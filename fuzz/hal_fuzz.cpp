@@ -59,8 +59,9 @@ void Announce(World* w) {
   FUZZ_CHECK(ftruncate(fd.get(), w->input.Take<uint16_t>()) == 0);
   Seal(fd.get());
   w->client_side = orb::UniqueFd(dup(fd.get()));
-  const uint32_t token = w->hal.AddChannel(w->caller, std::move(fd), offset, length,
-                                           [](int32_t, int32_t, int32_t, int32_t) {});
+  const uint32_t token =
+      w->hal.AddChannel(w->caller, std::move(fd), offset, length,
+                        [](const Notice&, const Receipt&) { return Sent::kYes; });
   if (token != 0) w->token = token;
 }
 

@@ -84,8 +84,9 @@ typedef int (*kiv_stop_session_cb)(kiv_collector* c);
 /** Called on a thread of the library when the receiver has consumed a piece that
  * kiv_log_fd_buf announced. May run before kiv_log_fd_buf has returned, and for
  * several pieces at once. Must not log, de-register or announce: it may be what
- * one of these waits for. Hand the work to a thread of your own. kiv_unset_fd may be
- * called, for this handle and for others.
+ * one of these waits for. Hand the work to a thread of your own: orb-hald refuses the
+ * pieces of a process that has not returned after ten seconds, until it has.
+ * kiv_unset_fd may be called, for this handle and for others.
  *
  * @param h  what kiv_set_fd returned.
  * @param a  byte offset of the piece in the region.

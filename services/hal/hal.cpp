@@ -7,10 +7,27 @@
 #include <utility>
 
 #include "serializer/telemetry_header.h"
+#include "services/common/descriptor_limit.h"
 #include "services/hal/upload_name.h"
 #include "utility/log.h"
 
 namespace orb::hal {
+
+HalLimits HalLimits::OfProcess() {
+  const size_t half = services::DescriptorsForClients() / 2;
+  HalLimits limits;
+  limits.queues = half;
+  limits.channels = half;
+  return limits;
+}
+
+Hal::Hal(std::unique_ptr<Spool> spool, std::unique_ptr<FolderOwners> owners,
+         const HalLimits& limits)
+    : spool_(std::move(spool)),
+      owners_(std::move(owners)),
+      queues_(limits.queues, limits.queue_patience, limits.is_gone),
+      channels_(limits.channels),
+      completions_(limits.notice_patience) {}
 
 bool Hal::ConfigureQueue(const Caller& caller, QueueLayout queue) {
   std::string why;
@@ -19,8 +36,9 @@ bool Hal::ConfigureQueue(const Caller& caller, QueueLayout queue) {
     LOGE("queue of %s refused: %s", caller.ToString().c_str(), why.c_str());
     return false;
   }
-  queues_.Put(caller, std::move(opened));
-  return true;
+  if (queues_.Put(caller, std::move(opened))) return true;
+  LOGE("queue of %s refused: too many wait to be read", caller.ToString().c_str());
+  return false;
 }
 
 bool Hal::StoreQueue(const Caller& caller, const std::string& name, int32_t total) {
@@ -35,12 +53,15 @@ bool Hal::StoreQueue(const Caller& caller, const std::string& name, int32_t tota
 }
 
 uint32_t Hal::AddChannel(const Caller& caller, UniqueFd fd, int32_t offset, int32_t length,
-                         SlotDone done) {
+                         SendNotice done) {
   std::string why = "too many channels are open";
   std::shared_ptr<const SharedRegion> region = SharedRegion::Open(
       std::move(fd), static_cast<uint32_t>(offset), static_cast<uint32_t>(length), &why);
-  const uint32_t token =
-      region == nullptr ? 0 : channels_.Add(caller, std::move(region), std::move(done));
+  uint32_t token = 0;
+  if (region != nullptr) {
+    token = channels_.Add(
+        {caller, std::move(region), std::make_shared<const SendNotice>(std::move(done))});
+  }
   if (token == 0) LOGE("channel of %s refused: %s", caller.ToString().c_str(), why.c_str());
   return token;
 }
@@ -48,13 +69,15 @@ uint32_t Hal::AddChannel(const Caller& caller, UniqueFd fd, int32_t offset, int3
 int32_t Hal::StoreSlot(const Caller& caller, const std::string& name,
                        std::span<const uint8_t> header, int32_t token, int32_t offset,
                        int32_t size) {
-  const std::shared_ptr<Channel> channel = channels_.Find(caller, static_cast<uint32_t>(token));
+  const std::shared_ptr<const Channel> channel =
+      channels_.Find(caller, static_cast<uint32_t>(token));
   const auto refuse = [&](const char* why, int error) {
     LOGE("slot of %s at %d, %d bytes, refused: %s", caller.ToString().c_str(), offset, size, why);
     return -error;
   };
   if (channel == nullptr) return refuse("no such channel", EBADF);
-  if (channel->TooManyUnconfirmed()) return refuse("too many slots are unconfirmed", EBUSY);
+  const char* const busy = completions_.Refusal(caller);
+  if (busy != nullptr) return refuse(busy, EBUSY);
   if (header.size() != TelemetryHeader::kBytes) return refuse("no 66-byte header", EINVAL);
   if (size <= 0 || static_cast<uint32_t>(size) > Spool::kMaxUploadBytes - header.size()) {
     return refuse("a size that no upload may have", EINVAL);
@@ -75,22 +98,28 @@ int32_t Hal::StoreSlot(const Caller& caller, const std::string& name,
       }};
   if (!MayStore(caller, name)) return -EACCES;
   if (!spool_->Store(name, upload)) return -EIO;
-  if (!channel->Confirm(static_cast<uint32_t>(token), static_cast<uint32_t>(offset),
-                        static_cast<uint32_t>(size))) {
+  if (!channels_.Has(static_cast<uint32_t>(token)) ||
+      !completions_.Post(caller, {token, offset, size, 0}, channel->done)) {
     LOGW("slot of %s is stored, but its channel has been closed", caller.ToString().c_str());
   }
   return 0;
 }
 
 bool Hal::RemoveChannel(const Caller& caller, int32_t token) {
-  if (channels_.Remove(caller, static_cast<uint32_t>(token))) return true;
+  if (channels_.Remove(caller, static_cast<uint32_t>(token))) {
+    completions_.Drop(caller, token);
+    return true;
+  }
   LOGE("channel %d of %s cannot be closed: it has none of that number", token,
        caller.ToString().c_str());
   return false;
 }
 
 void Hal::ChannelDied(uint32_t token) {
-  if (channels_.RemoveDead(token)) LOGW("channel %u closed: its client died", token);
+  const std::shared_ptr<const Channel> channel = channels_.RemoveDead(token);
+  if (channel == nullptr) return;
+  completions_.Drop(channel->owner, static_cast<int32_t>(token));
+  LOGW("channel %u closed: its client died", token);
 }
 
 }  // namespace orb::hal

@@ -46,6 +46,42 @@ UniqueFd Duplicate(const ::ndk::ScopedFileDescriptor& fd) {
   return UniqueFd(fcntl(fd.get(), F_DUPFD_CLOEXEC, 0));
 }
 
+// An object without methods that owns a receipt.
+AIBinder_Class* ReceiptClass() {
+  static AIBinder_Class* const clazz = AIBinder_Class_define(
+      "vendor.nuv.orbsyshal_aidl.receipt", [](void* receipt) { return receipt; },
+      [](void* receipt) { delete static_cast<Receipt*>(receipt); },
+      [](AIBinder*, transaction_code_t, const AParcel*, AParcel*) -> binder_status_t {
+        return STATUS_UNKNOWN_TRANSACTION;
+      });
+  return clazz;
+}
+
+// fd_write_done without waiting for the client, which may be stopped: the bus keeps
+// count of calls that are not answered, and after 128 it lets nobody be called. So the
+// call goes one-way, with one object more than the method has arguments. The client
+// lets go of that once the method has returned, as does the bus when it dies.
+Sent SendDone(const std::shared_ptr<OrbsyshalService::IOrbFdCallback>& callback,
+              const Notice& notice, Receipt receipt) {
+  using OrbFdCallback = OrbsyshalService::IOrbFdCallback;
+  const ::ndk::SpAIBinder client = callback->asBinder();
+  const ::ndk::SpAIBinder token(AIBinder_new(ReceiptClass(), new Receipt(std::move(receipt))));
+  ::ndk::ScopedAParcel in;
+  ::ndk::ScopedAParcel out;
+  binder_status_t status = AIBinder_prepareTransaction(client.get(), in.getR());
+  for (const int32_t value : {notice.token, notice.offset, notice.size, notice.result}) {
+    if (status == STATUS_OK) status = AParcel_writeInt32(in.get(), value);
+  }
+  if (status == STATUS_OK) status = AParcel_writeStrongBinder(in.get(), token.get());
+  if (status == STATUS_OK) {
+    AParcel* request = in.release();
+    status = AIBinder_transact(client.get(), OrbFdCallback::TRANSACTION_fd_write_done, &request,
+                               out.getR(), FLAG_ONEWAY);
+  }
+  if (status == STATUS_DEAD_OBJECT) return Sent::kNever;
+  return status == STATUS_OK ? Sent::kYes : Sent::kLater;
+}
+
 }  // namespace
 
 OrbsyshalService::OrbsyshalService(std::shared_ptr<Hal> hal)
@@ -88,12 +124,11 @@ ScopedAStatus OrbsyshalService::set_fd(const NativeHandle& in_region,
          caller.ToString().c_str());
     return ScopedAStatus::ok();
   }
-  const uint32_t token = hal_->AddChannel(
-      caller, Duplicate(in_region.fds[0]), in_region.ints[0], in_region.ints[1],
-      [in_callback](int32_t fd_token, int32_t offset, int32_t size, int32_t result) {
-        // A client that cannot be told is dead; its channel goes with the notice.
-        static_cast<void>(in_callback->fd_write_done(fd_token, offset, size, result).isOk());
-      });
+  const uint32_t token =
+      hal_->AddChannel(caller, Duplicate(in_region.fds[0]), in_region.ints[0], in_region.ints[1],
+                       [in_callback](const Notice& notice, Receipt receipt) {
+                         return SendDone(in_callback, notice, std::move(receipt));
+                       });
   if (token == 0) return ScopedAStatus::ok();
   if (!Link(token, in_callback->asBinder())) {
     hal_->ChannelDied(token);

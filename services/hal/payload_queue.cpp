@@ -94,22 +94,4 @@ bool PayloadQueue::Next(uint32_t total, UploadSource* out) const {
   return true;
 }
 
-void PendingQueues::Put(const Caller& caller, std::shared_ptr<const PayloadQueue> queue) {
-  MutexLock lock(mutex_);
-  queues_[caller] = {next_order_++, std::move(queue)};
-  if (queues_.size() <= kMaxQueues) return;
-  queues_.erase(std::min_element(queues_.begin(), queues_.end(), [](const auto& a, const auto& b) {
-    return a.second.order < b.second.order;
-  }));
-}
-
-std::shared_ptr<const PayloadQueue> PendingQueues::Take(const Caller& caller) {
-  MutexLock lock(mutex_);
-  const auto found = queues_.find(caller);
-  if (found == queues_.end()) return nullptr;
-  std::shared_ptr<const PayloadQueue> queue = std::move(found->second.queue);
-  queues_.erase(found);
-  return queue;
-}
-
 }  // namespace orb::hal

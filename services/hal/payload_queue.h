@@ -3,15 +3,12 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "services/hal/caller.h"
 #include "services/hal/shared_region.h"
 #include "services/hal/upload_source.h"
-#include "utility/thread_annotations.h"
 #include "utility/unique_fd.h"
 
 namespace orb::hal {
@@ -49,27 +46,6 @@ class PayloadQueue {
   const uint64_t write_counter_;
   const uint64_t data_;
   const uint64_t data_bytes_;
-};
-
-// The queue that each process configured last, until it asks to read it.
-// Thread-safe.
-class PendingQueues {
- public:
-  static constexpr size_t kMaxQueues = 256;
-
-  // Replaces the caller's. When there are too many, the oldest goes.
-  void Put(const Caller& caller, std::shared_ptr<const PayloadQueue> queue) ORB_EXCLUDES(mutex_);
-  // Null when the caller has none; it has none afterwards.
-  std::shared_ptr<const PayloadQueue> Take(const Caller& caller) ORB_EXCLUDES(mutex_);
-
- private:
-  struct Entry {
-    uint64_t order = 0;
-    std::shared_ptr<const PayloadQueue> queue;
-  };
-  Mutex mutex_;
-  std::map<Caller, Entry> queues_ ORB_GUARDED_BY(mutex_);
-  uint64_t next_order_ ORB_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace orb::hal

@@ -123,7 +123,7 @@ int Main(const std::string& spool_dir) {
                  : word == "never" ? Mood::kNever
                                    : Mood::kWell);
   }
-  hal->channels().FinishBy(std::chrono::steady_clock::now() + std::chrono::seconds(2));
+  hal->FinishBy(std::chrono::steady_clock::now() + std::chrono::seconds(2));
   _exit(0);
 }
 

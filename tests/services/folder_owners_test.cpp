@@ -86,7 +86,8 @@ TEST_F(FolderOwnersTest, TheHalStoresNothingInAnothersFolder) {
     UniqueFd memory(memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING));
     EXPECT_EQ(ftruncate(memory.get(), 8), 0);
     EXPECT_EQ(fcntl(memory.get(), F_ADD_SEALS, F_SEAL_SHRINK), 0);
-    const uint32_t token = hal.AddChannel(caller, std::move(memory), 0, 8, [](auto...) {});
+    const uint32_t token =
+        hal.AddChannel(caller, std::move(memory), 0, 8, [](auto...) { return Sent::kYes; });
     return hal.StoreSlot(caller, "/up/7/radio.42", header, static_cast<int32_t>(token), 0, 8);
   };
   EXPECT_EQ(store({100, 1000}), 0);

@@ -10,6 +10,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -30,6 +31,7 @@ using Bytes = std::vector<uint8_t>;
 
 constexpr Caller kRadio{100, 1000};
 constexpr Caller kMallory{666, 1000};
+constexpr pid_t kGone = 10000;  // And above.
 constexpr const char* kName = "/up/7/radio.42";
 constexpr const char* kFile = "/up/7/radio.42/0000000003-0000000000005.orb";
 const Bytes kHeader = Upload(3, 5, 0);
@@ -66,13 +68,19 @@ class HalTest : public ::testing::Test {
  protected:
   HalTest() {
     std::string error;
-    hal_ = std::make_unique<Hal>(Spool::Open(temp_.path(), 0, &error));
+    HalLimits limits;
+    limits.queues = limits.channels = 400;
+    limits.is_gone = [](pid_t process) { return process >= kGone; };
+    limits.queue_patience = std::chrono::milliseconds(0);
+    limits.notice_patience = std::chrono::milliseconds(1);
+    hal_ = std::make_unique<Hal>(Spool::Open(temp_.path(), 0, &error), nullptr, limits);
   }
   // A channel over "01234567"; confirmations are appended to confirmed_.
   int32_t Channel(const Caller& caller) {
-    const auto confirm = [this](int32_t token, int32_t a, int32_t b, int32_t c) {
+    const auto confirm = [this](const Notice& notice, const Receipt&) {
       MutexLock lock(mutex_);
-      confirmed_.push_back({token, a, b, c});
+      confirmed_.push_back({notice.token, notice.offset, notice.size, notice.result});
+      return Sent::kYes;
     };
     return static_cast<int32_t>(hal_->AddChannel(caller, Memory(kRegion), 0, 8, confirm));
   }
@@ -190,13 +198,33 @@ TEST_F(HalTest, CopiesAnUploadInPieces) {
   EXPECT_GE(hal_->spool().StoredBytes(), uint64_t{kBytes});
 }
 
-TEST_F(HalTest, BoundsTheQueuesThatNobodyReads) {
-  for (size_t i = 0; i <= PendingQueues::kMaxQueues; ++i) {
-    const Caller caller{static_cast<pid_t>(i), 1};
-    ASSERT_TRUE(hal_->ConfigureQueue(caller, Queue(Upload(3, 5, 34))));
-  }
-  EXPECT_FALSE(StoreQueue(Caller{0, 1}, 100)) << "the oldest stayed";
-  EXPECT_TRUE(StoreQueue(Caller{1, 1}, 100));
+TEST_F(HalTest, KeepsTheQueueOfEveryLivingClient) {
+  const auto configure = [&](pid_t process, uid_t user) {
+    return hal_->ConfigureQueue(Caller{process, user}, Queue(Upload(3, 5, 34)));
+  };
+  for (pid_t i = 1; i <= 200; ++i) ASSERT_TRUE(configure(kGone + i, 1));
+  EXPECT_FALSE(configure(1, 1)) << "one user has more than half of the places";
+  EXPECT_TRUE(log_.Contains("queue of pid 1 uid 1 refused: too many wait to be read"));
+  for (pid_t i = 1; i <= 100; ++i) ASSERT_TRUE(configure(i, 2));
+  EXPECT_TRUE(configure(100, 2)) << "in place of its own";
+  EXPECT_FALSE(configure(101, 2)) << "a user with many has one of the last places";
+  EXPECT_TRUE(configure(102, 3));
+  ASSERT_TRUE(orb::test::WaitFor([&] { return configure(1, 1); })) << "the dead keep places";
+  for (pid_t i = 1; i <= 100; ++i) EXPECT_TRUE(StoreQueue(Caller{i, 2}, 100)) << i;
+  EXPECT_FALSE(StoreQueue(Caller{kGone + 1, 1}, 100));
+}
+
+TEST(PendingQueuesTest, WaitForAPlace) {
+  std::string why;
+  const auto queue = [&] { return PayloadQueue::Open(Queue(Upload(3, 5, 34)), &why); };
+  PendingQueues queues(1, std::chrono::seconds(20), [](pid_t) { return false; });
+  ASSERT_TRUE(queues.Put(kRadio, queue()));
+  std::future<bool> waits =
+      std::async(std::launch::async, [&] { return queues.Put(kMallory, queue()); });
+  EXPECT_EQ(waits.wait_for(std::chrono::milliseconds(1)), std::future_status::timeout);
+  EXPECT_NE(queues.Take(kRadio), nullptr);
+  EXPECT_TRUE(waits.get());
+  EXPECT_NE(queues.Take(kMallory), nullptr);
 }
 
 TEST_F(HalTest, StoresASlotBehindItsHeaderAndConfirmsIt) {
@@ -252,27 +280,29 @@ TEST_F(HalTest, ForgetsChannelsThatAreClosedOrDead) {
   }
 }
 
+TEST_F(HalTest, RefusesTheSlotsOfAClientThatTakesNoNote) {
+  std::atomic<bool> answers{false};
+  Receipt kept;
+  const auto keep = [&](const Notice&, Receipt receipt) {
+    if (!answers) kept = std::move(receipt);
+    return Sent::kYes;
+  };
+  const auto token = static_cast<int32_t>(hal_->AddChannel(kMallory, Memory(kRegion), 0, 8, keep));
+  EXPECT_TRUE(orb::test::WaitFor([&] { return StoreSlot(kMallory, token) == -EBUSY; }));
+  EXPECT_TRUE(log_.Contains("refused: the client does not answer"));
+  EXPECT_EQ(StoreSlot(kRadio, Channel(kRadio)), 0);
+  EXPECT_TRUE(WaitConfirmed(1));
+  answers = true;
+  kept.reset();
+  EXPECT_TRUE(orb::test::WaitFor([&] { return StoreSlot(kMallory, token) == 0; }));
+  hal_.reset();  // Before what its channel writes to.
+}
+
 TEST_F(HalTest, BoundsTheChannelsOfOneClient) {
   for (size_t i = 0; i < ChannelTable::kMaxPerCaller; ++i) ASSERT_GT(Channel(kMallory), 0);
   EXPECT_EQ(Channel(kMallory), 0);
   EXPECT_TRUE(log_.Contains("channel of pid 666 uid 1000 refused: too many channels are open"));
   EXPECT_GT(Channel(kRadio), 0);
-}
-
-TEST_F(HalTest, ServesOthersWhileOneClientNeverTakesNote) {
-  std::promise<void> release;
-  std::shared_future<void> released = release.get_future().share();
-  const auto stuck = static_cast<int32_t>(
-      hal_->AddChannel(kMallory, Memory(kRegion), 0, 8,
-                       [released](int32_t, int32_t, int32_t, int32_t) { released.wait(); }));
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(StoreSlot(kMallory, stuck), 0);
-  EXPECT_EQ(StoreSlot(kRadio, Channel(kRadio)), 0);
-  EXPECT_TRUE(WaitConfirmed(1));
-  EXPECT_TRUE(hal_->RemoveChannel(kMallory, stuck));
-  EXPECT_FALSE(hal_->channels().FinishBy(std::chrono::steady_clock::now()));
-  release.set_value();
-  EXPECT_TRUE(
-      hal_->channels().FinishBy(std::chrono::steady_clock::now() + std::chrono::seconds(20)));
 }
 
 UniqueFd WriteOnly(const UniqueFd& memory) {

@@ -8,6 +8,7 @@
 #include <map>
 
 #include "platform/linux/ndk/internal.h"
+#include "platform/linux/src/caller.h"
 
 #define NDK_LOGE(...) \
   static_cast<void>(__android_log_print(ANDROID_LOG_ERROR, "binder_ndk", __VA_ARGS__))
@@ -115,8 +116,12 @@ bool AIBinder::Associate(const AIBinder_Class* clazz) {
              now->descriptor.c_str());
     return false;
   }
-  // Asks a remote object the first time; no lock is held meanwhile.
   const sp<IBinder> binder = Binder();
+  // Asking may take for ever, and an object that came with a call is the caller's: nobody
+  // who serves a call waits for whom it may call back. One of another class refuses what
+  // it is called for.
+  if (IsRemote() && orb_platform::CallerScope::Current() != nullptr) return SetClass(clazz);
+  // Asks a remote object the first time; no lock is held meanwhile.
   const android::String16& actual = binder->getInterfaceDescriptor();
   if (actual != clazz->wide_descriptor) {
     if (binder->isBinderAlive()) {
