@@ -11,13 +11,13 @@
 #include <utility>
 
 #include "services/common/descriptor_limit.h"
+#include "services/common/systemd_notice.h"
 #include "utility/log.h"
 
 namespace orb::services {
 namespace {
 
 constexpr int kUsage = 2;
-constexpr timespec kCheckInterval{1, 0};
 constexpr std::chrono::seconds kLastCalls(2);
 
 }  // namespace
@@ -56,12 +56,21 @@ int ServiceHost::Run() {
       return 1;
     }
   }
+  SystemdNotice systemd;
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(systemd.interval());
+  const timespec interval{seconds.count(), (systemd.interval() - seconds).count()};
   int received = -1;
   do {
-    for (Service& service : services_) Check(&service);
-    received = sigtimedwait(&signals_, nullptr, &kCheckInterval);
+    std::string trouble;
+    for (Service& service : services_) {
+      const std::string found = Check(&service);
+      if (trouble.empty()) trouble = found;
+    }
+    systemd.Check(trouble);
+    received = sigtimedwait(&signals_, nullptr, &interval);
   } while (received < 0);
   LOGI("ending on signal %d", received);
+  systemd.Stopping();
   // A caller whose call has been carried out must hear of it: an upload that is
   // stored, but not acknowledged, counts as lost with its client.
   if (!orb_platform::StopThreadPoolBy(std::chrono::steady_clock::now() + kLastCalls)) {
@@ -70,18 +79,21 @@ int ServiceHost::Run() {
   return 0;
 }
 
-void ServiceHost::Check(Service* service) {
+std::string ServiceHost::Check(Service* service) {
   const android::sp<android::ProcessState> process = android::ProcessState::self();
-  if (process != nullptr && service->is_published()) return;
+  if (process != nullptr && service->is_published()) return {};
   if (process != nullptr) process->startThreadPool();
   if (process != nullptr && service->publish()) {
     LOGI("%s is published", service->name.c_str());
     service->reported = false;
-  } else if (!service->reported) {
-    LOGE("%s cannot be published: %s; trying again every second", service->name.c_str(),
-         process == nullptr ? "no bus can be reached" : "the bus refuses the name");
+    return {};
+  }
+  const char* const why = process == nullptr ? "no bus can be reached" : "the bus refuses the name";
+  if (!service->reported) {
+    LOGE("%s cannot be published: %s; trying again every second", service->name.c_str(), why);
     service->reported = true;
   }
+  return service->name + " cannot be published: " + why;
 }
 
 void ServiceHost::Exit(int code) {

@@ -27,8 +27,8 @@ class ServiceHost {
   void Add(const std::string& name, std::function<bool()> publish,
            std::function<bool()> is_published);
 
-  // Serves until a signal. The exit code: 1 when a name is taken by another
-  // process at the start, else 0.
+  // Serves until a signal, and keeps systemd informed. The exit code: 1 when a name is taken by
+  // another process at the start, else 0.
   int Run();
 
   // Ends the process without running destructors: threads of the pool may still
@@ -43,7 +43,8 @@ class ServiceHost {
     bool reported = false;  // That it is not published; once.
   };
 
-  void Check(Service* service);
+  // Publishes it unless it is; why that failed, else empty.
+  std::string Check(Service* service);
 
   sigset_t signals_;
   std::vector<Service> services_;

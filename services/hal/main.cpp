@@ -16,7 +16,7 @@ int main(int argc, char** argv) {
   uint64_t max_bytes = 0;
   app.add_option("--spool", directory, "Folder of the uploads")->type_name("DIR")->required();
   app.add_option("--max-bytes", max_bytes,
-                 "Most bytes of uploads to keep; the oldest go first (0: no limit)")
+                 "Most bytes of the disk to use; the oldest uploads go first (0: no limit)")
       ->type_name("N");
   size_t folders_per_user = orb::hal::FolderOwners::kFoldersPerUser;
   app.add_option("--folders-per-user", folders_per_user, "Most folders of one user")

@@ -10,6 +10,8 @@ Exit 77, skipped: not root, so that there are no other users to be.
 import os
 import re
 import signal
+import socket
+import struct
 import subprocess
 import sys
 
@@ -116,6 +118,27 @@ def check_units(stage):
                result.returncode == 0 and found and float(found[1]) <= EXPOSURE_MAX)
 
 
+def listen_as_systemd(stage):
+    """What the services that start from now on say, with who says it."""
+    path = f"{stage.dir}/notify"
+    listener = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    listener.bind(path)
+    os.chmod(path, 0o666)
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_PASSCRED, 1)
+    listener.settimeout(30)
+    stage.environment |= {"NOTIFY_SOCKET": path, "WATCHDOG_USEC": "2000000"}
+    return listener
+
+
+def check_notices(listener, services):
+    wanted = {(child.pid, word) for child in services for word in ("READY=1", "WATCHDOG=1")}
+    while wanted:
+        message, [(_, _, sender)], _, _ = listener.recvmsg(1024, socket.CMSG_SPACE(12))
+        pid = struct.unpack("3i", sender)[0]
+        wanted -= {(pid, word) for word in message.decode().splitlines()}
+    expect("the policy lets both services call themselves, for the watchdog", not wanted)
+
+
 def main():
     stage = Stage(*sys.argv[1:])
     try:
@@ -127,7 +150,9 @@ def main():
         check_filter(stage)
         stage.start_bus()
         check_names(stage)
+        listener = listen_as_systemd(stage)
         services = stage.start_services()
+        check_notices(listener, services)
         check_campaign(stage, check_calls(stage))
         client = Client(stage, stage.member, "slots")
         expect("a client with slots is registered", client.register(" slots 8 64") == "ok")

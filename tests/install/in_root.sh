@@ -66,6 +66,7 @@ fi
 orbctl client list >none.log 2>&1 && fail "a manager before the services run"
 start_unit orb-hald
 start_unit orb-managerd
+[ -z "$booted" ] || orbctl client list || fail "ready before the manager can be called"
 await orbctl client list
 
 cc -std=gnu99 -Wall -Werror -o client orb_sysmon.c sysmon_proc.c $(pkg-config --cflags --libs orb_sdk)

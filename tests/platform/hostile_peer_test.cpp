@@ -3,6 +3,7 @@
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
 #include <gtest/gtest.h>
+#include <orb_platform/liveness.h>
 #include <sys/resource.h>
 
 #include <functional>
@@ -148,6 +149,30 @@ TEST_F(HostilePeerTest, FloodsOnlyItsOwnShare) {
   EXPECT_TRUE(orb::test::WaitFor([&] { return ask(&flood, orb::test::kCaller, kBytes).empty(); }));
   EXPECT_TRUE(orb::test::WaitFor([&] { return appended() > 0; }));
   EXPECT_LE(appended(), CallBudget::kMostBytesOfOne / kBytes);
+}
+
+// A watchdog must notice when no worker is left, though the reading thread answers.
+TEST_F(HostilePeerTest, APingIsServedWhenAWorkerIsFree) {
+  RawPeer peer(bus_);
+  const uint64_t id = peer.Lookup();
+  const auto call = [&](uint32_t code) {
+    sd_bus_message* const message = peer.Transaction(id, code, 0);
+    RawPeer::AppendObjects(message, 0, 0, "");
+    return message;
+  };
+  const auto is_served = [before = orb_platform::CallsServed()] {
+    return orb_platform::CallsServed() != before;
+  };
+  const size_t workers = android::ProcessState::self()->getThreadPoolMaxThreadCount();
+  for (size_t i = 0; i < workers; i++) peer.Send(call(orb::test::kBlock));
+  EXPECT_EQ(peer.Lookup(), id);
+  EXPECT_TRUE(orb_platform::PingOwnService());
+  EXPECT_EQ(peer.Lookup(), id);
+  EXPECT_FALSE(is_served());
+  android::Parcel data;
+  android::Parcel reply;
+  target_->transact(orb::test::kUnblock, data, &reply);
+  EXPECT_TRUE(orb::test::WaitFor(is_served));
 }
 
 // Few descriptors, a quarter of them in use by what the process does besides.

@@ -18,6 +18,7 @@
 #include <binder/Parcel.h>
 #include <systemd/sd-bus.h>
 
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <map>
@@ -107,6 +108,10 @@ class Bus {
   void Sit() ORB_EXCLUDES(mutex_);
   void Wake() { poller_.WakeSeat(); }  // Async-signal-safe.
   void WakeReader() { poller_.WakeReader(); }
+
+  // orb_platform/liveness.h.
+  uint64_t CallsServed() const { return served_.load(); }
+  bool PingOwnService() ORB_EXCLUDES(mutex_);
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -215,6 +220,7 @@ class Bus {
 
   mutable orb::Mutex mutex_;
   BusPoller poller_;
+  std::atomic<uint64_t> served_{0};  // Calls in that a worker has carried out.
   sd_bus* bus_ ORB_GUARDED_BY(mutex_) = nullptr;
   uint64_t connection_ ORB_GUARDED_BY(mutex_) = 0;
   int connect_result_ ORB_GUARDED_BY(mutex_) = 0;  // Of the latest attempt; 0 or -errno.

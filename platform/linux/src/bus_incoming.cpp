@@ -2,6 +2,7 @@
 // queues the transactions.
 // Tested by tests/platform/contract_test.cpp and bus_test.cpp.
 #include <binder/IPCThreadState.h>
+#include <orb_platform/liveness.h>
 
 #include <cerrno>
 #include <charconv>
@@ -194,6 +195,7 @@ void Bus::RunOneway(const std::shared_ptr<OnewayQueue>& queue) {
 
 void Bus::RunCall(const std::shared_ptr<Incoming>& call) {
   const bool served = orb::Contained("RunCall", [&] { Serve(call.get()); });
+  served_++;
   orb::MutexLock lock(mutex_);
   if (!served && bus_ != nullptr && call->caller.connection == connection_) {
     ReplyError(call->message, SD_BUS_ERROR_NO_MEMORY);
@@ -229,5 +231,25 @@ void Bus::Serve(Incoming* call) {
     sd_bus_message_unref(out);
   }
 }
+
+// One-way: nobody has to wait for it.
+bool Bus::PingOwnService() {
+  orb::MutexLock lock(mutex_);
+  const char* self = nullptr;
+  if (bus_ == nullptr || services_.empty() || sd_bus_get_unique_name(bus_, &self) < 0) return false;
+  const std::string path = kObjectPrefix + std::to_string(services_.begin()->second);
+  sd_bus_message* const call = NewCall(self, path.c_str(), kInterface, "Transact");
+  if (call == nullptr) return false;
+  const uint32_t ping = android::IBinder::PING_TRANSACTION;
+  const uint32_t oneway = android::IBinder::FLAG_ONEWAY;
+  sd_bus_message_set_expect_reply(call, 0);
+  const bool sent =
+      sd_bus_message_append(call, "uuaya(uyst)ah", ping, oneway, 0, 0, 0) >= 0 && Send(call);
+  sd_bus_message_unref(call);
+  return sent;
+}
+
+uint64_t CallsServed() { return Bus::Get().CallsServed(); }
+bool PingOwnService() { return Bus::Get().PingOwnService(); }
 
 }  // namespace orb_platform
