@@ -6,11 +6,11 @@
 #include <chrono>
 #include <utility>
 
-#include "collector/clock.h"
-#include "collector/conf.h"
 #include "ipc/kiv_aidl_client.h"
 #include "kpi/kpi.h"
 #include "serializer/kpi_serializer.h"
+#include "utility/clock.h"
+#include "utility/conf.h"
 #include "utility/contained.h"
 #include "utility/log.h"
 

@@ -5,7 +5,6 @@
 #include <climits>
 #include <utility>
 
-#include "collector/conf.h"
 #include "collector/kiv_collector.h"
 #include "ipc/KIVCampConfig.h"
 #include "kpi/kpi.h"
@@ -13,6 +12,7 @@
 #include "serializer/kpi_file_serializer.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/checked.h"
+#include "utility/conf.h"
 #include "utility/contained.h"
 #include "utility/log.h"
 

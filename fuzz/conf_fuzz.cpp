@@ -1,7 +1,7 @@
 // The client's orb_sdk.conf: any bytes.
-#include "collector/conf.h"
 #include "fuzz/fuzz_input.h"
 #include "fuzz/memory_file.h"
+#include "utility/conf.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const orb::fuzz::MemoryFile file(data, size);

@@ -6,10 +6,10 @@
 #include <cstring>
 #include <limits>
 
-#include "collector/conf.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/blob_segments.h"
 #include "utility/checked.h"
+#include "utility/conf.h"
 #include "utility/contained.h"
 #include "utility/log.h"
 #include "utility/malloc_bytes.h"

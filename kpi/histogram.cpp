@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "collector/conf.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/checked.h"
+#include "utility/conf.h"
 #include "utility/log.h"
 
 namespace {

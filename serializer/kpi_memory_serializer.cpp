@@ -12,11 +12,11 @@
 #include <cstring>
 #include <string>
 
-#include "collector/clock.h"
 #include "collector/kiv_collector.h"
 #include "proto/kpi_data.pb.h"
 #include "serializer/blob_segment_encoder.h"
 #include "utility/checked.h"
+#include "utility/clock.h"
 #include "utility/error_text.h"
 #include "utility/log.h"
 #include "utility/malloc_bytes.h"

@@ -6,10 +6,10 @@
 #include <map>
 #include <string>
 
-#include "collector/clock.h"
 #include "collector/kiv_collector.h"
 #include "serializer/kpi_memory_serializer.h"
 #include "utility/checked.h"
+#include "utility/clock.h"
 #include "utility/log.h"
 
 using orb::LossCause;

@@ -2,8 +2,8 @@
 // Tested by tests/serializer/telemetry_header_test.cpp.
 #include "serializer/telemetry_header.h"
 
-#include "collector/clock.h"
 #include "utility/byte_order.h"
+#include "utility/clock.h"
 #include "utility/log.h"
 
 // Starts at 0, so that a header made by another library's initialiser works too.

@@ -1,4 +1,4 @@
-#include "collector/conf.h"
+#include "utility/conf.h"
 
 #include <gtest/gtest.h>
 

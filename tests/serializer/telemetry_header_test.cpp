@@ -10,9 +10,9 @@
 #include <numeric>
 #include <string>
 
-#include "collector/clock.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mount_namespace.h"
+#include "utility/clock.h"
 
 namespace {
 

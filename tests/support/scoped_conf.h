@@ -3,9 +3,9 @@
 
 #include <string>
 
-#include "collector/conf.h"
 #include "tests/support/child_process.h"
 #include "tests/support/log_capture.h"
+#include "utility/conf.h"
 
 namespace orb::test {
 

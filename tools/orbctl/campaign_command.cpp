@@ -5,13 +5,13 @@
 
 #include <algorithm>
 
-#include "collector/conf.h"
 #include "services/manager/control/campaign_size.h"
 #include "tools/orbctl/campaign_file.h"
 #include "tools/orbctl/campaign_lint.h"
 #include "tools/orbctl/campaign_owners.h"
 #include "tools/orbctl/control_client.h"
 #include "tools/orbctl/output.h"
+#include "utility/conf.h"
 
 namespace orb::orbctl {
 namespace {

@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "collector/conf.h"
 #include "ipc/KIVCampConfig.h"
 #include "proto/ltc_campaign.pb.h"
 #include "tools/orbctl/lic_option.h"
+#include "utility/conf.h"
 
 namespace orb::orbctl {
 

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "collector/conf.h"
 #include "proto/ltc_campaign.pb.h"
 #include "tools/orbctl/lic_option.h"
 #include "tools/orbctl/value_limit.h"
+#include "utility/conf.h"
 
 namespace orb::orbctl {
 

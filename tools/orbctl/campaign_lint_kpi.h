@@ -4,9 +4,9 @@
 #include <functional>
 #include <string>
 
-#include "collector/conf.h"
 #include "proto/ltc_campaign.pb.h"
 #include "tools/orbctl/campaign_lint.h"
+#include "utility/conf.h"
 
 namespace orb::orbctl {
 

@@ -1,12 +1,12 @@
 // The library's clocks and waits in the tool: they go by the time of the trial.
-// Stands in for collector/clock.cpp and collector/stop_signal.cpp.
+// Stands in for utility/clock.cpp and collector/stop_signal.cpp.
 // Tested by tests/orbctl/sim_test.cpp.
 #include <chrono>
 
-#include "collector/clock.h"
 #include "collector/stop_signal.h"
 #include "tools/orbctl/sim/sim_clock.h"
 #include "utility/byte_order.h"
+#include "utility/clock.h"
 
 using orb::orbctl::SimClock;
 using std::chrono::duration_cast;

@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <thread>
 
-#include "collector/conf.h"
 #include "collector/kiv_collector.h"
 #include "kpi/kpi_clock.h"
 #include "tools/orbctl/sim/full_disk.h"
+#include "utility/conf.h"
 
 namespace orb::orbctl {
 namespace {

@@ -1,5 +1,5 @@
 // Tested by tests/serializer/telemetry_header_test.cpp.
-#include "collector/clock.h"
+#include "utility/clock.h"
 
 #include <ctime>
 

@@ -1,6 +1,6 @@
 // The configuration file: one "key = value" a line, '#' starts a comment line.
 // Tested by tests/collector/conf_test.cpp.
-#include "collector/conf.h"
+#include "utility/conf.h"
 
 #include <atomic>
 #include <cerrno>

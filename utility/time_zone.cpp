@@ -2,7 +2,7 @@
 // Tested by tests/serializer/telemetry_header_test.cpp.
 #include <ctime>
 
-#include "collector/clock.h"
+#include "utility/clock.h"
 #include "utility/thread_annotations.h"
 
 namespace {
