@@ -41,7 +41,9 @@ KPICfg* AddNumeric(LTCCampaignDef* def, uint32_t id, KPISubType sub_type, const 
 
 }  // namespace
 
-int StubClient::registerClient(const std::string&, uint32_t, uint32_t, kiv_collector*) { return 0; }
+int StubClient::registerClient(const std::string&, uint32_t, uint32_t, RoutedCollector*) {
+  return 0;
+}
 
 int StubClient::sendData(const std::string&, const std::string&, const uint8_t*, uint32_t,
                          const uint8_t*, uint32_t, const uint8_t*, uint32_t) {
@@ -61,7 +63,7 @@ void StubClient::LetUploadsGo() {
 
 int StubClient::deRegisterClient(const std::string&) { return 0; }
 
-int StubClient::setupFD(int fd, uint32_t, uint32_t, kiv_collector*, uint32_t* fdToken) {
+int StubClient::setupFD(int fd, uint32_t, uint32_t, RoutedCollector*, uint32_t* fdToken) {
   region_ = fd;
   *fdToken = 1;
   return 0;

@@ -17,12 +17,12 @@ namespace orb::bench {
 class StubClient : public kivAIDLClient {
  public:
   int registerClient(const std::string& name, uint32_t type, uint32_t option,
-                     kiv_collector* collector) override;
+                     RoutedCollector* collector) override;
   int sendData(const std::string& token, const std::string& name, const uint8_t* header,
                uint32_t headerLen, const uint8_t* data, uint32_t dataLen, const uint8_t* footer,
                uint32_t footerLen) override;
   int deRegisterClient(const std::string& token) override;
-  int setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
+  int setupFD(int fd, uint32_t offset, uint32_t length, RoutedCollector* collector,
               uint32_t* fdToken) override;
   int FdWrite(const std::string& token, const std::atomic<uint32_t>& fdToken,
               const std::string& name, const std::vector<uint8_t>& header, uint32_t offset,

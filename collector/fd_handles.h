@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <map>
 
-#include "collector/fd_handle.h"
+#include "utility/fd_handle.h"
 #include "utility/thread_annotations.h"
 
 class FdHandles {

@@ -20,16 +20,18 @@
 #include <vector>
 
 #include "collector/collector_settings.h"
-#include "collector/fd_handle.h"
 #include "collector/fd_handles.h"
 #include "collector/kpi_index.h"
-#include "collector/licsn_tables.h"
 #include "collector/manager_link.h"
 #include "collector/worker_threads.h"
+#include "ipc/routed_collector.h"
 #include "orb_sdk.h"
 #include "serializer/delivery_ledger.h"
 #include "serializer/kpi_serializer.h"
+#include "serializer/licsn_tables.h"
+#include "serializer/serializer_owner.h"
 #include "serializer/telemetry_header.h"
+#include "utility/fd_handle.h"
 #include "utility/hot_mutex.h"
 #include "utility/thread_annotations.h"
 
@@ -41,14 +43,12 @@ class LicInfo;
 class LicenseSNKPIMap;
 class kivAIDLClient;
 
-struct kiv_collector {
+struct kiv_collector final : public SerializerOwner, public RoutedCollector {
  public:
   // Copies what it needs from cfg and loads the configuration file.
   explicit kiv_collector(const kiv_cfg_s* cfg);
   // DeRegister() came before: no thread may still be running.
   virtual ~kiv_collector();
-  kiv_collector(const kiv_collector&) = delete;
-  kiv_collector& operator=(const kiv_collector&) = delete;
 
   // --- Registration (kiv_collector.cpp). ---
   // 0, or -1 when a synchronous registration gave up, or an asynchronous one has no thread.
@@ -63,28 +63,23 @@ struct kiv_collector {
   // destroyed without a wait and without a word to manager, HAL or disk. False when
   // one of the parent's threads was inside: it must be left as it is then.
   bool AdoptInChild() ORB_EXCLUDES(sessionMutex, stateMutex);
-  // The manager died. Only starts a thread, which runs LostConnThread(); takes a leaf.
-  // False when there is no thread: the caller then calls that itself, with no lock held.
-  bool LostConn();
-  // Ends the session and registers again, which may take all attempts.
-  void LostConnThread() ORB_EXCLUDES(sessionMutex, stateMutex);
-  // What the manager assigned. Called by the client before the token is routable.
-  void SetIdentity(const std::string& token, int32_t clientId) ORB_EXCLUDES(headerMutex);
+  bool LostConn() override;
+  void LostConnThread() override ORB_EXCLUDES(sessionMutex, stateMutex);
+  void SetIdentity(const std::string& token, int32_t clientId) override ORB_EXCLUDES(headerMutex);
   std::string Token() const { return link_.token(); }
   int32_t ClientId() const { return link_.client_id(); }
-  // True once DeRegister() has begun.
-  bool stopping() const { return stop_.raised(); }
+  bool stopping() const override { return stop_.raised(); }
   // Used instead of the process-wide client from the next registration on.
   void SetClientForTest(std::shared_ptr<kivAIDLClient> client);
 
   // --- Sessions (kiv_collector_session.cpp). ---
-  int StartSession(const KIVCampConfig& config) ORB_EXCLUDES(sessionMutex, stateMutex);
-  int StopSession() ORB_EXCLUDES(sessionMutex, stateMutex);
+  int StartSession(const KIVCampConfig& config) override ORB_EXCLUDES(sessionMutex, stateMutex);
+  int StopSession() override ORB_EXCLUDES(sessionMutex, stateMutex);
   int StopSessionLocked() ORB_REQUIRES(sessionMutex) ORB_EXCLUDES(stateMutex);
-  int StartSessionForLicSN(uint64_t licSN) ORB_EXCLUDES(sessionMutex);
-  int StopSessionForLicSN(uint64_t licSN) ORB_EXCLUDES(sessionMutex);
+  int StartSessionForLicSN(uint64_t licSN) override ORB_EXCLUDES(sessionMutex);
+  int StopSessionForLicSN(uint64_t licSN) override ORB_EXCLUDES(sessionMutex);
   bool validCfg(const LTCCampaignDef& def) const;
-  void SetCampaignId(uint64_t campaignId) { campaignId_.store(campaignId); }
+  void SetCampaignId(uint64_t campaignId) override { campaignId_.store(campaignId); }
   uint64_t GetCampaignId() const { return campaignId_.load(); }
 
   // --- Logging (kiv_collector_logging.cpp). ---
@@ -103,52 +98,43 @@ struct kiv_collector {
   size_t Pending() const ORB_EXCLUDES(serializerMutex);
 
   // --- Uploads (kiv_collector_upload.cpp). Called by the file serializer. ---
-  // Compresses, seals and sends one closed data file, then deletes it. The
-  // HAL's status; -1 when nothing was sent. Takes leaf locks only.
-  int SendData(const std::string& path) ORB_EXCLUDES(seqMutex);
+  int SendData(const std::string& path) override ORB_EXCLUDES(seqMutex);
   // gzip of the src_len bytes that remain in src into *dst, malloc'ed, the
   // caller's. 0, or -22, -12 or zlib's error with *dst null.
   int kiv_data_compress(FILE* src, uint32_t src_len, uint8_t** dst, uint32_t* dst_len);
 
   // --- Shared memory (kiv_collector_fd.cpp). ---
-  kiv_fd_handle_s* SetFD(int fd, uint32_t offset, uint32_t length, kiv_fd_done_cb done);
-  int FdWrite(const std::atomic<uint32_t>& fdToken, uint64_t unused, uint32_t offset, uint32_t size)
-      ORB_EXCLUDES(headerMutex, seqMutex);
-  // Waits for completion functions of the handle that run on other threads.
-  int UnsetFD(kiv_fd_handle_s* handle, const std::atomic<uint32_t>& fdToken);
-  // A piece was consumed: runs the completion functions, with no lock held.
-  // None once *hal_died, which the client sets before it looks for the next HAL.
+  kiv_fd_handle_s* SetFD(int fd, uint32_t offset, uint32_t length, kiv_fd_done_cb done) override;
+  int FdWrite(const std::atomic<uint32_t>& fdToken, uint64_t unused, uint32_t offset,
+              uint32_t size) override ORB_EXCLUDES(headerMutex, seqMutex);
+  int UnsetFD(kiv_fd_handle_s* handle, const std::atomic<uint32_t>& fdToken) override;
   void FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c,
-                   const std::atomic<bool>& hal_died = false) {
+                   const std::atomic<bool>& hal_died) override {
     handles_.RunDone(fdToken, a, b, c, hal_died);
   }
-  // The HAL that has this region died: nothing is announced to it any more, and what
-  // was is over. Called by the client before the next HAL is looked for.
-  void LoseRegion(uint32_t fdToken);
+  // By a HAL that lives.
+  void FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) {
+    FdWriteDone(fdToken, a, b, c, false);
+  }
+  void LoseRegion(uint32_t fdToken) override;
 
   // --- What a serializer reads of its owner. ---
-  const std::string& name() const { return cfg_.name; }
-  bool header_override() const { return cfg_.header_override; }
-  bool custom_session_format() const { return cfg_.custom_session_format; }
-  // The 66 header bytes of a new file of this LicSN: constants, campaign,
-  // client id, timestamps of now.
-  std::vector<uint8_t> BuildFileHeader(uint64_t licSN) ORB_EXCLUDES(headerMutex);
-  // Rebuilt only while no serializer exists, so a serializer and its writer
-  // thread read them without a lock.
-  const LicSnKeyTable& licSnKeys() const { return licSnKeys_; }
-  const KpiLicSnTable& kpiLicSns() const { return kpiLicSns_; }
-  // The LicSNs that get a KPI's records, in that order; 0 alone when there are none.
-  std::vector<uint64_t> OwnersOf(uint32_t kpi) const;
-  // The one LicSN of all slots, 0 when there is none.
-  uint64_t SlotOwner() const { return licSnKeys_.empty() ? 0 : licSnKeys_.begin()->first; }
-  DeliveryLedger& ledger() { return ledger_; }
-  // The most items that a queue held.
-  void NoteQueueDepth(uint64_t depth);
+  const std::string& name() const override { return cfg_.name; }
+  bool header_override() const override { return cfg_.header_override; }
+  bool custom_session_format() const override { return cfg_.custom_session_format; }
+  std::vector<uint8_t> BuildFileHeader(uint64_t licSN) override ORB_EXCLUDES(headerMutex);
+  // Rebuilt only while no serializer exists.
+  const LicSnKeyTable& licSnKeys() const override { return licSnKeys_; }
+  const KpiLicSnTable& kpiLicSns() const override { return kpiLicSns_; }
+  std::vector<uint64_t> OwnersOf(uint32_t kpi) const override;
+  uint64_t SlotOwner() const override { return licSnKeys_.empty() ? 0 : licSnKeys_.begin()->first; }
+  DeliveryLedger& ledger() override { return ledger_; }
+  void NoteQueueDepth(uint64_t depth) override;
 
   // --- What this client is doing (kiv_collector_dump.cpp). ---
   // "key: value" lines, docs/operations.md. Any thread; waits for a session callback
   // of the client for at most a moment, and leaves out what it would say then.
-  std::string Dump() ORB_EXCLUDES(stateMutex);
+  std::string Dump() override ORB_EXCLUDES(stateMutex);
 
   // Serializes what changes the session: starts and stops, of one owner too, and the
   // way back to a manager that died. Held across uploads and registrations, which

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "collector/licsn_tables.h"
+#include "serializer/licsn_tables.h"
 #include "utility/malloc_bytes.h"
 
 struct SealedPayload {

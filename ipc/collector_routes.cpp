@@ -3,7 +3,7 @@
 
 #include "utility/checked.h"
 
-void CollectorRoutes::Add(const std::string& token, kiv_collector* collector) {
+void CollectorRoutes::Add(const std::string& token, RoutedCollector* collector) {
   orb::MutexLock lock(mapMutex_);
   pins_.try_emplace(collector, 0);
   tokens_[token] = collector;
@@ -14,7 +14,7 @@ void CollectorRoutes::Remove(const std::string& token) {
   tokens_.erase(token);
 }
 
-void CollectorRoutes::AddRegion(uint32_t fdToken, kiv_collector* collector) {
+void CollectorRoutes::AddRegion(uint32_t fdToken, RoutedCollector* collector) {
   orb::MutexLock lock(mapMutex_);
   pins_.try_emplace(collector, 0);
   last_serial_ = orb::CheckedAdd<uint64_t>(last_serial_, 1);
@@ -66,7 +66,7 @@ std::vector<CollectorRoutes::Pin> CollectorRoutes::TakeAll() {
   return all;
 }
 
-void CollectorRoutes::Forget(kiv_collector* collector) {
+void CollectorRoutes::Forget(RoutedCollector* collector) {
   orb::MutexLock lock(mapMutex_);
   std::erase_if(tokens_, [=](const auto& entry) { return entry.second == collector; });
   std::erase_if(regions_, [=](const auto& entry) { return entry.second.collector == collector; });
@@ -88,14 +88,14 @@ std::vector<CollectorRoutes::Pin> CollectorRoutes::PinAllLocked() {
   return all;
 }
 
-CollectorRoutes::Pin CollectorRoutes::PinLocked(kiv_collector* collector) {
+CollectorRoutes::Pin CollectorRoutes::PinLocked(RoutedCollector* collector) {
   if (collector == nullptr) return Pin();
   uint32_t& count = pins_.find(collector)->second;
   count = orb::CheckedAdd<uint32_t>(count, 1);
   return Pin(this, collector);
 }
 
-void CollectorRoutes::Unpin(kiv_collector* collector) {
+void CollectorRoutes::Unpin(RoutedCollector* collector) {
   orb::MutexLock lock(mapMutex_);
   if (--pins_.find(collector)->second == 0) unpinned_.NotifyAll();
 }

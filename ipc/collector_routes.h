@@ -17,7 +17,7 @@
 
 #include "utility/thread_annotations.h"
 
-struct kiv_collector;
+class RoutedCollector;
 
 class CollectorRoutes {
  public:
@@ -32,23 +32,23 @@ class CollectorRoutes {
     ~Pin() {
       if (routes_ != nullptr) routes_->Unpin(collector_);
     }
-    kiv_collector* operator->() const { return collector_; }
+    RoutedCollector* operator->() const { return collector_; }
     explicit operator bool() const { return collector_ != nullptr; }
 
    private:
     friend class CollectorRoutes;
-    Pin(CollectorRoutes* routes, kiv_collector* collector)
+    Pin(CollectorRoutes* routes, RoutedCollector* collector)
         : routes_(routes), collector_(collector) {}
     CollectorRoutes* routes_ = nullptr;
-    kiv_collector* collector_ = nullptr;
+    RoutedCollector* collector_ = nullptr;
   };
 
   // Replaces an entry of the same token.
-  void Add(const std::string& token, kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
+  void Add(const std::string& token, RoutedCollector* collector) ORB_EXCLUDES(mapMutex_);
   void Remove(const std::string& token) ORB_EXCLUDES(mapMutex_);
 
   // Completions of the region go to the collector, registered or not.
-  void AddRegion(uint32_t fdToken, kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
+  void AddRegion(uint32_t fdToken, RoutedCollector* collector) ORB_EXCLUDES(mapMutex_);
   // A number of its own for each region; 0 for an unknown token.
   uint64_t RegionSerial(uint32_t fdToken) ORB_EXCLUDES(mapMutex_);
   // Nothing if the token names another region by now.
@@ -66,21 +66,21 @@ class CollectorRoutes {
 
   // Blocks while the collector is pinned. The caller holds no lock that a
   // pinned call might need, and is not inside such a call itself.
-  void Forget(kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
+  void Forget(RoutedCollector* collector) ORB_EXCLUDES(mapMutex_);
 
  private:
   struct Region {
-    kiv_collector* collector;
+    RoutedCollector* collector;
     uint64_t serial;
   };
   std::vector<Pin> PinAllLocked() ORB_REQUIRES(mapMutex_);
-  Pin PinLocked(kiv_collector* collector) ORB_REQUIRES(mapMutex_);
-  void Unpin(kiv_collector* collector) ORB_EXCLUDES(mapMutex_);
+  Pin PinLocked(RoutedCollector* collector) ORB_REQUIRES(mapMutex_);
+  void Unpin(RoutedCollector* collector) ORB_EXCLUDES(mapMutex_);
 
   orb::Mutex mapMutex_;
   orb::CondVar unpinned_;
-  std::map<std::string, kiv_collector*> tokens_ ORB_GUARDED_BY(mapMutex_);
+  std::map<std::string, RoutedCollector*> tokens_ ORB_GUARDED_BY(mapMutex_);
   std::map<uint32_t, Region> regions_ ORB_GUARDED_BY(mapMutex_);
   uint64_t last_serial_ ORB_GUARDED_BY(mapMutex_) = 0;
-  std::map<kiv_collector*, uint32_t> pins_ ORB_GUARDED_BY(mapMutex_);  // Of all that were routed.
+  std::map<RoutedCollector*, uint32_t> pins_ ORB_GUARDED_BY(mapMutex_);  // Of all that were routed.
 };

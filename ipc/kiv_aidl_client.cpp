@@ -10,10 +10,10 @@
 
 #include <utility>
 
-#include "collector/kiv_collector.h"
 #include "ipc/BpKIVManager.h"
 #include "ipc/kiv_callback_impl.h"
 #include "ipc/orbv_death_recipient.h"
+#include "ipc/routed_collector.h"
 #include "utility/checked.h"
 #include "utility/log.h"
 
@@ -48,7 +48,7 @@ kivAIDLClient::kivAIDLClient() : serviceManager_(LookUpManager), halServiceManag
 kivAIDLClient::~kivAIDLClient() = default;
 
 int kivAIDLClient::registerClient(const std::string& name, uint32_t clientType,
-                                  uint32_t clientOption, kiv_collector* collector) {
+                                  uint32_t clientOption, RoutedCollector* collector) {
   LOGI("%s: called", "registerClient");
   const sp<ProcessState> process = ProcessState::self();
   if (process == nullptr) {
@@ -115,7 +115,7 @@ int kivAIDLClient::deRegisterClient(const std::string& token) {
   return status.isOk() ? 0 : -1;
 }
 
-void kivAIDLClient::forgetCollector(kiv_collector* collector) { routes_.Forget(collector); }
+void kivAIDLClient::forgetCollector(RoutedCollector* collector) { routes_.Forget(collector); }
 
 void kivAIDLClient::LookUpManager() {
   static_cast<void>(::android::defaultServiceManager());  // Waits for it, whatever the name.

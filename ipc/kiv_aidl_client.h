@@ -26,7 +26,7 @@ class IKIVCallback;
 class IKIVManager;
 class OrbsyshalFDCallback;
 class OrbvDeathRecipient;
-struct kiv_collector;
+class RoutedCollector;
 struct native_handle;
 
 namespace aidl::android::hardware::common {
@@ -53,7 +53,8 @@ class kivAIDLClient {
   // the manager assigns. 0, or -1; also -1 when the manager died before the
   // collector was routable, when no LostConn reaches it.
   virtual int registerClient(const std::string& name, uint32_t clientType, uint32_t clientOption,
-                             kiv_collector* collector) ORB_EXCLUDES(managerConnect_, managerMutex_);
+                             RoutedCollector* collector)
+      ORB_EXCLUDES(managerConnect_, managerMutex_);
 
   // Hands one upload to the HAL; blocks until the HAL has it and, before that,
   // while another upload of the process is under way. 0, or -1. The buffers are
@@ -70,7 +71,7 @@ class kivAIDLClient {
   // Announces a region (the descriptor is duplicated, not taken), whose
   // completions go to the collector, registered or not. 0 and the HAL's token
   // for it, or non-zero.
-  virtual int setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
+  virtual int setupFD(int fd, uint32_t offset, uint32_t length, RoutedCollector* collector,
                       uint32_t* fdToken) ORB_EXCLUDES(halConnect_, halMutex_);
 
   // Announces one filled piece of a region. The HAL's result; -1 when it could
@@ -85,7 +86,7 @@ class kivAIDLClient {
 
   // Removes the collector from both maps and waits until no callback uses it.
   // Call before destroying a collector, with no lock held.
-  virtual void forgetCollector(kiv_collector* collector);
+  virtual void forgetCollector(RoutedCollector* collector);
 
   // A copy with descriptors of its own; the handle keeps its own.
   static ::aidl::android::hardware::common::NativeHandle makeToAidl(const native_handle* handle);

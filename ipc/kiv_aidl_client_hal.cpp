@@ -11,11 +11,12 @@
 #include <memory>
 #include <utility>
 
-#include "collector/kiv_collector.h"
 #include "ipc/kiv_aidl_client.h"
 #include "ipc/orbsyshal_fd_callback.h"
+#include "ipc/routed_collector.h"
 #include "utility/checked.h"
 #include "utility/contained.h"
+#include "utility/fd_handle.h"
 #include "utility/log.h"
 
 using ::aidl::android::hardware::common::NativeHandle;
@@ -144,7 +145,7 @@ int kivAIDLClient::sendData(const std::string&, const std::string& name, const u
   return 0;
 }
 
-int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
+int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, RoutedCollector* collector,
                            uint32_t* fdToken) {
   halServiceManager_.Await([] { return false; });
   const Hal hal = EnsureHal();

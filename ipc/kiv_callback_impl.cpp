@@ -5,8 +5,8 @@
 
 #include <memory>
 
-#include "collector/kiv_collector.h"
 #include "ipc/kiv_aidl_client.h"
+#include "ipc/routed_collector.h"
 #include "utility/contained.h"
 #include "utility/log.h"
 #include "utility/quiet_write.h"

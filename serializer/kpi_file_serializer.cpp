@@ -7,8 +7,9 @@
 #include <new>
 #include <utility>
 
-#include "collector/kiv_collector.h"
 #include "proto/kpi_data.pb.h"
+#include "serializer/serializer_owner.h"
+#include "serializer/telemetry_header.h"
 #include "utility/checked.h"
 #include "utility/contained.h"
 #include "utility/error_text.h"
@@ -35,7 +36,7 @@ std::string VersionRecord() {
 KPIFileSerializer::~KPIFileSerializer() { stopWriterThread(); }
 
 int KPIFileSerializer::Initialize(const char* cacheDir, unsigned int sizeThreshold,
-                                  unsigned int timeThreshold, kiv_collector* collector) {
+                                  unsigned int timeThreshold, SerializerOwner* collector) {
   {
     orb::MutexLock lock(fileMutex);
     this->cacheDir = cacheDir != nullptr ? cacheDir : "";

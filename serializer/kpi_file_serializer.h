@@ -43,7 +43,7 @@ class KPIFileSerializer : public KPISerializer {
   // key table and starts the writer thread. 0, or -1 when cacheDir cannot be
   // read or there is no thread. The collector is borrowed.
   int Initialize(const char* cacheDir, unsigned int sizeThreshold, unsigned int timeThreshold,
-                 kiv_collector* collector) ORB_EXCLUDES(fileMutex);
+                 SerializerOwner* collector) ORB_EXCLUDES(fileMutex);
 
   // These queue and return 0; they never wait for storage.
   int Write(orbtr::KPIData& data, unsigned int kpiId) override ORB_EXCLUDES(queueMutex);

@@ -9,8 +9,8 @@
 #include <memory>
 #include <vector>
 
-#include "collector/kiv_collector.h"
 #include "serializer/kpi_file_serializer.h"
+#include "serializer/serializer_owner.h"
 #include "utility/contained.h"
 #include "utility/error_text.h"
 #include "utility/log.h"

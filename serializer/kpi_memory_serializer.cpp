@@ -12,12 +12,13 @@
 #include <cstring>
 #include <string>
 
-#include "collector/kiv_collector.h"
 #include "proto/kpi_data.pb.h"
 #include "serializer/blob_segment_encoder.h"
+#include "serializer/serializer_owner.h"
 #include "utility/checked.h"
 #include "utility/clock.h"
 #include "utility/error_text.h"
+#include "utility/fd_handle.h"
 #include "utility/log.h"
 #include "utility/malloc_bytes.h"
 
@@ -40,7 +41,7 @@ KPIMemorySerializer::~KPIMemorySerializer() {
   ReleaseRegion();
 }
 
-int KPIMemorySerializer::Initialize(uint32_t size, uint32_t numSlots, kiv_collector* collector) {
+int KPIMemorySerializer::Initialize(uint32_t size, uint32_t numSlots, SerializerOwner* collector) {
   this->collector = collector;
   owner = collector->SlotOwner();
   if (numSlots > kMaskBits) {

@@ -32,7 +32,7 @@ class KPIMemorySerializer : public KPISerializer {
 
   // `size` bytes in all, cut into numSlots of equal size, the remainder unused.
   // 0; -2 more than 64 slots, -3 no region, -4 no mapping, -5 the HAL refused.
-  int Initialize(uint32_t size, uint32_t numSlots, kiv_collector* collector)
+  int Initialize(uint32_t size, uint32_t numSlots, SerializerOwner* collector)
       ORB_EXCLUDES(writerMutex);
 
   // One record each. 0; -1 when there is no room for it (or it cannot be

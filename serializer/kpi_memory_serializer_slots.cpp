@@ -6,10 +6,11 @@
 #include <map>
 #include <string>
 
-#include "collector/kiv_collector.h"
 #include "serializer/kpi_memory_serializer.h"
+#include "serializer/serializer_owner.h"
 #include "utility/checked.h"
 #include "utility/clock.h"
+#include "utility/fd_handle.h"
 #include "utility/log.h"
 
 using orb::LossCause;

@@ -9,6 +9,8 @@
 
 #include "orb_sdk.h"
 
+class SerializerOwner;
+
 namespace orbtr {
 class KPIData;
 }
@@ -16,11 +18,11 @@ class KPIData;
 class KPISerializer {
  public:
   struct Config {
-    uint32_t type = 0;                   // 1 files, 2 shared-memory slots; else none.
-    uint32_t sizeThreshold = 0;          // Files: bytes before a file is sent. Slots: bytes in all.
-    uint32_t timeThreshold = 0;          // Files: seconds. Slots: number of slots.
-    const char* cacheDir = nullptr;      // Files only.
-    kiv_collector* collector = nullptr;  // The owner; outlives the serializer.
+    uint32_t type = 0;               // 1 files, 2 shared-memory slots; else none.
+    uint32_t sizeThreshold = 0;      // Files: bytes before a file is sent. Slots: bytes in all.
+    uint32_t timeThreshold = 0;      // Files: seconds. Slots: number of slots.
+    const char* cacheDir = nullptr;  // Files only.
+    SerializerOwner* collector = nullptr;  // The owner; outlives the serializer.
   };
 
   // Null for an unknown type, or when the serializer could not be initialised.
@@ -92,7 +94,7 @@ class KPISerializer {
   // What the metadata of the records counts; a blob is one sample.
   static uint64_t SamplesOf(const orbtr::KPIData& data);
 
-  kiv_collector* collector = nullptr;
+  SerializerOwner* collector = nullptr;
   const char* name;
   std::atomic<uint32_t> sizeThreshold{0};
   std::atomic<uint32_t> timeThreshold{0};

@@ -4,9 +4,9 @@
 #include <future>
 
 #include "tests/collector/collector_fixture.h"
-#include "tests/serializer/slot_hal.h"
 #include "tests/support/dump_lines.h"
 #include "tests/support/file_size_limit.h"
+#include "tests/support/slot_hal.h"
 
 namespace {
 

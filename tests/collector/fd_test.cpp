@@ -63,7 +63,7 @@ TEST_F(FdTest, CompletionsReachEveryHandleOfTheToken) {
 
 // Dies as soon as it has taken a region.
 struct DyingHal : FakeAidlClient {
-  int setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
+  int setupFD(int fd, uint32_t offset, uint32_t length, RoutedCollector* collector,
               uint32_t* fdToken) override {
     EXPECT_EQ(FakeAidlClient::setupFD(fd, offset, length, collector, fdToken), 0);
     collector->LoseRegion(*fdToken);

@@ -8,7 +8,7 @@
 
 #include "proto/kpi_data.pb.h"
 #include "tests/collector/collector_fixture.h"
-#include "tests/serializer/slot_hal.h"
+#include "tests/support/slot_hal.h"
 
 namespace orb::test {
 namespace {

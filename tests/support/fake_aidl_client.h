@@ -74,7 +74,7 @@ class FakeAidlClient : public kivAIDLClient {
   }
 
   int registerClient(const std::string& name, uint32_t clientType, uint32_t clientOption,
-                     kiv_collector* collector) override {
+                     RoutedCollector* collector) override {
     const int result = Call("registerClient " + name + " " + std::to_string(clientType) + " " +
                             std::to_string(clientOption));
     if (result == 0) collector->SetIdentity(kToken, kClientId);
@@ -93,10 +93,11 @@ class FakeAidlClient : public kivAIDLClient {
   int deRegisterClient(const std::string& token) override {
     return Call("deRegisterClient " + token);
   }
-  int setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
+  int setupFD(int fd, uint32_t offset, uint32_t length, RoutedCollector* collector,
               uint32_t* fdToken) override {
-    const int result = Call("setupFD " + std::to_string(fd) + " " + std::to_string(offset) + " " +
-                            std::to_string(length) + " " + collector->Token());
+    const int result =
+        Call("setupFD " + std::to_string(fd) + " " + std::to_string(offset) + " " +
+             std::to_string(length) + " " + static_cast<kiv_collector*>(collector)->Token());
     MutexLock lock(mutex_);
     if (result == 0) *fdToken = next_region_++;
     return result;
@@ -113,7 +114,7 @@ class FakeAidlClient : public kivAIDLClient {
   int UnsetFD(const std::string& token, const std::atomic<uint32_t>& fdToken) override {
     return Call("UnsetFD " + token + " " + std::to_string(fdToken));
   }
-  void forgetCollector(kiv_collector*) override { Call("forgetCollector "); }
+  void forgetCollector(RoutedCollector*) override { Call("forgetCollector "); }
 
  private:
   struct Failure {

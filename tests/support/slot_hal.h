@@ -26,7 +26,7 @@ class SlotHal : public FakeAidlClient {
   // Completes every piece that it takes inside its announcement, this many times; 0: when asked.
   explicit SlotHal(int completions_inside = 0) : completions_inside_(completions_inside) {}
 
-  int setupFD(int fd, uint32_t offset, uint32_t length, kiv_collector* collector,
+  int setupFD(int fd, uint32_t offset, uint32_t length, RoutedCollector* collector,
               uint32_t* fdToken) override {
     const int result = FakeAidlClient::setupFD(fd, offset, length, collector, fdToken);
     MutexLock lock(mutex_);
