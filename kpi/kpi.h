@@ -10,10 +10,10 @@
 #include <memory>
 
 #include "kpi/kpi_clock.h"
+#include "ledger/kpi_samples.h"
 #include "proto/kpi_data.pb.h"
 #include "proto/ltc_campaign.pb.h"
 #include "utility/checked.h"
-#include "utility/kpi_samples.h"
 
 class KPISerializer;
 

@@ -21,7 +21,7 @@ PLATFORM = set("""libbase libbinder libbinder_ndk libbinder_headers libcrypto li
     liblog libnanopb libprotobuf-cpp-lite libutils libz android.hardware.common-V2-ndk
     android.hardware.common.fmq-V1-ndk""".split())
 FILES = ("srcs", "local_include_dirs", "export_include_dirs", "version_script", "init_rc", "path")
-PRODUCT = ("collector", "crypto", "ipc", "kpi", "proto", "serializer", "utility")
+PRODUCT = ("collector", "crypto", "ipc", "kpi", "proto", "ledger", "serializer", "utility")
 STABLE = "BINDER_STABILITY_SUPPORT"
 MODULES = ("defaults", "shared_libs", "static_libs", "header_libs")
 TYPES = {"String": "string", "byte[]": "vector<uint8_t>", "long": "int64_t", "int": "int32_t",
@@ -101,7 +101,7 @@ def check_bp(modules):
                 if not glob.glob(pattern, recursive=True):
                     faults.append(f"Android.bp: {module['name']}: no file {pattern}")
     used = set(re.findall(r'#include "(proto/\w+)\.pb\.h"', "".join(
-        read(path) for folder in ("collector", "ipc", "kpi", "serializer", "utility")
+        read(path) for folder in ("collector", "ipc", "kpi", "ledger", "serializer", "utility")
         for path in glob.glob(f"{folder}/**/*.[ch]*", recursive=True))))
     built = {os.path.splitext(path)[0] for _, module in modules for path in
              listed(module.get("srcs", [])) if path.endswith(".proto")}

@@ -29,11 +29,13 @@ FLOORS = [
     ("utility/", ["include/", "proto/"], ["android/log.h", "android-base/", "log/"]),
     ("platform/linux/", LEAVES, BINDER + ["systemd/", "android-base/", "orb_platform/", "log/"]),
     ("crypto/", ["include/", "utility/"], ["android/log.h"]),
-    ("serializer/", ["include/", "utility/", "proto/"], ["android/log.h", "cutils/"]),
-    ("kpi/", ["include/", "utility/", "proto/", "serializer/kpi_serializer.h"],
+    ("ledger/", ["utility/"], ["android/log.h"]),
+    ("serializer/", ["include/", "utility/", "proto/", "ledger/"], ["android/log.h", "cutils/"]),
+    ("kpi/", ["include/", "utility/", "proto/", "ledger/", "serializer/kpi_serializer.h"],
      ["android/log.h"]),
     ("ipc/", ["include/", "utility/"], BINDER),
-    ("collector/", ["include/", "utility/", "proto/", "crypto/", "kpi/", "serializer/", "ipc/"],
+    ("collector/", ["include/", "utility/", "proto/", "crypto/", "ledger/", "kpi/", "serializer/",
+                    "ipc/"],
      BINDER),
     ("services/common/", ["include/", "utility/"], BINDER + ["orb_platform/", "systemd/"]),
     ("services/hal/", CONTRACT + ["include/", "utility/", "services/common/",
@@ -47,8 +49,8 @@ FLOORS = [
                        "services/manager/control/"] + CONTRACT,
      BINDER + ["orb_platform/"]),
     # The library and the services themselves, in one process.
-    ("tools/orbctl/sim/", ["include/", "utility/", "proto/", "serializer/", "collector/",
-                           "kpi/kpi_clock.h", "services/", "tools/orbctl/"] + CONTRACT,
+    ("tools/orbctl/sim/", ["include/", "utility/", "proto/", "ledger/", "serializer/",
+                           "collector/", "kpi/kpi_clock.h", "services/", "tools/orbctl/"] + CONTRACT,
      BINDER + ["orb_platform/"]),
     ("tools/orbctl/main.cpp", ["tools/orbctl/", "utility/"], []),
     ("examples/", ["include/"], []),
@@ -63,7 +65,7 @@ FLOORS = [
     ("bench/", ANY, ANY),
     ("fuzz/", ANY, ANY),
 ]
-PRODUCT = ("utility/", "crypto/", "kpi/", "serializer/", "ipc/", "collector/")
+PRODUCT = ("utility/", "crypto/", "ledger/", "kpi/", "serializer/", "ipc/", "collector/")
 PLATFORM_PREFIXES = BINDER + ["systemd/", "orb_platform/", "log/", "android-base/", "dbus/"]
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
 LINUX_ONLY = re.compile(r"sd_bus|dbus|DBus|#\s*if.*__ANDROID__|#\s*if.*__linux__")

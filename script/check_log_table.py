@@ -8,7 +8,7 @@ import pathlib
 import re
 import sys
 
-FOLDERS = ["collector", "kpi", "serializer", "crypto", "ipc", "utility", "platform/linux"]
+FOLDERS = ["collector", "kpi", "ledger", "serializer", "crypto", "ipc", "utility", "platform/linux"]
 CALL = re.compile(r'\bLOG[VDIWE]\(\s*((?:"(?:[^"\\]|\\.)*"\s*)+)[,)]')
 LITERAL = re.compile(r'"((?:[^"\\]|\\.)*)"')
 CONVERSION = re.compile(r"% ?[-+0#]*[0-9.]*(?:hh|h|ll|l|z)?[a-zA-Z]")

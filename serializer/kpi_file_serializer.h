@@ -22,7 +22,7 @@
 #include <string>
 #include <vector>
 
-#include "serializer/delivery_ledger.h"
+#include "ledger/delivery_ledger.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/thread.h"
 #include "utility/thread_annotations.h"

@@ -17,7 +17,7 @@
 #include <optional>
 #include <string>
 
-#include "serializer/delivery_ledger.h"
+#include "ledger/delivery_ledger.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/thread_annotations.h"
 #include "utility/unique_fd.h"

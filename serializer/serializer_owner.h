@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "ledger/delivery_ledger.h"
 #include "orb_sdk.h"
-#include "serializer/delivery_ledger.h"
 #include "serializer/licsn_tables.h"
 
 class SerializerOwner {

@@ -13,8 +13,8 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "ledger/loss_cause.h"
 #include "tests/faults/load_campaign.h"
-#include "utility/loss_cause.h"
 
 namespace orb::test {
 namespace {

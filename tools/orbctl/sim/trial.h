@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "ipc/KIVCampConfig.h"
+#include "ledger/delivery_ledger.h"
 #include "orb_sdk.h"
-#include "serializer/delivery_ledger.h"
 #include "tools/orbctl/sim/fault_plan.h"
 #include "tools/orbctl/sim/library_log.h"
 #include "tools/orbctl/sim/load_file.h"

@@ -10,10 +10,10 @@
 #include <utility>
 #include <vector>
 
+#include "ledger/loss_cause.h"
 #include "proto/ltc_campaign.pb.h"
 #include "tools/orbctl/sim/trial.h"
 #include "tools/orbctl/upload_reader.h"
-#include "utility/loss_cause.h"
 
 namespace orb::orbctl {
 

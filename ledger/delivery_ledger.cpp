@@ -1,5 +1,5 @@
 // Tested by tests/collector/dump_test.cpp.
-#include "serializer/delivery_ledger.h"
+#include "ledger/delivery_ledger.h"
 
 #include "utility/checked.h"
 #include "utility/contained.h"

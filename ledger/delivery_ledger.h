@@ -18,8 +18,8 @@
 #include <utility>
 #include <vector>
 
-#include "utility/kpi_samples.h"
-#include "utility/loss_cause.h"
+#include "ledger/kpi_samples.h"
+#include "ledger/loss_cause.h"
 #include "utility/thread_annotations.h"
 
 // Some records: their samples and their bytes before compression. Raw buffers

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "utility/loss_cause.h"
+#include "ledger/loss_cause.h"
 
 namespace orb {
 
