@@ -1,5 +1,7 @@
-// kiv_data_compress: one gzip member, window of 15 bits, default level.
+// One gzip member, window of 15 bits, default level.
 // Tested by tests/collector/upload_test.cpp.
+#include "collector/gzip.h"
+
 #include <zlib.h>
 
 #include <cerrno>
@@ -7,7 +9,6 @@
 #include <cstring>
 #include <utility>
 
-#include "collector/kiv_collector.h"
 #include "utility/checked.h"
 #include "utility/log.h"
 #include "utility/malloc_bytes.h"
@@ -73,8 +74,7 @@ int DeflateFile(FILE* src, z_stream* stream, uint64_t capacity, orb::MallocBytes
 
 }  // namespace
 
-int kiv_collector::kiv_data_compress(FILE* src, uint32_t src_len, uint8_t** dst,
-                                     uint32_t* dst_len) {
+int GzipRest(FILE* src, uint32_t src_len, uint8_t** dst, uint32_t* dst_len) {
   if (src == nullptr || dst == nullptr || dst_len == nullptr) {
     LOGE("src fp/dst_buf/dst_buf_len is NULL");
     return -EINVAL;

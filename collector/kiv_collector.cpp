@@ -3,12 +3,9 @@
 #include "collector/kiv_collector.h"
 
 #include <algorithm>
-#include <chrono>
 #include <utility>
 
 #include "ipc/kiv_aidl_client.h"
-#include "kpi/kpi.h"
-#include "serializer/kpi_serializer.h"
 #include "utility/clock.h"
 #include "utility/conf.h"
 #include "utility/contained.h"
@@ -21,18 +18,9 @@ constexpr uint32_t kFirstUnconnectedMode = 2;
 
 }  // namespace
 
-kiv_collector::kiv_collector(const kiv_cfg_s* cfg) : cfg_(*cfg) {
-  Conf::Load(cfg_.data_dir);
-  orb::MutexLock lock(headerMutex);
-  header_.SetItem(TelemetryHeader::HDR_ITEM_KIND, cfg_.header_kind);
-  header_.SetItem(TelemetryHeader::HDR_ITEM_VERSION, cfg_.header_version);
-}
+kiv_collector::kiv_collector(const kiv_cfg_s* cfg) : cfg_(*cfg) { Conf::Load(cfg_.data_dir); }
 
-kiv_collector::~kiv_collector() {
-  // The serializer's writer thread reads the tables until it has ended.
-  orb::MutexLock session(sessionMutex);
-  DropSession();
-}
+kiv_collector::~kiv_collector() = default;
 
 int kiv_collector::Register() {
   if (cfg_.sync_register) return RunRegistration();
@@ -88,31 +76,25 @@ int kiv_collector::DeRegister() {
     LOGI("%s: registerThread exited", "DeRegister");
   }
   // Whatever becomes of the session, the manager is told.
-  orb::Contained("DeRegister", [this] {
-    orb::MutexLock session(sessionMutex);
-    StopSessionLocked();
-  });
+  orb::Contained("DeRegister", [this] { session_.StopSession(); });
   const auto client = link_.client();
   return client == nullptr ? -1 : client->deRegisterClient(link_.token());
 }
 
 bool kiv_collector::AdoptInChild() {
-  if (!stateMutex.TryLockFor(std::chrono::milliseconds(0))) return false;
-  stateMutex.Unlock();
-  if (!sessionMutex.IsFree() || !serializerMutex.IsFree() || !headerMutex.IsFree() ||
-      !seqMutex.IsFree() || !handles_.AdoptInChild() || !ledger_.AdoptInChild() ||
-      !link_.AdoptInChild() || !stop_.AdoptInChild()) {
-    return false;
-  }
-  const auto serializer = Serializer();
-  return registerThreads_.AdoptInChild() && lostConnThreads_.AdoptInChild() &&
-         (serializer == nullptr || serializer->AdoptInChild());
+  return header_.AdoptInChild() && uploader_.AdoptInChild() && regions_.AdoptInChild() &&
+         ledger_.AdoptInChild() && link_.AdoptInChild() && stop_.AdoptInChild() &&
+         session_.AdoptInChild() && registerThreads_.AdoptInChild() &&
+         lostConnThreads_.AdoptInChild();
 }
 
 void kiv_collector::Unroute() {
-  if (cfg_.client_mode >= kFirstUnconnectedMode) return;
-  // A lost connection leaves entries behind but no reference, so ask again.
-  link_.ObtainClient()->forgetCollector(this);
+  if (cfg_.client_mode < kFirstUnconnectedMode) {
+    // A lost connection leaves entries behind but no reference, so ask again.
+    link_.ObtainClient()->forgetCollector(this);
+  }
+  // The writer thread of a session whose start was refused uses this object still.
+  session_.Drop();
 }
 
 bool kiv_collector::LostConn() {
@@ -120,33 +102,22 @@ bool kiv_collector::LostConn() {
 }
 
 void kiv_collector::LostConnThread() {
-  // Also across the registration: a session, and the end of another manager, find it
-  // done. A synchronous one takes its time; whoever logs does not wait for it.
-  orb::MutexLock session(sessionMutex);
-  if (stop_.raised()) return;
-  StopSessionLocked();
-  LOGI("%s: c::LostConn deleteing client instance for token - %s", cfg_.name.c_str(),
-       link_.token().c_str());
-  link_.ResetClient();
-  if (stop_.raised() || Register() == 0 || cfg_.sync_register) return;
-  RunRegistration();  // No thread for it: this one is as good.
+  // The session waits for the registration, too: the next one, and the end of another
+  // manager, find it done. A synchronous one takes its time; whoever logs does not wait.
+  session_.StopThen([this] {
+    LOGI("%s: c::LostConn deleteing client instance for token - %s", cfg_.name.c_str(),
+         link_.token().c_str());
+    link_.ResetClient();
+    if (stop_.raised() || Register() == 0 || cfg_.sync_register) return;
+    RunRegistration();  // No thread for it: this one is as good.
+  });
 }
 
 void kiv_collector::SetIdentity(const std::string& token, int32_t clientId) {
   link_.SetIdentity(token, clientId);
-  orb::MutexLock lock(headerMutex);
-  header_.SetItem(TelemetryHeader::HDR_ITEM_WORD8, static_cast<uint32_t>(clientId));
+  header_.SetClientId(clientId);
 }
 
 void kiv_collector::SetClientForTest(std::shared_ptr<kivAIDLClient> client) {
   link_.SetClientForTest(std::move(client));
-}
-
-std::vector<uint8_t> kiv_collector::BuildFileHeader(uint64_t licSN) {
-  orb::MutexLock lock(headerMutex);
-  header_.SetItem(TelemetryHeader::HDR_ITEM_CAMPAIGN_ID, GetCampaignId());
-  header_.SetItem(TelemetryHeader::HDR_ITEM_LICSN, licSN);
-  header_.SetConstantItems();
-  header_.SetTimestampItems();
-  return header_.GetHeader();
 }

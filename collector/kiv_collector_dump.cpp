@@ -2,26 +2,13 @@
 // quoted text, or some "name=word".
 // Tested by tests/collector/dump_test.cpp.
 #include <algorithm>
-#include <chrono>
+#include <string>
 #include <utility>
 
 #include "collector/kiv_collector.h"
-#include "kpi/kpi.h"
-#include "proto/ltc_campaign.pb.h"
 #include "utility/checked.h"
 
-struct kiv_collector::KpiState {
-  uint32_t id;
-  const char* type;
-  uint32_t window;
-  const char* unit;
-  orb::KpiSamples samples;
-};
-
 namespace {
-
-// A callback of the client may take as long as it likes: nobody waits for that.
-constexpr std::chrono::milliseconds kBusyWait{250};
 
 class Text {
  public:
@@ -47,24 +34,6 @@ class Text {
  private:
   std::string out_;
 };
-
-const char* TypeName(const KPICfg& cfg) {
-  if (cfg.type() == KPI_STATE) return "state";
-  if (cfg.type() == KPI_BLOB) return "blob";
-  if (cfg.sub_type() == GAUGE) return "gauge";
-  return cfg.sub_type() == HISTOGRAM ? "histogram" : "counter";
-}
-
-std::pair<uint32_t, const char*> WindowOf(const KPICfg& cfg) {
-  switch (cfg.agg_window_oneof_case()) {
-    case KPICfg::kTimeWindow:
-      return {cfg.time_window(), "ms"};
-    case KPICfg::kSampleWindow:
-      return {cfg.sample_window(), "samples"};
-    default:
-      return {0, "none"};
-  }
-}
 
 void Describe(const Tally& tally, Text* text) {
   text->Item("records", tally.records).Item("samples", tally.samples).Item("bytes", tally.bytes);
@@ -92,39 +61,15 @@ void kiv_collector::NoteQueueDepth(uint64_t depth) {
   queueDepthMax_ = std::max(queueDepthMax_.load(), depth);
 }
 
-std::vector<kiv_collector::KpiState> kiv_collector::DescribeKPIs(Books* books) {
-  std::vector<KpiState> kpis;
-  kpis.reserve(kpis_.size());
-  for (const auto& [id, kpi] : kpis_) {
-    const auto [window, unit] = WindowOf(kpi->config());
-    kpis.push_back({id, TypeName(kpi->config()), window, unit, kpi->CountSamples()});
-    books->Enter(OwnersOf(id), kpis.back().samples);
-  }
-  return kpis;
-}
-
 std::string kiv_collector::Dump() {
-  Books books;
-  std::vector<KpiState> kpis;
-  bool busy = !sessionMutex.TryLock();
-  if (!busy) sessionMutex.Unlock();
-  KPISerializer::Backlog backlog;
-  if (stateMutex.TryLockFor(kBusyWait)) {
-    // Records are handed over under this mutex, so the books and the windows fit.
-    if (const auto serializer = Serializer()) backlog = serializer->backlog();
-    books = ledger_.Copy();
-    kpis = DescribeKPIs(&books);
-    stateMutex.Unlock();
-  } else {
-    busy = true;
-    if (const auto serializer = Serializer()) backlog = serializer->backlog();
-    books = ledger_.Copy();
-  }
+  Session::State state = session_.Describe();
+  const KPISerializer::Backlog& backlog = state.backlog;
+  Books& books = state.books;
   if (backlog.open_records != 0) {
     books.owners[backlog.open_owner].open.Add(
         {backlog.open_records, backlog.open_samples, backlog.open_bytes});
   }
-  const int64_t seqno = lastSeqno_;
+  const int64_t seqno = uploader_.last_seqno();
 
   Text text;
   text.Key("client.name").Quoted(cfg_.name);
@@ -132,13 +77,13 @@ std::string kiv_collector::Dump() {
   text.Key("client.api_version").Word(std::to_string(KIV_API_VERSION));
   text.Key("client.mode").Word(cfg_.hbt ? "slots" : "files");
   text.Key("client.last_seqno").Word(seqno < 0 ? "none" : std::to_string(seqno));
-  text.Key("session.state").Word(busy ? "busy" : sessionActive_ ? "running" : "idle");
+  text.Key("session.state").Word(state.busy ? "busy" : state.active ? "running" : "idle");
   text.Key("session.campaign").Word(std::to_string(GetCampaignId()));
   text.Key("session.format").Word(cfg_.custom_session_format ? "custom" : "campaign");
   text.Key("queue").Item("depth", backlog.depth).Item("samples", backlog.samples);
   text.Item("depth_max", std::max(backlog.depth_max, queueDepthMax_.load()));
   text.Key("samples").Item("logged", books.logged).Item("repeated", books.repeated);
-  for (const KpiState& kpi : kpis) {
+  for (const Session::KpiState& kpi : state.kpis) {
     uint64_t lost = 0;
     kpi.samples.lost.ForEach(
         [&lost](orb::LossCause, uint64_t count) { lost = orb::CheckedAdd<uint64_t>(lost, count); });

@@ -43,6 +43,7 @@ int KPIFileSerializer::Initialize(const char* cacheDir, unsigned int sizeThresho
     this->sizeThreshold = sizeThreshold;
     this->timeThreshold = timeThreshold;
     this->collector = collector;
+    tables = collector->tables();
     fileMap.clear();
     versionRecord = collector->header_override() ? std::string() : VersionRecord();
     emptyFileSize = orb::CheckedAdd<uint32_t>(TelemetryHeader::kBytes, versionRecord.size());
@@ -92,7 +93,7 @@ int KPIFileSerializer::WriteBlobSegsOptimized(unsigned int kpiId, uint64_t, uint
                                               const kiv_blob_segment_t*, unsigned int) {
   LOGE("%s not supported in KPIFileSerializer", "WriteBlobSegsOptimized");
   if (collector != nullptr) {
-    for (const uint64_t owner : collector->OwnersOf(kpiId)) {
+    for (const uint64_t owner : tables->OwnersOf(kpiId)) {
       collector->ledger().Lost(owner, orb::LossCause::kEncode, {1, 1, 0});
     }
   }

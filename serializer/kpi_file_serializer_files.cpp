@@ -73,7 +73,7 @@ int KPIFileSerializer::handleTmpFile() {
   }
   for (const std::string& name : names) RecoverFile(cacheDir + "/" + name);
 
-  const auto& keys = collector->licSnKeys();
+  const auto& keys = tables->keys;
   LOGI("%s: Creating %d new tmp files - %s", "handleTmpFile", static_cast<int>(keys.size()),
        collector->name().c_str());
   for (const auto& [licSN, key] : keys) createFout(licSN);
@@ -105,7 +105,7 @@ void KPIFileSerializer::prepare_file(const kpiDataStruct& item) {
     return;
   }
   if (collector->custom_session_format()) return AddToEveryFile(item);
-  const auto owners = collector->kpiLicSns().Find(item.kpiId);
+  const auto owners = tables->kpis.Find(item.kpiId);
   if (owners.empty()) return AddToEveryFile(item);
   for (const auto& [kpi, licSN] : owners) {
     if (fileMap.count(licSN) != 0) {
@@ -120,7 +120,7 @@ void KPIFileSerializer::prepare_file(const kpiDataStruct& item) {
 // Flushes on the way change the map's values, never its keys.
 void KPIFileSerializer::AddToEveryFile(const kpiDataStruct& item) {
   for (const auto& entry : fileMap) add_to_file(entry.first, item);
-  const auto& owners = collector->licSnKeys();
+  const auto& owners = tables->keys;
   for (const auto& [licSN, key] : owners) {
     if (fileMap.count(licSN) == 0) BookWithoutFile(licSN, item);
   }

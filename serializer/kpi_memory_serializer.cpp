@@ -16,7 +16,6 @@
 #include "serializer/blob_segment_encoder.h"
 #include "serializer/serializer_owner.h"
 #include "utility/checked.h"
-#include "utility/clock.h"
 #include "utility/error_text.h"
 #include "utility/fd_handle.h"
 #include "utility/log.h"
@@ -43,7 +42,8 @@ KPIMemorySerializer::~KPIMemorySerializer() {
 
 int KPIMemorySerializer::Initialize(uint32_t size, uint32_t numSlots, SerializerOwner* collector) {
   this->collector = collector;
-  owner = collector->SlotOwner();
+  tables = collector->tables();
+  owner = tables->SlotOwner();
   if (numSlots > kMaskBits) {
     LOGE("%s::%s: num_slots %d greater than bitmask field %d", name, "Initialize",
          static_cast<int>(numSlots), static_cast<int>(kMaskBits));

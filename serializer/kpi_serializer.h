@@ -10,6 +10,7 @@
 #include "orb_sdk.h"
 
 class SerializerOwner;
+struct LicSnTables;
 
 namespace orbtr {
 class KPIData;
@@ -94,7 +95,8 @@ class KPISerializer {
   // What the metadata of the records counts; a blob is one sample.
   static uint64_t SamplesOf(const orbtr::KPIData& data);
 
-  SerializerOwner* collector = nullptr;
+  SerializerOwner* collector = nullptr;  // These two are set by Initialize.
+  std::shared_ptr<const LicSnTables> tables;
   const char* name;
   std::atomic<uint32_t> sizeThreshold{0};
   std::atomic<uint32_t> timeThreshold{0};

@@ -50,3 +50,23 @@ class KpiLicSnTable {
 };
 
 using LicSnFlagTable = std::map<uint64_t, bool>;
+
+// What a session has of all this. Made at its start, and const from then on, so that the
+// serializer's and the HAL's threads read it without a lock.
+struct LicSnTables {
+  LicSnKeyTable keys;  // Every LicSN of the campaign.
+  KpiLicSnTable kpis;
+  LicSnFlagTable encrypt;  // Whether its data is sealed.
+
+  // The LicSNs that get a KPI's records, in that order; 0 alone when there are none.
+  std::vector<uint64_t> OwnersOf(uint32_t kpi) const {
+    std::vector<uint64_t> owners;
+    for (const auto& [id, licSN] : kpis.Find(kpi)) owners.push_back(licSN);
+    if (!owners.empty()) return owners;
+    for (const auto& [licSN, key] : keys) owners.push_back(licSN);
+    if (owners.empty()) owners.push_back(0);
+    return owners;
+  }
+  // The one LicSN of all slots, 0 when there is none.
+  uint64_t SlotOwner() const { return keys.empty() ? 0 : keys.begin()->first; }
+};

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -24,13 +25,8 @@ class SerializerOwner {
   virtual bool header_override() const = 0;
   virtual bool custom_session_format() const = 0;
 
-  // Constant while a serializer exists. No lock.
-  virtual const LicSnKeyTable& licSnKeys() const = 0;
-  virtual const KpiLicSnTable& kpiLicSns() const = 0;
-  // The LicSNs that get a KPI's records, in that order; 0 alone when there are none.
-  virtual std::vector<uint64_t> OwnersOf(uint32_t kpi) const = 0;
-  // The one LicSN of all slots, 0 when there is none.
-  virtual uint64_t SlotOwner() const = 0;
+  // The tables of the session that the serializer is made for. Takes a leaf.
+  virtual std::shared_ptr<const LicSnTables> tables() const = 0;
 
   // The books of what becomes of records; they have a leaf of their own.
   virtual DeliveryLedger& ledger() = 0;

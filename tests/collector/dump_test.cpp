@@ -333,11 +333,19 @@ TEST_F(DumpTest, TellsWhatASessionIsDoing) {
 
 // A start or stop that hangs is when one wants to look.
 TEST_F(DumpTest, DoesNotWaitForASessionThatHangs) {
+  static std::promise<void> entered;
+  static std::promise<void> leave;
+  cfg_.stop_session_cb = [](kiv_collector*) {
+    entered.set_value();
+    leave.get_future().wait();
+    return 0;
+  };
   StartFiles();
-  orb::HotMutexLock hanging(collector_->stateMutex);
-  const std::string text =
-      std::async(std::launch::async, [this] { return collector_->Dump(); }).get();
-  EXPECT_EQ(DumpLines(text).Value("session.state"), "busy");
+  auto stopped = std::async(std::launch::async, [this] { return collector_->StopSession(); });
+  entered.get_future().wait();
+  EXPECT_EQ(Dump().Value("session.state"), "busy");
+  leave.set_value();
+  EXPECT_EQ(stopped.get(), 0);
 }
 
 }  // namespace

@@ -110,15 +110,16 @@ TEST_F(LifecycleTest, DeRegisterWaitsForARegistrationUnderWay) {
 
 TEST_F(LifecycleTest, DeRegisterJoinsALostConnectionThatWaits) {
   MakeRegistered();
-  std::future<int> result;
-  {
-    MutexLock lock(collector_->sessionMutex);
-    collector_->LostConn();
-    result = DeRegisterLater();
-    EXPECT_TRUE(log_.WaitFor("DeRegister: waiting for lostConnThread"));
-  }
+  std::promise<void> release;
+  client_->SetHook("registerClient", [&release] { release.get_future().wait(); });
+  collector_->LostConn();
+  ASSERT_TRUE(client_->WaitForCalls("registerClient", 2));
+  collector_->LostConn();  // Waits for the first one.
+  auto result = DeRegisterLater();
+  EXPECT_TRUE(log_.WaitFor("DeRegister: waiting for lostConnThread"));
+  release.set_value();
   EXPECT_EQ(Get(result), 0);
-  EXPECT_EQ(client_->Count("registerClient"), 1u) << "no new attempt while stopping";
+  EXPECT_EQ(client_->Count("registerClient"), 2u) << "no new attempt while stopping";
 }
 
 TEST_F(LifecycleTest, LostConnectionStopsTheSessionAndRegistersAgain) {

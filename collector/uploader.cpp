@@ -2,15 +2,18 @@
 //   header:66 gzip                       plain
 //   header:66 ciphertext-of-gzip footer  sealed
 // Tested by tests/collector/upload_test.cpp.
+#include "collector/uploader.h"
+
 #include <unistd.h>
 
 #include <cerrno>
 #include <utility>
 
-#include "collector/kiv_collector.h"
+#include "collector/gzip.h"
 #include "collector/next_seqno.h"
 #include "collector/seal.h"
 #include "ipc/kiv_aidl_client.h"
+#include "serializer/telemetry_header.h"
 #include "utility/checked.h"
 #include "utility/contained.h"
 #include "utility/error_text.h"
@@ -49,17 +52,17 @@ uint32_t SeekToPayload(FILE* file, const std::string& path) {
 }
 
 // `flags` decide, or with an overridden header the key itself.
-bool WantsEncryption(const CollectorSettings& cfg, const LicSnKeyTable& keys,
-                     const LicSnFlagTable& flags, uint64_t licSN) {
+bool WantsEncryption(const CollectorSettings& cfg, const LicSnTables& tables, uint64_t licSN) {
   const auto licSnText = static_cast<unsigned long long>(licSN);
   bool wanted = false;
   if (cfg.header_override) {
-    const auto key = keys.find(licSN);
-    wanted = key != keys.end() && key->second.pKeyEncAlgo != 0 && key->second.sKeyEncAlgo != 0 &&
+    const auto key = tables.keys.find(licSN);
+    wanted = key != tables.keys.end() && key->second.pKeyEncAlgo != 0 &&
+             key->second.sKeyEncAlgo != 0 &&
              key->second.encryptionPKey.size() >= kOverrideKeyCharsMin;
   } else {
-    const auto flag = flags.find(licSN);
-    if (flag == flags.end()) {
+    const auto flag = tables.encrypt.find(licSN);
+    if (flag == tables.encrypt.end()) {
       LOGE("%s: %s: LicSN %llu not found in LicSN2EncryptMap", "SendData", cfg.name.c_str(),
            licSnText);
       return false;
@@ -107,7 +110,7 @@ std::optional<LossCause> SealData(const CollectorSettings& cfg, const LicSnKeyTa
 
 }  // namespace
 
-int kiv_collector::SendData(const std::string& path) {
+int Uploader::SendData(const std::string& path, const LicSnTables& tables) {
   FILE* file = fopen(path.c_str(), "r+be");
   if (file == nullptr) {
     LOGE("%s: error in opening file %s - %s", "SendData", path.c_str(),
@@ -118,7 +121,7 @@ int kiv_collector::SendData(const std::string& path) {
   static_cast<void>(setvbuf(file, nullptr, _IONBF, 0));
   Fate fate;
   int result = -1;
-  if (!orb::Contained("SendData", [&] { result = SendOpenFile(file, path, &fate); })) {
+  if (!orb::Contained("SendData", [&] { result = SendOpenFile(file, path, tables, &fate); })) {
     fate.lost = LossCause::kMemory;
   }
   if (!ledger_.Settle(path, fate.lost)) ledger_.SettleRecovered(fate.payload_bytes, fate.lost);
@@ -132,7 +135,8 @@ int kiv_collector::SendData(const std::string& path) {
   return result;
 }
 
-int kiv_collector::SendOpenFile(FILE* file, const std::string& path, Fate* fate) {
+int Uploader::SendOpenFile(FILE* file, const std::string& path, const LicSnTables& tables,
+                           Fate* fate) {
   TelemetryHeader header;
   header.ParseFromFile(file);
   const uint32_t payload_bytes = SeekToPayload(file, path);
@@ -142,8 +146,7 @@ int kiv_collector::SendOpenFile(FILE* file, const std::string& path, Fate* fate)
 
   orb::MallocBytes data;
   uint32_t compressed_bytes = 0;
-  if (kiv_data_compress(file, payload_bytes, &data.data, &compressed_bytes) != 0 ||
-      compressed_bytes == 0) {
+  if (GzipRest(file, payload_bytes, &data.data, &compressed_bytes) != 0 || compressed_bytes == 0) {
     LOGE("%s: compress failed", "SendData");
     fate->lost = LossCause::kCompress;
     return -1;
@@ -155,33 +158,33 @@ int kiv_collector::SendOpenFile(FILE* file, const std::string& path, Fate* fate)
 
   std::string footer;
   const uint64_t licSN = header.GetItem(TelemetryHeader::HDR_ITEM_LICSN);
-  fate->lost = WantsEncryption(cfg_, licSnKeys_, licSnEncrypt_, licSN)
-                   ? SealData(cfg_, licSnKeys_, licSN, &header, &data, &footer)
+  fate->lost = WantsEncryption(settings_, tables, licSN)
+                   ? SealData(settings_, tables.keys, licSN, &header, &data, &footer)
                    : std::nullopt;
   if (fate->lost) {
     LOGE("%s: %s: encrypt enabled but encryption failed - dropping data %s", "SendData",
-         cfg_.name.c_str(), path.c_str());
+         settings_.name.c_str(), path.c_str());
     return -1;
   }
   fate->lost = LossCause::kHal;
   const auto client = link_.client();
   if (client == nullptr) return -1;
-  const int result = client->sendData(
-      link_.token(), UploadName(link_.client_id(), licSN), header.GetHeader().data(),
-      TelemetryHeader::kBytes, data.data, static_cast<uint32_t>(data.size),
-      footer.empty() ? nullptr : reinterpret_cast<const uint8_t*>(footer.data()),
-      orb::CheckedCast<uint32_t>(footer.size()));
+  const int result =
+      client->sendData(link_.token(), NameOf(link_.client_id(), licSN), header.GetHeader().data(),
+                       TelemetryHeader::kBytes, data.data, static_cast<uint32_t>(data.size),
+                       footer.empty() ? nullptr : reinterpret_cast<const uint8_t*>(footer.data()),
+                       orb::CheckedCast<uint32_t>(footer.size()));
   if (result == 0) fate->lost.reset();
   return result;
 }
 
-std::string kiv_collector::UploadName(int32_t clientId, uint64_t suffix) const {
-  return "/up/" + std::to_string(clientId) + "/" + cfg_.name + "." + std::to_string(suffix);
+std::string Uploader::NameOf(int32_t client_id, uint64_t suffix) const {
+  return "/up/" + std::to_string(client_id) + "/" + settings_.name + "." + std::to_string(suffix);
 }
 
-uint32_t kiv_collector::NextSeqno() {
-  orb::MutexLock lock(seqMutex);
-  const uint32_t seqno = next_seqno((cfg_.data_dir + "/" + cfg_.name + ".seq").c_str());
-  lastSeqno_ = seqno;
+uint32_t Uploader::NextSeqno() {
+  orb::MutexLock lock(mutex_);
+  const uint32_t seqno = next_seqno((settings_.data_dir + "/" + settings_.name + ".seq").c_str());
+  last_seqno_ = seqno;
   return seqno;
 }

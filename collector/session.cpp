@@ -1,7 +1,10 @@
 // Sessions: what a campaign builds, and how it is taken down again.
 // Tested by tests/collector/session_test.cpp.
+#include "collector/session.h"
+
 #include <google/protobuf/arena.h>
 
+#include <chrono>
 #include <climits>
 #include <utility>
 
@@ -28,8 +31,25 @@ constexpr uint32_t kCustomTimeThresholdSec = 172800;
 
 }  // namespace
 
-int kiv_collector::StartSession(const KIVCampConfig& config) {
-  orb::MutexLock session(sessionMutex);
+Session::Session(kiv_collector* owner, const CollectorSettings& settings, const ManagerLink& link,
+                 const StopSignal& stop, DeliveryLedger* ledger, CollectorHeader* header)
+    : owner_(*owner),
+      cfg_(settings),
+      link_(link),
+      stop_(stop),
+      ledger_(*ledger),
+      header_(*header),
+      tables_(std::make_shared<const LicSnTables>()) {}
+
+Session::~Session() { Drop(); }
+
+void Session::Drop() {
+  orb::MutexLock session(sessionMutex_);
+  DropSession();
+}
+
+int Session::StartSession(const KIVCampConfig& config) {
+  orb::MutexLock session(sessionMutex_);
   int result = -1;
   const bool answered = orb::Contained(
       "StartSession", [&]() ORB_NO_THREAD_SAFETY_ANALYSIS { result = StartSessionLocked(config); });
@@ -37,7 +57,7 @@ int kiv_collector::StartSession(const KIVCampConfig& config) {
   return result;
 }
 
-int kiv_collector::StartSessionLocked(const KIVCampConfig& config) {
+int Session::StartSessionLocked(const KIVCampConfig& config) {
   if (stop_.raised()) {
     // Nothing would stop it any more.
     LOGE("%s: %s: StartSession received while de-registering - ignored", "StartSession",
@@ -66,18 +86,17 @@ int kiv_collector::StartSessionLocked(const KIVCampConfig& config) {
     return -1;
   }
   DropSession();
-  licSnKeys_.clear();
-  kpiLicSns_.clear();
-  licSnEncrypt_.clear();
-  generateLicSn2IsvKeyMap(config.licInfo);
-  for (const LicenseSNKPIMap& entry : def.lic_sn_kpi_maps()) generateKpi2LicSNMap(entry);
-  kpiLicSns_.Sort();
+  LicSnTables tables;
+  generateLicSn2IsvKeyMap(config.licInfo, &tables);
+  for (const LicenseSNKPIMap& entry : def.lic_sn_kpi_maps()) generateKpi2LicSNMap(entry, &tables);
+  tables.kpis.Sort();
+  SetTables(std::move(tables));
 
   KPISerializer::Config serializer;
   if (!ConfigureSerializer(def, &serializer)) return -1;
   if (!CreateSerializer(serializer, "StartSession")) return -1;
   // What takes long is done: a sample finds the session before or behind all of this.
-  orb::HotMutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex_);
   SetCurrent();
   if (!CreateKPIs(def)) return -1;
   const std::string& payload = def.campaign_info();
@@ -91,11 +110,10 @@ int kiv_collector::StartSessionLocked(const KIVCampConfig& config) {
   return 0;
 }
 
-bool kiv_collector::ConfigureSerializer(const LTCCampaignDef& def,
-                                        KPISerializer::Config* serializer) {
+bool Session::ConfigureSerializer(const LTCCampaignDef& def, KPISerializer::Config* serializer) {
   if (!cfg_.hbt) {
     *serializer = {kFileSerializer, def.threshold_size(), def.threshold_time(),
-                   cfg_.data_dir.c_str(), this};
+                   cfg_.data_dir.c_str(), &owner_};
     return true;
   }
   if (!cfg_.allocate_fd) {
@@ -103,32 +121,33 @@ bool kiv_collector::ConfigureSerializer(const LTCCampaignDef& def,
     serializer->type = kNoSerializer;  // The factory refuses it.
     return true;
   }
-  *serializer = {kMemorySerializer, cfg_.SlotsBytes(), cfg_.fd_nof_slots, nullptr, this};
-  if (licSnKeys_.size() > 1) {
+  *serializer = {kMemorySerializer, cfg_.SlotsBytes(), cfg_.fd_nof_slots, nullptr, &owner_};
+  const auto tables = this->tables();
+  if (tables->keys.size() > 1) {
     LOGE("c::StartSession: ERROR - multiple lic SN received for hbt");
     return false;
   }
-  orb::MutexLock lock(headerMutex);
-  header_.SetItem(TelemetryHeader::HDR_ITEM_LICSN, SlotOwner());
+  header_.SetSlotOwner(tables->SlotOwner());
   return true;
 }
 
-int kiv_collector::StartCustomSession(const KIVCampConfig& config) {
+int Session::StartCustomSession(const KIVCampConfig& config) {
   LogCalled("StartCustomSession");
   if (cfg_.hbt && !cfg_.allocate_fd) {
     LOGI("c::StartCustomSession: custom session with allocate_fd = 0 - skip initializer kpi_srlzr");
   } else {
     DropSession();
-    licSnKeys_.clear();
-    generateLicSn2IsvKeyMap(config.licInfo);
+    LicSnTables tables;
+    generateLicSn2IsvKeyMap(config.licInfo, &tables);
+    SetTables(std::move(tables));
     KPISerializer::Config serializer{kFileSerializer, kCustomSizeThresholdBytes,
-                                     kCustomTimeThresholdSec, cfg_.data_dir.c_str(), this};
+                                     kCustomTimeThresholdSec, cfg_.data_dir.c_str(), &owner_};
     if (cfg_.hbt) {
-      serializer = {kMemorySerializer, cfg_.SlotsBytes(), cfg_.fd_nof_slots, nullptr, this};
+      serializer = {kMemorySerializer, cfg_.SlotsBytes(), cfg_.fd_nof_slots, nullptr, &owner_};
     }
     if (!CreateSerializer(serializer, "StartCustomSession")) return -1;
   }
-  orb::HotMutexLock lock(stateMutex);
+  orb::HotMutexLock lock(stateMutex_);
   SetCurrent();
   const int refusal = CallStart(config.campaignDef.data(), config.campaignDef.size());
   if (refusal != 0) {
@@ -140,7 +159,7 @@ int kiv_collector::StartCustomSession(const KIVCampConfig& config) {
   return 0;
 }
 
-bool kiv_collector::validCfg(const LTCCampaignDef& def) const {
+bool Session::validCfg(const LTCCampaignDef& def) {
   // The limits are signed only in the file: a size limit of -1 is the largest
   // one, and a negative payload limit is none.
   const Conf& conf = Conf::Get();
@@ -150,27 +169,27 @@ bool kiv_collector::validCfg(const LTCCampaignDef& def) const {
          def.campaign_info().size() <= static_cast<size_t>(conf.cfg_payload_max_bytes);
 }
 
-int kiv_collector::generateLicSn2IsvKeyMap(const std::vector<LicInfo>& list) {
+int Session::generateLicSn2IsvKeyMap(const std::vector<LicInfo>& list, LicSnTables* tables) {
   for (const LicInfo& info : list) {
     const auto licSN = static_cast<uint64_t>(info.licSN);
     const std::string key(info.encryptionPKey.begin(), info.encryptionPKey.end());
     LOGI("%s: licSN: %llu, encryptionPKey:%s, pKeyEncAlgo:%d, sKeyEncAlgo:%d",
          "generateLicSn2IsvKeyMap", static_cast<unsigned long long>(licSN), key.c_str(),
          info.pKeyEncAlgo, info.sKeyEncAlgo);
-    licSnKeys_.emplace(licSN, ISVKeyStruct{key, info.pKeyEncAlgo, info.sKeyEncAlgo});
+    tables->keys.emplace(licSN, ISVKeyStruct{key, info.pKeyEncAlgo, info.sKeyEncAlgo});
   }
   return 0;
 }
 
-int kiv_collector::generateKpi2LicSNMap(const LicenseSNKPIMap& entry) {
-  licSnEncrypt_.emplace(entry.lic_sn(), entry.encrypt());
+int Session::generateKpi2LicSNMap(const LicenseSNKPIMap& entry, LicSnTables* tables) {
+  tables->encrypt.emplace(entry.lic_sn(), entry.encrypt());
   for (const uint32_t kpi : entry.kpi_ids()) {
-    kpiLicSns_.Add(kpi, entry.lic_sn());
+    tables->kpis.Add(kpi, entry.lic_sn());
   }
   return 0;
 }
 
-bool kiv_collector::CreateSerializer(const KPISerializer::Config& config, const char* operation) {
+bool Session::CreateSerializer(const KPISerializer::Config& config, const char* operation) {
   std::shared_ptr<KPISerializer> serializer = KPISerializer::Create(config);
   if (serializer == nullptr) {
     LOGE("%s: Failed to initialize KPI Serializer", operation);
@@ -180,14 +199,14 @@ bool kiv_collector::CreateSerializer(const KPISerializer::Config& config, const 
   return true;
 }
 
-bool kiv_collector::CreateKPIs(const LTCCampaignDef& def) {
+bool Session::CreateKPIs(const LTCCampaignDef& def) {
   const bool created = FillKPITable(def);
   // Also after a failure: look-ups find what was made before it.
   kpiIndex_.Build(kpis_);
   return created;
 }
 
-bool kiv_collector::FillKPITable(const LTCCampaignDef& def) {
+bool Session::FillKPITable(const LTCCampaignDef& def) {
   const auto serializer = Serializer();
   for (const KPICfg& cfg : def.kpi_cfgs()) {
     if (LOG_ENABLED(ANDROID_LOG_INFO)) {
@@ -206,21 +225,28 @@ bool kiv_collector::FillKPITable(const LTCCampaignDef& def) {
   return true;
 }
 
-int kiv_collector::CallStart(const uint8_t* payload, size_t len) {
+int Session::CallStart(const uint8_t* payload, size_t len) {
   if (cfg_.start_session_cb == nullptr) return 0;
-  return cfg_.start_session_cb(this, payload, orb::CheckedCast<uint32_t>(len));
+  return cfg_.start_session_cb(&owner_, payload, orb::CheckedCast<uint32_t>(len));
 }
 
-int kiv_collector::CallStop() {
-  return cfg_.stop_session_cb == nullptr ? 0 : cfg_.stop_session_cb(this);
+int Session::CallStop() {
+  return cfg_.stop_session_cb == nullptr ? 0 : cfg_.stop_session_cb(&owner_);
 }
 
-int kiv_collector::StopSession() {
-  orb::MutexLock session(sessionMutex);
+int Session::StopSession() {
+  orb::MutexLock session(sessionMutex_);
   return StopSessionLocked();
 }
 
-int kiv_collector::StopSessionLocked() {
+void Session::StopThen(const std::function<void()>& go_on) {
+  orb::MutexLock session(sessionMutex_);
+  if (stop_.raised()) return;
+  StopSessionLocked();
+  go_on();
+}
+
+int Session::StopSessionLocked() {
   if (!sessionActive_) {
     LOGE("%s: %s: StopSession received when session is not active - ignored", "StopSessionLocked",
          cfg_.name.c_str());
@@ -231,7 +257,7 @@ int kiv_collector::StopSessionLocked() {
   LogCalled("StopSessionLocked");
   int result;
   {
-    orb::HotMutexLock lock(stateMutex);
+    orb::HotMutexLock lock(stateMutex_);
     result = CallStop();
     for (const auto& [id, kpi] : kpis_) {
       orb::Contained("Serialize", [&kpi = *kpi] { kpi.Serialize(); });
@@ -244,11 +270,11 @@ int kiv_collector::StopSessionLocked() {
   return result;
 }
 
-int kiv_collector::StopCustomSession() {
+int Session::StopCustomSession() {
   LogCalled("StopCustomSession");
   int result;
   {
-    orb::HotMutexLock lock(stateMutex);
+    orb::HotMutexLock lock(stateMutex_);
     result = CallStop();
     current_ = nullptr;
   }
@@ -256,21 +282,21 @@ int kiv_collector::StopCustomSession() {
   return result;
 }
 
-int kiv_collector::StartSessionForLicSN(uint64_t licSN) {
-  orb::MutexLock session(sessionMutex);
+int Session::StartSessionForLicSN(uint64_t licSN) {
+  orb::MutexLock session(sessionMutex_);
   if (KPIFileSerializer* files = FilesOf(licSN, "StartSessionForLicSN")) files->EnableLicSN(licSN);
   return 0;
 }
 
-int kiv_collector::StopSessionForLicSN(uint64_t licSN) {
-  orb::MutexLock session(sessionMutex);
+int Session::StopSessionForLicSN(uint64_t licSN) {
+  orb::MutexLock session(sessionMutex_);
   if (KPIFileSerializer* files = FilesOf(licSN, "StopSessionForLicSN")) files->DisableLicSN(licSN);
   return 0;
 }
 
-KPIFileSerializer* kiv_collector::FilesOf(uint64_t licSN, const char* operation) {
-  const auto serializer = Serializer();  // sessionMutex keeps it alive.
-  if (cfg_.hbt || serializer == nullptr || licSnKeys_.count(licSN) == 0) {
+KPIFileSerializer* Session::FilesOf(uint64_t licSN, const char* operation) {
+  const auto serializer = Serializer();  // sessionMutex_ keeps it alive.
+  if (cfg_.hbt || serializer == nullptr || tables()->keys.count(licSN) == 0) {
     LOGE("%s: Either hbt enabled or kpi serializer not initialized or LicSN not found in campaign",
          operation);
     return nullptr;
@@ -278,17 +304,24 @@ KPIFileSerializer* kiv_collector::FilesOf(uint64_t licSN, const char* operation)
   return static_cast<KPIFileSerializer*>(serializer.get());
 }
 
-std::vector<uint64_t> kiv_collector::OwnersOf(uint32_t kpi) const {
-  if (cfg_.hbt) return {SlotOwner()};
-  std::vector<uint64_t> owners;
-  for (const auto& [id, licSN] : kpiLicSns_.Find(kpi)) owners.push_back(licSN);
-  if (!owners.empty()) return owners;
-  for (const auto& [licSN, key] : licSnKeys_) owners.push_back(licSN);
-  if (owners.empty()) owners.push_back(0);
-  return owners;
+std::vector<uint64_t> Session::OwnersOf(uint32_t kpi) const {
+  const auto tables = this->tables();
+  if (cfg_.hbt) return {tables->SlotOwner()};
+  return tables->OwnersOf(kpi);
 }
 
-void kiv_collector::BookKPIs(orb::LossCause open_windows) {
+std::shared_ptr<const LicSnTables> Session::tables() const {
+  orb::MutexLock lock(serializerMutex_);
+  return tables_;
+}
+
+void Session::SetTables(LicSnTables tables) {
+  auto made = std::make_shared<const LicSnTables>(std::move(tables));
+  orb::MutexLock lock(serializerMutex_);
+  tables_.swap(made);
+}
+
+void Session::BookKPIs(orb::LossCause open_windows) {
   for (const auto& entry : kpis_) {
     orb::Contained("BookKPIs", [&] {
       orb::KpiSamples samples = entry.second->CountSamples();
@@ -299,46 +332,53 @@ void kiv_collector::BookKPIs(orb::LossCause open_windows) {
   }
 }
 
-void kiv_collector::ClearKPIs() {
+void Session::ClearKPIs() {
   kpiIndex_.Clear();
   kpis_.clear();
 }
 
-void kiv_collector::FinalizeSerializer() {
+void Session::FinalizeSerializer() {
   if (const auto serializer = Serializer()) {
     orb::Contained("Finalize", [&] { serializer->Finalize(); });
   }
   SetSerializer(nullptr);
 }
 
-void kiv_collector::DropSession() {
+void Session::DropSession() {
   {
-    orb::HotMutexLock lock(stateMutex);
+    orb::HotMutexLock lock(stateMutex_);
     BookKPIs(orb::LossCause::kDropped);
     ClearKPIs();
     current_ = nullptr;
   }
-  // Its writer thread reads the tables, and kiv_set_cfg may hold the serializer
-  // a moment longer than this: end it here.
+  // kiv_set_cfg may hold the serializer a moment longer than this: end it here.
   if (const auto serializer = Serializer()) serializer->Abandon();
   SetSerializer(nullptr);
 }
 
-std::shared_ptr<KPISerializer> kiv_collector::Serializer() const {
-  orb::MutexLock lock(serializerMutex);
+std::shared_ptr<KPISerializer> Session::Serializer() const {
+  orb::MutexLock lock(serializerMutex_);
   return serializer_;
 }
 
-void kiv_collector::SetSerializer(std::shared_ptr<KPISerializer> serializer) {
+void Session::SetSerializer(std::shared_ptr<KPISerializer> serializer) {
   {
-    orb::MutexLock lock(serializerMutex);
+    orb::MutexLock lock(serializerMutex_);
     serializer_.swap(serializer);
   }
   // The previous one ends here, outside the leaf.
 }
 
-void kiv_collector::SetCurrent() { current_ = Serializer().get(); }
+void Session::SetCurrent() { current_ = Serializer().get(); }
 
-void kiv_collector::LogCalled(const char* operation) const {
+void Session::LogCalled(const char* operation) const {
   LOGI("%s: %s called for token - %s", cfg_.name.c_str(), operation, link_.token().c_str());
+}
+
+bool Session::AdoptInChild() {
+  if (!stateMutex_.TryLockFor(std::chrono::milliseconds(0))) return false;
+  stateMutex_.Unlock();
+  if (!sessionMutex_.IsFree() || !serializerMutex_.IsFree()) return false;
+  const auto serializer = Serializer();
+  return serializer == nullptr || serializer->AdoptInChild();
 }
