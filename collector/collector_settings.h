@@ -10,8 +10,6 @@ struct CollectorSettings {
   // Copies; the record is packed, so no field of it is ever referred to.
   explicit CollectorSettings(const kiv_cfg_s& record);
 
-  // True when sessions write to shared-memory slots that the library allocates.
-  bool AllocatesSlots() const { return hbt && allocate_fd; }
   // All slots together. Aborts when that does not fit.
   uint32_t SlotsBytes() const;
 

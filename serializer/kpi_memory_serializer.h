@@ -131,7 +131,6 @@ class KPIMemorySerializer : public KPISerializer {
   std::atomic<uint64_t> currentSamples{0};
   std::atomic<uint64_t> currentBytes{0};
   bool currentSent ORB_GUARDED_BY(writerMutex) = false;  // It may be the HAL's, leave it alone.
-  uint64_t slotStartMs ORB_GUARDED_BY(writerMutex) = 0;  // Wall clock; for whoever debugs.
 
   // One bit a slot. Writers only set bits, under writerMutex; completions only clear them.
   std::atomic<uint64_t> slotMask{0};   // Current or announced.

@@ -9,7 +9,6 @@
 #include "serializer/kpi_memory_serializer.h"
 #include "serializer/serializer_owner.h"
 #include "utility/checked.h"
-#include "utility/clock.h"
 #include "utility/fd_handle.h"
 #include "utility/log.h"
 
@@ -63,7 +62,6 @@ int KPIMemorySerializer::GetNewSlot() {
   }
   LOGI("%s::%s: Free Slot found %d", name, "GetNewSlot", static_cast<int>(slot));
   currentSlot = slot;
-  slotStartMs = veskstats_real_time_ms();
   currentPtr = base + size_t{slot} * slotSize;
   bytesWritten = 0;
   currentSent = false;

@@ -15,8 +15,8 @@ struct kiv_fd_handle_s {
   // successor may give the same name to another region.
   std::atomic<uint32_t> fdToken;
   int fd;           // Borrowed.
-  uint32_t offset;  // Bytes, of the shared area in the region.
-  uint32_t length;  // Bytes of the shared area.
+  uint32_t offset;  // Bytes of the shared memory before the region.
+  uint32_t length;  // Bytes of the region.
   kiv_fd_done_cb fn;
   kiv_collector* collector;  // The owner; outlives the announcement.
 };
