@@ -24,9 +24,6 @@
 #define ORB_RELEASE(...) ORB_TSA(release_capability(__VA_ARGS__))
 #define ORB_TRY_ACQUIRE(...) ORB_TSA(try_acquire_capability(__VA_ARGS__))
 #define ORB_ACQUIRED_BEFORE(...) ORB_TSA(acquired_before(__VA_ARGS__))
-#define ORB_ACQUIRED_AFTER(...) ORB_TSA(acquired_after(__VA_ARGS__))
-#define ORB_RETURN_CAPABILITY(x) ORB_TSA(lock_returned(x))
-#define ORB_ASSERT_CAPABILITY(x) ORB_TSA(assert_capability(x))
 #define ORB_NO_THREAD_SAFETY_ANALYSIS ORB_TSA(no_thread_safety_analysis)
 
 namespace orb {
