@@ -52,15 +52,6 @@ void SerialExecutor::StopAfter(std::function<void()> last) {
   changed_.NotifyAll();
 }
 
-bool SerialExecutor::Pause(std::chrono::milliseconds duration) {
-  const auto deadline = std::chrono::steady_clock::now() + duration;
-  MutexLock lock(mutex_);
-  while (!stopping_ && !finishing_) {
-    if (!changed_.WaitUntil(mutex_, deadline)) break;
-  }
-  return !stopping_ && !finishing_;
-}
-
 bool SerialExecutor::StoppedBy(std::chrono::steady_clock::time_point deadline) {
   std::thread ended;
   {

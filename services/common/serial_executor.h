@@ -34,9 +34,6 @@ class SerialExecutor {
   // stops when there has been no task yet.
   void StopAfter(std::function<void()> last) ORB_EXCLUDES(mutex_);
 
-  // For the running task: waits, and returns false at once when Stop is called.
-  bool Pause(std::chrono::milliseconds duration) ORB_EXCLUDES(mutex_);
-
   // Whether no task runs any more after a Stop or Finish, waiting for it until
   // then; the thread is gone, too.
   bool StoppedBy(std::chrono::steady_clock::time_point deadline) ORB_EXCLUDES(mutex_);

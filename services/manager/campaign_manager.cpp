@@ -60,6 +60,7 @@ class DeathNotice : public IBinder::DeathRecipient {
 }  // namespace
 
 CampaignManager::~CampaignManager() {
+  timer_.Stop();
   std::vector<Client> clients;
   {
     MutexLock lock(mutex_);
@@ -107,7 +108,7 @@ bool CampaignManager::Register(const KIVClientInfo& info, uid_t user,
   id->token = token;
   id->clientId = client->id;
   LOGI("client %s registered, id %d", client->name.c_str(), client->id);
-  PostRestart(client);
+  BeginRestarts(client);
   return true;
 }
 
@@ -193,13 +194,24 @@ void CampaignManager::Book(const std::string& name, StartWatch::Verdict verdict)
 }
 
 void CampaignManager::CheckPending(const std::string& token) {
-  Client client;
+  const Client client = FindToken(token);
+  if (client != nullptr) BeginRestarts(client);
+}
+
+void CampaignManager::HalCame() {
+  ++hal_changes_;
+  std::vector<Client> clients;
   {
     MutexLock lock(mutex_);
-    const auto found = by_token_.find(token);
-    if (found != by_token_.end()) client = found->second;
+    for (const auto& [token, client] : by_token_) clients.push_back(client);
   }
-  if (client != nullptr) PostRestart(client);
+  for (const Client& client : clients) BeginRestarts(client);
+}
+
+CampaignManager::Client CampaignManager::FindToken(const std::string& token) {
+  MutexLock lock(mutex_);
+  const auto found = by_token_.find(token);
+  return found == by_token_.end() ? nullptr : found->second;
 }
 
 CampaignManager::Client CampaignManager::Find(const std::string& name) {

@@ -9,6 +9,7 @@
 #include <orb_platform/lost_buses.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <map>
@@ -19,6 +20,7 @@
 #include "ipc/KIVCampConfig.h"
 #include "ipc/KIVClientId.h"
 #include "ipc/KIVClientInfo.h"
+#include "services/common/timer.h"
 #include "services/manager/control/ClientRecord.h"
 #include "services/manager/control/ControlReply.h"
 #include "services/manager/registered_client.h"
@@ -37,11 +39,13 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
     // How long an operator waits for a client's answer.
     std::chrono::milliseconds answer{30000};
     std::chrono::milliseconds dump{5000};  // The same, where the client only describes itself.
-    // Waits before each attempt to give a client its campaign back: it answers
-    // -1 until it has taken note of its own registration.
+    // Waits before the first attempts to give a client its campaign back: it answers
+    // -1 until it has taken note of its own registration. Then it counts as refused and
+    // further waits double, as long as client and campaign are there: slots need a HAL.
     std::vector<std::chrono::milliseconds> restart_waits = {
         std::chrono::milliseconds(5), std::chrono::milliseconds(50), std::chrono::milliseconds(200),
         std::chrono::milliseconds(1000), std::chrono::milliseconds(3000)};
+    std::chrono::milliseconds restart_wait_max{60000};
     // A client that dies sooner after a campaign's start is taken to die of it.
     std::chrono::milliseconds early_death{60000};
     std::function<StartWatch::TimePoint()> now = &std::chrono::steady_clock::now;
@@ -67,6 +71,11 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   void CheckPending(const std::string& token) ORB_EXCLUDES(mutex_);
   void ClientDied(const std::string& token) ORB_EXCLUDES(mutex_);
 
+  // What a session with slots gave to a HAL is lost with it: after the next one came, it
+  // is stopped and started again, and sessions that were refused are tried again at once.
+  void HalCame() ORB_EXCLUDES(mutex_);
+  void HalDied() { ++hal_changes_; }
+
   // For operators; docs in control/IOrbControl.h. Block for the client's answer.
   std::vector<ClientRecord> ListClients() ORB_EXCLUDES(mutex_);
   ControlReply StartCampaign(const std::string& name, const KIVCampConfig& config);
@@ -88,6 +97,7 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   bool Enter(const Client& client, Client* former) ORB_EXCLUDES(mutex_);
   Client Find(const std::string& name) ORB_EXCLUDES(mutex_);
   Client FindLocked(const std::string& name) const ORB_REQUIRES(mutex_);
+  Client FindToken(const std::string& token) ORB_EXCLUDES(mutex_);
   Client Take(const std::string& token) ORB_EXCLUDES(mutex_);
   void Retire(const Client& client) ORB_REQUIRES(mutex_);
   // Takes the client's registration away from it, and tells it to stop.
@@ -95,14 +105,22 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   // Ends a registration that another one has replaced.
   void LeaveTo(const Client& former) ORB_EXCLUDES(mutex_);
   void NoteDeath(const Client& client);
-  void PostRestart(const Client& client);
+  // Begins to give the client its campaign back, or to renew it.
+  void BeginRestarts(const Client& client);
+  void RestartLater(const std::string& token, uint64_t series, size_t attempt);
+  std::chrono::milliseconds WaitBefore(size_t attempt) const;
   // Counts early deaths in a row, and forgets them after any other end.
   void Book(const std::string& name, StartWatch::Verdict verdict);
   ControlReply NotThere(const std::string& name) const;
   ControlReply RunOn(const Client& client, std::function<ControlReply()> call);
 
   // On the client's executor.
-  void Restart(RegisteredClient* client);
+  void Restart(RegisteredClient* client, uint64_t series, size_t attempt);
+  // Whether the session's slots went with a HAL, so that it has to begin again.
+  bool SlotsAreLost(RegisteredClient* client);
+  // False when the client could not be told.
+  bool StopToRenew(RegisteredClient* client);
+  bool HasSlots(RegisteredClient* client);
   ControlReply Start(RegisteredClient* client, const SavedCampaign& campaign);
   ControlReply Started(RegisteredClient* client, const SavedCampaign& campaign, int32_t result);
   // Starts the campaign that is kept, with the owners stopped that were.
@@ -118,11 +136,13 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
 
   const std::unique_ptr<StateStore> store_;
   const Timing timing_;
+  std::atomic<uint64_t> hal_changes_{0};  // Deaths and arrivals.
   Mutex mutex_;
   std::map<std::string, Client> by_token_ ORB_GUARDED_BY(mutex_);
   // Gone, but a call to them may not have returned. Nobody else keeps a client
   // whose executor runs: its destructor, which joins, must not run on it.
   std::vector<Client> retired_ ORB_GUARDED_BY(mutex_);
+  services::Timer timer_;  // Its tasks post to executors.
 };
 
 }  // namespace orb::manager

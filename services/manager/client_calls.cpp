@@ -38,6 +38,8 @@ ControlReply CampaignManager::Start(RegisteredClient* client, const SavedCampaig
     return Reply(ControlReply::REFUSED, "campaign " + std::to_string(session.camp_id) +
                                             " runs on " + client->name + "; stop it first");
   }
+  session.hal_changes = hal_changes_;
+  client->SetSession(session);
   client->watch().Begin();
   int32_t result = -1;
   const Status status = client->callback->StartSession(client->token, ToConfig(campaign), &result);
@@ -54,7 +56,7 @@ ControlReply CampaignManager::Started(RegisteredClient* client, const SavedCampa
   SessionState session = client->Session();
   session.last_result = result;
   session.running = result == 0;
-  session.restart_refused = false;
+  session.restart_refused = session.restart_refused && result != 0;
   session.camp_id = campaign.camp_id();
   session.since_ms = NowMs();
   client->SetSession(session);
@@ -150,43 +152,6 @@ ControlReply CampaignManager::Dump(RegisteredClient* client, int fd) {
     return Reply(ControlReply::REFUSED, client->name + " does not know of its registration yet");
   }
   return CallFailed(client, "dump", Status::fromStatusT(status));
-}
-
-void CampaignManager::PostRestart(const Client& client) {
-  SavedCampaign saved;
-  if (!store_->GetCampaign(client->name, &saved)) return;
-  if (InQuarantine(saved)) {
-    LOGW("client %s: campaign %" PRId64 " stays in quarantine", client->name.c_str(),
-         saved.camp_id());
-    return;
-  }
-  if (!client->executor().Post([this, raw = client.get()] { Restart(raw); })) {
-    LOGE("client %s: its campaign cannot be started again now", client->name.c_str());
-  }
-}
-
-ControlReply CampaignManager::GiveBack(RegisteredClient* client, const SavedCampaign& saved) {
-  // The start saves the campaign with all its LicSNs running.
-  SavedCampaign all_run = saved;
-  all_run.clear_stopped_lic_sns();
-  ControlReply reply = Start(client, all_run);
-  if (reply.status != ControlReply::DONE) return reply;
-  for (const int64_t lic_sn : saved.stopped_lic_sns()) SwitchLicSn(client, lic_sn, false);
-  return reply;
-}
-
-void CampaignManager::Restart(RegisteredClient* client) {
-  for (const std::chrono::milliseconds wait : timing_.restart_waits) {
-    if (!client->executor().Pause(wait)) return;
-    SavedCampaign saved;
-    if (client->Session().running || !store_->GetCampaign(client->name, &saved)) return;
-    if (GiveBack(client, saved).status != ControlReply::REFUSED) return;
-  }
-  SessionState session = client->Session();
-  session.restart_refused = true;
-  client->SetSession(session);
-  LOGE("client %s does not take its campaign back: result %d", client->name.c_str(),
-       session.last_result);
 }
 
 }  // namespace orb::manager

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "services/common/service_host.h"
+#include "services/manager/hal_watch.h"
 #include "services/manager/manager_service.h"
 #include "utility/log.h"
 
@@ -60,6 +61,8 @@ int main(int argc, char** argv) {
       new orb::manager::ControlService(manager));
   Publish(&host, orb::manager::kManagerServiceName, clients);
   Publish(&host, IOrbControl::kServiceName, operators);
+  const orb::manager::HalWatch hal([manager] { manager->HalCame(); },
+                                   [manager] { manager->HalDied(); });
   const int result = host.Run();
   if (!manager->StopBy(std::chrono::steady_clock::now() + std::chrono::seconds(2))) {
     LOGW("a client has not answered; ending all the same");

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -23,6 +24,7 @@ struct SessionState {
   int64_t since_ms = 0;     // Since the epoch.
   int32_t last_result = 0;  // Of the last start, and whether there was one.
   bool restart_refused = false;
+  uint64_t hal_changes = 0;  // Of CampaignManager, before the start.
 };
 
 // All calls that change something are made by tasks of its executor, so they
@@ -54,6 +56,9 @@ class RegisteredClient {
     MutexLock lock(mutex_);
     session_ = session;
   }
+  // A new series of attempts to give the client its campaign back; earlier ones end.
+  uint64_t BeginAttempts() { return ++attempts_; }
+  bool IsCurrent(uint64_t attempts) const { return attempts_ == attempts; }
   StartWatch& watch() { return watch_; }
   services::SerialExecutor& executor() { return executor_; }
   // For calls that only ask: they do not wait for those that change something,
@@ -88,6 +93,7 @@ class RegisteredClient {
   SessionState session_ ORB_GUARDED_BY(mutex_);
   bool replaced_ ORB_GUARDED_BY(mutex_) = false;
   StartWatch watch_;
+  std::atomic<uint64_t> attempts_{0};
   services::SerialExecutor executor_{kMaxWaitingCalls};
   services::SerialExecutor asking_{kMaxWaitingQuestions};
 };

@@ -106,6 +106,30 @@ TEST_F(CampaignTest, DeregistersWithinOneRetryAtEveryStageOfRegistration) {
   EXPECT_TRUE(client_.process().ReadLine(seconds(20)).has_value());
 }
 
+TEST_F(CampaignTest, SlotsGoOnWithTheNextHal) {
+  stack_.StartManager();
+  Register("sensor", " sync slots 31 64");
+  const std::string file = stack_.WriteCampaign("slots.txtpb", {43}, {1}, 1, 4096);
+  EXPECT_FALSE(stack_.StartCampaign("sensor", file, {43}, 10)) << "there is no HAL yet";
+  const auto arrives = [&] {
+    const uint64_t before = stack_.Sum(43, 1);
+    return WaitFor([&] {
+      client_.Ask("log sensor 1 10 2");
+      client_.Ask("flush sensor");
+      return stack_.Sum(43, 1) > before;
+    });
+  };
+  stack_.StartHal();
+  ASSERT_TRUE(WaitFor([&] { return stack_.StartCampaign("sensor", file, {43}, 10); }));
+  ASSERT_TRUE(arrives());
+  stack_.hal().Signal(SIGKILL);
+  stack_.hal().Wait(seconds(5));
+  stack_.StartHal();
+  EXPECT_TRUE(arrives()) << "and nobody has done anything";
+  EXPECT_THAT(stack_.LogOf("orb-managerd"),
+              HasSubstr("client sensor: campaign 10 begins again, its slots went with a HAL"));
+}
+
 // Two samples of the window add up to more than the library can square.
 TEST_F(CampaignTest, AClientThatDiesOfItsCampaignIsNotGivenItForEver) {
   stack_.StartManager();

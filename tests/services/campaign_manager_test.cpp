@@ -49,7 +49,7 @@ class CampaignManagerTest : public ::testing::Test {
     std::string error;
     CampaignManager::Timing timing;
     timing.answer = answer;
-    timing.restart_waits = {milliseconds(0), milliseconds(1), milliseconds(1)};
+    timing.restart_waits = waits_;
     timing.now = [this] { return std::chrono::steady_clock::time_point(milliseconds(now_ms_)); };
     timing.lost_buses = [this] { return lost_buses_.load(); };
     manager_ = std::make_shared<CampaignManager>(StateStore::Open(temp_.path(), &error), timing);
@@ -110,6 +110,7 @@ class CampaignManagerTest : public ::testing::Test {
   }
 
   LogCapture log_;
+  std::vector<milliseconds> waits_ = {milliseconds(0), milliseconds(1), milliseconds(1)};
   std::atomic<int64_t> now_ms_{1000};
   std::atomic<uint64_t> lost_buses_{0};
   orb::test::TempDir temp_;
@@ -328,6 +329,74 @@ TEST_F(CampaignManagerTest, TriesAgainWhileAClientDoesNotYetKnowItsToken) {
   stubborn->OnStart({});
   manager_->CheckPending(token);
   EXPECT_TRUE(WaitSession("radio", ClientRecord::RUNNING));
+}
+
+// Slots need a HAL, and that may come a long time after the client.
+TEST_F(CampaignManagerTest, TriesAgainAsLongAsClientAndCampaignAreThere) {
+  Register("radio", client_);
+  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  const sp<FakeClient> late = new FakeClient();
+  std::atomic<int> attempts{0};
+  late->OnStart([&] { return ++attempts < 8 ? -5 : 0; });
+  Register("radio", late);
+  EXPECT_TRUE(WaitSession("radio", ClientRecord::RUNNING));
+  EXPECT_EQ(attempts, 8);
+  EXPECT_EQ(log_.Count("does not take its campaign back"), 1U);
+
+  late->OnStart([&] { return attempts = -5; });
+  Register("radio", late);
+  ASSERT_TRUE(WaitSession("radio", ClientRecord::REFUSED));
+  EXPECT_EQ(manager_->StopCampaign("radio").status, ControlReply::DONE);
+  attempts = 0;
+  EXPECT_EQ(Start("radio").status, ControlReply::REFUSED);
+  EXPECT_EQ(Record("radio").session, ClientRecord::NONE);
+}
+
+TEST_F(CampaignManagerTest, OperatorsDoNotWaitForTheNextAttempt) {
+  waits_ = {milliseconds(0), std::chrono::hours(1)};
+  Restart();
+  const std::string token = Register("radio", client_).token;
+  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  const sp<FakeClient> refuses = new FakeClient();
+  std::atomic<int> attempts{0};
+  refuses->OnStart([&] { return ++attempts == 1 ? -5 : 0; });
+  Register("radio", refuses);
+  ASSERT_TRUE(WaitFor([&] { return attempts == 1; }));
+  EXPECT_EQ(manager_->SetLicSn("radio", 42, true).message, "no campaign runs on radio");
+  // The HAL that was missing is there: no need to wait.
+  manager_->HalCame();
+  EXPECT_TRUE(WaitSession("radio", ClientRecord::RUNNING));
+  EXPECT_EQ(manager_->StopCampaign("radio").status, ControlReply::DONE);
+}
+
+TEST_F(CampaignManagerTest, RenewsSessionsWhoseSlotsWentWithAHal) {
+  manager_->HalCame();
+  const sp<FakeClient> files = new FakeClient();
+  const sp<FakeClient> silent = new FakeClient();
+  client_->Say("client.name: \"slots\"\nclient.mode: slots\n");
+  files->Say("client.name: \"files\"\nclient.mode: files\n");
+  const std::string call = " " + Register("slots", client_).token + " 9";
+  Register("files", files);
+  Register("silent", silent);
+  for (const char* name : {"slots", "files", "silent"}) {
+    ASSERT_EQ(Start(name).status, ControlReply::DONE);
+  }
+  ASSERT_EQ(manager_->SetLicSn("slots", 77, false).status, ControlReply::DONE);
+  manager_->HalDied();
+  manager_->HalCame();
+  const std::vector<std::string> renewed = {"start" + call, "lic-stop" + call + " 77",
+                                            "stop" + call, "start" + call,
+                                            "lic-stop" + call + " 77"};
+  EXPECT_TRUE(WaitFor([&] { return client_->Calls() == renewed; }));
+  // Once for each HAL.
+  manager_->CheckPending(call.substr(1, 32));
+  for (const char* name : {"slots", "files", "silent"}) {
+    EXPECT_EQ(manager_->SetLicSn(name, 42, true).status, ControlReply::DONE);
+  }
+  EXPECT_EQ(client_->Calls().size(), renewed.size() + 1);
+  EXPECT_EQ(files->Calls().size(), 2U);
+  EXPECT_EQ(silent->Calls().size(), 2U);
+  EXPECT_EQ(Record("slots").session, ClientRecord::RUNNING);
 }
 
 TEST_F(CampaignManagerTest, ClientsThatDiedHaveNoSession) {

@@ -59,10 +59,18 @@ class FakeClient : public BnKIVCallback {
   Status StopSessionforLicSN(const std::string& token, int64_t camp_id, int64_t lic_sn) override {
     return Answer("lic-stop " + token, {camp_id, lic_sn});
   }
+  // What it says of itself, in place of the arguments of the dump.
+  void Say(const std::string& text) {
+    MutexLock lock(mutex_);
+    text_ = text;
+  }
   // Writes the arguments.
   android::status_t dump(int fd, const android::Vector<android::String16>& args) override {
-    for (size_t i = 0; i < args.size(); ++i) dprintf(fd, "%s", android::String8(args[i]).c_str());
     MutexLock lock(mutex_);
+    if (!text_.empty()) dprintf(fd, "%s", text_.c_str());
+    for (size_t i = 0; text_.empty() && i < args.size(); ++i) {
+      dprintf(fd, "%s", android::String8(args[i]).c_str());
+    }
     return status_;
   }
 
@@ -78,6 +86,7 @@ class FakeClient : public BnKIVCallback {
   std::function<int32_t()> on_start_ ORB_GUARDED_BY(mutex_);
   android::status_t status_ ORB_GUARDED_BY(mutex_) = android::OK;
   std::vector<std::string> calls_ ORB_GUARDED_BY(mutex_);
+  std::string text_ ORB_GUARDED_BY(mutex_);
   KIVCampConfig started_ ORB_GUARDED_BY(mutex_);
 };
 
