@@ -193,7 +193,8 @@ void Checker::Books() {
     Expect(!rules_.Is(kLossless) || samples(".lost") == samples(".lost.no_record"),
            "the books of " + key + " have losses");
     const uint64_t decoded = decoded_[owner];
-    const uint64_t least = rules_.Is(kHalLies) ? 0 : samples(".sent");
+    const bool gone = rules_.Is(kHalLies) || remains_.evicted > 0;
+    const uint64_t least = gone ? 0 : samples(".sent");
     uint64_t most = samples(".sent");
     if (rules_.Is(kHalUnheard)) {
       for (const char* cause : {".lost.hal", ".lost.slot_refused", ".lost.unconfirmed"}) {
@@ -206,7 +207,8 @@ void Checker::Books() {
                std::to_string(least) + " to " + std::to_string(most));
     if (owner == kFirstOwner) report.decoded = decoded;
   }
-  const uint64_t missing = report.missing_numbers;
+  if (report.missing_numbers < remains_.evicted) return Fail("what was evicted is still there");
+  const uint64_t missing = report.missing_numbers - remains_.evicted;
   // Each death of a client costs one number at most.
   const uint64_t most = lost_uploads + (rules_.Is(kClientDies) ? remains_.faults : 0);
   const bool unheard = rules_.Is(kHalUnheard);

@@ -21,6 +21,7 @@ struct Remains {
   DumpLines books;      // The client's, after its last session.
   uint64_t next_seqno;  // The content of its .seq file.
   uint64_t faults;
+  uint64_t evicted;  // Uploads that the HAL says it removed, to make room.
 };
 
 struct SpoolReport {

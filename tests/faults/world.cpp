@@ -330,11 +330,21 @@ void World::Check() {
          "not everything can be decoded: " + decoded.err);
   for (Member& member : members_) {
     const std::string next = ReadFileOrEmpty(member.data_dir + member.name + ".seq");
-    member.report =
-        CheckSpool({member.rules, member.name, *member.counts, stack_.spool(), decoded.out,
-                    DumpLines(member.books), strtoull(next.c_str(), nullptr, 10), faults_});
+    member.report = CheckSpool({member.rules, member.name, *member.counts, stack_.spool(),
+                                decoded.out, DumpLines(member.books),
+                                strtoull(next.c_str(), nullptr, 10), faults_, CountEvicted()});
     for (const std::string& failure : member.report.failures) Fail(member.name + ": " + failure);
   }
+}
+
+uint64_t World::CountEvicted() const {
+  const std::string log = ReadFileOrEmpty(stack_.path("orb-hald.log"));
+  constexpr std::string_view kRemoved = "spool full: removed ";
+  uint64_t count = 0;
+  for (size_t at = log.find(kRemoved); at != std::string::npos; at = log.find(kRemoved, at + 1)) {
+    ++count;
+  }
+  return count;
 }
 
 void World::CheckLogs() {

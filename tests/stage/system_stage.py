@@ -3,6 +3,7 @@ limits that Debian's own has, the policy that is shipped.
 
 Needs root, to be other users; Stage.missing() tells what a machine lacks.
 """
+import glob
 import grp
 import json
 import os
@@ -202,9 +203,11 @@ class Stage:
                       "lic_sn_kpi_maps { lic_sn: 42 kpi_ids: 1 }\n")
         return path
 
-    def spooled(self):
-        """Samples in the spool, by the client's name."""
-        code, out = self.ctl(ROOT, "decode", f"{self.dir}/orb-hald", "--json", timeout=300)
+    def spooled(self, names):
+        """Samples in the spool, by the client's name; uploads of others may be anything."""
+        folders = [folder for folder in glob.glob(f"{self.dir}/orb-hald/up/*")
+                   if any(entry.rpartition(".")[0] in names for entry in os.listdir(folder))]
+        code, out = self.ctl(ROOT, "decode", *folders, "--json", timeout=300)
         if code != 0:
             raise RuntimeError(f"decode: {out[-2000:]}")
         counts = {}
