@@ -13,6 +13,7 @@
 
 #include "platform/linux/src/bus_names.h"
 #include "platform/linux/src/call_budget.h"
+#include "platform/linux/src/fair_queue.h"
 #include "platform/linux/src/parcel_access.h"
 #include "tests/platform/test_object.h"
 #include "tests/support/log_capture.h"
@@ -217,6 +218,22 @@ TEST_F(FewDescriptorsTest, AreNotUsedUpByCalls) {
   sd_bus_message* const call = other.Transaction(id, orb::test::kUnblock, 0);
   RawPeer::AppendObjects(call, 0, 0, "");
   EXPECT_EQ(other.Ask(call), "");
+}
+
+TEST(FairQueueTest, TakesTurns) {
+  orb_platform::FairQueue<std::string> queue;
+  std::string order;
+  const auto pop = [&](size_t count) {
+    for (size_t i = 0; i < count; i++) order += queue.Pop().value_or("-") + " ";
+  };
+  for (const char* item : {"a1", "a2", "a3", "a4", "b1", "c1", "b2"}) {
+    queue.Push(std::string(1, *item), item);
+  }
+  pop(4);
+  queue.Push("c", "c2");
+  queue.Push("d", "d1");
+  pop(6);
+  EXPECT_EQ(order, "a1 b1 c1 a2 b2 a3 c2 d1 a4 - ");
 }
 
 TEST(CallBudgetTest, KeepsToEachBound) {

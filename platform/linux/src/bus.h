@@ -30,6 +30,7 @@
 #include "platform/linux/src/bus_poller.h"
 #include "platform/linux/src/call_budget.h"
 #include "platform/linux/src/caller.h"
+#include "platform/linux/src/fair_queue.h"
 #include "platform/linux/src/remote_target.h"
 #include "utility/thread_annotations.h"
 
@@ -208,6 +209,9 @@ class Bus {
   static bool ReadIncoming(sd_bus_message* message, Incoming* call);
   void QueueTransaction(sd_bus_message* message, const std::string& sender) ORB_REQUIRES(mutex_);
   void HandleLookup(sd_bus_message* message, const std::string& sender) ORB_REQUIRES(mutex_);
+  std::string UserOf(const std::string& sender) const ORB_REQUIRES(mutex_);
+  // The next call that waits for a worker: users take turns.
+  void RunNext() ORB_EXCLUDES(mutex_);
   void RunCall(const std::shared_ptr<Incoming>& call) ORB_EXCLUDES(mutex_);
   void Serve(Incoming* call) ORB_EXCLUDES(mutex_);
   // Gives the call to a worker; throws when there is no memory, and it is not given then.
@@ -239,8 +243,10 @@ class Bus {
   // Dropped by a worker or a returning caller: their destructors may call out.
   std::vector<android::sp<android::BBinder>> dropped_ ORB_GUARDED_BY(mutex_);
   bool drop_posted_ ORB_GUARDED_BY(mutex_) = false;  // A worker's task for it waits.
-  CallBudget budget_ ORB_GUARDED_BY(mutex_);         // Of calls in that wait or run.
-  bool dropping_ ORB_GUARDED_BY(mutex_) = false;     // The latest call did not fit; said once.
+  // Two-way ones that wait for a worker, by user.
+  FairQueue<std::shared_ptr<Incoming>> calls_ ORB_GUARDED_BY(mutex_);
+  CallBudget budget_ ORB_GUARDED_BY(mutex_);      // Of calls in that wait or run.
+  bool dropping_ ORB_GUARDED_BY(mutex_) = false;  // The latest call did not fit; said once.
 };
 
 }  // namespace orb_platform

@@ -151,16 +151,33 @@ void Bus::QueueTransaction(sd_bus_message* message, const std::string& sender) {
 
 void Bus::Enqueue(const std::shared_ptr<Incoming>& call,
                   const std::shared_ptr<OnewayQueue>& queue) {
+  // In this order either may throw: the task waits for mutex_, and may find nothing.
   if (!call->oneway) {
-    WorkerPool::Get().Post([this, call] { RunCall(call); });
+    WorkerPool::Get().Post([this] { RunNext(); });
+    calls_.Push(UserOf(call->caller.name), call);
     return;
   }
-  // In this order either may throw: the task waits for mutex_, and may find nothing.
   if (!queue->busy) {
     WorkerPool::Get().Post([this, queue] { RunOneway(queue); });
     queue->busy = true;
   }
   queue->calls.push_back(call);
+}
+
+// The sender's user; itself, as long as the bus has not told that.
+std::string Bus::UserOf(const std::string& sender) const {
+  const auto known = peers_.find(sender);
+  if (known == peers_.end() || !known->second->credentials) return sender;
+  return std::to_string(known->second->credentials->uid);
+}
+
+void Bus::RunNext() {
+  std::optional<std::shared_ptr<Incoming>> call;
+  {
+    orb::MutexLock lock(mutex_);
+    call = calls_.Pop();
+  }
+  if (call) RunCall(*call);
 }
 
 void Bus::Finished(const Incoming& call) {
