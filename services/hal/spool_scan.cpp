@@ -40,6 +40,8 @@ class Scanner {
     [[maybe_unused]] const int streams = fd.release();  // The stream closes it.
     for (;;) {
       errno = 0;
+      // Only this thread knows the stream.
+      // NOLINTNEXTLINE(concurrency-mt-unsafe)
       const dirent* const entry = readdir(folder.get());
       if (entry == nullptr) return errno;
       const std::string name = entry->d_name;
