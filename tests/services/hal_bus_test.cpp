@@ -31,9 +31,9 @@ struct Callback : BnOrbFdCallback {
   const std::function<void()> on_done;
 };
 
-// One slot on its way to the HAL; false when that refuses.
+// One slot on its way to the HAL; false when that refuses. It is told of it only if this
+// process has a thread pool.
 bool Announce(const std::function<void()>& on_done) {
-  ABinderProcess_startThreadPool();
   std::shared_ptr<IOrbsyshal> hal;
   if (!WaitFor([&] {
         hal = IOrbsyshal::fromBinder(
@@ -64,30 +64,50 @@ pid_t Fork(const std::function<bool()>& body) {
   return child;
 }
 
+std::shared_ptr<OrbsyshalService> Publish(const orb::test::TempDir& spool) {
+  std::string error;
+  auto service = ::ndk::SharedRefBase::make<OrbsyshalService>(
+      std::make_shared<Hal>(Spool::Open(spool.path(), 0, &error)));
+  ABinderProcess_startThreadPool();
+  EXPECT_EQ(AServiceManager_addService(service->asBinder().get(), kHalServiceName), EX_NONE);
+  return service;
+}
+
+TEST(HalBusTest, AsksNothingOfAClientWhoseCallItServes) {
+  const orb::test::PrivateBus bus;
+  bus.SetEnvironment();
+  const pid_t client = Fork([] { return Announce([] {}); });
+  const orb::test::TempDir spool;
+  const auto service = Publish(spool);
+  int status = -1;
+  const bool ended = WaitFor([&] { return waitpid(client, &status, WNOHANG) == client; });
+  EXPECT_EQ(status, 0);
+  if (!ended) kill(client, SIGKILL);
+}
+
 TEST(HalBusTest, StoppedClientsHoldUpNobodyElse) {
   constexpr int kStopped = 6;
   const orb::test::PrivateBus bus("<limit name=\"max_replies_per_connection\">4</limit>");
   bus.SetEnvironment();
   std::vector<pid_t> stopped;
   for (int i = 0; i < kStopped; ++i) {
-    stopped.push_back(
-        Fork([] { return Announce([] { raise(SIGSTOP); }) && WaitFor([] { return false; }); }));
+    stopped.push_back(Fork([] {
+      ABinderProcess_startThreadPool();
+      return Announce([] { raise(SIGSTOP); }) && WaitFor([] { return false; });
+    }));
   }
   int go[2] = {-1, -1};
   ASSERT_EQ(pipe(go), 0);
   const pid_t honest = Fork([&] {
     char byte = 0;
     std::promise<void> told;
+    ABinderProcess_startThreadPool();
     return read(go[0], &byte, 1) == 1 && Announce([&] { told.set_value(); }) &&
            told.get_future().wait_for(std::chrono::seconds(20)) == std::future_status::ready;
   });
 
   const orb::test::TempDir spool;
-  std::string error;
-  const auto service = ::ndk::SharedRefBase::make<OrbsyshalService>(
-      std::make_shared<Hal>(Spool::Open(spool.path(), 0, &error)));
-  ABinderProcess_startThreadPool();
-  ASSERT_EQ(AServiceManager_addService(service->asBinder().get(), kHalServiceName), EX_NONE);
+  const auto service = Publish(spool);
   int status = 0;
   for (const pid_t client : stopped) {
     ASSERT_EQ(waitpid(client, &status, WUNTRACED), client);
