@@ -55,21 +55,39 @@ def check_calls(stage):
     answer = Client(stage, stage.outsider, "outsider").register()
     expect("a client outside the group is not registered", answer == "null")
     expect("the manager never saw it", "outsider" not in stage.log("orb-managerd"))
+    expect("its log says what to do", "add the user to the group" in stage.log("outsider"))
     client = Client(stage, stage.member, "member")
     expect("a client in the group is registered", client.register() == "ok")
     expect("one client cannot call another", "AccessDenied" in stage.send(
         stage.member, stage.connection_of(client.child), "/", "org.orb.Binder.Lookup"))
     for who, identity in (("outside the group", stage.outsider), ("in the group", stage.member),
                           ("of the HAL", stage.hal)):
-        expect(f"orbctl of a user {who} is refused",
-               stage.ctl(identity, "client", "list")[0] == 1)
+        code, text = stage.ctl(identity, "client", "list")
+        expect(f"orbctl of a user {who} is refused, and says why", code == 1 and "sudo" in text)
     expect("the member's by the manager", "control refused to uid" in stage.log("orb-managerd"))
     expect("the HAL's by the bus",
            f"control refused to uid {stage.hal.uid}" not in stage.log("orb-managerd"))
     expect("orbctl of root and of the manager's user are not",
            all("member" in stage.ctl(identity, "client", "list")[1]
                for identity in (ROOT, stage.manager)))
+    expect("the manager may look for the HAL",
+           "the bus does not let user" not in stage.log("orb-managerd"))
     return client
+
+
+def check_owners(stage):
+    """After the client has stored something and left."""
+    thief = stage.member_as("games")
+    expect("another user cannot take its name",
+           Client(stage, thief, "member").register() == "null" and
+           f"refused to uid {thief.uid}: the name belongs to uid {stage.member.uid}"
+           in stage.log("orb-managerd"))
+    with open(f"{stage.dir}/orb-hald/.owners", encoding="utf-8") as owners:
+        expect("nor its folder", f"{stage.member.uid} up/1\n" in owners.read())
+    code, text = stage.ctl(stage.manager, "client", "forget", "member")
+    expect("the manager's user cannot have it forgotten", code == 1 and "only root" in text)
+    expect("root can", stage.ctl(ROOT, "client", "forget", "member")[0] == 0)
+    expect("then the name is free", Client(stage, thief, "member").register() == "ok")
 
 
 def check_campaign(stage, client):
@@ -158,6 +176,7 @@ def main():
         expect("a client with slots is registered", client.register(" slots 8 64") == "ok")
         check_campaign(stage, client)
         check_spool(stage)
+        check_owners(stage)
         for name, child in zip(stage.programs, services):
             child.terminate()
             expect(f"{name} ends cleanly", child.wait(30) == 0)
