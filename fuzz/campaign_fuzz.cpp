@@ -13,10 +13,10 @@ namespace {
 void Lint(const LTCCampaignDef& campaign) {
   const Conf conf;
   for (const bool shared_memory : {false, true}) {
-    LintCampaign({campaign, conf, std::nullopt, shared_memory});
+    LintCampaign({campaign, conf, {}, false, shared_memory});
     std::vector<LicOption> lics(1);
     if (campaign.lic_sn_kpi_maps_size() > 0) lics[0].lic_sn = campaign.lic_sn_kpi_maps(0).lic_sn();
-    LintCampaign({campaign, conf, lics, shared_memory});
+    LintCampaign({campaign, conf, lics, false, shared_memory});
   }
   const CampaignIndex index(campaign);
 }
