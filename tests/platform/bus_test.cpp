@@ -12,13 +12,16 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <memory>
+#include <utility>
 
 #include "platform/linux/src/service_managers.h"
 #include "tests/platform/test_object.h"
 #include "tests/support/child_process.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/private_bus.h"
+#include "tests/support/raw_peer.h"
 
 namespace {
 
@@ -69,6 +72,36 @@ TEST_F(BusTest, PeerKeepsAnObjectUntilItDies) {
   EXPECT_EQ(TestObject::Alive(), 1);
   peer->Signal(SIGKILL);
   EXPECT_TRUE(WaitFor([] { return TestObject::Alive() == 0; }));
+}
+
+// Voluntary context switches of all threads of a process.
+uint64_t Sleeps(pid_t pid) {
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  uint64_t sum = 0;
+  for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+    const std::string status = orb::test::ReadFileOrEmpty(task.path() / "status");
+    const std::string key = "\nvoluntary_ctxt_switches:";
+    sum += strtoull(status.c_str() + status.find(key) + key.size(), nullptr, 10);
+  }
+  return sum;
+}
+
+// A client's peers are two, among a thousand strangers.
+TEST_F(BusTest, StrangersDoNotWakeAClient) {
+  const auto peer = Peer("one");
+  Store(Check("one"), new TestObject());
+  uint64_t before = 0;
+  ASSERT_TRUE(WaitFor([&] {
+    const uint64_t last = std::exchange(before, Sleeps(peer->pid()));
+    usleep(20000);
+    return last == before;
+  }));
+  constexpr int kStrangers = 50;  // Each of them comes and goes.
+  for (int i = 0; i < kStrangers; i++) {
+    EXPECT_TRUE(orb::test::RawPeer(bus_.address(), "one").Connected());
+  }
+  EXPECT_EQ(Ask(peer.get(), "alive"), "alive 1");
+  EXPECT_LT(Sleeps(peer->pid()) - before, static_cast<uint64_t>(kStrangers));
 }
 
 TEST_F(BusTest, ReplacedServiceGoesWithItsLastProxy) {

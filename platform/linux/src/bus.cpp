@@ -41,11 +41,6 @@ void LeaveConnectionToParent() {
   close(nowhere);
 }
 
-// One rule for all peers: the bus allows a connection 512.
-constexpr char kPeersLeave[] =
-    "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
-    "member='NameOwnerChanged',arg0namespace=':1'";
-
 // A quarter of what the process may open: while a call runs, its descriptors exist in
 // the message, in the parcel and in the handler, and the binding cannot read on after a
 // message whose descriptors found no place.
@@ -111,7 +106,6 @@ bool Bus::ConnectLocked() {
   const char* name = nullptr;
   if (result >= 0) result = sd_bus_get_unique_name(bus, &name);
   if (result >= 0) result = sd_bus_add_filter(bus, nullptr, OnMessage, this);
-  if (result >= 0) result = sd_bus_add_match(bus, nullptr, kPeersLeave, OnOwnerChanged, this);
   ReportConnect(address, result);
   if (result < 0 || !StartReader() || !poller_.Attach(sd_bus_get_fd(bus))) {
     poller_.Detach();
@@ -167,7 +161,10 @@ void Bus::Process() {
   int result;
   while ((result = sd_bus_process(bus_, nullptr)) > 0) {
   }
-  for (const auto& [name, peer] : buried_) sd_bus_slot_unref(peer->check);
+  for (const auto& [name, peer] : buried_) {
+    sd_bus_slot_unref(peer->check);
+    sd_bus_slot_unref(peer->watch);
+  }
   buried_.clear();
   if (result < 0 || sd_bus_is_open(bus_) <= 0) Disconnected();
 }
@@ -176,6 +173,7 @@ void Bus::Process() {
 // use connects again.
 void Bus::Disconnected() {
   lost_buses.fetch_add(1);
+  watches_all_ = false;
   poller_.Detach();
   connection_fd = -1;
   sd_bus* const bus = std::exchange(bus_, nullptr);
@@ -183,6 +181,7 @@ void Bus::Disconnected() {
   peers.swap(peers_);
   for (auto& [name, peer] : peers) {
     peer->check = sd_bus_slot_unref(peer->check);
+    peer->watch = sd_bus_slot_unref(peer->watch);
     SendObituaries(peer.get());
   }
   buried_.clear();

@@ -133,6 +133,7 @@ class Bus {
     Bus* bus;
     std::string name;
     sd_bus_slot* check = nullptr;
+    sd_bus_slot* watch = nullptr;  // Null when the rule for all tells of its death.
     std::optional<Credentials> credentials;
     std::map<uint64_t, Proxy> proxies;
   };
@@ -173,6 +174,7 @@ class Bus {
 
   // bus_objects.cpp: peers, exports, proxies.
   Peer* EnsurePeer(const std::string& name) ORB_REQUIRES(mutex_);
+  void Watch(Peer* peer) ORB_REQUIRES(mutex_);
   void PeerDied(const std::string& name) ORB_REQUIRES(mutex_);
   // All of the peer's proxies are dead.
   void SendObituaries(Peer* peer) ORB_REQUIRES(mutex_);
@@ -234,6 +236,7 @@ class Bus {
   bool leader_reads_ ORB_GUARDED_BY(mutex_) = false;  // The leader itself is in Process().
   std::vector<Pending*> pending_ ORB_GUARDED_BY(mutex_);
   std::map<std::string, std::unique_ptr<Peer>> peers_ ORB_GUARDED_BY(mutex_);
+  bool watches_all_ ORB_GUARDED_BY(mutex_) = false;  // Everybody who leaves the bus is told.
   // Their slots go once the binding is out of their callbacks.
   std::multimap<std::string, std::unique_ptr<Peer>> buried_ ORB_GUARDED_BY(mutex_);
   uint64_t last_id_ ORB_GUARDED_BY(mutex_) = 0;

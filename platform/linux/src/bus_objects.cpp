@@ -45,7 +45,7 @@ void BusTarget::PostObituary(const sp<BpBinder>& proxy) {
   WorkerPool::Get().Post([proxy] { proxy->sendObituary(); });
 }
 
-// The watch over all peers is older than the question, so that a death before
+// The watch is older than the question, so that a death before
 // the answer shows, too.
 Bus::Peer* Bus::EnsurePeer(const std::string& name) {
   const auto known = peers_.find(name);
@@ -55,10 +55,27 @@ Bus::Peer* Bus::EnsurePeer(const std::string& name) {
   peer->bus = this;
   peer->name = name;
   peers_.emplace(name, std::move(made));
+  Watch(peer);
   sd_bus_call_method_async(bus_, &peer->check, kDaemon, kDaemonPath, kDaemon,
                            "GetConnectionCredentials", OnPeerChecked, peer, "s", name.c_str());
   Rearm();
   return peer;
+}
+
+// A rule for each peer, so that a client, which has two, sleeps while others come and go;
+// many peers share one, because the bus allows a connection 512.
+void Bus::Watch(Peer* peer) {
+  constexpr size_t kMostAlone = 16;
+  if (watches_all_) return;
+  watches_all_ = peers_.size() > kMostAlone;
+  const std::string rule =
+      "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+      "member='NameOwnerChanged'," +
+      (watches_all_ ? "arg0namespace=':1'" : "arg0='" + peer->name + "'");
+  // Without a callback the binding would end the connection when the bus refuses the rule.
+  const auto installed = [](sd_bus_message*, void*, sd_bus_error*) { return 0; };
+  sd_bus_add_match_async(bus_, watches_all_ ? nullptr : &peer->watch, rule.c_str(), OnOwnerChanged,
+                         installed, this);
 }
 
 int Bus::OnOwnerChanged(sd_bus_message* message, void* bus,
