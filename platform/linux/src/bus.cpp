@@ -21,6 +21,7 @@
 
 #define ORB_LOG_TAG "orb_platform"
 #include "utility/contained.h"
+#include "utility/error_text.h"
 #include "utility/log.h"
 
 namespace orb_platform {
@@ -75,7 +76,7 @@ bool Bus::Connect() {
 void Bus::ReportConnect(const char* address, int result) {
   if (result < 0 && result != connect_result_) {
     LOGE("no connection to the %s%s: %s%s", address == nullptr ? "system bus" : "bus at ",
-         address == nullptr ? "" : address, strerror(-result),
+         address == nullptr ? "" : address, orb::ErrorText(-result).c_str(),
          result == -ENOBUFS || result == -ECONNRESET
              ? "; the bus may have no place left for this user's connections"
              : "");
