@@ -64,7 +64,7 @@ class Trial:
                             for name, child in self.services.items()}
         self.idle_kib = {name: status_kib(child, "VmRSS") for name, child in self.services.items()}
         self.honest = [(Client(stage, stage.member_as("man"), "honest-files"), ""),
-                       (Client(stage, stage.member_as("lp"), "honest-slots"), " slots 64 256")]
+                       (Client(stage, stage.member_as("lp"), "honest-slots"), " slots 64 4096")]
         self.logged = 0
         for client, mode in self.honest:
             expect(f"{client.name} registers", client.register(mode) == "ok")

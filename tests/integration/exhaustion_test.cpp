@@ -25,6 +25,9 @@ class ExhaustionTest : public ::testing::Test {
  protected:
   ExhaustionTest() {
     stack_.StartHal();
+    // A HAL that the manager finds late makes it renew sessions with slots, in a thread.
+    EXPECT_TRUE(WaitFor(
+        [&] { return stack_.LogOf("orb-hald").find("is published") != std::string::npos; }));
     stack_.StartManager();
     EXPECT_TRUE(WaitFor([&] { return stack_.Ctl({"client", "list"}).exit_code == 0; }));
     // One attempt, so that what is refused is told at once.

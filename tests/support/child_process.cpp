@@ -1,6 +1,7 @@
 #include "tests/support/child_process.h"
 
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -78,6 +79,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const Options& 
         open(options.stderr_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (err >= 0) dup2(err, STDERR_FILENO);
   }
+  // A test's child has no more than a shell's has, whatever the test itself was given.
+  close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
   execvpe(arg_pointers[0], arg_pointers.data(), env_pointers.data());
   _exit(127);
 }
