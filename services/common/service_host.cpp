@@ -2,6 +2,7 @@
 #include "services/common/service_host.h"
 
 #include <binder/ProcessState.h>
+#include <malloc.h>
 #include <orb_platform/stop.h>
 #include <unistd.h>
 
@@ -19,6 +20,8 @@ namespace {
 
 constexpr int kUsage = 2;
 constexpr std::chrono::seconds kLastCalls(2);
+constexpr int kMappedBytes = 256 << 10;
+constexpr int kArenas = 2;  // Each keeps what its threads have freed.
 
 }  // namespace
 
@@ -42,6 +45,10 @@ ServiceHost::ServiceHost() {
   pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
   static_cast<void>(signal(SIGPIPE, SIG_IGN));
   RaiseDescriptorLimit();
+  // What a client's large message took goes back to the system once it is refused. The
+  // allocator would raise its threshold after the first, and keep the next ones.
+  mallopt(M_MMAP_THRESHOLD, kMappedBytes);
+  mallopt(M_ARENA_MAX, kArenas);
 }
 
 void ServiceHost::Add(const std::string& name, std::function<bool()> publish,
