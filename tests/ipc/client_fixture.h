@@ -9,6 +9,7 @@
 #include <orb_platform/local_service_manager.h>
 #include <utils/String8.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -31,7 +32,7 @@ class MortalServices : public orb_platform::LocalServiceManager {
     if (on_check) on_check(android::String8(name).c_str());
     return LocalServiceManager::checkService(name);
   }
-  bool all_dead = false;
+  std::atomic<bool> all_dead{false};
   std::function<void(const std::string& name)> on_check;  // Set while nothing is looked up.
 
  private:
