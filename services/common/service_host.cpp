@@ -47,8 +47,10 @@ ServiceHost::ServiceHost() {
   RaiseDescriptorLimit();
   // What a client's large message took goes back to the system once it is refused. The
   // allocator would raise its threshold after the first, and keep the next ones.
+  // NOLINTBEGIN(concurrency-mt-unsafe): there is no other thread yet.
   mallopt(M_MMAP_THRESHOLD, kMappedBytes);
   mallopt(M_ARENA_MAX, kArenas);
+  // NOLINTEND(concurrency-mt-unsafe)
 }
 
 void ServiceHost::Add(const std::string& name, std::function<bool()> publish,
