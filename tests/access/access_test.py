@@ -16,19 +16,9 @@ import subprocess
 import sys
 
 import service_sandbox
-from system_stage import ROOT, Client, Stage, wait_until
+from system_stage import ROOT, Client, Stage, expect, perform, wait_until
 
 EXPOSURE_MAX = 0.5
-
-
-class Failed(Exception):
-    pass
-
-
-def expect(what, condition):
-    print(("ok      " if condition else "FAILED  ") + what, flush=True)
-    if not condition:
-        raise Failed(what)
 
 
 def owns(stage, identity, name):
@@ -157,37 +147,28 @@ def check_notices(listener, services):
     expect("the policy lets both services call themselves, for the watchdog", not wanted)
 
 
+def play(stage):
+    check_units(stage)
+    check_filter(stage)
+    stage.start_bus()
+    check_names(stage)
+    listener = listen_as_systemd(stage)
+    services = stage.start_services()
+    check_notices(listener, services)
+    check_campaign(stage, check_calls(stage))
+    client = Client(stage, stage.member, "slots")
+    expect("a client with slots is registered", client.register(" slots 8 64") == "ok")
+    check_campaign(stage, client)
+    check_spool(stage)
+    check_owners(stage)
+    for name, child in zip(stage.programs, services):
+        child.terminate()
+        expect(f"{name} ends cleanly", child.wait(30) == 0)
+
+
 def main():
     stage = Stage(*sys.argv[1:])
-    try:
-        why = stage.missing()
-        if why is not None:
-            print(f"skipped: {why}")
-            return 77
-        check_units(stage)
-        check_filter(stage)
-        stage.start_bus()
-        check_names(stage)
-        listener = listen_as_systemd(stage)
-        services = stage.start_services()
-        check_notices(listener, services)
-        check_campaign(stage, check_calls(stage))
-        client = Client(stage, stage.member, "slots")
-        expect("a client with slots is registered", client.register(" slots 8 64") == "ok")
-        check_campaign(stage, client)
-        check_spool(stage)
-        check_owners(stage)
-        for name, child in zip(stage.programs, services):
-            child.terminate()
-            expect(f"{name} ends cleanly", child.wait(30) == 0)
-    except Failed:
-        for name in ("orb-managerd", "orb-hald", "member", "outsider"):
-            if os.path.exists(f"{stage.dir}/{name}.log"):
-                print(f"--- {name}", *stage.log(name).splitlines()[-15:], sep="\n")
-        return 1
-    finally:
-        stage.clean_up()
-    return 0
+    return perform(stage, lambda: play(stage), ("orb-managerd", "orb-hald", "member", "outsider"))
 
 
 if __name__ == "__main__":

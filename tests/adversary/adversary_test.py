@@ -14,7 +14,7 @@ import sys
 import time
 from dataclasses import dataclass
 
-from system_stage import ROOT, Client, Stage, wait_until
+from system_stage import ROOT, Client, Failed, Stage, expect, perform
 
 MEMORY_MIB = 64
 SECONDS = 2  # Of one attack, beyond its first round.
@@ -38,16 +38,6 @@ ATTACKS = [
 ]
 # What an attacker prints when it has got what it must not have.
 SUCCESSES = ("has the name", "has stored as", "of another kind is taken")
-
-
-class Failed(Exception):
-    pass
-
-
-def expect(what, condition):
-    print(("ok      " if condition else "FAILED  ") + what, flush=True)
-    if not condition:
-        raise Failed(what)
 
 
 def status_kib(child, field):
@@ -150,26 +140,17 @@ class Trial:
                    counts.get(client.name, 0) == self.logged)
 
 
+def play(stage, adversary, wanted):
+    trial = Trial(stage, adversary)
+    for attack in ATTACKS:
+        if not wanted or attack.name in wanted:
+            trial.run(attack)
+    trial.finish()
+
+
 def main():
     stage = Stage(*sys.argv[1:6])
-    wanted = sys.argv[7:]
-    try:
-        why = stage.missing()
-        if why is not None:
-            print(f"skipped: {why}")
-            return 77
-        trial = Trial(stage, sys.argv[6])
-        for attack in ATTACKS:
-            if not wanted or attack.name in wanted:
-                trial.run(attack)
-        trial.finish()
-    except Failed:
-        for name in stage.programs:
-            print(f"--- {name}", *stage.log(name).splitlines()[-15:], sep="\n")
-        return 1
-    finally:
-        stage.clean_up()
-    return 0
+    return perform(stage, lambda: play(stage, sys.argv[6], sys.argv[7:]), stage.programs)
 
 
 if __name__ == "__main__":

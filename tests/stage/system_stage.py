@@ -53,6 +53,36 @@ def wait_until(condition, seconds=30):
     return False
 
 
+class Failed(Exception):
+    pass
+
+
+def expect(what, condition):
+    print(("ok      " if condition else "FAILED  ") + what, flush=True)
+    if not condition:
+        raise Failed(what)
+
+
+def perform(stage, play, logs):
+    """Calls play() on the stage, which is cleaned up then. A test's exit code: 77 on a
+    machine that cannot have the stage; after a failure the ends of the logs are printed.
+    """
+    try:
+        why = stage.missing()
+        if why is not None:
+            print(f"skipped: {why}")
+            return 77
+        play()
+    except Failed:
+        for name in logs:
+            if os.path.exists(f"{stage.dir}/{name}.log"):
+                print(f"--- {name}", *stage.log(name).splitlines()[-15:], sep="\n")
+        return 1
+    finally:
+        stage.clean_up()
+    return 0
+
+
 class Client:
     """A probe client: one command a line, one answer a line."""
 
