@@ -30,13 +30,12 @@ Hal::Hal(std::unique_ptr<Spool> spool, std::unique_ptr<FolderOwners> owners,
       completions_(limits.notice_patience) {}
 
 bool Hal::ConfigureQueue(const Caller& caller, QueueLayout queue) {
-  std::string why;
-  std::shared_ptr<const PayloadQueue> opened = PayloadQueue::Open(std::move(queue), &why);
-  if (opened == nullptr) {
-    LOGE("queue of %s refused: %s", caller.ToString().c_str(), why.c_str());
+  Result<std::shared_ptr<const PayloadQueue>> opened = PayloadQueue::Open(std::move(queue));
+  if (!opened.ok()) {
+    LOGE("queue of %s refused: %s", caller.ToString().c_str(), opened.error().text.c_str());
     return false;
   }
-  if (queues_.Put(caller, std::move(opened))) return true;
+  if (queues_.Put(caller, *std::move(opened))) return true;
   LOGE("queue of %s refused: too many wait to be read", caller.ToString().c_str());
   return false;
 }
@@ -54,15 +53,16 @@ bool Hal::StoreQueue(const Caller& caller, const std::string& name, int32_t tota
 
 uint32_t Hal::AddChannel(const Caller& caller, UniqueFd fd, int32_t offset, int32_t length,
                          SendNotice done) {
-  std::string why = "too many channels are open";
-  std::shared_ptr<const SharedRegion> region = SharedRegion::Open(
-      std::move(fd), static_cast<uint32_t>(offset), static_cast<uint32_t>(length), &why);
-  uint32_t token = 0;
-  if (region != nullptr) {
-    token = channels_.Add(
-        {caller, std::move(region), std::make_shared<const SendNotice>(std::move(done))});
+  Result<std::shared_ptr<const SharedRegion>> region = SharedRegion::Open(
+      std::move(fd), static_cast<uint32_t>(offset), static_cast<uint32_t>(length));
+  const uint32_t token = region.ok()
+                             ? channels_.Add({caller, *std::move(region),
+                                              std::make_shared<const SendNotice>(std::move(done))})
+                             : 0;
+  if (token == 0) {
+    LOGE("channel of %s refused: %s", caller.ToString().c_str(),
+         region.ok() ? "too many channels are open" : region.error().text.c_str());
   }
-  if (token == 0) LOGE("channel of %s refused: %s", caller.ToString().c_str(), why.c_str());
   return token;
 }
 

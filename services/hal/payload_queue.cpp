@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <utility>
 
 #include "services/hal/spool.h"
@@ -60,17 +61,17 @@ PayloadQueue::PayloadQueue(std::shared_ptr<const SharedRegion> memory,
       data_(Begin(pieces[2])),
       data_bytes_(static_cast<uint64_t>(pieces[2].extent)) {}
 
-std::shared_ptr<const PayloadQueue> PayloadQueue::Open(QueueLayout layout, std::string* why) {
-  *why = LayoutFault(layout);
-  if (!why->empty()) return nullptr;
+Result<std::shared_ptr<const PayloadQueue>> PayloadQueue::Open(QueueLayout layout) {
+  std::string fault = LayoutFault(layout);
+  if (!fault.empty()) return Error{std::move(fault)};
   int64_t end = 0;
   for (size_t i = 0; i < kMinPieces; ++i) {
     end = std::max(end, layout.pieces[i].offset + layout.pieces[i].extent);
   }
-  std::shared_ptr<const SharedRegion> memory =
-      SharedRegion::Open(std::move(layout.fds[0]), 0, end, why);
-  if (memory == nullptr) return nullptr;
-  return std::shared_ptr<const PayloadQueue>(new PayloadQueue(std::move(memory), layout.pieces));
+  Result<std::shared_ptr<const SharedRegion>> memory =
+      SharedRegion::Open(std::move(layout.fds[0]), 0, end);
+  if (!memory.ok()) return memory.error();
+  return std::shared_ptr<const PayloadQueue>(new PayloadQueue(*std::move(memory), layout.pieces));
 }
 
 bool PayloadQueue::Next(uint32_t total, UploadSource* out) const {

@@ -4,11 +4,11 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "services/hal/shared_region.h"
 #include "services/hal/upload_source.h"
+#include "utility/result.h"
 #include "utility/unique_fd.h"
 
 namespace orb::hal {
@@ -28,10 +28,10 @@ struct QueueLayout {
 
 class PayloadQueue {
  public:
-  // Takes the memory's descriptor, the only one that a queue keeps. Null, with the
-  // reason in *why, unless the layout is that of a queue of bytes with one reader and
-  // one writer, in one piece of memory, for no more than an upload may have.
-  static std::shared_ptr<const PayloadQueue> Open(QueueLayout layout, std::string* why);
+  // Takes the memory's descriptor, the only one that a queue keeps. Refuses a layout
+  // unless it is that of a queue of bytes with one reader and one writer, in one piece
+  // of memory, for no more than an upload may have.
+  static Result<std::shared_ptr<const PayloadQueue>> Open(QueueLayout layout);
 
   // The next `total` bytes, which *out can read as long as it likes. False when fewer
   // are there, or its memory is gone.

@@ -6,30 +6,27 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 
 namespace orb::hal {
 
-std::shared_ptr<const SharedRegion> SharedRegion::Open(UniqueFd fd, int64_t offset, int64_t length,
-                                                       std::string* why) {
+Result<std::shared_ptr<const SharedRegion>> SharedRegion::Open(UniqueFd fd, int64_t offset,
+                                                               int64_t length) {
   const int seals = fd.ok() ? fcntl(fd.get(), F_GET_SEALS) : -1;
   struct stat info {};
   if (seals < 0 || fstat(fd.get(), &info) != 0) {
-    *why = "the descriptor is no shared memory; make it with memfd_create";
-    return nullptr;
+    return Error{"the descriptor is no shared memory; make it with memfd_create"};
   }
   if ((static_cast<unsigned>(seals) & F_SEAL_SHRINK) == 0) {
-    *why = "the memory may shrink; make it with MFD_ALLOW_SEALING and add F_SEAL_SHRINK";
-    return nullptr;
+    return Error{"the memory may shrink; make it with MFD_ALLOW_SEALING and add F_SEAL_SHRINK"};
   }
   const int flags = fcntl(fd.get(), F_GETFL);
   if (flags < 0 || (flags & O_ACCMODE) == O_WRONLY) {
-    *why = "the descriptor cannot be read";
-    return nullptr;
+    return Error{"the descriptor cannot be read"};
   }
   if (offset < 0 || length <= 0 || offset > info.st_size || length > info.st_size - offset) {
-    *why = "offset " + std::to_string(offset) + " and length " + std::to_string(length) +
-           " lie outside its " + std::to_string(info.st_size) + " bytes";
-    return nullptr;
+    return Error{"offset " + std::to_string(offset) + " and length " + std::to_string(length) +
+                 " lie outside its " + std::to_string(info.st_size) + " bytes"};
   }
   return std::shared_ptr<const SharedRegion>(new SharedRegion(
       std::move(fd), static_cast<uint64_t>(offset), static_cast<uint64_t>(length)));

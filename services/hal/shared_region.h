@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <memory>
 #include <span>
-#include <string>
 #include <utility>
 
+#include "utility/result.h"
 #include "utility/unique_fd.h"
 
 namespace orb::hal {
@@ -17,11 +17,10 @@ namespace orb::hal {
 // Immutable once made; any thread.
 class SharedRegion {
  public:
-  // Takes the descriptor. `offset` and `length` are the shared part, in bytes.
-  // Null, with the reason and the remedy in *why, unless it is readable memory that
-  // cannot shrink and holds that part.
-  static std::shared_ptr<const SharedRegion> Open(UniqueFd fd, int64_t offset, int64_t length,
-                                                  std::string* why);
+  // Takes the descriptor. `offset` and `length` are the shared part, in bytes. The error
+  // names the remedy: only readable memory that cannot shrink and holds that part counts.
+  static Result<std::shared_ptr<const SharedRegion>> Open(UniqueFd fd, int64_t offset,
+                                                          int64_t length);
 
   uint64_t length() const { return length_bytes_; }
 

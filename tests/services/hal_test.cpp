@@ -215,8 +215,7 @@ TEST_F(HalTest, KeepsTheQueueOfEveryLivingClient) {
 }
 
 TEST(PendingQueuesTest, WaitForAPlace) {
-  std::string why;
-  const auto queue = [&] { return PayloadQueue::Open(Queue(Upload(3, 5, 34)), &why); };
+  const auto queue = [] { return *PayloadQueue::Open(Queue(Upload(3, 5, 34))); };
   PendingQueues queues(1, std::chrono::seconds(20), [](pid_t) { return false; });
   ASSERT_TRUE(queues.Put(kRadio, queue()));
   std::future<bool> waits =
@@ -333,13 +332,12 @@ TEST(SharedRegionTest, RefusesWhatIsNoSharedMemory) {
   };
   for (Case& c : cases) {
     SCOPED_TRACE(c.what);
-    std::string why;
-    EXPECT_EQ(SharedRegion::Open(std::move(c.fd), c.offset, c.length, &why), nullptr);
-    EXPECT_NE(why, "");
+    const auto region = SharedRegion::Open(std::move(c.fd), c.offset, c.length);
+    ASSERT_FALSE(region.ok());
+    EXPECT_NE(region.error().text, "");
   }
-  std::string why;
   UniqueFd region(ashmem_create_region("region", 4096));
-  EXPECT_NE(SharedRegion::Open(std::move(region), 0, 4096, &why), nullptr) << why;
+  EXPECT_TRUE(SharedRegion::Open(std::move(region), 0, 4096).ok());
 }
 
 struct IgnoringCallback : ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbFdCallback {
