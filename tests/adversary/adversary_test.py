@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""usage: adversary_test.py SOURCE_DIR MANAGERD HALD ORBCTL PROBE ADVERSARY [ATTACK...]
+"""usage: adversary_test.py SOURCE_DIR MANAGERD HALD ORBCTL PROBE ADVERSARY ATTACK...
 
 Attacks on both services, on a bus of the system's type, while an honest client of each
 mode works: the honest ones lose nothing, the services keep process and connection and
@@ -28,14 +28,14 @@ class Attack:
     victim: str = ""       # Told by its "name" or by an "upload" of its.
 
 
-ATTACKS = [
+ATTACKS = {attack.name: attack for attack in (
     Attack("oversize", 2), Attack("malformed", 2), Attack("flood-oneway", 4),
     Attack("unread-replies", 2), Attack("reconnect", 2), Attack("hold-connections"),
     Attack("steal-name", victim="name"), Attack("register-again"), Attack("take-names"),
     Attack("large-uploads", 24), Attack("forge-uploads", 2, victim="upload"),
     Attack("idle-queue", 200), Attack("silent-slots", 130, stopped=True),
     Attack("odd-descriptors", 2),
-]
+)}
 # What an attacker prints when it has got what it must not have.
 SUCCESSES = ("has the name", "has stored as", "of another kind is taken")
 
@@ -126,8 +126,9 @@ class Trial:
             expect(f"{attack.name}: {name} keeps its connection",
                    self.stage.connection_of(child) == self.connections[name])
         code, out = self.stage.ctl(ROOT, "client", "list")
-        expect(f"{attack.name}: an operator is answered",
-               code == 0 and all(client.name in out for client, _ in self.honest))
+        answered = code == 0 and all(client.name in out for client, _ in self.honest)
+        expect(f"{attack.name}: an operator is answered" + ("" if answered else f", {code}: {out}"),
+               answered)
 
     def finish(self):
         for client, _ in self.honest:
@@ -142,15 +143,15 @@ class Trial:
 
 def play(stage, adversary, wanted):
     trial = Trial(stage, adversary)
-    for attack in ATTACKS:
-        if not wanted or attack.name in wanted:
-            trial.run(attack)
+    for name in wanted:
+        trial.run(ATTACKS[name])
     trial.finish()
 
 
 def main():
     stage = Stage(*sys.argv[1:6])
-    return perform(stage, lambda: play(stage, sys.argv[6], sys.argv[7:]), stage.programs)
+    return perform(stage, lambda: play(stage, sys.argv[6], sys.argv[7:]),
+                   [*stage.programs, "honest-files", "honest-slots"])
 
 
 if __name__ == "__main__":
