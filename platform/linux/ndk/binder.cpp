@@ -202,10 +202,6 @@ void AIBinder_decStrong(AIBinder* binder) {
   if (binder != nullptr) binder->decStrong(nullptr);
 }
 
-int32_t AIBinder_debugGetRefCount(AIBinder* binder) {
-  return binder == nullptr ? -1 : binder->getStrongCount();
-}
-
 bool AIBinder_associateClass(AIBinder* binder, const AIBinder_Class* clazz) {
   return binder != nullptr && binder->Associate(clazz);
 }

@@ -4,7 +4,6 @@
 #include <binder/BpBinder.h>
 #include <binder/IInterface.h>
 #include <binder/Parcel.h>
-#include <unistd.h>
 
 #include <map>
 
@@ -88,21 +87,8 @@ BBinder* BBinder::localBinder() { return this; }
 
 status_t BBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
   data.setDataPosition(0);
-  status_t status = OK;
-  switch (code) {
-    case PING_TRANSACTION:
-      status = pingBinder();
-      break;
-    case EXTENSION_TRANSACTION:
-      status = reply != nullptr ? reply->writeStrongBinder(getExtension()) : UNEXPECTED_NULL;
-      break;
-    case DEBUG_PID_TRANSACTION:
-      status = reply != nullptr ? reply->writeInt32(getDebugPid()) : UNEXPECTED_NULL;
-      break;
-    default:
-      status = onTransact(code, data, reply, flags);
-      break;
-  }
+  const status_t status =
+      code == PING_TRANSACTION ? pingBinder() : onTransact(code, data, reply, flags);
   if (reply != nullptr) reply->setDataPosition(0);
   return status;
 }
@@ -137,10 +123,6 @@ status_t BBinder::unlinkToDeath(const wp<DeathRecipient>&, void*, uint32_t, wp<D
 }
 
 status_t BBinder::dump(int, const Vector<String16>&) { return OK; }
-
-sp<IBinder> BBinder::getExtension() { return extension_; }
-void BBinder::setExtension(const sp<IBinder>& extension) { extension_ = extension; }
-pid_t BBinder::getDebugPid() { return getpid(); }
 
 BpRefBase::BpRefBase(const sp<IBinder>& o) : remote_(o) {
   extendObjectLifetime(OBJECT_LIFETIME_WEAK);

@@ -1,7 +1,6 @@
 // Calls in. The reading thread answers what is about references and names, and
 // queues the transactions.
 // Tested by tests/platform/contract_test.cpp and bus_test.cpp.
-#include <binder/IPCThreadState.h>
 #include <orb_platform/liveness.h>
 
 #include <cerrno>
@@ -229,7 +228,6 @@ void Bus::Serve(Incoming* call) {
     const CallerScope scope(&call->caller);
     status = call->target->transact(call->code, data, &reply, call->flags);
   }
-  android::IPCThreadState::self()->setStrictModePolicy(0);
   if (status == android::OK && ExceedsLimit(reply, 0)) {
     status = android::FAILED_TRANSACTION;
   }

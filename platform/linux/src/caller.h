@@ -27,7 +27,6 @@ class CallerScope {
   CallerScope& operator=(const CallerScope&) = delete;
 
   static const Caller* Current();
-  static const Caller* Exchange(const Caller* caller);
 
  private:
   const Caller* before_;

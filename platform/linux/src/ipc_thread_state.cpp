@@ -18,11 +18,6 @@ thread_local const Caller* current = nullptr;
 CallerScope::CallerScope(const Caller* caller) : before_(current) { current = caller; }
 CallerScope::~CallerScope() { current = before_; }
 const Caller* CallerScope::Current() { return current; }
-const Caller* CallerScope::Exchange(const Caller* caller) {
-  const Caller* const before = current;
-  current = caller;
-  return before;
-}
 
 void StopThreadPool() { WorkerPool::Get().Stop(); }
 
@@ -53,18 +48,6 @@ uid_t IPCThreadState::getCallingUid() const {
   return caller == nullptr ? getuid() : Bus::Get().CredentialsOf(*caller).uid;
 }
 
-bool IPCThreadState::isServingCall() const { return CallerScope::Current() != nullptr; }
-
-int64_t IPCThreadState::clearCallingIdentity() {
-  return reinterpret_cast<int64_t>(CallerScope::Exchange(nullptr));
-}
-
-void IPCThreadState::restoreCallingIdentity(int64_t token) {
-  // NOLINTNEXTLINE(performance-no-int-to-ptr): what clearCallingIdentity made of a pointer.
-  CallerScope::Exchange(reinterpret_cast<const Caller*>(token));
-}
-
 void IPCThreadState::joinThreadPool(bool) { orb_platform::WorkerPool::Get().Join(); }
-void IPCThreadState::stopProcess(bool) { orb_platform::StopThreadPool(); }
 
 }  // namespace android

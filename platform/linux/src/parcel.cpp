@@ -1,6 +1,5 @@
 // Sizes, copies and plain values of a Parcel.
 // Tested by tests/platform/parcel_test.cpp.
-#include <binder/IPCThreadState.h>
 #include <binder/Parcel.h>
 #include <binder/Status.h>
 #include <fcntl.h>
@@ -50,12 +49,6 @@ status_t Parcel::setDataSize(size_t size) {
   }
   data_.resize(size);
   pos_ = std::min(pos_, size);
-  return OK;
-}
-
-status_t Parcel::setDataCapacity(size_t size) {
-  if (size > kMaxBytes) return BAD_VALUE;
-  data_.reserve(size);
   return OK;
 }
 
@@ -115,13 +108,13 @@ binder::Status Parcel::enforceNoDataAvail() const {
 }
 
 status_t Parcel::writeInterfaceToken(const String16& interface) {
-  writeInt32(IPCThreadState::self()->getStrictModePolicy() | kStrictModePenaltyGather);
+  writeInt32(kStrictModePenaltyGather);
   writeInt32(kWorkSourceUnset);
   writeInt32(kHeaderSystem);
   return writeString16(interface);
 }
 
-bool Parcel::enforceInterface(const String16& interface, IPCThreadState* threadState) const {
+bool Parcel::enforceInterface(const String16& interface, IPCThreadState*) const {
   int32_t policy = 0;
   int32_t work_source = 0;
   int32_t header = 0;
@@ -129,8 +122,6 @@ bool Parcel::enforceInterface(const String16& interface, IPCThreadState* threadS
     return false;
   }
   if (header != kHeaderSystem) return false;
-  if (threadState == nullptr) threadState = IPCThreadState::self();
-  threadState->setStrictModePolicy(policy);
   size_t len = 0;
   const char16_t* const name = readString16Inplace(&len);
   return name != nullptr && len == interface.size() &&
@@ -163,8 +154,6 @@ status_t Parcel::write(const void* data, size_t len) {
   return OK;
 }
 
-void* Parcel::writeInplace(size_t len) { return Extend(len); }
-
 status_t Parcel::read(void* out, size_t len) const {
   const void* const from = readInplace(len);
   if (from == nullptr)
@@ -196,36 +185,17 @@ status_t Parcel::ReadAligned(T* out) const {
 }
 
 status_t Parcel::writeInt32(int32_t val) { return WriteAligned(val); }
-status_t Parcel::writeUint32(uint32_t val) { return WriteAligned(val); }
 status_t Parcel::writeInt64(int64_t val) { return WriteAligned(val); }
-status_t Parcel::writeUint64(uint64_t val) { return WriteAligned(val); }
-status_t Parcel::writeFloat(float val) { return WriteAligned(val); }
-status_t Parcel::writeDouble(double val) { return WriteAligned(val); }
 status_t Parcel::writeBool(bool val) { return writeInt32(val ? 1 : 0); }
-status_t Parcel::writeChar(char16_t val) { return writeInt32(val); }
 status_t Parcel::writeByte(int8_t val) { return writeInt32(val); }
-status_t Parcel::writeNoException() { return binder::Status::ok().writeToParcel(this); }
 
 status_t Parcel::readInt32(int32_t* out) const { return ReadAligned(out); }
-status_t Parcel::readUint32(uint32_t* out) const { return ReadAligned(out); }
 status_t Parcel::readInt64(int64_t* out) const { return ReadAligned(out); }
-status_t Parcel::readUint64(uint64_t* out) const { return ReadAligned(out); }
-status_t Parcel::readFloat(float* out) const { return ReadAligned(out); }
-status_t Parcel::readDouble(double* out) const { return ReadAligned(out); }
 
 int32_t Parcel::readInt32() const {
   int32_t val = 0;
   return readInt32(&val) == OK ? val : 0;
 }
-
-uint32_t Parcel::readUint32() const { return static_cast<uint32_t>(readInt32()); }
-
-int64_t Parcel::readInt64() const {
-  int64_t val = 0;
-  return readInt64(&val) == OK ? val : 0;
-}
-
-bool Parcel::readBool() const { return readInt32() != 0; }
 
 status_t Parcel::readBool(bool* out) const {
   int32_t val = 0;
@@ -234,24 +204,11 @@ status_t Parcel::readBool(bool* out) const {
   return status;
 }
 
-status_t Parcel::readChar(char16_t* out) const {
-  int32_t val = 0;
-  const status_t status = readInt32(&val);
-  *out = static_cast<char16_t>(val);
-  return status;
-}
-
 status_t Parcel::readByte(int8_t* out) const {
   int32_t val = 0;
   const status_t status = readInt32(&val);
   *out = static_cast<int8_t>(val);
   return status;
-}
-
-int32_t Parcel::readExceptionCode() const {
-  binder::Status status;
-  status.readFromParcel(*this);
-  return status.exceptionCode();
 }
 
 status_t Parcel::writeParcelable(const Parcelable& parcelable) {

@@ -240,9 +240,4 @@ status_t Parcel::readUniqueParcelFileDescriptor(base::unique_fd* val) const {
   return val->get() < 0 ? BAD_VALUE : OK;
 }
 
-bool Parcel::hasFileDescriptors() const {
-  return std::any_of(objects_.begin(), objects_.end(),
-                     [](const Object& object) { return object.fd >= 0; });
-}
-
 }  // namespace android

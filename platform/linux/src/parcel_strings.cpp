@@ -15,17 +15,6 @@ constexpr size_t kMaxCount = std::numeric_limits<int32_t>::max();
 
 }  // namespace
 
-status_t Parcel::writeCString(const char* str) { return write(str, strlen(str) + 1); }
-
-const char* Parcel::readCString() const {
-  if (dataAvail() == 0) return nullptr;
-  const uint8_t* const start = data_.data() + pos_;
-  const void* const end = memchr(start, 0, dataAvail());
-  if (end == nullptr) return nullptr;
-  return static_cast<const char*>(
-      readInplace(static_cast<size_t>(static_cast<const uint8_t*>(end) - start) + 1));
-}
-
 status_t Parcel::writeString16(const String16& str) {
   return writeString16(str.string(), str.size());
 }
@@ -89,10 +78,6 @@ status_t Parcel::writeUtf8AsUtf16(const std::optional<std::string>& str) {
   return str ? writeUtf8AsUtf16(*str) : writeInt32(kNull);
 }
 
-status_t Parcel::writeUtf8AsUtf16(const std::unique_ptr<std::string>& str) {
-  return str != nullptr ? writeUtf8AsUtf16(*str) : writeInt32(kNull);
-}
-
 status_t Parcel::readUtf8FromUtf16(std::string* out) const {
   size_t len = 0;
   const char16_t* const str = readString16Inplace(&len);
@@ -118,13 +103,6 @@ status_t Parcel::readUtf8FromUtf16(std::optional<std::string>* out) const {
   return readUtf8FromUtf16(&out->emplace());
 }
 
-status_t Parcel::readUtf8FromUtf16(std::unique_ptr<std::string>* out) const {
-  std::optional<std::string> str;
-  const status_t status = readUtf8FromUtf16(&str);
-  out->reset(str ? new std::string(std::move(*str)) : nullptr);
-  return status;
-}
-
 template <typename T>
 status_t Parcel::WriteVector(const std::vector<T>& val) {
   if (val.size() > kMaxCount / sizeof(T)) return BAD_VALUE;
@@ -133,64 +111,23 @@ status_t Parcel::WriteVector(const std::vector<T>& val) {
 }
 
 // A count that the bytes left cannot hold is refused before anything is allocated.
-status_t Parcel::ReadCount(int32_t* count, size_t item_bytes) const {
-  const status_t status = readInt32(count);
-  if (status != OK) return status;
-  if (*count < 0) return UNEXPECTED_NULL;
-  return static_cast<size_t>(*count) > dataAvail() / item_bytes ? BAD_VALUE : OK;
-}
-
 template <typename T>
 status_t Parcel::ReadVector(std::vector<T>* out) const {
   int32_t count = 0;
-  const status_t status = ReadCount(&count, sizeof(T));
+  const status_t status = readInt32(&count);
   if (status != OK) return status;
+  if (count < 0) return UNEXPECTED_NULL;
+  if (static_cast<size_t>(count) > dataAvail() / sizeof(T)) return BAD_VALUE;
   out->resize(static_cast<size_t>(count));
   return read(out->data(), out->size() * sizeof(T));
 }
 
 status_t Parcel::writeByteVector(const std::vector<uint8_t>& val) { return WriteVector(val); }
-status_t Parcel::writeByteVector(const std::vector<int8_t>& val) { return WriteVector(val); }
-status_t Parcel::writeByteVector(const std::optional<std::vector<uint8_t>>& val) {
-  return val ? WriteVector(*val) : writeInt32(kNull);
-}
 status_t Parcel::writeInt32Vector(const std::vector<int32_t>& val) { return WriteVector(val); }
 status_t Parcel::writeInt64Vector(const std::vector<int64_t>& val) { return WriteVector(val); }
 
 status_t Parcel::readByteVector(std::vector<uint8_t>* out) const { return ReadVector(out); }
-status_t Parcel::readByteVector(std::vector<int8_t>* out) const { return ReadVector(out); }
-status_t Parcel::readByteVector(std::optional<std::vector<uint8_t>>* out) const {
-  const size_t start = pos_;
-  int32_t count = 0;
-  const status_t status = readInt32(&count);
-  out->reset();
-  if (status != OK || count < 0) return status;
-  pos_ = start;
-  return ReadVector(&out->emplace());
-}
 status_t Parcel::readInt32Vector(std::vector<int32_t>* out) const { return ReadVector(out); }
 status_t Parcel::readInt64Vector(std::vector<int64_t>* out) const { return ReadVector(out); }
-
-status_t Parcel::writeUtf8VectorAsUtf16Vector(const std::vector<std::string>& val) {
-  if (val.size() > kMaxCount) return BAD_VALUE;
-  status_t status = writeInt32(static_cast<int32_t>(val.size()));
-  for (const std::string& item : val) {
-    if (status != OK) return status;
-    status = writeUtf8AsUtf16(item);
-  }
-  return status;
-}
-
-status_t Parcel::readUtf8VectorFromUtf16Vector(std::vector<std::string>* out) const {
-  int32_t count = 0;
-  status_t status = ReadCount(&count, sizeof(int32_t));
-  if (status != OK) return status;
-  out->resize(static_cast<size_t>(count));
-  for (std::string& item : *out) {
-    status = readUtf8FromUtf16(&item);
-    if (status != OK) return status;
-  }
-  return OK;
-}
 
 }  // namespace android

@@ -40,6 +40,5 @@ size_t ProcessState::getThreadPoolMaxThreadCount() const {
 
 bool ProcessState::isThreadPoolStarted() const { return orb_platform::WorkerPool::Get().Started(); }
 void ProcessState::giveThreadPoolName() {}
-String8 ProcessState::getDriverName() { return String8("dbus"); }
 
 }  // namespace android

@@ -151,14 +151,6 @@ status_t Status::writeOverParcel(Parcel* parcel) const {
   return writeToParcel(parcel);
 }
 
-void Status::setException(int32_t exceptionCode, const String8& message) {
-  *this = fromExceptionCode(exceptionCode, message);
-}
-
-void Status::setServiceSpecificError(int32_t serviceSpecificErrorCode, const String8& message) {
-  *this = fromServiceSpecificError(serviceSpecificErrorCode, message);
-}
-
 void Status::setFromStatusT(status_t status) {
   *this = status == OK ? Status() : Status(EX_TRANSACTION_FAILED, status);
 }

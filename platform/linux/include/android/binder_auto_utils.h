@@ -79,10 +79,6 @@ class ScopedAStatus : public ScopedAResource<AStatus*, AStatus_delete, nullptr> 
   static ScopedAStatus fromExceptionCode(binder_exception_t exception) {
     return ScopedAStatus(AStatus_fromExceptionCode(exception));
   }
-  static ScopedAStatus fromExceptionCodeWithMessage(binder_exception_t exception,
-                                                    const char* message) {
-    return ScopedAStatus(AStatus_fromExceptionCodeWithMessage(exception, message));
-  }
   static ScopedAStatus fromServiceSpecificError(int32_t error) {
     return ScopedAStatus(AStatus_fromServiceSpecificError(error));
   }

@@ -57,7 +57,6 @@ binder_status_t AIBinder_ping(AIBinder*);
 
 void AIBinder_incStrong(AIBinder*);
 void AIBinder_decStrong(AIBinder*);
-int32_t AIBinder_debugGetRefCount(AIBinder*);
 
 // True when the object is of this class. The first time on a remote object this
 // asks the object for its descriptor, a blocking call.

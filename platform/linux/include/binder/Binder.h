@@ -2,7 +2,6 @@
 #pragma once
 
 #include <binder/IBinder.h>
-#include <sys/types.h>
 #include <utils/Vector.h>
 
 #include <atomic>
@@ -27,12 +26,6 @@ class BBinder : public IBinder {
   status_t dump(int fd, const Vector<String16>& args) override;
   BBinder* localBinder() override;
 
-  // Another interface of the same service, handed out on EXTENSION_TRANSACTION.
-  // Set before the binder is sent anywhere.
-  sp<IBinder> getExtension();
-  void setExtension(const sp<IBinder>& extension);
-  pid_t getDebugPid();
-
   // Stability level written with the object; 0 until it is first flattened.
   int32_t stability() const { return stability_.load(std::memory_order_relaxed); }
   void setStability(int32_t level) { stability_.store(level, std::memory_order_relaxed); }
@@ -45,7 +38,6 @@ class BBinder : public IBinder {
   BBinder(const BBinder&) = delete;
   BBinder& operator=(const BBinder&) = delete;
 
-  sp<IBinder> extension_;
   std::atomic<int32_t> stability_{0};
 };
 

@@ -42,18 +42,4 @@ sp<IServiceManager> defaultServiceManager();
 // Null goes back to the one of the bus.
 void setDefaultServiceManager(const sp<IServiceManager>& sm);
 
-template <typename INTERFACE>
-sp<INTERFACE> waitForService(const String16& name) {
-  return interface_cast<INTERFACE>(defaultServiceManager()->waitForService(name));
-}
-template <typename INTERFACE>
-sp<INTERFACE> checkService(const String16& name) {
-  return interface_cast<INTERFACE>(defaultServiceManager()->checkService(name));
-}
-template <typename INTERFACE>
-status_t getService(const String16& name, sp<INTERFACE>* out) {
-  *out = interface_cast<INTERFACE>(defaultServiceManager()->getService(name));
-  return *out != nullptr ? OK : NAME_NOT_FOUND;
-}
-
 }  // namespace android

@@ -17,7 +17,6 @@
 #include <utils/String16.h>
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -45,23 +44,18 @@ class Parcel {
   size_t dataSize() const { return data_.size(); }
   size_t dataAvail() const { return pos_ < data_.size() ? data_.size() - pos_ : 0; }
   size_t dataPosition() const { return pos_; }
-  size_t dataCapacity() const { return data_.capacity(); }
   status_t setDataSize(size_t size);
   void setDataPosition(size_t pos) const { pos_ = pos; }
-  status_t setDataCapacity(size_t size);
   status_t setData(const uint8_t* buffer, size_t len);
   // Objects that lie wholly inside the range are copied, descriptors duplicated.
   status_t appendFrom(const Parcel* parcel, size_t start, size_t len);
   void freeData();
 
-  bool hasFileDescriptors() const;
   size_t objectsCount() const { return objects_.size(); }
   status_t errorCheck() const { return error_; }
-  void setError(status_t error) { error_ = error; }
   void markForBinder(const sp<IBinder>& binder);
   // The bytes are wiped before they are freed.
   void markSensitive() const { sensitive_ = true; }
-  bool isForRpc() const { return false; }
   binder::Status enforceNoDataAvail() const;
 
   status_t writeInterfaceToken(const String16& interface);
@@ -69,29 +63,17 @@ class Parcel {
   bool checkInterface(IBinder* binder) const;
 
   status_t write(const void* data, size_t len);
-  // [len] writable bytes inside the parcel, valid until the next write; null on error.
-  void* writeInplace(size_t len);
   status_t writeInt32(int32_t val);
-  status_t writeUint32(uint32_t val);
   status_t writeInt64(int64_t val);
-  status_t writeUint64(uint64_t val);
-  status_t writeFloat(float val);
-  status_t writeDouble(double val);
   status_t writeBool(bool val);
-  status_t writeChar(char16_t val);
   status_t writeByte(int8_t val);
-  status_t writeCString(const char* str);
   status_t writeString16(const String16& str);
   status_t writeString16(const char16_t* str, size_t len);
   status_t writeUtf8AsUtf16(const std::string& str);
   status_t writeUtf8AsUtf16(const std::optional<std::string>& str);
-  status_t writeUtf8AsUtf16(const std::unique_ptr<std::string>& str);
   status_t writeByteVector(const std::vector<uint8_t>& val);
-  status_t writeByteVector(const std::vector<int8_t>& val);
-  status_t writeByteVector(const std::optional<std::vector<uint8_t>>& val);
   status_t writeInt32Vector(const std::vector<int32_t>& val);
   status_t writeInt64Vector(const std::vector<int64_t>& val);
-  status_t writeUtf8VectorAsUtf16Vector(const std::vector<std::string>& val);
   status_t writeStrongBinder(const sp<IBinder>& val);
   template <typename T, std::enable_if_t<std::is_base_of_v<IInterface, T>, bool> = true>
   status_t writeStrongBinder(const sp<T>& val) {
@@ -100,9 +82,6 @@ class Parcel {
   status_t writeParcelable(const Parcelable& parcelable);
   template <typename T>
   status_t writeParcelableVector(const std::vector<T>& val);
-  template <typename T>
-  status_t writeNullableParcelable(const std::optional<T>& parcelable);
-  status_t writeNoException();
 
   // The flat object owns `fd` from then on when told so; else it is borrowed
   // and must stay open until the parcel is gone.
@@ -117,18 +96,9 @@ class Parcel {
   const void* readInplace(size_t len) const;
   int32_t readInt32() const;
   status_t readInt32(int32_t* out) const;
-  uint32_t readUint32() const;
-  status_t readUint32(uint32_t* out) const;
-  int64_t readInt64() const;
   status_t readInt64(int64_t* out) const;
-  status_t readUint64(uint64_t* out) const;
-  status_t readFloat(float* out) const;
-  status_t readDouble(double* out) const;
-  bool readBool() const;
   status_t readBool(bool* out) const;
-  status_t readChar(char16_t* out) const;
   status_t readByte(int8_t* out) const;
-  const char* readCString() const;
   // UNEXPECTED_NULL for a null string.
   String16 readString16() const;
   status_t readString16(String16* out) const;
@@ -136,27 +106,18 @@ class Parcel {
   const char16_t* readString16Inplace(size_t* outLen) const;
   status_t readUtf8FromUtf16(std::string* out) const;
   status_t readUtf8FromUtf16(std::optional<std::string>* out) const;
-  status_t readUtf8FromUtf16(std::unique_ptr<std::string>* out) const;
   status_t readByteVector(std::vector<uint8_t>* out) const;
-  status_t readByteVector(std::vector<int8_t>* out) const;
-  status_t readByteVector(std::optional<std::vector<uint8_t>>* out) const;
   status_t readInt32Vector(std::vector<int32_t>* out) const;
   status_t readInt64Vector(std::vector<int64_t>* out) const;
-  status_t readUtf8VectorFromUtf16Vector(std::vector<std::string>* out) const;
   // Null is UNEXPECTED_NULL, and null for the form without a status.
   sp<IBinder> readStrongBinder() const;
   status_t readStrongBinder(sp<IBinder>* val) const;
   status_t readNullableStrongBinder(sp<IBinder>* val) const;
   template <typename T>
   status_t readStrongBinder(sp<T>* val) const;
-  template <typename T>
-  status_t readNullableStrongBinder(sp<T>* val) const;
   status_t readParcelable(Parcelable* parcelable) const;
   template <typename T>
-  status_t readParcelable(std::optional<T>* parcelable) const;
-  template <typename T>
   status_t readParcelableVector(std::vector<T>* val) const;
-  int32_t readExceptionCode() const;
 
   // Borrowed: the parcel still owns it. BAD_TYPE as a negative number.
   int readFileDescriptor() const;
@@ -183,7 +144,6 @@ class Parcel {
   status_t WriteVector(const std::vector<T>& val);
   template <typename T>
   status_t ReadVector(std::vector<T>* out) const;
-  status_t ReadCount(int32_t* count, size_t item_bytes) const;
   void* Extend(size_t len);
   status_t WriteObject(uint32_t type, uint32_t flags, uint64_t value, uint64_t cookie,
                        Object object);

@@ -19,38 +19,12 @@ status_t Parcel::writeParcelableVector(const std::vector<T>& val) {
 }
 
 template <typename T>
-status_t Parcel::writeNullableParcelable(const std::optional<T>& parcelable) {
-  return parcelable ? writeParcelable(*parcelable) : writeInt32(0);
-}
-
-template <typename T>
-status_t Parcel::readNullableStrongBinder(sp<T>* val) const {
-  sp<IBinder> binder;
-  const status_t status = readNullableStrongBinder(&binder);
-  if (status != OK) return status;
-  *val = interface_cast<T>(binder);
-  return *val == nullptr && binder != nullptr ? UNKNOWN_ERROR : OK;
-}
-
-template <typename T>
 status_t Parcel::readStrongBinder(sp<T>* val) const {
   sp<IBinder> binder;
   const status_t status = readStrongBinder(&binder);
   if (status != OK) return status;
   *val = interface_cast<T>(binder);
   return *val == nullptr ? UNKNOWN_ERROR : OK;
-}
-
-template <typename T>
-status_t Parcel::readParcelable(std::optional<T>* parcelable) const {
-  const size_t start = dataPosition();
-  int32_t present = 0;
-  const status_t status = readInt32(&present);
-  parcelable->reset();
-  if (status != OK || present == 0) return status;
-  setDataPosition(start);
-  parcelable->emplace();
-  return readParcelable(&**parcelable);
 }
 
 template <typename T>

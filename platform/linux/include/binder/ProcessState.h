@@ -1,8 +1,8 @@
 // This process's connection and its pool of threads for incoming calls.
 #pragma once
 
+#include <utils/Errors.h>
 #include <utils/RefBase.h>
-#include <utils/String8.h>
 
 #include <cstddef>
 
@@ -27,7 +27,6 @@ class ProcessState : public virtual RefBase {
   size_t getThreadPoolMaxThreadCount() const;
   bool isThreadPoolStarted() const;
   void giveThreadPoolName();
-  String8 getDriverName();
 
  private:
   ProcessState() = default;

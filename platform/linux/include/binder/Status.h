@@ -7,7 +7,6 @@
 #include <utils/String8.h>
 
 #include <cstdint>
-#include <ostream>
 
 namespace android::binder {
 
@@ -48,8 +47,6 @@ class Status final {
   // The same in place of everything that the parcel holds.
   status_t writeOverParcel(Parcel* parcel) const;
 
-  void setException(int32_t exceptionCode, const String8& message);
-  void setServiceSpecificError(int32_t serviceSpecificErrorCode, const String8& message);
   void setFromStatusT(status_t status);
 
   int32_t exceptionCode() const { return exception_; }
@@ -71,9 +68,5 @@ class Status final {
   int32_t error_ = 0;
   String8 message_;
 };
-
-inline std::ostream& operator<<(std::ostream& stream, const Status& status) {
-  return stream << status.toString8().c_str();
-}
 
 }  // namespace android::binder
