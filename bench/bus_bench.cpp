@@ -20,11 +20,14 @@
 #include <functional>
 #include <vector>
 
+#include "platform/linux/src/bus_message.h"
 #include "tests/platform/test_object.h"
 #include "tests/support/child_process.h"
 #include "tests/support/private_bus.h"
 
 namespace {
+
+using orb_platform::BusMessage;
 
 constexpr size_t kBytes = 100;
 
@@ -54,11 +57,10 @@ int OnEcho(sd_bus_message* call, void*, sd_bus_error*) {
   const void* data = nullptr;
   size_t bytes = 0;
   sd_bus_message_read_array(call, 'y', &data, &bytes);
-  sd_bus_message* reply = nullptr;
-  sd_bus_message_new_method_return(call, &reply);
-  sd_bus_message_append_array(reply, 'y', data, bytes);
-  sd_bus_send(nullptr, reply, nullptr);
-  sd_bus_message_unref(reply);
+  BusMessage reply;
+  sd_bus_message_new_method_return(call, reply.out());
+  sd_bus_message_append_array(reply.get(), 'y', data, bytes);
+  sd_bus_send(nullptr, reply.get(), nullptr);
   return 1;
 }
 
@@ -78,14 +80,12 @@ double MeasureBare(int calls) {
   sd_bus* const bus = Open();
   const uint8_t data[kBytes] = {};
   return MicrosPerCall(calls, [&] {
-    sd_bus_message* call = nullptr;
-    sd_bus_message* reply = nullptr;
-    sd_bus_message_new_method_call(bus, &call, "org.orb.test.bare", "/echo", "org.orb.test",
+    BusMessage call;
+    BusMessage reply;
+    sd_bus_message_new_method_call(bus, call.out(), "org.orb.test.bare", "/echo", "org.orb.test",
                                    "Echo");
-    sd_bus_message_append_array(call, 'y', data, sizeof data);
-    Check(sd_bus_call(bus, call, 0, nullptr, &reply) >= 0, "a bare call");
-    sd_bus_message_unref(call);
-    sd_bus_message_unref(reply);
+    sd_bus_message_append_array(call.get(), 'y', data, sizeof data);
+    Check(sd_bus_call(bus, call.get(), 0, nullptr, reply.out()) >= 0, "a bare call");
   });
 }
 

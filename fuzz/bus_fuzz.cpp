@@ -16,6 +16,7 @@
 #include <chrono>
 
 #include "fuzz/fuzz_input.h"
+#include "platform/linux/src/bus_message.h"
 #include "platform/linux/src/bus_names.h"
 #include "tests/support/private_bus.h"
 
@@ -26,6 +27,7 @@ using android::Parcel;
 using android::sp;
 using android::status_t;
 using orb::fuzz::Input;
+using orb_platform::BusMessage;
 
 constexpr char kService[] = "org.orb.service.fuzz";
 constexpr int kMessagesMax = 8;
@@ -85,9 +87,9 @@ class Peer {
     input_ = &input;
     for (int left = kMessagesMax; left > 0 && input.left() > 0; --left) SendOne();
     // Whatever came before, the target still answers.
-    sd_bus_message* ping = NewCall("Transact", names_[1].c_str(), id_);
-    sd_bus_message_append(ping, "uu", uint32_t{IBinder::PING_TRANSACTION}, 0u);
-    AppendEmptyParcel(ping);
+    const BusMessage ping = NewCall("Transact", names_[1].c_str(), id_);
+    sd_bus_message_append(ping.get(), "uu", uint32_t{IBinder::PING_TRANSACTION}, 0u);
+    AppendEmptyParcel(ping.get());
     Call(ping);
     FUZZ_CHECK(answered_ok_);
     input_ = nullptr;
@@ -95,18 +97,17 @@ class Peer {
 
  private:
   void LookUp() {
-    sd_bus_message* reply = nullptr;
+    BusMessage reply;
     FUZZ_CHECK(sd_bus_call_method(bus_, kService, orb_platform::kRootPath, orb_platform::kInterface,
-                                  "Lookup", nullptr, &reply, "s", kService) >= 0);
-    FUZZ_CHECK(sd_bus_message_read(reply, "t", &id_) > 0);
-    names_[1] = sd_bus_message_get_sender(reply);
-    sd_bus_message_unref(reply);
+                                  "Lookup", nullptr, reply.out(), "s", kService) >= 0);
+    FUZZ_CHECK(sd_bus_message_read(reply.get(), "t", &id_) > 0);
+    names_[1] = sd_bus_message_get_sender(reply.get());
   }
 
-  sd_bus_message* NewCall(const char* member, const char* destination, uint64_t id) {
-    sd_bus_message* call = nullptr;
+  BusMessage NewCall(const char* member, const char* destination, uint64_t id) {
+    BusMessage call;
     const std::string path = orb_platform::kObjectPrefix + std::to_string(id);
-    FUZZ_CHECK(sd_bus_message_new_method_call(bus_, &call, destination, path.c_str(),
+    FUZZ_CHECK(sd_bus_message_new_method_call(bus_, call.out(), destination, path.c_str(),
                                               orb_platform::kInterface, member) >= 0);
     return call;
   }
@@ -153,41 +154,41 @@ class Peer {
 
   void SendOne() {
     const int what = input_->Take<uint8_t>() % 10;
-    sd_bus_message* message = nullptr;
+    BusMessage message;
     if (what < 6) {
       const auto code = input_->Take<uint8_t>();
       const auto flags = input_->Take<uint8_t>();
       const auto target = input_->Take<uint8_t>();
       message = NewCall("Transact", names_[1].c_str(), target < 250 ? id_ : target);
-      sd_bus_message_append(message, "uu", uint32_t{code}, uint32_t{flags});
-      AppendParcel(message);
-      sd_bus_message_set_expect_reply(message, (flags & IBinder::FLAG_ONEWAY) == 0);
+      sd_bus_message_append(message.get(), "uu", uint32_t{code}, uint32_t{flags});
+      AppendParcel(message.get());
+      sd_bus_message_set_expect_reply(message.get(), (flags & IBinder::FLAG_ONEWAY) == 0);
     } else if (what == 6) {
       message = NewCall("Release", names_[1].c_str(), 0);
       const uint64_t id = Number(input_->Take<uint8_t>());
-      sd_bus_message_append(message, "tt", id, input_->Take<uint64_t>());
-      sd_bus_message_set_expect_reply(message, 0);
+      sd_bus_message_append(message.get(), "tt", id, input_->Take<uint64_t>());
+      sd_bus_message_set_expect_reply(message.get(), 0);
     } else if (what == 7) {
       message = NewCall("Retain", names_[1].c_str(), 0);
       const uint64_t id = Number(input_->Take<uint8_t>());
-      sd_bus_message_append(message, "ts", id, Owner(input_->Take<uint8_t>()));
-      sd_bus_message_set_expect_reply(message, 0);
+      sd_bus_message_append(message.get(), "ts", id, Owner(input_->Take<uint8_t>()));
+      sd_bus_message_set_expect_reply(message.get(), 0);
     } else if (what == 8) {
       message = NewCall("Lookup", names_[1].c_str(), 0);
-      sd_bus_message_append(message, "s", Owner(input_->Take<uint8_t>()));
+      sd_bus_message_append(message.get(), "s", Owner(input_->Take<uint8_t>()));
     } else {
       message = OtherTypes();
     }
-    if (sd_bus_message_get_expect_reply(message) > 0) return Call(message);
-    FUZZ_CHECK(sd_bus_send(bus_, message, nullptr) >= 0);
-    sd_bus_message_unref(message);
+    if (sd_bus_message_get_expect_reply(message.get()) > 0) return Call(message);
+    FUZZ_CHECK(sd_bus_send(bus_, message.get(), nullptr) >= 0);
   }
 
   // A call whose body is not what its name wants.
-  sd_bus_message* OtherTypes() {
+  BusMessage OtherTypes() {
     static constexpr const char* kMembers[] = {"Transact", "Release", "Retain"};
     const auto which = input_->Take<uint8_t>();
-    sd_bus_message* const message = NewCall(kMembers[which % 3], names_[1].c_str(), id_);
+    BusMessage call = NewCall(kMembers[which % 3], names_[1].c_str(), id_);
+    sd_bus_message* const message = call.get();
     switch (which / 3 % 5) {
       case 0:
         sd_bus_message_append(message, "s", "text");
@@ -206,14 +207,13 @@ class Peer {
     }
     // Only a transaction that is complete, or no transaction, is sure of a reply.
     sd_bus_message_set_expect_reply(message, which % 3 == 0);
-    return message;
+    return call;
   }
 
   // Sends, and serves calls until the answer is there, whatever it is.
-  void Call(sd_bus_message* message) {
+  void Call(const BusMessage& message) {
     answered_ = false;
-    FUZZ_CHECK(sd_bus_call_async(bus_, nullptr, message, OnAnswer, this, 0) >= 0);
-    sd_bus_message_unref(message);
+    FUZZ_CHECK(sd_bus_call_async(bus_, nullptr, message.get(), OnAnswer, this, 0) >= 0);
     const auto deadline = std::chrono::steady_clock::now() + kAnswerDue;
     while (!answered_) {
       FUZZ_CHECK(std::chrono::steady_clock::now() < deadline);
@@ -236,20 +236,19 @@ class Peer {
     auto* const self = static_cast<Peer*>(peer);
     if (sd_bus_message_is_method_call(message, orb_platform::kInterface, "Transact") <= 0) return 0;
     if (sd_bus_message_get_expect_reply(message) <= 0) return 1;
-    sd_bus_message* reply = nullptr;
-    FUZZ_CHECK(sd_bus_message_new_method_return(message, &reply) >= 0);
+    BusMessage reply;
+    FUZZ_CHECK(sd_bus_message_new_method_return(message, reply.out()) >= 0);
     Input nothing(nullptr, 0);
     Input* const saved = self->input_;
     if (saved == nullptr) self->input_ = &nothing;
     if (self->input_->Take<uint8_t>() % 8 == 7) {
-      sd_bus_message_append(reply, "s", "text");
+      sd_bus_message_append(reply.get(), "s", "text");
     } else {
-      sd_bus_message_append(reply, "i", int32_t{self->input_->Take<int8_t>()} & ~0x3f);
-      self->AppendParcel(reply);
+      sd_bus_message_append(reply.get(), "i", int32_t{self->input_->Take<int8_t>()} & ~0x3f);
+      self->AppendParcel(reply.get());
     }
     self->input_ = saved;
-    FUZZ_CHECK(sd_bus_send(self->bus_, reply, nullptr) >= 0);
-    sd_bus_message_unref(reply);
+    FUZZ_CHECK(sd_bus_send(self->bus_, reply.get(), nullptr) >= 0);
     return 1;
   }
 

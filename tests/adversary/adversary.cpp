@@ -77,7 +77,7 @@ void Oversize(const std::string&) {
       uint64_t id = 0;
       RawPeer* const peer = peers.To(service, &id);
       if (peer == nullptr) continue;
-      sd_bus_message* const call = peer->Transaction(id, 2, bytes);
+      const auto call = peer->Transaction(id, 2, bytes);
       RawPeer::AppendObjects(call, 0, 0, "");
       peer->Ask(call);
     }
@@ -98,12 +98,12 @@ void Malformed(const std::string&) {
       if (random() % 2 == 0)
         data[at + 1] = data[at + 2] = data[at + 3] = random() % 3 == 0 ? 0xFF : 0;
     }
-    sd_bus_message* const call = peer->Transaction(id, 1 + random() % kCodes, data);
+    const auto call = peer->Transaction(id, 1 + random() % kCodes, data);
     RawPeer::AppendObjects(call, random() % 4, static_cast<uint8_t>(random() % 6),
                            random() % 2 == 0 ? "" : ":1.1", random() % 3, STDIN_FILENO);
     peer->Ask(call);
-    sd_bus_message* const retain = peer->Call(orb_platform::kRootPath, "Retain");
-    sd_bus_message_append(retain, "ts", id, i % 4 < 2 ? "x'" : ":1.99999999");
+    const auto retain = peer->Call(orb_platform::kRootPath, "Retain");
+    sd_bus_message_append(retain.get(), "ts", id, i % 4 < 2 ? "x'" : ":1.99999999");
     peer->SendOneway(retain);  // One that is granted has no answer.
   }
 }
@@ -115,8 +115,7 @@ void FloodOneway(const std::string&) {
     RawPeer* const peer = peers.To(i % 2, &id);
     if (peer == nullptr) continue;
     for (size_t k = 0; k < 250; k++) {
-      sd_bus_message* const call =
-          peer->Transaction(id, 2, k % 4 == 0 ? size_t{100000} : size_t{0});
+      const auto call = peer->Transaction(id, 2, k % 4 == 0 ? size_t{100000} : size_t{0});
       RawPeer::AppendObjects(call, 0, 0, "", k % 2 == 0 ? 15 : 0, STDIN_FILENO);
       peer->SendOneway(call);
       if (k % 16 == 0) peer->Flush();
@@ -132,7 +131,7 @@ void UnreadReplies(const std::string&) {
     const uint64_t id = peer == nullptr ? 0 : peer->Lookup();
     if (id == 0) continue;
     for (int i = 0; i < kBusReplies; i++) {
-      sd_bus_message* const call = peer->Transaction(id, 1, size_t{200});
+      const auto call = peer->Transaction(id, 1, size_t{200});
       RawPeer::AppendObjects(call, 0, 0, "");
       peer->Send(call);
     }

@@ -27,6 +27,7 @@ namespace {
 using android::sp;
 using android::String16;
 using orb::test::TestObject;
+using orb_platform::BusMessage;
 using orb_platform::CallBudget;
 using orb_platform::kRootPath;
 
@@ -61,18 +62,18 @@ TEST_F(HostilePeerTest, IsAnsweredWithAnError) {
   const uint64_t id = peer.Lookup();
   ASSERT_NE(id, 0u);
   const auto retain = [&](const char* holder) {
-    sd_bus_message* const call = peer.Call(kRootPath, "Retain");
-    sd_bus_message_append(call, "ts", id, holder);
+    BusMessage call = peer.Call(kRootPath, "Retain");
+    sd_bus_message_append(call.get(), "ts", id, holder);
     return call;
   };
   const auto parcel = [&](size_t bytes, size_t objects, uint8_t kind, const std::string& owner) {
-    sd_bus_message* const call = peer.Transaction(id, orb::test::kAppended, bytes);
+    BusMessage call = peer.Transaction(id, orb::test::kAppended, bytes);
     RawPeer::AppendObjects(call, objects, kind, owner);
     return call;
   };
   const struct {
     const char* name;
-    sd_bus_message* call;
+    BusMessage call;
     const char* error;
   } kCases[] = {
       {"a holder that ends the match rule", retain("x'"), orb_platform::kErrorNoObject},
@@ -124,7 +125,7 @@ TEST_F(HostilePeerTest, FloodsOnlyItsOwnShare) {
   ASSERT_EQ(other.Lookup(), id);
   // The first of them waits, and so the others of the object.
   const auto oneway = [&](uint32_t code, size_t bytes) {
-    sd_bus_message* const call = flood.Transaction(id, code, bytes);
+    const BusMessage call = flood.Transaction(id, code, bytes);
     RawPeer::AppendObjects(call, 0, 0, "");
     flood.SendOneway(call);
   };
@@ -132,7 +133,7 @@ TEST_F(HostilePeerTest, FloodsOnlyItsOwnShare) {
   constexpr size_t kBytes = 400 << 10;
   for (int i = 0; i < 100; i++) oneway(orb::test::kAppend, kBytes);
   const auto ask = [id](RawPeer* peer, uint32_t code, size_t bytes) {
-    sd_bus_message* const call = peer->Transaction(id, code, bytes);
+    const BusMessage call = peer->Transaction(id, code, bytes);
     RawPeer::AppendObjects(call, 0, 0, "");
     return peer->Ask(call);
   };
@@ -157,7 +158,7 @@ TEST_F(HostilePeerTest, APingIsServedWhenAWorkerIsFree) {
   RawPeer peer(bus_);
   const uint64_t id = peer.Lookup();
   const auto call = [&](uint32_t code) {
-    sd_bus_message* const message = peer.Transaction(id, code, 0);
+    BusMessage message = peer.Transaction(id, code, 0);
     RawPeer::AppendObjects(message, 0, 0, "");
     return message;
   };
@@ -199,8 +200,9 @@ TEST_F(FewDescriptorsTest, AreNotUsedUpByCalls) {
   std::vector<std::unique_ptr<RawPeer>> peers;
   for (size_t i = 0; i * kOfAMessage < kFiles; i++) {
     if (i % 3 == 0) peers.push_back(std::make_unique<RawPeer>(bus_));
-    sd_bus_message* const call = peers.back()->Transaction(
+    const BusMessage message = peers.back()->Transaction(
         id, orb::test::kBlock, kOfAMessage * orb_platform::kFlatObjectBytes);
+    sd_bus_message* const call = message.get();
     sd_bus_message_open_container(call, 'a', "(uyst)");
     for (size_t n = 0; n < kOfAMessage; n++) {
       sd_bus_message_append(call, "(uyst)",
@@ -211,11 +213,11 @@ TEST_F(FewDescriptorsTest, AreNotUsedUpByCalls) {
     sd_bus_message_open_container(call, 'a', "h");
     for (size_t n = 0; n < kOfAMessage; n++) sd_bus_message_append(call, "h", 0);
     sd_bus_message_close_container(call);
-    peers.back()->Send(call);
+    peers.back()->Send(message);
     EXPECT_EQ(other.Lookup(), id) << i;
   }
   peers.clear();
-  sd_bus_message* const call = other.Transaction(id, orb::test::kUnblock, 0);
+  const BusMessage call = other.Transaction(id, orb::test::kUnblock, 0);
   RawPeer::AppendObjects(call, 0, 0, "");
   EXPECT_EQ(other.Ask(call), "");
 }

@@ -8,9 +8,12 @@
 #include <utility>
 #include <vector>
 
+#include "platform/linux/src/bus_message.h"
 #include "platform/linux/src/bus_names.h"
 
 namespace orb::test {
+
+using orb_platform::BusMessage;
 
 // Not thread-safe.
 class RawPeer {
@@ -33,36 +36,36 @@ class RawPeer {
 
   // The service's id; 0 when nobody serves it.
   uint64_t Lookup() {
-    sd_bus_message* reply = nullptr;
+    BusMessage reply;
     uint64_t id = 0;
     if (sd_bus_call_method(bus_, service_.c_str(), orb_platform::kRootPath,
-                           orb_platform::kInterface, "Lookup", nullptr, &reply, "s",
+                           orb_platform::kInterface, "Lookup", nullptr, reply.out(), "s",
                            service_.c_str()) >= 0) {
-      sd_bus_message_read(reply, "t", &id);
+      sd_bus_message_read(reply.get(), "t", &id);
     }
-    sd_bus_message_unref(reply);
     return id;
   }
-  sd_bus_message* Call(const std::string& path, const char* member) {
-    sd_bus_message* call = nullptr;
-    sd_bus_message_new_method_call(bus_, &call, service_.c_str(), path.c_str(),
+  BusMessage Call(const std::string& path, const char* member) {
+    BusMessage call;
+    sd_bus_message_new_method_call(bus_, call.out(), service_.c_str(), path.c_str(),
                                    orb_platform::kInterface, member);
     return call;
   }
   // A transaction's beginning: code, flags and `data`.
-  sd_bus_message* Transaction(uint64_t id, uint32_t code, const std::vector<uint8_t>& data) {
-    sd_bus_message* const call =
+  BusMessage Transaction(uint64_t id, uint32_t code, const std::vector<uint8_t>& data) {
+    BusMessage call =
         Call(std::string(orb_platform::kRootPath) + "/" + std::to_string(id), "Transact");
-    sd_bus_message_append(call, "uu", code, 0u);
-    sd_bus_message_append_array(call, 'y', data.data(), data.size());
+    sd_bus_message_append(call.get(), "uu", code, 0u);
+    sd_bus_message_append_array(call.get(), 'y', data.data(), data.size());
     return call;
   }
-  sd_bus_message* Transaction(uint64_t id, uint32_t code, size_t zeros) {
+  BusMessage Transaction(uint64_t id, uint32_t code, size_t zeros) {
     return Transaction(id, code, std::vector<uint8_t>(zeros));
   }
   // A transaction's end: objects that are alike, and `count` times `descriptor`.
-  static void AppendObjects(sd_bus_message* call, size_t objects, uint8_t kind,
+  static void AppendObjects(const BusMessage& message, size_t objects, uint8_t kind,
                             const std::string& owner, size_t count = 0, int descriptor = -1) {
+    sd_bus_message* const call = message.get();
     sd_bus_message_open_container(call, 'a', "(uyst)");
     for (size_t i = 0; i < objects; i++) {
       sd_bus_message_append(call, "(uyst)", 0u, kind, owner.c_str(), uint64_t{1});
@@ -72,28 +75,24 @@ class RawPeer {
     for (size_t i = 0; i < count; i++) sd_bus_message_append(call, "h", descriptor);
     sd_bus_message_close_container(call);
   }
-  // Sends and frees; "" for an answer, else the error's name.
-  std::string Ask(sd_bus_message* call) {
+  // "" for an answer, else the error's name.
+  std::string Ask(const BusMessage& call) {
     sd_bus_error error = SD_BUS_ERROR_NULL;
-    sd_bus_message* reply = nullptr;
-    sd_bus_call(bus_, call, 20'000'000, &error, &reply);
+    BusMessage reply;
+    sd_bus_call(bus_, call.get(), 20'000'000, &error, reply.out());
     const std::string name = error.name != nullptr ? error.name : "";
     sd_bus_error_free(&error);
-    sd_bus_message_unref(reply);
-    sd_bus_message_unref(call);
     return name;
   }
-  // Sends and frees, without asking for a reply. Keeps what the bus does not take.
-  void SendOneway(sd_bus_message* call) {
-    sd_bus_message_set_expect_reply(call, 0);
-    sd_bus_send(bus_, call, nullptr);
-    sd_bus_message_unref(call);
+  // Asks for no reply. The connection keeps what the bus does not take.
+  void SendOneway(const BusMessage& call) {
+    sd_bus_message_set_expect_reply(call.get(), 0);
+    sd_bus_send(bus_, call.get(), nullptr);
   }
   // Asks for a reply, and never reads it.
-  void Send(sd_bus_message* call) {
+  void Send(const BusMessage& call) {
     uint64_t cookie = 0;
-    sd_bus_send(bus_, call, &cookie);
-    sd_bus_message_unref(call);
+    sd_bus_send(bus_, call.get(), &cookie);
   }
   // False once the connection is gone.
   bool Flush() { return sd_bus_flush(bus_) >= 0; }

@@ -162,10 +162,6 @@ void Bus::Process() {
   int result;
   while ((result = sd_bus_process(bus_, nullptr)) > 0) {
   }
-  for (const auto& [name, peer] : buried_) {
-    sd_bus_slot_unref(peer->check);
-    sd_bus_slot_unref(peer->watch);
-  }
   buried_.clear();
   if (result < 0 || sd_bus_is_open(bus_) <= 0) Disconnected();
 }
@@ -180,12 +176,8 @@ void Bus::Disconnected() {
   sd_bus* const bus = std::exchange(bus_, nullptr);
   std::map<std::string, std::unique_ptr<Peer>> peers;
   peers.swap(peers_);
-  for (auto& [name, peer] : peers) {
-    peer->check = sd_bus_slot_unref(peer->check);
-    peer->watch = sd_bus_slot_unref(peer->watch);
-    SendObituaries(peer.get());
-  }
-  buried_.clear();
+  for (auto& [name, peer] : peers) SendObituaries(peer.get());
+  peers.clear();
   services_.clear();
   for (auto& [id, exported] : exports_) {
     exported.names = 0;
@@ -203,31 +195,25 @@ void Bus::Rearm() {
   poller_.Set(turn, events < 0 ? POLLIN : events, seated_);
 }
 
-sd_bus_message* Bus::NewCall(const char* destination, const char* path, const char* interface,
-                             const char* member) {
-  sd_bus_message* call = nullptr;
-  if (sd_bus_message_new_method_call(bus_, &call, destination, path, interface, member) < 0) {
-    return nullptr;
+BusMessage Bus::NewCall(const char* destination, const char* path, const char* interface,
+                        const char* member) {
+  BusMessage call;
+  if (sd_bus_message_new_method_call(bus_, call.out(), destination, path, interface, member) >= 0) {
+    sd_bus_message_set_auto_start(call.get(), 0);
   }
-  sd_bus_message_set_auto_start(call, 0);
   return call;
 }
 
-bool Bus::Send(sd_bus_message* message) {
-  const bool sent = bus_ != nullptr && sd_bus_send(bus_, message, nullptr) >= 0;
+bool Bus::Send(const BusMessage& message) {
+  const bool sent = bus_ != nullptr && sd_bus_send(bus_, message.get(), nullptr) >= 0;
   Rearm();
   return sent;
-}
-
-void Bus::Unref(sd_bus_message* message) {
-  orb::MutexLock lock(mutex_);
-  sd_bus_message_unref(message);
 }
 
 int Bus::OnReply(sd_bus_message* reply, void* pending,
                  sd_bus_error*) ORB_NO_THREAD_SAFETY_ANALYSIS {
   auto* const waiting = static_cast<Pending*>(pending);
-  waiting->reply = sd_bus_message_ref(reply);
+  waiting->reply = BusMessage(sd_bus_message_ref(reply));
   Get().Finish(waiting);
   return 1;
 }
@@ -241,27 +227,26 @@ void Bus::Finish(Pending* pending) {
   }
 }
 
-sd_bus_message* Bus::CallAndWait(sd_bus_message* call,
-                                 std::optional<std::chrono::milliseconds> timeout) {
+BusMessage Bus::CallAndWait(BusMessage call, std::optional<std::chrono::milliseconds> timeout) {
   Pending pending;
   if (timeout) pending.deadline = Clock::now() + *timeout;
   // A place first: once the call is under way its reply refers to `pending`.
   const bool placed = orb::Contained(
       "CallAndWait", [&]() ORB_NO_THREAD_SAFETY_ANALYSIS { pending_.push_back(&pending); });
   if (placed) pending_.pop_back();  // Which keeps the room.
-  const int sent = call == nullptr || !placed ? -ENOMEM
-                                              : sd_bus_call_async(bus_, &pending.slot, call,
-                                                                  OnReply, &pending, UINT64_MAX);
-  sd_bus_message_unref(call);
+  const int sent =
+      call == nullptr || !placed
+          ? -ENOMEM
+          : sd_bus_call_async(bus_, pending.slot.out(), call.get(), OnReply, &pending, UINT64_MAX);
+  call = BusMessage();
   if (sent < 0) {
     Rearm();
-    return nullptr;
+    return BusMessage();
   }
   WorkerPool::Get().BeginWait();
   Await(&pending);
   WorkerPool::Get().EndWait();
-  sd_bus_slot_unref(pending.slot);
-  return pending.reply;
+  return std::move(pending.reply);
 }
 
 void Bus::Await(Pending* pending) {

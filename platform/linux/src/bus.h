@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/linux/src/bus_message.h"
 #include "platform/linux/src/bus_poller.h"
 #include "platform/linux/src/call_budget.h"
 #include "platform/linux/src/caller.h"
@@ -68,7 +69,7 @@ struct WireObjects {
 // One incoming call; the message is only touched under the bus's mutex, but its
 // body may be read without.
 struct Incoming {
-  sd_bus_message* message = nullptr;
+  BusMessage message;
   Caller caller;
   android::sp<android::BBinder> target;
   bool oneway = false;
@@ -119,10 +120,19 @@ class Bus {
   // One call of ours that waits for its reply.
   struct Pending {
     bool done = false;
-    sd_bus_message* reply = nullptr;  // Null when the connection ended first.
-    sd_bus_slot* slot = nullptr;
+    BusMessage reply;  // None when the connection ended first.
+    BusSlot slot;
     std::optional<Clock::time_point> deadline;
     orb::CondVar replied;
+  };
+  // A reply that its caller reads without the lock; it is freed under the lock.
+  struct UnlockedReply {
+    ~UnlockedReply() {
+      orb::MutexLock lock(bus->mutex_);
+      message = BusMessage();
+    }
+    Bus* const bus;
+    BusMessage message;
   };
   struct Proxy {
     android::BpBinder* raw;  // Valid while listed: ReleaseProxy comes before its end.
@@ -132,8 +142,8 @@ class Bus {
   struct Peer {
     Bus* bus;
     std::string name;
-    sd_bus_slot* check = nullptr;
-    sd_bus_slot* watch = nullptr;  // Null when the rule for all tells of its death.
+    BusSlot check;
+    BusSlot watch;  // None when the rule for all tells of its death.
     std::optional<Credentials> credentials;
     std::map<uint64_t, Proxy> proxies;
   };
@@ -158,18 +168,16 @@ class Bus {
   void Disconnected() ORB_REQUIRES(mutex_);
   void Rearm() ORB_REQUIRES(mutex_);
   void ReadForever() ORB_EXCLUDES(mutex_);
-  sd_bus_message* NewCall(const char* destination, const char* path, const char* interface,
-                          const char* member) ORB_REQUIRES(mutex_);
-  // Sends `call`, gives it up, and waits. Null when the connection ended or the
-  // timeout passed; else a reply or an error, to be freed with Unref.
-  sd_bus_message* CallAndWait(sd_bus_message* call,
-                              std::optional<std::chrono::milliseconds> timeout = {})
+  BusMessage NewCall(const char* destination, const char* path, const char* interface,
+                     const char* member) ORB_REQUIRES(mutex_);
+  // Sends `call` and waits. None when the connection ended or the timeout passed; else a
+  // reply or an error.
+  BusMessage CallAndWait(BusMessage call, std::optional<std::chrono::milliseconds> timeout = {})
       ORB_REQUIRES(mutex_);
   void Await(Pending* pending) ORB_REQUIRES(mutex_);
   void Lead(Pending* pending) ORB_REQUIRES(mutex_);
   void Finish(Pending* pending) ORB_REQUIRES(mutex_);
-  bool Send(sd_bus_message* message) ORB_REQUIRES(mutex_);
-  void Unref(sd_bus_message* message) ORB_EXCLUDES(mutex_);
+  bool Send(const BusMessage& message) ORB_REQUIRES(mutex_);
   static int OnReply(sd_bus_message* reply, void* pending, sd_bus_error*);
 
   // bus_objects.cpp: peers, exports, proxies.
@@ -204,6 +212,9 @@ class Bus {
   static android::status_t ReadObjects(sd_bus_message* message, size_t bytes, WireObjects* out);
   android::status_t BuildParcel(const WireObjects& objects, const void* data, size_t bytes,
                                 const Caller& sender, android::Parcel* out) ORB_EXCLUDES(mutex_);
+  // The status and the parcel of a Transact's answer, which `owner` gave.
+  android::status_t ReadReply(sd_bus_message* answer, const Caller& owner, android::Parcel* out)
+      ORB_EXCLUDES(mutex_);
 
   // bus_incoming.cpp: calls in.
   static int OnMessage(sd_bus_message* message, void* bus, sd_bus_error*);
@@ -220,7 +231,7 @@ class Bus {
   void Enqueue(const std::shared_ptr<Incoming>& call, const std::shared_ptr<OnewayQueue>& queue)
       ORB_REQUIRES(mutex_);
   // Gives back what the call holds of the bus.
-  void Finished(const Incoming& call) ORB_REQUIRES(mutex_);
+  void Finished(Incoming* call) ORB_REQUIRES(mutex_);
   void RunOneway(const std::shared_ptr<OnewayQueue>& queue) ORB_EXCLUDES(mutex_);
   void ReplyError(sd_bus_message* call, const char* error) ORB_REQUIRES(mutex_);
 

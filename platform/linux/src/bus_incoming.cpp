@@ -74,10 +74,9 @@ int Bus::HandleCall(sd_bus_message* message) {
 
 void Bus::ReplyError(sd_bus_message* call, const char* error) {
   if (sd_bus_message_get_expect_reply(call) <= 0) return;
-  sd_bus_message* reply = nullptr;
+  BusMessage reply;
   const sd_bus_error what = SD_BUS_ERROR_MAKE_CONST(error, "");
-  if (sd_bus_message_new_method_error(call, &reply, &what) >= 0) Send(reply);
-  sd_bus_message_unref(reply);
+  if (sd_bus_message_new_method_error(call, reply.out(), &what) >= 0) Send(reply);
 }
 
 void Bus::HandleLookup(sd_bus_message* message, const std::string& sender) {
@@ -89,14 +88,12 @@ void Bus::HandleLookup(sd_bus_message* message, const std::string& sender) {
     return;
   }
   const uint64_t id = it->second;
-  sd_bus_message* reply = nullptr;
-  if (sd_bus_message_new_method_return(message, &reply) >= 0) {
-    EnsurePeer(sender);
-    exports_[id].holders[sender]++;
-    sd_bus_message_append(reply, "t", id);
-    Send(reply);
-  }
-  sd_bus_message_unref(reply);
+  BusMessage reply;
+  if (sd_bus_message_new_method_return(message, reply.out()) < 0) return;
+  EnsurePeer(sender);
+  exports_[id].holders[sender]++;
+  sd_bus_message_append(reply.get(), "t", id);
+  Send(reply);
 }
 
 // Refuses before anything is allocated for the call; the message itself is in
@@ -139,13 +136,13 @@ void Bus::QueueTransaction(sd_bus_message* message, const std::string& sender) {
   dropping_ = false;
   call->caller = {connection_, sender};
   call->target = it->second.binder;
-  call->message = sd_bus_message_ref(message);
+  call->message = BusMessage(sd_bus_message_ref(message));
   const bool queued = orb::Contained("QueueTransaction", [&]() ORB_NO_THREAD_SAFETY_ANALYSIS {
     Enqueue(call, it->second.oneway);
   });
   if (queued) return;
   ReplyError(message, SD_BUS_ERROR_NO_MEMORY);
-  Finished(*call);
+  Finished(call.get());
 }
 
 void Bus::Enqueue(const std::shared_ptr<Incoming>& call,
@@ -179,9 +176,9 @@ void Bus::RunNext() {
   if (call) RunCall(*call);
 }
 
-void Bus::Finished(const Incoming& call) {
-  sd_bus_message_unref(call.message);
-  budget_.Give(call.caller.name, call.cost);
+void Bus::Finished(Incoming* call) {
+  call->message = BusMessage();
+  budget_.Give(call->caller.name, call->cost);
 }
 
 // One call, then back to the end of the line: objects share the workers fairly.
@@ -214,9 +211,9 @@ void Bus::RunCall(const std::shared_ptr<Incoming>& call) {
   served_++;
   orb::MutexLock lock(mutex_);
   if (!served && bus_ != nullptr && call->caller.connection == connection_) {
-    ReplyError(call->message, SD_BUS_ERROR_NO_MEMORY);
+    ReplyError(call->message.get(), SD_BUS_ERROR_NO_MEMORY);
   }
-  Finished(*call);
+  Finished(call.get());
 }
 
 void Bus::Serve(Incoming* call) {
@@ -234,16 +231,14 @@ void Bus::Serve(Incoming* call) {
   if (status != android::OK) reply.freeData();
   const std::vector<uint8_t> scrubbed = Scrub(reply);
   orb::MutexLock lock(mutex_);
-  if (!call->oneway && bus_ != nullptr && call->caller.connection == connection_) {
-    sd_bus_message* out = nullptr;
-    if (sd_bus_message_new_method_return(call->message, &out) >= 0 &&
-        sd_bus_message_append(out, "i", status) >= 0 &&
-        AppendParcel(out, reply, scrubbed, call->caller.name)) {
-      Send(out);
-    } else {
-      ReplyError(call->message, SD_BUS_ERROR_FAILED);
-    }
-    sd_bus_message_unref(out);
+  if (call->oneway || bus_ == nullptr || call->caller.connection != connection_) return;
+  BusMessage out;
+  if (sd_bus_message_new_method_return(call->message.get(), out.out()) >= 0 &&
+      sd_bus_message_append(out.get(), "i", status) >= 0 &&
+      AppendParcel(out.get(), reply, scrubbed, call->caller.name)) {
+    Send(out);
+  } else {
+    ReplyError(call->message.get(), SD_BUS_ERROR_FAILED);
   }
 }
 
@@ -253,15 +248,13 @@ bool Bus::PingOwnService() {
   const char* self = nullptr;
   if (bus_ == nullptr || services_.empty() || sd_bus_get_unique_name(bus_, &self) < 0) return false;
   const std::string path = kObjectPrefix + std::to_string(services_.begin()->second);
-  sd_bus_message* const call = NewCall(self, path.c_str(), kInterface, "Transact");
+  const BusMessage call = NewCall(self, path.c_str(), kInterface, "Transact");
   if (call == nullptr) return false;
   const uint32_t ping = android::IBinder::PING_TRANSACTION;
   const uint32_t oneway = android::IBinder::FLAG_ONEWAY;
-  sd_bus_message_set_expect_reply(call, 0);
-  const bool sent =
-      sd_bus_message_append(call, "uuaya(uyst)ah", ping, oneway, 0, 0, 0) >= 0 && Send(call);
-  sd_bus_message_unref(call);
-  return sent;
+  sd_bus_message_set_expect_reply(call.get(), 0);
+  return sd_bus_message_append(call.get(), "uuaya(uyst)ah", ping, oneway, 0, 0, 0) >= 0 &&
+         Send(call);
 }
 
 uint64_t CallsServed() { return Bus::Get().CallsServed(); }

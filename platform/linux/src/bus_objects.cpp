@@ -56,7 +56,7 @@ Bus::Peer* Bus::EnsurePeer(const std::string& name) {
   peer->name = name;
   peers_.emplace(name, std::move(made));
   Watch(peer);
-  sd_bus_call_method_async(bus_, &peer->check, kDaemon, kDaemonPath, kDaemon,
+  sd_bus_call_method_async(bus_, peer->check.out(), kDaemon, kDaemonPath, kDaemon,
                            "GetConnectionCredentials", OnPeerChecked, peer, "s", name.c_str());
   Rearm();
   return peer;
@@ -74,8 +74,8 @@ void Bus::Watch(Peer* peer) {
       (watches_all_ ? "arg0namespace=':1'" : "arg0='" + peer->name + "'");
   // Without a callback the binding would end the connection when the bus refuses the rule.
   const auto installed = [](sd_bus_message*, void*, sd_bus_error*) { return 0; };
-  sd_bus_add_match_async(bus_, watches_all_ ? nullptr : &peer->watch, rule.c_str(), OnOwnerChanged,
-                         installed, this);
+  sd_bus_add_match_async(bus_, watches_all_ ? nullptr : peer->watch.out(), rule.c_str(),
+                         OnOwnerChanged, installed, this);
 }
 
 int Bus::OnOwnerChanged(sd_bus_message* message, void* bus,
@@ -132,12 +132,11 @@ Credentials Bus::CredentialsOf(const Caller& caller) {
   const auto known = peers_.find(caller.name);
   if (known != peers_.end() && known->second->credentials) return *known->second->credentials;
   EnsurePeer(caller.name);
-  sd_bus_message* const call = NewCall(kDaemon, kDaemonPath, kDaemon, "GetConnectionCredentials");
-  if (call != nullptr) sd_bus_message_append(call, "s", caller.name.c_str());
-  sd_bus_message* const reply = CallAndWait(call);
+  BusMessage call = NewCall(kDaemon, kDaemonPath, kDaemon, "GetConnectionCredentials");
+  if (call != nullptr) sd_bus_message_append(call.get(), "s", caller.name.c_str());
+  const BusMessage reply = CallAndWait(std::move(call));
   Credentials out;
-  if (reply != nullptr && !ReadCredentials(reply, &out)) out = {};
-  sd_bus_message_unref(reply);
+  if (reply != nullptr && !ReadCredentials(reply.get(), &out)) out = {};
   return out;
 }
 
@@ -259,19 +258,19 @@ void Bus::ReleaseProxy(const BusTarget& target, const BpBinder* proxy) {
   const auto it = peer->second->proxies.find(target.id);
   // A proxy that was made meanwhile has taken over the count.
   if (it == peer->second->proxies.end() || it->second.raw != proxy) return;
-  sd_bus_message* const call = NewCall(target.peer.c_str(), kRootPath, kInterface, "Release");
+  const BusMessage call = NewCall(target.peer.c_str(), kRootPath, kInterface, "Release");
   if (call != nullptr) {
-    sd_bus_message_append(call, "tt", target.id, it->second.received);
-    sd_bus_message_set_expect_reply(call, 0);
+    sd_bus_message_append(call.get(), "tt", target.id, it->second.received);
+    sd_bus_message_set_expect_reply(call.get(), 0);
     Send(call);
-    sd_bus_message_unref(call);
   }
   peer->second->proxies.erase(it);
 }
 
 sp<IBinder> Bus::FindService(const std::string& bus_name, android::status_t* why) {
-  sd_bus_message* reply = nullptr;
   uint64_t connection = 0;
+  uint64_t id = 0;
+  std::string owner;  // Empty when nothing was found.
   *why = android::OK;
   {
     orb::MutexLock lock(mutex_);
@@ -282,24 +281,22 @@ sp<IBinder> Bus::FindService(const std::string& bus_name, android::status_t* why
     const auto own = services_.find(bus_name);
     if (own != services_.end()) return exports_[own->second].binder;
     connection = connection_;
-    sd_bus_message* const call = NewCall(bus_name.c_str(), kRootPath, kInterface, "Lookup");
-    if (call != nullptr) sd_bus_message_append(call, "s", bus_name.c_str());
-    reply = CallAndWait(call, kLookupTimeout);
+    BusMessage call = NewCall(bus_name.c_str(), kRootPath, kInterface, "Lookup");
+    if (call != nullptr) sd_bus_message_append(call.get(), "s", bus_name.c_str());
+    const BusMessage reply = CallAndWait(std::move(call), kLookupTimeout);
+    if (reply == nullptr) {
+      *why = android::TIMED_OUT;
+    } else if (sd_bus_message_is_method_error(reply.get(), SD_BUS_ERROR_ACCESS_DENIED) > 0) {
+      *why = android::PERMISSION_DENIED;
+    } else if (sd_bus_message_is_method_error(reply.get(), nullptr) > 0 ||
+               sd_bus_message_read(reply.get(), "t", &id) <= 0 ||
+               sd_bus_message_get_sender(reply.get()) == nullptr) {
+      *why = android::NAME_NOT_FOUND;
+    } else {
+      owner = sd_bus_message_get_sender(reply.get());
+    }
   }
-  if (reply == nullptr) {
-    *why = android::TIMED_OUT;
-    return nullptr;
-  }
-  uint64_t id = 0;
-  const bool denied = sd_bus_message_is_method_error(reply, SD_BUS_ERROR_ACCESS_DENIED) > 0;
-  const bool found = sd_bus_message_is_method_error(reply, nullptr) == 0 &&
-                     sd_bus_message_read(reply, "t", &id) > 0;
-  const char* const owner = sd_bus_message_get_sender(reply);
-  sp<IBinder> proxy;
-  if (found && owner != nullptr) proxy = AcquireProxy(connection, owner, id);
-  Unref(reply);
-  if (proxy == nullptr) *why = denied ? android::PERMISSION_DENIED : android::NAME_NOT_FOUND;
-  return proxy;
+  return *why == android::OK ? AcquireProxy(connection, owner, id) : nullptr;
 }
 
 int32_t Bus::AddService(const std::string& bus_name, const sp<BBinder>& service) {
@@ -316,21 +313,20 @@ int32_t Bus::AddService(const std::string& bus_name, const sp<BBinder>& service)
     DropIfUnused(before);
     return Status::EX_NONE;
   }
-  sd_bus_message* const call = NewCall(kDaemon, kDaemonPath, kDaemon, "RequestName");
-  if (call != nullptr) sd_bus_message_append(call, "su", bus_name.c_str(), kDoNotQueue);
-  sd_bus_message* const reply = CallAndWait(call);
+  BusMessage call = NewCall(kDaemon, kDaemonPath, kDaemon, "RequestName");
+  if (call != nullptr) sd_bus_message_append(call.get(), "su", bus_name.c_str(), kDoNotQueue);
+  const BusMessage reply = CallAndWait(std::move(call));
   uint32_t result = 0;
   int32_t code = Status::EX_TRANSACTION_FAILED;
   if (reply == nullptr) return code;  // Disconnected: nothing is listed any more.
-  if (sd_bus_message_is_method_error(reply, nullptr) > 0) {
-    if (sd_bus_message_is_method_error(reply, SD_BUS_ERROR_ACCESS_DENIED) > 0) {
+  if (sd_bus_message_is_method_error(reply.get(), nullptr) > 0) {
+    if (sd_bus_message_is_method_error(reply.get(), SD_BUS_ERROR_ACCESS_DENIED) > 0) {
       code = Status::EX_SECURITY;
     }
-  } else if (sd_bus_message_read(reply, "u", &result) > 0) {
+  } else if (sd_bus_message_read(reply.get(), "u", &result) > 0) {
     const bool ours = result == kPrimaryOwner || result == kAlreadyOwner;
     code = ours ? Status::EX_NONE : Status::EX_ILLEGAL_STATE;
   }
-  sd_bus_message_unref(reply);
   const auto listed = services_.find(bus_name);
   if (code != Status::EX_NONE && listed != services_.end()) {
     const uint64_t last = listed->second;
@@ -345,13 +341,12 @@ std::vector<std::string> Bus::ListNames() {
   orb::MutexLock lock(mutex_);
   std::vector<std::string> out;
   if (!ConnectLocked()) return out;
-  sd_bus_message* const reply = CallAndWait(NewCall(kDaemon, kDaemonPath, kDaemon, "ListNames"));
+  const BusMessage reply = CallAndWait(NewCall(kDaemon, kDaemonPath, kDaemon, "ListNames"));
   if (reply == nullptr) return out;
   const char* name = nullptr;
-  if (sd_bus_message_enter_container(reply, 'a', "s") > 0) {
-    while (sd_bus_message_read(reply, "s", &name) > 0) out.emplace_back(name);
+  if (sd_bus_message_enter_container(reply.get(), 'a', "s") > 0) {
+    while (sd_bus_message_read(reply.get(), "s", &name) > 0) out.emplace_back(name);
   }
-  sd_bus_message_unref(reply);
   return out;
 }
 

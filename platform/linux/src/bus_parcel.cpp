@@ -84,12 +84,11 @@ bool Bus::AppendObject(sd_bus_message* message, const Parcel& parcel, size_t ind
       owner = target->peer;
       number = target->id;
       // The owner hears of its new holder before that one can let go again.
-      sd_bus_message* const retain = NewCall(owner.c_str(), kRootPath, kInterface, "Retain");
+      const BusMessage retain = NewCall(owner.c_str(), kRootPath, kInterface, "Retain");
       if (retain == nullptr) return false;
-      sd_bus_message_append(retain, "ts", number, peer.c_str());
-      sd_bus_message_set_expect_reply(retain, 0);
+      sd_bus_message_append(retain.get(), "ts", number, peer.c_str());
+      sd_bus_message_set_expect_reply(retain.get(), 0);
       Send(retain);
-      sd_bus_message_unref(retain);
     }
   }
   return sd_bus_message_append(message, "(uyst)", static_cast<uint32_t>(object.offset), kind,
@@ -167,54 +166,46 @@ android::status_t Bus::BuildParcel(const WireObjects& objects, const void* data,
 
 android::status_t Bus::Transact(const BusTarget& target, uint32_t code, const Parcel& data,
                                 Parcel* reply, uint32_t flags) {
-  const bool oneway = (flags & IBinder::FLAG_ONEWAY) != 0;
   const std::vector<uint8_t> scrubbed = Scrub(data);
-  sd_bus_message* answer = nullptr;
+  UnlockedReply answer{this, {}};
   {
     orb::MutexLock lock(mutex_);
     if (bus_ == nullptr || target.connection != connection_) return android::DEAD_OBJECT;
-    sd_bus_message* const call =
-        NewCall(target.peer.c_str(), target.path.c_str(), kInterface, "Transact");
-    if (call == nullptr || sd_bus_message_append(call, "uu", code, flags) < 0 ||
-        !AppendParcel(call, data, scrubbed, target.peer)) {
-      sd_bus_message_unref(call);
+    BusMessage call = NewCall(target.peer.c_str(), target.path.c_str(), kInterface, "Transact");
+    if (call == nullptr || sd_bus_message_append(call.get(), "uu", code, flags) < 0 ||
+        !AppendParcel(call.get(), data, scrubbed, target.peer)) {
       return android::FAILED_TRANSACTION;
     }
-    if (oneway) {
-      sd_bus_message_set_expect_reply(call, 0);
-      const bool sent = Send(call);
-      sd_bus_message_unref(call);
-      if (sent) return android::OK;
+    if ((flags & IBinder::FLAG_ONEWAY) != 0) {
+      sd_bus_message_set_expect_reply(call.get(), 0);
+      if (Send(call)) return android::OK;
       return bus_ == nullptr ? android::DEAD_OBJECT : android::FAILED_TRANSACTION;
     }
-    answer = CallAndWait(call);
+    answer.message = CallAndWait(std::move(call));
   }
-  // Objects that the call made nobody need are dropped here, on a thread of the host's.
+  // The call may have been the last user of some objects; their destructors run here, on
+  // the caller's thread.
   DropReferences();
-  if (answer == nullptr) return android::DEAD_OBJECT;
-  android::status_t status = android::FAILED_TRANSACTION;
-  if (sd_bus_message_is_method_error(answer, nullptr) > 0) {
-    status = StatusOfError(answer);
-  } else {
-    int32_t result = 0;
-    const void* bytes = nullptr;
-    size_t count = 0;
-    if (sd_bus_message_read(answer, "i", &result) > 0 &&
-        sd_bus_message_read_array(answer, 'y', &bytes, &count) >= 0 &&
-        !ExceedsLimit(count, false)) {
-      Parcel ignored;
-      Parcel* const out = reply != nullptr ? reply : &ignored;
-      out->freeData();
-      WireObjects objects;
-      status = ReadObjects(answer, count, &objects);
-      if (status == android::OK) {
-        status = BuildParcel(objects, bytes, count, {target.connection, target.peer}, out);
-      }
-      if (status == android::OK) status = result;
-    }
+  if (answer.message == nullptr) return android::DEAD_OBJECT;
+  Parcel ignored;
+  return ReadReply(answer.message.get(), {target.connection, target.peer},
+                   reply != nullptr ? reply : &ignored);
+}
+
+android::status_t Bus::ReadReply(sd_bus_message* answer, const Caller& owner, Parcel* out) {
+  if (sd_bus_message_is_method_error(answer, nullptr) > 0) return StatusOfError(answer);
+  int32_t result = 0;
+  const void* bytes = nullptr;
+  size_t count = 0;
+  if (sd_bus_message_read(answer, "i", &result) <= 0 ||
+      sd_bus_message_read_array(answer, 'y', &bytes, &count) < 0 || ExceedsLimit(count, false)) {
+    return android::FAILED_TRANSACTION;
   }
-  Unref(answer);
-  return status;
+  out->freeData();
+  WireObjects objects;
+  android::status_t status = ReadObjects(answer, count, &objects);
+  if (status == android::OK) status = BuildParcel(objects, bytes, count, owner, out);
+  return status == android::OK ? result : status;
 }
 
 }  // namespace orb_platform
