@@ -36,10 +36,9 @@ class Client : public BnKIVCallback {
 // A client called "radio" is connected, with a campaign that has the owner 42.
 void Request(uint32_t code, Input* input) {
   const orb::test::TempDir dir;
-  std::string error;
-  std::unique_ptr<StateStore> store = StateStore::Open(dir.path(), &error);
-  FUZZ_CHECK(store != nullptr);
-  const auto manager = std::make_shared<CampaignManager>(std::move(store));
+  auto store = StateStore::Open(dir.path());
+  FUZZ_CHECK(store.ok());
+  const auto manager = std::make_shared<CampaignManager>(*std::move(store));
   KIVClientInfo info;
   info.clientName = "radio";
   KIVClientId id;

@@ -107,10 +107,9 @@ void Step(World* w) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const orb::test::TempDir dir;
-  std::string error;
-  std::unique_ptr<Spool> spool = Spool::Open(dir.path(), kSpoolBytesMax, &error);
-  FUZZ_CHECK(spool != nullptr);
-  World world{Input(data, size), Hal(std::move(spool)), {100, 1000}, 0, orb::UniqueFd()};
+  auto spool = Spool::Open(dir.path(), kSpoolBytesMax);
+  FUZZ_CHECK(spool.ok());
+  World world{Input(data, size), Hal(*std::move(spool)), {100, 1000}, 0, orb::UniqueFd()};
   for (int step = 0; step < kStepsMax && world.input.left() > 0; ++step) Step(&world);
 
   SpoolScan scan;

@@ -21,10 +21,9 @@ using orb::fuzz::Input;
 using namespace orb::manager;
 
 std::unique_ptr<StateStore> Open(const std::string& directory) {
-  std::string error;
-  std::unique_ptr<StateStore> store = StateStore::Open(directory, &error);
-  FUZZ_CHECK(store != nullptr);
-  return store;
+  auto store = StateStore::Open(directory);
+  FUZZ_CHECK(store.ok());
+  return *std::move(store);
 }
 
 std::string FileOf(Input* input) {
@@ -62,8 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   campaign.set_camp_id(12);
   {
     const std::unique_ptr<StateStore> store = Open(dir.path());
-    std::string why;
-    FUZZ_CHECK(store->ClientId(newcomer, 1000, &why) == 8);
+    FUZZ_CHECK(*store->ClientId(newcomer, 1000) == 8);
     FUZZ_CHECK(store->SetCampaign(newcomer, campaign));
   }
   const std::unique_ptr<StateStore> store = Open(dir.path());

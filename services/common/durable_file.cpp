@@ -72,26 +72,26 @@ int ReplaceFile(int dir_fd, const std::string& name, std::span<const uint8_t> co
   return fsync(dir_fd) == 0 ? 0 : errno;
 }
 
-int ReadWholeFile(int dir_fd, const std::string& name, size_t max_bytes,
-                  std::vector<uint8_t>* content) {
+Result<std::vector<uint8_t>> ReadWholeFile(int dir_fd, const std::string& name, size_t max_bytes) {
+  const auto fail = [](int error) { return Error{ErrorText(error), error}; };
   // Not blocking: the name could have become a pipe without a writer.
   const UniqueFd fd(openat(dir_fd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (!fd.ok()) return errno;
+  if (!fd.ok()) return fail(errno);
   struct stat info {};
-  if (fstat(fd.get(), &info) != 0) return errno;
-  if (!S_ISREG(info.st_mode)) return EINVAL;
-  if (static_cast<uint64_t>(info.st_size) > max_bytes) return EFBIG;
-  content->resize(static_cast<size_t>(info.st_size));
+  if (fstat(fd.get(), &info) != 0) return fail(errno);
+  if (!S_ISREG(info.st_mode)) return fail(EINVAL);
+  if (static_cast<uint64_t>(info.st_size) > max_bytes) return fail(EFBIG);
+  std::vector<uint8_t> content(static_cast<size_t>(info.st_size));
   size_t have_bytes = 0;
-  while (have_bytes < content->size()) {
-    const ssize_t got = read(fd.get(), content->data() + have_bytes, content->size() - have_bytes);
+  while (have_bytes < content.size()) {
+    const ssize_t got = read(fd.get(), content.data() + have_bytes, content.size() - have_bytes);
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return errno;
+    if (got < 0) return fail(errno);
     if (got == 0) break;
     have_bytes += static_cast<size_t>(got);
   }
-  content->resize(have_bytes);
-  return 0;
+  content.resize(have_bytes);
+  return content;
 }
 
 }  // namespace orb::services

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "utility/result.h"
+
 namespace orb::services {
 
 // Creates `name` in the directory, writes `content` and waits until it is on
@@ -28,9 +30,8 @@ int WriteNewFile(int dir_fd, const std::string& name, uint64_t bytes, const Cont
 // then the old content is still there.
 int ReplaceFile(int dir_fd, const std::string& name, std::span<const uint8_t> content);
 
-// All of a regular file of at most `max_bytes`. 0, or an errno value (EFBIG for
-// a longer one, EINVAL for what is no regular file). Follows no link.
-int ReadWholeFile(int dir_fd, const std::string& name, size_t max_bytes,
-                  std::vector<uint8_t>* content);
+// Reads all of a regular file of at most `max_bytes`, following no link. The error's number
+// is EFBIG for a longer one and EINVAL for what is no regular file; its text is the system's.
+Result<std::vector<uint8_t>> ReadWholeFile(int dir_fd, const std::string& name, size_t max_bytes);
 
 }  // namespace orb::services

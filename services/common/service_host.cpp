@@ -38,6 +38,11 @@ int ParseCommandLine(CLI::App* app, int argc, char** argv) {
   return -1;
 }
 
+int CannotStart(const CLI::App& app, const Error& error) {
+  static_cast<void>(fprintf(stderr, "%s: %s\n", app.get_name().c_str(), error.text.c_str()));
+  return 1;
+}
+
 ServiceHost::ServiceHost() {
   sigemptyset(&signals_);
   sigaddset(&signals_, SIGTERM);

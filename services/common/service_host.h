@@ -9,11 +9,16 @@
 #include <string>
 #include <vector>
 
+#include "utility/result.h"
+
 namespace orb::services {
 
 // Adds --version to the options and parses. -1 to go on, or the exit code: 0
 // after --help and --version, 2 for arguments that are wrong.
 int ParseCommandLine(CLI::App* app, int argc, char** argv);
+
+// Says on standard error why the service cannot start; its exit code.
+int CannotStart(const CLI::App& app, const Error& error);
 
 // Keeps services published until SIGTERM or SIGINT, also over restarts of the
 // bus. Make it before the first other thread and the first use of the bus: it blocks

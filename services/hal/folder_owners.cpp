@@ -9,6 +9,7 @@
 #include <sstream>
 #include <vector>
 
+#include "services/common/directory.h"
 #include "services/common/durable_file.h"
 #include "services/hal/upload_name.h"
 #include "utility/error_text.h"
@@ -24,35 +25,29 @@ constexpr uid_t kNoUser = static_cast<uid_t>(-1);
 
 // "up/7" of "/up/7/radio.42"; empty for a name that is no name.
 std::string FolderOf(const std::string& name) {
-  std::vector<std::string> folders;
-  std::string why;
-  if (!ParseUploadName(name, &folders, &why)) return "";
-  return folders.size() == 1 ? folders[0] : folders[0] + "/" + folders[1];
+  const Result<std::vector<std::string>> folders = ParseUploadName(name);
+  if (!folders.ok()) return "";
+  return folders->size() == 1 ? folders->at(0) : folders->at(0) + "/" + folders->at(1);
 }
 
 }  // namespace
 
-std::unique_ptr<FolderOwners> FolderOwners::Open(const std::string& spool, std::string* error,
-                                                 size_t folders_per_user) {
-  UniqueFd fd(open(spool.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!fd.ok()) {
-    *error = "cannot use " + spool + ": " + ErrorText(errno);
-    return nullptr;
-  }
+Result<std::unique_ptr<FolderOwners>> FolderOwners::Open(const std::string& spool,
+                                                         size_t folders_per_user) {
+  UniqueFd fd = services::OpenDirectory(AT_FDCWD, spool.c_str());
+  if (!fd.ok()) return SystemError("cannot use " + spool, errno);
   std::unique_ptr<FolderOwners> owners(new FolderOwners(std::move(fd), folders_per_user));
   MutexLock lock(owners->mutex_);
   const int read = owners->Load();
-  if (read == 0) return owners;
-  *error = "cannot read " + spool + "/" + kFile + ": " + ErrorText(read);
-  return nullptr;
+  if (read != 0) return SystemError("cannot read " + spool + "/" + kFile, read);
+  return owners;
 }
 
-// 0, or an errno value; EBADMSG for a line that is none.
 int FolderOwners::Load() {
-  std::vector<uint8_t> content;
-  const int error = services::ReadWholeFile(spool_.get(), kFile, kMaxFileBytes, &content);
-  if (error != 0) return error == ENOENT ? 0 : error;
-  std::istringstream lines(std::string(content.begin(), content.end()));
+  const Result<std::vector<uint8_t>> content =
+      services::ReadWholeFile(spool_.get(), kFile, kMaxFileBytes);
+  if (!content.ok()) return content.error().number == ENOENT ? 0 : content.error().number;
+  std::istringstream lines(std::string(content->begin(), content->end()));
   for (std::string line; std::getline(lines, line);) {
     if (line.empty()) continue;
     uid_t user = 0;
@@ -72,33 +67,33 @@ bool FolderOwners::Admit(const Caller& caller, const std::string& name) {
   MutexLock lock(mutex_);
   const auto found = owners_.find(folder);
   if (found != owners_.end() && found->second == caller.uid) return true;
-  const std::string why = WhyNot(caller.uid, folder);
-  if (why.empty()) return true;
+  const Result<void> given = Give(folder, caller.uid);
+  if (given.ok()) return true;
   LOGE("upload %s of %s refused: %s", Printable(name).c_str(), caller.ToString().c_str(),
-       why.c_str());
+       given.error().text.c_str());
   return false;
 }
 
-std::string FolderOwners::WhyNot(uid_t user, const std::string& folder) {
-  if (user == kNoUser) return "the caller has left the bus";
+Result<void> FolderOwners::Give(const std::string& folder, uid_t user) {
+  if (user == kNoUser) return Error{"the caller has left the bus"};
   const auto found = owners_.find(folder);
   if (found != owners_.end()) {
-    return "the folder belongs to uid " + std::to_string(found->second) +
-           "; its line in the spool's .owners says so, and can be deleted while orb-hald does "
-           "not run";
+    return Error{"the folder belongs to uid " + std::to_string(found->second) +
+                 "; its line in the spool's .owners says so, and can be deleted while orb-hald "
+                 "does not run"};
   }
   if (owners_.size() >= kMaxFolders) {
-    return "all " + std::to_string(kMaxFolders) + " folders have an owner";
+    return Error{"all " + std::to_string(kMaxFolders) + " folders have an owner"};
   }
   size_t& folders = folders_[user];
   if (folders >= folders_per_user_) {
-    return "the user has " + std::to_string(folders) +
-           " folders already; --folders-per-user of orb-hald allows more";
+    return Error{"the user has " + std::to_string(folders) +
+                 " folders already; --folders-per-user of orb-hald allows more"};
   }
   ++folders;
   owners_[folder] = user;
   Save();
-  return "";
+  return {};
 }
 
 void FolderOwners::Save() {

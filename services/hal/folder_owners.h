@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "services/hal/caller.h"
+#include "utility/result.h"
 #include "utility/thread_annotations.h"
 #include "utility/unique_fd.h"
 
@@ -28,10 +29,10 @@ class FolderOwners {
   static constexpr size_t kMaxFolders = 4096;
   static constexpr size_t kFoldersPerUser = 256;
 
-  // Reads what is kept in the spool. Null, with the reason in *error, when that cannot be
-  // read: it would let anybody in.
-  static std::unique_ptr<FolderOwners> Open(const std::string& spool, std::string* error,
-                                            size_t folders_per_user = kFoldersPerUser);
+  // Reads what is kept in the spool. Fails when that cannot be read: the HAL would let
+  // anybody in.
+  static Result<std::unique_ptr<FolderOwners>> Open(const std::string& spool,
+                                                    size_t folders_per_user = kFoldersPerUser);
 
   // Whether the caller may store under this name, whose folder is its user's from then on.
   // False after one log line. Root has no other rights. True for a name that the spool
@@ -42,10 +43,11 @@ class FolderOwners {
   FolderOwners(UniqueFd spool, size_t folders_per_user)
       : spool_(std::move(spool)), folders_per_user_(folders_per_user) {}
 
+  // 0, or an errno value; EBADMSG for a line that is none.
   int Load() ORB_REQUIRES(mutex_);
   void Save() ORB_REQUIRES(mutex_);
-  // Empty when the caller may; then the folder is its user's.
-  std::string WhyNot(uid_t user, const std::string& folder) ORB_REQUIRES(mutex_);
+  // Makes the folder the user's, unless somebody has it or the user has too many.
+  Result<void> Give(const std::string& folder, uid_t user) ORB_REQUIRES(mutex_);
 
   const UniqueFd spool_;
   const size_t folders_per_user_;

@@ -2,7 +2,6 @@
 #include <android/binder_manager.h>
 
 #include <cinttypes>
-#include <cstdio>
 
 #include "services/common/service_host.h"
 #include "services/hal/orbsyshal_service.h"
@@ -27,17 +26,12 @@ int main(int argc, char** argv) {
   if (code >= 0) return code;
 
   orb::services::ServiceHost host;
-  std::string error;
-  std::unique_ptr<orb::hal::Spool> spool = orb::hal::Spool::Open(directory, max_bytes, &error);
-  std::unique_ptr<orb::hal::FolderOwners> owners =
-      spool == nullptr ? nullptr
-                       : orb::hal::FolderOwners::Open(directory, &error, folders_per_user);
-  if (owners == nullptr) {
-    static_cast<void>(fprintf(stderr, "orb-hald: %s\n", error.c_str()));
-    return 1;
-  }
-  LOGI("%s holds %" PRIu64 " bytes", directory.c_str(), spool->StoredBytes());
-  const auto hal = std::make_shared<orb::hal::Hal>(std::move(spool), std::move(owners));
+  auto spool = orb::hal::Spool::Open(directory, max_bytes);
+  if (!spool.ok()) return orb::services::CannotStart(app, spool.error());
+  auto owners = orb::hal::FolderOwners::Open(directory, folders_per_user);
+  if (!owners.ok()) return orb::services::CannotStart(app, owners.error());
+  LOGI("%s holds %" PRIu64 " bytes", directory.c_str(), (*spool)->StoredBytes());
+  const auto hal = std::make_shared<orb::hal::Hal>(*std::move(spool), *std::move(owners));
   const auto service = ::ndk::SharedRefBase::make<orb::hal::OrbsyshalService>(hal);
   host.Add(
       orb::hal::kHalServiceName,

@@ -18,28 +18,28 @@ constexpr size_t kMaxPieces = 4;
 constexpr int64_t kCounterBytes = sizeof(uint64_t);
 constexpr int32_t kSynchronized = 1;
 
-// Empty for a piece that the memory may hold.
-std::string PieceFault(const QueueLayout::Piece& piece, int64_t least_bytes, int64_t most_bytes) {
-  if (piece.fd_index != 0) return "a piece of descriptor " + std::to_string(piece.fd_index);
-  if (piece.offset < 0) return "a piece at " + std::to_string(piece.offset);
+// Whether the memory may hold the piece.
+Result<void> CheckPiece(const QueueLayout::Piece& piece, int64_t least_bytes, int64_t most_bytes) {
+  if (piece.fd_index != 0) return Error{"a piece of descriptor " + std::to_string(piece.fd_index)};
+  if (piece.offset < 0) return Error{"a piece at " + std::to_string(piece.offset)};
   if (piece.extent < least_bytes || piece.extent > most_bytes) {
-    return "a piece of " + std::to_string(piece.extent) + " bytes";
+    return Error{"a piece of " + std::to_string(piece.extent) + " bytes"};
   }
-  return "";
+  return {};
 }
 
-std::string LayoutFault(const QueueLayout& layout) {
+Result<void> Check(const QueueLayout& layout) {
   if (layout.quantum_bytes != 1 || layout.flags != kSynchronized) {
-    return "not a synchronized queue of bytes";
+    return Error{"not a synchronized queue of bytes"};
   }
   const std::vector<QueueLayout::Piece>& pieces = layout.pieces;
   if (pieces.size() < kMinPieces || pieces.size() > kMaxPieces) {
-    return std::to_string(pieces.size()) + " pieces";
+    return Error{std::to_string(pieces.size()) + " pieces"};
   }
-  if (layout.fds.size() != 1) return std::to_string(layout.fds.size()) + " descriptors";
-  std::string fault = PieceFault(pieces[0], kCounterBytes, INT32_MAX);
-  if (fault.empty()) fault = PieceFault(pieces[1], kCounterBytes, INT32_MAX);
-  return !fault.empty() ? fault : PieceFault(pieces[2], 1, Spool::kMaxUploadBytes);
+  if (layout.fds.size() != 1) return Error{std::to_string(layout.fds.size()) + " descriptors"};
+  Result<void> fits = CheckPiece(pieces[0], kCounterBytes, INT32_MAX);
+  if (fits.ok()) fits = CheckPiece(pieces[1], kCounterBytes, INT32_MAX);
+  return fits.ok() ? CheckPiece(pieces[2], 1, Spool::kMaxUploadBytes) : fits;
 }
 
 uint64_t Begin(const QueueLayout::Piece& piece) { return static_cast<uint64_t>(piece.offset); }
@@ -62,8 +62,8 @@ PayloadQueue::PayloadQueue(std::shared_ptr<const SharedRegion> memory,
       data_bytes_(static_cast<uint64_t>(pieces[2].extent)) {}
 
 Result<std::shared_ptr<const PayloadQueue>> PayloadQueue::Open(QueueLayout layout) {
-  std::string fault = LayoutFault(layout);
-  if (!fault.empty()) return Error{std::move(fault)};
+  const Result<void> fits = Check(layout);
+  if (!fits.ok()) return fits.error();
   int64_t end = 0;
   for (size_t i = 0; i < kMinPieces; ++i) {
     end = std::max(end, layout.pieces[i].offset + layout.pieces[i].extent);

@@ -2,7 +2,6 @@
 #include "services/hal/spool.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include <utility>
 
 #include "serializer/telemetry_header.h"
+#include "services/common/directory.h"
 #include "services/common/durable_file.h"
 #include "services/hal/upload_name.h"
 #include "utility/byte_order.h"
@@ -72,41 +72,24 @@ size_t CountMissing(int root, const std::vector<std::string>& folders) {
 
 bool SaysFull(int error) { return error == ENOSPC || error == EDQUOT; }
 
-UniqueFd OpenDirectory(int at, const char* path) {
-  return UniqueFd(openat(at, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-}
-
 }  // namespace
 
-std::unique_ptr<Spool> Spool::Open(const std::string& directory, uint64_t max_bytes,
-                                   std::string* error, StatDisk stat_disk) {
-  std::error_code ec;
-  fs::create_directories(directory, ec);
-  UniqueFd root = OpenDirectory(AT_FDCWD, directory.c_str());
-  if (!root.ok()) {
-    *error = "cannot use " + directory + ": " + ErrorText(errno);
-    return nullptr;
-  }
-  if (flock(root.get(), LOCK_EX | LOCK_NB) != 0) {
-    *error = directory + " is in use by another process";
-    return nullptr;
-  }
-  fs::remove_all(fs::path(directory) / kIncoming, ec);
-  UniqueFd incoming =
-      mkdirat(root.get(), kIncoming, 0700) == 0 ? OpenDirectory(root.get(), kIncoming) : UniqueFd();
-  if (!incoming.ok()) {
-    *error = "cannot write to " + directory + ": " + ErrorText(errno);
-    return nullptr;
-  }
+Result<std::unique_ptr<Spool>> Spool::Open(const std::string& directory, uint64_t max_bytes,
+                                           StatDisk stat_disk) {
+  Result<UniqueFd> root = services::TakeDirectory(directory);
+  if (!root.ok()) return root.error();
+  std::error_code ignored;
+  fs::remove_all(fs::path(directory) / kIncoming, ignored);
+  UniqueFd incoming = mkdirat(root->get(), kIncoming, 0700) == 0
+                          ? services::OpenDirectory(root->get(), kIncoming)
+                          : UniqueFd();
+  if (!incoming.ok()) return SystemError("cannot write to " + directory, errno);
   std::unique_ptr<Spool> spool(
-      new Spool(max_bytes, std::move(root), std::move(incoming), stat_disk));
+      new Spool(max_bytes, *std::move(root), std::move(incoming), stat_disk));
   MutexLock lock(spool->mutex_);
   const int scanned = spool->room_.Scan();
-  if (scanned != 0) {
-    *error = "cannot read " + directory + ": " + ErrorText(scanned);
-    return nullptr;
-  }
-  spool->room_.Hold({});  // A quota that was lowered.
+  if (scanned != 0) return SystemError("cannot read " + directory, scanned);
+  spool->room_.Hold({});  // Removes the oldest uploads if the quota was lowered.
   return spool;
 }
 
@@ -116,23 +99,18 @@ Spool::Spool(uint64_t max_bytes, UniqueFd root, UniqueFd incoming, StatDisk stat
       incoming_(std::move(incoming)),
       room_(root_.get(), max_bytes, stat_disk) {}
 
-bool Spool::IsAllowed(const std::string& name, uint64_t bytes, Folders* folders) const {
-  std::string why;
-  if (!ParseUploadName(name, folders, &why)) {
-    LOGE("upload refused: %s in \"%s\"", why.c_str(), Printable(name).c_str());
-    return false;
-  }
+Result<Spool::Folders> Spool::Admit(const std::string& name, uint64_t bytes) const {
+  Result<Folders> folders = ParseUploadName(name);
+  if (!folders.ok()) return Error{folders.error().text + " in \"" + Printable(name) + "\""};
+  const std::string has = Printable(name) + " has " + std::to_string(bytes) + " bytes, ";
   if (bytes < TelemetryHeader::kBytes || bytes > kMaxUploadBytes) {
-    LOGE("upload refused: %s has %" PRIu64 " bytes, %" PRIu32 " to %" PRIu32 " are allowed",
-         Printable(name).c_str(), bytes, TelemetryHeader::kBytes, kMaxUploadBytes);
-    return false;
+    return Error{has + std::to_string(TelemetryHeader::kBytes) + " to " +
+                 std::to_string(kMaxUploadBytes) + " are allowed"};
   }
   if (max_bytes_ != 0 && bytes > max_bytes_) {
-    LOGE("upload refused: %s has %" PRIu64 " bytes, the whole spool may hold %" PRIu64,
-         Printable(name).c_str(), bytes, max_bytes_);
-    return false;
+    return Error{has + "the whole spool may hold " + std::to_string(max_bytes_)};
   }
-  return true;
+  return folders;
 }
 
 bool Spool::Store(const std::string& name, std::span<const uint8_t> upload) {
@@ -144,19 +122,22 @@ bool Spool::Store(const std::string& name, std::span<const uint8_t> upload) {
 }
 
 bool Spool::Store(const std::string& name, const UploadSource& upload) {
-  Folders folders;
-  if (!IsAllowed(name, upload.bytes, &folders)) return false;
-  int error = Write(folders, upload);
+  const Result<Folders> folders = Admit(name, upload.bytes);
+  if (!folders.ok()) {
+    LOGE("upload refused: %s", folders.error().text.c_str());
+    return false;
+  }
+  int error = Write(*folders, upload);
   // The disk may be full without having said so before: a quota of the user, another
   // program that is faster. The newest upload is worth more than the oldest ones.
   for (uint64_t times = 1; SaysFull(error) && times <= kMostTimesFreed; times *= 2) {
     bool freed = false;
     {
       MutexLock lock(mutex_);
-      const SpoolRoom::Need need = room_.NeedOf(upload.bytes, folders.size());
+      const SpoolRoom::Need need = room_.NeedOf(upload.bytes, folders->size());
       freed = room_.Free({need.bytes * times, need.inodes * times});
     }
-    error = Write(folders, upload);
+    error = Write(*folders, upload);
     if (!freed) break;
   }
   if (error == 0) return true;
@@ -224,7 +205,7 @@ int Spool::Date(const std::string& temporary, struct stat* info) {
 // The innermost of the folders, created as far as necessary; no link is followed. Not
 // ok, with errno set, on failure.
 UniqueFd Spool::OpenFolders(const Folders& folders) {
-  UniqueFd at = OpenDirectory(root_.get(), ".");
+  UniqueFd at = services::OpenDirectory(root_.get(), ".");
   for (const std::string& folder : folders) {
     if (!at.ok()) break;
     if (mkdirat(at.get(), folder.c_str(), 0750) == 0) {

@@ -18,6 +18,7 @@
 
 #include "services/hal/spool_room.h"
 #include "services/hal/upload_source.h"
+#include "utility/result.h"
 #include "utility/thread_annotations.h"
 #include "utility/unique_fd.h"
 
@@ -30,11 +31,10 @@ class Spool {
   // Bounds one upload, and so what one client can make the HAL write at a time.
   static constexpr uint32_t kMaxUploadBytes = 64U << 20;
 
-  // Takes the directory for this process, creating it when it is not there,
-  // removes what an interrupted run left and applies the quota. `max_bytes` of
-  // the disk, 0 for no quota. Null with the reason in *error.
-  static std::unique_ptr<Spool> Open(const std::string& directory, uint64_t max_bytes,
-                                     std::string* error, StatDisk stat_disk = fstatvfs);
+  // Takes the directory for this process, creating it when it is not there, removes what
+  // an interrupted run left and applies the quota. `max_bytes` of the disk, 0 for no quota.
+  static Result<std::unique_ptr<Spool>> Open(const std::string& directory, uint64_t max_bytes,
+                                             StatDisk stat_disk = fstatvfs);
 
   // Stores one upload; true when it is on the medium under its name. False
   // after one log line: a name or header that is refused, an upload beyond the
@@ -51,7 +51,8 @@ class Spool {
   using Folders = std::vector<std::string>;
   Spool(uint64_t max_bytes, UniqueFd root, UniqueFd incoming, StatDisk stat_disk);
 
-  bool IsAllowed(const std::string& name, uint64_t bytes, Folders* folders) const;
+  // The folders of a name under which that many bytes may be stored.
+  Result<Folders> Admit(const std::string& name, uint64_t bytes) const;
   // One attempt; 0, or an errno value.
   int Write(const Folders& folders, const UploadSource& upload) ORB_EXCLUDES(mutex_);
   int Place(const std::string& temporary, const Folders& folders, const std::string& stem)

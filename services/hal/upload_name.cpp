@@ -10,32 +10,32 @@ constexpr size_t kMaxPrintedBytes = 80;
 
 bool IsControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
 
-// Empty when the folder is fine.
-std::string FolderFault(std::string_view folder) {
+// Null when the folder is fine.
+const char* FolderFault(std::string_view folder) {
   if (folder.empty()) return "an empty folder";
   if (folder.front() == '.') return "a folder that starts with a dot";
   if (folder.size() > kMaxFolderBytes) return "a folder that is too long";
   if (folder.ends_with(".orb")) return "a folder that ends in .orb";
   if (std::any_of(folder.begin(), folder.end(), IsControl)) return "a control character";
-  return "";
+  return nullptr;
 }
 
 }  // namespace
 
-bool ParseUploadName(std::string_view name, std::vector<std::string>* folders, std::string* why) {
-  folders->clear();
-  if (!name.empty() && name.front() == '/') name.remove_prefix(1);
-  *why = name.empty() ? "an empty name" : name.size() > kMaxNameBytes ? "a name too long" : "";
-  while (why->empty()) {
+Result<std::vector<std::string>> ParseUploadName(std::string_view name) {
+  if (name.starts_with('/')) name.remove_prefix(1);
+  if (name.empty()) return Error{"an empty name"};
+  if (name.size() > kMaxNameBytes) return Error{"a name too long"};
+  std::vector<std::string> folders;
+  for (;;) {
     const size_t slash = name.find('/');
     const std::string_view folder = name.substr(0, slash);
-    *why = folders->size() == kMaxNameFolders ? "too many folders" : FolderFault(folder);
-    if (!why->empty()) break;
-    folders->emplace_back(folder);
-    if (slash == std::string_view::npos) return true;
+    if (folders.size() == kMaxNameFolders) return Error{"too many folders"};
+    if (const char* const fault = FolderFault(folder)) return Error{fault};
+    folders.emplace_back(folder);
+    if (slash == std::string_view::npos) return folders;
     name.remove_prefix(slash + 1);
   }
-  return false;
 }
 
 std::string Printable(std::string_view name) {

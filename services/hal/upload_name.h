@@ -7,18 +7,19 @@
 #include <string_view>
 #include <vector>
 
+#include "utility/result.h"
+
 namespace orb::hal {
 
 inline constexpr size_t kMaxNameBytes = 1024;
 inline constexpr size_t kMaxNameFolders = 16;
 inline constexpr size_t kMaxFolderBytes = 200;
 
-// Folders of "/up/7/radio.42": "up", "7", "radio.42". One leading slash is
-// stripped. False, with the reason in *why, for a name that is empty or too
-// long or deep, has an empty folder, one that starts with a dot (the parent,
-// and the spool's own files), one that ends in ".orb" (it would stand in the
-// way of a file), or a byte below 0x20 or 0x7F.
-bool ParseUploadName(std::string_view name, std::vector<std::string>* folders, std::string* why);
+// Splits "/up/7/radio.42" into "up", "7", "radio.42"; one leading slash is stripped.
+// Refuses a name that is empty or too long or deep, has an empty folder, one that starts
+// with a dot (the parent, and the spool's own files), one that ends in ".orb" (it would
+// stand in the way of a file), or a byte below 0x20 or 0x7F.
+Result<std::vector<std::string>> ParseUploadName(std::string_view name);
 
 // The name for a log line: bytes that are no printable ASCII as "?", cut to 80.
 std::string Printable(std::string_view name);

@@ -123,14 +123,16 @@ bool CampaignManager::Enter(const Client& client, Client* former) {
                                   return stopped;
                                 }),
                  retired_.end());
-  std::string why = "its former registrations have not returned from their calls";
-  client->id =
-      left < RegisteredClient::kMaxLeft ? store_->ClientId(client->name, client->user, &why) : -1;
-  if (client->id < 0) {
+  const Result<int32_t> id =
+      left < RegisteredClient::kMaxLeft
+          ? store_->ClientId(client->name, client->user)
+          : Error{"its former registrations have not returned from their calls"};
+  if (!id.ok()) {
     LOGE("registration of %s refused to uid %u: %s", client->name.c_str(), client->user,
-         why.c_str());
+         id.error().text.c_str());
     return false;
   }
+  client->id = *id;
   *former = FindLocked(client->name);
   if (*former != nullptr) Displace(*former);
   by_token_[client->token] = client;

@@ -47,14 +47,9 @@ int main(int argc, char** argv) {
   if (code >= 0) return code;
 
   orb::services::ServiceHost host;
-  std::string error;
-  std::unique_ptr<orb::manager::StateStore> store =
-      orb::manager::StateStore::Open(state, &error, names_per_user);
-  if (store == nullptr) {
-    static_cast<void>(fprintf(stderr, "orb-managerd: %s\n", error.c_str()));
-    return 1;
-  }
-  const auto manager = std::make_shared<orb::manager::CampaignManager>(std::move(store));
+  auto store = orb::manager::StateStore::Open(state, names_per_user);
+  if (!store.ok()) return orb::services::CannotStart(app, store.error());
+  const auto manager = std::make_shared<orb::manager::CampaignManager>(*std::move(store));
   const android::sp<orb::manager::ManagerService> clients(
       new orb::manager::ManagerService(manager));
   const android::sp<orb::manager::ControlService> operators(

@@ -2,7 +2,6 @@
 #include "services/manager/state_store.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -16,6 +15,7 @@
 #include <system_error>
 #include <vector>
 
+#include "services/common/directory.h"
 #include "services/common/durable_file.h"
 #include "utility/byte_order.h"
 #include "utility/checked.h"
@@ -59,28 +59,17 @@ bool Parse(const std::vector<uint8_t>& content, ClientState* state) {
 
 }  // namespace
 
-std::unique_ptr<StateStore> StateStore::Open(const std::string& directory, std::string* error,
-                                             size_t names_per_user) {
-  std::error_code ec;
-  fs::create_directories(directory, ec);
-  UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!fd.ok()) {
-    *error = "cannot use " + directory + ": " + ErrorText(errno);
-    return nullptr;
-  }
-  if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
-    *error = directory + " is in use by another process";
-    return nullptr;
-  }
-  std::unique_ptr<StateStore> store(new StateStore(std::move(fd), names_per_user));
+Result<std::unique_ptr<StateStore>> StateStore::Open(const std::string& directory,
+                                                     size_t names_per_user) {
+  Result<UniqueFd> fd = services::TakeDirectory(directory);
+  if (!fd.ok()) return fd.error();
+  std::unique_ptr<StateStore> store(new StateStore(*std::move(fd), names_per_user));
   MutexLock lock(store->mutex_);
+  std::error_code ec;
   fs::directory_iterator at(directory, ec);
   std::vector<std::string> files;
   for (; !ec && at != fs::end(at); at.increment(ec)) files.push_back(at->path().filename());
-  if (ec) {
-    *error = "cannot read " + directory + ": " + ec.message();
-    return nullptr;
-  }
+  if (ec) return Error{"cannot read " + directory + ": " + ec.message(), ec.value()};
   std::sort(files.begin(), files.end());
   for (const std::string& file : files) store->Load(file);
   for (const std::string& file : files) {
@@ -97,12 +86,12 @@ void StateStore::Load(const std::string& file) {
   if (id == 0) return;
   last_id_ = std::max(last_id_, id);
   if (file != std::to_string(id) + std::string(kSuffix)) return;
-  std::vector<uint8_t> content;
-  const int error = services::ReadWholeFile(directory_.get(), file, kMaxFileBytes, &content);
+  const Result<std::vector<uint8_t>> content =
+      services::ReadWholeFile(directory_.get(), file, kMaxFileBytes);
   ClientState state;
-  if (error != 0) {
-    LOGE("state %s: cannot be read: %s", file.c_str(), ErrorText(error).c_str());
-  } else if (!Parse(content, &state) || state.client_id() != id || clients_.count(state.name())) {
+  if (!content.ok()) {
+    LOGE("state %s: cannot be read: %s", file.c_str(), content.error().text.c_str());
+  } else if (!Parse(*content, &state) || state.client_id() != id || clients_.count(state.name())) {
     const std::string aside = file + ".damaged";
     renameat(directory_.get(), file.c_str(), directory_.get(), aside.c_str());
     LOGE("state %s: damaged, kept as %s; its client starts without a campaign", file.c_str(),
@@ -112,7 +101,7 @@ void StateStore::Load(const std::string& file) {
   }
 }
 
-int32_t StateStore::ClientId(const std::string& name, uid_t user, std::string* why) {
+Result<int32_t> StateStore::ClientId(const std::string& name, uid_t user) {
   MutexLock lock(mutex_);
   const auto found = clients_.find(name);
   ClientState state;
@@ -120,40 +109,36 @@ int32_t StateStore::ClientId(const std::string& name, uid_t user, std::string* w
     state = found->second;
     if (state.has_owner_uid() && state.owner_uid() == user) return state.client_id();
     if (state.has_owner_uid()) {
-      *why = "the name belongs to uid " + std::to_string(state.owner_uid()) +
-             "; orbctl client forget releases it";
-      return -1;
+      return Error{"the name belongs to uid " + std::to_string(state.owner_uid()) +
+                   "; orbctl client forget releases it"};
     }
   } else {
-    *why = WhyNoMore(user);
-    if (!why->empty()) return -1;
+    const Result<void> room = CheckRoom(user);
+    if (!room.ok()) return room.error();
     state.set_name(name);
     state.set_client_id(CheckedAdd<int32_t>(last_id_, 1));
   }
   state.set_owner_uid(user);
-  if (!Save(state)) {
-    // The id, or the user, would be another one after a restart.
-    *why = "the manager cannot write its state";
-    return -1;
-  }
+  // Else the id, or the user, would be another one after a restart.
+  if (!Save(state)) return Error{"the manager cannot write its state"};
   last_id_ = std::max(last_id_, state.client_id());
   clients_[name] = state;
   return state.client_id();
 }
 
-std::string StateStore::WhyNoMore(uid_t user) const {
+Result<void> StateStore::CheckRoom(uid_t user) const {
   if (clients_.size() >= kMaxClients) {
-    return "all " + std::to_string(kMaxClients) +
-           " names are taken; orbctl client forget releases one";
+    return Error{"all " + std::to_string(kMaxClients) +
+                 " names are taken; orbctl client forget releases one"};
   }
   const auto names =
       static_cast<size_t>(std::count_if(clients_.begin(), clients_.end(), [&](const auto& client) {
         return client.second.has_owner_uid() && client.second.owner_uid() == user;
       }));
-  if (names < names_per_user_) return "";
-  return "the user has " + std::to_string(names) +
-         " names already; orbctl client forget releases one, --names-per-user of orb-managerd "
-         "allows more";
+  if (names < names_per_user_) return {};
+  return Error{"the user has " + std::to_string(names) +
+               " names already; orbctl client forget releases one, --names-per-user of "
+               "orb-managerd allows more"};
 }
 
 bool StateStore::Forget(const std::string& name) {

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "proto/manager_state.pb.h"
+#include "utility/result.h"
 #include "utility/thread_annotations.h"
 #include "utility/unique_fd.h"
 
@@ -33,14 +34,14 @@ class StateStore {
   static constexpr size_t kNamesPerUser = 256;
 
   // Takes the directory for this process, creating it when it is not there, and
-  // reads what it holds. Null, with the reason in *error, when that is impossible.
-  static std::unique_ptr<StateStore> Open(const std::string& directory, std::string* error,
-                                          size_t names_per_user = kNamesPerUser);
+  // reads what it holds.
+  static Result<std::unique_ptr<StateStore>> Open(const std::string& directory,
+                                                  size_t names_per_user = kNamesPerUser);
 
   // The id of this client name, the same ever after; a new name gets a new one, and
-  // belongs to the user from then on. -1, with the reason in *why, when the name is another
-  // user's, there are too many names, or the disk did not take the new one.
-  int32_t ClientId(const std::string& name, uid_t user, std::string* why) ORB_EXCLUDES(mutex_);
+  // belongs to the user from then on. Fails when the name is another user's, there are too
+  // many names, or the disk did not take the new one.
+  Result<int32_t> ClientId(const std::string& name, uid_t user) ORB_EXCLUDES(mutex_);
 
   // Forgets a known name with its user and campaign. False when the disk did not take it
   // (logged): then nothing has changed.
@@ -71,8 +72,8 @@ class StateStore {
       : directory_(std::move(directory)), names_per_user_(names_per_user) {}
 
   void Load(const std::string& file) ORB_REQUIRES(mutex_);
-  // Why no further name can be given to the user; empty when one can.
-  std::string WhyNoMore(uid_t user) const ORB_REQUIRES(mutex_);
+  // Whether the user may have one name more.
+  Result<void> CheckRoom(uid_t user) const ORB_REQUIRES(mutex_);
   bool Save(const ClientState& state) ORB_REQUIRES(mutex_);
 
   const UniqueFd directory_;

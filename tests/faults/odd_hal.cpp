@@ -107,11 +107,10 @@ class OddHal : public ::aidl::vendor::nuv::orbsyshal_aidl::BnOrbsyshal {
 };
 
 int Main(const std::string& spool_dir) {
-  std::string error;
-  auto spool = hal::Spool::Open(spool_dir, 0, &error);
-  if (spool == nullptr) return 1;
+  auto spool = hal::Spool::Open(spool_dir, 0);
+  if (!spool.ok()) return 1;
   ABinderProcess_startThreadPool();
-  const auto hal = std::make_shared<hal::Hal>(std::move(spool));
+  const auto hal = std::make_shared<hal::Hal>(*std::move(spool));
   const auto odd =
       ::ndk::SharedRefBase::make<OddHal>(::ndk::SharedRefBase::make<hal::OrbsyshalService>(hal));
   if (AServiceManager_addService(odd->asBinder().get(), hal::kHalServiceName) != EX_NONE) return 1;

@@ -47,13 +47,12 @@ class CampaignManagerTest : public ::testing::Test {
   // The manager ends, and a new one takes over the state.
   void Restart(milliseconds answer = milliseconds(20000)) {
     manager_.reset();
-    std::string error;
     CampaignManager::Timing timing;
     timing.answer = answer;
     timing.restart_waits = waits_;
     timing.now = [this] { return std::chrono::steady_clock::time_point(milliseconds(now_ms_)); };
     timing.lost_buses = [this] { return lost_buses_.load(); };
-    manager_ = std::make_shared<CampaignManager>(StateStore::Open(temp_.path(), &error), timing);
+    manager_ = std::make_shared<CampaignManager>(*StateStore::Open(temp_.path()), timing);
   }
   KIVClientId Register(const std::string& name, const sp<FakeClient>& client, bool want = true,
                        uid_t user = kUser) {

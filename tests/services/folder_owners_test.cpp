@@ -23,8 +23,12 @@ using orb::test::WriteFile;
 class FolderOwnersTest : public ::testing::Test {
  protected:
   bool Open(size_t folders_per_user = 2) {
-    owners_ = FolderOwners::Open(temp_.path(), &error_, folders_per_user);
-    return owners_ != nullptr;
+    auto opened = FolderOwners::Open(temp_.path(), folders_per_user);
+    if (opened.ok())
+      owners_ = *std::move(opened);
+    else
+      error_ = opened.error().text;
+    return opened.ok();
   }
   bool Admit(uid_t user, const std::string& name) { return owners_->Admit({100, user}, name); }
   std::string file() const { return temp_.path() + "/.owners"; }
@@ -80,7 +84,7 @@ TEST_F(FolderOwnersTest, StartsOnlyWithAFileThatItUnderstands) {
 
 TEST_F(FolderOwnersTest, TheHalStoresNothingInAnothersFolder) {
   ASSERT_TRUE(Open());
-  Hal hal(Spool::Open(temp_.path(), 0, &error_), std::move(owners_));
+  Hal hal(*Spool::Open(temp_.path(), 0), std::move(owners_));
   const std::vector<uint8_t> header = Upload(3, 5, 0);
   const auto store = [&](const Caller& caller) {
     UniqueFd memory(memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING));

@@ -65,9 +65,8 @@ pid_t Fork(const std::function<bool()>& body) {
 }
 
 std::shared_ptr<OrbsyshalService> Publish(const orb::test::TempDir& spool) {
-  std::string error;
   auto service = ::ndk::SharedRefBase::make<OrbsyshalService>(
-      std::make_shared<Hal>(Spool::Open(spool.path(), 0, &error)));
+      std::make_shared<Hal>(*Spool::Open(spool.path(), 0)));
   ABinderProcess_startThreadPool();
   EXPECT_EQ(AServiceManager_addService(service->asBinder().get(), kHalServiceName), EX_NONE);
   return service;

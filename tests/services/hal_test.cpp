@@ -67,13 +67,12 @@ QueueLayout Queue(const Bytes& payload, uint64_t skip = 0) {
 class HalTest : public ::testing::Test {
  protected:
   HalTest() {
-    std::string error;
     HalLimits limits;
     limits.queues = limits.channels = 400;
     limits.is_gone = [](pid_t process) { return process >= kGone; };
     limits.queue_patience = std::chrono::milliseconds(0);
     limits.notice_patience = std::chrono::milliseconds(1);
-    hal_ = std::make_unique<Hal>(Spool::Open(temp_.path(), 0, &error), nullptr, limits);
+    hal_ = std::make_unique<Hal>(*Spool::Open(temp_.path(), 0), nullptr, limits);
   }
   // A channel over "01234567"; confirmations are appended to confirmed_.
   int32_t Channel(const Caller& caller) {

@@ -33,9 +33,9 @@ class SpoolTest : public ::testing::Test {
  protected:
   void Open(uint64_t max_bytes, StatDisk stat_disk = fstatvfs) {
     spool_.reset();
-    std::string error;
-    spool_ = Spool::Open(Dir(), max_bytes, &error, stat_disk);
-    ASSERT_NE(spool_, nullptr) << error;
+    auto opened = Spool::Open(Dir(), max_bytes, stat_disk);
+    ASSERT_TRUE(opened.ok()) << opened.error().text;
+    spool_ = *std::move(opened);
   }
   // A disk of the spool's own, which only this process sees.
   bool Mount(const std::string& options) {
@@ -193,12 +193,10 @@ TEST_F(SpoolTest, KeepsTheNewestOnAFullDisk) {
 
 TEST_F(SpoolTest, BelongsToOneProcessAtATime) {
   Open(0);
-  std::string error;
-  EXPECT_EQ(Spool::Open(Dir(), 0, &error), nullptr);
-  EXPECT_EQ(error, Dir() + " is in use by another process");
+  EXPECT_EQ(Spool::Open(Dir(), 0).error().text, Dir() + " is in use by another process");
   ASSERT_TRUE(orb::test::WriteFile(temp_.path() + "/file", ""));
-  EXPECT_EQ(Spool::Open(temp_.path() + "/file", 0, &error), nullptr);
-  EXPECT_EQ(error, "cannot use " + temp_.path() + "/file: Not a directory");
+  EXPECT_EQ(Spool::Open(temp_.path() + "/file", 0).error().text,
+            "cannot use " + temp_.path() + "/file: Not a directory");
 }
 
 TEST_F(SpoolTest, StoresFromManyThreadsAtOnce) {
@@ -219,14 +217,10 @@ TEST_F(SpoolTest, StoresFromManyThreadsAtOnce) {
 
 // The folders of a name, "" for one that is refused.
 std::string FoldersOf(const std::string& name) {
-  std::vector<std::string> folders;
-  std::string why;
-  if (!ParseUploadName(name, &folders, &why)) {
-    EXPECT_NE(why, "");
-    return "";
-  }
+  const auto folders = ParseUploadName(name);
   std::string text;
-  for (const std::string& folder : folders) text += "<" + folder + ">";
+  if (!folders.ok()) return text;
+  for (const std::string& folder : *folders) text += "<" + folder + ">";
   return text;
 }
 

@@ -43,13 +43,15 @@ class StateStoreTest : public ::testing::Test {
   StateStoreTest() { Open(); }
   void Open(size_t names_per_user = 100) {
     store_.reset();
-    std::string error;
-    store_ = StateStore::Open(Dir(), &error, names_per_user);
-    ASSERT_NE(store_, nullptr) << error;
+    auto opened = StateStore::Open(Dir(), names_per_user);
+    ASSERT_TRUE(opened.ok()) << opened.error().text;
+    store_ = *std::move(opened);
   }
   std::string Dir() const { return temp_.path() + "/state"; }
   int32_t ClientId(const std::string& name, uid_t user = 1000) {
-    return store_->ClientId(name, user, &why_);
+    const Result<int32_t> id = store_->ClientId(name, user);
+    why_ = id.ok() ? "" : id.error().text;
+    return id.ok() ? *id : -1;
   }
   std::string Path(const std::string& file) const { return Dir() + "/" + file; }
 
@@ -112,7 +114,6 @@ TEST_F(StateStoreTest, GivesANameToTheUserWhoCameFirst) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(std::string(c.name) + " of " + std::to_string(c.user));
-    why_.clear();
     EXPECT_EQ(ClientId(c.name, c.user), c.id);
     EXPECT_EQ(why_.substr(0, strlen(c.why)), c.why);
     Open(2);
@@ -193,9 +194,7 @@ TEST_F(StateStoreTest, TellsWhenTheDiskDidNotTakeIt) {
 }
 
 TEST_F(StateStoreTest, BelongsToOneProcessAtATime) {
-  std::string error;
-  EXPECT_EQ(StateStore::Open(Dir(), &error), nullptr);
-  EXPECT_EQ(error, Dir() + " is in use by another process");
+  EXPECT_EQ(StateStore::Open(Dir()).error().text, Dir() + " is in use by another process");
 }
 
 }  // namespace

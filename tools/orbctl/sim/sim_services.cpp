@@ -74,14 +74,19 @@ class SimServices::SimHal : public hal::OrbsyshalService {
 };
 
 std::unique_ptr<SimServices> SimServices::Open(const std::string& directory, std::string* error) {
-  std::unique_ptr<hal::Spool> spool = hal::Spool::Open(directory + "/spool", 0, error);
-  if (spool == nullptr) return nullptr;
-  std::unique_ptr<manager::StateStore> store =
-      manager::StateStore::Open(directory + "/manager", error);
-  if (store == nullptr) return nullptr;
+  auto spool = hal::Spool::Open(directory + "/spool", 0);
+  if (!spool.ok()) {
+    *error = spool.error().text;
+    return nullptr;
+  }
+  auto store = manager::StateStore::Open(directory + "/manager");
+  if (!store.ok()) {
+    *error = store.error().text;
+    return nullptr;
+  }
   std::unique_ptr<SimServices> services(
-      new SimServices(std::make_shared<hal::Hal>(std::move(spool)),
-                      std::make_shared<manager::CampaignManager>(std::move(store))));
+      new SimServices(std::make_shared<hal::Hal>(*std::move(spool)),
+                      std::make_shared<manager::CampaignManager>(*std::move(store))));
   services->StartManager();
   if (services->StartHal()) return services;
   *error = "the HAL cannot be published";
