@@ -1,10 +1,10 @@
 // A campaign on disk, in whichever format its name or content suggests, and
 // what the lint makes of it.
 #include "fuzz/fuzz_input.h"
+#include "reader/record_printer.h"
 #include "tests/support/child_process.h"
 #include "tools/orbctl/campaign_file.h"
 #include "tools/orbctl/campaign_lint.h"
-#include "tools/orbctl/record_printer.h"
 
 using namespace orb::orbctl;
 
@@ -18,7 +18,7 @@ void Lint(const LTCCampaignDef& campaign) {
     if (campaign.lic_sn_kpi_maps_size() > 0) lics[0].lic_sn = campaign.lic_sn_kpi_maps(0).lic_sn();
     LintCampaign({campaign, conf, lics, false, shared_memory});
   }
-  const CampaignIndex index(campaign);
+  const orb::reader::CampaignIndex index(campaign);
 }
 
 }  // namespace

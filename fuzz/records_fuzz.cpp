@@ -2,10 +2,10 @@
 #include <sstream>
 
 #include "fuzz/fuzz_input.h"
-#include "tools/orbctl/record_printer.h"
-#include "tools/orbctl/record_splitter.h"
+#include "reader/record_printer.h"
+#include "reader/record_splitter.h"
 
-using namespace orb::orbctl;
+using namespace orb::reader;
 
 namespace {
 

@@ -1,10 +1,10 @@
 // A spooled upload, opened with the one key that the seeds are sealed with.
 #include "fuzz/fuzz_input.h"
 #include "fuzz/fuzz_key.h"
-#include "tools/orbctl/record_splitter.h"
-#include "tools/orbctl/upload_reader.h"
+#include "reader/record_splitter.h"
+#include "reader/upload_reader.h"
 
-using namespace orb::orbctl;
+using namespace orb::reader;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::vector<PrivateKey> keys = {{"key", orb::fuzz::kPrivatePem}};
@@ -17,8 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (const Skipped& part : salvaged.skipped) skipped_bytes += part.bytes;
     FUZZ_CHECK(salvaged.skipped.empty() == (upload.status == UploadStatus::kOpened));
     FUZZ_CHECK(salvaged.status == UploadStatus::kOpened || skipped_bytes == size);
-    RecordSplitter splitter(
-        {reinterpret_cast<const char*>(upload.records.data()), upload.records.size()});
+    RecordSplitter splitter(upload.data());
     PayloadRecord record;
     while (splitter.Next(&record)) {
     }

@@ -45,12 +45,15 @@ FLOORS = [
     ("services/manager/", CONTRACT + ["include/", "utility/", "proto/", "services/common/",
                                       "services/manager/control/"],
      BINDER + ["orb_platform/", "systemd/"]),
-    ("tools/orbctl/", ["include/", "utility/", "proto/", "crypto/", "serializer/telemetry_header.h",
+    # The format of uploads, and nothing of the bus or of the library that wrote them.
+    ("reader/", ["include/", "utility/", "proto/", "crypto/", "serializer/telemetry_header.h"], []),
+    ("tools/orbctl/", ["include/", "utility/", "proto/", "reader/",
                        "services/manager/control/"] + CONTRACT,
      BINDER + ["orb_platform/"]),
     # The library and the services themselves, in one process.
     ("tools/orbctl/sim/", ["include/", "utility/", "proto/", "ledger/", "serializer/",
-                           "collector/", "kpi/kpi_clock.h", "services/", "tools/orbctl/"] + CONTRACT,
+                           "collector/", "kpi/kpi_clock.h", "services/", "reader/",
+                           "tools/orbctl/"] + CONTRACT,
      BINDER + ["orb_platform/"]),
     ("tools/orbctl/main.cpp", ["tools/orbctl/", "utility/"], []),
     ("examples/", ["include/"], []),

@@ -9,7 +9,7 @@ import collections
 import os
 import sys
 
-FOLDERS = ("utility crypto ledger kpi serializer ipc collector proto platform services tools").split()
+FOLDERS = ("utility crypto ledger kpi serializer ipc collector proto platform reader services tools").split()
 WANTED_PERCENT = 90.0
 
 

@@ -18,7 +18,7 @@ import sys
 
 FOLDERS = tuple(
     name + os.sep
-    for name in "utility crypto ledger kpi serializer ipc collector platform services tools".split())
+    for name in "utility crypto ledger kpi serializer ipc collector platform reader services tools".split())
 INCLUDE = re.compile(rb'^\s*#\s*include\s*["<]([^">]+)[">]', re.M)
 
 

@@ -8,7 +8,8 @@
 #include <sstream>
 
 #include "proto/kpi_data.pb.h"
-#include "tests/orbctl/upload_builder.h"
+#include "reader/upload_files.h"
+#include "tests/reader/upload_builder.h"
 #include "tests/support/child_process.h"
 #include "tests/support/json_lines.h"
 
@@ -32,18 +33,18 @@ class DecodeCommandTest : public ::testing::Test {
   // An upload of counter `kpi` below the spool; sealed when there is a key.
   void Add(const std::string& folder, uint32_t seqno, uint32_t kpi, uint64_t lic_sn,
            const std::string& public_pem = "") {
-    test::UploadPlan plan;
+    reader::test::UploadPlan plan;
     plan.records = Counter(kpi, 10) + Counter(kpi, 20);
     plan.seqno = seqno;
     plan.lic_sn = lic_sn;
     plan.public_pem = public_pem;
     Put(folder, plan);
   }
-  std::string Put(const std::string& folder, const test::UploadPlan& plan) {
+  std::string Put(const std::string& folder, const reader::test::UploadPlan& plan) {
     const std::string dir = temp_.path() + "/" + folder;
     std::filesystem::create_directories(dir);
     const std::string path = dir + "/" + std::to_string(plan.seqno) + "-1763716800000.orb";
-    const std::vector<uint8_t> bytes = test::BuildUpload(plan);
+    const std::vector<uint8_t> bytes = reader::test::BuildUpload(plan);
     EXPECT_TRUE(WriteFile(path, {bytes.begin(), bytes.end()}));
     return path;
   }
@@ -57,12 +58,12 @@ class DecodeCommandTest : public ::testing::Test {
   }
   std::string WriteKey(int number) {
     const std::string path = temp_.path() + "/key" + std::to_string(number) + ".pem";
-    EXPECT_TRUE(WriteFile(path, test::PrivatePem(number)));
+    EXPECT_TRUE(WriteFile(path, reader::test::PrivatePem(number)));
     return path;
   }
 
   orb::test::TempDir temp_;
-  DecodeCommand command_{{temp_.path()}, {}, "", RecordFormat::kJson};
+  DecodeCommand command_{{temp_.path()}, {}, "", reader::RecordFormat::kJson};
   std::vector<nlohmann::json> records_;
   std::string err_;
 };
@@ -83,10 +84,10 @@ TEST_F(DecodeCommandTest, PrintsTheRecordsOfAWholeFolderInOrder) {
 }
 
 TEST_F(DecodeCommandTest, OpensWithTheKeyThatFitsAndNamesTheOwnersItHasNoneFor) {
-  Add("up/7/radio.42", 0, 1, 42, test::PublicPem(1));
-  Add("up/7/radio.43", 0, 2, 43, test::PublicPem(2));
-  Add("up/7/radio.44", 0, 3, 44, test::PublicPem(3));
-  Add("up/7/radio.44", 1, 3, 44, test::PublicPem(3));
+  Add("up/7/radio.42", 0, 1, 42, reader::test::PublicPem(1));
+  Add("up/7/radio.43", 0, 2, 43, reader::test::PublicPem(2));
+  Add("up/7/radio.44", 0, 3, 44, reader::test::PublicPem(3));
+  Add("up/7/radio.44", 1, 3, 44, reader::test::PublicPem(3));
   command_.key_paths = {WriteKey(1), WriteKey(2)};
   EXPECT_EQ(Run(), 1);
   EXPECT_EQ(records_.size(), 4U);
@@ -103,7 +104,7 @@ TEST_F(DecodeCommandTest, NamesDamagedFilesAndDecodesTheOthers) {
   Add("up/7/radio.42", 0, 1, 42);
   const std::string cut = temp_.path() + "/up/7/radio.42/1-1.orb";
   ASSERT_TRUE(WriteFile(cut, "short"));
-  test::UploadPlan torn;
+  reader::test::UploadPlan torn;
   torn.records = Counter(2, 1) + "\x07garbage" + Counter(3, 1);
   const std::string garbage = Put("up/7/radio.42", torn);
   command_.paths.push_back(temp_.path() + "/gone.orb");
@@ -132,7 +133,7 @@ TEST_F(DecodeCommandTest, NamesDamagedFilesAndDecodesTheOthers) {
 
 TEST_F(DecodeCommandTest, RefusesKeysAndCampaignsThatAreNone) {
   Add("up/7/radio.42", 0, 1, 42);
-  ASSERT_TRUE(WriteFile(temp_.path() + "/pub.pem", test::PublicPem(1)));
+  ASSERT_TRUE(WriteFile(temp_.path() + "/pub.pem", reader::test::PublicPem(1)));
   command_.key_paths = {temp_.path() + "/pub.pem"};
   EXPECT_EQ(Run(), 1);
   EXPECT_THAT(err_, HasSubstr("pub.pem: no private key in PEM"));
@@ -143,10 +144,10 @@ TEST_F(DecodeCommandTest, RefusesKeysAndCampaignsThatAreNone) {
 }
 
 TEST(ClientOfPathTest, ReadsTheNameFromTheFolder) {
-  EXPECT_EQ(ClientOfPath("spool/up/7/radio.42/0-1.orb"), "radio");
-  EXPECT_EQ(ClientOfPath("a.b.c.18446744073709551615/0-1.orb"), "a.b.c");
+  EXPECT_EQ(reader::ClientOfPath("spool/up/7/radio.42/0-1.orb"), "radio");
+  EXPECT_EQ(reader::ClientOfPath("a.b.c.18446744073709551615/0-1.orb"), "a.b.c");
   for (const char* path : {"0-1.orb", "x/0-1.orb", "x./0-1.orb", "x.4z/0-1.orb"}) {
-    EXPECT_EQ(ClientOfPath(path), "") << path;
+    EXPECT_EQ(reader::ClientOfPath(path), "") << path;
   }
 }
 

@@ -10,7 +10,7 @@
 #include <functional>
 #include <sstream>
 
-#include "tests/orbctl/upload_builder.h"
+#include "tests/reader/upload_builder.h"
 #include "tests/support/child_process.h"
 #include "tests/support/json_lines.h"
 
@@ -29,19 +29,19 @@ class VerifyCommandTest : public ::testing::Test {
   void SetUp() override {
     for (uint32_t seqno = 0; seqno < 10; ++seqno) Add(seqno % 2 == 0 ? 42 : 43, seqno);
     key_ = temp_.path() + "/key.pem";
-    ASSERT_TRUE(WriteFile(key_, test::PrivatePem(1)));
+    ASSERT_TRUE(WriteFile(key_, reader::test::PrivatePem(1)));
   }
   std::string Path(uint64_t lic_sn, uint32_t seqno) const {
     return fmt::format("{}/spool/up/7/radio.{}/{:010}-1763716800000.orb", temp_.path(), lic_sn,
                        seqno);
   }
   void Add(uint64_t lic_sn, uint32_t seqno) {
-    test::UploadPlan plan;
+    reader::test::UploadPlan plan;
     plan.records = kRecord;
     plan.lic_sn = lic_sn;
     plan.seqno = seqno;
-    if (lic_sn == 43) plan.public_pem = test::PublicPem(1);
-    const std::vector<uint8_t> bytes = test::BuildUpload(plan);
+    if (lic_sn == 43) plan.public_pem = reader::test::PublicPem(1);
+    const std::vector<uint8_t> bytes = reader::test::BuildUpload(plan);
     fs::create_directories(fs::path(Path(lic_sn, seqno)).parent_path());
     ASSERT_TRUE(WriteFile(Path(lic_sn, seqno), {bytes.begin(), bytes.end()}));
   }
@@ -97,7 +97,7 @@ TEST_F(VerifyCommandTest, NamesWhatIsWrong) {
   const std::string sealed = Path(43, 5);
   const std::string again = plain.substr(0, plain.size() - 4) + ".1.orb";
   const std::string other_key = temp_.path() + "/other.pem";
-  ASSERT_TRUE(WriteFile(other_key, test::PrivatePem(2)));
+  ASSERT_TRUE(WriteFile(other_key, reader::test::PrivatePem(2)));
   const struct {
     std::function<void()> damage;
     // How the findings begin; PLAIN and SEALED stand for the two files.

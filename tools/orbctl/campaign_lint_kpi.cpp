@@ -5,7 +5,7 @@
 
 #include <limits>
 
-#include "tools/orbctl/histogram_layout.h"
+#include "reader/histogram_layout.h"
 #include "tools/orbctl/safe_values.h"
 
 namespace orb::orbctl {
@@ -76,12 +76,12 @@ void LintHistogram(const KPICfg& cfg, const Conf& conf, const LintReport& report
                        conf.hist_nof_buckets_max));
   }
   LintBounds(config, report);
-  const HistogramLayout layout = LayoutOf(config);
+  const reader::HistogramLayout layout = reader::LayoutOf(config);
   if (layout.fallback) {
     report(kWarning, "bucket_count",
            fmt::format("the layout makes {} buckets, 1 to {} are possible: all values count in a "
                        "single one",
-                       ConfiguredBuckets(config), kBucketsMax));
+                       reader::ConfiguredBuckets(config), reader::kBucketsMax));
   } else if (layout.clamps()) {
     const int bounds = config.bucket_bounds_size();
     report(kWarning, "values_outside",

@@ -11,11 +11,11 @@
 #include <string_view>
 #include <system_error>
 
+#include "reader/upload_files.h"
+#include "reader/upload_reader.h"
 #include "tools/orbctl/campaign_file.h"
 #include "tools/orbctl/output.h"
 #include "tools/orbctl/private_keys.h"
-#include "tools/orbctl/upload_files.h"
-#include "tools/orbctl/upload_reader.h"
 
 namespace orb::orbctl {
 namespace {
@@ -24,26 +24,27 @@ namespace fs = std::filesystem;
 
 class Decoder {
  public:
-  Decoder(std::vector<PrivateKey> keys, bool salvage, RecordPrinter* printer)
+  Decoder(std::vector<reader::PrivateKey> keys, bool salvage, reader::RecordPrinter* printer)
       : keys_(std::move(keys)), salvage_(salvage), printer_(*printer) {}
 
   // False when something of the file could not be decoded; that is told.
   bool Decode(const std::string& path) {
     std::string content;
     std::string error;
-    if (!ReadFile(path, kMaxFileBytes, &content, &error)) {
+    if (!ReadFile(path, reader::kMaxFileBytes, &content, &error)) {
       PrintError(error);
       return false;
     }
     const std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(content.data()),
                                          content.size());
-    const Upload upload = salvage_ ? SalvageUpload(bytes, keys_) : OpenUpload(bytes, keys_);
-    if (upload.status == UploadStatus::kDamaged && !salvage_) {
+    const reader::Upload upload =
+        salvage_ ? reader::SalvageUpload(bytes, keys_) : reader::OpenUpload(bytes, keys_);
+    if (upload.status == reader::UploadStatus::kDamaged && !salvage_) {
       PrintError(
           fmt::format("{}: damaged at offset {}: {}", path, upload.offset_bytes, upload.reason));
       return false;
     }
-    if (upload.status == UploadStatus::kSealed) {
+    if (upload.status == reader::UploadStatus::kSealed) {
       Sealed& sealed = sealed_[upload.header.lic_sn];
       if (sealed.files++ == 0) sealed.first = path;
       sealed.reason = upload.reason;
@@ -67,24 +68,20 @@ class Decoder {
     std::string reason;
   };
 
-  void BeginSource(const std::string& path, const Upload& upload) {
-    RecordSource source;
+  void BeginSource(const std::string& path, const reader::Upload& upload) {
+    reader::RecordSource source;
     source.file = path;
-    source.client = ClientOfPath(path);
+    source.client = reader::ClientOfPath(path);
     source.campaign_id = upload.header.campaign_id;
     source.lic_sn = upload.header.lic_sn;
     source.seqno = upload.header.seqno;
     printer_.BeginSource(source);
   }
 
-  static std::string_view Records(const Upload& upload) {
-    return {reinterpret_cast<const char*>(upload.records.data()), upload.records.size()};
-  }
-
-  bool Print(const std::string& path, const Upload& upload) {
+  bool Print(const std::string& path, const reader::Upload& upload) {
     BeginSource(path, upload);
-    RecordSplitter splitter(Records(upload));
-    PayloadRecord record;
+    reader::RecordSplitter splitter(upload.data());
+    reader::PayloadRecord record;
     while (splitter.Next(&record)) printer_.Print(record);
     if (splitter.damage().empty()) return true;
     PrintError(fmt::format("{}: damaged at offset {} of the unzipped data, after {} records: {}",
@@ -93,17 +90,18 @@ class Decoder {
     return false;
   }
 
-  bool Salvage(const std::string& path, const Upload& upload) {
+  bool Salvage(const std::string& path, const reader::Upload& upload) {
     BeginSource(path, upload);
-    RecordSplitter splitter(Records(upload), RecordSplitter::Trust::kWary);
-    SalvageReport report;
+    reader::RecordSplitter splitter(upload.data(), reader::RecordSplitter::Trust::kWary);
+    reader::SalvageReport report;
     report.skipped = upload.skipped;
     report.unchecked = upload.unchecked;
-    PayloadRecord record;
+    reader::PayloadRecord record;
     for (;;) {
       while (splitter.Next(&record)) printer_.Print(record);
       if (splitter.damage().empty()) break;
-      Skipped part{Skipped::Of::kData, splitter.damage_offset_bytes(), 0, splitter.damage()};
+      reader::Skipped part{reader::Skipped::Of::kData, splitter.damage_offset_bytes(), 0,
+                           splitter.damage()};
       part.bytes = splitter.Resync();
       report.skipped.push_back(std::move(part));
     }
@@ -114,41 +112,31 @@ class Decoder {
     return false;
   }
 
-  static void TellSkipped(const std::string& path, const SalvageReport& report) {
-    for (const Skipped& part : report.skipped) {
-      PrintError(
-          fmt::format("{}: {} bytes skipped at offset {}{}: {}", path, part.bytes, part.offset,
-                      part.of == Skipped::Of::kFile ? "" : " of the unzipped data", part.reason));
+  static void TellSkipped(const std::string& path, const reader::SalvageReport& report) {
+    for (const reader::Skipped& part : report.skipped) {
+      PrintError(fmt::format(
+          "{}: {} bytes skipped at offset {}{}: {}", path, part.bytes, part.offset,
+          part.of == reader::Skipped::Of::kFile ? "" : " of the unzipped data", part.reason));
     }
     PrintError(fmt::format(
         "{}: {} records salvaged, {} bytes of the file and {} of the unzipped data skipped{}", path,
-        report.records, report.SkippedBytes(Skipped::Of::kFile),
-        report.SkippedBytes(Skipped::Of::kData),
+        report.records, report.SkippedBytes(reader::Skipped::Of::kFile),
+        report.SkippedBytes(reader::Skipped::Of::kData),
         report.unchecked ? "; no checksum covers these records, values may be wrong" : ""));
   }
 
-  const std::vector<PrivateKey> keys_;
+  const std::vector<reader::PrivateKey> keys_;
   const bool salvage_;
-  RecordPrinter& printer_;
+  reader::RecordPrinter& printer_;
   std::map<uint64_t, Sealed> sealed_;
 };
 
 }  // namespace
 
-std::string ClientOfPath(const std::string& path) {
-  const std::string folder = fs::path(path).parent_path().filename().string();
-  const size_t dot = folder.rfind('.');
-  if (dot == std::string::npos || dot + 1 == folder.size() ||
-      folder.find_first_not_of("0123456789", dot + 1) != std::string::npos) {
-    return "";
-  }
-  return folder.substr(0, dot);
-}
-
 int DecodeCommand::Run(std::ostream& out) const {
-  std::vector<PrivateKey> keys;
+  std::vector<reader::PrivateKey> keys;
   if (!ReadKeys(key_paths, &keys)) return kFailed;
-  std::optional<CampaignIndex> index;
+  std::optional<reader::CampaignIndex> index;
   if (!campaign_path.empty()) {
     LTCCampaignDef campaign;
     std::string error;
@@ -160,14 +148,17 @@ int DecodeCommand::Run(std::ostream& out) const {
   for (const std::string& path : paths) {
     std::error_code ec;
     if (fs::is_directory(path, ec)) {
-      all = AddFolder(path, &files) && all;
+      std::string error;
+      if (reader::AddFolder(path, &files, &error)) continue;
+      PrintError(error);
+      all = false;
     } else {
       files.push_back(path);
     }
   }
   if (files.empty() && all) PrintError("note: no uploads in " + paths.front());
-  const std::unique_ptr<RecordPrinter> printer =
-      RecordPrinter::Create(format, &out, index ? &*index : nullptr);
+  const std::unique_ptr<reader::RecordPrinter> printer =
+      reader::RecordPrinter::Create(format, &out, index ? &*index : nullptr);
   Decoder decoder(std::move(keys), salvage, printer.get());
   for (const std::string& file : files) all = decoder.Decode(file) && all;
   decoder.TellSealed();

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/orbctl/record_printer.h"
+#include "reader/record_printer.h"
 
 namespace orb::orbctl {
 
@@ -13,7 +13,7 @@ struct DecodeCommand {
   std::vector<std::string> paths;      // Folders: every *.orb below them, by name.
   std::vector<std::string> key_paths;  // Private keys; the one that fits opens an upload.
   std::string campaign_path;           // Empty: records are not explained.
-  RecordFormat format = RecordFormat::kText;
+  reader::RecordFormat format = reader::RecordFormat::kText;
   bool salvage = false;  // Go on behind damage, and tell what was passed over.
 
   // Prints records to `out`; what is damaged or stays sealed is named on
@@ -21,8 +21,5 @@ struct DecodeCommand {
   // was decoded.
   int Run(std::ostream& out) const;
 };
-
-// "radio" for ".../radio.42/0000000000-1763716800000.orb"; empty for another path.
-std::string ClientOfPath(const std::string& path);
 
 }  // namespace orb::orbctl

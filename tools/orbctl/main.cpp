@@ -18,6 +18,7 @@
 namespace {
 
 using namespace orb::orbctl;
+namespace reader = orb::reader;
 
 // What the libraries log is not for the tool's users, and some of it is secret.
 void Silent(const __android_logger_data*, const char*) {}
@@ -105,8 +106,10 @@ void AddDecode(CLI::App* app, Arguments* args) {
       ->allow_extra_args(false);
   decode->add_option("--campaign", args->decode.campaign_path, "Explains records by a campaign")
       ->type_name("FILE");
-  const std::map<std::string, RecordFormat> formats = {
-      {"text", RecordFormat::kText}, {"json", RecordFormat::kJson}, {"csv", RecordFormat::kCsv}};
+  const std::map<std::string, reader::RecordFormat> formats = {
+      {"text", reader::RecordFormat::kText},
+      {"json", reader::RecordFormat::kJson},
+      {"csv", reader::RecordFormat::kCsv}};
   CLI::Option* format = decode->add_option("--format", args->decode.format, "text, json or csv")
                             ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case))
                             ->type_name("FORMAT");
@@ -114,7 +117,7 @@ void AddDecode(CLI::App* app, Arguments* args) {
   decode->add_flag("--salvage", args->decode.salvage,
                    "Goes on behind damage, and tells what it skipped");
   decode->callback([args] {
-    if (args->json) args->decode.format = RecordFormat::kJson;
+    if (args->json) args->decode.format = reader::RecordFormat::kJson;
     args->code = args->decode.Run(std::cout);
   });
 }

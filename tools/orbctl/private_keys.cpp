@@ -10,9 +10,9 @@ constexpr uint64_t kMaxKeyBytes = 64U << 10;
 
 }  // namespace
 
-bool ReadKeys(const std::vector<std::string>& paths, std::vector<PrivateKey>* keys) {
+bool ReadKeys(const std::vector<std::string>& paths, std::vector<reader::PrivateKey>* keys) {
   for (const std::string& path : paths) {
-    PrivateKey key{path, ""};
+    reader::PrivateKey key{path, ""};
     std::string error;
     if (!ReadFile(path, kMaxKeyBytes, &key.pem, &error)) {
       PrintError(error);

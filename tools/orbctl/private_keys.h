@@ -4,11 +4,11 @@
 #include <string>
 #include <vector>
 
-#include "tools/orbctl/upload_reader.h"
+#include "reader/upload_reader.h"
 
 namespace orb::orbctl {
 
 // Reads each as PEM text. False, told on standard error, when one is none.
-bool ReadKeys(const std::vector<std::string>& paths, std::vector<PrivateKey>* keys);
+bool ReadKeys(const std::vector<std::string>& paths, std::vector<reader::PrivateKey>* keys);
 
 }  // namespace orb::orbctl

@@ -7,9 +7,9 @@
 #include <filesystem>
 #include <system_error>
 
+#include "reader/record_splitter.h"
+#include "reader/upload_layout.h"
 #include "tools/orbctl/output.h"
-#include "tools/orbctl/record_splitter.h"
-#include "tools/orbctl/upload_layout.h"
 
 namespace orb::orbctl {
 namespace {
@@ -53,56 +53,55 @@ void SpoolCheck::CheckFile(const std::string& path) {
   ++uploads_;
   std::string content;
   std::string error;
-  if (!ReadFile(path, kMaxFileBytes, &content, &error)) {
+  if (!ReadFile(path, reader::kMaxFileBytes, &content, &error)) {
     return Add(Finding::Kind::kUnread, path, error);
   }
   CheckUpload(path, {reinterpret_cast<const uint8_t*>(content.data()), content.size()});
 }
 
 void SpoolCheck::CheckUpload(const std::string& path, std::span<const uint8_t> file) {
-  const UploadPath name = ParseUploadPath(path);
+  const reader::UploadPath name = reader::ParseUploadPath(path);
   if (name.client.empty()) {
     Add(Finding::Kind::kHeader, path, "no name of an upload: CLIENT.OWNER/SEQNO-TIMESTAMP.orb");
   } else {
     // The name, not the header, which may be damaged: they are the same when it is not.
     rows_[name.folder + "/" + name.client][name.seqno].push_back(path);
   }
-  const Upload upload = OpenUpload(file, keys_);
+  const reader::Upload upload = reader::OpenUpload(file, keys_);
   if (upload.has_header && !name.client.empty()) CheckName(path, upload.header);
   switch (upload.status) {
-    case UploadStatus::kOpened:
+    case reader::UploadStatus::kOpened:
       if (upload.header.encrypted) opened_[upload.header.lic_sn] = true;
       return CheckRecords(path, upload);
-    case UploadStatus::kSealed:
+    case reader::UploadStatus::kSealed:
       if (keys_.empty()) {
         ++unopened_;
       } else {
         shut_[path] = upload.header.lic_sn;
       }
       return;
-    case UploadStatus::kDamaged:
-      const uint64_t whole_bytes = uint64_t{kHeaderBytes} + upload.header.length_bytes;
+    case reader::UploadStatus::kDamaged:
+      const uint64_t whole_bytes = uint64_t{reader::kHeaderBytes} + upload.header.length_bytes;
       const bool is_short =
-          file.size() < kHeaderBytes || (upload.has_header && file.size() < whole_bytes);
-      const auto damaged =
-          upload.offset_bytes < kHeaderBytes ? Finding::Kind::kHeader : Finding::Kind::kData;
+          file.size() < reader::kHeaderBytes || (upload.has_header && file.size() < whole_bytes);
+      const auto damaged = upload.offset_bytes < reader::kHeaderBytes ? Finding::Kind::kHeader
+                                                                      : Finding::Kind::kData;
       return Add(is_short ? Finding::Kind::kShort : damaged, path,
                  fmt::format("at offset {}: {}", upload.offset_bytes, upload.reason));
   }
 }
 
-void SpoolCheck::CheckName(const std::string& path, const UploadHeader& header) {
-  const UploadPath name = ParseUploadPath(path);
+void SpoolCheck::CheckName(const std::string& path, const reader::UploadHeader& header) {
+  const reader::UploadPath name = reader::ParseUploadPath(path);
   if (name.seqno == header.seqno && name.timestamp_ms == header.timestamp_ms) return;
   Add(Finding::Kind::kHeader, path,
       fmt::format("the header has number {} and time {}, the name others", header.seqno,
                   header.timestamp_ms));
 }
 
-void SpoolCheck::CheckRecords(const std::string& path, const Upload& upload) {
-  RecordSplitter splitter(
-      {reinterpret_cast<const char*>(upload.records.data()), upload.records.size()});
-  PayloadRecord record;
+void SpoolCheck::CheckRecords(const std::string& path, const reader::Upload& upload) {
+  reader::RecordSplitter splitter(upload.data());
+  reader::PayloadRecord record;
   while (splitter.Next(&record)) {
   }
   if (splitter.damage().empty()) return;

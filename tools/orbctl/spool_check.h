@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/orbctl/upload_files.h"
-#include "tools/orbctl/upload_reader.h"
+#include "reader/upload_files.h"
+#include "reader/upload_reader.h"
 
 namespace orb::orbctl {
 
@@ -37,7 +37,7 @@ const char* KindName(Finding::Kind kind);
 // Not thread-safe. Memory: the content of one upload at a time, and a number for each.
 class SpoolCheck {
  public:
-  explicit SpoolCheck(std::vector<PrivateKey> keys) : keys_(std::move(keys)) {}
+  explicit SpoolCheck(std::vector<reader::PrivateKey> keys) : keys_(std::move(keys)) {}
 
   void CheckFile(const std::string& path);
   // A file in the folder of those being written. What is young may be in work.
@@ -58,11 +58,11 @@ class SpoolCheck {
   void Add(Finding::Kind kind, const std::string& where, std::string text, uint32_t first = 0,
            uint32_t last = 0);
   void CheckUpload(const std::string& path, std::span<const uint8_t> file);
-  void CheckName(const std::string& path, const UploadHeader& header);
-  void CheckRecords(const std::string& path, const Upload& upload);
+  void CheckName(const std::string& path, const reader::UploadHeader& header);
+  void CheckRecords(const std::string& path, const reader::Upload& upload);
   void CheckRow(const std::string& client, const Row& row);
 
-  const std::vector<PrivateKey> keys_;
+  const std::vector<reader::PrivateKey> keys_;
   std::vector<Finding> findings_;
   std::map<std::string, Row> rows_;       // By folder and client.
   std::map<uint64_t, bool> opened_;       // By owner: a key opened one of its uploads.

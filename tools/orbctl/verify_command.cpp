@@ -57,10 +57,12 @@ void PrintText(const SpoolCheck& check, std::ostream* out) {
 }  // namespace
 
 int VerifyCommand::Run(std::ostream& out) const {
-  std::vector<PrivateKey> keys;
+  std::vector<reader::PrivateKey> keys;
   std::vector<std::string> files;
   if (!ReadKeys(key_paths, &keys)) return kFailed;
-  bool read = AddFolder(directory, &files);
+  std::string error;
+  const bool read = reader::AddFolder(directory, &files, &error);
+  if (!read) PrintError(error);
   SpoolCheck check(std::move(keys));
   for (const std::string& file : files) check.CheckFile(file);
   std::error_code none;

@@ -138,7 +138,7 @@ int SimCommand::Run(std::ostream& out) const {
   if (!ParseSlots(slots, &input)) {
     return WrongUsage("--slots " + slots + ": write COUNTxBYTES with at most 64 slots");
   }
-  std::vector<PrivateKey> keys;
+  std::vector<reader::PrivateKey> keys;
   if (!ReadKeys(key_paths, &keys)) return kFailed;
   LTCCampaignDef campaign;
   if (!ReadInput(*this, options, &campaign, &input, &error)) return Fail(error);

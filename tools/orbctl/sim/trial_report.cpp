@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <string_view>
 
+#include "reader/record_splitter.h"
+#include "reader/upload_files.h"
 #include "tools/orbctl/output.h"
-#include "tools/orbctl/record_splitter.h"
-#include "tools/orbctl/upload_files.h"
 
 namespace orb::orbctl {
 namespace {
@@ -36,7 +36,7 @@ TrialReport::TrialReport(const LTCCampaignDef& campaign, const TrialInput& input
 }
 
 bool TrialReport::Collect(const Trial& trial, const LibraryLog& log, const std::string& spool,
-                          const std::vector<PrivateKey>& keys, std::string* error) {
+                          const std::vector<reader::PrivateKey>& keys, std::string* error) {
   calls_ = trial.calls();
   queue_max_ = trial.queue_max();
   problems_ = log.Problems();
@@ -49,15 +49,12 @@ bool TrialReport::Collect(const Trial& trial, const LibraryLog& log, const std::
   for (const auto& [lic_sn, book] : trial.books().owners) owners_[lic_sn].losses = book.lost;
   CountAccepted();
   std::vector<std::string> files;
-  if (!AddFolder(spool, &files)) {
-    *error = "the spool cannot be read";
-    return false;
-  }
+  if (!reader::AddFolder(spool, &files, error)) return false;
   for (const std::string& file : files) {
     std::string content;
     if (!ReadFile(file, kUploadBytesMax, &content, error)) return false;
     const auto* bytes = reinterpret_cast<const uint8_t*>(content.data());
-    CountUpload(file, OpenUpload({bytes, content.size()}, keys), content.size());
+    CountUpload(file, reader::OpenUpload({bytes, content.size()}, keys), content.size());
   }
   return true;
 }
@@ -82,24 +79,24 @@ void TrialReport::AddOverflow(const Trial& trial) {
   }
 }
 
-void TrialReport::CountUpload(const std::string& path, const Upload& upload, uint64_t bytes) {
+void TrialReport::CountUpload(const std::string& path, const reader::Upload& upload,
+                              uint64_t bytes) {
   OwnerTally& owner = owners_[upload.header.lic_sn];
   ++owner.uploads;
   owner.bytes += bytes;
-  if (upload.status == UploadStatus::kSealed) {
+  if (upload.status == reader::UploadStatus::kSealed) {
     ++owner.sealed;
     return;
   }
-  RecordSplitter splitter(
-      {reinterpret_cast<const char*>(upload.records.data()), upload.records.size()});
-  PayloadRecord record;
+  reader::RecordSplitter splitter(upload.data());
+  reader::PayloadRecord record;
   while (splitter.Next(&record)) {
     StreamTally& stream = owner.kpis[record.meta().kpi_id()];
     ++stream.records;
     if (IsGauge(record.meta().kpi_id())) continue;
-    stream.samples += record.kind == RecordKind::kBlob ? 1 : record.meta().num_samples();
+    stream.samples += record.kind == reader::RecordKind::kBlob ? 1 : record.meta().num_samples();
   }
-  if (upload.status == UploadStatus::kOpened && splitter.damage().empty()) return;
+  if (upload.status == reader::UploadStatus::kOpened && splitter.damage().empty()) return;
   ++owner.damaged;
   PrintError("warning: " + path + " is damaged; `orbctl decode` says where");
 }

@@ -12,8 +12,8 @@
 
 #include "ledger/loss_cause.h"
 #include "proto/ltc_campaign.pb.h"
+#include "reader/upload_reader.h"
 #include "tools/orbctl/sim/trial.h"
-#include "tools/orbctl/upload_reader.h"
 
 namespace orb::orbctl {
 
@@ -61,7 +61,7 @@ class TrialReport {
 
   // After the trial's end. False with *error when the spool cannot be read.
   bool Collect(const Trial& trial, const LibraryLog& log, const std::string& spool,
-               const std::vector<PrivateKey>& keys, std::string* error);
+               const std::vector<reader::PrivateKey>& keys, std::string* error);
 
   // After Collect, of a trial that the library ended.
   void AddOverflow(const Trial& trial);
@@ -77,7 +77,7 @@ class TrialReport {
   std::string directory;
 
  private:
-  void CountUpload(const std::string& path, const Upload& upload, uint64_t bytes);
+  void CountUpload(const std::string& path, const reader::Upload& upload, uint64_t bytes);
   void CountAccepted();
   const char* KindOf(uint32_t kpi) const;
   bool IsGauge(uint32_t kpi) const;

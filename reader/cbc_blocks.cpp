@@ -1,10 +1,10 @@
-// Tested by tests/orbctl/upload_reader_test.cpp.
-#include "tools/orbctl/cbc_blocks.h"
+// Tested by tests/reader/upload_reader_test.cpp.
+#include "reader/cbc_blocks.h"
 
 #include "crypto/key_agreement.h"
 #include "utility/checked.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 namespace {
 
 constexpr size_t kBlockBytes = 16;
@@ -45,4 +45,4 @@ std::vector<uint8_t> DecryptCbcBlocks(std::span<const uint8_t> data,
   return plain;
 }
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

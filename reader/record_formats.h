@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
-#include "tools/orbctl/record_printer.h"
+#include "reader/record_printer.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 
 std::unique_ptr<RecordPrinter> MakeTextPrinter(std::ostream* out, const CampaignIndex* campaign);
 std::unique_ptr<RecordPrinter> MakeCsvPrinter(std::ostream* out, const CampaignIndex* campaign);
@@ -23,4 +23,4 @@ const HistogramLayout* LayoutFor(const PayloadRecord& record, const CampaignInde
 // What the campaign says against the record; empty without a campaign.
 std::string NoteFor(const PayloadRecord& record, const CampaignIndex* campaign);
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

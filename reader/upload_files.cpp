@@ -1,15 +1,12 @@
 // Tested by tests/orbctl/decode_command_test.cpp and verify_command_test.cpp.
-#include "tools/orbctl/upload_files.h"
+#include "reader/upload_files.h"
 
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
 #include <system_error>
 
-#include "tools/orbctl/decode_command.h"
-#include "tools/orbctl/output.h"
-
-namespace orb::orbctl {
+namespace orb::reader {
 namespace {
 
 namespace fs = std::filesystem;
@@ -25,7 +22,7 @@ bool TakeNumber(char end, std::string_view* text, T* value) {
 
 }  // namespace
 
-bool AddFolder(const std::string& folder, std::vector<std::string>* files) {
+bool AddFolder(const std::string& folder, std::vector<std::string>* files, std::string* error) {
   std::error_code ec;
   std::vector<std::string> found;
   fs::recursive_directory_iterator at(folder, ec);
@@ -38,10 +35,20 @@ bool AddFolder(const std::string& folder, std::vector<std::string>* files) {
     }
     at.increment(ec);
   }
-  if (ec) PrintError(folder + ": " + ec.message());
+  if (ec) *error = folder + ": " + ec.message();
   std::sort(found.begin(), found.end());
   files->insert(files->end(), found.begin(), found.end());
   return !ec;
+}
+
+std::string ClientOfPath(const std::string& path) {
+  const std::string folder = fs::path(path).parent_path().filename().string();
+  const size_t dot = folder.rfind('.');
+  if (dot == std::string::npos || dot + 1 == folder.size() ||
+      folder.find_first_not_of("0123456789", dot + 1) != std::string::npos) {
+    return "";
+  }
+  return folder.substr(0, dot);
 }
 
 UploadPath ParseUploadPath(const std::string& path) {
@@ -57,4 +64,4 @@ UploadPath ParseUploadPath(const std::string& path) {
   return parts;
 }
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

@@ -8,9 +8,10 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
-namespace orb::orbctl {
+namespace orb::reader {
 
 // The header's numbers in host order.
 struct UploadHeader {
@@ -60,6 +61,11 @@ struct Upload {
   std::string key_path;          // The key that opened it; empty when it was not encrypted.
   std::vector<Skipped> skipped;  // By SalvageUpload(), in order; empty for a sound upload.
   bool unchecked = false;        // `records` may hold wrong bytes: no checksum covers them.
+
+  // The records as a RecordSplitter takes them.
+  std::string_view data() const {
+    return {reinterpret_cast<const char*>(records.data()), records.size()};
+  }
 };
 
 inline constexpr uint64_t kMaxFileBytes = uint64_t{256} << 20;  // Of an upload that is read.
@@ -78,4 +84,4 @@ Upload OpenUpload(std::span<const uint8_t> file, std::span<const PrivateKey> key
 // kSealed and kDamaged: nothing, and `skipped` covers the file.
 Upload SalvageUpload(std::span<const uint8_t> file, std::span<const PrivateKey> keys);
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

@@ -1,11 +1,11 @@
-// Tested by tests/orbctl/upload_reader_test.cpp.
-#include "tools/orbctl/gunzip.h"
+// Tested by tests/reader/upload_reader_test.cpp.
+#include "reader/gunzip.h"
 
 #include <zlib.h>
 
 #include "utility/checked.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 namespace {
 
 constexpr int kGzipWindowBits = 15 + 16;
@@ -45,4 +45,4 @@ std::string Gunzip(std::span<const uint8_t> data, uint64_t max_bytes, std::vecto
   return fault;
 }
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

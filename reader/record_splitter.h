@@ -17,7 +17,7 @@
 
 #include "proto/kpi_data.pb.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 
 enum class RecordKind { kCounter = 2, kGauge = 3, kHistogram = 4, kBlob = 5 };  // Field numbers.
 
@@ -84,4 +84,4 @@ class RecordSplitter {
   std::string damage_;
 };
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

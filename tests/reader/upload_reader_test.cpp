@@ -1,5 +1,5 @@
 // Good uploads open; every damage is named with its place.
-#include "tools/orbctl/upload_reader.h"
+#include "reader/upload_reader.h"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -10,11 +10,11 @@
 #include <random>
 
 #include "proto/kpi_data.pb.h"
-#include "tests/orbctl/upload_builder.h"
-#include "tools/orbctl/gunzip.h"
+#include "reader/gunzip.h"
+#include "tests/reader/upload_builder.h"
 #include "utility/byte_order.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 namespace {
 
 using test::BuildUpload;
@@ -219,4 +219,4 @@ TEST(UploadReaderTest, StopsAtABomb) {
 }
 
 }  // namespace
-}  // namespace orb::orbctl
+}  // namespace orb::reader

@@ -1,19 +1,19 @@
-// Tested by tests/orbctl/upload_reader_test.cpp.
-#include "tools/orbctl/upload_reader.h"
+// Tested by tests/reader/upload_reader_test.cpp.
+#include "reader/upload_reader.h"
 
 #include <cstdlib>
 #include <memory>
 
 #include "include/orb_encrypt.h"
 #include "proto/telemetry_footer.pb.h"
+#include "reader/cbc_blocks.h"
+#include "reader/gunzip.h"
+#include "reader/upload_layout.h"
 #include "serializer/telemetry_header.h"
-#include "tools/orbctl/cbc_blocks.h"
-#include "tools/orbctl/gunzip.h"
-#include "tools/orbctl/upload_layout.h"
 #include "utility/byte_order.h"
 #include "utility/checked.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 namespace {
 
 constexpr size_t kIvBytes = 16;
@@ -204,4 +204,4 @@ Upload OpenUpload(std::span<const uint8_t> file, std::span<const PrivateKey> key
   return upload;
 }
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

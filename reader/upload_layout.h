@@ -1,10 +1,10 @@
 // Where an upload's header has what, for those who read uploads and those who mend them.
 #pragma once
 
+#include "reader/upload_reader.h"
 #include "serializer/telemetry_header.h"
-#include "tools/orbctl/upload_reader.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 
 inline constexpr uint32_t kHeaderBytes = TelemetryHeader::kBytes;
 inline constexpr size_t kFormatAt = 0;
@@ -21,4 +21,4 @@ enum class Effort {
 };
 Upload OpenUpload(std::span<const uint8_t> file, std::span<const PrivateKey> keys, Effort effort);
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

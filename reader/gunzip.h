@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace orb::orbctl {
+namespace orb::reader {
 
 bool IsGzip(std::span<const uint8_t> data);
 
@@ -19,4 +19,4 @@ inline constexpr char kTrailingBytes[] = "bytes follow the gzip stream";
 std::string Gunzip(std::span<const uint8_t> data, uint64_t max_bytes, std::vector<uint8_t>* out,
                    uint64_t* fault_at);
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

@@ -1,12 +1,12 @@
 // Puts a damaged header right by what stands behind it, then opens what opens.
-// Tested by tests/orbctl/upload_reader_test.cpp.
+// Tested by tests/reader/upload_reader_test.cpp.
 #include <string_view>
 
-#include "tools/orbctl/gunzip.h"
-#include "tools/orbctl/upload_layout.h"
+#include "reader/gunzip.h"
+#include "reader/upload_layout.h"
 #include "utility/byte_order.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -106,4 +106,4 @@ Upload SalvageUpload(std::span<const uint8_t> file, std::span<const PrivateKey> 
   return upload;
 }
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

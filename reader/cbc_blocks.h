@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace orb::orbctl {
+namespace orb::reader {
 
 // Decrypts the whole blocks of `data` and leaves the padding in; empty when the keys
 // are none or the data less than a block. A wrong key gives noise: nothing is checked.
@@ -14,4 +14,4 @@ std::vector<uint8_t> DecryptCbcBlocks(std::span<const uint8_t> data,
                                       const std::string& ephemeral_pem, const std::string& iv,
                                       const std::string& private_pem);
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

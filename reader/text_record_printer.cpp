@@ -1,13 +1,13 @@
 // The table: one line a record, the values in words.
-// Tested by tests/orbctl/record_printer_test.cpp.
+// Tested by tests/reader/record_printer_test.cpp.
 #include <fmt/format.h>
 
 #include <string>
 
-#include "tools/orbctl/record_formats.h"
+#include "reader/record_formats.h"
 #include "utility/terminal_text.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 namespace {
 
 constexpr size_t kBlobBytesShown = 16;
@@ -115,4 +115,4 @@ std::unique_ptr<RecordPrinter> MakeTextPrinter(std::ostream* out, const Campaign
   return std::make_unique<TextPrinter>(out, campaign);
 }
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

@@ -7,7 +7,7 @@
 
 #include "proto/ltc_campaign.pb.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 
 constexpr int64_t kBucketsMax = 255;
 
@@ -28,4 +28,4 @@ int64_t ConfiguredBuckets(const HistogramConfig& config);
 
 HistogramLayout LayoutOf(const HistogramConfig& config);
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

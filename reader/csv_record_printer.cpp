@@ -1,15 +1,15 @@
 // CSV: one header line, one line a record, the same columns for every kind.
 // Fields hold no line feed, so that line-based tools can read it as well.
-// Tested by tests/orbctl/record_printer_test.cpp.
+// Tested by tests/reader/record_printer_test.cpp.
 #include <fmt/format.h>
 
 #include <string>
 #include <vector>
 
-#include "tools/orbctl/record_formats.h"
+#include "reader/record_formats.h"
 #include "utility/terminal_text.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 namespace {
 
 constexpr char kHeader[] =
@@ -126,4 +126,4 @@ std::unique_ptr<RecordPrinter> MakeCsvPrinter(std::ostream* out, const CampaignI
   return std::make_unique<CsvPrinter>(out, campaign);
 }
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

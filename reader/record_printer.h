@@ -13,11 +13,11 @@
 #include <vector>
 
 #include "proto/ltc_campaign.pb.h"
-#include "tools/orbctl/histogram_layout.h"
-#include "tools/orbctl/record_splitter.h"
-#include "tools/orbctl/upload_reader.h"
+#include "reader/histogram_layout.h"
+#include "reader/record_splitter.h"
+#include "reader/upload_reader.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 
 enum class RecordFormat { kText, kJson, kCsv };
 
@@ -70,4 +70,4 @@ class RecordPrinter {
   virtual void PrintSalvage(const SalvageReport&) {}
 };
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

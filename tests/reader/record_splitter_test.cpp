@@ -1,11 +1,11 @@
-#include "tools/orbctl/record_splitter.h"
+#include "reader/record_splitter.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <random>
 
-namespace orb::orbctl {
+namespace orb::reader {
 namespace {
 
 using ::testing::StartsWith;
@@ -160,4 +160,4 @@ TEST(SalvageTest, GivesUpOnDataMadeOfFalseStarts) {
 }
 
 }  // namespace
-}  // namespace orb::orbctl
+}  // namespace orb::reader

@@ -1,11 +1,11 @@
-// Tested by tests/orbctl/record_printer_test.cpp.
-#include "tools/orbctl/histogram_layout.h"
+// Tested by tests/reader/record_printer_test.cpp.
+#include "reader/histogram_layout.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 
-namespace orb::orbctl {
+namespace orb::reader {
 
 int64_t ConfiguredBuckets(const HistogramConfig& config) {
   return int64_t{config.bucket_bounds_size()} - 1 + (config.overflow_bucket() ? 1 : 0) +
@@ -36,4 +36,4 @@ HistogramLayout LayoutOf(const HistogramConfig& config) {
   return layout;
 }
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

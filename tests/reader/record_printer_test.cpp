@@ -1,4 +1,4 @@
-#include "tools/orbctl/record_printer.h"
+#include "reader/record_printer.h"
 
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-namespace orb::orbctl {
+namespace orb::reader {
 namespace {
 
 using google::protobuf::TextFormat;
@@ -173,4 +173,4 @@ TEST(HistogramLayoutTest, LabelsBuckets) {
 }
 
 }  // namespace
-}  // namespace orb::orbctl
+}  // namespace orb::reader

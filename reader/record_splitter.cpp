@@ -1,12 +1,12 @@
-// Tested by tests/orbctl/record_splitter_test.cpp.
-#include "tools/orbctl/record_splitter.h"
+// Tested by tests/reader/record_splitter_test.cpp.
+#include "reader/record_splitter.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <limits>
 
-namespace orb::orbctl {
+namespace orb::reader {
 namespace {
 
 constexpr uint64_t kVersionField = 1;
@@ -174,4 +174,4 @@ bool RecordSplitter::Damage(std::string reason) {
   return false;
 }
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

@@ -1,14 +1,14 @@
-// Tested by tests/orbctl/record_printer_test.cpp.
-#include "tools/orbctl/record_printer.h"
+// Tested by tests/reader/record_printer_test.cpp.
+#include "reader/record_printer.h"
 
 #include <fmt/format.h>
 
 #include <cmath>
 
-#include "tools/orbctl/record_formats.h"
+#include "reader/record_formats.h"
 #include "utility/checked.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 namespace {
 
 // What the campaign makes of a KPI, in the words of KindName; else null.
@@ -113,4 +113,4 @@ std::string NoteFor(const PayloadRecord& record, const CampaignIndex* campaign) 
   return campaign == nullptr ? "" : campaign->Note(record);
 }
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

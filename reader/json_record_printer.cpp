@@ -1,15 +1,15 @@
 // JSON Lines: one object a record, and one with "salvage" behind those of a damaged upload.
 // Integers are written in full, so 64-bit values are exact for readers that keep integers; floats
 // that JSON has no number for are the strings "NaN", "Infinity" and "-Infinity". Tested by
-// tests/orbctl/record_printer_test.cpp.
+// tests/reader/record_printer_test.cpp.
 #include <cmath>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "tools/orbctl/record_formats.h"
+#include "reader/record_formats.h"
 
-namespace orb::orbctl {
+namespace orb::reader {
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -114,4 +114,4 @@ std::unique_ptr<RecordPrinter> MakeJsonPrinter(std::ostream* out, const Campaign
   return std::make_unique<JsonPrinter>(out, campaign);
 }
 
-}  // namespace orb::orbctl
+}  // namespace orb::reader

@@ -13,7 +13,7 @@
 #include "tests/support/child_process.h"
 #include "utility/byte_order.h"
 
-namespace orb::orbctl::test {
+namespace orb::reader::test {
 
 struct UploadPlan {
   std::string records;
@@ -77,4 +77,4 @@ inline std::vector<uint8_t> BuildUpload(const UploadPlan& plan) {
   return file;
 }
 
-}  // namespace orb::orbctl::test
+}  // namespace orb::reader::test
