@@ -121,11 +121,6 @@ bool Bus::ConnectLocked() {
   return bus_ != nullptr;
 }
 
-bool Bus::Prepare() {
-  orb::MutexLock lock(mutex_);
-  return poller_.Open();
-}
-
 bool Bus::StartReader() {
   if (!reader_started_) reader_started_ = StartThread("binder-reader", [this] { ReadForever(); });
   return reader_started_;
@@ -133,28 +128,11 @@ bool Bus::StartReader() {
 
 void Bus::ReadForever() {
   for (;;) {
-    poller_.WaitReader(WorkerPool::Get().Relieve() ? kGrowRetryMs : -1);
+    poller_.Wait(WorkerPool::Get().Relieve() ? kGrowRetryMs : -1);
     orb::MutexLock lock(mutex_);
     Process();
     Rearm();
   }
-}
-
-void Bus::Sit() {
-  orb::MutexLock lock(mutex_);
-  seated_ = true;
-  Rearm();
-  for (;;) {
-    mutex_.Unlock();
-    const bool ready = poller_.WaitSeat();
-    mutex_.Lock();
-    if (!ready) break;
-    Process();
-    Rearm();
-    if (WorkerPool::Get().HasWork()) break;
-  }
-  seated_ = false;
-  Rearm();
 }
 
 void Bus::Process() {
@@ -190,9 +168,8 @@ void Bus::Disconnected() {
 
 void Bus::Rearm() {
   if (bus_ == nullptr) return;
-  const Turn turn = leader_ != nullptr ? Turn::kCaller : seated_ ? Turn::kSeat : Turn::kReader;
   const int events = sd_bus_get_events(bus_);
-  poller_.Set(turn, events < 0 ? POLLIN : events, seated_);
+  poller_.Watch(events < 0 ? POLLIN : events);
 }
 
 BusMessage Bus::NewCall(const char* destination, const char* path, const char* interface,
@@ -220,11 +197,7 @@ int Bus::OnReply(sd_bus_message* reply, void* pending,
 
 void Bus::Finish(Pending* pending) {
   pending->done = true;
-  if (pending != leader_) {
-    pending->replied.NotifyOne();
-  } else if (!leader_reads_) {
-    poller_.WakeCaller();
-  }
+  pending->replied.NotifyOne();
 }
 
 BusMessage Bus::CallAndWait(BusMessage call, std::optional<std::chrono::milliseconds> timeout) {
@@ -251,49 +224,15 @@ BusMessage Bus::CallAndWait(BusMessage call, std::optional<std::chrono::millisec
 
 void Bus::Await(Pending* pending) {
   pending_.push_back(pending);
-  const auto expired = [pending] {
-    return pending->deadline && Clock::now() >= *pending->deadline;
-  };
-  while (!pending->done && !expired()) {
-    if (leader_ == nullptr) {
-      Lead(pending);
-    } else {
-      // What this call could not write yet is the leader's to write.
-      Rearm();
-      if (pending->deadline) {
-        pending->replied.WaitUntil(mutex_, *pending->deadline);
-      } else {
-        pending->replied.Wait(mutex_);
-      }
+  Rearm();
+  while (!pending->done) {
+    if (!pending->deadline) {
+      pending->replied.Wait(mutex_);
+    } else if (!pending->replied.WaitUntil(mutex_, *pending->deadline)) {
+      break;
     }
   }
   pending_.erase(std::find(pending_.begin(), pending_.end(), pending));
-  if (leader_ == nullptr && !pending_.empty()) pending_.front()->replied.NotifyOne();
-  Rearm();
-}
-
-void Bus::Lead(Pending* pending) {
-  leader_ = pending;
-  Rearm();
-  while (!pending->done) {
-    int timeout_ms = -1;
-    if (pending->deadline) {
-      const auto left =
-          std::chrono::ceil<std::chrono::milliseconds>(*pending->deadline - Clock::now());
-      if (left.count() <= 0) break;
-      timeout_ms = static_cast<int>(left.count());
-    }
-    const int fd = poller_.fd();
-    const int events = poller_.caller_events();
-    mutex_.Unlock();
-    BusPoller::WaitCaller(fd, poller_.caller_fd(), events, timeout_ms);
-    mutex_.Lock();
-    leader_reads_ = true;
-    Process();
-    leader_reads_ = false;
-    Rearm();
-  }
-  leader_ = nullptr;
 }
 
 }  // namespace orb_platform

@@ -1,11 +1,9 @@
 // This process's connection to the bus: calls out, calls in, who holds what.
 //
-// The binding is not thread-safe, so everything happens under mutex_. One
-// thread at a time waits on the socket: a thread that waits for its own reply
-// if there is one, else the worker in the seat, else the reader thread. What it
-// reads is only queued or handed to its waiter; no handler runs there. Which of
-// them waits is a matter of epoll masks, so that nobody has to be woken up when
-// it changes. docs/formats/bus.md has the messages.
+// The binding is not thread-safe, so everything happens under mutex_. The reader
+// thread alone waits on the socket. It hands each reply to the thread that waits for
+// it, and each call to a worker; it runs no handler itself. docs/formats/bus.md has the
+// messages.
 //
 // Objects. A local binder that was sent away is kept in exports_ with a count
 // of sends per holder; a holder's Release gives back as many as it received, so
@@ -89,9 +87,6 @@ class Bus {
   // Connects unless connected. False when there is no bus, or no thread or descriptor
   // left for it.
   bool Connect() ORB_EXCLUDES(mutex_);
-  // What a worker needs of the bus also when it is not used. False when the process is
-  // out of descriptors.
-  bool Prepare() ORB_EXCLUDES(mutex_);
   android::status_t Transact(const BusTarget& target, uint32_t code, const android::Parcel& data,
                              android::Parcel* reply, uint32_t flags) ORB_EXCLUDES(mutex_);
   void ReleaseProxy(const BusTarget& target, const android::BpBinder* proxy) ORB_EXCLUDES(mutex_);
@@ -106,10 +101,8 @@ class Bus {
   std::vector<std::string> ListNames() ORB_EXCLUDES(mutex_);
   Credentials CredentialsOf(const Caller& caller) ORB_EXCLUDES(mutex_);
 
-  // The worker's seat: Sit() returns once there is work or Wake() was called.
-  void Sit() ORB_EXCLUDES(mutex_);
-  void Wake() { poller_.WakeSeat(); }  // Async-signal-safe.
-  void WakeReader() { poller_.WakeReader(); }
+  // Makes the reader thread call WorkerPool::Relieve(). Needs a connection, or one that was.
+  void WakeReader() { poller_.Wake(); }
 
   // orb_platform/liveness.h.
   uint64_t CallsServed() const { return served_.load(); }
@@ -175,7 +168,6 @@ class Bus {
   BusMessage CallAndWait(BusMessage call, std::optional<std::chrono::milliseconds> timeout = {})
       ORB_REQUIRES(mutex_);
   void Await(Pending* pending) ORB_REQUIRES(mutex_);
-  void Lead(Pending* pending) ORB_REQUIRES(mutex_);
   void Finish(Pending* pending) ORB_REQUIRES(mutex_);
   bool Send(const BusMessage& message) ORB_REQUIRES(mutex_);
   static int OnReply(sd_bus_message* reply, void* pending, sd_bus_error*);
@@ -242,9 +234,6 @@ class Bus {
   uint64_t connection_ ORB_GUARDED_BY(mutex_) = 0;
   int connect_result_ ORB_GUARDED_BY(mutex_) = 0;  // Of the latest attempt; 0 or -errno.
   bool reader_started_ ORB_GUARDED_BY(mutex_) = false;
-  bool seated_ ORB_GUARDED_BY(mutex_) = false;
-  Pending* leader_ ORB_GUARDED_BY(mutex_) = nullptr;
-  bool leader_reads_ ORB_GUARDED_BY(mutex_) = false;  // The leader itself is in Process().
   std::vector<Pending*> pending_ ORB_GUARDED_BY(mutex_);
   std::map<std::string, std::unique_ptr<Peer>> peers_ ORB_GUARDED_BY(mutex_);
   bool watches_all_ ORB_GUARDED_BY(mutex_) = false;  // Everybody who leaves the bus is told.

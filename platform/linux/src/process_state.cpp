@@ -16,8 +16,9 @@ std::atomic<ProcessState*> made{nullptr};
 }  // namespace
 
 sp<ProcessState> ProcessState::self() {
-  orb_platform::Bus& bus = orb_platform::Bus::Get();
-  if (orb_platform::HasExplicitServiceManager() ? !bus.Prepare() : !bus.Connect()) return nullptr;
+  if (!orb_platform::HasExplicitServiceManager() && !orb_platform::Bus::Get().Connect()) {
+    return nullptr;
+  }
   // Never freed: pool threads outlive static destructors.
   static const sp<ProcessState>* const state = new sp<ProcessState>(new ProcessState());
   made.store(state->get());

@@ -19,8 +19,6 @@ std::atomic<bool> stopped{false};
 constexpr size_t kMostWaiting = 512;
 
 thread_local bool is_worker = false;
-// This thread sits in the seat, so what it posts needs no wake-up.
-thread_local bool seated = false;
 
 }  // namespace
 
@@ -28,6 +26,8 @@ WorkerPool& WorkerPool::Get() {
   static WorkerPool* const pool = new WorkerPool();
   return *pool;
 }
+
+WorkerPool::WorkerPool() { sem_init(&wake_, 0, 0); }
 
 void WorkerPool::Start() {
   orb::MutexLock lock(mutex_);
@@ -98,7 +98,7 @@ void WorkerPool::Join() { Work(false); }
 
 void WorkerPool::Stop() {
   stopped.store(true);
-  Bus::Get().Wake();
+  sem_post(&wake_);
 }
 
 bool WorkerPool::StopBy(std::chrono::steady_clock::time_point deadline) {
@@ -113,35 +113,21 @@ bool WorkerPool::StopBy(std::chrono::steady_clock::time_point deadline) {
 void WorkerPool::Post(std::function<void()> task) {
   orb::MutexLock lock(mutex_);
   tasks_.push_back(std::move(task));
-  if (seated && tasks_.size() == 1) return;
-  if (waiting_ > signals_) {
-    signals_++;
-    signalled_.NotifyOne();
-  } else if (seat_taken_ && !seat_woken_ && !seated) {
-    seat_woken_ = true;
-    Bus::Get().Wake();
-  } else if (MayGrow()) {
-    Grow();
-  }
+  if (idle_ > 0) sem_post(&wake_);
+  if (tasks_.size() > idle_ && MayGrow()) Grow();
 }
 
 void WorkerPool::BeginWait() {
   if (!is_worker) return;
   orb::MutexLock lock(mutex_);
   ++replies_;
-  // Found all workers busy; those that were idle have been woken for theirs.
-  if (tasks_.size() > signals_ && !seat_taken_ && MayGrow()) Grow();
+  if (tasks_.size() > idle_ && MayGrow()) Grow();
 }
 
 void WorkerPool::EndWait() {
   if (!is_worker) return;
   orb::MutexLock lock(mutex_);
   --replies_;
-}
-
-bool WorkerPool::HasWork() const {
-  orb::MutexLock lock(mutex_);
-  return !tasks_.empty();
 }
 
 void WorkerPool::Work(bool may_end) {
@@ -153,25 +139,16 @@ void WorkerPool::Work(bool may_end) {
     } else if (may_end && threads_ > max_extra_ + 1 + replies_) {
       --threads_;
       break;
-    } else if (!seat_taken_) {
-      seat_taken_ = true;
-      mutex_.Unlock();
-      seated = true;
-      Bus::Get().Sit();
-      seated = false;
-      mutex_.Lock();
-      seat_taken_ = false;
-      seat_woken_ = false;
     } else {
-      waiting_++;
-      while (signals_ == 0 && !stopped.load()) signalled_.Wait(mutex_);
-      if (signals_ > 0) signals_--;
-      waiting_--;
+      ++idle_;
+      mutex_.Unlock();
+      sem_wait(&wake_);  // A signal may end it early, which the loop allows for.
+      mutex_.Lock();
+      --idle_;
     }
   }
-  // Only the worker in the seat can be woken from a signal handler; it tells the rest.
-  signalled_.NotifyAll();
   mutex_.Unlock();
+  sem_post(&wake_);  // Stop() wakes one worker; each wakes the next.
 }
 
 }  // namespace orb_platform

@@ -1,11 +1,11 @@
 // Threads that run incoming calls, death reports and drops of references.
 //
-// An idle worker sits in the one seat (it waits on the bus, too, so that a call
-// needs no hand-over) or waits for a signal. Each posted task wakes one idle
-// worker, or starts one while fewer than the maximum run. A worker that waits
-// for a reply does not count: what it waits for may need a worker, again and
-// again. Those too many end when they are idle.
+// Each posted task wakes an idle worker, or starts one while fewer than the maximum
+// run. A worker that waits for a reply does not count, because the reply may depend on
+// another call in, to any depth. Surplus workers end when they are idle.
 #pragma once
+
+#include <semaphore.h>
 
 #include <chrono>
 #include <cstddef>
@@ -42,14 +42,12 @@ class WorkerPool {
   // is a worker.
   void BeginWait() ORB_EXCLUDES(mutex_);
   void EndWait() ORB_EXCLUDES(mutex_);
-  // Whether a task waits for a worker.
-  bool HasWork() const ORB_EXCLUDES(mutex_);
   // For the reader: tries again to start the worker that there was no thread for, or
   // runs a task itself. True when it is to be called again in a while.
   bool Relieve() ORB_EXCLUDES(mutex_);
 
  private:
-  WorkerPool() = default;
+  WorkerPool();
   // False when there is no thread.
   bool Spawn(bool quiet = false) ORB_REQUIRES(mutex_);
   // One more worker for a task that waits, or the reader's help.
@@ -61,14 +59,11 @@ class WorkerPool {
   void Work(bool may_end) ORB_EXCLUDES(mutex_);
 
   mutable orb::Mutex mutex_;
-  orb::CondVar signalled_;
+  sem_t wake_;         // A semaphore, because a signal handler may post one.
   orb::CondVar done_;  // A task has ended, and the pool is stopped.
   std::deque<std::function<void()>> tasks_ ORB_GUARDED_BY(mutex_);
-  size_t waiting_ ORB_GUARDED_BY(mutex_) = 0;  // Workers in signalled_.Wait.
-  size_t signals_ ORB_GUARDED_BY(mutex_) = 0;  // Of those, how many are being woken.
+  size_t idle_ ORB_GUARDED_BY(mutex_) = 0;     // Workers that wait for wake_.
   size_t running_ ORB_GUARDED_BY(mutex_) = 0;  // Tasks.
-  bool seat_taken_ ORB_GUARDED_BY(mutex_) = false;
-  bool seat_woken_ ORB_GUARDED_BY(mutex_) = false;
   bool started_ ORB_GUARDED_BY(mutex_) = false;
   bool starved_ ORB_GUARDED_BY(mutex_) = false;  // No thread for the last one wanted.
   size_t threads_ ORB_GUARDED_BY(mutex_) = 0;
