@@ -96,52 +96,61 @@ class DumpTest : public CollectorFixture {
     }
   }
 
-  // Ends the session: it lost so many samples, and owner 42's others arrived. Then
-  // clears away what would be left for the next one.
-  void EndWith(const char* lost, uint64_t samples, uint64_t sent = 0) {
+  // Ends the session: owner 42, or the one that `cause` names, lost so many samples, and so
+  // many of owner 42 arrived.
+  void ExpectLost(const std::string& cause, uint64_t samples, uint64_t sent = 0) {
     collector_->StopSession();
     const DumpLines dump = Dump();
-    EXPECT_EQ(dump.Number(lost, "samples"), samples) << lost << "\n" << collector_->Dump();
-    EXPECT_EQ(dump.Number("owner.42.sent", "samples"), sent) << lost << "\n" << collector_->Dump();
+    const std::string key = cause.starts_with("owner.") ? cause : "owner.42.lost" + cause;
+    EXPECT_EQ(dump.Number(key, "samples"), samples) << collector_->Dump();
+    EXPECT_EQ(dump.Number("owner.42.sent", "samples"), sent) << collector_->Dump();
     ExpectBalance(dump);
-    Destroy();
-    client_ = std::make_shared<FakeAidlClient>();
-    std::filesystem::remove_all(data_dir_);
-    std::filesystem::create_directory(data_dir_);
   }
 
   std::shared_ptr<SlotHal> hal_;
 };
 
-TEST_F(DumpTest, CountsWhatFilesLoseByCause) {
+TEST_F(DumpTest, NothingIsLostOfAQuietSession) {
   StartFiles();
   LogCounter(5);
-  EndWith("owner.42.lost", 0, 5);
+  ExpectLost("", 0, 5);
+}
 
+TEST_F(DumpTest, ABlobAboveTheLimitIsOversize) {
   StartFiles();
   EXPECT_EQ(LogBlob(200), -1);
-  EndWith("owner.42.lost.oversize", 1);
+  ExpectLost(".oversize", 1);
+}
 
+TEST_F(DumpTest, FilesTakeNoScatteredBlob) {
   StartFiles();
   const kiv_blob_segment_t segment{Bytes("abc"), 3};
   EXPECT_EQ(collector_->Log(kBlob, &segment, 1), -1);
   ExpectError("WriteBlobSegsOptimized not supported in KPIFileSerializer");
-  EndWith("owner.42.lost.encode", 1);
+  ExpectLost(".encode", 1);
+}
 
+TEST_F(DumpTest, AnOpenGaugeWindowMakesNoRecord) {
   StartFiles();
   LogCounter(3, kGauge);
-  EndWith("owner.42.lost.no_record", 1, 2);
+  ExpectLost(".no_record", 1, 2);
+}
 
+TEST_F(DumpTest, AStateMakesNoRecord) {
   StartFiles();
   EXPECT_EQ(collector_->LogState(kState, 1, 2), 0);
-  EndWith("owner.42.lost.no_record", 1);
+  ExpectLost(".no_record", 1);
+}
 
+TEST_F(DumpTest, TheHalRefusesAnUpload) {
   StartFiles();
   client_->Fail("sendData", 1, 1);
   LogAndWrite(3);
   collector_->Flush();
-  EndWith("owner.42.lost.hal", 2, 1);
+  ExpectLost(".hal", 2, 1);
+}
 
+TEST_F(DumpTest, ThereIsNoMemoryToCompressIn) {
   StartFiles();
   LogAndWrite(3);
   no_memory = true;
@@ -150,94 +159,119 @@ TEST_F(DumpTest, CountsWhatFilesLoseByCause) {
   no_memory = false;
   EXPECT_TRUE(log_.Contains("orb_data_compress: failed to allocate dst_buf with size "));
   ExpectError("SendData: compress failed");
-  EndWith("owner.42.lost.compress", 2, 1);
+  ExpectLost(".compress", 2, 1);
+}
 
+TEST_F(DumpTest, AnOwnerIsStopped) {
   StartFiles();
   LogAndWrite(3);
   collector_->StopSessionForLicSN(42);
   LogCounter(1, kUnlisted);
-  EndWith("owner.42.lost.stopped", 2, 2);
+  ExpectLost(".stopped", 2, 2);
+}
 
+TEST_F(DumpTest, ADataFileIsGone) {
   StartFiles();
   LogAndWrite(3);
   std::filesystem::remove(data_dir_ + "/radio-42.tmp");
-  EndWith("owner.42.lost.unreadable", 3);
+  ExpectLost(".unreadable", 3);
+}
 
-  StartFiles({42, 77}, {MakeLicInfo(42)});
-  LogCounter(4);
-  EndWith("owner.77.lost.no_file", 4, 4);
+// What an owner is given decides before anything is logged.
+TEST_F(DumpTest, OwnersLackFilesAndKeys) {
+  const struct {
+    const char* lost;
+    std::vector<uint64_t> owners;
+    std::vector<LicInfo> keys;
+    bool encrypt;
+    uint64_t sent;
+  } cases[] = {{"owner.77.lost.no_file", {42, 77}, {MakeLicInfo(42)}, false, 4},
+               {"owner.0.lost.no_owner", {}, {}, false, 0},
+               {".no_key", {42}, {MakeLicInfo(42)}, true, 0},
+               {".encrypt", {42}, {MakeLicInfo(42, "no PEM", 1, 2)}, true, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.lost);
+    StartFiles(c.owners, c.keys, c.encrypt);
+    LogCounter(4);
+    ExpectLost(c.lost, 4, c.sent);
+  }
+}
 
-  StartFiles({}, {});
-  LogCounter(4);
-  EndWith("owner.0.lost.no_owner", 4);
-
-  StartFiles({42}, {MakeLicInfo(42)}, true);
-  LogCounter(4);
-  EndWith("owner.42.lost.no_key", 4);
-
-  StartFiles({42}, {MakeLicInfo(42, "no PEM", 1, 2)}, true);
-  LogCounter(4);
-  EndWith("owner.42.lost.encrypt", 4);
-
+TEST_F(DumpTest, ARefusedSessionIsDropped) {
   refuse_start = true;
   StartFiles();
   LogCounter(5);
   refuse_start = false;
   EXPECT_EQ(Start({42}, {MakeLicInfo(42)}), 0);
-  EndWith("owner.42.lost.dropped", 1, 4);
+  ExpectLost(".dropped", 1, 4);
 }
 
-TEST_F(DumpTest, CountsWhatSlotsLoseByCause) {
-  for (const char* conf : {"blob_segments_optimized=1\n", "blob_segments_optimized=2\n"}) {
-    const auto start = [&] {
-      WriteConf(conf);
-      StartSlots(4);
-    };
-    start();
-    kiv_blob_segment_t segment{Bytes("abc"), 3};
-    no_memory = true;
-    const int result = collector_->Log(kBlob, &segment, 1);
-    no_memory = false;
-    EXPECT_EQ(result, -1);
-    EndWith("owner.42.lost.memory", 1);
-
-    start();
-    const kiv_blob_segment_t without_bytes{nullptr, 3};
-    EXPECT_EQ(collector_->Log(kBlob, &without_bytes, 1), -1);
-    EndWith("owner.42.lost.encode", 1);
-
-    // After the lengths were added up, and before they are copied.
-    start();
-    const std::string bytes(4096, 'x');
-    segment = {Bytes(bytes), 30};
-    ChangeOnMalloc(&segment, 10);
-    EXPECT_EQ(collector_->Log(kBlob, &segment, 1), 0);
-    ChangeOnMalloc(&segment, 4096);
-    EXPECT_EQ(collector_->Log(kBlob, &segment, 1), -1);
-    const std::string sent = std::string("\x0a\0\0", 4) + bytes.substr(0, 10);
-    collector_->Flush();
-    EXPECT_NE(hal_->AllBytes().find(sent), std::string::npos);
-    EXPECT_LE(hal_->AllBytes().size(), sent.size() + 30) << "no byte that was not given";
-    EndWith("owner.42.lost", 1, 1);
+// The two ways of encoding a scattered blob.
+class SegmentLossTest : public DumpTest, public testing::WithParamInterface<const char*> {
+ protected:
+  SegmentLossTest() {
+    WriteConf(GetParam());
+    StartSlots(4);
   }
-  ExpectError("KPIMemorySerializer::WriteBlobSegsOptimized: malloc failed ");
-  ExpectError("Failed to allocate buf");
+  int LogSegment(kiv_blob_segment_t segment) { return collector_->Log(kBlob, &segment, 1); }
+};
+INSTANTIATE_TEST_SUITE_P(Encoders, SegmentLossTest,
+                         testing::Values("blob_segments_optimized=1\n",
+                                         "blob_segments_optimized=2\n"));
 
+TEST_P(SegmentLossTest, ThereIsNoMemoryToEncodeIn) {
+  no_memory = true;
+  const int result = LogSegment({Bytes("abc"), 3});
+  no_memory = false;
+  EXPECT_EQ(result, -1);
+  ExpectError(GetParam()[sizeof "blob_segments_optimized"] == '1'
+                  ? "KPIMemorySerializer::WriteBlobSegsOptimized: malloc failed "
+                  : "Failed to allocate buf");
+  ExpectLost(".memory", 1);
+}
+
+TEST_P(SegmentLossTest, ASegmentHasNoBytes) {
+  EXPECT_EQ(LogSegment({nullptr, 3}), -1);
+  ExpectLost(".encode", 1);
+}
+
+// After the lengths were added up, and before they are copied.
+TEST_P(SegmentLossTest, AnotherThreadChangesALength) {
+  const std::string bytes(4096, 'x');
+  kiv_blob_segment_t segment{Bytes(bytes), 30};
+  ChangeOnMalloc(&segment, 10);
+  EXPECT_EQ(collector_->Log(kBlob, &segment, 1), 0);
+  ChangeOnMalloc(&segment, 4096);
+  EXPECT_EQ(collector_->Log(kBlob, &segment, 1), -1);
+  const std::string sent = std::string("\x0a\0\0", 4) + bytes.substr(0, 10);
+  collector_->Flush();
+  EXPECT_NE(hal_->AllBytes().find(sent), std::string::npos);
+  EXPECT_LE(hal_->AllBytes().size(), sent.size() + 30) << "no byte that was not given";
+  ExpectLost("", 1, 1);
+}
+
+TEST_F(DumpTest, NothingIsLostInSlots) {
   StartSlots(4);
   LogCounter(40);
-  EndWith("owner.42.lost", 0, 40);
+  ExpectLost("", 0, 40);
+}
 
+TEST_F(DumpTest, TheHalRefusesASlot) {
   StartSlots(4);
   client_->Fail("FdWrite", 1, 1);
   LogCounter(3);
   collector_->Flush();
-  EndWith("owner.42.lost.slot_refused", 2, 1);
+  ExpectLost(".slot_refused", 2, 1);
+}
 
+TEST_F(DumpTest, ABlobIsLargerThanASlot) {
   StartSlots(1);
   EXPECT_EQ(LogBlob(90), -1);
-  EndWith("owner.42.lost.oversize", 1);
+  ExpectLost(".oversize", 1);
+}
 
-  StartSlots(1, 0);  // And it stays with the HAL.
+TEST_F(DumpTest, TheHalKeepsTheOnlySlot) {
+  StartSlots(1, 0);
   LogCounter(3);
   collector_->Flush();
   EXPECT_EQ(Dump().Number("owner.42.under_way", "samples"), 2u);
@@ -250,8 +284,10 @@ TEST_F(DumpTest, CountsWhatSlotsLoseByCause) {
   ASSERT_TRUE(WaitFor([&] { return hal_->Slots().size() == 2; }));
   hal_->Complete(1);
   EXPECT_EQ(stopped.get(), 0);
-  EndWith("owner.42.lost.no_slot", 4, 3);
+  ExpectLost(".no_slot", 4, 3);
+}
 
+TEST_F(DumpTest, ARefusedSessionDoesNotWaitForItsSlots) {
   refuse_start = true;
   StartSlots(4, 0);
   LogCounter(9);  // Three records fill a slot: the fourth announces it.
@@ -260,11 +296,11 @@ TEST_F(DumpTest, CountsWhatSlotsLoseByCause) {
   refuse_start = false;
   EXPECT_EQ(Start({42}, {MakeLicInfo(42)}), 0);
   EXPECT_EQ(Dump().Number("owner.42.lost.dropped", "samples"), 3u);
-  EndWith("owner.42.lost.unconfirmed", 6);
+  ExpectLost(".unconfirmed", 6);
 }
 
-// A record in part, and what comes behind it until the file is sent. One of which nothing
-// got there is in nobody's way.
+// A record in part, and what follows it until the file is sent. A record of which no byte
+// was written does not affect later ones.
 TEST_F(DumpTest, AFullDiskLosesWhatNoReaderFinds) {
   StartFiles();
   LogAndWrite(3);
