@@ -121,6 +121,7 @@ Session::Session(const KpiMix& mix, const Options& options)
 Session::~Session() {
   client_->DelayCalls(0);
   collector_->DeRegister();
+  collector_->Unroute();
   collector_.reset();
   std::error_code ignored;
   std::filesystem::remove_all(dir_, ignored);

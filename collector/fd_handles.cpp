@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "utility/check.h"
 #include "utility/checked.h"
 
 // One call of a `done`; lives on the stack of RunDone.
@@ -22,7 +23,10 @@ void FdHandles::BeginSetup(Setup* setup) {
 bool FdHandles::EndSetup(Setup* setup, kiv_fd_handle_s* handle) {
   orb::MutexLock lock(mutex_);
   Setup** link = &setups_;
-  while (*link != setup) link = &(*link)->next;
+  while (*link != setup) {
+    ORB_CHECK(*link != nullptr);  // BeginSetup() came before.
+    link = &(*link)->next;
+  }
   *link = setup->next;
   if (handle == nullptr || setup->lost) return false;
   last_id_ = orb::CheckedAdd<uint64_t>(last_id_, 1);
@@ -60,7 +64,10 @@ void FdHandles::Remove(kiv_fd_handle_s* handle) {
 
 void FdHandles::CountWaiting(uint64_t id, int change) {
   orb::MutexLock lock(mutex_);
-  entries_.find(id)->second.waiting += static_cast<uint32_t>(change);
+  const auto entry = entries_.find(id);
+  ORB_CHECK(entry != entries_.end());
+  entry->second.waiting += static_cast<uint32_t>(change);
+  ORB_CHECK(entry->second.waiting <= entry->second.running);
   changed_.NotifyAll();
 }
 
@@ -111,6 +118,7 @@ kiv_fd_handle_s* FdHandles::BeginNext(uint32_t fdToken, uint64_t last, uint64_t*
 void FdHandles::End(uint64_t id) {
   orb::MutexLock lock(mutex_);
   const auto entry = entries_.find(id);
+  ORB_CHECK(entry != entries_.end());
   entry->second.running = orb::CheckedSub<uint32_t>(entry->second.running, 1);
   if (entry->second.running == 0 && entry->second.handle == nullptr) entries_.erase(entry);
   changed_.NotifyAll();

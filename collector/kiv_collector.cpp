@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "ipc/kiv_aidl_client.h"
+#include "utility/check.h"
 #include "utility/clock.h"
 #include "utility/conf.h"
 #include "utility/contained.h"
@@ -20,7 +21,7 @@ constexpr uint32_t kFirstUnconnectedMode = 2;
 
 kiv_collector::kiv_collector(const kiv_cfg_s* cfg) : cfg_(*cfg) { Conf::Load(cfg_.data_dir); }
 
-kiv_collector::~kiv_collector() = default;
+kiv_collector::~kiv_collector() { ORB_CHECK(abandoned_); }
 
 int kiv_collector::Register() {
   if (cfg_.sync_register) return RunRegistration();
@@ -82,13 +83,15 @@ int kiv_collector::DeRegister() {
 }
 
 bool kiv_collector::AdoptInChild() {
-  return header_.AdoptInChild() && uploader_.AdoptInChild() && regions_.AdoptInChild() &&
-         ledger_.AdoptInChild() && link_.AdoptInChild() && stop_.AdoptInChild() &&
-         session_.AdoptInChild() && registerThreads_.AdoptInChild() &&
-         lostConnThreads_.AdoptInChild();
+  abandoned_ = header_.AdoptInChild() && uploader_.AdoptInChild() && regions_.AdoptInChild() &&
+               ledger_.AdoptInChild() && link_.AdoptInChild() && stop_.AdoptInChild() &&
+               session_.AdoptInChild() && registerThreads_.AdoptInChild() &&
+               lostConnThreads_.AdoptInChild();
+  return abandoned_;
 }
 
 void kiv_collector::Unroute() {
+  abandoned_ = true;
   if (cfg_.client_mode < kFirstUnconnectedMode) {
     // A lost connection leaves entries behind but no reference, so ask again.
     link_.ObtainClient()->forgetCollector(this);

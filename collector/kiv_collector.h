@@ -32,7 +32,7 @@ struct kiv_collector final : public SerializerOwner, public RoutedCollector {
  public:
   // Copies what it needs from cfg and loads the configuration file.
   explicit kiv_collector(const kiv_cfg_s* cfg);
-  // DeRegister() came before: no thread may still be running.
+  // Unroute() or AdoptInChild() came before, and no thread runs any more.
   virtual ~kiv_collector();
 
   // --- Registration. ---
@@ -135,6 +135,7 @@ struct kiv_collector final : public SerializerOwner, public RoutedCollector {
   WorkerThreads lostConnThreads_{stop_};
   DeliveryLedger ledger_;
   std::atomic<uint64_t> queueDepthMax_{0};
+  std::atomic<bool> abandoned_{false};  // Nothing reaches it any more.
   CollectorHeader header_{cfg_};
   Uploader uploader_{cfg_, link_, &ledger_};
   Regions regions_{this, cfg_, link_, &header_, &uploader_};

@@ -14,6 +14,7 @@
 #include "proto/ltc_campaign.pb.h"
 #include "serializer/kpi_file_serializer.h"
 #include "serializer/kpi_serializer.h"
+#include "utility/check.h"
 #include "utility/checked.h"
 #include "utility/conf.h"
 #include "utility/contained.h"
@@ -207,6 +208,7 @@ bool Session::CreateKPIs(const LTCCampaignDef& def) {
 }
 
 bool Session::FillKPITable(const LTCCampaignDef& def) {
+  ORB_CHECK(kpis_.empty());
   const auto serializer = Serializer();
   for (const KPICfg& cfg : def.kpi_cfgs()) {
     if (LOG_ENABLED(ANDROID_LOG_INFO)) {
@@ -338,6 +340,7 @@ void Session::ClearKPIs() {
 }
 
 void Session::FinalizeSerializer() {
+  CheckReleased();
   if (const auto serializer = Serializer()) {
     orb::Contained("Finalize", [&] { serializer->Finalize(); });
   }
@@ -345,6 +348,7 @@ void Session::FinalizeSerializer() {
 }
 
 void Session::DropSession() {
+  ORB_CHECK(!sessionActive_);
   {
     orb::HotMutexLock lock(stateMutex_);
     BookKPIs(orb::LossCause::kDropped);
@@ -369,7 +373,15 @@ void Session::SetSerializer(std::shared_ptr<KPISerializer> serializer) {
   // The previous one ends here, outside the leaf.
 }
 
-void Session::SetCurrent() { current_ = Serializer().get(); }
+void Session::SetCurrent() {
+  ORB_CHECK(current_ == nullptr);  // The session before has let go of its own.
+  current_ = Serializer().get();
+}
+
+void Session::CheckReleased() {
+  orb::HotMutexLock lock(stateMutex_);
+  ORB_CHECK(current_ == nullptr && kpis_.empty());
+}
 
 void Session::LogCalled(const char* operation) const {
   LOGI("%s: %s called for token - %s", cfg_.name.c_str(), operation, link_.token().c_str());
@@ -380,5 +392,7 @@ bool Session::AdoptInChild() {
   stateMutex_.Unlock();
   if (!sessionMutex_.IsFree() || !serializerMutex_.IsFree()) return false;
   const auto serializer = Serializer();
-  return serializer == nullptr || serializer->AdoptInChild();
+  if (serializer != nullptr && !serializer->AdoptInChild()) return false;
+  sessionActive_ = false;
+  return true;
 }

@@ -115,7 +115,9 @@ class Session {
   int CallStop() ORB_REQUIRES(stateMutex_);
   KPIFileSerializer* FilesOf(uint64_t licSN, const char* operation) ORB_REQUIRES(sessionMutex_);
   void LogCalled(const char* operation) const;
-  // These two when logging has let go of the serializer; they wait for its last upload.
+  // Aborts unless logging has let go of the KPIs and of the serializer.
+  void CheckReleased() ORB_EXCLUDES(stateMutex_);
+  // After logging has let go of the serializer: waits for its last upload.
   void FinalizeSerializer() ORB_REQUIRES(sessionMutex_) ORB_EXCLUDES(stateMutex_);
   // Drops what a failed start left behind: KPIs, then the serializer.
   void DropSession() ORB_REQUIRES(sessionMutex_) ORB_EXCLUDES(stateMutex_);
@@ -126,10 +128,10 @@ class Session {
 
   // One start, stop or way back to a manager that died at a time. Held across uploads
   // and registrations, which take as long as others like: nothing that logs takes it.
-  orb::Mutex sessionMutex_;
+  orb::Mutex sessionMutex_ ORB_ACQUIRED_BEFORE(stateMutex_);
   // Each sample takes it, so it is held for moments only, the client's session callbacks
   // and the announcement of a full slot apart.
-  orb::HotMutex stateMutex_;
+  orb::HotMutex stateMutex_ ORB_ACQUIRED_BEFORE(serializerMutex_);
 
   kiv_collector& owner_;
   const CollectorSettings& cfg_;

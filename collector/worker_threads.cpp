@@ -57,5 +57,6 @@ bool WorkerThreads::AdoptInChild() {
   if (!mutex_.IsFree()) return false;
   orb::MutexLock lock(mutex_);
   for (Worker& worker : workers_) new (&worker.thread) orb::Thread;
+  workers_.clear();
   return true;
 }

@@ -6,6 +6,7 @@
 #include <list>
 
 #include "collector/stop_signal.h"
+#include "utility/check.h"
 #include "utility/thread.h"
 #include "utility/thread_annotations.h"
 
@@ -16,8 +17,8 @@ class WorkerThreads {
  public:
   // `stop` is borrowed.
   explicit WorkerThreads(const StopSignal& stop) : stop_(stop) {}
-  // JoinAll() came before.
-  ~WorkerThreads() = default;
+  // JoinAll() or AdoptInChild() came before.
+  ~WorkerThreads() { ORB_CHECK(!any()); }
 
   // Runs `work` on a new thread of that name, unless the signal is raised. Joins those
   // that have finished: as many threads exist as run, and the last one. False, with one
@@ -26,7 +27,7 @@ class WorkerThreads {
 
   // True when a thread waits to be joined.
   bool any() ORB_EXCLUDES(mutex_);
-  // Blocks until all have ended. Hold no lock that a thread may want.
+  // Blocks until all have ended. Hold no lock that a thread may want. Not by one of them.
   void JoinAll() ORB_EXCLUDES(mutex_);
   // In the child of a fork(): forgets the threads, which are the parent's. False when
   // one of these was inside, and this object is not whole.

@@ -29,7 +29,8 @@
  * that needs one answers -1 or NULL with one error line, what it was about is lost and
  * counted, and later calls work again. No exception leaves a function.
  *
- * A count or a sum that no longer fits its type ends the process by abort(). What
+ * A count or a sum that no longer fits its type ends the process by abort(), as does a
+ * use of the library that breaks its own invariants; the log's last line says which. What
  * one window of a KPI bears, for values of magnitude M:
  *  - every KPI: 2^32 - 1 samples, a gauge 2^31 - 1;
  *  - counter: a sum of 2^63 - 1;

@@ -1,7 +1,48 @@
 // Tested by tests/ipc/hal_client_test.cpp.
 #include "ipc/collector_routes.h"
 
+#include <utility>
+
+#include "utility/check.h"
 #include "utility/checked.h"
+
+thread_local CollectorRoutes::Pin* CollectorRoutes::Pin::first_ = nullptr;
+
+CollectorRoutes::Pin::Pin(CollectorRoutes* routes, RoutedCollector* collector)
+    : routes_(routes), collector_(collector) {
+  Link();
+}
+
+CollectorRoutes::Pin::Pin(Pin&& other) noexcept {
+  if (other.routes_ == nullptr) return;
+  other.Unlink();
+  routes_ = std::exchange(other.routes_, nullptr);
+  collector_ = std::exchange(other.collector_, nullptr);
+  Link();
+}
+
+CollectorRoutes::Pin::~Pin() {
+  if (routes_ == nullptr) return;
+  Unlink();
+  routes_->Unpin(collector_);
+}
+
+void CollectorRoutes::Pin::Link() {
+  after_ = std::exchange(first_, this);
+  if (after_ != nullptr) after_->before_ = this;
+}
+
+void CollectorRoutes::Pin::Unlink() {
+  ORB_CHECK(before_ != nullptr || first_ == this);  // Else it is another thread's.
+  (before_ != nullptr ? before_->after_ : first_) = after_;
+  if (after_ != nullptr) after_->before_ = before_;
+}
+
+bool CollectorRoutes::Pin::HeldByThisThread(const RoutedCollector* collector) {
+  const Pin* pin = first_;
+  while (pin != nullptr && pin->collector_ != collector) pin = pin->after_;
+  return pin != nullptr;
+}
 
 void CollectorRoutes::Add(const std::string& token, RoutedCollector* collector) {
   orb::MutexLock lock(mapMutex_);
@@ -67,6 +108,7 @@ std::vector<CollectorRoutes::Pin> CollectorRoutes::TakeAll() {
 }
 
 void CollectorRoutes::Forget(RoutedCollector* collector) {
+  ORB_CHECK(!Pin::HeldByThisThread(collector));
   orb::MutexLock lock(mapMutex_);
   std::erase_if(tokens_, [=](const auto& entry) { return entry.second == collector; });
   std::erase_if(regions_, [=](const auto& entry) { return entry.second.collector == collector; });
@@ -90,12 +132,15 @@ std::vector<CollectorRoutes::Pin> CollectorRoutes::PinAllLocked() {
 
 CollectorRoutes::Pin CollectorRoutes::PinLocked(RoutedCollector* collector) {
   if (collector == nullptr) return Pin();
-  uint32_t& count = pins_.find(collector)->second;
-  count = orb::CheckedAdd<uint32_t>(count, 1);
+  const auto pin = pins_.find(collector);
+  ORB_CHECK(pin != pins_.end());  // Whoever adds a route adds its pins.
+  pin->second = orb::CheckedAdd<uint32_t>(pin->second, 1);
   return Pin(this, collector);
 }
 
 void CollectorRoutes::Unpin(RoutedCollector* collector) {
   orb::MutexLock lock(mapMutex_);
-  if (--pins_.find(collector)->second == 0) unpinned_.NotifyAll();
+  const auto pin = pins_.find(collector);
+  ORB_CHECK(pin != pins_.end() && pin->second > 0);
+  if (--pin->second == 0) unpinned_.NotifyAll();
 }

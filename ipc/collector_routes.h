@@ -21,24 +21,28 @@ class RoutedCollector;
 
 class CollectorRoutes {
  public:
-  // Move-only. Must not outlive the routes. Empty when nothing was found.
+  // Move-only. Stays on its thread, must not outlive the routes. Empty when nothing was
+  // found.
   class Pin {
    public:
     Pin() = default;
-    Pin(Pin&& other) noexcept
-        : routes_(std::exchange(other.routes_, nullptr)),
-          collector_(std::exchange(other.collector_, nullptr)) {}
+    Pin(Pin&& other) noexcept;
     Pin& operator=(Pin&&) = delete;
-    ~Pin() {
-      if (routes_ != nullptr) routes_->Unpin(collector_);
-    }
+    ~Pin();
     RoutedCollector* operator->() const { return collector_; }
     explicit operator bool() const { return collector_ != nullptr; }
 
    private:
     friend class CollectorRoutes;
-    Pin(CollectorRoutes* routes, RoutedCollector* collector)
-        : routes_(routes), collector_(collector) {}
+    Pin(CollectorRoutes* routes, RoutedCollector* collector);
+    static bool HeldByThisThread(const RoutedCollector* collector);
+    void Link();
+    void Unlink();
+
+    // The pins of this thread.
+    static thread_local Pin* first_;
+    Pin* before_ = nullptr;
+    Pin* after_ = nullptr;
     CollectorRoutes* routes_ = nullptr;
     RoutedCollector* collector_ = nullptr;
   };

@@ -3,6 +3,7 @@
 
 #include <chrono>
 
+#include "utility/check.h"
 #include "utility/contained.h"
 #include "utility/error_text.h"
 #include "utility/log.h"
@@ -16,6 +17,7 @@ bool ServiceManagerGate::StartAsking(const std::shared_ptr<State>& state) {
     const bool answered = orb::Contained("registerClient", state->ask);
     {
       orb::MutexLock lock(state->mutex);
+      ORB_CHECK(state->asking && !state->open);
       state->open = answered;
       state->asking = answered;  // Else the next attempt asks again.
     }

@@ -89,6 +89,7 @@ void HotMutex::ReleaseAndWake() {
   uint32_t state = state_.load(std::memory_order_relaxed);
   uint32_t released;
   do {
+    ORB_CHECK((state & kHeld) != 0);
     released = state & ~kHeld;
     if (released >= kOneSleeper) released |= kWoken;
   } while (!state_.compare_exchange_weak(state, released, std::memory_order_release,

@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <thread>
 
+#include "utility/check.h"
 #include "utility/thread_annotations.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -42,7 +43,10 @@ namespace orb {
 class ORB_CAPABILITY("mutex") HotMutex {
  public:
   HotMutex() { ORB_TSAN_MUTEX(create(this, __tsan_mutex_not_static)); }
-  ~HotMutex() { ORB_TSAN_MUTEX(destroy(this, __tsan_mutex_not_static)); }
+  ~HotMutex() {
+    ORB_CHECK((state_.load(std::memory_order_relaxed) & kHeld) == 0);
+    ORB_TSAN_MUTEX(destroy(this, __tsan_mutex_not_static));
+  }
   HotMutex(const HotMutex&) = delete;
   HotMutex& operator=(const HotMutex&) = delete;
 

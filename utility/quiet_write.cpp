@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "utility/check.h"
+
 namespace orb {
 
 PipeSignalHeld::PipeSignalHeld() {
@@ -60,6 +62,7 @@ LineOffer::LineOffer(int fd) : fd_(fd), kind_(Kind::kPolled) {
 }
 
 bool LineOffer::Add(std::string_view line) {
+  ORB_CHECK(line.size() <= sizeof piece_ && line.ends_with('\n'));
   if (piece_bytes_ + line.size() > sizeof piece_) Flush();
   line.copy(piece_ + piece_bytes_, line.size());
   piece_bytes_ += line.size();

@@ -7,11 +7,14 @@
 #include <signal.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <cstddef>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <new>
 #include <utility>
+
+#include "utility/check.h"
 
 namespace orb {
 
@@ -19,15 +22,15 @@ namespace orb {
 class Thread {
  public:
   Thread() = default;
-  ~Thread() {
-    if (joinable_) std::abort();
-  }
+  ~Thread() { ORB_CHECK(!joinable_); }
   Thread(const Thread&) = delete;
   Thread& operator=(const Thread&) = delete;
 
   // Runs body() on a new thread; it must not throw. `name` is a literal of at most 15
   // characters. 0, or the errno of what there is none left of: nothing runs then.
   int Start(const char* name, std::function<void()> body) noexcept {
+    ORB_CHECK(!joinable_);
+    ORB_CHECK(strlen(name) <= kNameCharsMax);
     std::unique_ptr<Task> task(new (std::nothrow) Task{name, std::move(body)});
     if (task == nullptr) return ENOMEM;
     sigset_t before;
@@ -42,16 +45,22 @@ class Thread {
   }
 
   bool joinable() const { return joinable_; }
+  // Not by the thread itself.
   void Join() {
-    pthread_join(thread_, nullptr);
+    ORB_CHECK(joinable_);
+    const int error = pthread_join(thread_, nullptr);
+    ORB_CHECK(error == 0);
     joinable_ = false;
   }
   void Detach() {
+    ORB_CHECK(joinable_);
     pthread_detach(thread_);
     joinable_ = false;
   }
 
  private:
+  static constexpr size_t kNameCharsMax = 15;  // The kernel's limit.
+
   struct Task {
     const char* name;
     std::function<void()> body;

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "utility/check.h"
+
 namespace orb::services {
 
 SerialExecutor::~SerialExecutor() {
@@ -12,6 +14,7 @@ SerialExecutor::~SerialExecutor() {
     MutexLock lock(mutex_);
     ended.swap(thread_);
   }
+  ORB_CHECK(ended.get_id() != std::this_thread::get_id());  // A task of its own.
   if (ended.joinable()) ended.join();
 }
 
