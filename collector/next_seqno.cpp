@@ -14,6 +14,7 @@
 #include <limits>
 
 #include "utility/checked.h"
+#include "utility/files.h"
 #include "utility/unique_fd.h"
 
 namespace {
@@ -24,7 +25,7 @@ constexpr mode_t kMode = 0666;
 
 // 0 for anything that is not an unsigned 32-bit decimal.
 uint32_t ReadNumber(const char* path) {
-  FILE* file = fopen(path, "re");
+  FILE* file = orb::Files::Open(path, "re");
   if (file == nullptr) return 0;
   char text[kTextBytesMax];
   text[fread(text, 1, sizeof text - 1, file)] = '\0';
@@ -46,7 +47,7 @@ uint32_t next_seqno(const char* path) {
   const orb::UniqueFd file(open(path, O_WRONLY | O_CREAT | O_CLOEXEC, kMode));
   // Numbers grow, so a tail is left of damaged files only; the line feed ends it.
   if (file.ok() && pwrite(file.get(), text, static_cast<size_t>(bytes), 0) == bytes) {
-    if (ftruncate(file.get(), bytes) == 0) fsync(file.get());
+    if (ftruncate(file.get(), bytes) == 0) orb::Files::Sync(file.get());
   }
   return number;
 }

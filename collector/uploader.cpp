@@ -17,6 +17,7 @@
 #include "utility/checked.h"
 #include "utility/contained.h"
 #include "utility/error_text.h"
+#include "utility/files.h"
 #include "utility/log.h"
 #include "utility/malloc_bytes.h"
 
@@ -111,7 +112,7 @@ std::optional<LossCause> SealData(const CollectorSettings& cfg, const LicSnKeyTa
 }  // namespace
 
 int Uploader::SendData(const std::string& path, const LicSnTables& tables) {
-  FILE* file = fopen(path.c_str(), "r+be");
+  FILE* file = orb::Files::Open(path.c_str(), "r+be");
   if (file == nullptr) {
     LOGE("%s: error in opening file %s - %s", "SendData", path.c_str(),
          orb::ErrorText(errno).c_str());

@@ -7,9 +7,9 @@
 #include <cmath>
 #include <cstdio>
 
-#include "kpi/kpi_clock.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/checked.h"
+#include "utility/clock.h"
 #include "utility/contained.h"
 #include "utility/log.h"
 #include "utility/quiet_write.h"
@@ -49,7 +49,7 @@ Gauge::Gauge(const KPICfg& cfg, KPISerializer* serializer) : KPI(cfg, serializer
 }
 
 int Gauge::Aggregate(unsigned int value) {
-  NewTimedSample(orb::kpi_clock::Seconds(), static_cast<int>(value));
+  NewTimedSample(orb::Clock::WallSeconds(), static_cast<int>(value));
   return 0;
 }
 

@@ -8,10 +8,10 @@
 #include "kpi/counter.h"
 #include "kpi/gauge.h"
 #include "kpi/histogram.h"
-#include "kpi/kpi_clock.h"
 #include "kpi/state_machine.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/checked.h"
+#include "utility/clock.h"
 #include "utility/log.h"
 
 namespace {
@@ -58,7 +58,7 @@ std::unique_ptr<KPI> KPI::Create(const KPICfg& cfg, KPISerializer* serializer) {
 }
 
 int KPI::AddSample() {
-  const TimePoint now = orb::kpi_clock::Now();
+  const TimePoint now = orb::Clock::Steady();
   if (tsStart == TimePoint{}) tsStart = now;
   numSamples = orb::CheckedAdd<uint32_t>(numSamples, 1);
   tsEnd = now;

@@ -9,11 +9,11 @@
 #include <cstdint>
 #include <memory>
 
-#include "kpi/kpi_clock.h"
 #include "ledger/kpi_samples.h"
 #include "proto/kpi_data.pb.h"
 #include "proto/ltc_campaign.pb.h"
 #include "utility/checked.h"
+#include "utility/clock.h"
 
 class KPISerializer;
 
@@ -105,7 +105,7 @@ inline bool KPI::IsWithinWindow(TimePoint now) const {
 }
 
 inline int KPI::AddSample(unsigned int value) {
-  const TimePoint now = orb::kpi_clock::Now();
+  const TimePoint now = orb::Clock::Steady();
   if (tsStart == TimePoint{}) tsStart = now;
   if (!IsWithinWindow(now)) CloseWindow(now);
   if (Aggregate(value) != 0) return 0;

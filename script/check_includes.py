@@ -52,8 +52,7 @@ FLOORS = [
      BINDER + ["orb_platform/"]),
     # The library and the services themselves, in one process.
     ("tools/orbctl/sim/", ["include/", "utility/", "proto/", "ledger/", "serializer/",
-                           "collector/", "kpi/kpi_clock.h", "services/", "reader/",
-                           "tools/orbctl/"] + CONTRACT,
+                           "collector/", "services/", "reader/", "tools/orbctl/"] + CONTRACT,
      BINDER + ["orb_platform/"]),
     ("tools/orbctl/main.cpp", ["tools/orbctl/", "utility/"], []),
     ("examples/", ["include/"], []),

@@ -13,6 +13,7 @@
 #include "serializer/serializer_owner.h"
 #include "utility/contained.h"
 #include "utility/error_text.h"
+#include "utility/files.h"
 #include "utility/log.h"
 
 using orb::LossCause;
@@ -33,9 +34,9 @@ const char* Shortened(const std::string& path) {
 // To storage, not only to the kernel. False when some of it did not get there;
 // *written is what a reader of the file finds.
 bool WriteThrough(FILE* file, const void* bytes, size_t count, size_t* written = nullptr) {
-  const size_t taken = count == 0 ? 0 : fwrite(bytes, 1, count, file);
+  const size_t taken = count == 0 ? 0 : orb::Files::Write(bytes, count, file);
   const bool flushed = fflush(file) == 0;
-  const bool synced = fsync(fileno(file)) == 0;
+  const bool synced = orb::Files::Sync(fileno(file)) == 0;
   if (written != nullptr) *written = taken;
   return taken == count && flushed && synced;
 }
@@ -170,7 +171,7 @@ void KPIFileSerializer::BookWithoutFile(uint64_t licSN, const kpiDataStruct& ite
 
 int KPIFileSerializer::createFout(uint64_t licSN) {
   const std::string path = TmpPath(licSN);
-  File file(fopen(path.c_str(), "w+be"));
+  File file(orb::Files::Open(path.c_str(), "w+be"));
   if (file == nullptr) {
     LOGE("%s: file creation failed - %s - err: %s", "createFout", Shortened(path),
          orb::ErrorText(errno).c_str());

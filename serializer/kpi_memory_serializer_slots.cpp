@@ -2,13 +2,14 @@
 // Tested by tests/serializer/kpi_memory_serializer_test.cpp.
 #include <algorithm>
 #include <bit>
-#include <ctime>
+#include <chrono>
 #include <map>
 #include <string>
 
 #include "serializer/kpi_memory_serializer.h"
 #include "serializer/serializer_owner.h"
 #include "utility/checked.h"
+#include "utility/clock.h"
 #include "utility/fd_handle.h"
 #include "utility/log.h"
 
@@ -19,10 +20,9 @@ namespace {
 constexpr uint32_t kUsableSlots = 31;  // See GetNewSlot.
 
 unsigned long long MonotonicMs() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<unsigned long long>(now.tv_sec) * 1000 +
-         static_cast<unsigned long long>(now.tv_nsec) / 1000000;
+  const auto now = orb::Clock::Steady().time_since_epoch();
+  return static_cast<unsigned long long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
 uint64_t BitOf(uint32_t slot) { return uint64_t{1} << slot; }

@@ -1,28 +1,32 @@
+// The zone is the one of now: a device's changes while its daemons run.
 // Tested by tests/serializer/telemetry_header_test.cpp.
 #include "utility/clock.h"
 
-#include <ctime>
-
 #include "utility/byte_order.h"
+#include "utility/thread_annotations.h"
 
 namespace {
 
-uint64_t Milliseconds(clockid_t clock) {
-  timespec now{};
-  clock_gettime(clock, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
-}
+// libc's own lock would do; this one is seen by the thread sanitizer. A leaf.
+orb::Mutex zone_mutex;
 
 }  // namespace
 
-int64_t curr_ts() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return now.tv_sec;
+int64_t curr_ts() { return static_cast<int64_t>(orb::Clock::WallMs() / 1000); }
+
+uint64_t veskstats_real_time_ms() { return orb::Clock::WallMs(); }
+
+uint64_t veskstats_uptime_ms() { return orb::Clock::UptimeMs(); }
+
+int32_t veskstats_timezone_min() {
+  // localtime_r alone may stay with the zone of its first call. tzset, which localtime
+  // calls as well, looks at TZ again or, without it, whether /etc/localtime has changed.
+  orb::MutexLock lock(zone_mutex);
+  tzset();
+  const time_t now = curr_ts();
+  tm local{};
+  if (localtime_r(&now, &local) == nullptr) return 0;
+  return static_cast<int32_t>(local.tm_gmtoff / 60);
 }
-
-uint64_t veskstats_real_time_ms() { return Milliseconds(CLOCK_REALTIME); }
-
-uint64_t veskstats_uptime_ms() { return Milliseconds(CLOCK_BOOTTIME); }
 
 uint64_t htonll(uint64_t value) { return orb::ByteSwap(value); }

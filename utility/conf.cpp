@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "utility/contained.h"
+#include "utility/files.h"
 #include "utility/log.h"
 
 namespace {
@@ -117,7 +118,7 @@ std::string Conf::trim(const std::string& text) {
 const Conf& Conf::Get() { return in_force.load(std::memory_order_acquire)->conf; }
 
 bool Conf::ReadFile(const std::string& path, Conf* conf) {
-  FILE* file = fopen(path.c_str(), "re");
+  FILE* file = orb::Files::Open(path.c_str(), "re");
   if (file == nullptr) return false;
   const bool applied = orb::Contained("Conf", [&] { ApplyFile(file, conf); });
   (void)fclose(file);  // It was only read.

@@ -24,6 +24,7 @@
 #include "tests/ipc/fake_hal.h"
 #include "tests/ipc/fake_manager.h"
 #include "tests/support/child_process.h"
+#include "utility/files.h"
 
 namespace {
 
@@ -77,13 +78,6 @@ int __wrap_open(const char* path, int flags, mode_t mode) {
   errno = EMFILE;
   return -1;
 }
-int __wrap_fsync(int) { return 0; }  // A thousand lives would wait for the disk.
-FILE* __real_fopen(const char* path, const char* mode);
-FILE* __wrap_fopen(const char* path, const char* mode) {
-  if (!FailsNow(kFile)) return __real_fopen(path, mode);
-  errno = EMFILE;
-  return nullptr;
-}
 }  // extern "C"
 
 // What protobuf and the platform's objects were building is lost to them when memory runs
@@ -135,6 +129,14 @@ class ExhaustionTest : public ::testing::Test {
  protected:
   ExhaustionTest() {
     __android_log_set_logger(CountErrors);
+    Files::Functions files;
+    files.open = [](const char* path, const char* mode) -> FILE* {
+      if (!FailsNow(kFile)) return fopen(path, mode);
+      errno = EMFILE;
+      return nullptr;
+    };
+    files.sync = [](int) { return 0; };  // A thousand lives would wait for the disk.
+    Files::Use(files);
     android::setDefaultServiceManager(services_);
     services_->addService(android::String16(kManagerService), manager_);
     EXPECT_TRUE(hal_->Publish());

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <cstdint>
 
-#include "kpi/kpi_clock.h"
+#include "utility/clock.h"
 
 namespace orb::test {
 
@@ -16,15 +16,12 @@ class FakeClock {
   FakeClock() {
     SetSteady(std::chrono::milliseconds(1250));
     wall_s_ = 100;
-    kpi_clock::steady_now = [] {
-      return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(steady_ns_.load()));
-    };
-    kpi_clock::wall_seconds = [] { return wall_s_.load(); };
+    Clock::Functions functions;
+    functions.steady = [] { return Clock::Time(std::chrono::nanoseconds(steady_ns_.load())); };
+    functions.wall_seconds = [] { return wall_s_.load(); };
+    Clock::Use(functions);
   }
-  ~FakeClock() {
-    kpi_clock::steady_now = &kpi_clock::SystemSteadyNow;
-    kpi_clock::wall_seconds = &kpi_clock::SystemWallSeconds;
-  }
+  ~FakeClock() { Clock::UseSystem(); }
   FakeClock(const FakeClock&) = delete;
   FakeClock& operator=(const FakeClock&) = delete;
 

@@ -23,7 +23,7 @@ SimClock& SimClock::Get() {
 
 SimClock::SimClock()
     : started_(steady_clock::now()),
-      wall_start_(std::chrono::floor<std::chrono::seconds>(
+      wall_start_(std::chrono::ceil<std::chrono::seconds>(
           std::chrono::system_clock::now().time_since_epoch())) {}
 
 void SimClock::Start(double factor) {

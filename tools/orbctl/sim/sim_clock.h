@@ -37,7 +37,8 @@ class SimClock {
   // because the size of a record depends on it; and for the monotonic clock.
   Time Uptime() const { return kUptimeAtStart + Now(); }
   std::chrono::steady_clock::time_point Steady() const;
-  // Since the epoch; at the start, the last whole second of the machine's clock.
+  // Since the epoch; at the start, the next whole second of the machine's clock, since
+  // headers bear no time before the start of the process.
   Time Wall() const { return wall_start_ + Now(); }
 
   // Returns after `duration`, or when `ended` is true; that is asked at the start

@@ -8,8 +8,7 @@
 #include <thread>
 
 #include "collector/kiv_collector.h"
-#include "kpi/kpi_clock.h"
-#include "tools/orbctl/sim/full_disk.h"
+#include "tools/orbctl/sim/library_host.h"
 #include "utility/conf.h"
 
 namespace orb::orbctl {
@@ -75,17 +74,12 @@ Trial::Trial(const TrialInput& input, SimServices* services, LibraryLog* log)
   std::stable_sort(edges_.begin(), edges_.end(), [](const Edge& a, const Edge& b) {
     return a.time != b.time ? a.time < b.time : a.begins < b.begins;
   });
-  kpi_clock::steady_now = [] { return SimClock::Get().Steady(); };
-  kpi_clock::wall_seconds = [] {
-    return int64_t{
-        std::chrono::duration_cast<std::chrono::seconds>(SimClock::Get().Wall()).count()};
-  };
+  Clock::Use(TrialTime());
 }
 
 Trial::~Trial() {
   End();
-  kpi_clock::steady_now = &kpi_clock::SystemSteadyNow;
-  kpi_clock::wall_seconds = &kpi_clock::SystemWallSeconds;
+  Clock::UseSystem();
 }
 
 void Trial::Register() {
@@ -148,7 +142,7 @@ void Trial::End() {
   collector_->Unroute();
   delete collector_;
   collector_ = nullptr;
-  SetFullDisk("");
+  FillDisk(false);
 }
 
 void Trial::Abandon() {
@@ -213,7 +207,7 @@ void Trial::Apply(const Edge& edge) {
       edge.begins ? KillManager() : services_.StartManager();
       break;
     case Fault::kDiskFull:
-      SetFullDisk(edge.begins ? input_.data_dir : "");
+      FillDisk(edge.begins);
       break;
   }
 }
