@@ -1,7 +1,7 @@
-// The 66 bytes that a collector writes before its data: what stays the same between
-// two headers is kept, the rest is filled in when one is made.
+// The 66 bytes that a collector writes before its data. It keeps the fields that stay the
+// same between two headers, and fills in the others when it makes one.
 //
-// Thread-safe; its mutex is a leaf, held for the look at libc's time zone, too.
+// Thread-safe. Its mutex is a leaf; the time zone's mutex alone is taken below it.
 // Tested by tests/collector/session_test.cpp and fd_test.cpp.
 #pragma once
 
@@ -17,7 +17,7 @@ class CollectorHeader {
  public:
   explicit CollectorHeader(const CollectorSettings& settings);
 
-  // What all headers from now on carry. The campaign's needs no lock, so that a
+  // All headers from now on carry these. The campaign's id needs no lock, so that a
   // manager's callback never waits for a session to store it.
   void SetClientId(int32_t client_id) ORB_EXCLUDES(mutex_);
   void SetSlotOwner(uint64_t licSN) ORB_EXCLUDES(mutex_);
@@ -27,7 +27,7 @@ class CollectorHeader {
   // The header of a new file of this LicSN.
   std::vector<uint8_t> ForFile(uint64_t licSN) ORB_EXCLUDES(mutex_);
 
-  // The header of one piece of a region, with what its upload's name is made of.
+  // The header of one piece of a region, and the numbers that name its upload.
   struct Piece {
     std::vector<uint8_t> bytes;
     int32_t client_id;
@@ -35,7 +35,7 @@ class CollectorHeader {
   };
   Piece ForPiece(uint32_t seqno, uint32_t size_bytes, bool compressed) ORB_EXCLUDES(mutex_);
 
-  // In the child of a fork(): false when one of the parent's threads was inside.
+  // Call in the child of a fork(). False when a thread of the parent was inside.
   bool AdoptInChild() ORB_EXCLUDES(mutex_) { return mutex_.IsFree(); }
 
  private:

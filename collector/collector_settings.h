@@ -1,4 +1,4 @@
-// What a collector keeps of its registration record, unchanged for its life.
+// A copy of the registration record; it does not change while the collector lives.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +7,10 @@
 #include "orb_sdk.h"
 
 struct CollectorSettings {
-  // Copies; the record is packed, so no field of it is ever referred to.
+  // The record is packed: copy its fields, since references to them are not aligned.
   explicit CollectorSettings(const kiv_cfg_s& record);
 
-  // All slots together. Aborts when that does not fit.
+  // The bytes of all slots together. Aborts when they do not fit 32 bits.
   uint32_t SlotsBytes() const;
 
   const std::string name;
@@ -23,10 +23,10 @@ struct CollectorSettings {
   const bool sync_register;
   const bool custom_session_format;
   const bool hbt;
-  const bool allocate_fd;       // This and the next two: false or 0 without hbt.
+  const bool allocate_fd;       // Without hbt, this and the next two are false or 0.
   const uint32_t fd_slot_size;  // Bytes.
   const uint32_t fd_nof_slots;
-  const uint32_t compress_loc;  // Where slots are compressed: 0, by the receiver.
+  const uint32_t compress_loc;  // 0: the receiver compresses slots; see header byte 30.
   const uint32_t compress_type;
   const bool header_override;
   const uint8_t header_kind;

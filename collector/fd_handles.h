@@ -19,16 +19,16 @@ class FdHandles {
   // One announcement of a region, kept on the stack of the thread that makes it, so
   // that losing the region meanwhile needs no memory.
   struct Setup {
-    // Written by whoever asks the receiver, before LoseNext may be called with it.
+    // The thread that asks the receiver writes it before LoseNext may be called with it.
     uint32_t fdToken = kiv_fd_handle_s::kNoToken;
-    // These two belong to FdHandles.
+    // Only FdHandles uses the next two.
     bool lost = false;
     Setup* next = nullptr;
   };
-  // Bracket the announcement of a region, from before the receiver is asked.
-  // EndSetup stores the handle, which carries the receiver's token and is borrowed
-  // until Remove; null stands for an announcement that failed. False, without
-  // storing it, when the receiver has died since it gave the token.
+  // Call them before the receiver is asked and after it has answered. EndSetup stores
+  // the handle, which carries the receiver's token and is borrowed until Remove; pass
+  // null for an announcement that failed. It returns false, without storing the handle,
+  // when the receiver has died since it gave the token.
   void BeginSetup(Setup* setup) ORB_EXCLUDES(mutex_);
   bool EndSetup(Setup* setup, kiv_fd_handle_s* handle) ORB_EXCLUDES(mutex_);
 
@@ -52,7 +52,7 @@ class FdHandles {
   // Whether this is the token of a handle that is stored and not withdrawn.
   bool Holds(const std::atomic<uint32_t>& fdToken) const ORB_EXCLUDES(mutex_);
 
-  // In the child of a fork(): false when a thread of the parent was inside.
+  // Call in the child of a fork(). False when a thread of the parent was inside.
   bool AdoptInChild() ORB_EXCLUDES(mutex_) {
     changed_.ForgetWaiters();
     return mutex_.IsFree();
@@ -62,7 +62,7 @@ class FdHandles {
   struct Entry {
     kiv_fd_handle_s* handle;  // Null once it is withdrawn; the entry stays while a `done` runs.
     uint32_t running = 0;
-    uint32_t waiting = 0;  // Those of the running ones that are inside Remove.
+    uint32_t waiting = 0;  // How many of the running calls are inside Remove.
   };
   struct Frame;
 
@@ -80,9 +80,9 @@ class FdHandles {
 
   mutable orb::Mutex mutex_;
   orb::CondVar changed_;
-  // By ids in the order of storing. None is used again, unlike the address of a handle
-  // that was freed.
+  // Ids grow in the order of storing. An id is never used again, unlike the address of
+  // a handle that was freed.
   std::map<uint64_t, Entry> entries_ ORB_GUARDED_BY(mutex_);
   uint64_t last_id_ ORB_GUARDED_BY(mutex_) = 0;
-  Setup* setups_ ORB_GUARDED_BY(mutex_) = nullptr;  // Begun and not ended.
+  Setup* setups_ ORB_GUARDED_BY(mutex_) = nullptr;  // Set-ups under way.
 };

@@ -76,7 +76,7 @@ int kiv_collector::DeRegister() {
     registerThreads_.JoinAll();
     LOGI("%s: registerThread exited", "DeRegister");
   }
-  // Whatever becomes of the session, the manager is told.
+  // The manager is told even if the session ends badly.
   orb::Contained("DeRegister", [this] { session_.StopSession(); });
   const auto client = link_.client();
   return client == nullptr ? -1 : client->deRegisterClient(link_.token());
@@ -105,14 +105,14 @@ bool kiv_collector::LostConn() {
 }
 
 void kiv_collector::LostConnThread() {
-  // The session waits for the registration, too: the next one, and the end of another
-  // manager, find it done. A synchronous one takes its time; whoever logs does not wait.
+  // The session mutex is held during the registration too, so the next session and the
+  // death of the next manager find it done. Calls that log do not wait for it.
   session_.StopThen([this] {
     LOGI("%s: c::LostConn deleteing client instance for token - %s", cfg_.name.c_str(),
          link_.token().c_str());
     link_.ResetClient();
     if (stop_.raised() || Register() == 0 || cfg_.sync_register) return;
-    RunRegistration();  // No thread for it: this one is as good.
+    RunRegistration();  // There is no thread for it, so this one does it.
   });
 }
 

@@ -1,6 +1,6 @@
 // One registered client: its registration with the manager, and the parts that do the
-// rest. Session measures, Uploader and Regions hand over; this is where the manager's
-// and the HAL's calls, and those of serializers, arrive.
+// rest. Session measures; Uploader and Regions hand data over. The calls of the manager,
+// of the HAL and of serializers arrive at this class.
 //
 // Life: constructed -> Register() -> sessions come and go -> DeRegister() ->
 // Unroute() -> destroyed. A lost manager stops the session and registers again.
@@ -45,9 +45,9 @@ struct kiv_collector final : public SerializerOwner, public RoutedCollector {
   // drops what a refused session has left. The last call before destruction, with no
   // lock held.
   void Unroute();
-  // In the child of a fork(): makes this a collector without threads, which can be
-  // destroyed without a wait and without a word to manager, HAL or disk. False when
-  // one of the parent's threads was inside: it must be left as it is then.
+  // Call in the child of a fork(). Makes this a collector without threads, which can be
+  // destroyed without a wait and without a call to manager, HAL or disk. False when a
+  // thread of the parent was inside: leave the collector as it is then.
   bool AdoptInChild();
   bool LostConn() override;
   void LostConnThread() override;
@@ -105,7 +105,7 @@ struct kiv_collector final : public SerializerOwner, public RoutedCollector {
                    const std::atomic<bool>& hal_died) override {
     regions_.Done(fdToken, a, b, c, hal_died);
   }
-  // By a HAL that lives.
+  // For a HAL that lives.
   void FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c) {
     regions_.Done(fdToken, a, b, c, false);
   }
@@ -120,8 +120,8 @@ struct kiv_collector final : public SerializerOwner, public RoutedCollector {
   DeliveryLedger& ledger() override { return ledger_; }
   void NoteQueueDepth(uint64_t depth) override;
 
-  // "key: value" lines, docs/operations.md. Any thread; waits for a session callback
-  // of the client for at most a moment, and leaves out what it would say then.
+  // "key: value" lines, docs/operations.md. Any thread. Waits for a session callback
+  // of the client for a quarter of a second and leaves the KPIs out after that.
   std::string Dump() override;
 
  private:

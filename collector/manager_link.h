@@ -24,7 +24,7 @@ class ManagerLink {
   std::string token() const ORB_EXCLUDES(mutex_);
   int32_t client_id() const ORB_EXCLUDES(mutex_);
 
-  // In the child of a fork(): false when one of the parent's threads was inside.
+  // Call in the child of a fork(). False when a thread of the parent was inside.
   bool AdoptInChild() ORB_EXCLUDES(mutex_) { return mutex_.IsFree(); }
 
  private:

@@ -1,7 +1,7 @@
-// The regions of shared memory of one collector: announced once, then piece by piece,
-// until they are withdrawn or their HAL dies.
+// The regions of shared memory of one collector. A region is announced once, then its
+// pieces one by one, until it is withdrawn or its HAL dies.
 //
-// Thread-safe. Waits for the HAL with no lock of its own held.
+// Thread-safe. It holds no lock of its own while it waits for the HAL.
 // Tested by tests/collector/fd_test.cpp.
 #pragma once
 
@@ -22,18 +22,18 @@ class Regions {
           CollectorHeader* header, Uploader* uploader)
       : owner_(*owner), settings_(settings), link_(link), header_(*header), uploader_(*uploader) {}
 
-  // As in SerializerOwner; the handle is allocated with malloc, the caller frees it.
+  // See SerializerOwner. The handle is allocated with malloc; the caller frees it.
   kiv_fd_handle_s* Set(int fd, uint32_t offset, uint32_t length, kiv_fd_done_cb done);
   int Write(const std::atomic<uint32_t>& fdToken, uint32_t offset, uint32_t size);
   int Unset(kiv_fd_handle_s* handle, const std::atomic<uint32_t>& fdToken);
 
-  // As in RoutedCollector.
+  // See RoutedCollector.
   void Done(uint32_t fdToken, uint32_t a, uint32_t b, int c, const std::atomic<bool>& hal_died) {
     handles_.RunDone(fdToken, a, b, c, hal_died);
   }
   void Lose(uint32_t fdToken);
 
-  // In the child of a fork(): false when one of the parent's threads was inside.
+  // Call in the child of a fork(). False when a thread of the parent was inside.
   bool AdoptInChild() { return handles_.AdoptInChild(); }
 
  private:

@@ -60,7 +60,7 @@ int Session::StartSession(const KIVCampConfig& config) {
 
 int Session::StartSessionLocked(const KIVCampConfig& config) {
   if (stop_.raised()) {
-    // Nothing would stop it any more.
+    // DeRegister() has stopped the session already; nothing would stop a new one.
     LOGE("%s: %s: StartSession received while de-registering - ignored", "StartSession",
          cfg_.name.c_str());
     return -1;
@@ -96,7 +96,7 @@ int Session::StartSessionLocked(const KIVCampConfig& config) {
   KPISerializer::Config serializer;
   if (!ConfigureSerializer(def, &serializer)) return -1;
   if (!CreateSerializer(serializer, "StartSession")) return -1;
-  // What takes long is done: a sample finds the session before or behind all of this.
+  // The slow part is done. Samples wait for the rest, and find the whole session or none.
   orb::HotMutexLock lock(stateMutex_);
   SetCurrent();
   if (!CreateKPIs(def)) return -1;
@@ -202,7 +202,7 @@ bool Session::CreateSerializer(const KPISerializer::Config& config, const char* 
 
 bool Session::CreateKPIs(const LTCCampaignDef& def) {
   const bool created = FillKPITable(def);
-  // Also after a failure: look-ups find what was made before it.
+  // After a failure, too: look-ups find the KPIs that were made before it.
   kpiIndex_.Build(kpis_);
   return created;
 }

@@ -39,16 +39,16 @@ class Session {
   Session(kiv_collector* owner, const CollectorSettings& settings, const ManagerLink& link,
           const StopSignal& stop, DeliveryLedger* ledger, CollectorHeader* header);
   ~Session();  // Drop() came before, or no other thread is left.
-  // Ends what the start of a refused session has left behind.
+  // Frees what the start of a refused session has made.
   void Drop() ORB_EXCLUDES(sessionMutex_, stateMutex_);
 
-  // As in RoutedCollector.
+  // See RoutedCollector.
   int StartSession(const KIVCampConfig& config) ORB_EXCLUDES(sessionMutex_, stateMutex_);
   int StopSession() ORB_EXCLUDES(sessionMutex_, stateMutex_);
   int StartSessionForLicSN(uint64_t licSN) ORB_EXCLUDES(sessionMutex_);
   int StopSessionForLicSN(uint64_t licSN) ORB_EXCLUDES(sessionMutex_);
-  // Ends the session, then calls go_on before another one can start. Nothing of both
-  // once the stop signal is raised.
+  // Ends the session, then calls go_on before another one can start. Does neither once
+  // the stop signal is raised.
   void StopThen(const std::function<void()>& go_on) ORB_EXCLUDES(sessionMutex_, stateMutex_);
   static bool validCfg(const LTCCampaignDef& def);
 
@@ -63,9 +63,9 @@ class Session {
   // These three take a leaf only, so callbacks may use them.
   void SetConfigParams(kiv_param_type_t type, uint32_t value) ORB_EXCLUDES(serializerMutex_);
   void Flush() ORB_EXCLUDES(serializerMutex_);
-  // Records that the session's files do not hold yet; 0 without one, and with slots.
+  // Records that the session's files do not hold yet. 0 without a session, and with slots.
   size_t Pending() const ORB_EXCLUDES(serializerMutex_);
-  // Of the campaign that runs, or ran last; never null.
+  // The tables of the campaign that runs, or ran last; never null.
   std::shared_ptr<const LicSnTables> tables() const ORB_EXCLUDES(serializerMutex_);
 
   // --- For a dump (session_state.cpp). ---
@@ -77,7 +77,7 @@ class Session {
     orb::KpiSamples samples;
   };
   struct State {
-    bool busy = false;  // It starts or ends: there are no KPIs then.
+    bool busy = false;  // The session starts or ends; `kpis` may be empty then.
     bool active = false;
     KPISerializer::Backlog backlog;
     Books books;
@@ -86,7 +86,7 @@ class Session {
   // Waits for the state mutex for a moment at most.
   State Describe() ORB_EXCLUDES(stateMutex_);
 
-  // In the child of a fork(): false when one of the parent's threads was inside.
+  // Call in the child of a fork(). False when a thread of the parent was inside.
   bool AdoptInChild() ORB_EXCLUDES(sessionMutex_, stateMutex_);
 
  private:
@@ -119,15 +119,15 @@ class Session {
   void CheckReleased() ORB_EXCLUDES(stateMutex_);
   // After logging has let go of the serializer: waits for its last upload.
   void FinalizeSerializer() ORB_REQUIRES(sessionMutex_) ORB_EXCLUDES(stateMutex_);
-  // Drops what a failed start left behind: KPIs, then the serializer.
+  // Frees what a failed start has made: KPIs, then the serializer.
   void DropSession() ORB_REQUIRES(sessionMutex_) ORB_EXCLUDES(stateMutex_);
   std::shared_ptr<KPISerializer> Serializer() const ORB_EXCLUDES(serializerMutex_);
   void SetSerializer(std::shared_ptr<KPISerializer> serializer) ORB_REQUIRES(sessionMutex_)
       ORB_EXCLUDES(serializerMutex_);
   void SetCurrent() ORB_REQUIRES(sessionMutex_, stateMutex_);
 
-  // One start, stop or way back to a manager that died at a time. Held across uploads
-  // and registrations, which take as long as others like: nothing that logs takes it.
+  // Allows one start, stop or return to a restarted manager at a time. It is held across
+  // uploads and registrations, whose time others decide, so nothing that logs takes it.
   orb::Mutex sessionMutex_ ORB_ACQUIRED_BEFORE(stateMutex_);
   // Each sample takes it, so it is held for moments only, the client's session callbacks
   // and the announcement of a full slot apart.
@@ -146,7 +146,7 @@ class Session {
   std::shared_ptr<const LicSnTables> tables_ ORB_GUARDED_BY(serializerMutex_);
 
   std::map<uint32_t, std::unique_ptr<KPI>> kpis_ ORB_GUARDED_BY(stateMutex_);
-  KpiIndex kpiIndex_ ORB_GUARDED_BY(stateMutex_);  // Of kpis_, for the hot path.
-  // What raw buffers go to: serializer_ without its leaf, or null while it is made or ended.
+  KpiIndex kpiIndex_ ORB_GUARDED_BY(stateMutex_);  // Finds in kpis_ on the hot path.
+  // Raw buffers go to it: serializer_, read without its leaf; null between sessions.
   KPISerializer* current_ ORB_GUARDED_BY(stateMutex_) = nullptr;
 };

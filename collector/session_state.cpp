@@ -1,4 +1,4 @@
-// What a session says of itself, for a dump.
+// The state of a session, for a dump.
 // Tested by tests/collector/dump_test.cpp.
 #include <chrono>
 #include <utility>
@@ -9,7 +9,7 @@
 
 namespace {
 
-// A callback of the client may take as long as it likes: nobody waits for that.
+// How long a dump waits for a callback of the client, which may take for ever.
 constexpr std::chrono::milliseconds kBusyWait{250};
 
 const char* TypeName(const KPICfg& cfg) {

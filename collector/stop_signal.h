@@ -1,4 +1,4 @@
-// The end of a collector, for the threads that work for it.
+// Tells the threads that work for a collector that it is about to end.
 #pragma once
 
 #include <atomic>
@@ -6,14 +6,14 @@
 
 #include "utility/thread_annotations.h"
 
-// Raised once, when its owner is about to go. Thread-safe.
+// Raised once, before its owner is destroyed. Thread-safe.
 class StopSignal {
  public:
   void Raise() ORB_EXCLUDES(mutex_);
   bool raised() const { return raised_.load(); }
   // Returns after the seconds, or as soon as the signal is raised.
   void WaitFor(int32_t seconds) ORB_EXCLUDES(mutex_);
-  // In the child of a fork(): false when one of the parent's threads was inside.
+  // Call in the child of a fork(). False when a thread of the parent was inside.
   bool AdoptInChild() ORB_EXCLUDES(mutex_) {
     cv_.ForgetWaiters();
     return mutex_.IsFree();

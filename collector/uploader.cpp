@@ -29,8 +29,8 @@ namespace {
 // this one is a placeholder and asks for none.
 constexpr size_t kOverrideKeyCharsMin = 11;
 
-// Bytes behind the header, with the file positioned there; 0 when there are
-// none or the file cannot be read.
+// Positions the file after its header and returns the bytes from there on; 0 when there
+// are none or the file cannot be read.
 uint32_t SeekToPayload(FILE* file, const std::string& path) {
   if (fseek(file, 0, SEEK_END) != 0) {
     LOGE("%s: fseek() failed on %s", "SendData", path.c_str());
@@ -126,8 +126,8 @@ int Uploader::SendData(const std::string& path, const LicSnTables& tables) {
     fate.lost = LossCause::kMemory;
   }
   if (!ledger_.Settle(path, fate.lost)) ledger_.SettleRecovered(fate.payload_bytes, fate.lost);
-  // Also when the upload failed: data is never kept for a second attempt. Nor is
-  // it found again when its directory comes back.
+  // The file goes even when the upload failed: there is no second attempt. It is emptied
+  // where it cannot be deleted, so that a later start does not find it.
   if (unlink(path.c_str()) != 0 && ftruncate(fileno(file), 0) != 0) {
     LOGE("%s: error in deleting file %s - %s", "SendData", path.c_str(),
          orb::ErrorText(errno).c_str());

@@ -1,7 +1,7 @@
-// Sends what a client has collected: numbers each upload, compresses, seals and hands
-// over closed data files.
+// Sends closed data files: gives each upload its number, compresses it, encrypts it for
+// its owner and hands it to the HAL.
 //
-// Thread-safe. Its mutex is a leaf, held while the ".seq" file is read and written.
+// Thread-safe. Its mutex is a leaf; it is held while the ".seq" file is read and written.
 // Tested by tests/collector/upload_test.cpp.
 #pragma once
 
@@ -29,12 +29,12 @@ class Uploader {
 
   // The next upload's number, from the client's ".seq" file.
   uint32_t NextSeqno() ORB_EXCLUDES(mutex_);
-  // The latest of this process; -1 before the first.
+  // The latest number of this process; -1 before the first.
   int64_t last_seqno() const { return last_seqno_; }
-  // What the HAL files an upload under.
+  // The name by which the HAL stores an upload.
   std::string NameOf(int32_t client_id, uint64_t suffix) const;
 
-  // In the child of a fork(): false when one of the parent's threads was inside.
+  // Call in the child of a fork(). False when a thread of the parent was inside.
   bool AdoptInChild() ORB_EXCLUDES(mutex_) { return mutex_.IsFree(); }
 
  private:

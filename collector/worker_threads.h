@@ -1,4 +1,4 @@
-// Threads that are started per event and joined before their owner goes.
+// Threads that are started one per event and joined before their owner ends.
 #pragma once
 
 #include <atomic>
@@ -20,17 +20,17 @@ class WorkerThreads {
   // JoinAll() or AdoptInChild() came before.
   ~WorkerThreads() { ORB_CHECK(!any()); }
 
-  // Runs `work` on a new thread of that name, unless the signal is raised. Joins those
-  // that have finished: as many threads exist as run, and the last one. False, with one
-  // error line, when there is no thread or no memory for it; nothing runs then.
+  // Runs `work` on a new thread of that name, unless the signal is raised. First joins the
+  // threads that have finished, so that their number stays bounded. False, with one error
+  // line, when there is no thread or no memory for it; nothing runs then.
   bool Start(const char* name, std::function<void()> work) noexcept ORB_EXCLUDES(mutex_);
 
   // True when a thread waits to be joined.
   bool any() ORB_EXCLUDES(mutex_);
   // Blocks until all have ended. Hold no lock that a thread may want. Not by one of them.
   void JoinAll() ORB_EXCLUDES(mutex_);
-  // In the child of a fork(): forgets the threads, which are the parent's. False when
-  // one of these was inside, and this object is not whole.
+  // Call in the child of a fork(). Forgets the threads, which exist in the parent only.
+  // False when one of them was inside; the object must not be used then.
   bool AdoptInChild() ORB_EXCLUDES(mutex_);
 
  private:

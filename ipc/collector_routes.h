@@ -1,7 +1,7 @@
 // Which collector a token of the manager, or a region token of the HAL, names.
 //
-// A look-up pins the collector: whoever destroys it first calls Forget, which
-// removes its entries and waits until the last pin is gone. So a callback never
+// A look-up pins the collector. Before a collector is destroyed, its owner calls Forget,
+// which removes its entries and waits until the last pin is gone. So a callback never
 // reaches a destroyed collector, although it holds no lock while it runs.
 //
 // Thread-safe. The one mutex is a leaf: nothing is called with it held.
@@ -53,11 +53,11 @@ class CollectorRoutes {
 
   // Completions of the region go to the collector, registered or not.
   void AddRegion(uint32_t fdToken, RoutedCollector* collector) ORB_EXCLUDES(mapMutex_);
-  // A number of its own for each region; 0 for an unknown token.
+  // A number that no other region gets; 0 for an unknown token.
   uint64_t RegionSerial(uint32_t fdToken) ORB_EXCLUDES(mapMutex_);
-  // Nothing if the token names another region by now.
+  // No effect if the token names another region by now.
   void RemoveRegion(uint32_t fdToken, uint64_t serial) ORB_EXCLUDES(mapMutex_);
-  // Forgets one region: its token and collector; none when none is left.
+  // Forgets one region and returns its token and collector; nullopt when none is left.
   // Allocates nothing, so that the death of the HAL reaches every region's collector.
   std::optional<std::pair<uint32_t, Pin>> TakeRegion() ORB_EXCLUDES(mapMutex_);
 
@@ -65,7 +65,7 @@ class CollectorRoutes {
   Pin FindRegion(uint32_t fdToken) ORB_EXCLUDES(mapMutex_);
   // One pin for each token, in the tokens' order.
   std::vector<Pin> FindAll() ORB_EXCLUDES(mapMutex_);
-  // The same, and forgets all tokens; region tokens stay.
+  // Like FindAll, and forgets all tokens. Region tokens stay.
   std::vector<Pin> TakeAll() ORB_EXCLUDES(mapMutex_);
 
   // Blocks while the collector is pinned. The caller holds no lock that a
@@ -86,5 +86,6 @@ class CollectorRoutes {
   std::map<std::string, RoutedCollector*> tokens_ ORB_GUARDED_BY(mapMutex_);
   std::map<uint32_t, Region> regions_ ORB_GUARDED_BY(mapMutex_);
   uint64_t last_serial_ ORB_GUARDED_BY(mapMutex_) = 0;
-  std::map<RoutedCollector*, uint32_t> pins_ ORB_GUARDED_BY(mapMutex_);  // Of all that were routed.
+  // One entry for each collector that was ever routed and not forgotten.
+  std::map<RoutedCollector*, uint32_t> pins_ ORB_GUARDED_BY(mapMutex_);
 };

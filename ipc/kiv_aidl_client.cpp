@@ -118,7 +118,7 @@ int kivAIDLClient::deRegisterClient(const std::string& token) {
 void kivAIDLClient::forgetCollector(RoutedCollector* collector) { routes_.Forget(collector); }
 
 void kivAIDLClient::LookUpManager() {
-  static_cast<void>(::android::defaultServiceManager());  // Waits for it, whatever the name.
+  static_cast<void>(::android::defaultServiceManager());  // Waits until there is one.
 }
 
 kivAIDLClient::Manager kivAIDLClient::CurrentManager() {

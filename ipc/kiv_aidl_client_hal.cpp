@@ -51,7 +51,7 @@ void kivAIDLClient::processLostOrbsyshalConn() {
   orb::MutexLock lock(halMutex_);
   lost.deaths = orb::CheckedAdd<uint64_t>(hal_.deaths, 1);
   std::swap(lost, hal_);
-  // All under the lock, because the next HAL may give the same tokens again.
+  // Under the lock to the end, because the next HAL may give the same tokens again.
   if (lost.callback != nullptr) lost.callback->HalDied();
   while (const auto region = routes_.TakeRegion()) region->second->LoseRegion(region->first);
 }

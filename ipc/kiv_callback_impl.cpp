@@ -43,7 +43,7 @@ status_t WriteDump(int fd, const Vector<String16>& args) {
   } else {
     return ::android::BAD_VALUE;
   }
-  // Nothing is pinned or locked any more: a reader that is slow keeps only this call.
+  // No collector is pinned and no lock is held: a slow reader delays only this call.
   return -orb::QuietWrite(fd, text);
 }
 
@@ -54,7 +54,7 @@ Status KIVCallbackImpl::StartSession(const std::string& token, const KIVCampConf
   *_aidl_return = -1;
   orb::Contained("StartSession", [&] {
     if (const auto collector = FindCollector("StartSession", token)) {
-      // Also a start that is refused leaves its campaign's id behind.
+      // A start that is refused sets the campaign's id, too.
       collector->SetCampaignId(static_cast<uint64_t>(config.campId));
       *_aidl_return = collector->StartSession(config);
     }

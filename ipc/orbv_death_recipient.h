@@ -1,4 +1,4 @@
-// Hears of the manager's death. (The HAL's is heard by kivAIDLClient::serviceDied.)
+// Told when the manager dies. (kivAIDLClient::serviceDied is told when the HAL does.)
 #pragma once
 
 #include <binder/IBinder.h>

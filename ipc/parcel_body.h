@@ -33,7 +33,7 @@ android::status_t WriteBody(android::Parcel* parcel, Writers... writers) {
 
 // Runs the field readers in order while bytes of the body remain. BAD_VALUE for
 // a size below its own width or past what a position can be. A reader's error
-// is returned at once; otherwise the position ends behind the body.
+// is returned at once; otherwise the position is after the body then.
 template <typename... Readers>
 android::status_t ReadBody(const android::Parcel* parcel, Readers... readers) {
   const size_t start = parcel->dataPosition();

@@ -1,4 +1,4 @@
-// What the manager's and the HAL's calls are routed to: a collector, seen from below.
+// The collector, as the manager's and the HAL's calls need it.
 //
 // Every call comes with no lock of the client held, unless it says otherwise, on a
 // thread of a binder pool; CollectorRoutes keeps the collector alive meanwhile.
@@ -17,22 +17,22 @@ class RoutedCollector {
 
   // --- From the manager. These take the collector's session and state mutexes, and
   // what is below them; a start uploads left-over files, an end waits for uploads. ---
-  // 0, or why there is no session: -1 or the client's own refusal.
+  // 0; -1 or the client's own status when there is no session.
   virtual int StartSession(const KIVCampConfig& config) = 0;
   virtual int StopSession() = 0;
-  // One owner of the running session. 0.
+  // Starts or stops one owner of the running session. Always 0.
   virtual int StartSessionForLicSN(uint64_t licSN) = 0;
   virtual int StopSessionForLicSN(uint64_t licSN) = 0;
-  // The campaign of the next headers. No lock.
+  // Headers carry this campaign from now on. Takes no lock.
   virtual void SetCampaignId(uint64_t campaignId) = 0;
-  // "key: value" lines. Tries for the state mutex for a moment only.
+  // "key: value" lines. Waits at most a quarter of a second for the state mutex.
   virtual std::string Dump() = 0;
 
   // --- Registration. ---
-  // What the manager assigned, before it is routable. Takes leaves only; called with
-  // the lock of the manager's connection held.
+  // The manager has assigned these; called before the collector is routable, with the
+  // lock of the manager's connection held. Takes leaves only.
   virtual void SetIdentity(const std::string& token, int32_t clientId) = 0;
-  // True once it de-registers: then nothing waits for it any more. No lock.
+  // True once it de-registers, when nobody must wait on its behalf. Takes no lock.
   virtual bool stopping() const = 0;
   // The manager died. Starts a thread that runs LostConnThread(), and takes a leaf. False
   // when there is no thread: the caller then calls that itself.
@@ -43,14 +43,14 @@ class RoutedCollector {
 
   // --- From the HAL. ---
   // A piece of the region was consumed: runs the client's `done` functions, with no lock
-  // held. None once *hal_died, which the client sets before it looks for the next HAL.
+  // held. Runs none once *hal_died, which is set before the next HAL is looked for.
   virtual void FdWriteDone(uint32_t fdToken, uint32_t a, uint32_t b, int c,
                            const std::atomic<bool>& hal_died) = 0;
-  // The HAL that has this region died: nothing is announced to it any more, and what was
-  // is over. Takes leaves only; called with the lock of the HAL's connection held.
+  // The HAL that has this region died: no piece is announced to it any more, and the
+  // announced ones count as lost. Takes leaves only; the HAL connection's lock is held.
   virtual void LoseRegion(uint32_t fdToken) = 0;
 
  protected:
   RoutedCollector() = default;
-  ~RoutedCollector() = default;  // Nobody destroys a collector through this.
+  ~RoutedCollector() = default;  // A collector is not destroyed through this class.
 };

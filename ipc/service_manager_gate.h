@@ -1,4 +1,4 @@
-// Whether one of the platform's service managers has answered this process.
+// Tells whether one of the platform's service managers has answered this process.
 //
 // The platform's first look-up waits for a service manager without end, and
 // nothing can interrupt it. So a thread of the gate makes the first one; other
@@ -25,8 +25,8 @@ class ServiceManagerGate {
   void Ask();
   // Never waits. Once true, it stays so.
   bool open() const { return state_->open.load(); }
-  // Asks, then waits until the gate is open, for kWaitMs, or until `give_up` is true;
-  // whoever makes it true calls Wake(). What open() gives.
+  // Asks, then waits until the gate is open, for kWaitMs, or until `give_up` is true; the
+  // thread that makes it true calls Wake(). Returns open().
   bool Await(const std::function<bool()>& give_up);
   void Wake();
 

@@ -58,8 +58,8 @@ android::binder::Status Call(const android::sp<android::IBinder>& remote, const 
 
 // Serves one request of `stub`. read() takes the arguments from `data` and
 // write() puts the results into `reply`, both return a status_t; invoke() is
-// the method itself. Arguments that are null, or followed by bytes that nobody
-// reads, reach the caller as an exception and the method is not called.
+// the method itself. When arguments are null or followed by bytes that read() leaves,
+// the method is not called and the caller gets an exception.
 template <typename Stub, typename Read, typename Invoke, typename Write>
 android::status_t ServeThrowing(Stub* stub, const android::Parcel& data, android::Parcel* reply,
                                 const Method& method, Read read, Invoke invoke, Write write) {
@@ -81,7 +81,7 @@ android::status_t ServeThrowing(Stub* stub, const android::Parcel& data, android
   return status;
 }
 
-// The same on a thread of the platform, which takes no exception: NO_MEMORY.
+// Like ServeThrowing, for the platform's threads: a C++ exception becomes NO_MEMORY.
 template <typename Stub, typename Read, typename Invoke, typename Write>
 android::status_t Serve(Stub* stub, const android::Parcel& data, android::Parcel* reply,
                         const Method& method, Read read, Invoke invoke, Write write) {

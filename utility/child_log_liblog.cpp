@@ -1,5 +1,5 @@
-// A device's log: one datagram to the log daemon. Its locks are readers' only, which
-// bionic grants whatever other readers there were.
+// A device's log: one datagram to the log daemon. liblog takes its locks for reading
+// only, which bionic grants even if the parent's threads held them for reading.
 #include "utility/child_log.h"
 #include "utility/log.h"
 

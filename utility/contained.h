@@ -1,6 +1,6 @@
-// The edge where an exception ends. The library throws none of its own; what arrives
-// here says that an allocation failed, in the C++ library or in one that we use. The
-// host asked for a status, so that is what it gets.
+// Turns an exception into a status. The library throws none of its own: an exception
+// says that an allocation failed, in the C++ library or in another one that we use, and
+// the host's call must still return its status.
 // Tested by tests/faults/exhaustion_test.cpp.
 #pragma once
 
@@ -12,7 +12,7 @@
 namespace orb {
 
 // The result of body(), or `failure` and one error line when it throws. `operation` is
-// for the line. A thread that is being cancelled unwinds on: that is no exception.
+// for the line. The unwinding of a thread that is cancelled passes through.
 template <typename Result, typename Body>
 Result Contained(const char* operation, Result failure, Body&& body) {
   try {
@@ -23,7 +23,7 @@ Result Contained(const char* operation, Result failure, Body&& body) {
   }
 }
 
-// The same for what has no result. False when it threw.
+// Like the one above, for a body without a result. False when it threw.
 template <typename Body>
 bool Contained(const char* operation, Body&& body) {
   return Contained(operation, false, [&] {

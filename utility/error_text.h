@@ -1,4 +1,4 @@
-// strerror for any thread.
+// The same as strerror, but safe on any thread.
 #pragma once
 
 #include <string>

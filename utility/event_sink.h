@@ -1,4 +1,4 @@
-// Where event records go: the platform's event log, or what stands in for it.
+// Event records go to the platform's event log, or to a file in its place.
 // Exactly one of the two sources that define this is linked.
 #pragma once
 

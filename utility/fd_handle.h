@@ -11,8 +11,8 @@
 struct kiv_fd_handle_s {
   static constexpr uint32_t kNoToken = 0xFFFFFFFF;
 
-  // The receiver's name for the region; kNoToken once the receiver has died, whose
-  // successor may give the same name to another region.
+  // The receiver's name for the region. kNoToken once the receiver has died: the next one
+  // may give the same name to another region.
   std::atomic<uint32_t> fdToken;
   int fd;           // Borrowed.
   uint32_t offset;  // Bytes of the shared memory before the region.

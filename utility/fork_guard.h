@@ -1,4 +1,4 @@
-// Whether this process is the child of a fork() whose parent uses the library. The
+// Tells whether this process is the child of a fork() whose parent uses the library. The
 // parent's threads are not there, its locks may be held for ever, and its files,
 // regions and connections are its own: in the child the library does nothing.
 #pragma once
@@ -19,8 +19,8 @@ bool Tell(const char* function);
 // On the hot path: one load of a word that is written by fork() only.
 inline bool InChild() { return internal::in_child.load(std::memory_order_relaxed); }
 
-// The same for a call of the host's, named by `function`: the first that is refused
-// in a process leaves an error line.
+// Like InChild(), for the C function of that name: the first call that is refused in a
+// process leaves an error line.
 inline bool Refuses(const char* function) { return InChild() && internal::Tell(function); }
 
 }  // namespace orb::fork_guard

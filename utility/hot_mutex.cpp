@@ -72,7 +72,7 @@ void HotMutex::Sleep() {
       }
       continue;
     }
-    // It falls asleep only while nobody counts as woken, so the next release wakes
+    // It falls asleep only while no sleeper counts as woken, so the next release wakes
     // a sleeper, this one or another.
     const uint32_t asleep = (state & ~kWoken) | (starved ? kReserved : 0);
     if (state != asleep &&
@@ -94,7 +94,7 @@ void HotMutex::ReleaseAndWake() {
     if (released >= kOneSleeper) released |= kWoken;
   } while (!state_.compare_exchange_weak(state, released, std::memory_order_release,
                                          std::memory_order_relaxed));
-  // Nothing of the mutex is touched from here on: its next holder may destroy it.
+  // Do not touch the mutex from here on: its next holder may destroy it.
   if (released != (state & ~kHeld)) WakeOne(&state_);
 }
 

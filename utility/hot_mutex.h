@@ -4,10 +4,10 @@
 // and then sleeps: the holder may have lost its processor to a thread of higher
 // priority, which must not spin on it, or be in a long section after all.
 //
-// Whoever comes by may take a free lock, also before a thread that was woken for
-// it. A thread that was woken kSleepsMax times in vain reserves the lock: from then
-// on it goes from one sleeper to the next, in their order, until that thread has
-// had it. So no thread waits for ever, however busy the others and the processors
+// Any thread may take a free lock, even before a thread that was woken for it. A
+// thread that was woken kSleepsMax times in vain reserves the lock: from then on it
+// goes from one sleeper to the next, in their order, until that thread has had it.
+// So no thread waits for ever, however busy the others and the processors
 // are.
 //
 // Non-recursive, without a condition variable. It may be destroyed once no thread
@@ -93,13 +93,13 @@ class ORB_CAPABILITY("mutex") HotMutex {
   static constexpr uint32_t kReserved = 4;
   static constexpr uint32_t kOneSleeper = 8;
 
-  // Takes a lock that is free and for which nobody sleeps.
+  // Takes the lock if it is free and no thread sleeps for it.
   bool TakeUnused() {
     uint32_t unused = 0;
     return state_.compare_exchange_strong(unused, kHeld, std::memory_order_acquire,
                                           std::memory_order_relaxed);
   }
-  // Takes a lock that is free and not reserved.
+  // Takes the lock if it is free and not reserved.
   bool Take();
 
   // Not inlined: these would cost the quick path registers.

@@ -17,7 +17,7 @@
 #define LOGE(...) \
   static_cast<void>(__android_log_print(ANDROID_LOG_ERROR, ORB_LOG_TAG, __VA_ARGS__))
 
-// Whether a line of this priority would be written: for arguments that cost
-// something to make.
+// True if a line of this priority would be written: ask before making arguments that
+// are expensive.
 #define LOG_ENABLED(priority) \
   (__android_log_is_loggable(priority, ORB_LOG_TAG, ANDROID_LOG_VERBOSE) != 0)

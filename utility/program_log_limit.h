@@ -1,4 +1,4 @@
-// The log limit that the program has set, for lines that nobody outside it may ask for.
+// The log limit that the program itself has set: some lines only the program may ask for.
 // Exactly one of the two sources that define this is linked.
 #pragma once
 

@@ -1,5 +1,5 @@
 // Writing to a descriptor that a stranger reads, without the signal that ends the
-// host when nobody reads any more.
+// host when the reader is gone.
 #pragma once
 
 #include <limits.h>
@@ -13,8 +13,8 @@
 
 namespace orb {
 
-// While it lives, this thread gets no SIGPIPE, and none that it caused later. The
-// disposition is the host's and stays.
+// While it lives, writes of this thread raise no SIGPIPE, neither then nor later. The
+// host's disposition of the signal stays.
 class PipeSignalHeld {
  public:
   PipeSignalHeld();
@@ -28,7 +28,7 @@ class PipeSignalHeld {
   bool was_pending_ = false;
 };
 
-// Writes all of it, blocking. 0 or errno: EPIPE when nobody reads any more.
+// Writes all of the text, blocking. 0 or errno; EPIPE when the reader is gone.
 int QuietWrite(int fd, const std::string& text);
 
 // Offers lines to a descriptor of the host's, such as its standard output, and never
@@ -39,13 +39,13 @@ class LineOffer {
  public:
   // `fd` is borrowed; it may also be closed.
   explicit LineOffer(int fd);
-  // Offers what is left.
+  // Offers the lines that are left.
   ~LineOffer() { Flush(); }
   LineOffer(const LineOffer&) = delete;
   LineOffer& operator=(const LineOffer&) = delete;
 
   // `line` ends with a line feed and has at most PIPE_BUF bytes. False once lines
-  // are being dropped: there is no point in more of them.
+  // are dropped: the caller may stop offering them.
   bool Add(std::string_view line);
 
  private:
@@ -57,7 +57,7 @@ class LineOffer {
   const PipeSignalHeld held_;
   int fd_;
   Kind kind_;
-  UniqueFd own_;  // With kNonBlocking: the same pipe or terminal, opened once more.
+  UniqueFd own_;  // kNonBlocking: a second descriptor of the same pipe or terminal.
   size_t piece_bytes_ = 0;
   char piece_[PIPE_BUF] = {};
   bool dropping_ = false;

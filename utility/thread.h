@@ -27,7 +27,7 @@ class Thread {
   Thread& operator=(const Thread&) = delete;
 
   // Runs body() on a new thread; it must not throw. `name` is a literal of at most 15
-  // characters. 0, or the errno of what there is none left of: nothing runs then.
+  // characters. 0, or EAGAIN or ENOMEM: nothing runs then.
   int Start(const char* name, std::function<void()> body) noexcept {
     ORB_CHECK(!joinable_);
     ORB_CHECK(strlen(name) <= kNameCharsMax);
@@ -66,8 +66,8 @@ class Thread {
     std::function<void()> body;
   };
 
-  // All but those that a fault of the thread's own raises: a host that reports
-  // crashes wants these from every thread.
+  // All signals but those that a fault of the thread itself raises: a host that reports
+  // crashes needs these from every thread.
   static sigset_t HostSignals() {
     sigset_t set;
     sigfillset(&set);

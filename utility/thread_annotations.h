@@ -44,8 +44,8 @@ class ORB_CAPABILITY("mutex") Mutex {
   void Unlock() ORB_RELEASE() { mutex_.unlock(); }
   bool TryLock() ORB_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
 
-  // For a process with one thread, such as the child of a fork(): whether nobody held
-  // it, so that what it guards is whole.
+  // For a process with one thread, such as the child of a fork(): true if no thread held
+  // the mutex, so that what it guards is consistent.
   bool IsFree() ORB_EXCLUDES(this) {
     const bool free = mutex_.try_lock();
     if (free) mutex_.unlock();
@@ -69,7 +69,7 @@ class ORB_SCOPED_CAPABILITY MutexLock {
   Mutex& mutex_;
 };
 
-// The caller holds the mutex; a wait gives it up and has it again on return.
+// The caller holds the mutex; a wait releases it and takes it again before it returns.
 // Write the predicate as a loop around Wait, so that the analysis sees it.
 class CondVar {
  public:
@@ -89,8 +89,8 @@ class CondVar {
   }
   void NotifyOne() { cv_.notify_one(); }
   void NotifyAll() { cv_.notify_all(); }
-  // In the child of a fork(): makes it new, because its destruction would wait for
-  // waiters that are not there.
+  // Call in the child of a fork(). Makes the object new, because its destruction would
+  // wait for waiters that exist in the parent only.
   void ForgetWaiters() { new (&cv_) std::condition_variable; }
 
  private:
