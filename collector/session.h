@@ -47,8 +47,7 @@ class Session {
   int StopSession() ORB_EXCLUDES(sessionMutex_, stateMutex_);
   int StartSessionForLicSN(uint64_t licSN) ORB_EXCLUDES(sessionMutex_);
   int StopSessionForLicSN(uint64_t licSN) ORB_EXCLUDES(sessionMutex_);
-  // Ends the session, then calls go_on before another one can start. Does neither once
-  // the stop signal is raised.
+  // Ends the session, then calls go_on before another can start. No effect once stopped.
   void StopThen(const std::function<void()>& go_on) ORB_EXCLUDES(sessionMutex_, stateMutex_);
   static bool validCfg(const LTCCampaignDef& def);
 
@@ -129,8 +128,7 @@ class Session {
   // Allows one start, stop or return to a restarted manager at a time. It is held across
   // uploads and registrations, whose time others decide, so nothing that logs takes it.
   orb::Mutex sessionMutex_ ORB_ACQUIRED_BEFORE(stateMutex_);
-  // Each sample takes it, so it is held for moments only, the client's session callbacks
-  // and the announcement of a full slot apart.
+  // Every sample takes it: only session callbacks and announcing a full slot hold it long.
   orb::HotMutex stateMutex_ ORB_ACQUIRED_BEFORE(serializerMutex_);
 
   kiv_collector& owner_;
