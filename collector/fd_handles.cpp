@@ -48,8 +48,8 @@ void FdHandles::Remove(kiv_fd_handle_s* handle) {
       return;
     }
   }
-  // A `done` that waits here has begun for certain, so those that wait for it from
-  // inside another one need not: they might be waiting for each other.
+  // Count the `done`s that this thread is inside of as waiting. A thread that withdraws
+  // their handles from inside another `done` then goes on: the two could wait for ever.
   for (const Frame* frame = frames_; frame != nullptr; frame = frame->outer) {
     frame->handles->CountWaiting(frame->id, +1);
   }

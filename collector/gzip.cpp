@@ -19,7 +19,7 @@ constexpr int kGzipWindowBits = 15 + 16;  // 16 asks for the gzip wrapper.
 constexpr int kMemoryLevel = 8;
 constexpr uint32_t kChunkBytes = 16384;
 
-// An initialised stream, ended on every path.
+// Initialises a stream and ends it on every path.
 struct Deflater {
   Deflater() {
     error = deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, kGzipWindowBits, kMemoryLevel,
@@ -52,7 +52,7 @@ bool AppendDeflated(z_stream* stream, int flush, uint64_t capacity, orb::MallocB
   return true;
 }
 
-// All that remains in src. 0 or -EINVAL.
+// Compresses all that remains in src. 0 or -EINVAL.
 int DeflateFile(FILE* src, z_stream* stream, uint64_t capacity, orb::MallocBytes* out) {
   uint8_t chunk[kChunkBytes];
   for (int flush = Z_NO_FLUSH; flush != Z_FINISH;) {

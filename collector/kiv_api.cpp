@@ -32,7 +32,7 @@ using orb::Contained;
 
 struct Destroy {
   void operator()(kiv_collector* c) const {
-    // That fails before the process-wide client exists only, which then routes nothing.
+    // Unroute() fails only if the process-wide client cannot be made; it routes nothing then.
     Contained("orb_deregister", [&] { c->Unroute(); });
     delete c;
   }

@@ -1,4 +1,4 @@
-// Construction, registration with the manager, and the way out.
+// Construction, registration with the manager, and de-registration.
 // Tested by tests/collector/lifecycle_test.cpp.
 #include "collector/kiv_collector.h"
 
@@ -14,7 +14,7 @@
 
 namespace {
 
-// Clients of this mode and above stay without manager and HAL.
+// Clients of this mode and above use neither manager nor HAL.
 constexpr uint32_t kFirstUnconnectedMode = 2;
 
 }  // namespace
@@ -93,10 +93,10 @@ bool kiv_collector::AdoptInChild() {
 void kiv_collector::Unroute() {
   abandoned_ = true;
   if (cfg_.client_mode < kFirstUnconnectedMode) {
-    // A lost connection leaves entries behind but no reference, so ask again.
+    // After a lost connection there are routes but no reference to the client: get one.
     link_.ObtainClient()->forgetCollector(this);
   }
-  // The writer thread of a session whose start was refused uses this object still.
+  // The writer thread of a session whose start was refused still uses this object.
   session_.Drop();
 }
 

@@ -1,5 +1,5 @@
-// What a client says of itself: one "key: value" a line, where value is a word, a
-// quoted text, or some "name=word".
+// The dump of a client: one "key: value" a line, where value is a word, a quoted text,
+// or some "name=word".
 // Tested by tests/collector/dump_test.cpp.
 #include <algorithm>
 #include <string>

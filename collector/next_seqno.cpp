@@ -19,7 +19,7 @@
 
 namespace {
 
-// Longer text is no number of ours.
+// Longer text was not written by this code.
 constexpr size_t kTextBytesMax = 64;
 constexpr mode_t kMode = 0666;
 
@@ -45,7 +45,7 @@ uint32_t next_seqno(const char* path) {
   const int bytes =
       snprintf(text, sizeof text, "%" PRIu32 "\n", orb::CheckedAdd<uint32_t>(number, 1));
   const orb::UniqueFd file(open(path, O_WRONLY | O_CREAT | O_CLOEXEC, kMode));
-  // Numbers grow, so a tail is left of damaged files only; the line feed ends it.
+  // Only a damaged file can be longer than the new number; ftruncate cuts its tail off.
   if (file.ok() && pwrite(file.get(), text, static_cast<size_t>(bytes), 0) == bytes) {
     if (ftruncate(file.get(), bytes) == 0) orb::Files::Sync(file.get());
   }

@@ -1,4 +1,4 @@
-// Sessions: what a campaign builds, and how it is taken down again.
+// Builds a session from a campaign and takes it down again.
 // Tested by tests/collector/session_test.cpp.
 #include "collector/session.h"
 
@@ -72,7 +72,7 @@ int Session::StartSessionLocked(const KIVCampConfig& config) {
   }
   if (cfg_.custom_session_format) return StartCustomSession(config);
   LogCalled("StartSession");
-  // A thousand KPIs are a thousand messages: made and freed as one piece.
+  // A thousand KPIs are a thousand messages: an arena makes and frees them in one piece.
   google::protobuf::Arena arena;
   LTCCampaignDef& def = *google::protobuf::Arena::CreateMessage<LTCCampaignDef>(&arena);
   const size_t bytes = config.campaignDef.size();
@@ -161,8 +161,8 @@ int Session::StartCustomSession(const KIVCampConfig& config) {
 }
 
 bool Session::validCfg(const LTCCampaignDef& def) {
-  // The limits are signed only in the file: a size limit of -1 is the largest
-  // one, and a negative payload limit is none.
+  // The limits are signed in the file only. Here -1 is the largest size limit, and a
+  // negative payload limit means no limit.
   const Conf& conf = Conf::Get();
   return def.threshold_size() >= static_cast<uint32_t>(conf.size_threshold_min_bytes) &&
          def.threshold_size() <= static_cast<uint32_t>(conf.size_threshold_max_bytes) &&
@@ -355,7 +355,7 @@ void Session::DropSession() {
     ClearKPIs();
     current_ = nullptr;
   }
-  // kiv_set_cfg may hold the serializer a moment longer than this: end it here.
+  // End it explicitly: kiv_set_cfg may hold a reference for a moment longer.
   if (const auto serializer = Serializer()) serializer->Abandon();
   SetSerializer(nullptr);
 }
@@ -370,11 +370,11 @@ void Session::SetSerializer(std::shared_ptr<KPISerializer> serializer) {
     orb::MutexLock lock(serializerMutex_);
     serializer_.swap(serializer);
   }
-  // The previous one ends here, outside the leaf.
+  // The previous serializer is destroyed here, outside the leaf.
 }
 
 void Session::SetCurrent() {
-  ORB_CHECK(current_ == nullptr);  // The session before has let go of its own.
+  ORB_CHECK(current_ == nullptr);  // The session before has given up its own.
   current_ = Serializer().get();
 }
 

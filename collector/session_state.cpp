@@ -49,7 +49,7 @@ Session::State Session::Describe() {
   State state;
   state.busy = changing;
   if (stateMutex_.TryLockFor(kBusyWait)) {
-    // Records are handed over under this mutex, so the books and the windows fit.
+    // Records are handed over under this mutex, so books and windows agree.
     if (const auto serializer = Serializer()) state.backlog = serializer->backlog();
     state.books = ledger_.Copy();
     state.kpis = DescribeKPIs(&state.books);

@@ -25,8 +25,8 @@ using orb::LossCause;
 
 namespace {
 
-// With an overridden header no flag says what to encrypt; a shorter key than
-// this one is a placeholder and asks for none.
+// With an overridden header the key decides about encryption: a shorter one is a
+// placeholder for none.
 constexpr size_t kOverrideKeyCharsMin = 11;
 
 // Positions the file after its header and returns the bytes from there on; 0 when there
@@ -52,7 +52,7 @@ uint32_t SeekToPayload(FILE* file, const std::string& path) {
   return orb::CheckedCast<uint32_t>(size - static_cast<long>(TelemetryHeader::kBytes));
 }
 
-// `flags` decide, or with an overridden header the key itself.
+// The campaign's flags decide, or with an overridden header the key itself.
 bool WantsEncryption(const CollectorSettings& cfg, const LicSnTables& tables, uint64_t licSN) {
   const auto licSnText = static_cast<unsigned long long>(licSN);
   bool wanted = false;
@@ -76,7 +76,7 @@ bool WantsEncryption(const CollectorSettings& cfg, const LicSnTables& tables, ui
   return wanted;
 }
 
-// Replaces *data by its ciphertext. A cause, which is logged, when it must not go out.
+// Replaces *data by its ciphertext. On failure logs the cause of loss and returns it.
 std::optional<LossCause> SealData(const CollectorSettings& cfg, const LicSnKeyTable& keys,
                                   uint64_t licSN, TelemetryHeader* header, orb::MallocBytes* data,
                                   std::string* footer) {
@@ -118,7 +118,7 @@ int Uploader::SendData(const std::string& path, const LicSnTables& tables) {
          orb::ErrorText(errno).c_str());
     return -1;
   }
-  // With a buffer, a child of fork() would set back the position that both share.
+  // No buffer: when a child of fork() exits, its stdio would move the shared position back.
   static_cast<void>(setvbuf(file, nullptr, _IONBF, 0));
   Fate fate;
   int result = -1;

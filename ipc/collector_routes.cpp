@@ -133,7 +133,7 @@ std::vector<CollectorRoutes::Pin> CollectorRoutes::PinAllLocked() {
 CollectorRoutes::Pin CollectorRoutes::PinLocked(RoutedCollector* collector) {
   if (collector == nullptr) return Pin();
   const auto pin = pins_.find(collector);
-  ORB_CHECK(pin != pins_.end());  // Whoever adds a route adds its pins.
+  ORB_CHECK(pin != pins_.end());  // Add() makes the entry.
   pin->second = orb::CheckedAdd<uint32_t>(pin->second, 1);
   return Pin(this, collector);
 }

@@ -1,4 +1,4 @@
-// Registration: the way to the manager, and what happens when it dies.
+// Connects to the manager, registers collectors, and handles the manager's death.
 // Tested by tests/ipc/manager_client_test.cpp.
 #include "ipc/kiv_aidl_client.h"
 
@@ -28,7 +28,7 @@ namespace {
 
 constexpr char kManagerService[] = "vendor_kivsdkservice";
 
-// Null while the manager is not published; does not wait for it. The gate is open.
+// Null while the manager is not published; does not wait. Call once the gate is open.
 sp<IBinder> CheckManager() {
   const sp<IServiceManager> services = ::android::defaultServiceManager();
   return services != nullptr ? services->checkService(String16(kManagerService)) : nullptr;
@@ -63,7 +63,7 @@ int kivAIDLClient::registerClient(const std::string& name, uint32_t clientType,
   LOGI("%s - created threadpool", "registerClient");
 
   halServiceManager_.Ask();  // Early, so that a session's first upload need not wait.
-  // Before any lock is taken: it may take its whole time.
+  // With no lock held, because it may wait for kWaitMs.
   serviceManager_.Await([collector] { return collector->stopping(); });
   const Manager manager = EnsureManager();
   if (manager.proxy == nullptr) {
@@ -83,8 +83,8 @@ int kivAIDLClient::registerClient(const std::string& name, uint32_t clientType,
     DropUnwatched(manager);
     return -1;
   }
-  // A death is either counted by now, and this registration void, or its notice
-  // comes after the mutex is released, and finds the collector's route.
+  // If the manager has died, either its death is counted by now and this registration is
+  // void, or the notice comes after the mutex is released and finds the collector's route.
   orb::MutexLock lock(managerMutex_);
   if (manager_.deaths != manager.deaths) {
     LOGE("%s - failed with error - %d", "registerClient", Status::EX_TRANSACTION_FAILED);
@@ -92,7 +92,7 @@ int kivAIDLClient::registerClient(const std::string& name, uint32_t clientType,
   }
   LOGI("%s success. Token received - %s , client id received - %d", "registerClient",
        id.token.c_str(), id.clientId);
-  // In this order: a collector that can be found knows who it is.
+  // In this order: a call that finds the collector must find its identity set.
   collector->SetIdentity(id.token, id.clientId);
   routes_.Add(id.token, collector);
   return 0;
@@ -177,6 +177,6 @@ void kivAIDLClient::processLostManagerConn() {
   for (const CollectorRoutes::Pin& collector : collectors) {
     if (!collector->LostConn()) threadless.push_back(&collector);
   }
-  // The others are under way, so that none waits for these.
+  // Last, because these block: the threads of the other collectors run by now.
   for (const CollectorRoutes::Pin* collector : threadless) (*collector)->LostConnThread();
 }

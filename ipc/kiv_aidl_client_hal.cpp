@@ -1,4 +1,4 @@
-// The way to the HAL: uploads by message queue, regions of shared memory.
+// Connects to the HAL: uploads by message queue, regions of shared memory.
 // Tested by tests/ipc/hal_client_test.cpp.
 #include <aidl/android/hardware/common/NativeHandle.h>
 #include <aidl/vendor/nuv/orbsyshal_aidl/IOrbsyshal.h>
@@ -153,7 +153,7 @@ int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, RoutedColle
     LOGE("%s: could not initialize orbsyshal handle", "setupFD");
     return -1;
   }
-  // Deleting it does not close fd, the caller's.
+  // Deleting the handle does not close fd, which is the caller's.
   const std::unique_ptr<native_handle_t, int (*)(native_handle_t*)> handle(
       native_handle_create(1, 2), native_handle_delete);
   if (handle == nullptr) return -1;
@@ -172,7 +172,7 @@ int kivAIDLClient::setupFD(int fd, uint32_t offset, uint32_t length, RoutedColle
   int status = 0;
   const bool routed = orb::Contained("setupFD", [&] {
     orb::MutexLock lock(halMutex_);
-    // A region goes with its HAL, and a notice that has come does not come again.
+    // If that HAL has died, its regions are gone, and its death is not reported again.
     if (hal_.deaths != hal.deaths) {
       LOGE("%s: orbsyshal->set_fd() hidl transport error", "setupFD");
       status = -1;
@@ -229,14 +229,14 @@ int kivAIDLClient::UnsetFD(const std::string&, const std::atomic<uint32_t>& fdTo
     LOGE("%s: orbsyshal->unset_fd(%d) HIDL transport error", "UnsetFD", static_cast<int>(region));
   }
   orb::MutexLock lock(halMutex_);
-  // This HAL, or after its death the next one, may have given the token again already.
+  // The HAL may have given the token to another region by now: see RemoveRegion().
   if (hal_.deaths == hal.deaths) routes_.RemoveRegion(region, serial);
   return told ? 0 : -1;
 }
 
 NativeHandle kivAIDLClient::makeToAidl(const native_handle* handle) {
   NativeHandle copy;
-  // Places first: a duplicate without one would be lost when there is no memory for it.
+  // Allocate first: a duplicate that cannot be stored would leak.
   copy.fds.resize(static_cast<size_t>(handle->numFds));
   for (int i = 0; i < handle->numFds; ++i) {
     copy.fds[static_cast<size_t>(i)].set(fcntl(handle->data[i], F_DUPFD_CLOEXEC, 0));

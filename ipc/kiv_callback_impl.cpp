@@ -19,7 +19,7 @@ using ::android::binder::Status;
 
 namespace {
 
-// Empty, and logged, for a token that names no collector.
+// Empty, with an error line, for a token that names no collector.
 CollectorRoutes::Pin FindCollector(const char* method, const std::string& token) {
   const std::shared_ptr<kivAIDLClient> client = kivAIDLClient::getClientInstance();
   CollectorRoutes::Pin collector =

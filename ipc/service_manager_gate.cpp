@@ -49,7 +49,7 @@ bool ServiceManagerGate::Await(const std::function<bool()>& give_up) {
 }
 
 void ServiceManagerGate::Wake() {
-  // Under the mutex: a waiter that has just asked `give_up` would miss it.
+  // Under the mutex, so that a waiter between give_up() and its wait does not miss it.
   orb::MutexLock lock(state_->mutex);
   state_->changed.NotifyAll();
 }

@@ -1,4 +1,4 @@
-// The zone is the one of now: a device's changes while its daemons run.
+// The time zone is read at each call: a device's zone changes while its daemons run.
 // Tested by tests/serializer/telemetry_header_test.cpp.
 #include "utility/clock.h"
 
@@ -7,7 +7,7 @@
 
 namespace {
 
-// libc's own lock would do; this one is seen by the thread sanitizer. A leaf.
+// libc has a lock of its own, which the thread sanitizer does not see. A leaf.
 orb::Mutex zone_mutex;
 
 }  // namespace

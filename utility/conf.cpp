@@ -18,7 +18,7 @@ struct Key {
   int32_t Conf::*value;
 };
 
-// In the order in which they are logged.
+// The settings, in the order in which they are logged.
 constexpr Key kKeys[] = {
     {"register_max_retries", &Conf::register_max_retries},
     {"register_retry_wait_sec", &Conf::register_retry_wait_sec},
@@ -35,7 +35,7 @@ constexpr Key kKeys[] = {
     {"blob_segments_optimized", &Conf::blob_segments_optimized},
 };
 
-// The log shows a path from here on, and only when something is left of it.
+// The log leaves out so many characters of a path, and shorter paths altogether.
 constexpr size_t kPathSkipChars = 17;
 
 // Every Conf ever published stays reachable, newest first: readers keep
@@ -89,7 +89,7 @@ void ApplyLine(const std::string& line, Conf* conf) {
   }
 }
 
-// What getline allocates and grows.
+// A buffer that getline allocates and grows.
 struct Line {
   Line() = default;
   Line(const Line&) = delete;

@@ -13,7 +13,7 @@ namespace {
 std::atomic<bool> watched{false};
 std::atomic<bool> told{false};
 
-// Runs in the child before fork() returns there. A child of the child tells anew.
+// Runs in the child before fork() returns there. A child of the child logs its own line.
 void EnterChild() {
   internal::in_child.store(true, std::memory_order_relaxed);
   told.store(false, std::memory_order_relaxed);

@@ -1,4 +1,4 @@
-// What a HotMutex does once it is contended.
+// The contended paths of HotMutex.
 // Tested by tests/utility/hot_mutex_test.cpp.
 #include "utility/hot_mutex.h"
 
@@ -23,7 +23,7 @@ bool SleepWhile(std::atomic<uint32_t>* word, uint32_t value) {
   return syscall(SYS_futex, word, FUTEX_WAIT_PRIVATE, value, nullptr, nullptr, 0) == 0;
 }
 
-// The one that has slept longest. Only the address counts: the word may be gone.
+// Wakes the longest sleeper. Only the address is used: the mutex may be destroyed by now.
 void WakeOne(std::atomic<uint32_t>* word) {
   syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
@@ -62,8 +62,8 @@ void HotMutex::Sleep() {
   bool woken = false;
   for (uint32_t sleeps = 0;;) {
     const bool starved = sleeps >= kSleepsMax;
-    // A reserved lock is for those that were woken for it; one that is starved
-    // need not have been, and ends the reservation.
+    // A reserved lock is for threads that were woken for it. A starved thread takes it
+    // anyway and ends the reservation.
     if ((state & kHeld) == 0 && ((state & kReserved) == 0 || woken || starved)) {
       const uint32_t kept = state & (starved ? ~(kWoken | kReserved) : ~kWoken);
       if (state_.compare_exchange_weak(state, (kept - kOneSleeper) | kHeld,

@@ -18,7 +18,7 @@ namespace {
 
 constexpr size_t kEncodedBytesMax = 200;
 
-// The record as nanopb sees it; layout as KivMessage.
+// The record as nanopb encodes it. It has the layout of KivMessage.
 struct EventHeader {
   uint32_t module_id;
   uint32_t event_id;
@@ -61,7 +61,7 @@ PB_BIND(EventMessage, EventMessage, AUTO)
 
 using orb::MallocBytes;
 
-// Without data when there is no memory.
+// The copy has no data when there is no memory.
 MallocBytes Allocate(size_t bytes) {
   MallocBytes out;
   out.data = static_cast<uint8_t*>(std::malloc(bytes));

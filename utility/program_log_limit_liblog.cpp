@@ -1,4 +1,4 @@
-// A device: limits from outside are properties, which liblog keeps apart.
+// On a device, limits from outside are properties, which liblog keeps apart.
 #include <android/log.h>
 
 #include "utility/program_log_limit.h"

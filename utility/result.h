@@ -2,12 +2,12 @@
 // Tested by tests/utility/result_test.cpp.
 #pragma once
 
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <utility>
 #include <variant>
 
+#include "utility/check.h"
 #include "utility/error_text.h"
 
 namespace orb {
@@ -45,7 +45,7 @@ class [[nodiscard]] Result {
   template <size_t kIndex, typename Held>
   static auto& Get(Held& held) {
     auto* const found = std::get_if<kIndex>(&held);
-    if (found == nullptr) std::abort();
+    ORB_CHECK(found != nullptr);
     return *found;
   }
 
@@ -62,7 +62,7 @@ class [[nodiscard]] Result<void> {
   bool ok() const { return !error_.has_value(); }
 
   const Error& error() const {
-    if (ok()) std::abort();
+    ORB_CHECK(!ok());
     return *error_;
   }
 
