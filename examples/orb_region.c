@@ -35,7 +35,8 @@ static size_t put_varint(uint8_t* at, uint64_t value) {
   return n;
 }
 
-/* One record, KPIData{blobs{meta{kpi_id} data}}, of a text below 100 bytes. */
+/* Encodes a text of less than 100 bytes as one record, KPIData{blobs{meta{kpi_id} data}}.
+ * Returns its size. */
 static size_t encode_blob(uint8_t* at, const char* text) {
   uint8_t meta[8];
   size_t meta_len = 0;
@@ -69,7 +70,8 @@ static int announce_pieces(kiv_fd_handle_s* handle, uint8_t* region) {
     if (file != NULL) fclose(file);
 
     const size_t len = encode_blob(region + (size_t)i * PIECE_BYTES, text);
-    /* Set before the announce: the receiver may be faster than its return. */
+    /* Set before the piece is announced, because the receiver may consume it before
+     * kiv_log_fd_buf returns. */
     __atomic_fetch_or(&pending, 1u << i, __ATOMIC_ACQ_REL);
     const int result = kiv_log_fd_buf(handle, 0, (uint64_t)i * PIECE_BYTES, (uint32_t)len);
     if (result != 0) {
@@ -86,7 +88,7 @@ static int announce_pieces(kiv_fd_handle_s* handle, uint8_t* region) {
   return -1;
 }
 
-/* Memory that keeps its size, which the receiver insists on. */
+/* Makes shared memory of a fixed size: the receiver refuses memory that can shrink. */
 static int create_region(void) {
   const int fd = memfd_create("orb-region", MFD_CLOEXEC | MFD_ALLOW_SEALING);
   if (fd >= 0 && ftruncate(fd, REGION_BYTES) == 0 &&
