@@ -24,7 +24,6 @@ using std::chrono::seconds;
 
 // Longer than anything takes that is not stuck, sanitizers included.
 constexpr seconds kPatience(90);
-constexpr milliseconds kPhaseOne(300);
 constexpr size_t kCountsBytes = kLoadClientsMax * sizeof(LoadCounts);
 constexpr char kRoom[] = "size=1g";
 constexpr const char* kReports[] = {"Sanitizer", "runtime error:", "terminate called", "Assertion"};
@@ -54,21 +53,14 @@ void World::Pause(int max_ms) {
   std::this_thread::sleep_for(milliseconds(1 + Random(static_cast<uint64_t>(max_ms))));
 }
 
-size_t World::CountLines(const std::string& log, const std::string& text) const {
-  const std::string content = stack_.LogOf(log);
-  size_t count = 0;
-  for (size_t at = 0; (at = content.find(text, at)) != std::string::npos; ++at) ++count;
-  return count;
-}
-
 bool World::WaitForLine(const std::string& log, const std::string& text, size_t before) {
-  const bool there = WaitFor([&] { return CountLines(log, text) > before; }, kPatience);
+  const bool there = WaitFor([&] { return stack_.CountInLog(log, text) > before; }, kPatience);
   Expect(there, log + " does not say: " + text);
   return there;
 }
 
 void World::StartManager() {
-  const size_t before = CountLines("orb-managerd", "is published");
+  const size_t before = stack_.CountInLog("orb-managerd", "is published");
   stack_.StartManager();
   WaitForLine("orb-managerd", "is published", before);
 }
@@ -79,7 +71,7 @@ void World::StartHal() {
     Expect(odd_hal_.ReadLine(kPatience) == "ready", "the HAL does not start");
     return;
   }
-  const size_t before = CountLines("orb-hald", "is published");
+  const size_t before = stack_.CountInLog("orb-hald", "is published");
   stack_.StartHal();
   WaitForLine("orb-hald", "is published", before);
 }
@@ -97,8 +89,8 @@ void World::KillHal(int signal) {
 }
 
 void World::RestartBus() {
-  const size_t manager = CountLines("orb-managerd", "is published");
-  const size_t hal = CountLines("orb-hald", "is published");
+  const size_t manager = stack_.CountInLog("orb-managerd", "is published");
+  const size_t hal = stack_.CountInLog("orb-hald", "is published");
   stack_.bus().Kill();
   Pause(300);
   stack_.bus().Start();
@@ -298,7 +290,7 @@ void World::Recover() {
   Ask("phase 1");
   StartCampaign();
   Ask("load");
-  std::this_thread::sleep_for(kPhaseOne);
+  ExpectProgress();
 }
 
 void World::End() {
@@ -332,21 +324,12 @@ void World::Check() {
          "not everything can be decoded: " + decoded.err);
   for (Member& member : members_) {
     const std::string next = ReadFileOrEmpty(member.data_dir + member.name + ".seq");
-    member.report = CheckSpool({member.rules, member.name, *member.counts, stack_.spool(),
-                                decoded.out, DumpLines(member.books),
-                                strtoull(next.c_str(), nullptr, 10), faults_, CountEvicted()});
+    member.report =
+        CheckSpool({member.rules, member.name, *member.counts, stack_.spool(), decoded.out,
+                    DumpLines(member.books), strtoull(next.c_str(), nullptr, 10), faults_,
+                    stack_.CountInLog("orb-hald", "spool full: removed ")});
     for (const std::string& failure : member.report.failures) Fail(member.name + ": " + failure);
   }
-}
-
-uint64_t World::CountEvicted() const {
-  const std::string log = ReadFileOrEmpty(stack_.path("orb-hald.log"));
-  constexpr std::string_view kRemoved = "spool full: removed ";
-  uint64_t count = 0;
-  for (size_t at = log.find(kRemoved); at != std::string::npos; at = log.find(kRemoved, at + 1)) {
-    ++count;
-  }
-  return count;
 }
 
 void World::CheckLogs() {

@@ -90,10 +90,8 @@ class World {
   void Check();
   void WriteCampaign(const Member& member);
   void DumpStacks(ChildProcess* process, const std::string& who);
-  uint64_t CountEvicted() const;
   void CheckLogs();
   bool WaitForLine(const std::string& log, const std::string& text, size_t before);
-  size_t CountLines(const std::string& log, const std::string& text) const;
 
   const Scenario& scenario_;
   std::mt19937_64 random_;

@@ -95,20 +95,30 @@ TEST_F(CampaignTest, CarriesSamplesFromLogToDecodedRecords) {
 
 TEST_F(CampaignTest, DeregistersWithinOneRetryAtEveryStageOfRegistration) {
   const std::string begin = "register radio " + stack_.MakeDataDir("radio") + " async";
-  const auto register_and_leave = [&](milliseconds stay) {
+  const auto lines = [&](const std::string& text) { return stack_.CountInLog("client1", text); };
+  // De-registers as soon as the client has logged the stage so often; "" is at once.
+  const auto register_and_leave = [&](const std::string& stage, size_t times = 1) {
+    const size_t before = lines(stage);
     ASSERT_EQ(client_.Ask(begin), "ok");
-    std::this_thread::sleep_for(stay);
-    const auto before = std::chrono::steady_clock::now();
+    ASSERT_TRUE(WaitFor([&] { return stage.empty() || lines(stage) >= before + times; })) << stage;
+    const auto left = std::chrono::steady_clock::now();
     EXPECT_NE(client_.Ask("deregister radio", seconds(20)), "gone");
-    EXPECT_LT(std::chrono::steady_clock::now() - before, seconds(5));
+    EXPECT_LT(std::chrono::steady_clock::now() - left, seconds(5)) << stage;
   };
-  for (int stay_ms : {0, 1, 20, 500, 1100}) register_and_leave(milliseconds(stay_ms));
+  constexpr const char* called = "registerClient: called";
+  constexpr const char* waits = "waiting for 1 seconds before retrying";
+  for (const char* stage : {"", called, waits}) register_and_leave(stage);
+  register_and_leave(called, 2);  // The first retry.
   stack_.StartManager();
-  for (int stay_ms : {0, 1, 5, 20, 300, 1100}) register_and_leave(milliseconds(stay_ms));
+  for (const char* stage :
+       {"", called, "got new instance of orb client", "registerClient success"}) {
+    register_and_leave(stage);
+  }
   // A manager that hangs inside the registration, and then dies.
   stack_.manager().Signal(SIGSTOP);
+  const size_t before = lines(called);
   ASSERT_EQ(client_.Ask(begin), "ok");
-  std::this_thread::sleep_for(milliseconds(1200));
+  ASSERT_TRUE(WaitFor([&] { return lines(called) > before; }));
   ASSERT_TRUE(client_.process().Send("deregister radio"));
   stack_.manager().Signal(SIGKILL);
   EXPECT_TRUE(client_.process().ReadLine(seconds(20)).has_value());

@@ -99,6 +99,13 @@ bool Stack::StartCampaign(const std::string& client, const std::string& file,
   return Ctl(args).exit_code == 0;
 }
 
+size_t Stack::CountInLog(const std::string& program, const std::string& text) const {
+  const std::string log = LogOf(program);
+  size_t count = 0;
+  for (size_t at = 0; (at = log.find(text, at)) != std::string::npos; ++at) ++count;
+  return count;
+}
+
 bool Stack::WaitRegistered(const std::string& client) {
   return WaitFor([&] {
     const CommandResult list = Ctl({"client", "list"});

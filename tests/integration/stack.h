@@ -44,6 +44,8 @@ class Stack {
   std::string spool() const { return dir_.path() + "/spool"; }
   std::string path(const std::string& name) const { return dir_.path() + "/" + name; }
   std::string LogOf(const std::string& program) const;
+  // How often the text stands in it.
+  size_t CountInLog(const std::string& program, const std::string& text) const;
 
   CommandResult Ctl(const std::vector<std::string>& args);
   // Writes a campaign of counters, all with the given window in samples, for each LicSN,

@@ -4,11 +4,14 @@
 #include <binder/ProcessState.h>
 #include <gtest/gtest.h>
 #include <orb_platform/liveness.h>
+#include <signal.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/linux/src/bus_names.h"
@@ -16,6 +19,7 @@
 #include "platform/linux/src/fair_queue.h"
 #include "platform/linux/src/parcel_access.h"
 #include "tests/platform/test_object.h"
+#include "tests/support/child_process.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/raw_peer.h"
@@ -105,6 +109,37 @@ TEST(ConnectionTest, SaysOnceWhyThereIsNone) {
   full.SetEnvironment();
   EXPECT_EQ(android::ProcessState::self(), nullptr);
   EXPECT_EQ(log.Count("may have no place left for this user's connections"), 1u) << log.Dump();
+}
+
+// The daemon refuses calls to a service whose queue others have filled.
+TEST(FullQueueTest, AnHonestCallWaits) {
+  orb::test::PrivateBus bus("<limit name=\"max_outgoing_bytes\">100000</limit>");
+  bus.SetEnvironment();
+  ASSERT_NE(android::ProcessState::self(), nullptr);
+  orb::test::ChildProcess service({PLATFORM_PEER, "target"});
+  ASSERT_EQ(service.ReadLine(std::chrono::seconds(20)), "ready 0");
+  const sp<android::IBinder> target =
+      android::defaultServiceManager()->checkService(String16("target"));
+  ASSERT_NE(target, nullptr);
+  RawPeer flooder(bus);
+  const uint64_t id = flooder.Lookup();
+  service.Signal(SIGSTOP);
+  for (int i = 0; i < 4; i++) {  // The first lie in the socket's buffer.
+    BusMessage flood = flooder.Transaction(id, 2, 300000);
+    RawPeer::AppendObjects(flood, 0, 0, "");
+    flooder.SendOneway(flood);
+  }
+  BusMessage refused = flooder.Transaction(id, 2, 10);
+  RawPeer::AppendObjects(refused, 0, 0, "");
+  ASSERT_EQ(flooder.Ask(refused), SD_BUS_ERROR_LIMITS_EXCEEDED);
+  std::atomic<int> status{1};
+  std::thread caller([&] { status = target->pingBinder(); });
+  EXPECT_FALSE(orb::test::WaitFor([&] { return status != 1; }, std::chrono::milliseconds(100)));
+  service.Signal(SIGCONT);
+  caller.join();
+  EXPECT_EQ(status, 0);
+  service.CloseInput();
+  orb::test::EndBus(&bus);
 }
 
 // The bus allows a connection 512 match rules.

@@ -65,7 +65,8 @@ def expect(what, condition):
 
 def perform(stage, play, logs):
     """Calls play() on the stage, which is cleaned up then. A test's exit code: 77 on a
-    machine that cannot have the stage; after a failure the ends of the logs are printed.
+    machine that cannot have the stage; after a failure the last warnings and errors of each
+    log are printed, then its last lines.
     """
     try:
         why = stage.missing()
@@ -76,7 +77,9 @@ def perform(stage, play, logs):
     except Failed:
         for name in logs:
             if os.path.exists(f"{stage.dir}/{name}.log"):
-                print(f"--- {name}", *stage.log(name).splitlines()[-15:], sep="\n")
+                lines = stage.log(name).splitlines()
+                complaints = [line for line in lines[:-15] if re.search(r" [WEF] \d\d-", line)]
+                print(f"--- {name}", *complaints[-40:], "...", *lines[-15:], sep="\n")
         return 1
     finally:
         stage.clean_up()

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "platform/linux/src/bus_names.h"
@@ -49,6 +50,18 @@ size_t MostDescriptorsOfCalls() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return CallBudget::kMostDescriptorsOfOne;
   return static_cast<size_t>(std::min<rlim_t>(limit.rlim_cur, 1 << 16)) / 4;
+}
+
+// The daemon refuses a call while the receiver's queue is full, which a flood of others'
+// messages does as well. It has delivered nothing then, so the call can be made again.
+constexpr std::chrono::seconds kFullQueuePatience{20};
+constexpr std::chrono::milliseconds kFullQueuePauseMax{80};
+
+bool IsRefusedByBus(const BusMessage& reply) {
+  if (reply == nullptr) return false;
+  const char* sender = sd_bus_message_get_sender(reply.get());
+  return sd_bus_message_is_method_error(reply.get(), SD_BUS_ERROR_LIMITS_EXCEEDED) > 0 &&
+         sender != nullptr && strcmp(sender, kDaemon) == 0;
 }
 
 // A thread that another process gives back is noticed after this long.
@@ -200,9 +213,30 @@ void Bus::Finish(Pending* pending) {
   pending->replied.NotifyOne();
 }
 
-BusMessage Bus::CallAndWait(BusMessage call, std::optional<std::chrono::milliseconds> timeout) {
+BusMessage Bus::CallAndWait(const BusMessage& call,
+                            std::optional<std::chrono::milliseconds> timeout) {
+  const uint64_t connection = connection_;
+  const auto give_up = Clock::now() + timeout.value_or(kFullQueuePatience);
+  WorkerPool::Get().BeginWait();
+  BusMessage reply;
+  for (std::chrono::milliseconds pause{5};; pause = std::min(2 * pause, kFullQueuePauseMax)) {
+    reply = CallOnce(call, timeout ? std::optional(give_up) : std::nullopt);
+    if (!IsRefusedByBus(reply) || Clock::now() + pause > give_up) break;
+    mutex_.Unlock();
+    std::this_thread::sleep_for(pause);
+    mutex_.Lock();
+    if (connection != connection_ || bus_ == nullptr) {
+      reply = BusMessage();
+      break;
+    }
+  }
+  WorkerPool::Get().EndWait();
+  return reply;
+}
+
+BusMessage Bus::CallOnce(const BusMessage& call, std::optional<Clock::time_point> deadline) {
   Pending pending;
-  if (timeout) pending.deadline = Clock::now() + *timeout;
+  pending.deadline = deadline;
   // A place first: once the call is under way its reply refers to `pending`.
   const bool placed = orb::Contained(
       "CallAndWait", [&]() ORB_NO_THREAD_SAFETY_ANALYSIS { pending_.push_back(&pending); });
@@ -211,14 +245,11 @@ BusMessage Bus::CallAndWait(BusMessage call, std::optional<std::chrono::millisec
       call == nullptr || !placed
           ? -ENOMEM
           : sd_bus_call_async(bus_, pending.slot.out(), call.get(), OnReply, &pending, UINT64_MAX);
-  call = BusMessage();
   if (sent < 0) {
     Rearm();
     return BusMessage();
   }
-  WorkerPool::Get().BeginWait();
   Await(&pending);
-  WorkerPool::Get().EndWait();
   return std::move(pending.reply);
 }
 

@@ -164,8 +164,11 @@ class Bus {
   BusMessage NewCall(const char* destination, const char* path, const char* interface,
                      const char* member) ORB_REQUIRES(mutex_);
   // Sends `call` and waits. None when the connection ended or the timeout passed; else a
-  // reply or an error.
-  BusMessage CallAndWait(BusMessage call, std::optional<std::chrono::milliseconds> timeout = {})
+  // reply or an error. While the receiver's queue at the bus is full the call is repeated.
+  BusMessage CallAndWait(const BusMessage& call,
+                         std::optional<std::chrono::milliseconds> timeout = {})
+      ORB_REQUIRES(mutex_);
+  BusMessage CallOnce(const BusMessage& call, std::optional<Clock::time_point> deadline)
       ORB_REQUIRES(mutex_);
   void Await(Pending* pending) ORB_REQUIRES(mutex_);
   void Finish(Pending* pending) ORB_REQUIRES(mutex_);

@@ -134,7 +134,7 @@ Credentials Bus::CredentialsOf(const Caller& caller) {
   EnsurePeer(caller.name);
   BusMessage call = NewCall(kDaemon, kDaemonPath, kDaemon, "GetConnectionCredentials");
   if (call != nullptr) sd_bus_message_append(call.get(), "s", caller.name.c_str());
-  const BusMessage reply = CallAndWait(std::move(call));
+  const BusMessage reply = CallAndWait(call);
   Credentials out;
   if (reply != nullptr && !ReadCredentials(reply.get(), &out)) out = {};
   return out;
@@ -283,7 +283,7 @@ sp<IBinder> Bus::FindService(const std::string& bus_name, android::status_t* why
     connection = connection_;
     BusMessage call = NewCall(bus_name.c_str(), kRootPath, kInterface, "Lookup");
     if (call != nullptr) sd_bus_message_append(call.get(), "s", bus_name.c_str());
-    const BusMessage reply = CallAndWait(std::move(call), kLookupTimeout);
+    const BusMessage reply = CallAndWait(call, kLookupTimeout);
     if (reply == nullptr) {
       *why = android::TIMED_OUT;
     } else if (sd_bus_message_is_method_error(reply.get(), SD_BUS_ERROR_ACCESS_DENIED) > 0) {
@@ -315,7 +315,7 @@ int32_t Bus::AddService(const std::string& bus_name, const sp<BBinder>& service)
   }
   BusMessage call = NewCall(kDaemon, kDaemonPath, kDaemon, "RequestName");
   if (call != nullptr) sd_bus_message_append(call.get(), "su", bus_name.c_str(), kDoNotQueue);
-  const BusMessage reply = CallAndWait(std::move(call));
+  const BusMessage reply = CallAndWait(call);
   uint32_t result = 0;
   int32_t code = Status::EX_TRANSACTION_FAILED;
   if (reply == nullptr) return code;  // Disconnected: nothing is listed any more.

@@ -181,7 +181,7 @@ android::status_t Bus::Transact(const BusTarget& target, uint32_t code, const Pa
       if (Send(call)) return android::OK;
       return bus_ == nullptr ? android::DEAD_OBJECT : android::FAILED_TRANSACTION;
     }
-    answer.message = CallAndWait(std::move(call));
+    answer.message = CallAndWait(call);
   }
   // The call may have been the last user of some objects; their destructors run here, on
   // the caller's thread.
