@@ -1,19 +1,12 @@
-// Where an upload's header has what, for those who read uploads and those who mend them.
+// What those share who read uploads and those who mend them.
 #pragma once
 
 #include "reader/upload_reader.h"
-#include "serializer/telemetry_header.h"
+#include "serializer/header_layout.h"
 
 namespace orb::reader {
 
-inline constexpr uint32_t kHeaderBytes = TelemetryHeader::kBytes;
-inline constexpr size_t kFormatAt = 0;
-inline constexpr uint32_t kFormat = 9;
-inline constexpr size_t kSizeAt = 4;
-inline constexpr size_t kLengthAt = 25;
-inline constexpr size_t kConstantAt = 29;
-inline constexpr size_t kEncryptedAt = 61;
-inline constexpr size_t kFooterOffsetAt = 62;
+inline constexpr uint32_t kHeaderBytes = header::kBytes;
 
 enum class Effort {
   kWhole,  // All of the upload, or nothing.

@@ -9,8 +9,7 @@
 #include "reader/cbc_blocks.h"
 #include "reader/gunzip.h"
 #include "reader/upload_layout.h"
-#include "serializer/telemetry_header.h"
-#include "utility/byte_order.h"
+#include "serializer/header_layout.h"
 #include "utility/checked.h"
 
 namespace orb::reader {
@@ -32,43 +31,45 @@ bool Damaged(Upload* upload, uint64_t offset, std::string reason) {
 
 UploadHeader ReadHeader(const uint8_t* at) {
   UploadHeader header;
-  header.client_id = LoadBigEndian<uint32_t>(at + 8);
-  header.kind = at[12];
-  header.version = LoadBigEndian<uint32_t>(at + 13);
-  header.timestamp_ms = LoadBigEndian<uint64_t>(at + 17);
-  header.length_bytes = LoadBigEndian<uint32_t>(at + kLengthAt);
-  header.compressed = at[TelemetryHeader::kCompressedOffset] != 0;
-  header.boot_ms = LoadBigEndian<uint64_t>(at + 31);
-  header.zone_minutes = static_cast<int16_t>(LoadBigEndian<uint16_t>(at + 39));
-  header.campaign_id = LoadBigEndian<uint64_t>(at + 41);
-  header.seqno = LoadBigEndian<uint32_t>(at + 49);
-  header.lic_sn = LoadBigEndian<uint64_t>(at + 53);
-  header.encrypted = at[kEncryptedAt] != 0;
-  header.footer_offset = LoadBigEndian<uint32_t>(at + kFooterOffsetAt);
+  header.client_id = header::kClientId.Load(at);
+  header.kind = header::kKind.Load(at);
+  header.version = header::kVersion.Load(at);
+  header.timestamp_ms = header::kCreated.Load(at);
+  header.length_bytes = header::kLength.Load(at);
+  header.compressed = header::kCompressed.Load(at) != 0;
+  header.boot_ms = header::kUptime.Load(at);
+  header.zone_minutes = static_cast<int16_t>(header::kTimeZone.Load(at));
+  header.campaign_id = header::kCampaignId.Load(at);
+  header.seqno = header::kSeqno.Load(at);
+  header.lic_sn = header::kLicSn.Load(at);
+  header.encrypted = header::kEncrypted.Load(at) != 0;
+  header.footer_offset = header::kFooterOffset.Load(at);
   return header;
 }
 
 bool CheckConstants(std::span<const uint8_t> file, Upload* upload) {
-  if (file.size() < kHeaderBytes) {
+  if (file.size() < header::kBytes) {
     return Damaged(upload, file.size(), "the file ends inside the 66-byte header");
   }
   const uint8_t* at = file.data();
-  if (LoadBigEndian<uint32_t>(at + kFormatAt) != 9) {
-    return Damaged(upload, kFormatAt, "the first word is not 9");
+  if (header::kFormat.Load(at) != header::kFormatWord) {
+    return Damaged(upload, header::kFormat.offset, "the first word is not 9");
   }
-  if (LoadBigEndian<uint32_t>(at + kSizeAt) != kHeaderBytes) {
-    return Damaged(upload, kSizeAt, "the header size is not 66");
+  if (header::kSize.Load(at) != header::kBytes) {
+    return Damaged(upload, header::kSize.offset, "the header size is not 66");
   }
-  if (at[kConstantAt] != 1) return Damaged(upload, kConstantAt, "the constant byte is not 1");
-  for (const size_t flag : {size_t{TelemetryHeader::kCompressedOffset}, kEncryptedAt}) {
-    if (at[flag] > 1) return Damaged(upload, flag, "the flag is neither 0 nor 1");
+  if (header::kConstant.Load(at) != header::kConstantByte) {
+    return Damaged(upload, header::kConstant.offset, "the constant byte is not 1");
+  }
+  for (const auto& flag : {header::kCompressed, header::kEncrypted}) {
+    if (flag.Load(at) > 1) return Damaged(upload, flag.offset, "the flag is neither 0 nor 1");
   }
   return true;
 }
 
 bool CheckLengths(std::span<const uint8_t> file, Upload* upload) {
   const UploadHeader& header = upload->header;
-  const uint64_t payload_bytes = file.size() - kHeaderBytes;
+  const uint64_t payload_bytes = file.size() - header::kBytes;
   if (header.length_bytes > payload_bytes) {
     return Damaged(upload, file.size(),
                    "cut short: " + std::to_string(header.length_bytes) +
@@ -77,17 +78,18 @@ bool CheckLengths(std::span<const uint8_t> file, Upload* upload) {
   }
   if (header.length_bytes < payload_bytes) {
     return Damaged(
-        upload, kHeaderBytes + uint64_t{header.length_bytes},
+        upload, header::kBytes + uint64_t{header.length_bytes},
         std::to_string(payload_bytes - header.length_bytes) + " bytes follow the announced end");
   }
-  if (payload_bytes == 0) return Damaged(upload, kHeaderBytes, "nothing follows the header");
+  if (payload_bytes == 0) return Damaged(upload, header::kBytes, "nothing follows the header");
   if (!header.encrypted && header.footer_offset != 0) {
-    return Damaged(upload, kFooterOffsetAt, "a footer offset, but the upload is not encrypted");
+    return Damaged(upload, header::kFooterOffset.offset,
+                   "a footer offset, but the upload is not encrypted");
   }
   if (header.encrypted &&
-      (header.footer_offset <= kHeaderBytes || header.footer_offset >= file.size())) {
+      (header.footer_offset <= header::kBytes || header.footer_offset >= file.size())) {
     return Damaged(
-        upload, kFooterOffsetAt,
+        upload, header::kFooterOffset.offset,
         "footer offset " + std::to_string(header.footer_offset) + " lies outside the payload");
   }
   return true;
@@ -145,7 +147,7 @@ bool Unseal(std::span<const uint8_t> file, std::span<const PrivateKey> keys, Eff
   TelemetryFooter footer;
   if (!ReadFooter(file, &footer, upload)) return false;
   const std::span<const uint8_t> data =
-      file.subspan(kHeaderBytes, upload->header.footer_offset - kHeaderBytes);
+      file.subspan(header::kBytes, upload->header.footer_offset - header::kBytes);
   for (const PrivateKey& key : keys) {
     *payload = Decrypt(data, footer, key, effort);
     if (payload->empty()) continue;
@@ -153,7 +155,7 @@ bool Unseal(std::span<const uint8_t> file, std::span<const PrivateKey> keys, Eff
     return true;
   }
   upload->status = UploadStatus::kSealed;
-  upload->offset_bytes = kHeaderBytes;
+  upload->offset_bytes = header::kBytes;
   upload->reason = keys.empty() ? "encrypted, and no --key is given"
                                 : "encrypted, and none of the keys opens it";
   return false;
@@ -164,7 +166,7 @@ void AcceptPart(uint64_t payload_bytes, uint64_t fault_at, const std::string& fa
                 Upload* upload) {
   const uint64_t left = payload_bytes - fault_at;
   upload->unchecked = fault != kTrailingBytes;
-  upload->skipped.push_back({Skipped::Of::kFile, kHeaderBytes + fault_at, left, fault});
+  upload->skipped.push_back({Skipped::Of::kFile, header::kBytes + fault_at, left, fault});
 }
 
 }  // namespace
@@ -181,7 +183,7 @@ Upload OpenUpload(std::span<const uint8_t> file, std::span<const PrivateKey> key
   if (!CheckLengths(file, &upload)) return upload;
   std::vector<uint8_t> payload;
   if (!upload.header.encrypted) {
-    payload.assign(file.begin() + kHeaderBytes, file.end());
+    payload.assign(file.begin() + header::kBytes, file.end());
   } else if (!Unseal(file, keys, effort, &payload, &upload)) {
     return upload;
   }
@@ -193,7 +195,7 @@ Upload OpenUpload(std::span<const uint8_t> file, std::span<const PrivateKey> key
     const std::string fault = Gunzip(payload, kMaxRecordBytes, &upload.records, &fault_at);
     if (!fault.empty() && effort == Effort::kWhole) {
       upload.records.clear();
-      Damaged(&upload, kHeaderBytes + fault_at, fault);
+      Damaged(&upload, header::kBytes + fault_at, fault);
       return upload;
     }
     if (!fault.empty()) AcceptPart(payload.size(), fault_at, fault, &upload);

@@ -4,7 +4,7 @@
 
 #include "reader/gunzip.h"
 #include "reader/upload_layout.h"
-#include "utility/byte_order.h"
+#include "serializer/header_layout.h"
 
 namespace orb::reader {
 namespace {
@@ -18,30 +18,24 @@ void Note(size_t at, uint64_t bytes, std::string reason, Upload* upload) {
   upload->skipped.push_back({Skipped::Of::kFile, at, bytes, std::move(reason)});
 }
 
-void Put32(size_t at, uint32_t value, const char* reason, Bytes* file, Upload* upload) {
-  if (LoadBigEndian<uint32_t>(file->data() + at) == value) return;
-  StoreBigEndian<uint32_t>(file->data() + at, value);
-  Note(at, sizeof value, reason, upload);
-}
-
-void PutByte(size_t at, uint8_t value, const char* reason, Bytes* file, Upload* upload) {
-  if ((*file)[at] == value) return;
-  (*file)[at] = value;
-  Note(at, 1, reason, upload);
+template <typename T>
+void Put(const header::Field<T>& field, T value, const char* reason, Bytes* file, Upload* upload) {
+  if (field.Load(file->data()) == value) return;
+  field.Store(file->data(), value);
+  Note(field.offset, sizeof value, reason, upload);
 }
 
 // Offset of the last thing that looks like a footer; 0 for none.
 uint32_t FindFooter(const Bytes& file) {
   const std::string_view text(reinterpret_cast<const char*>(file.data()), file.size());
   const size_t at = text.rfind(kFooterStart);
-  return at == std::string_view::npos || at <= kHeaderBytes ? 0 : static_cast<uint32_t>(at);
+  return at == std::string_view::npos || at <= header::kBytes ? 0 : static_cast<uint32_t>(at);
 }
 
 // Bytes behind the announced end go when a footer is in front of it. Others stay:
 // the length may be what is wrong.
 void MendLength(uint32_t footer_at, Bytes* file, Upload* upload) {
-  const uint64_t announced_end =
-      uint64_t{kHeaderBytes} + LoadBigEndian<uint32_t>(file->data() + kLengthAt);
+  const uint64_t announced_end = uint64_t{header::kBytes} + header::kLength.Load(file->data());
   if (announced_end < file->size() && footer_at != 0 && announced_end > footer_at) {
     Note(announced_end, file->size() - announced_end, "bytes follow the announced end", upload);
     file->resize(announced_end);
@@ -52,35 +46,34 @@ void MendLength(uint32_t footer_at, Bytes* file, Upload* upload) {
              std::to_string(announced_end - file->size()) + " bytes more",
          upload);
   } else if (announced_end < file->size()) {
-    Note(kLengthAt, 4,
+    Note(header::kLength.offset, 4,
          "the header's length ends the upload " + std::to_string(file->size() - announced_end) +
              " bytes early",
          upload);
   }
-  StoreBigEndian<uint32_t>(file->data() + kLengthAt,
-                           static_cast<uint32_t>(file->size() - kHeaderBytes));
+  header::kLength.Store(file->data(), static_cast<uint32_t>(file->size() - header::kBytes));
 }
 
 void MendSeal(uint32_t footer_at, Bytes* file, Upload* upload) {
-  const uint32_t told_at = LoadBigEndian<uint32_t>(file->data() + kFooterOffsetAt);
-  const uint8_t flag = (*file)[kEncryptedAt];
+  const uint32_t told_at = header::kFooterOffset.Load(file->data());
+  const uint8_t flag = header::kEncrypted.Load(file->data());
   const bool sealed = footer_at != 0 && (flag != 0 || told_at != 0);
   if (flag > 1 || (sealed && flag == 0)) {
-    PutByte(kEncryptedAt, sealed ? 1 : 0, "the encryption flag is wrong", file, upload);
+    Put<uint8_t>(header::kEncrypted, sealed ? 1 : 0, "the encryption flag is wrong", file, upload);
   }
   if (sealed || flag == 0) {
-    Put32(kFooterOffsetAt, sealed ? footer_at : 0, "the footer's offset is wrong", file, upload);
+    Put(header::kFooterOffset, sealed ? footer_at : 0, "the footer's offset is wrong", file,
+        upload);
   }
 }
 
 void MendHeader(Bytes* file, Upload* upload) {
-  if (file->size() < kHeaderBytes) return;
-  Put32(kFormatAt, kFormat, "the first word is not 9", file, upload);
-  Put32(kSizeAt, kHeaderBytes, "the header size is not 66", file, upload);
-  PutByte(kConstantAt, 1, "the constant byte is not 1", file, upload);
-  constexpr size_t kCompressedAt = TelemetryHeader::kCompressedOffset;
-  if ((*file)[kCompressedAt] > 1) {
-    PutByte(kCompressedAt, 1, "the flag is neither 0 nor 1", file, upload);
+  if (file->size() < header::kBytes) return;
+  Put(header::kFormat, header::kFormatWord, "the first word is not 9", file, upload);
+  Put(header::kSize, header::kBytes, "the header size is not 66", file, upload);
+  Put(header::kConstant, header::kConstantByte, "the constant byte is not 1", file, upload);
+  if (header::kCompressed.Load(file->data()) > 1) {
+    Put<uint8_t>(header::kCompressed, 1, "the flag is neither 0 nor 1", file, upload);
   }
   const uint32_t footer_at = FindFooter(*file);
   MendLength(footer_at, file, upload);

@@ -1,8 +1,6 @@
-// Numbers are big-endian, without padding; docs/formats/upload.md has the table.
 // Tested by tests/serializer/telemetry_header_test.cpp.
 #include "serializer/telemetry_header.h"
 
-#include "utility/byte_order.h"
 #include "utility/clock.h"
 #include "utility/log.h"
 
@@ -11,71 +9,46 @@ std::atomic<uint64_t> last_timestamp_for_header{0};
 
 namespace {
 
-constexpr uint32_t kFormatWord = 9;
-constexpr uint8_t kConstantByte = 1;
+enum class Access : uint8_t { kSet, kGet, kSetAndGet };
 
-constexpr uint32_t kFormatOffset = 0;
-constexpr uint32_t kSizeOffset = 4;
-constexpr uint32_t kTimestampOffset = 17;
-constexpr uint32_t kConstantByteOffset = 29;
-constexpr uint32_t kUptimeOffset = 31;
-constexpr uint32_t kTimezoneOffset = 39;
-
-struct Field {
-  uint32_t offset;
-  uint32_t width_bytes;  // 0: no such item.
+struct Item {
+  int number;
+  size_t offset;
+  size_t bytes;
+  Access access;
 };
 
-constexpr Field FieldOf(int item) {
-  switch (item) {
-    case TelemetryHeader::HDR_ITEM_WORD8:
-      return {8, 4};
-    case TelemetryHeader::HDR_ITEM_CAMPAIGN_ID:
-      return {41, 8};
-    case TelemetryHeader::HDR_ITEM_LICSN:
-      return {53, 8};
-    case TelemetryHeader::HDR_ITEM_LENGTH:
-      return {25, 4};
-    case TelemetryHeader::HDR_ITEM_SEQNO:
-      return {49, 4};
-    case TelemetryHeader::HDR_ITEM_KIND:
-      return {12, 1};
-    case TelemetryHeader::HDR_ITEM_VERSION:
-      return {13, 4};
-    case TelemetryHeader::HDR_ITEM_COMPRESSED:
-      return {TelemetryHeader::kCompressedOffset, 1};
-    case TelemetryHeader::HDR_ITEM_TIMESTAMP:
-      return {kTimestampOffset, 8};
-    case TelemetryHeader::HDR_ITEM_ENCRYPTED:
-      return {61, 1};
-    case TelemetryHeader::HDR_ITEM_FOOTER_OFFSET:
-      return {62, 4};
-    default:
-      return {0, 0};
+template <typename T>
+constexpr Item At(TelemetryHeader::CfgItem number, const orb::header::Field<T>& field,
+                  Access access) {
+  return {number, field.offset, sizeof(T), access};
+}
+
+constexpr Item kItems[] = {
+    At(TelemetryHeader::HDR_ITEM_WORD8, orb::header::kClientId, Access::kSetAndGet),
+    At(TelemetryHeader::HDR_ITEM_CAMPAIGN_ID, orb::header::kCampaignId, Access::kSetAndGet),
+    At(TelemetryHeader::HDR_ITEM_LICSN, orb::header::kLicSn, Access::kSetAndGet),
+    At(TelemetryHeader::HDR_ITEM_LENGTH, orb::header::kLength, Access::kSet),
+    At(TelemetryHeader::HDR_ITEM_SEQNO, orb::header::kSeqno, Access::kSet),
+    At(TelemetryHeader::HDR_ITEM_KIND, orb::header::kKind, Access::kSet),
+    At(TelemetryHeader::HDR_ITEM_VERSION, orb::header::kVersion, Access::kSet),
+    At(TelemetryHeader::HDR_ITEM_COMPRESSED, orb::header::kCompressed, Access::kSet),
+    At(TelemetryHeader::HDR_ITEM_TIMESTAMP, orb::header::kCreated, Access::kGet),
+    At(TelemetryHeader::HDR_ITEM_ENCRYPTED, orb::header::kEncrypted, Access::kSetAndGet),
+    At(TelemetryHeader::HDR_ITEM_FOOTER_OFFSET, orb::header::kFooterOffset, Access::kSetAndGet),
+};
+
+// Null, and a log line, when there is no such item or the access to it is `refused`.
+const Item* FindItem(int number, Access refused, const char* operation) {
+  for (const Item& item : kItems) {
+    if (item.number == number && item.access != refused) return &item;
   }
+  LOGE("%s: unknown CfgItem %d", operation, number);
+  return nullptr;
 }
 
-// Only these are ever read back by a sender.
-bool Readable(int item) {
-  switch (item) {
-    case TelemetryHeader::HDR_ITEM_WORD8:
-    case TelemetryHeader::HDR_ITEM_CAMPAIGN_ID:
-    case TelemetryHeader::HDR_ITEM_LICSN:
-    case TelemetryHeader::HDR_ITEM_TIMESTAMP:
-    case TelemetryHeader::HDR_ITEM_ENCRYPTED:
-    case TelemetryHeader::HDR_ITEM_FOOTER_OFFSET:
-      return true;
-    default:
-      return false;
-  }
-}
-
-void LogUnknown(const char* operation, int item) {
-  LOGE("%s: unknown CfgItem %d", operation, item);
-}
-
-// The look and the update are two steps: threads that race may get equal
-// stamps. The first stamp within a used millisecond repeats the one before.
+// Comparing and storing are two steps, so threads that race may get equal stamps. The
+// first stamp within a millisecond that is taken repeats the one before it.
 uint64_t NextTimestamp() {
   const uint64_t now = veskstats_real_time_ms();
   if (now > last_timestamp_for_header.load()) {
@@ -85,7 +58,7 @@ uint64_t NextTimestamp() {
   return last_timestamp_for_header.fetch_add(1);
 }
 
-// Stamps never lie before the library was loaded, whatever happens to the wall clock.
+// No stamp is earlier than the loading of the library, even when the wall clock is set back.
 bool SeedTimestamp() {
   if (last_timestamp_for_header.load() == 0) {
     last_timestamp_for_header.store(veskstats_real_time_ms());
@@ -97,47 +70,31 @@ bool SeedTimestamp() {
 }  // namespace
 
 void TelemetryHeader::SetConstantItems() {
-  orb::StoreBigEndian<uint32_t>(&bytes_[kFormatOffset], kFormatWord);
-  orb::StoreBigEndian<uint32_t>(&bytes_[kSizeOffset], kBytes);
-  bytes_[kConstantByteOffset] = kConstantByte;
+  orb::header::kFormat.Store(bytes_.data(), orb::header::kFormatWord);
+  orb::header::kSize.Store(bytes_.data(), kBytes);
+  orb::header::kConstant.Store(bytes_.data(), orb::header::kConstantByte);
 }
 
 void TelemetryHeader::SetTimestampItems() {
-  orb::StoreBigEndian<uint64_t>(&bytes_[kTimestampOffset], NextTimestamp());
-  orb::StoreBigEndian<uint64_t>(&bytes_[kUptimeOffset], veskstats_uptime_ms());
-  orb::StoreBigEndian<uint16_t>(&bytes_[kTimezoneOffset],
-                                static_cast<uint16_t>(veskstats_timezone_min()));
+  orb::header::kCreated.Store(bytes_.data(), NextTimestamp());
+  orb::header::kUptime.Store(bytes_.data(), veskstats_uptime_ms());
+  orb::header::kTimeZone.Store(bytes_.data(), static_cast<uint16_t>(veskstats_timezone_min()));
 }
 
 void TelemetryHeader::SetItem(int item, uint64_t value) {
-  const Field field = FieldOf(item);
-  if (item == HDR_ITEM_TIMESTAMP || field.width_bytes == 0) return LogUnknown("SetItem", item);
-  switch (field.width_bytes) {
-    case 1:
-      bytes_[field.offset] = static_cast<uint8_t>(value);
-      break;
-    case 4:
-      orb::StoreBigEndian<uint32_t>(&bytes_[field.offset], static_cast<uint32_t>(value));
-      break;
-    default:
-      orb::StoreBigEndian<uint64_t>(&bytes_[field.offset], value);
+  const Item* const found = FindItem(item, Access::kGet, "SetItem");
+  if (found == nullptr) return;
+  for (size_t i = found->bytes; i-- > 0; value >>= 8) {
+    bytes_[found->offset + i] = static_cast<uint8_t>(value);
   }
 }
 
 uint64_t TelemetryHeader::GetItem(int item) const {
-  if (!Readable(item)) {
-    LogUnknown("GetItem", item);
-    return UINT64_MAX;
-  }
-  const Field field = FieldOf(item);
-  switch (field.width_bytes) {
-    case 1:
-      return bytes_[field.offset];
-    case 4:
-      return orb::LoadBigEndian<uint32_t>(&bytes_[field.offset]);
-    default:
-      return orb::LoadBigEndian<uint64_t>(&bytes_[field.offset]);
-  }
+  const Item* const found = FindItem(item, Access::kSet, "GetItem");
+  if (found == nullptr) return UINT64_MAX;
+  uint64_t value = 0;
+  for (size_t i = 0; i < found->bytes; ++i) value = value << 8 | bytes_[found->offset + i];
+  return value;
 }
 
 std::vector<uint8_t> TelemetryHeader::GetHeader() const {

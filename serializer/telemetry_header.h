@@ -1,5 +1,5 @@
-// The fixed 66-byte header of every data file and upload. All numbers are
-// big-endian; see docs/formats/upload.md for the byte table.
+// Builds the 66-byte header of a data file or an upload; header_layout.h says what
+// stands where.
 #pragma once
 
 #include <array>
@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <vector>
+
+#include "serializer/header_layout.h"
 
 // Latest timestamp given to a header of this process, milliseconds.
 extern std::atomic<uint64_t> last_timestamp_for_header;
@@ -27,32 +29,30 @@ class TelemetryHeader {
     HDR_ITEM_ENCRYPTED = 10,
     HDR_ITEM_FOOTER_OFFSET = 11,
   };
-  static constexpr uint32_t kBytes = 66;
-  // Offsets that other code reads or writes directly.
-  static constexpr uint32_t kCompressedOffset = 30;
+  static constexpr uint32_t kBytes = orb::header::kBytes;
 
   TelemetryHeader() : bytes_{} {}
 
-  // The two leading words, 9 and 66, and the constant byte at offset 29.
+  // Sets format, size and the constant byte, which are the same in every header.
   void SetConstantItems();
 
-  // Creation time (unique per process but for the first repeat within a
-  // millisecond), time since boot, time zone.
+  // Sets creation time, time since boot and time zone. Creation times of a process
+  // differ, except that the first repeat within a millisecond is equal to it.
   void SetTimestampItems();
 
   // Stores the value cut to the item's width. The timestamp and unknown items
   // are refused with a log line.
   void SetItem(int item, uint64_t value);
 
-  // The item in host order; for items 1, 2, 3, 9, 10 and 11 only, any other
+  // The item in host order. Only items 1, 2, 3, 9, 10 and 11 can be read: any other
   // logs and gives all bits set.
   uint64_t GetItem(int item) const;
 
-  // A fresh copy of the 66 bytes.
+  // A copy of the 66 bytes.
   std::vector<uint8_t> GetHeader() const;
 
-  // Takes 66 bytes from the file's position and goes back to it. Always 0: a
-  // short read leaves the bytes it could not get as they were.
+  // Reads 66 bytes at the file's position and returns to that position. After a short
+  // read the bytes that are missing keep their values. Always 0.
   int ParseFromFile(FILE* file);
 
   static constexpr uint32_t Size() { return kBytes; }

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <utility>
 
-#include "serializer/telemetry_header.h"
+#include "serializer/header_layout.h"
 #include "services/common/descriptor_limit.h"
 #include "services/hal/upload_name.h"
 #include "utility/log.h"
@@ -78,7 +78,7 @@ int32_t Hal::StoreSlot(const Caller& caller, const std::string& name,
   if (channel == nullptr) return refuse("no such channel", EBADF);
   const char* const busy = completions_.Refusal(caller);
   if (busy != nullptr) return refuse(busy, EBUSY);
-  if (header.size() != TelemetryHeader::kBytes) return refuse("no 66-byte header", EINVAL);
+  if (header.size() != header::kBytes) return refuse("no 66-byte header", EINVAL);
   if (size <= 0 || static_cast<uint32_t>(size) > Spool::kMaxUploadBytes - header.size()) {
     return refuse("a size that no upload may have", EINVAL);
   }

@@ -15,11 +15,10 @@
 #include <system_error>
 #include <utility>
 
-#include "serializer/telemetry_header.h"
+#include "serializer/header_layout.h"
 #include "services/common/directory.h"
 #include "services/common/durable_file.h"
 #include "services/hal/upload_name.h"
-#include "utility/byte_order.h"
 #include "utility/error_text.h"
 #include "utility/log.h"
 
@@ -29,23 +28,20 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kIncoming = ".incoming";
-constexpr uint32_t kTimestampOffset = 17;
-constexpr uint32_t kSeqnoOffset = 49;
-static_assert(kSeqnoOffset + sizeof(uint32_t) <= TelemetryHeader::kBytes);
 // A client that repeats a number within a millisecond this often has lost count.
 constexpr int kMaxRepeats = 1000;
 // A disk that is full gets so many times back what an upload takes, before that is given
 // up: other programs may be taking it.
 constexpr uint64_t kMostTimesFreed = 8;
 
-using Header = std::array<uint8_t, TelemetryHeader::kBytes>;
+using Header = std::array<uint8_t, header::kBytes>;
 
 // SEQNO-TIMESTAMP of the upload's header.
 std::string StemOf(const Header& header) {
   char stem[48];
   static_cast<void>(snprintf(stem, sizeof stem, "%010" PRIu32 "-%013" PRIu64,
-                             LoadBigEndian<uint32_t>(header.data() + kSeqnoOffset),
-                             LoadBigEndian<uint64_t>(header.data() + kTimestampOffset)));
+                             header::kSeqno.Load(header.data()),
+                             header::kCreated.Load(header.data())));
   return stem;
 }
 
@@ -103,8 +99,8 @@ Result<Spool::Folders> Spool::Admit(const std::string& name, uint64_t bytes) con
   Result<Folders> folders = ParseUploadName(name);
   if (!folders.ok()) return Error{folders.error().text + " in \"" + Printable(name) + "\""};
   const std::string has = Printable(name) + " has " + std::to_string(bytes) + " bytes, ";
-  if (bytes < TelemetryHeader::kBytes || bytes > kMaxUploadBytes) {
-    return Error{has + std::to_string(TelemetryHeader::kBytes) + " to " +
+  if (bytes < header::kBytes || bytes > kMaxUploadBytes) {
+    return Error{has + std::to_string(header::kBytes) + " to " +
                  std::to_string(kMaxUploadBytes) + " are allowed"};
   }
   if (max_bytes_ != 0 && bytes > max_bytes_) {

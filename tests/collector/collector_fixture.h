@@ -13,10 +13,10 @@
 #include "collector/kiv_collector.h"
 #include "ipc/KIVCampConfig.h"
 #include "proto/ltc_campaign.pb.h"
+#include "serializer/header_layout.h"
 #include "tests/support/child_process.h"
 #include "tests/support/fake_aidl_client.h"
 #include "tests/support/log_capture.h"
-#include "utility/byte_order.h"
 
 namespace orb::test {
 
@@ -81,13 +81,14 @@ inline KPICfg MakeKpi(uint32_t id, KPIType type, KPISubType sub_type = INVALID) 
 // A header's numbers, but for its times.
 inline std::string HeaderText(const std::vector<uint8_t>& header) {
   EXPECT_EQ(header.size(), 66u);
-  const auto word = [&](size_t at) { return std::to_string(LoadBigEndian<uint32_t>(&header[at])); };
-  const auto wide = [&](size_t at) { return std::to_string(LoadBigEndian<uint64_t>(&header[at])); };
-  const auto byte = [&](size_t at) { return std::to_string(header[at]); };
-  return word(0) + " " + word(4) + " client " + word(8) + " kind " + byte(12) + " version " +
-         word(13) + " length " + word(25) + " " + byte(29) + " compressed " + byte(30) +
-         " campaign " + wide(41) + " number " + word(49) + " owner " + wide(53) + " sealed " +
-         byte(61) + " footer at " + word(62);
+  const auto number = [&](const auto& field) { return std::to_string(field.Load(header.data())); };
+  return number(header::kFormat) + " " + number(header::kSize) + " client " +
+         number(header::kClientId) + " kind " + number(header::kKind) + " version " +
+         number(header::kVersion) + " length " + number(header::kLength) + " " +
+         number(header::kConstant) + " compressed " + number(header::kCompressed) + " campaign " +
+         number(header::kCampaignId) + " number " + number(header::kSeqno) + " owner " +
+         number(header::kLicSn) + " sealed " + number(header::kEncrypted) + " footer at " +
+         number(header::kFooterOffset);
 }
 
 inline const uint8_t* Bytes(const std::string& text) {

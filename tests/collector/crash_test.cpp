@@ -48,9 +48,9 @@ class FileHal : public FakeAidlClient {
     std::string text = Gunzip(data, data_len).substr(2);  // Behind the version.
     const size_t torn_bytes = text.size() % kRecordBytes;
     text.resize(text.size() - torn_bytes);
-    const std::string line = std::to_string(LoadBigEndian<uint64_t>(header + 53)) + " " +
-                             std::to_string(LoadBigEndian<uint32_t>(header + 49)) + " " +
-                             std::to_string(LoadBigEndian<uint64_t>(header + 17)) + " " +
+    const std::string line = std::to_string(header::kLicSn.Load(header)) + " " +
+                             std::to_string(header::kSeqno.Load(header)) + " " +
+                             std::to_string(header::kCreated.Load(header)) + " " +
                              std::to_string(torn_bytes) + " " + text + "\n";
     return write(fd_.get(), line.data(), line.size()) == static_cast<ssize_t>(line.size()) ? 0 : -1;
   }

@@ -201,8 +201,8 @@ TEST_F(FdTest, PiecesCarryTheHeaderTheNameAndTheCompression) {
               std::string("9 66 client 7 kind 4 version 1 length 1000 1 compressed ") +
                   c.want_compressed + " campaign 77 number 0 owner 0 sealed 0 footer at 0");
     EXPECT_NE(HeaderText(client_->Pieces()[1].header).find(" number 1 "), std::string::npos);
-    const uint8_t* const creation_time = &piece.header[17];
-    EXPECT_EQ(piece.name, "/up/7/radio." + std::to_string(LoadBigEndian<uint64_t>(creation_time)));
+    EXPECT_EQ(piece.name,
+              "/up/7/radio." + std::to_string(header::kCreated.Load(piece.header.data())));
     const std::string settings = "FdWrite: compress.loc " + std::to_string(c.loc) +
                                  " compress.type " + std::to_string(c.type);
     ExpectError("SetItem: unknown CfgItem 9");

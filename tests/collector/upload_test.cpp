@@ -61,7 +61,7 @@ TEST_F(UploadTest, UploadsAreNamedNumberedAndCompressed) {
     EXPECT_EQ(upload.name, "/up/7/radio.42");
     EXPECT_NE(HeaderText(upload.header).find(" number " + std::to_string(i) + " "),
               std::string::npos);
-    EXPECT_GT(LoadBigEndian<uint64_t>(&upload.header[17]), 1500000000000u) << "creation time";
+    EXPECT_GT(header::kCreated.Load(upload.header.data()), 1500000000000u) << "creation time";
     EXPECT_TRUE(log_.Contains("orb_data_compress: allocated dst_buf with size "));
     EXPECT_TRUE(log_.Contains(" src_buf_len " + std::to_string(payloads[i].size())));
   }

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "proto/telemetry_footer.pb.h"
+#include "serializer/header_layout.h"
 #include "tests/crypto/sealed_payload.h"
 #include "tests/support/child_process.h"
-#include "utility/byte_order.h"
 
 namespace orb::reader::test {
 
@@ -47,7 +47,7 @@ inline std::string Gzip(const std::string& data) {
 // The whole file.
 inline std::vector<uint8_t> BuildUpload(const UploadPlan& plan) {
   std::string payload = plan.gzip ? Gzip(plan.records) : plan.records;
-  std::vector<uint8_t> file(66);
+  std::vector<uint8_t> file(header::kBytes);
   if (!plan.public_pem.empty()) {
     const SealedPayload sealed = Seal(plan.gcm ? kGcm : kCbc, plan.public_pem, payload);
     EXPECT_EQ(sealed.result, 0);
@@ -55,24 +55,25 @@ inline std::vector<uint8_t> BuildUpload(const UploadPlan& plan) {
     footer.set_ephemeral_key(sealed.key);
     footer.set_iv(sealed.iv);
     footer.set_gcm_tag(sealed.tag);
-    file[61] = 1;
-    StoreBigEndian<uint32_t>(&file[62], 66 + static_cast<uint32_t>(sealed.data.size()));
+    header::kEncrypted.Store(file.data(), 1);
+    header::kFooterOffset.Store(file.data(),
+                                header::kBytes + static_cast<uint32_t>(sealed.data.size()));
     payload = sealed.data + footer.SerializeAsString();
   }
-  StoreBigEndian<uint32_t>(&file[0], 9);
-  StoreBigEndian<uint32_t>(&file[4], 66);
-  StoreBigEndian<uint32_t>(&file[8], 7);
-  file[12] = 4;
-  StoreBigEndian<uint32_t>(&file[13], 1);
-  StoreBigEndian<uint64_t>(&file[17], 1763716800000);
-  StoreBigEndian<uint32_t>(&file[25], static_cast<uint32_t>(payload.size()));
-  file[29] = 1;
-  file[30] = 1;
-  StoreBigEndian<uint64_t>(&file[31], 5000);
-  StoreBigEndian<uint16_t>(&file[39], static_cast<uint16_t>(-180));
-  StoreBigEndian<uint64_t>(&file[41], 9);
-  StoreBigEndian<uint32_t>(&file[49], plan.seqno);
-  StoreBigEndian<uint64_t>(&file[53], plan.lic_sn);
+  header::kFormat.Store(file.data(), header::kFormatWord);
+  header::kSize.Store(file.data(), header::kBytes);
+  header::kClientId.Store(file.data(), 7);
+  header::kKind.Store(file.data(), 4);
+  header::kVersion.Store(file.data(), 1);
+  header::kCreated.Store(file.data(), 1763716800000);
+  header::kLength.Store(file.data(), static_cast<uint32_t>(payload.size()));
+  header::kConstant.Store(file.data(), header::kConstantByte);
+  header::kCompressed.Store(file.data(), 1);
+  header::kUptime.Store(file.data(), 5000);
+  header::kTimeZone.Store(file.data(), static_cast<uint16_t>(-180));
+  header::kCampaignId.Store(file.data(), 9);
+  header::kSeqno.Store(file.data(), plan.seqno);
+  header::kLicSn.Store(file.data(), plan.lic_sn);
   file.insert(file.end(), payload.begin(), payload.end());
   return file;
 }

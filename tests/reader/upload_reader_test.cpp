@@ -89,7 +89,7 @@ Damage Resize(size_t size) {
 Damage ResizeKnowingly(size_t size) {
   return [=](Bytes* file) {
     file->resize(size);
-    StoreBigEndian<uint32_t>(&(*file)[25], static_cast<uint32_t>(size - 66));
+    header::kLength.Store(file->data(), static_cast<uint32_t>(size - header::kBytes));
   };
 }
 
@@ -99,7 +99,7 @@ TEST(UploadReaderTest, NamesEveryDamageWithItsPlace) {
   const Bytes plain = BuildUpload(zipped);
   const Bytes sealed = BuildUpload(Sealed(true));
   const size_t end = plain.size();
-  const uint32_t footer_at = LoadBigEndian<uint32_t>(&sealed[62]);
+  const uint32_t footer_at = header::kFooterOffset.Load(sealed.data());
   const std::optional<uint64_t> kAnywhere;  // zlib decides.
   const struct {
     const char* reason;
@@ -156,7 +156,7 @@ TEST(UploadReaderTest, SalvagesWhatIsSound) {
   const Bytes gcm = BuildUpload(plan);
   plan.gcm = false;
   const Bytes cbc = BuildUpload(plan);
-  const uint32_t footer_at = LoadBigEndian<uint32_t>(&cbc[62]);
+  const uint32_t footer_at = header::kFooterOffset.Load(cbc.data());
   const Damage constants = [](Bytes* f) { (*f)[3] = (*f)[7] = (*f)[29] = (*f)[30] = 7; };
   const Damage hole = [](Bytes* f) { f->erase(f->begin() + 3000, f->begin() + 3333); };
   enum Want { kAll, kStart, kSealed, kDamaged };

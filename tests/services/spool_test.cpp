@@ -75,7 +75,7 @@ TEST_F(SpoolTest, RefusesWhatItMustNotStore) {
   EXPECT_FALSE(spool_->Store("../escaped", Upload(0, 1, 1)));
   EXPECT_TRUE(log_.Contains("upload refused: a folder that starts with a dot in \"../escaped\""));
   EXPECT_FALSE(spool_->Store(kName, std::vector<uint8_t>()));
-  EXPECT_FALSE(spool_->Store(kName, std::vector<uint8_t>(TelemetryHeader::kBytes - 1)));
+  EXPECT_FALSE(spool_->Store(kName, std::vector<uint8_t>(header::kBytes - 1)));
   EXPECT_TRUE(log_.Contains("/up/7/radio.42 has 65 bytes, 66 to "));
   EXPECT_FALSE(spool_->Store(kName, Upload(0, 1, 1000)));
   EXPECT_TRUE(log_.Contains("has 1066 bytes, the whole spool may hold 1000"));

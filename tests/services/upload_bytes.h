@@ -4,15 +4,14 @@
 #include <cstdint>
 #include <vector>
 
-#include "serializer/telemetry_header.h"
-#include "utility/byte_order.h"
+#include "serializer/header_layout.h"
 
 namespace orb::hal {
 
 inline std::vector<uint8_t> Upload(uint32_t seqno, uint64_t timestamp_ms, size_t data_bytes) {
-  std::vector<uint8_t> upload(TelemetryHeader::kBytes + data_bytes, 'd');
-  StoreBigEndian<uint64_t>(&upload[17], timestamp_ms);
-  StoreBigEndian<uint32_t>(&upload[49], seqno);
+  std::vector<uint8_t> upload(header::kBytes + data_bytes, 'd');
+  header::kCreated.Store(upload.data(), timestamp_ms);
+  header::kSeqno.Store(upload.data(), seqno);
   return upload;
 }
 
