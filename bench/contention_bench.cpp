@@ -9,7 +9,7 @@
 #include <mutex>
 #include <thread>
 
-#include "bench/bench_session.h"
+#include "tests/support/bench_session.h"
 
 namespace orb::bench {
 namespace {

@@ -13,7 +13,7 @@
 #include <cstddef>
 #include <iterator>
 
-#include "bench/bench_session.h"
+#include "tests/support/bench_session.h"
 
 namespace {
 std::atomic<uint64_t> g_allocations{0};

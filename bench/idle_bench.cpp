@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "bench/bench_session.h"
+#include "tests/support/bench_session.h"
 
 namespace orb::bench {
 namespace {

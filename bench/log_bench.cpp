@@ -7,7 +7,7 @@
 #include <memory>
 #include <mutex>
 
-#include "bench/bench_session.h"
+#include "tests/support/bench_session.h"
 
 namespace orb::bench {
 namespace {

@@ -4,8 +4,8 @@
 #include <memory>
 #include <vector>
 
-#include "bench/bench_session.h"
 #include "proto/ltc_campaign.pb.h"
+#include "tests/support/bench_session.h"
 
 namespace orb::bench {
 namespace {

@@ -14,11 +14,11 @@
 #include <string>
 #include <vector>
 
-#include "bench/bench_session.h"
 #include "ipc/KIVCampConfig.h"
 #include "proto/kpi_data.pb.h"
 #include "proto/ltc_campaign.pb.h"
 #include "serializer/telemetry_header.h"
+#include "tests/support/bench_session.h"
 
 namespace orb::bench {
 namespace {

@@ -17,8 +17,8 @@
 #include <string>
 #include <thread>
 
-#include "bench/bench_session.h"
 #include "proto/kpi_data.pb.h"
+#include "tests/support/bench_session.h"
 
 namespace orb::bench {
 namespace {

@@ -13,11 +13,11 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "bench/bench_session.h"
 #include "fuzz/fuzz_input.h"
 #include "fuzz/fuzz_key.h"
 #include "ipc/KIVCampConfig.h"
 #include "proto/ltc_campaign.pb.h"
+#include "tests/support/bench_session.h"
 #include "tests/support/child_process.h"
 
 namespace {

@@ -8,11 +8,11 @@
 // Kept out, because they end the process on purpose: sums of gauges that leave
 // 64 bits (the values logged are small), and a slot size and number whose
 // product leaves 32 bits (they are the client's own numbers, and fixed here).
-#include "bench/bench_session.h"
 #include "fuzz/fuzz_input.h"
 #include "fuzz/fuzz_key.h"
 #include "ipc/KIVCampConfig.h"
 #include "proto/ltc_campaign.pb.h"
+#include "tests/support/bench_session.h"
 
 namespace {
 

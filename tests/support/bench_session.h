@@ -1,5 +1,5 @@
-// A real session for benchmarks: a collector started from a campaign, with the
-// HAL stubbed in process and log output discarded.
+// A real session for benchmarks and fuzz targets: a collector that was started with a
+// campaign, with a HAL stubbed in process. Log output is discarded.
 #pragma once
 
 #include <atomic>
@@ -13,7 +13,7 @@
 
 namespace orb::bench {
 
-// Takes every upload and announce at once. Can be told to take its time.
+// A HAL that takes every upload and every announcement at once, unless it is told to delay.
 class StubClient : public kivAIDLClient {
  public:
   int registerClient(const std::string& name, uint32_t type, uint32_t option,
@@ -32,11 +32,11 @@ class StubClient : public kivAIDLClient {
   // Completes an announced piece at once, from inside FdWrite.
   void CompleteAnnounces(kiv_collector* collector) { complete_ = collector; }
   void DelayCalls(int ms) { delay_ms_ = ms; }
-  // From now on an upload does not return until it is let go.
+  // Uploads do not return before LetUploadsGo(). WaitHeld() waits until one is held.
   void HoldUploads() { hold_ = true; }
   void WaitHeld() { held_.wait(false); }
   void LetUploadsGo();
-  // The slots' memory, the session's.
+  // The descriptor of the slots' memory; the session owns it.
   int region() const { return region_; }
 
  private:
@@ -84,9 +84,9 @@ class Session {
   std::unique_ptr<kiv_collector> collector_;
 };
 
-// 65,536 draws from the ids first ... first+count-1, each of them at least once;
-// the same draws in every run. A short sequence, repeated, would be learnt by
-// the branch predictor: a tree walk then looks several times cheaper than it is.
+// 65,536 draws from the ids first ... first+count-1, each of them at least once and the
+// same in every run. The branch predictor would learn a short sequence that repeats, and
+// a walk through a tree would look several times cheaper than it is.
 std::vector<uint32_t> RandomIds(uint32_t first, uint32_t count);
 
 }  // namespace orb::bench

@@ -1,4 +1,4 @@
-#include "bench/bench_session.h"
+#include "tests/support/bench_session.h"
 
 #include <stdlib.h>
 
