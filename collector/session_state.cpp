@@ -5,19 +5,12 @@
 
 #include "collector/session.h"
 #include "kpi/kpi.h"
-#include "proto/ltc_campaign.pb.h"
+#include "proto/kpi_kinds.h"
 
 namespace {
 
 // How long a dump waits for a callback of the client, which may take for ever.
 constexpr std::chrono::milliseconds kBusyWait{250};
-
-const char* TypeName(const KPICfg& cfg) {
-  if (cfg.type() == KPI_STATE) return "state";
-  if (cfg.type() == KPI_BLOB) return "blob";
-  if (cfg.sub_type() == GAUGE) return "gauge";
-  return cfg.sub_type() == HISTOGRAM ? "histogram" : "counter";
-}
 
 std::pair<uint32_t, const char*> WindowOf(const KPICfg& cfg) {
   switch (cfg.agg_window_oneof_case()) {
@@ -37,7 +30,8 @@ std::vector<Session::KpiState> Session::DescribeKPIs(Books* books) {
   kpis.reserve(kpis_.size());
   for (const auto& [id, kpi] : kpis_) {
     const auto [window, unit] = WindowOf(kpi->config());
-    kpis.push_back({id, TypeName(kpi->config()), window, unit, kpi->CountSamples()});
+    kpis.push_back(
+        {id, orb::NameOf(orb::KindOf(kpi->config()).value()), window, unit, kpi->CountSamples()});
     books->Enter(OwnersOf(id), kpis.back().samples);
   }
   return kpis;

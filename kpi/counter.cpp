@@ -1,6 +1,7 @@
 // Tested by tests/kpi/kpi_test.cpp.
 #include "kpi/counter.h"
 
+#include "proto/kpi_kinds.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/checked.h"
 #include "utility/log.h"
@@ -21,7 +22,7 @@ int Counter::Serialize() {
     LOGI("numSamples < 1, so skipping");
     return 0;
   }
-  orbtr::KPIData& data = serializer->CounterRecord();
+  orbtr::KPIData& data = serializer->EmptyRecord(orb::KpiKind::kCounter);
   orbtr::Counter* counter = data.mutable_counters(0);
   fillMeta(counter->mutable_meta());
   counter->set_count(static_cast<uint64_t>(sum));

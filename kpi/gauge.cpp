@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "proto/kpi_kinds.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/checked.h"
 #include "utility/clock.h"
@@ -71,7 +72,7 @@ int Gauge::Serialize() {
        Nanoseconds(tsStart), Nanoseconds(tsEnd));
   if (N < 2) return 0;
   if (TIMEBASED()) sampleSpan = N;
-  orbtr::KPIData& data = serializer->GaugeRecord();
+  orbtr::KPIData& data = serializer->EmptyRecord(orb::KpiKind::kGauge);
   orbtr::Gauge* record = data.mutable_gauges(0);
   fillMeta(record->mutable_meta());
   FillStatistics(record);

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "proto/kpi_kinds.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/checked.h"
 #include "utility/conf.h"
@@ -63,7 +64,7 @@ int Histogram::Serialize() {
     LOGI("numSamples < 1, so skipping");
     return 0;
   }
-  orbtr::KPIData& data = serializer->HistogramRecord();
+  orbtr::KPIData& data = serializer->EmptyRecord(orb::KpiKind::kHistogram);
   orbtr::Histogram* histogram = data.mutable_histograms(0);
   fillMeta(histogram->mutable_meta());
   histogram->mutable_bucket_counts()->Add(buckets.begin(), buckets.end());

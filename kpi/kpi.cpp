@@ -1,6 +1,7 @@
 // Tested by tests/kpi/kpi_test.cpp.
 #include "kpi/kpi.h"
 
+#include <optional>
 #include <ratio>
 #include <type_traits>
 
@@ -9,6 +10,7 @@
 #include "kpi/gauge.h"
 #include "kpi/histogram.h"
 #include "kpi/state_machine.h"
+#include "proto/kpi_kinds.h"
 #include "serializer/kpi_serializer.h"
 #include "utility/checked.h"
 #include "utility/clock.h"
@@ -19,32 +21,28 @@ namespace {
 constexpr int64_t kNanosecondsPerTenth = 100'000'000;
 static_assert(std::is_same_v<KPI::TimePoint::period, std::nano>);
 
-std::unique_ptr<KPI> CreateNumeric(const KPICfg& cfg, KPISerializer* serializer) {
-  switch (cfg.sub_type()) {
-    case COUNTER:
-      return std::make_unique<Counter>(cfg, serializer);
-    case GAUGE:
-      return std::make_unique<Gauge>(cfg, serializer);
-    case HISTOGRAM:
-      return std::make_unique<Histogram>(cfg, serializer);
-    default:
-      return nullptr;
-  }
-}
-
 // Null for an unknown kind; only an unknown type is worth a log line.
 std::unique_ptr<KPI> CreateUnchecked(const KPICfg& cfg, KPISerializer* serializer) {
-  switch (cfg.type()) {
-    case KPI_NUMERIC:
-      return CreateNumeric(cfg, serializer);
-    case KPI_STATE:
-      return std::make_unique<StateMachine>(cfg, serializer);
-    case KPI_BLOB:
-      return std::make_unique<Blob>(cfg, serializer);
-    default:
+  const std::optional<orb::KpiKind> kind = orb::KindOf(cfg);
+  if (!kind) {
+    if (cfg.type() != KPI_NUMERIC) {
       LOGE("Unknown KPI Type: %d to create", static_cast<int>(cfg.type()));
-      return nullptr;
+    }
+    return nullptr;
   }
+  switch (*kind) {
+    case orb::KpiKind::kCounter:
+      return std::make_unique<Counter>(cfg, serializer);
+    case orb::KpiKind::kGauge:
+      return std::make_unique<Gauge>(cfg, serializer);
+    case orb::KpiKind::kHistogram:
+      return std::make_unique<Histogram>(cfg, serializer);
+    case orb::KpiKind::kState:
+      return std::make_unique<StateMachine>(cfg, serializer);
+    case orb::KpiKind::kBlob:
+      return std::make_unique<Blob>(cfg, serializer);
+  }
+  return nullptr;
 }
 
 }  // namespace

@@ -3,20 +3,37 @@
 // Tested by tests/reader/record_printer_test.cpp.
 #include <fmt/format.h>
 
+#include <map>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <vector>
 
+#include "reader/hex.h"
 #include "reader/record_formats.h"
 #include "utility/terminal_text.h"
 
 namespace orb::reader {
 namespace {
 
-constexpr char kHeader[] =
-    "file,campaign_id,lic_sn,seqno,kind,kpi_id,ts_start,ts_end,num_samples,count,min,max,mean,"
-    "stdev,variance,slope,offset,bucket_counts,bucket_ranges,clamped_bucket,data_bytes,data_hex,"
-    "note\n";
-constexpr size_t kValueColumns = 12;  // "count" to "data_bytes".
+// The value columns: the statistics of all kinds by name, then these.
+constexpr const char* kCounts = "bucket_counts";
+constexpr const char* kRanges = "bucket_ranges";
+constexpr const char* kClamped = "clamped_bucket";
+constexpr const char* kDataBytes = "data_bytes";
+
+// By column; those that are missing are empty.
+using Values = std::map<std::string_view, std::string>;
+
+std::vector<std::string_view> ValueColumns() {
+  std::vector<std::string_view> columns;
+  ForEachRecordRow([&columns]<typename Record>(const RecordRow<Record>&) {
+    std::apply([&columns](const auto&... all) { (columns.push_back(all.name), ...); },
+               StatisticsOf<Record>::kAll);
+  });
+  columns.insert(columns.end(), {kCounts, kRanges, kClamped, kDataBytes});
+  return columns;
+}
 
 // A spreadsheet cell holds 32767 characters.
 constexpr size_t kBlobBytesMax = 16000;
@@ -36,34 +53,6 @@ std::string Field(std::string_view text) {
   return out;
 }
 
-// The value columns, by their index.
-enum Column {
-  kCount,
-  kMin,
-  kMax,
-  kMean,
-  kStdev,
-  kVariance,
-  kSlope,
-  kOffset,
-  kCounts,
-  kRanges,
-  kClamped,
-  kDataBytes
-};
-
-using Values = std::vector<std::string>;  // [kValueColumns]
-
-void FillGauge(const orbtr::Gauge& gauge, Values* values) {
-  if (gauge.has_min()) (*values)[kMin] = std::to_string(gauge.min());
-  if (gauge.has_max()) (*values)[kMax] = std::to_string(gauge.max());
-  if (gauge.has_mean()) (*values)[kMean] = FloatText(gauge.mean());
-  if (gauge.has_stdev()) (*values)[kStdev] = FloatText(gauge.stdev());
-  if (gauge.has_variance()) (*values)[kVariance] = FloatText(gauge.variance());
-  if (gauge.has_slope()) (*values)[kSlope] = FloatText(gauge.slope());
-  if (gauge.has_offset()) (*values)[kOffset] = FloatText(gauge.offset());
-}
-
 void FillHistogram(const orbtr::Histogram& histogram, const HistogramLayout* layout,
                    Values* values) {
   (*values)[kCounts] = fmt::format("{}", fmt::join(histogram.bucket_counts(), ";"));
@@ -75,7 +64,9 @@ void FillHistogram(const orbtr::Histogram& histogram, const HistogramLayout* lay
 class CsvPrinter : public RecordPrinter {
  public:
   CsvPrinter(std::ostream* out, const CampaignIndex* campaign) : out_(*out), campaign_(campaign) {
-    out_ << kHeader;
+    out_ << fmt::format(
+        "file,campaign_id,lic_sn,seqno,kind,kpi_id,ts_start,ts_end,num_samples,{},data_hex,note\n",
+        fmt::join(columns_, ","));
   }
 
   void BeginSource(const RecordSource& source) override {
@@ -85,38 +76,35 @@ class CsvPrinter : public RecordPrinter {
 
   void Print(const PayloadRecord& record) override {
     const orbtr::MetaData& meta = record.meta();
-    Values values(kValueColumns);
+    Values values;
     std::string note = NoteFor(record, campaign_);
     std::string hex;
-    switch (record.kind) {
-      case RecordKind::kCounter:
-        values[kCount] = std::to_string(record.data.counters(0).count());
-        break;
-      case RecordKind::kGauge:
-        FillGauge(record.data.gauges(0), &values);
-        break;
-      case RecordKind::kHistogram:
-        FillHistogram(record.data.histograms(0), LayoutFor(record, campaign_), &values);
-        break;
-      case RecordKind::kBlob: {
-        const std::string& data = record.data.blobs(0).data();
-        values[kDataBytes] = std::to_string(data.size());
-        hex = Hex(std::string_view(data).substr(0, kBlobBytesMax));
-        if (data.size() > kBlobBytesMax) {
-          note +=
-              fmt::format("{}data_hex is cut to {} bytes", note.empty() ? "" : "; ", kBlobBytesMax);
-        }
-        break;
+    record.VisitElement([&values](const auto&, const auto& element) {
+      ForEachStatistic(
+          element, [&values](const char* name, auto value) { values[name] = NumberText(value); });
+    });
+    if (record.kind == KpiKind::kHistogram) {
+      FillHistogram(record.data.histograms(0), LayoutFor(record, campaign_), &values);
+    }
+    if (record.kind == KpiKind::kBlob) {
+      const std::string& data = record.data.blobs(0).data();
+      values[kDataBytes] = std::to_string(data.size());
+      hex = Hex(std::string_view(data).substr(0, kBlobBytesMax));
+      if (data.size() > kBlobBytesMax) {
+        note +=
+            fmt::format("{}data_hex is cut to {} bytes", note.empty() ? "" : "; ", kBlobBytesMax);
       }
     }
-    out_ << fmt::format("{},{},{},{},{},{},{},{},{}\n", source_, KindName(record.kind),
-                        meta.kpi_id(), meta.ts_start(), meta.ts_end(), meta.num_samples(),
-                        fmt::join(values, ","), hex, Field(note));
+    out_ << fmt::format("{},{},{},{},{},{}", source_, NameOf(record.kind), meta.kpi_id(),
+                        meta.ts_start(), meta.ts_end(), meta.num_samples());
+    for (const std::string_view column : columns_) out_ << ',' << values[column];
+    out_ << fmt::format(",{},{}\n", hex, Field(note));
   }
 
  private:
   std::ostream& out_;
   const CampaignIndex* const campaign_;
+  const std::vector<std::string_view> columns_ = ValueColumns();
   std::string source_ = ",,,";
 };
 

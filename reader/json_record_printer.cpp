@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "reader/hex.h"
 #include "reader/record_formats.h"
 
 namespace orb::reader {
@@ -14,21 +15,15 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+template <typename Value>
+Json Number(Value value) {
+  return value;
+}
 Json Number(float value) {
   if (std::isnan(value)) return "NaN";
   if (std::isinf(value)) return value > 0 ? "Infinity" : "-Infinity";
-  // By way of its shortest text: 0.1f is 0.1 and not 0.10000000149011612.
-  return std::strtod(FloatText(value).c_str(), nullptr);
-}
-
-void AddGauge(const orbtr::Gauge& gauge, Json* object) {
-  if (gauge.has_min()) (*object)["min"] = gauge.min();
-  if (gauge.has_max()) (*object)["max"] = gauge.max();
-  if (gauge.has_mean()) (*object)["mean"] = Number(gauge.mean());
-  if (gauge.has_stdev()) (*object)["stdev"] = Number(gauge.stdev());
-  if (gauge.has_variance()) (*object)["variance"] = Number(gauge.variance());
-  if (gauge.has_slope()) (*object)["slope"] = Number(gauge.slope());
-  if (gauge.has_offset()) (*object)["offset"] = Number(gauge.offset());
+  // By way of its shortest text, 0.1f is 0.1 and not 0.10000000149011612.
+  return std::strtod(NumberText(value).c_str(), nullptr);
 }
 
 void AddHistogram(const orbtr::Histogram& histogram, const HistogramLayout* layout, Json* object) {
@@ -62,22 +57,18 @@ class JsonPrinter : public RecordPrinter {
 
   void Print(const PayloadRecord& record) override {
     Json object = source_;
-    object["kind"] = KindName(record.kind);
+    object["kind"] = NameOf(record.kind);
     AddMeta(record.meta(), &object);
-    switch (record.kind) {
-      case RecordKind::kCounter:
-        object["count"] = record.data.counters(0).count();
-        break;
-      case RecordKind::kGauge:
-        AddGauge(record.data.gauges(0), &object);
-        break;
-      case RecordKind::kHistogram:
-        AddHistogram(record.data.histograms(0), LayoutFor(record, campaign_), &object);
-        break;
-      case RecordKind::kBlob:
-        object["data_bytes"] = record.data.blobs(0).data().size();
-        object["data_hex"] = Hex(record.data.blobs(0).data());
-        break;
+    record.VisitElement([&object](const auto&, const auto& element) {
+      ForEachStatistic(element,
+                       [&object](const char* name, auto value) { object[name] = Number(value); });
+    });
+    if (record.kind == KpiKind::kHistogram) {
+      AddHistogram(record.data.histograms(0), LayoutFor(record, campaign_), &object);
+    }
+    if (record.kind == KpiKind::kBlob) {
+      object["data_bytes"] = record.data.blobs(0).data().size();
+      object["data_hex"] = Hex(record.data.blobs(0).data());
     }
     const std::string note = NoteFor(record, campaign_);
     if (!note.empty()) object["note"] = note;

@@ -4,7 +4,6 @@
 #include <memory>
 #include <ostream>
 #include <string>
-#include <string_view>
 
 #include "reader/record_printer.h"
 
@@ -15,9 +14,9 @@ std::unique_ptr<RecordPrinter> MakeCsvPrinter(std::ostream* out, const CampaignI
 std::unique_ptr<RecordPrinter> MakeJsonPrinter(std::ostream* out, const CampaignIndex* campaign);
 
 // The fewest digits that read back as the same float; "nan", "inf", "-inf".
-std::string FloatText(float value);
-// Two digits a byte, `separator` between bytes.
-std::string Hex(std::string_view bytes, std::string_view separator = "");
+std::string NumberText(float value);
+inline std::string NumberText(int32_t value) { return std::to_string(value); }
+inline std::string NumberText(uint64_t value) { return std::to_string(value); }
 // The layout that explains this record; null without one, or when it does not fit.
 const HistogramLayout* LayoutFor(const PayloadRecord& record, const CampaignIndex* campaign);
 // What the campaign says against the record; empty without a campaign.

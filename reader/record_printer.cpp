@@ -9,33 +9,11 @@
 #include "utility/checked.h"
 
 namespace orb::reader {
-namespace {
-
-// What the campaign makes of a KPI, in the words of KindName; else null.
-const char* ConfiguredKind(const KPICfg& cfg) {
-  if (cfg.type() == KPI_BLOB) return KindName(RecordKind::kBlob);
-  if (cfg.type() != KPI_NUMERIC) return nullptr;
-  switch (cfg.sub_type()) {
-    case COUNTER:
-      return KindName(RecordKind::kCounter);
-    case GAUGE:
-      return KindName(RecordKind::kGauge);
-    case HISTOGRAM:
-      return KindName(RecordKind::kHistogram);
-    default:
-      return nullptr;
-  }
-}
-
-}  // namespace
-
 CampaignIndex::CampaignIndex(const LTCCampaignDef& campaign) {
   for (const KPICfg& cfg : campaign.kpi_cfgs()) {
     kpis_[cfg.kpi_id()] = cfg;
     layouts_.erase(cfg.kpi_id());
-    if (cfg.type() == KPI_NUMERIC && cfg.sub_type() == HISTOGRAM) {
-      layouts_[cfg.kpi_id()] = LayoutOf(cfg.h_cfg());
-    }
+    if (KindOf(cfg) == KpiKind::kHistogram) layouts_[cfg.kpi_id()] = LayoutOf(cfg.h_cfg());
   }
 }
 
@@ -53,12 +31,12 @@ std::string CampaignIndex::Note(const PayloadRecord& record) const {
   const uint32_t kpi_id = record.meta().kpi_id();
   const KPICfg* cfg = Find(kpi_id);
   if (cfg == nullptr) return "not in the campaign";
-  const char* kind = ConfiguredKind(*cfg);
-  if (kind == nullptr) return "the campaign has it as a KPI that writes no records";
-  if (std::string_view(kind) != KindName(record.kind)) {
-    return fmt::format("the campaign has it as a {}", kind);
+  const std::optional<KpiKind> kind = KindOf(*cfg);
+  if (!kind || !WritesRecords(*kind)) {
+    return "the campaign has it as a KPI that writes no records";
   }
-  if (record.kind != RecordKind::kHistogram) return "";
+  if (*kind != record.kind) return fmt::format("the campaign has it as a {}", NameOf(*kind));
+  if (record.kind != KpiKind::kHistogram) return "";
   const size_t buckets = Layout(kpi_id)->labels.size();
   if (static_cast<size_t>(record.data.histograms(0).bucket_counts_size()) == buckets) return "";
   return fmt::format("the campaign's layout has {} buckets", buckets);
@@ -85,24 +63,12 @@ std::unique_ptr<RecordPrinter> RecordPrinter::Create(RecordFormat format, std::o
   return nullptr;
 }
 
-std::string FloatText(float value) {
+std::string NumberText(float value) {
   return std::isnan(value) ? "nan" : fmt::format("{}", value);  // The sign of a NaN says nothing.
 }
 
-std::string Hex(std::string_view bytes, std::string_view separator) {
-  std::string out;
-  out.reserve(bytes.size() * (2 + separator.size()));
-  for (const char byte : bytes) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    if (!out.empty()) out += separator;
-    out += kDigits[static_cast<uint8_t>(byte) >> 4];
-    out += kDigits[static_cast<uint8_t>(byte) & 15];
-  }
-  return out;
-}
-
 const HistogramLayout* LayoutFor(const PayloadRecord& record, const CampaignIndex* campaign) {
-  if (campaign == nullptr || record.kind != RecordKind::kHistogram) return nullptr;
+  if (campaign == nullptr || record.kind != KpiKind::kHistogram) return nullptr;
   const HistogramLayout* layout = campaign->Layout(record.meta().kpi_id());
   if (layout == nullptr) return nullptr;
   const auto buckets = static_cast<size_t>(record.data.histograms(0).bucket_counts_size());

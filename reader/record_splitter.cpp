@@ -2,9 +2,11 @@
 #include "reader/record_splitter.h"
 
 #include <fmt/format.h>
+#include <google/protobuf/io/coded_stream.h>
 
 #include <algorithm>
 #include <limits>
+#include <optional>
 
 namespace orb::reader {
 namespace {
@@ -12,22 +14,27 @@ namespace {
 constexpr uint64_t kVersionField = 1;
 constexpr uint64_t kVarintType = 0;
 constexpr uint64_t kLengthType = 2;
-constexpr int kVarintBytesMax = 10;
+constexpr size_t kVarintBytesMax = 10;
 constexpr char kMetaTag = 0x0A;  // The first field of every record.
 
-bool IsRecordField(uint64_t field) {
-  return field >= static_cast<uint64_t>(RecordKind::kCounter) &&
-         field <= static_cast<uint64_t>(RecordKind::kBlob);
+// Which records KPIData has in that field; nothing for another field.
+std::optional<KpiKind> KindOfField(uint64_t field) {
+  std::optional<KpiKind> kind;
+  ForEachRecordRow([&](const auto& row) {
+    if (row.field == field) kind = row.kind;
+  });
+  return kind;
 }
 
-// The one record, encoded as the library does: parsed and written again it is the same.
-bool IsCanonical(std::string_view bytes) {
+// True when the record is encoded as the library does it: parsed and written again it is
+// the same.
+bool IsCanonical(KpiKind kind, std::string_view bytes) {
   PayloadRecord record;
   if (bytes.size() > static_cast<size_t>(std::numeric_limits<int>::max()) ||
       !record.data.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) {
     return false;
   }
-  record.kind = static_cast<RecordKind>(static_cast<uint8_t>(bytes[0]) >> 3);
+  record.kind = kind;
   if (record.meta().ts_start() > record.meta().ts_end()) return false;
   record.data.DiscardUnknownFields();
   return record.data.SerializeAsString() == bytes;
@@ -35,32 +42,10 @@ bool IsCanonical(std::string_view bytes) {
 
 }  // namespace
 
-const char* KindName(RecordKind kind) {
-  switch (kind) {
-    case RecordKind::kCounter:
-      return "counter";
-    case RecordKind::kGauge:
-      return "gauge";
-    case RecordKind::kHistogram:
-      return "histogram";
-    case RecordKind::kBlob:
-      return "blob";
-  }
-  return "";
-}
-
 const orbtr::MetaData& PayloadRecord::meta() const {
-  switch (kind) {
-    case RecordKind::kCounter:
-      return data.counters(0).meta();
-    case RecordKind::kGauge:
-      return data.gauges(0).meta();
-    case RecordKind::kHistogram:
-      return data.histograms(0).meta();
-    case RecordKind::kBlob:
-      return data.blobs(0).meta();
-  }
-  return orbtr::MetaData::default_instance();
+  const orbtr::MetaData* meta = &orbtr::MetaData::default_instance();
+  VisitElement([&meta](const auto&, const auto& element) { meta = &element.meta(); });
+  return *meta;
 }
 
 bool RecordSplitter::Next(PayloadRecord* record) {
@@ -74,23 +59,23 @@ bool RecordSplitter::Next(PayloadRecord* record) {
       if (!ReadVersion(at)) return false;
       continue;
     }
-    if (!IsRecordField(field) || type != kLengthType) {
+    const std::optional<KpiKind> kind = KindOfField(field);
+    if (!kind || type != kLengthType) {
       return Damage(fmt::format("field {} of wire type {} is no record", field, type));
     }
-    return ReadRecord(field, at, record);
+    return ReadRecord(*kind, at, record);
   }
   return false;
 }
 
-// Moves *at behind the number, little-endian groups of seven bits.
+// Moves *at to the byte after the number.
 bool RecordSplitter::ReadVarint(size_t* at, uint64_t* value) const {
-  *value = 0;
-  for (int i = 0; i < kVarintBytesMax && *at < payload_.size(); ++i) {
-    const auto byte = static_cast<uint8_t>(payload_[(*at)++]);
-    *value |= uint64_t{byte & 0x7Fu} << (7 * i);
-    if ((byte & 0x80) == 0) return true;
-  }
-  return false;
+  const std::string_view rest = payload_.substr(*at, kVarintBytesMax);
+  google::protobuf::io::CodedInputStream in(reinterpret_cast<const uint8_t*>(rest.data()),
+                                            static_cast<int>(rest.size()));
+  if (!in.ReadVarint64(value)) return false;
+  *at += static_cast<size_t>(in.CurrentPosition());
+  return true;
 }
 
 bool RecordSplitter::ReadVersion(size_t at) {
@@ -105,25 +90,24 @@ bool RecordSplitter::ReadVersion(size_t at) {
 }
 
 // `at` is behind the tag.
-bool RecordSplitter::ReadRecord(uint64_t field, size_t at, PayloadRecord* record) {
-  const auto kind = static_cast<RecordKind>(field);
+bool RecordSplitter::ReadRecord(KpiKind kind, size_t at, PayloadRecord* record) {
   uint64_t length = 0;
   if (!ReadVarint(&at, &length)) return Damage("the length of a record is cut off or too long");
   const size_t left = payload_.size() - at;
   if (length > left) {
-    return Damage(fmt::format("a {} of {} bytes is cut off: {} bytes are left", KindName(kind),
-                              length, left));
+    return Damage(
+        fmt::format("a {} of {} bytes is cut off: {} bytes are left", NameOf(kind), length, left));
   }
   const size_t size_bytes = at + length - offset_;
   if (size_bytes > static_cast<size_t>(std::numeric_limits<int>::max()) ||
       !record->data.ParseFromArray(payload_.data() + offset_, static_cast<int>(size_bytes))) {
-    return Damage(fmt::format("a {} of {} bytes is not well-formed", KindName(kind), length));
+    return Damage(fmt::format("a {} of {} bytes is not well-formed", NameOf(kind), length));
   }
   const size_t end = offset_ + size_bytes;
   if (trust_ == Trust::kWary && end < payload_.size() && Believable(end) == 0 &&
-      (!IsCanonical(payload_.substr(offset_, size_bytes)) || IsOverlapped(at, end))) {
+      (!IsCanonical(kind, payload_.substr(offset_, size_bytes)) || IsOverlapped(at, end))) {
     return Damage(
-        fmt::format("a {} of {} bytes is none: no record follows it", KindName(kind), length));
+        fmt::format("a {} of {} bytes is none: no record follows it", NameOf(kind), length));
   }
   record->kind = kind;
   record->offset_bytes = offset_;
@@ -148,14 +132,15 @@ size_t RecordSplitter::Believable(size_t at) {
   const size_t start = at;
   uint64_t tag = 0;
   uint64_t length = 0;
-  if (!ReadVarint(&at, &tag) || !IsRecordField(tag >> 3) || (tag & 7) != kLengthType ||
-      !ReadVarint(&at, &length) || length > payload_.size() - at || length == 0 ||
-      payload_[at] != kMetaTag) {
+  if (!ReadVarint(&at, &tag)) return 0;
+  const std::optional<KpiKind> kind = KindOfField(tag >> 3);
+  if (!kind || (tag & 7) != kLengthType || !ReadVarint(&at, &length) ||
+      length > payload_.size() - at || length == 0 || payload_[at] != kMetaTag) {
     return 0;
   }
   const std::string_view bytes = payload_.substr(start, at - start + length);
   budget_bytes_ -= std::min(budget_bytes_, bytes.size());
-  return IsCanonical(bytes) ? bytes.size() : 0;
+  return IsCanonical(*kind, bytes) ? bytes.size() : 0;
 }
 
 // Whether records inside [at, end) go on beyond it. The data of a blob can be anything:

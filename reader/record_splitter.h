@@ -15,22 +15,24 @@
 #include <string>
 #include <string_view>
 
-#include "proto/kpi_data.pb.h"
+#include "proto/kpi_kinds.h"
 
 namespace orb::reader {
 
-enum class RecordKind { kCounter = 2, kGauge = 3, kHistogram = 4, kBlob = 5 };  // Field numbers.
-
-// "counter" and so on.
-const char* KindName(RecordKind kind);
-
 struct PayloadRecord {
-  RecordKind kind = RecordKind::kCounter;
+  KpiKind kind = KpiKind::kCounter;
   size_t offset_bytes = 0;  // Of its tag in the payload.
   size_t size_bytes = 0;    // Tag and length included.
   orbtr::KPIData data;      // Holds the one element.
 
-  // Of the one element.
+  // Calls visit(row, element) with the row of its kind and the one element.
+  template <typename Visit>
+  void VisitElement(Visit visit) const {
+    ForEachRecordRow([&](const auto& row) {
+      if (row.kind == kind) visit(row, (data.*row.list)().Get(0));
+    });
+  }
+  // The metadata of the one element.
   const orbtr::MetaData& meta() const;
 };
 
@@ -67,7 +69,7 @@ class RecordSplitter {
  private:
   bool ReadVarint(size_t* at, uint64_t* value) const;
   bool ReadVersion(size_t at);
-  bool ReadRecord(uint64_t field, size_t at, PayloadRecord* record);
+  bool ReadRecord(KpiKind kind, size_t at, PayloadRecord* record);
   bool Damage(std::string reason);
   size_t Believable(size_t at);
   bool IsOverlapped(size_t at, size_t end);

@@ -3,7 +3,9 @@
 #include <fmt/format.h>
 
 #include <string>
+#include <tuple>
 
+#include "reader/hex.h"
 #include "reader/record_formats.h"
 #include "utility/terminal_text.h"
 
@@ -18,18 +20,15 @@ std::string Seconds(int64_t tenths) {
   return fmt::format("{}{}.{}", tenths < 0 ? "-" : "", size / 10, size % 10);
 }
 
-std::string GaugeText(const orbtr::Gauge& gauge) {
+// The statistics by name; the value alone where a kind has one only.
+template <typename Record>
+std::string StatisticsText(const Record& record) {
   std::string out;
-  const auto add = [&out](bool present, const char* name, const std::string& value) {
-    if (present) out += fmt::format("{}{} {}", out.empty() ? "" : ", ", name, value);
-  };
-  add(gauge.has_min(), "min", std::to_string(gauge.min()));
-  add(gauge.has_max(), "max", std::to_string(gauge.max()));
-  add(gauge.has_mean(), "mean", FloatText(gauge.mean()));
-  add(gauge.has_stdev(), "stdev", FloatText(gauge.stdev()));
-  add(gauge.has_variance(), "variance", FloatText(gauge.variance()));
-  add(gauge.has_slope(), "slope", FloatText(gauge.slope()));
-  add(gauge.has_offset(), "offset", FloatText(gauge.offset()));
+  ForEachStatistic(record, [&out](const char* name, auto value) {
+    if (!out.empty()) out += ", ";
+    if (std::tuple_size_v < decltype(StatisticsOf<Record>::kAll) >> 1) out.append(name) += ' ';
+    out += NumberText(value);
+  });
   return out.empty() ? "-" : out;
 }
 
@@ -78,7 +77,7 @@ class TextPrinter : public RecordPrinter {
     std::string value = Value(record);
     const std::string note = NoteFor(record, campaign_);
     if (!note.empty()) value += fmt::format("  ({})", note);
-    Line(std::to_string(meta.kpi_id()), KindName(record.kind), Seconds(meta.ts_start()),
+    Line(std::to_string(meta.kpi_id()), NameOf(record.kind), Seconds(meta.ts_start()),
          Seconds(meta.ts_end()), std::to_string(meta.num_samples()), value);
   }
 
@@ -90,17 +89,14 @@ class TextPrinter : public RecordPrinter {
   }
 
   std::string Value(const PayloadRecord& record) const {
-    switch (record.kind) {
-      case RecordKind::kCounter:
-        return std::to_string(record.data.counters(0).count());
-      case RecordKind::kGauge:
-        return GaugeText(record.data.gauges(0));
-      case RecordKind::kHistogram:
-        return HistogramText(record.data.histograms(0), LayoutFor(record, campaign_));
-      case RecordKind::kBlob:
-        return BlobText(record.data.blobs(0).data());
+    if (record.kind == KpiKind::kHistogram) {
+      return HistogramText(record.data.histograms(0), LayoutFor(record, campaign_));
     }
-    return "";
+    if (record.kind == KpiKind::kBlob) return BlobText(record.data.blobs(0).data());
+    std::string text;
+    record.VisitElement(
+        [&text](const auto&, const auto& element) { text = StatisticsText(element); });
+    return text;
   }
 
   std::ostream& out_;

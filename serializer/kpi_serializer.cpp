@@ -1,7 +1,7 @@
 // Tested by tests/collector/session_test.cpp.
 #include "serializer/kpi_serializer.h"
 
-#include "proto/kpi_data.pb.h"
+#include "proto/kpi_kinds.h"
 #include "serializer/kpi_file_serializer.h"
 #include "serializer/kpi_memory_serializer.h"
 #include "utility/checked.h"
@@ -34,15 +34,12 @@ std::unique_ptr<KPISerializer> CreateSlots(const KPISerializer::Config& config) 
 }  // namespace
 
 uint64_t KPISerializer::SamplesOf(const orbtr::KPIData& data) {
-  uint64_t samples = static_cast<uint64_t>(data.blobs_size());
-  const auto add = [&samples](const auto& records) {
-    for (const auto& record : records) {
-      samples = orb::CheckedAdd<uint64_t>(samples, record.meta().num_samples());
+  uint64_t samples = 0;
+  orb::ForEachRecordRow([&](const auto& row) {
+    for (const auto& record : (data.*row.list)()) {
+      samples = orb::CheckedAdd<uint64_t>(samples, row.SamplesIn(record));
     }
-  };
-  add(data.counters());
-  add(data.gauges());
-  add(data.histograms());
+  });
   return samples;
 }
 

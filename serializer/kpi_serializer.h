@@ -6,12 +6,16 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "orb_sdk.h"
 
 class SerializerOwner;
 struct LicSnTables;
 
+namespace orb {
+enum class KpiKind : uint8_t;
+}
 namespace orbtr {
 class KPIData;
 }
@@ -29,13 +33,11 @@ class KPISerializer {
   // Null for an unknown type, or when the serializer could not be initialised.
   static std::unique_ptr<KPISerializer> Create(const Config& config);
 
-  // A record to fill and hand to Write: one counter, one gauge without statistics, or
-  // one histogram without counts. It is the same one each time and keeps its parts, so
-  // that a closing window allocates none: set every field of its metadata, and the
-  // count. Not thread-safe: the collector serializes its KPIs.
-  orbtr::KPIData& CounterRecord();
-  orbtr::KPIData& GaugeRecord();
-  orbtr::KPIData& HistogramRecord();
+  // A record to fill and hand to Write, of a kind that aggregates. It is the same object each
+  // time, and empty but for its metadata, whose fields keep their values: set every one. A
+  // closing window thus allocates no record. Not thread-safe: the collector serializes its
+  // KPIs.
+  orbtr::KPIData& EmptyRecord(orb::KpiKind kind);
 
   // Accepts one record; kpiId routes it to the LicSNs of that KPI. 0 on success.
   virtual int Write(orbtr::KPIData& data, unsigned int kpiId) = 0;
@@ -102,7 +104,5 @@ class KPISerializer {
   std::atomic<uint32_t> timeThreshold{0};
 
  private:
-  const std::unique_ptr<orbtr::KPIData> counterRecord_;
-  const std::unique_ptr<orbtr::KPIData> gaugeRecord_;
-  const std::unique_ptr<orbtr::KPIData> histogramRecord_;
+  const std::vector<std::unique_ptr<orbtr::KPIData>> records_;  // By KpiKind.
 };

@@ -1,37 +1,39 @@
 // The records that a session's KPIs fill in turn.
 // Tested by tests/kpi/allocation_test.cpp and its neighbours.
-#include "proto/kpi_data.pb.h"
+#include "proto/kpi_kinds.h"
 #include "serializer/kpi_serializer.h"
 
-KPISerializer::KPISerializer(const char* name)
-    : name(name),
-      counterRecord_(std::make_unique<orbtr::KPIData>()),
-      gaugeRecord_(std::make_unique<orbtr::KPIData>()),
-      histogramRecord_(std::make_unique<orbtr::KPIData>()) {
-  counterRecord_->add_counters();
-  gaugeRecord_->add_gauges();
-  histogramRecord_->add_histograms();
+namespace {
+
+std::vector<std::unique_ptr<orbtr::KPIData>> MakeRecords() {
+  std::vector<std::unique_ptr<orbtr::KPIData>> records(orb::kKpiKinds.size());
+  orb::ForEachRecordRow([&records](const auto& row) {
+    if (row.is_one_sample) return;  // No window makes it.
+    auto data = std::make_unique<orbtr::KPIData>();
+    (data.get()->*row.add)();
+    records[static_cast<size_t>(row.kind)] = std::move(data);
+  });
+  return records;
 }
+
+// To clear all of the record would free its metadata.
+template <typename Record>
+void ClearButMeta(Record* record) {
+  orbtr::MetaData* const meta = record->unsafe_arena_release_meta();
+  record->Clear();
+  record->unsafe_arena_set_allocated_meta(meta);
+}
+
+}  // namespace
+
+KPISerializer::KPISerializer(const char* name) : name(name), records_(MakeRecords()) {}
 
 KPISerializer::~KPISerializer() = default;
 
-// None of them is cleared as a whole, which would free its metadata.
-
-orbtr::KPIData& KPISerializer::CounterRecord() { return *counterRecord_; }
-
-orbtr::KPIData& KPISerializer::GaugeRecord() {
-  orbtr::Gauge* const gauge = gaugeRecord_->mutable_gauges(0);
-  gauge->clear_min();
-  gauge->clear_max();
-  gauge->clear_mean();
-  gauge->clear_stdev();
-  gauge->clear_variance();
-  gauge->clear_slope();
-  gauge->clear_offset();
-  return *gaugeRecord_;
-}
-
-orbtr::KPIData& KPISerializer::HistogramRecord() {
-  histogramRecord_->mutable_histograms(0)->clear_bucket_counts();
-  return *histogramRecord_;
+orbtr::KPIData& KPISerializer::EmptyRecord(orb::KpiKind kind) {
+  orbtr::KPIData& data = *records_[static_cast<size_t>(kind)];
+  orb::ForEachRecordRow([&](const auto& row) {
+    if (row.kind == kind) ClearButMeta((data.*row.change)(0));
+  });
+  return data;
 }

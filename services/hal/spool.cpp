@@ -100,8 +100,8 @@ Result<Spool::Folders> Spool::Admit(const std::string& name, uint64_t bytes) con
   if (!folders.ok()) return Error{folders.error().text + " in \"" + Printable(name) + "\""};
   const std::string has = Printable(name) + " has " + std::to_string(bytes) + " bytes, ";
   if (bytes < header::kBytes || bytes > kMaxUploadBytes) {
-    return Error{has + std::to_string(header::kBytes) + " to " +
-                 std::to_string(kMaxUploadBytes) + " are allowed"};
+    return Error{has + std::to_string(header::kBytes) + " to " + std::to_string(kMaxUploadBytes) +
+                 " are allowed"};
   }
   if (max_bytes_ != 0 && bytes > max_bytes_) {
     return Error{has + "the whole spool may hold " + std::to_string(max_bytes_)};

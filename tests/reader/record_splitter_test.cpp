@@ -28,7 +28,7 @@ Split SplitAll(const std::string& payload) {
   Split split;
   size_t count = 0;
   for (; splitter.Next(&record); ++count) {
-    split.records += std::to_string(record.offset_bytes) + " " + KindName(record.kind) + " " +
+    split.records += std::to_string(record.offset_bytes) + " " + NameOf(record.kind) + " " +
                      std::to_string(record.meta().kpi_id()) + ", ";
     EXPECT_EQ(record.data.ByteSizeLong(), record.size_bytes);
   }

@@ -4,7 +4,9 @@
 #include <fmt/format.h>
 
 #include <limits>
+#include <optional>
 
+#include "proto/kpi_kinds.h"
 #include "reader/histogram_layout.h"
 #include "tools/orbctl/safe_values.h"
 
@@ -151,45 +153,41 @@ void LintValues(const KPICfg& cfg, const ValueLimit* limit, const LintReport& re
   }
 }
 
-void LintNumeric(const KPICfg& cfg, const Conf& conf, const ValueLimit* limit,
-                 const LintReport& report) {
-  switch (cfg.sub_type()) {
-    case COUNTER:
-      LintSection(cfg, KPICfg::kCCfg, report);
-      LintWindow(cfg, "every record holds one sample", report);
-      break;
-    case GAUGE:
-      LintGauge(cfg, report);
-      break;
-    case HISTOGRAM:
-      LintHistogram(cfg, conf, report);
-      break;
-    default:
-      report(kRefused, "unknown_subtype",
-             fmt::format("sub_type {} is none of COUNTER, GAUGE and HISTOGRAM",
-                         static_cast<int>(cfg.sub_type())));
-      return;
+void LintUnknown(const KPICfg& cfg, const LintReport& report) {
+  if (cfg.type() == KPI_NUMERIC) {
+    return report(kRefused, "unknown_subtype",
+                  fmt::format("sub_type {} is none of COUNTER, GAUGE and HISTOGRAM",
+                              static_cast<int>(cfg.sub_type())));
   }
-  LintValues(cfg, limit, report);
+  if (cfg.type() == KPI_EVENT) {
+    return report(kRefused, "event_kpi", "no session starts with an event KPI");
+  }
+  report(kRefused, "unknown_type",
+         fmt::format("type {} is none of KPI_NUMERIC, KPI_STATE and KPI_BLOB",
+                     static_cast<int>(cfg.type())));
 }
 
 }  // namespace
 
 void LintKpi(const KPICfg& cfg, const Conf& conf, const ValueLimit* limit,
              const LintReport& report) {
-  switch (cfg.type()) {
-    case KPI_NUMERIC:
-      return LintNumeric(cfg, conf, limit, report);
-    case KPI_BLOB:
+  const std::optional<KpiKind> kind = KindOf(cfg);
+  if (!kind) return LintUnknown(cfg, report);
+  switch (*kind) {
+    case KpiKind::kCounter:
+      LintSection(cfg, KPICfg::kCCfg, report);
+      LintWindow(cfg, "every record holds one sample", report);
+      return LintValues(cfg, limit, report);
+    case KpiKind::kGauge:
+      LintGauge(cfg, report);
+      return LintValues(cfg, limit, report);
+    case KpiKind::kHistogram:
+      LintHistogram(cfg, conf, report);
+      return LintValues(cfg, limit, report);
+    case KpiKind::kBlob:
       return LintBlob(cfg, conf, report);
-    case KPI_STATE:
+    case KpiKind::kState:
       return report(kWarning, "state_kpi", "state KPIs are accepted but write no records");
-    case KPI_EVENT:
-      return report(kRefused, "event_kpi", "no session starts with an event KPI");
-    default:
-      report(kRefused, "unknown_type",
-             fmt::format("type {} is none of KPI_NUMERIC, KPI_STATE and KPI_BLOB",
-                         static_cast<int>(cfg.type())));
   }
 }
 

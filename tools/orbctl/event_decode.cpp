@@ -14,6 +14,7 @@
 
 #include "include/orb_event_log.h"
 #include "proto/event_record.pb.h"
+#include "reader/hex.h"
 #include "tools/orbctl/output.h"
 
 namespace orb::orbctl {
@@ -34,15 +35,6 @@ std::string Printable(std::string_view text) {
   std::string out(text);
   for (char& c : out) {
     if (c < 0x20 || c > 0x7E) c = '.';
-  }
-  return out;
-}
-
-std::string Hex(std::string_view bytes) {
-  std::string out;
-  for (const char c : bytes) {
-    out += "0123456789abcdef"[static_cast<uint8_t>(c) >> 4];
-    out += "0123456789abcdef"[c & 15];
   }
   return out;
 }
@@ -149,7 +141,7 @@ void PrintText(const Entry& entry, const orb_event::KivMessage& record, const Na
       << " module " << NameOf(header.module_id(), names) << " event "
       << NameOf(header.event_id(), names) << " type " << header.type() << " size "
       << header.payload_size();
-  if (!data.empty()) out << " payload " << Hex(data) << " \"" << Printable(data) << '"';
+  if (!data.empty()) out << " payload " << reader::Hex(data) << " \"" << Printable(data) << '"';
   if ((header.module_id() & kDebugBit) != 0) out << " debug-build";
   out << '\n';
 }
@@ -169,7 +161,7 @@ void PrintJson(const Entry& entry, const orb_event::KivMessage& record, const Na
       {"event", NameOf(header.event_id(), names)},
       {"type", header.type()},
       {"payload_size", header.payload_size()},
-      {"payload_hex", Hex(data)},
+      {"payload_hex", reader::Hex(data)},
       {"payload_text", Printable(data)},
       {"debug_build", (header.module_id() & kDebugBit) != 0},
   };

@@ -7,6 +7,8 @@
 #include <cmath>
 #include <limits>
 
+#include "proto/kpi_kinds.h"
+
 namespace orb::orbctl {
 namespace {
 
@@ -116,11 +118,18 @@ SafeValues OfGauge(const KPICfg& cfg, std::chrono::nanoseconds interval, uint64_
 
 SafeValues SafeValuesOf(const KPICfg& cfg, std::chrono::nanoseconds interval) {
   const uint64_t samples = SamplesOf(cfg, interval);
-  if (cfg.sub_type() == GAUGE) return OfGauge(cfg, interval, samples);
   Narrowest safe(samples, kCounterMax);
   safe.Require(samples <= std::numeric_limits<uint32_t>::max(), "the number of samples");
-  if (cfg.sub_type() == COUNTER && samples > 0) {
-    safe.Allow(kSumMax / samples, "the sum of the values");
+  switch (KindOf(cfg).value_or(KpiKind::kState)) {
+    case KpiKind::kGauge:
+      return OfGauge(cfg, interval, samples);
+    case KpiKind::kCounter:
+      if (samples > 0) safe.Allow(kSumMax / samples, "the sum of the values");
+      break;
+    case KpiKind::kHistogram:
+    case KpiKind::kState:
+    case KpiKind::kBlob:
+      break;
   }
   return safe.result();
 }

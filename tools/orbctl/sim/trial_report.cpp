@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "proto/kpi_kinds.h"
 #include "reader/record_splitter.h"
 #include "reader/upload_files.h"
 #include "tools/orbctl/output.h"
@@ -94,7 +95,9 @@ void TrialReport::CountUpload(const std::string& path, const reader::Upload& upl
     StreamTally& stream = owner.kpis[record.meta().kpi_id()];
     ++stream.records;
     if (IsGauge(record.meta().kpi_id())) continue;
-    stream.samples += record.kind == reader::RecordKind::kBlob ? 1 : record.meta().num_samples();
+    record.VisitElement([&stream](const auto& row, const auto& element) {
+      stream.samples += row.SamplesIn(element);
+    });
   }
   if (upload.status == reader::UploadStatus::kOpened && splitter.damage().empty()) return;
   ++owner.damaged;
@@ -117,24 +120,16 @@ void TrialReport::CountAccepted() {
   }
 }
 
-const char* TrialReport::KindOf(uint32_t kpi) const {
+const char* TrialReport::KindName(uint32_t kpi) const {
   const auto found = kpis_.find(kpi);
-  if (found == kpis_.end()) return "unknown";
-  if (found->second.type() == KPI_BLOB) return "blob";
-  if (found->second.type() == KPI_STATE) return "state";
-  switch (found->second.sub_type()) {
-    case COUNTER:
-      return "counter";
-    case GAUGE:
-      return "gauge";
-    case HISTOGRAM:
-      return "histogram";
-    default:
-      return "unknown";
-  }
+  const auto kind = found == kpis_.end() ? std::nullopt : KindOf(found->second);
+  return kind ? NameOf(*kind) : "unknown";
 }
 
-bool TrialReport::IsGauge(uint32_t kpi) const { return std::string_view(KindOf(kpi)) == "gauge"; }
+bool TrialReport::IsGauge(uint32_t kpi) const {
+  const auto found = kpis_.find(kpi);
+  return found != kpis_.end() && KindOf(found->second) == KpiKind::kGauge;
+}
 
 CallTally TrialReport::AllCalls() const {
   CallTally all;

@@ -79,7 +79,7 @@ class TrialReport {
  private:
   void CountUpload(const std::string& path, const reader::Upload& upload, uint64_t bytes);
   void CountAccepted();
-  const char* KindOf(uint32_t kpi) const;
+  const char* KindName(uint32_t kpi) const;
   bool IsGauge(uint32_t kpi) const;
   CallTally AllCalls() const;
   double LoadSeconds() const;

@@ -109,7 +109,7 @@ void TrialReport::PrintText(std::ostream& out) const {
   out << fmt::format("\n{:>10}  {:<9} {:>9} {:>9} {:>9}\n", "KPI", "kind", "logged", "accepted",
                      "refused");
   for (const auto& [kpi, tally] : calls_) {
-    out << fmt::format("{:>10}  {:<9} {:>9} {:>9} {:>9}\n", kpi, KindOf(kpi), tally.logged,
+    out << fmt::format("{:>10}  {:<9} {:>9} {:>9} {:>9}\n", kpi, KindName(kpi), tally.logged,
                        tally.accepted, tally.refused);
   }
   out << fmt::format("\n{:>29}  {:-^37}  {:-^27}\n", "", " records ", " samples ");
@@ -161,7 +161,7 @@ void TrialReport::PrintJson(std::ostream& out) const {
   report["kpis"] = Json::array();
   for (const auto& [kpi, tally] : calls_) {
     report["kpis"].push_back({{"kpi", kpi},
-                              {"kind", KindOf(kpi)},
+                              {"kind", KindName(kpi)},
                               {"logged", tally.logged},
                               {"accepted", tally.accepted},
                               {"refused", tally.refused}});
