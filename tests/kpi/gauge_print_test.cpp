@@ -15,7 +15,7 @@
 namespace orb::test {
 namespace {
 
-// A standard output that somebody else reads, or has stopped reading.
+// Replaces the process's standard output by one that the test reads.
 class Output {
  public:
   enum Kind { kPipe, kSocket, kTerminal };
@@ -68,14 +68,9 @@ class Output {
   UniqueFd before_;
 };
 
-struct PrintingGauge : Gauge {
-  using Gauge::Gauge;
-  using Gauge::NewTimedSample;
-};
-
 TEST(GaugePrintTest, NeitherWaitsNorSignals) {
   FakeSerializer serializer;
-  PrintingGauge gauge(WithSampleWindow(NumericCfg(GAUGE), 100'000), &serializer);
+  Gauge gauge(WithSampleWindow(NumericCfg(GAUGE), 100'000), &serializer);
   for (int i = 0; i < 5000; ++i) gauge.NewTimedSample(100 + i, i);
   const auto count = [](const std::string& text, char c) {
     return std::count(text.begin(), text.end(), c);
@@ -103,7 +98,7 @@ TEST(GaugePrintTest, NeitherWaitsNorSignals) {
     closed.reader.reset();
     gauge.Print();
   }
-  // What the host does with stdio is nothing to wait for.
+  // A thread of the host that holds the lock of stdout delays nothing.
   Output out(Output::kPipe);
   flockfile(stdout);
   std::thread([&gauge] { gauge.Print(); }).join();

@@ -75,16 +75,14 @@ TEST(HistogramTest, BucketCountFallsBackToOne) {
 }
 
 TEST(HistogramTest, EdgeLimitComesFromTheConfigurationFile) {
-  const struct {
-    const char* conf;
-    int edges_max;
-  } cases[] = {{"", 1024}, {"hist_nof_buckets_max = 3\n", 3}, {"hist_nof_buckets_max = -1\n", -1}};
-  for (const auto& c : cases) {
-    const ScopedConf conf(c.conf);
-    for (int edges = std::max(c.edges_max, 0); edges <= c.edges_max + 1; ++edges) {
+  for (const auto& [text, edges_max] : {std::pair{"", 1024},
+                                        {"hist_nof_buckets_max = 3\n", 3},
+                                        {"hist_nof_buckets_max = -1\n", -1}}) {
+    const ScopedConf conf(text);
+    for (int edges = std::max(edges_max, 0); edges <= edges_max + 1; ++edges) {
       EXPECT_EQ(KPI::Create(HistogramCfg(Edges(edges), true, true), nullptr) != nullptr,
-                edges <= c.edges_max)
-          << c.conf << edges;
+                edges <= edges_max)
+          << text << edges;
     }
   }
 }

@@ -1,4 +1,4 @@
-// What the tests of all kinds share.
+// Configurations of KPIs, and a serializer that keeps the records as text.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,24 +12,22 @@
 #include <utility>
 #include <vector>
 
-#include "proto/kpi_data.pb.h"
-#include "proto/ltc_campaign.pb.h"
+#include "proto/kpi_kinds.h"
 #include "serializer/kpi_serializer.h"
 #include "tests/support/hex.h"
 
-// The statement ends the process by abort(), and not by a sanitizer's or any
-// other way out.
+// The statement ends the process by abort(), and in no other way, such as a sanitizer's.
 #define EXPECT_ABORT(statement) EXPECT_EXIT(statement, testing::KilledBySignal(SIGABRT), "")
 
 namespace orb::test {
 
-constexpr uint32_t kKpiId = 7;        // The configuration's.
-constexpr uint32_t kRoutingId = 900;  // Set by the owner; differs so that a mix-up shows.
+constexpr uint32_t kKpiId = 7;        // The id in the configuration.
+constexpr uint32_t kRoutingId = 900;  // The id that the owner sets; another, to show a mix-up.
 
 constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
 constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
 
-// No window: every sample closes one.
+// A configuration without a window: every sample closes one.
 inline KPICfg NumericCfg(KPISubType sub_type) {
   KPICfg cfg;
   cfg.set_kpi_id(kKpiId);
@@ -65,23 +63,6 @@ inline std::string Text(const orbtr::MetaData& meta) {
   return out.str();
 }
 
-// " min -5 max 0": the statistics that are set.
-inline std::string Text(const orbtr::Gauge& gauge) {
-  std::ostringstream out;
-  const auto add = [&out](bool set, const char* name, auto value) {
-    if (std::isnan(value)) value = std::numeric_limits<decltype(value)>::quiet_NaN();  // No sign.
-    if (set) out << ' ' << name << ' ' << value;
-  };
-  add(gauge.has_min(), "min", gauge.min());
-  add(gauge.has_max(), "max", gauge.max());
-  add(gauge.has_mean(), "mean", gauge.mean());
-  add(gauge.has_stdev(), "stdev", gauge.stdev());
-  add(gauge.has_variance(), "variance", gauge.variance());
-  add(gauge.has_slope(), "slope", gauge.slope());
-  add(gauge.has_offset(), "offset", gauge.offset());
-  return out.str();
-}
-
 // A serializer that keeps what it is given as text. For one thread.
 class FakeSerializer : public KPISerializer {
  public:
@@ -93,17 +74,20 @@ class FakeSerializer : public KPISerializer {
   int Write(orbtr::KPIData& data, unsigned int kpiId) override {
     std::ostringstream out;
     if (data.version() != 0) out << " version " << data.version();
-    for (const auto& counter : data.counters()) {
-      out << Text(counter.meta()) << " count " << counter.count();
-    }
-    for (const auto& gauge : data.gauges()) out << Text(gauge.meta()) << Text(gauge);
+    ForEachRecordRow([&](const auto& row) {
+      for (const auto& record : (data.*row.list)()) {
+        out << Text(record.meta());
+        ForEachStatistic(record, [&out](const char* name, auto value) {
+          out << ' ' << name << ' ';
+          std::isnan(value) ? out << "nan" : out << value;  // Without the sign of a NaN.
+        });
+      }
+    });
     for (const auto& histogram : data.histograms()) {
-      out << Text(histogram.meta()) << " buckets";
+      out << " buckets";
       for (const uint32_t bucket : histogram.bucket_counts()) out << ' ' << bucket;
     }
-    for (const auto& blob : data.blobs()) {
-      out << Text(blob.meta()) << " blob " << ToHex(blob.data());
-    }
+    for (const auto& blob : data.blobs()) out << " blob " << ToHex(blob.data());
     return Keep(kpiId, out.str());
   }
   int WriteBuf(const unsigned char*, unsigned int) override { return 0; }
@@ -120,7 +104,7 @@ class FakeSerializer : public KPISerializer {
   int Flush() override { return 0; }
   int Finalize() override { return 0; }
 
-  // The routing id, then the record; one a line.
+  // One line for each record: the routing id, then the record.
   std::string text() const {
     std::string out;
     for (const std::string& line : lines) out += line + '\n';

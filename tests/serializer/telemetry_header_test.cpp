@@ -52,13 +52,6 @@ TEST(TelemetryHeaderTest, ItemsLieWhereReceiversLook) {
   }
 }
 
-TEST(ClockTest, WallClocksAgreeAndHtonllReversesBytes) {
-  const int64_t before_s = curr_ts();
-  EXPECT_GE(static_cast<int64_t>(veskstats_real_time_ms() / 1000), before_s);
-  EXPECT_LE(static_cast<int64_t>(veskstats_real_time_ms() / 1000), curr_ts());
-  EXPECT_EQ(htonll(0x0102030405060708u), 0x0807060504030201u);
-}
-
 uint64_t Stamp() {
   TelemetryHeader header;
   header.SetTimestampItems();
