@@ -8,7 +8,7 @@
 #include "utility/log.h"
 
 void crypto_error_log_detail(void) {
-  // A library that loads its texts by itself does nothing here.
+  // This does nothing in a library that loads its texts by itself.
   ERR_load_ERR_strings();
   ERR_load_crypto_strings();
   ERR_load_BIO_strings();

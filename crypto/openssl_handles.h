@@ -1,5 +1,5 @@
-// Owning pointers for libcrypto objects. The same sources build against OpenSSL and
-// BoringSSL: only what both offer is used, but for the marks of the error queue.
+// Owning pointers for libcrypto objects. The same sources build against OpenSSL and BoringSSL:
+// except for the marks of the error queue they use only what both have.
 #pragma once
 
 #include <openssl/bio.h>
@@ -22,18 +22,18 @@ struct FreeWith {
 using BioPtr = std::unique_ptr<BIO, FreeWith<BIO_free>>;
 using PKeyPtr = std::unique_ptr<EVP_PKEY, FreeWith<EVP_PKEY_free>>;
 using PKeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, FreeWith<EVP_PKEY_CTX_free>>;
-// Frees a private key with its memory wiped, as does the cipher context.
+// Wipes the memory of a private key before it is freed. The cipher context does the same.
 using EcKeyPtr = std::unique_ptr<EC_KEY, FreeWith<EC_KEY_free>>;
 using CipherCtxPtr = std::unique_ptr<EVP_CIPHER_CTX, FreeWith<EVP_CIPHER_CTX_free>>;
 
-// Keeps the thread's error queue as the host left it: what a success leaves in
-// the queue would look to the host's own TLS code like an error of its connection.
-// Marks that the host has set stay where they are. May be nested.
+// Keeps the thread's error queue as the host left it: an error that a successful call leaves
+// there looks to the host's TLS code like an error of its connection. Marks of the host stay
+// where they are. Scopes may be nested.
 class ErrorMark {
  public:
   ErrorMark() { Set(); }
-  // Without Drop the errors since construction stay: after a failure the caller
-  // may want to see the reasons.
+  // Unless Drop was called, the errors since construction stay, because after a failure the
+  // caller may want to see the reasons.
   ~ErrorMark() {
     if (!dropped_) Clear();
   }
@@ -48,10 +48,10 @@ class ErrorMark {
 
  private:
 #ifdef OPENSSL_IS_BORINGSSL
-  // An error has one mark here, which would also be the host's: popping ours would
-  // take the host's away, and a nested one would empty the queue. So no mark is set.
-  // A queue that was empty is emptied again. Otherwise nothing is removed, which is
-  // right because this library reports no error within a call that succeeds.
+  // In BoringSSL an error has at most one mark. If we set one, popping it would remove the
+  // host's mark, and a nested scope would empty the queue. So no mark is set. A queue that was
+  // empty is emptied again. Otherwise nothing is removed: this library reports no error in a
+  // call that succeeds.
   void Set() { was_empty_ = ERR_peek_error() == 0; }
   void Clear() {}
   void Pop() {
@@ -59,7 +59,7 @@ class ErrorMark {
   }
   bool was_empty_ = false;
 #else
-  // Marks are counted, so ours and the host's may be on the same error.
+  // OpenSSL counts marks, so ours and the host's may be on the same error.
   void Set() { ERR_set_mark(); }
   void Clear() { ERR_clear_last_mark(); }
   void Pop() { ERR_pop_to_mark(); }

@@ -1,4 +1,4 @@
-// Opens a sealed payload: the receiver's half of orb_encrypt.cpp.
+// Opens a payload that orb_encrypt.cpp sealed.
 // Tested by tests/crypto/.
 #define ORB_LOG_TAG "orb_encrypt"
 
@@ -15,7 +15,7 @@
 namespace orb {
 namespace {
 
-// Borrowed from the caller; `tag` is null with CBC.
+// The caller's arguments. `tag` is null with CBC.
 struct Sealed {
   const char* private_pem;
   const uint8_t* data;
@@ -72,13 +72,13 @@ EcKeyPtr ReadEphemeralKey(const uint8_t* pem, uint64_t length) {
   return ec;
 }
 
-// The two lines that show the secret; what they mean for a receiver is in
-// docs/security.md. They need a limit that the program has set in its code: the
-// environment or a property would print keys of a program that others run.
+// Logs the secret, which docs/security.md explains. Only a program that set the log limit in
+// its own code gets these two lines. If the environment or a property sufficed, others could
+// make a program print its keys.
 void LogSecret(const WipedBuffer& secret) {
   const int limit = ProgramLogLimit();
   if (limit == ANDROID_LOG_DEFAULT || limit > ANDROID_LOG_DEBUG) return;
-  const uint8_t* s = secret.data();  // Ends with a NUL beyond the secret.
+  const uint8_t* s = secret.data();  // A NUL follows the secret.
   LOGD("compute [%lu] bytes symmetric key: \r\n%s\r\n", Ulong(kSecretBytes),
        reinterpret_cast<const char*>(s));
   LOGD(
@@ -125,7 +125,7 @@ CipherCtxPtr NewCipher(int32_t salgo, const WipedBuffer& secret, const Sealed& i
     return nullptr;
   }
   if (salgo != kSymmetricGcm) return ctx;
-  // The library would take a tag of one byte, which is forged in 256 tries.
+  // The library accepts a tag of one byte, which can be forged in 256 tries.
   int result = 0;
   if (in.tag_len == kTagBytes) {
     result = EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, kTagBytes,
@@ -140,7 +140,7 @@ CipherCtxPtr NewCipher(int32_t salgo, const WipedBuffer& secret, const Sealed& i
 
 int32_t Decrypt(EVP_CIPHER_CTX* ctx, const Sealed& in, uint8_t** out_data, uint64_t* out_data_len) {
   const uint64_t room = CheckedAdd<uint64_t>(in.data_len, kSlackBytes);
-  if (room > INT_MAX) {  // The library counts in int, its output included.
+  if (room > INT_MAX) {  // The library counts input and output in int.
     LOGD("failed to decrypt data %d", 0);
     return kFailed;
   }
@@ -180,7 +180,7 @@ int32_t Open(int32_t salgo, const Sealed& in, uint8_t** out_data, uint64_t* out_
   return Decrypt(ctx.get(), in, out_data, out_data_len);
 }
 
-// `want_salgo` and `iv_bytes_min` belong to the function that was called.
+// `want_salgo` and `iv_bytes_min` are what the called C function requires.
 int32_t CheckAndOpen(int32_t salgo, int32_t want_salgo, int32_t palgo, uint64_t iv_bytes_min,
                      const Sealed& in, uint8_t** out_data, uint64_t* out_data_len) {
   if (!in.Complete() || in.iv_len < iv_bytes_min || out_data == nullptr ||

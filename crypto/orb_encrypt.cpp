@@ -1,4 +1,4 @@
-// Seals a payload: fresh P-256 key pair, ECDH, AES-256 in CBC or GCM mode.
+// Seals a payload with a new P-256 key pair, ECDH, and AES-256 in CBC or GCM mode.
 // Tested by tests/crypto/.
 #define ORB_LOG_TAG "orb_encrypt"
 
@@ -18,7 +18,7 @@
 namespace orb {
 namespace {
 
-// One output of the caller's: set as a whole or, after a failure, empty.
+// One output of the caller. It is set completely or, after a failure, is empty.
 struct Output {
   uint8_t** data;
   uint64_t* length;
@@ -72,7 +72,7 @@ PKeyPtr GenerateKeyPair() {
   return PKeyPtr(key);
 }
 
-// The public half as PEM text, with a NUL behind it.
+// Writes the public key as PEM text with a NUL at its end.
 std::optional<WipedBuffer> ExportPublicKey(EVP_PKEY* key) {
   const BioPtr bio(BIO_new(BIO_s_mem()));
   if (bio == nullptr) {
@@ -140,10 +140,10 @@ struct Ciphertext {
   uint64_t length;
 };
 
-// One pass over the whole input. `ctx` is keyed.
+// Encrypts the whole input in one pass. `ctx` has its key already.
 std::optional<Ciphertext> Encrypt(EVP_CIPHER_CTX* ctx, const uint8_t* data, uint64_t data_len) {
   const uint64_t room = CheckedAdd<uint64_t>(data_len, kSlackBytes);
-  if (room > INT_MAX) {  // The library counts in int, its output included.
+  if (room > INT_MAX) {  // The library counts input and output in int.
     LOGD("failed to encrypt data %d", 0);
     return std::nullopt;
   }
@@ -185,8 +185,7 @@ struct Outputs {
   Output key, data, iv, tag;
 };
 
-// A context keyed for one payload. Both algorithms take the first bytes of the
-// IV that they need: CBC 16, GCM its default nonce of 12.
+// Makes a context with a key for one payload. CBC takes 16 bytes of the IV, GCM the first 12.
 CipherCtxPtr NewCipher(int32_t salgo, const WipedBuffer& secret, const WipedBuffer& iv) {
   CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
   if (ctx == nullptr) {
@@ -201,7 +200,7 @@ CipherCtxPtr NewCipher(int32_t salgo, const WipedBuffer& secret, const WipedBuff
   return ctx;
 }
 
-// Sets all outputs, or none.
+// Sets all outputs or none.
 int32_t Seal(int32_t salgo, const char* recipient_pem, const uint8_t* data, uint64_t data_len,
              const Outputs& out) {
   const EcKeyPtr recipient = ReadRecipient(recipient_pem);

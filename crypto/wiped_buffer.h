@@ -11,7 +11,7 @@ namespace orb {
 
 class WipedBuffer {
  public:
-  // Zeroed; ok() is false when there was no memory.
+  // Allocates zeros. ok() is false when there is no memory.
   explicit WipedBuffer(size_t bytes)
       : data_(static_cast<uint8_t*>(std::calloc(bytes, 1))), bytes_(bytes) {}
   ~WipedBuffer() {
@@ -30,7 +30,7 @@ class WipedBuffer {
   const uint8_t* data() const { return data_; }
   size_t bytes() const { return bytes_; }
 
-  // Hands the memory over; the caller frees it with free().
+  // Gives the memory to the caller, who frees it with free().
   uint8_t* Release() {
     uint8_t* data = data_;
     data_ = nullptr;

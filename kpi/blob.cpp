@@ -16,13 +16,13 @@
 
 namespace {
 
-// Protobuf neither writes nor reads a message of 2 GiB; 64 bytes are for the metadata.
+// Protobuf neither writes nor reads a message of 2 GiB. The metadata takes at most 64 bytes.
 constexpr uint32_t kDataBytesMax = std::numeric_limits<int32_t>::max() - 64;
 
 void CountOne(uint64_t* count) { *count = orb::CheckedAdd<uint64_t>(*count, 1); }
 
-// `out` holds orb::SegmentBytes(segs, count). False when a segment has a length
-// and no bytes.
+// Copies the segments to `out`, which has room for orb::SegmentBytes(segs, count). False when
+// a segment has a length and no bytes.
 bool Gather(const kiv_blob_segment_t* segs, uint32_t count, uint8_t* out) {
   for (uint32_t i = 0; i < count; ++i) {
     memcpy(out, &segs[i].len, sizeof segs[i].len);
@@ -73,10 +73,10 @@ bool Blob::FitsRecord(uint32_t bytes, const char* operation) {
 int Blob::WriteGathered(const kiv_blob_segment_t* segs, uint32_t count) {
   const uint32_t bytes_max = orb::SegmentBytes(segs, count);
   if (!FitsRecord(bytes_max, "LogBufSegs")) return -1;
-  // The client's other threads may change its array meanwhile: from here on a copy
-  // counts, which stands in the same allocation as the bytes.
+  // Other threads of the client may change its array meanwhile. So the array is copied, into
+  // the same allocation as the bytes, and only the copy is read from here on.
   const size_t table_bytes = size_t{count} * sizeof *segs;
-  // malloc, so that a lack of memory is an answer and not the host's end.
+  // malloc reports a lack of memory, where new could end the host.
   orb::MallocBytes memory;
   memory.data = static_cast<uint8_t*>(malloc(std::max<size_t>(table_bytes + bytes_max, 1)));
   if (memory.data == nullptr) {
@@ -110,7 +110,7 @@ bool Blob::validCfg() {
 
 int Blob::Serialize() { return 0; }
 
-// The record counts the samples since the previous one.
+// The metadata of a record counts the samples since the previous record.
 int Blob::WriteRecord(const void* bytes, uint32_t len) {
   int result = -1;
   const bool made = orb::Contained("WriteRecord", [&] {

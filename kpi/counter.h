@@ -9,7 +9,7 @@ class Counter : public KPI {
  public:
   using KPI::KPI;
 
-  // Aborts when the sum no longer fits.
+  // Adds the value. Aborts when the sum no longer fits 64 bits.
   int Aggregate(unsigned int value) override;
   void ResetAggregates() override;
   bool validCfg() override;

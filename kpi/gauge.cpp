@@ -22,13 +22,13 @@ using orb::CheckedSub;
 
 namespace {
 
-// Compared with seconds, though it is a day in milliseconds: in effect only a
-// clock that was set years ahead closes a window here.
+// A day in milliseconds, but the system compares it with seconds. So only a clock that was
+// set years ahead closes a window.
 constexpr int64_t kTimeOffsetLimit = 86'400'000;
 
-constexpr size_t kPrintedLineMax = 256;  // Four whole numbers, two of %g, and 53 other bytes.
+constexpr size_t kPrintedLineMax = 256;  // Holds four integers, two %g, and 53 other bytes.
 
-// The seed of a window passes through float and loses what a float cannot hold.
+// The first value of a window is stored as a float and loses the bits that do not fit one.
 int32_t ThroughFloat(int32_t value) {
   const float rounded = static_cast<float>(value);
   if (rounded >= 2147483648.0f) return std::numeric_limits<int32_t>::max();
@@ -67,7 +67,7 @@ void Gauge::ResetAggregates() {
 bool Gauge::validCfg() { return true; }
 
 int Gauge::Serialize() {
-  // The first number is the gauge's own count, not the base window's.
+  // The first number is the count of the gauge's own window, not of the base class's.
   LOGD("Gauge::Serialize(), numSamples=%d, N=%d tsStart=%ld, tsEnd=%ld", N, sampleSpan,
        Nanoseconds(tsStart), Nanoseconds(tsEnd));
   if (N < 2) return 0;
@@ -97,7 +97,7 @@ void Gauge::NewTimedSample(long long ts, int value) {
     AddToSums(dt, value);
     if (SampleAdd(ts) == 0) return;
   }
-  // Full, or the clock stood still, went back or jumped.
+  // The window is full, or the clock stood still, went back or jumped.
   CloseGaugeWindow(ts);
   SeedWindow(ts, value);
 }
@@ -113,7 +113,7 @@ int Gauge::SampleAdd(long long ts) {
   return N > sampleSpan ? 1 : 0;
 }
 
-// Past stdio: another thread of the host may hold its lock on stdout for long.
+// Does not use stdio: another thread of the host may hold the lock of stdout for long.
 void Gauge::Print() const {
   orb::LineOffer out(STDOUT_FILENO);
   size_t run = 0;
@@ -132,8 +132,8 @@ void Gauge::Print() const {
 
 bool Gauge::IsFirstSample() const { return (TIMEBASED() ? sampleSpan : timeSpan) == 0; }
 
-// Memory grows with the seconds that pass, not with the samples nor with the
-// window that was asked for: a day in milliseconds would be 691 MB at once.
+// Memory grows with the seconds that pass. It does not grow with the samples, and is not
+// allocated for the whole window: a day in milliseconds would take 691 MB at once.
 void Gauge::StoreTimestamp(int64_t ts) {
   if (tsIndex == 0) {
     tsArray.clear();
@@ -147,7 +147,7 @@ void Gauge::StoreTimestamp(int64_t ts) {
   tsIndex = CheckedAdd<uint32_t>(tsIndex, 1);
 }
 
-// The first sample of a fresh window lies at offset 1, not 0. N stays.
+// The first sample of a new window is at offset 1, not 0. N keeps its value.
 void Gauge::StartWindow(int64_t ts, int32_t value) {
   max = min = value;
   avg = static_cast<float>(value);
@@ -169,7 +169,8 @@ void Gauge::CloseGaugeWindow(int64_t ts) {
   } else {
     timeSpan = static_cast<int32_t>(CheckedSub<int64_t>(ts, refTs));
   }
-  // The sample is in the sums already, so the window is over also without memory.
+  // The sums contain the sample already, so the window ends even when there is no memory for
+  // its record.
   orb::Contained("Gauge", [this] { Serialize(); });
   Print();
 }
@@ -187,7 +188,8 @@ void Gauge::SeedWindow(int64_t ts, int32_t value) {
   tsIndex = 0;
 }
 
-// Least squares. Equal times give a denominator of 0 and so infinity or NaN.
+// Fits the line by least squares. When all times are equal the denominator is 0, and slope
+// and offset are infinite or NaN.
 void Gauge::FitLine() {
   const float n = static_cast<float>(N);
   const float numerator =
@@ -198,7 +200,7 @@ void Gauge::FitLine() {
   b0 = (static_cast<float>(sumY) - b1 * static_cast<float>(sumX)) / n;
 }
 
-// Whole numbers throughout: both divisions truncate.
+// Computes with integers only: both divisions truncate.
 int64_t Gauge::Variance() const {
   const int64_t square = CheckedDiv<int64_t>(CheckedMul<int64_t>(sumY, sumY), N);
   return CheckedDiv<int64_t>(CheckedSub<int64_t>(sumYY, square), CheckedSub<int32_t>(N, 1));

@@ -15,8 +15,7 @@ namespace {
 constexpr uint32_t kNoBucket = 0xFFFFFFFF;
 constexpr uint32_t kBucketsMax = 255;
 
-// S edges bound S - 1 buckets. Without an edge the difference wraps, which is
-// one of the layouts that fall back.
+// Two edges enclose one bucket. Without any edge the difference wraps, and the result is 1.
 uint32_t CountBuckets(const HistogramConfig& layout) {
   uint32_t count = static_cast<uint32_t>(layout.bucket_bounds_size()) - 1;
   count += layout.overflow_bucket() ? 1 : 0;
@@ -37,7 +36,7 @@ unsigned int Histogram::findBucketId(unsigned int value) const {
   });
   const uint32_t edge_count = static_cast<uint32_t>(edges.size());
   uint32_t id = static_cast<uint32_t>(edge - edges.begin());
-  // At or below the first edge id wraps to kNoBucket.
+  // For a value at or below the first edge this wraps to kNoBucket.
   if (!layout.underflow_bucket() && id < edge_count) --id;
   if (!layout.overflow_bucket() && id == edge_count) id = kNoBucket;
   if (nofBuckets == 0) std::abort();

@@ -1,8 +1,8 @@
 // A KPI that counts how many values of a window fell into each bucket.
 //
-// The configuration gives S edges, each the inclusive upper bound of the bucket
-// that ends at it, and up to two open buckets. A value without a bucket of its
-// own counts in the last one.
+// The configuration has edges, and may ask for a bucket below the first edge and one above
+// the last. An edge is the inclusive upper bound of the bucket that ends there. A value
+// that fits no bucket counts in the last one.
 #pragma once
 
 #include <cstdint>
@@ -12,16 +12,16 @@
 
 class Histogram : public KPI {
  public:
-  // A layout of no bucket or of more than 255 falls back to a single bucket.
+  // A configuration of no bucket, or of more than 255, gives a single bucket.
   Histogram(const KPICfg& cfg, KPISerializer* serializer);
 
-  // The bucket of a value, read as signed: 0 to nofBuckets - 1.
+  // Returns the index of the value's bucket, 0 to nofBuckets - 1. Reads the value as signed.
   unsigned int findBucketId(unsigned int value) const;
 
   // Aborts when the bucket's count no longer fits.
   int Aggregate(unsigned int value) override;
   void ResetAggregates() override;
-  // At most hist_nof_buckets_max edges.
+  // True for at most hist_nof_buckets_max edges.
   bool validCfg() override;
   // Writes nothing for a window without samples.
   int Serialize() override;

@@ -21,7 +21,7 @@ namespace {
 constexpr int64_t kNanosecondsPerTenth = 100'000'000;
 static_assert(std::is_same_v<KPI::TimePoint::period, std::nano>);
 
-// Null for an unknown kind; only an unknown type is worth a log line.
+// Null for an unknown kind. Only an unknown type is logged, not an unknown subtype.
 std::unique_ptr<KPI> CreateUnchecked(const KPICfg& cfg, KPISerializer* serializer) {
   const std::optional<orb::KpiKind> kind = orb::KindOf(cfg);
   if (!kind) {
@@ -84,7 +84,7 @@ void KPI::fillMeta(orbtr::MetaData* meta) const {
 int64_t KPI::Tenths(TimePoint time) { return Nanoseconds(time) / kNanosecondsPerTenth; }
 
 int KPI::WriteWindow(orbtr::KPIData& data) {
-  // Booked after it: what throws for want of memory has written nothing.
+  // Counts after the write: a write that throws for lack of memory has written nothing.
   const int result = serializer->Write(data, kpiId);
   repeatedSamples = orb::CheckedAdd<uint64_t>(repeatedSamples, counted);
   counted = numSamples;
@@ -102,8 +102,8 @@ orb::KpiSamples KPI::CountSamples() const {
   return samples;
 }
 
-// A record that could not be written is lost: the window is over either way. Where there
-// is no memory to make one, the window stays, and the next sample tries again.
+// A record that the serializer refuses is lost, and the window ends. When there is no memory
+// to make the record, Serialize throws: the window stays, and the next sample tries again.
 void KPI::CloseWindow(TimePoint now) {
   Serialize();
   ResetAggregates();

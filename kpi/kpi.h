@@ -1,8 +1,7 @@
-// One configured metric of a running campaign: takes samples, aggregates them
-// over a window of time or of sample count, and hands each window's record to
-// the session's serializer.
+// One metric of a running campaign. It takes samples, aggregates them over a window of time
+// or of sample count, and hands the record of each window to the session's serializer.
 //
-// No lock of its own: the collector serializes all calls into a KPI.
+// A KPI has no lock: the collector makes one call at a time.
 #pragma once
 
 #include <chrono>
@@ -21,14 +20,14 @@ class KPI {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  // Copies cfg; the serializer is borrowed and outlives the KPI.
+  // Copies cfg and borrows the serializer, which must outlive the KPI.
   KPI(const KPICfg& cfg, KPISerializer* serializer);
 
-  // The KPI that cfg asks for, or null: unknown type or subtype, or a
-  // configuration beyond the limits of its kind.
+  // Returns the KPI that cfg asks for, or null when its type or subtype is unknown or its
+  // configuration is beyond the limits of its kind.
   static std::unique_ptr<KPI> Create(const KPICfg& cfg, KPISerializer* serializer);
 
-  // Folds one value into the running aggregates. 0: accepted and counted.
+  // Adds one value to the aggregates. 0: the value is accepted and counts.
   virtual int Aggregate(unsigned int value) = 0;
   virtual void ResetAggregates() = 0;
   virtual bool validCfg() = 0;
@@ -40,14 +39,15 @@ class KPI {
   KPI(const KPI&) = delete;
   KPI& operator=(const KPI&) = delete;
 
-  // One sample. The sample that finds its window full opens the next. Always 0.
+  // Takes one sample. When the window is full, closes it, and the sample opens the next
+  // one. Always 0.
   int AddSample(unsigned int value);
-  // One sample without a value; the sample that fills the window closes it. Always 0.
+  // Takes one sample without a value. When this sample fills the window, closes it. Always 0.
   int AddSample();
 
   bool IsWithinWindow(TimePoint now) const;
-  // Restarts the window at `now`; the aggregates stay. Samples that no record
-  // counts are lost.
+  // Starts a new window at `now` and leaves the aggregates as they are. Samples of the old
+  // window that no record counts are lost.
   void ResetWindow(TimePoint now);
   void fillMeta(orbtr::MetaData* meta) const;
   void setKPIId(unsigned int id) { kpiId = id; }
@@ -57,37 +57,37 @@ class KPI {
   virtual orb::KpiSamples CountSamples() const;
 
  protected:
-  // What records carry: tenths of a second of the monotonic clock.
+  // Tenths of a second of the monotonic clock, as records have them.
   static int64_t Tenths(TimePoint time);
-  // For log lines: nanoseconds of the monotonic clock.
+  // Nanoseconds of the monotonic clock, as log lines have them.
   static long Nanoseconds(TimePoint time);
 
-  // Hands over a record whose metadata counts the open window's samples so far.
-  // The serializer's result.
+  // Gives the serializer a record whose metadata counts the samples of the open window so
+  // far. Returns what the serializer returns.
   int WriteWindow(orbtr::KPIData& data);
 
   KPICfg cfg;
   uint32_t numSamples = 0;
-  TimePoint tsStart{};        // First sample of the window; the epoch means none yet.
-  TimePoint tsEnd{};          // Latest accepted sample.
+  TimePoint tsStart{};        // Time of the window's first sample; the epoch: none yet.
+  TimePoint tsEnd{};          // Time of the latest accepted sample.
   KPISerializer* serializer;  // Borrowed.
-  uint32_t kpiId = 0;         // Routes records to the LicSNs of this KPI.
+  uint32_t kpiId = 0;         // The serializer finds the owners of the records by it.
 
  private:
   static constexpr int64_t kNanosecondsPerMillisecond = 1'000'000;
 
-  // Hands the window over and opens the next one at `now`.
+  // Writes the record of the window and opens the next window at `now`.
   void CloseWindow(TimePoint now);
 
-  // Counted when a window closes or is written, never when a sample comes.
+  // These change when a window is written or closes. A sample alone changes none of them.
   uint32_t counted = 0;  // Samples of the open window that a record counts.
   uint64_t closedSamples = 0;
   uint64_t repeatedSamples = 0;
-  uint64_t uncountedSamples = 0;  // Closed without a record that counts them.
+  uint64_t uncountedSamples = 0;  // Samples of closed windows that no record counts.
   uint64_t records = 0;
 };
 
-// Here, so that the hot path is one function but for the virtual call.
+// These are in the header so that a sample costs one call and one virtual call.
 
 inline long KPI::Nanoseconds(TimePoint time) { return time.time_since_epoch().count(); }
 

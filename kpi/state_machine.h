@@ -11,10 +11,10 @@ class StateMachine : public KPI {
   void ResetAggregates() override;
   bool validCfg() override;
   int Serialize() override;
-  // All lost: no record has states.
+  // Counts all samples as lost, because no record contains states.
   orb::KpiSamples CountSamples() const override;
 
-  // Counted, without other effect. Always 0.
+  // Counts the transition and does nothing else. Always 0.
   int AddStateTransistion(unsigned int from, unsigned int to);
 
  private:

@@ -43,7 +43,7 @@ void Books::Enter(const std::vector<uint64_t>& owners_of_kpi, const orb::KpiSamp
     book.samples = CheckedAdd<uint64_t>(book.samples, samples.repeated);
     samples.lost.ForEach([&](LossCause cause, uint64_t count) {
       EventTally& lost = book.lost[cause];
-      // Each was lost by itself, before it was a record.
+      // Every sample is an event: it was lost before it was part of a record.
       lost.events = CheckedAdd<uint64_t>(lost.events, count);
       lost.tally.samples = CheckedAdd<uint64_t>(lost.tally.samples, count);
     });
@@ -64,11 +64,11 @@ void DeliveryLedger::Lost(uint64_t owner, LossCause cause, const Tally& records)
   });
 }
 
-void DeliveryLedger::Close(uint64_t owner, const std::string& parcel) {
+void DeliveryLedger::Close(uint64_t owner, const std::string& shipment) {
   orb::Contained("DeliveryLedger::Close", [&] {
     orb::MutexLock lock(mutex_);
     OwnerBook& book = books_.owners[owner];
-    auto& entry = parcels_[parcel];
+    auto& entry = shipments_[shipment];
     entry.first = owner;
     entry.second.Add(book.open);
     book.under_way.Add(book.open);
@@ -76,12 +76,12 @@ void DeliveryLedger::Close(uint64_t owner, const std::string& parcel) {
   });
 }
 
-bool DeliveryLedger::Settle(const std::string& parcel, std::optional<LossCause> lost) {
+bool DeliveryLedger::Settle(const std::string& shipment, std::optional<LossCause> lost) {
   orb::MutexLock lock(mutex_);
-  const auto found = parcels_.find(parcel);
-  if (found == parcels_.end()) return false;
+  const auto found = shipments_.find(shipment);
+  if (found == shipments_.end()) return false;
   const auto [owner, tally] = found->second;
-  parcels_.erase(found);
+  shipments_.erase(found);
   OwnerBook& book = books_.owners[owner];
   book.under_way.Subtract(tally);
   if (!lost || !tally.empty()) Post(&book, tally, lost);

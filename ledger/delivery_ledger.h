@@ -1,13 +1,13 @@
-// The books of one client: what became of every record, for each owner (LicSN)
-// of its data. A record of a KPI with two owners is in the books of both.
+// The books of one client say, for each owner (LicSN) of its data, what became of every
+// record. A record of a KPI with two owners is in the books of both.
 //
 //   written -> open (data file, current slot) -> under way (closed file, slot at
 //   the HAL) -> sent, or lost by cause
 //
-// For every owner and at any time: samples = samples that a KPI's window still
-// holds + queued + open + under way + sent + lost.
+// This holds for every owner at any time: samples = samples that the windows of its KPIs
+// still hold + queued + open + under way + sent + lost.
 //
-// Thread-safe. The one mutex is a leaf: nothing is called with it held.
+// Thread-safe. The mutex is a leaf: no other lock is taken while it is held.
 // Tested by tests/collector/dump_test.cpp.
 #pragma once
 
@@ -22,8 +22,8 @@
 #include "ledger/loss_cause.h"
 #include "utility/thread_annotations.h"
 
-// Some records: their samples and their bytes before compression. Raw buffers
-// and files of an earlier process are of unknown content: they count no sample.
+// A number of records, with their samples and their bytes before compression. The content of
+// raw buffers, and of files that an earlier process left, is unknown: they count no sample.
 struct Tally {
   uint64_t records = 0;
   uint64_t samples = 0;
@@ -34,7 +34,7 @@ struct Tally {
   bool empty() const { return records == 0; }
 };
 
-// What happened `events` times, and to what in all.
+// How often something happened, and to how many records in all.
 struct EventTally {
   uint64_t events = 0;
   Tally tally;
@@ -43,44 +43,44 @@ struct EventTally {
 };
 
 struct OwnerBook {
-  uint64_t samples = 0;  // Offered to its KPIs, and what its records count twice.
+  uint64_t samples = 0;  // Samples logged, plus samples that two records count.
   Tally open;
   Tally under_way;
-  EventTally sent;  // An event is an upload or a slot.
+  EventTally sent;  // Its events are uploads or slots.
   orb::ByLossCause<EventTally> lost;
 
   // The sum over all causes.
   EventTally Lost() const;
 };
 
-// The books as they are at one moment.
+// A copy of the books at one moment.
 struct Books {
   uint64_t logged = 0;
   uint64_t repeated = 0;
-  std::map<uint64_t, OwnerBook> owners;  // By LicSN; 0 also stands for no owner.
-  OwnerBook recovered;                   // Files that an earlier process has left.
+  std::map<uint64_t, OwnerBook> owners;  // By LicSN; 0 also means that there is no owner.
+  OwnerBook recovered;                   // Files that an earlier process left.
 
-  // Enters a KPI's samples for each of its owners, but not those still open.
+  // Adds the samples of a KPI to the book of each owner, without those still open.
   void Enter(const std::vector<uint64_t>& owners_of_kpi, const orb::KpiSamples& samples);
 };
 
-// Without memory for the entry of a new owner or parcel, Written, Lost and Close enter
-// nothing and log it: no record and no upload depends on the books.
+// When there is no memory for a new owner or shipment, Written, Lost and Close log that and
+// change nothing. No record and no upload depends on the books.
 class DeliveryLedger {
  public:
-  // Records are in the owner's open file or slot.
+  // The records are now in the owner's open file or slot.
   void Written(uint64_t owner, const Tally& records) ORB_EXCLUDES(mutex_);
-  // Records were lost together.
+  // The records were lost, as one event.
   void Lost(uint64_t owner, orb::LossCause cause, const Tally& records) ORB_EXCLUDES(mutex_);
-  // What is open of the owner is under way from now on, under a name of its own:
-  // the path of a file, or of a slot. Also when it is nothing.
-  void Close(uint64_t owner, const std::string& parcel) ORB_EXCLUDES(mutex_);
-  // What is under way has arrived, or is lost; the loss of nothing is none. False
-  // for an unknown name.
-  bool Settle(const std::string& parcel, std::optional<orb::LossCause> lost) ORB_EXCLUDES(mutex_);
-  // The same for a file of an earlier process.
+  // Moves the owner's open records to under_way under a unique name: the path of a file, or
+  // the name of a slot. Makes the entry even when there are no open records.
+  void Close(uint64_t owner, const std::string& shipment) ORB_EXCLUDES(mutex_);
+  // Moves the records under way by that name to sent, or to lost. An empty entry is never
+  // counted as lost. False for an unknown name.
+  bool Settle(const std::string& shipment, std::optional<orb::LossCause> lost) ORB_EXCLUDES(mutex_);
+  // Counts a file of an earlier process as sent or lost.
   void SettleRecovered(uint64_t bytes, std::optional<orb::LossCause> lost) ORB_EXCLUDES(mutex_);
-  // The KPI's session is over.
+  // Adds the samples of a KPI whose session is over.
   void Enter(const std::vector<uint64_t>& owners, const orb::KpiSamples& samples)
       ORB_EXCLUDES(mutex_);
 
@@ -94,6 +94,6 @@ class DeliveryLedger {
 
   mutable orb::Mutex mutex_;
   Books books_ ORB_GUARDED_BY(mutex_);
-  // What is under way by name, with its owner; also in the owner's book.
-  std::map<std::string, std::pair<uint64_t, Tally>> parcels_ ORB_GUARDED_BY(mutex_);
+  // Owner and records of each shipment under way. The owner's book counts them as well.
+  std::map<std::string, std::pair<uint64_t, Tally>> shipments_ ORB_GUARDED_BY(mutex_);
 };

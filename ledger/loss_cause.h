@@ -1,5 +1,5 @@
-// Why a sample, a record or an upload was lost. The names are what a dump
-// shows and what docs/delivery.md explains.
+// Why a sample, a record or an upload was lost. A dump shows the names, and docs/delivery.md
+// explains them.
 #pragma once
 
 #include <array>
@@ -13,12 +13,12 @@ enum class LossCause : uint8_t {
   kMemory,       // No memory for its record, or for the upload.
   kEncode,       // A scattered blob that the serializer cannot encode.
   kNoRecord,     // Its kind of KPI makes no record of it.
-  kDropped,      // Of a session that was given up without its end being written.
+  kDropped,      // Its session was given up before it was written.
   kNoOwner,      // The campaign has no owner.
   kStopped,      // Its owner is stopped.
   kNoFile,       // Its owner's file could not be made.
   kShortWrite,   // The disk took a part of it, or nothing.
-  kTorn,         // Written behind a part of a record, where no reader finds it.
+  kTorn,         // It was written after a part of a record, where no reader finds it.
   kUnreadable,   // Its file could not be opened or read again.
   kCompress,     // Its file could not be compressed.
   kNoKey,        // Its file is to be sealed, and the owner has no key.
@@ -36,14 +36,14 @@ inline constexpr std::array kLossCauseNames = {
 inline constexpr size_t kLossCauses = kLossCauseNames.size();
 static_assert(kLossCauses == static_cast<size_t>(LossCause::kUnconfirmed) + 1);
 
-// Something for each cause; zero at first.
+// A value for each cause, zero at first.
 template <typename T>
 class ByLossCause {
  public:
   T& operator[](LossCause cause) { return values_[static_cast<size_t>(cause)]; }
   const T& operator[](LossCause cause) const { return values_[static_cast<size_t>(cause)]; }
 
-  // Calls visit(cause, value) for each, in order.
+  // Calls visit(cause, value) for each cause, in order.
   template <typename Visit>
   void ForEach(Visit visit) const {
     for (size_t i = 0; i < kLossCauses; ++i) visit(static_cast<LossCause>(i), values_[i]);

@@ -1,5 +1,5 @@
-// The exported field tables, as data: other encoders read them by symbol, so
-// every byte counts, also those that name layouts nobody here uses.
+// The exported field tables. Other encoders find them by symbol, so every byte of them must
+// stay as it is, also in tables that this library does not use.
 // Tested by tests/utility/descriptor_tables_test.cpp.
 #include "include/orb_event_log.h"
 
@@ -20,8 +20,8 @@ static_assert(sizeof(kiv_field_s) == 6 + sizeof(void*));
 constexpr uint8_t kCallbackBytes = sizeof(KivCallback);
 static_assert(sizeof(KivHeader) == 16 && sizeof(KivPayload) == kCallbackBytes);
 
-// The memory that the KPI tables describe. A oneof's one-byte selector stands
-// before its value.
+// The memory that the KPI tables describe. The selector of a oneof is one byte and stands
+// before the value.
 struct MetaData {
   uint32_t kpi_id;
   uint64_t ts_start;
@@ -32,11 +32,11 @@ struct MetaData {
 };
 constexpr uint8_t kMetaBytes = sizeof(MetaData);
 
-// Bytes of padding between a 32-bit field and the 64-bit one behind it.
+// Bytes of padding between a 32-bit field and a 64-bit field that follows.
 constexpr uint8_t kPad = alignof(uint64_t) - sizeof(uint32_t);
-// The same before a callback.
+// Bytes of padding between a 32-bit field and a callback that follows.
 constexpr uint8_t kCallbackPad = alignof(KivCallback) - sizeof(uint32_t);
-// A selector and its padding.
+// Bytes of a selector and its padding.
 constexpr uint8_t kSelector = 4;
 
 }  // namespace

@@ -1,7 +1,7 @@
 // record := KPIData { blobs: Blob { meta: MetaData, data: (length:u32 bytes)* } }
 //
-// The field numbers are those of proto/kpi_data.proto. Presence differs from
-// the usual: sub-messages are always written, as their accessors do.
+// The field numbers are those of proto/kpi_data.proto. Both sub-messages are written even
+// when they are empty, as they are for a blob that the generated code encodes.
 // Tested by tests/serializer/kpi_memory_serializer_test.cpp.
 #include "serializer/blob_segment_encoder.h"
 
@@ -59,7 +59,7 @@ struct Pieces {
   uint32_t data_bytes;
 };
 
-// Runs more than once a record: sizes are found by encoding into nothing.
+// nanopb calls this more than once for a record: it finds sizes by encoding into nothing.
 bool EncodePieces(pb_ostream_t* stream, const pb_field_iter_t* field, void* const* arg) {
   const auto& pieces = *static_cast<const Pieces*>(*arg);
   if (!pb_encode_tag_for_field(stream, field) || !pb_encode_varint(stream, pieces.data_bytes)) {

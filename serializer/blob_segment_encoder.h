@@ -1,7 +1,6 @@
-// Encodes a scattered blob as one KPIData record straight into its place,
-// without gathering the pieces first. The bytes are those of a record whose
-// blob data was gathered: every piece as its length, 32 bits in host byte
-// order, and its bytes.
+// Encodes a scattered blob as one KPIData record directly where the record belongs, without
+// gathering the pieces first. The bytes are the same as those of a gathered blob: each piece
+// is its length, 32 bits in host byte order, and its bytes.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +8,7 @@
 
 #include "orb_sdk.h"
 
-// Windows in tenths of a second of the monotonic clock.
+// The metadata of the record. Times are tenths of a second of the monotonic clock.
 struct BlobWindow {
   uint32_t kpi_id;
   uint64_t ts_start;
@@ -23,9 +22,10 @@ class BlobSegmentEncoder {
  public:
   BlobSegmentEncoder(const BlobWindow& window, const kiv_blob_segment_t* segs, uint32_t count);
 
-  // Bytes of the record. False when it cannot be encoded; reason() says why.
+  // Computes the size of the record. False when it cannot be encoded; reason() says why.
   bool Measure(size_t* bytes);
-  // Writes the record to the [bytes] at `out`, as many as Measure told. False as above.
+  // Writes the record to `out`, which has room for the [bytes] that Measure computed. False
+  // when it cannot be encoded.
   bool Encode(uint8_t* out, size_t bytes);
 
   const char* reason() const { return reason_; }

@@ -1,4 +1,4 @@
-// The queue, the writer thread and the serializer's life; its files are in
+// The queue, the writer thread, and start and end of the serializer. The files are in
 // kpi_file_serializer_files.cpp.
 // Tested by tests/serializer/kpi_file_serializer_test.cpp.
 #include "serializer/kpi_file_serializer.h"
@@ -19,7 +19,7 @@ namespace {
 
 constexpr uint32_t kFlushKpiId = 0xFFFFFFFF;
 constexpr uint32_t kRawKpiId = 0;
-// What is kept for the next records: enough for a thousand windows that close together.
+// Spare items for the next records: enough for a thousand windows that close together.
 constexpr size_t kSparesMax = 1024;
 constexpr size_t kSpareBytesMax = 256;
 constexpr char kThreadName[] = "orb_writer";  // At most 15 characters.
@@ -48,7 +48,7 @@ int KPIFileSerializer::Initialize(const char* cacheDir, unsigned int sizeThresho
     versionRecord = collector->header_override() ? std::string() : VersionRecord();
     emptyFileSize = orb::CheckedAdd<uint32_t>(TelemetryHeader::kBytes, versionRecord.size());
   }
-  // Before any file is touched: without a thread nothing is to be left behind.
+  // The thread comes first: when it cannot be started, no file must have been made.
   {
     orb::MutexLock lock(queueMutex);
     stopWriter = false;
@@ -66,7 +66,7 @@ int KPIFileSerializer::Write(orbtr::KPIData& data, unsigned int kpiId) {
   {
     orb::MutexLock lock(queueMutex);
     std::shared_ptr<kpiDataStruct> item = TakeItem();
-    // As SerializeToString would, without its stream and its growth of the string.
+    // Does what SerializeToString does, but without a stream and without growing the string.
     item->data.resize(data.ByteSizeLong());
     data.SerializeWithCachedSizesToArray(reinterpret_cast<uint8_t*>(item->data.data()));
     item->kpiId = kpiId;
@@ -106,10 +106,10 @@ int KPIFileSerializer::Flush() {
 }
 
 int KPIFileSerializer::Finalize() {
-  // Without memory for it the files stay for the next Initialize, which sends them.
+  // When there is no memory for the flush, the files stay and the next Initialize sends them.
   orb::Contained("Finalize", [this] { addFlushToQueue(); });
   stopWriterThread();
-  // Only now: with a threshold of 0 every queued record would be an upload of its own.
+  // This must come last: with a threshold of 0 each queued record would be sent on its own.
   sizeThreshold = 0;
   return 0;
 }
@@ -151,10 +151,10 @@ void KPIFileSerializer::addFlushToQueue() {
 
 void KPIFileSerializer::Push(std::shared_ptr<kpiDataStruct> item) {
   const uint64_t samples = item->samples;
-  queue.push_back(std::move(item));  // May throw, so it comes before what counts it.
-  queued.depth = orb::CheckedAdd<uint64_t>(queued.depth, 1);
-  queued.depth_max = std::max(queued.depth_max, queued.depth);
-  queued.samples = orb::CheckedAdd<uint64_t>(queued.samples, samples);
+  queue.push_back(std::move(item));  // May throw, so it comes before the item is counted.
+  backlog_.depth = orb::CheckedAdd<uint64_t>(backlog_.depth, 1);
+  backlog_.depth_max = std::max(backlog_.depth_max, backlog_.depth);
+  backlog_.samples = orb::CheckedAdd<uint64_t>(backlog_.samples, samples);
 }
 
 std::shared_ptr<kpiDataStruct> KPIFileSerializer::TakeItem() {
@@ -167,8 +167,8 @@ std::shared_ptr<kpiDataStruct> KPIFileSerializer::TakeItem() {
 void KPIFileSerializer::ItemDone(std::shared_ptr<kpiDataStruct>* item) {
   kpiDataStruct* const done = item->get();
   if (done == nullptr) return;
-  queued.depth = orb::CheckedSub<uint64_t>(queued.depth, 1);
-  queued.samples = orb::CheckedSub<uint64_t>(queued.samples, done->samples);
+  backlog_.depth = orb::CheckedSub<uint64_t>(backlog_.depth, 1);
+  backlog_.samples = orb::CheckedSub<uint64_t>(backlog_.samples, done->samples);
   if (spares.size() >= kSparesMax || done->data.capacity() > kSpareBytesMax) return;
   done->data.clear();
   done->samples = 0;
@@ -194,7 +194,7 @@ std::shared_ptr<kpiDataStruct> KPIFileSerializer::NextItem(std::shared_ptr<kpiDa
 
 KPISerializer::Backlog KPIFileSerializer::backlog() {
   orb::MutexLock lock(queueMutex);
-  return queued;
+  return backlog_;
 }
 
 void KPIFileSerializer::WriteItem(const kpiDataStruct& item) {
@@ -204,7 +204,7 @@ void KPIFileSerializer::WriteItem(const kpiDataStruct& item) {
 void KPIFileSerializer::writer_func() {
   std::shared_ptr<kpiDataStruct> item;
   while ((item = NextItem(std::move(item))) != nullptr) WriteItem(*item);
-  // What was queued before the stop; callers need not wait while it is written.
+  // Writes what was queued before the stop, without holding the mutex during a write.
   for (;;) {
     {
       orb::MutexLock lock(queueMutex);
@@ -215,6 +215,6 @@ void KPIFileSerializer::writer_func() {
     WriteItem(*item);
   }
   orb::MutexLock lock(queueMutex);
-  queued.depth = 0;
-  queued.samples = 0;
+  backlog_.depth = 0;
+  backlog_.samples = 0;
 }

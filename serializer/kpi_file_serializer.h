@@ -1,16 +1,15 @@
-// Records go to one data file per LicSN; a file beyond the size threshold, or
-// any file on a flush, is closed and handed to the collector's upload.
+// Writes records to one data file per LicSN. A file that exceeds the size threshold, and
+// every file on a flush, is closed and given to the collector to be sent.
 //
-// Callers only queue. One writer thread, asleep while the queue is empty, does
-// all file work: every record is synchronised to storage before the next one
-// is taken, so that a crash loses at most the record being written.
+// Callers only queue records. One writer thread does all work with files and sleeps while
+// the queue is empty. It synchronises every record to storage before it takes the next one,
+// so a crash loses at most the record that is being written.
 //
 // Life: constructed -> Initialize() -> records and flushes -> Finalize() ->
-// destroyed. Files still open at destruction are closed and stay where they
-// are; the next Initialize() sends or deletes them. File format and recovery:
-// docs/formats/data_file.md.
+// destroyed. Files that are open at destruction are closed and stay where they are; the next
+// Initialize() sends or deletes them. docs/formats/data_file.md explains format and recovery.
 //
-// Locks: fileMutex, held across uploads; queueMutex, a leaf. Never both.
+// No thread holds both locks at once: fileMutex is held during uploads, queueMutex is a leaf.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +29,7 @@
 // One queued record, or a control word.
 struct kpiDataStruct {
   std::string data;    // A serialized KPIData, or "Flush".
-  uint32_t kpiId = 0;  // Routes the record; 0 for raw buffers, all ones for a flush.
+  uint32_t kpiId = 0;  // Finds the owners; 0 for raw buffers, all ones for a flush.
   uint64_t samples = 0;
 };
 
@@ -39,9 +38,9 @@ class KPIFileSerializer : public KPISerializer {
   KPIFileSerializer() : KPISerializer("KPIFileSerializer") {}
   ~KPIFileSerializer() override;
 
-  // Deals with left-over files, makes a file for each LicSN of the collector's
-  // key table and starts the writer thread. 0, or -1 when cacheDir cannot be
-  // read or there is no thread. The collector is borrowed.
+  // Starts the writer thread, sends or deletes files that were left over, and makes a file
+  // for each LicSN of the collector's key table. Returns 0, or -1 when cacheDir cannot be read
+  // or no thread can be started. Borrows the collector.
   int Initialize(const char* cacheDir, unsigned int sizeThreshold, unsigned int timeThreshold,
                  SerializerOwner* collector) ORB_EXCLUDES(fileMutex);
 
@@ -57,19 +56,19 @@ class KPIFileSerializer : public KPISerializer {
 
   Backlog backlog() override ORB_EXCLUDES(queueMutex);
 
-  // Writes out and sends what is queued, and ends the writer thread. 0.
+  // Writes and sends all that is queued, and ends the writer thread. Always 0.
   int Finalize() override ORB_EXCLUDES(queueMutex, fileMutex);
-  // Ends the writer thread once the queue is drained. This and Finalize are
-  // the owner's calls, one at a time.
+  // Ends the writer thread when the queue is empty. Only the owner calls this and Finalize,
+  // one at a time.
   void stopWriterThread() ORB_EXCLUDES(queueMutex, fileMutex);
   void Abandon() override ORB_EXCLUDES(queueMutex, fileMutex) { stopWriterThread(); }
   bool AdoptInChild() override ORB_EXCLUDES(queueMutex, fileMutex);
 
-  // Sends the LicSN's file, then starts a fresh one, or none. Records that are
-  // still queued are not waited for.
+  // Sends the file of the LicSN. Then EnableLicSN starts a new one, and DisableLicSN does not.
+  // Neither waits for records that are still queued.
   void EnableLicSN(uint64_t licSN) ORB_EXCLUDES(fileMutex);
   void DisableLicSN(uint64_t licSN) ORB_EXCLUDES(fileMutex);
-  // Sends the LicSN's file without a new one; -1 when there is none.
+  // Sends the file of the LicSN and starts no new one; -1 when there is none.
   int fileFlushforLicSN(uint64_t licSN) ORB_REQUIRES(fileMutex);
 
  private:
@@ -82,18 +81,19 @@ class KPIFileSerializer : public KPISerializer {
 
   // Queue and writer thread (kpi_file_serializer.cpp).
   void addFlushToQueue() ORB_EXCLUDES(queueMutex);
-  // The caller notifies the writer when it has let go of the mutex.
+  // The caller must notify the writer after it released the mutex.
   void Push(std::shared_ptr<kpiDataStruct> item) ORB_REQUIRES(queueMutex);
-  // An empty item, used before where there is one: memory that the writer frees
-  // on its own thread is slow to get back on another.
+  // Reuses an item if one is spare: memory freed on the writer's thread is slow to allocate
+  // again here.
   std::shared_ptr<kpiDataStruct> TakeItem() ORB_REQUIRES(queueMutex);
-  // Waits for the next item; null once the writer is to stop. `done` is the one
-  // before it, or null.
+  // Waits for the next item; null when the writer must stop. `done` is the previous item, or
+  // null.
   std::shared_ptr<kpiDataStruct> NextItem(std::shared_ptr<kpiDataStruct> done)
       ORB_EXCLUDES(queueMutex);
-  // Keeps the item for TakeItem, or leaves it: a large one is freed without the mutex.
+  // Keeps the item for TakeItem, or leaves it to the caller: a large item must be freed after
+  // the mutex is released.
   void ItemDone(std::shared_ptr<kpiDataStruct>* item) ORB_REQUIRES(queueMutex);
-  // Without memory for what it takes the record may be lost and not in the books.
+  // When memory is short the record may be lost, and the books may not show it.
   void WriteItem(const kpiDataStruct& item) ORB_EXCLUDES(fileMutex);
   void writer_func() ORB_EXCLUDES(queueMutex, fileMutex);
 
@@ -103,33 +103,33 @@ class KPIFileSerializer : public KPISerializer {
   void prepare_file(const kpiDataStruct& item) ORB_EXCLUDES(fileMutex);
   void AddToEveryFile(const kpiDataStruct& item) ORB_REQUIRES(fileMutex);
   void add_to_file(uint64_t licSN, const kpiDataStruct& item) ORB_REQUIRES(fileMutex);
-  // Books what of the item got into the open file.
+  // Tells the ledger how much of the item got into the open file.
   void Book(uint64_t licSN, const kpiDataStruct& item, size_t written) ORB_REQUIRES(fileMutex);
   void BookWithoutFile(uint64_t licSN, const kpiDataStruct& item) ORB_REQUIRES(fileMutex);
-  // Files with records stay where they are; the next Initialize sends them.
+  // Leaves files with records where they are, for the next Initialize to send.
   void LeaveFiles() ORB_EXCLUDES(fileMutex);
   int createFout(uint64_t licSN) ORB_REQUIRES(fileMutex);
-  // Makes header and version record the whole content. False, with a part of
-  // them written, when the disk is full.
+  // Replaces the content of the file by header and version record. False when only a part
+  // was written because the disk is full.
   bool WriteStart(uint64_t licSN, FILE* file) ORB_REQUIRES(fileMutex);
-  // Closes the LicSN's file and sends it, or deletes it when it has no record.
-  // The result of that; with reopen, 1 when both this and the creation of the
-  // next file failed, else 0. -1 when no file is open.
+  // Closes the file of the LicSN, and sends it, or deletes it when it has no record. -1 when no
+  // file is open. Without `reopen` returns the result of sending or deleting. With it also
+  // creates the next file, and returns 1 when both failed, else 0.
   int fileFlush(uint64_t licSN, bool reopen) ORB_REQUIRES(fileMutex);
   int removeLicSNfromMap(uint64_t licSN) ORB_REQUIRES(fileMutex);
   std::string TmpPath(uint64_t licSN) const ORB_REQUIRES(fileMutex);
 
-  // Unbounded: callers must not wait for storage, and a record is never
-  // dropped. It grows only while storage is slower than the client.
+  // Has no bound, because callers must not wait for storage and no record is dropped. It
+  // grows only while storage is slower than the client.
   std::deque<std::shared_ptr<kpiDataStruct>> queue ORB_GUARDED_BY(queueMutex);
   orb::Mutex queueMutex;
   bool stopWriter ORB_GUARDED_BY(queueMutex) = false;
   std::vector<std::shared_ptr<kpiDataStruct>> spares ORB_GUARDED_BY(queueMutex);
-  Backlog queued ORB_GUARDED_BY(queueMutex);  // With the item that is being written.
+  Backlog backlog_ ORB_GUARDED_BY(queueMutex);  // Includes the item being written.
   orb::CondVar queueCv;
   orb::Thread writerThread;
   std::string cacheDir ORB_GUARDED_BY(fileMutex);
-  std::map<uint64_t, File> fileMap ORB_GUARDED_BY(fileMutex);  // By LicSN; null: no file now.
+  std::map<uint64_t, File> fileMap ORB_GUARDED_BY(fileMutex);  // By LicSN; null: not open.
   std::set<uint64_t> tornFiles ORB_GUARDED_BY(fileMutex);  // LicSNs whose file holds half a record.
   std::set<uint64_t> stopped ORB_GUARDED_BY(fileMutex);    // LicSNs that DisableLicSN named.
   orb::Mutex fileMutex;

@@ -25,14 +25,14 @@ constexpr size_t kSkippedPathChars = 17;
 
 unsigned long long Printable(uint64_t licSN) { return licSN; }
 
-// The path without its first characters, which are the same on every device;
-// empty when nothing would be left.
+// Returns the path without its first characters, which are the same on every device, or an
+// empty string when no character is left.
 const char* Shortened(const std::string& path) {
   return path.size() > kSkippedPathChars ? path.c_str() + kSkippedPathChars : "";
 }
 
-// To storage, not only to the kernel. False when some of it did not get there;
-// *written is what a reader of the file finds.
+// Writes the bytes and synchronises the file. False when not all bytes reached storage;
+// *written is the number of bytes that a reader of the file finds.
 bool WriteThrough(FILE* file, const void* bytes, size_t count, size_t* written = nullptr) {
   const size_t taken = count == 0 ? 0 : orb::Files::Write(bytes, count, file);
   const bool flushed = fflush(file) == 0;
@@ -45,14 +45,14 @@ Tally TallyOf(const kpiDataStruct& item) { return {1, item.samples, item.data.si
 
 void LogWriteError(const char* operation) { LOGE("%s: error writing to file", operation); }
 
-// Names in the directory that begin with `prefix` and contain ".tmp". All are
-// listed before any is dealt with, because uploads change the directory.
+// Lists the names in the directory that begin with `prefix` and contain ".tmp". All are listed
+// before the first is treated, because uploads change the directory.
 bool ListTmpFiles(const std::string& directory, const std::string& prefix,
                   std::vector<std::string>* names) {
   const auto close = [](DIR* opened) { closedir(opened); };
   const std::unique_ptr<DIR, decltype(close)> dir(opendir(directory.c_str()), close);
   if (dir == nullptr) return false;
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread has this stream.
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread uses this stream.
   while (const dirent* entry = readdir(dir.get())) {
     const std::string name = entry->d_name;
     if (name.compare(0, prefix.size(), prefix) == 0 && name.find(kTmpSuffix) != std::string::npos) {
@@ -118,7 +118,7 @@ void KPIFileSerializer::prepare_file(const kpiDataStruct& item) {
   }
 }
 
-// Flushes on the way change the map's values, never its keys.
+// A flush during the loop changes values of the map, never its keys.
 void KPIFileSerializer::AddToEveryFile(const kpiDataStruct& item) {
   for (const auto& entry : fileMap) add_to_file(entry.first, item);
   const auto& owners = tables->keys;
@@ -136,8 +136,8 @@ void KPIFileSerializer::add_to_file(uint64_t licSN, const kpiDataStruct& item) {
     BookWithoutFile(licSN, item);
     return;
   }
-  // Behind half a header every record would be misread, and with it the LicSN
-  // that says whether the upload must be encrypted. So no record before it is whole.
+  // After half a header every record would be misread, and so would the LicSN, which decides
+  // whether the upload is encrypted. So no record is written before the header is whole.
   if (ftell(file) < static_cast<long>(emptyFileSize) && !WriteStart(licSN, file)) {
     collector->ledger().Lost(licSN, LossCause::kShortWrite, TallyOf(item));
     return LogWriteError("add_to_file");
@@ -179,10 +179,10 @@ int KPIFileSerializer::createFout(uint64_t licSN) {
   }
   LOGI("%s: tmpfile created %s", "createFout", Shortened(path));
   tornFiles.erase(licSN);
-  // One of that name that could not be opened for its upload is gone now.
+  // This replaced a file of that name that could not be opened to be sent.
   collector->ledger().Settle(path, LossCause::kUnreadable);
-  // Every write is pushed through at once, and without a buffer a write that
-  // the disk did not take is seen where it happens.
+  // Every write is synchronised at once anyway, and without a buffer a write that fails is
+  // seen where it happens.
   static_cast<void>(setvbuf(file.get(), nullptr, _IONBF, 0));
   if (!WriteStart(licSN, file.get())) LogWriteError("createFout");
   fileMap[licSN] = std::move(file);
@@ -198,7 +198,7 @@ bool KPIFileSerializer::WriteStart(uint64_t licSN, FILE* file) {
 }
 
 int KPIFileSerializer::fileFlush(uint64_t licSN, bool reopen) {
-  const std::string path = TmpPath(licSN);  // May throw, so it comes first.
+  const std::string path = TmpPath(licSN);  // May throw, so it comes before any change.
   File file = std::move(fileMap[licSN]);
   if (file == nullptr) {
     LOGE("%s: error: fout is NULL for licSN %llu - not flushing", "fileFlush", Printable(licSN));

@@ -1,4 +1,5 @@
-// The serializer's life and its records; the slots are in kpi_memory_serializer_slots.cpp.
+// Start and end of the serializer, and its records. The slots are in
+// kpi_memory_serializer_slots.cpp.
 // Tested by tests/serializer/kpi_memory_serializer_test.cpp.
 #include "serializer/kpi_memory_serializer.h"
 
@@ -36,7 +37,7 @@ KPIMemorySerializer::KPIMemorySerializer() : KPISerializer("KPIMemorySerializer"
 
 KPIMemorySerializer::~KPIMemorySerializer() {
   KPIMemorySerializer::Abandon();
-  orb::MutexLock lock(writerMutex);
+  orb::MutexLock lock(writerMutex_);
   ReleaseRegion();
 }
 
@@ -56,7 +57,7 @@ int KPIMemorySerializer::Initialize(uint32_t size, uint32_t numSlots, Serializer
   handle = collector->SetFD(fd.get(), 0, size, WriteDone);
   if (handle == nullptr) {
     LOGE("%s::%s: SetFD failed", name, "Initialize");
-    orb::MutexLock lock(writerMutex);
+    orb::MutexLock lock(writerMutex_);
     ReleaseRegion();
     fd.reset();
     return -5;
@@ -98,7 +99,7 @@ int KPIMemorySerializer::WriteBuf(const unsigned char* buf, unsigned int len) {
 }
 
 int KPIMemorySerializer::Append(const void* record, uint32_t len, uint64_t samples) {
-  orb::MutexLock lock(writerMutex);
+  orb::MutexLock lock(writerMutex_);
   int sent = 0;
   if (MakeRoom(len, samples, "WriteBuf", &sent) != 0) return -1;
   if (len != 0) memcpy(currentPtr + bytesWritten, record, len);
@@ -110,8 +111,8 @@ int KPIMemorySerializer::WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsS
                                                 uint64_t tsEnd, unsigned int numSamples,
                                                 const kiv_blob_segment_t* segs,
                                                 unsigned int count) {
-  // Measuring and encoding must see the same lengths, whatever the client's
-  // other threads do to its array meanwhile.
+  // Other threads of the client may change its array meanwhile, but measuring and encoding
+  // must see the same lengths. So both read a copy.
   orb::MallocBytes copy;
   copy.size = uint64_t{count} * sizeof *segs;
   copy.data = static_cast<uint8_t*>(malloc(std::max<uint64_t>(copy.size, 1)));
@@ -126,7 +127,7 @@ int KPIMemorySerializer::WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsS
   size_t bytes = 0;
   int sent = 0;
   bool encoded = encoder.Measure(&bytes);
-  orb::MutexLock lock(writerMutex);
+  orb::MutexLock lock(writerMutex_);
   if (encoded) {
     const auto len = orb::CheckedCast<uint32_t>(bytes);
     if (MakeRoom(len, 1, "WriteBlobSegsOptimized", &sent) != 0) return -1;
@@ -142,7 +143,7 @@ int KPIMemorySerializer::WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsS
 }
 
 void KPIMemorySerializer::Abandon() {
-  orb::MutexLock lock(writerMutex);
+  orb::MutexLock lock(writerMutex_);
   if (currentSlot != kNoSlot && !currentSent) {
     const Tally dropped = TakeCurrent();
     if (!dropped.empty()) collector->ledger().Lost(owner, LossCause::kDropped, dropped);
@@ -151,9 +152,9 @@ void KPIMemorySerializer::Abandon() {
 }
 
 bool KPIMemorySerializer::AdoptInChild() {
-  pendingCv.ForgetWaiters();
-  if (!writerMutex.IsFree() || !pendingMutex.IsFree()) return false;
-  // The announcements and their completions are the parent's.
+  pendingCv_.ForgetWaiters();
+  if (!writerMutex_.IsFree() || !pendingMutex_.IsFree()) return false;
+  // The announced slots and their completions belong to the parent.
   slotCount = 0;
   free(handle);
   handle = nullptr;
@@ -161,7 +162,7 @@ bool KPIMemorySerializer::AdoptInChild() {
 }
 
 int KPIMemorySerializer::Flush() {
-  orb::MutexLock lock(writerMutex);
+  orb::MutexLock lock(writerMutex_);
   if (currentSlot == kNoSlot || bytesWritten == 0) return 0;
   const int sent = currentSent ? 0 : SendCurrent();
   if (sent != 0) LOGE("%s::%s: SendSlot failed", name, "Flush");
@@ -173,19 +174,19 @@ int KPIMemorySerializer::Flush() {
 }
 
 KPISerializer::Backlog KPIMemorySerializer::backlog() {
-  orb::MutexLock lock(pendingMutex);
+  orb::MutexLock lock(pendingMutex_);
   return {pendingCount, pendingMax, 0, owner, currentRecords, currentSamples, currentBytes};
 }
 
 void KPIMemorySerializer::wait_for_pending_slots() {
-  orb::MutexLock lock(pendingMutex);
+  orb::MutexLock lock(pendingMutex_);
   LOGD("%s::%s: nof_slots_sent_pending: %d before waiting", name, "wait_for_pending_slots",
        static_cast<int>(pendingCount));
-  while (pendingCount != 0) pendingCv.Wait(pendingMutex);
+  while (pendingCount != 0) pendingCv_.Wait(pendingMutex_);
 }
 
 int KPIMemorySerializer::Finalize() {
-  orb::MutexLock lock(writerMutex);
+  orb::MutexLock lock(writerMutex_);
   if (currentSlot != kNoSlot && !currentSent) {
     if (bytesWritten != 0) {
       SendCurrent();

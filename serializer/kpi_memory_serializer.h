@@ -1,15 +1,15 @@
-// Records go to slots of a shared region that the HAL reads; slot i starts at
-// i * slotSize. States: docs/formats/slots.md.
+// Writes records to slots of a shared region that the HAL reads. Slot i starts at
+// i * slotSize. docs/formats/slots.md explains the states of a slot:
 //
-//   free -> current (being filled) -> announced -> free (completion, death of
-//   the HAL, or at once when the HAL refused)
+//   free -> current (being filled) -> announced -> free (when the HAL completed it, died, or
+//   refused it)
 //
 // Life: constructed -> Initialize() -> records and flushes -> Finalize(),
 // which waits for a living HAL -> destroyed.
 //
-// Threads: writers are serialized by writerMutex, which is held while a slot is
-// announced. Completions come on threads of the HAL's binder pool, possibly
-// before the announcement has returned, and take leaf locks only.
+// A writer holds writerMutex_, also while it announces a slot. Completions come on threads of
+// the HAL's binder pool, possibly before the announcement has returned. They take leaf locks
+// only.
 #pragma once
 
 #include <atomic>
@@ -27,45 +27,47 @@ struct kiv_fd_handle_s;
 class KPIMemorySerializer : public KPISerializer {
  public:
   KPIMemorySerializer();
-  // Without Finalize: announces and waits for nothing, but takes the region back.
+  // When Finalize was not called: takes the region back, but announces nothing and waits for
+  // nothing.
   ~KPIMemorySerializer() override;
 
-  // `size` bytes in all, cut into numSlots of equal size, the remainder unused.
-  // 0; -2 more than 64 slots, -3 no region, -4 no mapping, -5 the HAL refused.
+  // Makes a region of `size` bytes and divides it into numSlots slots of equal size; the
+  // remainder is unused. Returns 0, -2 for more than 64 slots, -3 when the region or -4 when
+  // its mapping cannot be made, -5 when the HAL refuses it.
   int Initialize(uint32_t size, uint32_t numSlots, SerializerOwner* collector)
-      ORB_EXCLUDES(writerMutex);
+      ORB_EXCLUDES(writerMutex_);
 
-  // One record each. 0; -1 when there is no room for it (or it cannot be
-  // encoded); else what announcing the slot before it gave, whose records are lost then.
-  int Write(orbtr::KPIData& data, unsigned int kpiId) override ORB_EXCLUDES(writerMutex);
-  int WriteBuf(const unsigned char* buf, unsigned int len) override ORB_EXCLUDES(writerMutex);
+  // Each writes one record. Returns 0; -1 when there is no room for it or it cannot be encoded.
+  // Another value is the HAL's error for the previous slot: that slot's records are lost.
+  int Write(orbtr::KPIData& data, unsigned int kpiId) override ORB_EXCLUDES(writerMutex_);
+  int WriteBuf(const unsigned char* buf, unsigned int len) override ORB_EXCLUDES(writerMutex_);
   int WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsStart, uint64_t tsEnd,
                              unsigned int numSamples, const kiv_blob_segment_t* segs,
-                             unsigned int count) override ORB_EXCLUDES(writerMutex);
+                             unsigned int count) override ORB_EXCLUDES(writerMutex_);
 
-  // Slots have no thresholds to change.
+  // Does nothing, because slots have no thresholds.
   void UpdateConfig(kiv_param_type_t, unsigned int) override {}
 
-  // Announces the current slot if it holds anything. The HAL's result; -1 when
-  // no slot is free to go on with.
-  int Flush() override ORB_EXCLUDES(writerMutex);
+  // Announces the current slot when it holds a record. Returns the HAL's result, or -1 when no
+  // slot is free for the next record.
+  int Flush() override ORB_EXCLUDES(writerMutex_);
 
-  Backlog backlog() override ORB_EXCLUDES(pendingMutex);
+  Backlog backlog() override ORB_EXCLUDES(pendingMutex_);
 
-  // Announces what is left, waits until the HAL has consumed every slot or has died,
-  // for ever if need be, and closes the channel. The result of closing it.
-  int Finalize() override ORB_EXCLUDES(writerMutex);
+  // Announces the current slot, waits without limit until the HAL has consumed every slot or
+  // has died, and closes the channel. Returns the result of closing it.
+  int Finalize() override ORB_EXCLUDES(writerMutex_);
 
-  // What is not announced is lost; so is, as far as is known, what the HAL still has.
-  void Abandon() override ORB_EXCLUDES(writerMutex);
-  bool AdoptInChild() override ORB_EXCLUDES(writerMutex, pendingMutex);
+  // Counts the records of the current slot as lost, and also those that the HAL still has.
+  void Abandon() override ORB_EXCLUDES(writerMutex_);
+  bool AdoptInChild() override ORB_EXCLUDES(writerMutex_, pendingMutex_);
 
-  // The HAL has consumed the slot at this byte offset of the region.
+  // Called when the HAL has consumed the slot at this byte offset of the region.
   static int WriteDone(kiv_fd_handle_s* handle, uint32_t offset, uint32_t, int);
 
-  // The HAL that has this region died, so it confirms nothing any more: its slots are
-  // free and their records lost. Later completions are ignored; so is a handle that is
-  // no serializer's. Takes leaves only, and does not look into the handle.
+  // Called when the HAL that has this region died. Its slots become free and their records are
+  // lost. Ignores a handle that no serializer has, and later completions. Takes leaf locks
+  // only and does not read the handle.
   static void RegionLost(const kiv_fd_handle_s* handle);
 
  private:
@@ -73,71 +75,74 @@ class KPIMemorySerializer : public KPISerializer {
 
   int CreateRegion(uint32_t size);
   // Makes the lowest free slot current. 0, or -2 when none of the first 31 is free.
-  int GetNewSlot() ORB_REQUIRES(writerMutex);
-  // Writes one record of len bytes, which counts `samples`.
-  int Append(const void* record, uint32_t len, uint64_t samples) ORB_EXCLUDES(writerMutex);
-  // Makes room for len bytes; `operation` is for the log. 0, or -1 when there is
-  // none and the record is lost; *sent is what announcing the slot before gave.
-  // A record that cannot be placed because of its length has announced nothing.
+  int GetNewSlot() ORB_REQUIRES(writerMutex_);
+  // Writes one record of len bytes that counts that many samples.
+  int Append(const void* record, uint32_t len, uint64_t samples) ORB_EXCLUDES(writerMutex_);
+  // Makes room for len bytes; `operation` is for the log. Returns 0, or -1 when there is no
+  // room and the record is lost. *sent is the result of announcing the previous slot. A record
+  // that is too long for the region announces nothing.
   int MakeRoom(uint32_t len, uint64_t samples, const char* operation, int* sent)
-      ORB_REQUIRES(writerMutex);
-  // The lowest slot that `taken` has no bit of and that may be used, or kNoSlot.
+      ORB_REQUIRES(writerMutex_);
+  // The lowest usable slot whose bit is not set in `taken`, or kNoSlot.
   uint32_t LowestFreeSlot(uint64_t taken) const;
   // Bytes from the slot's start to the end of the region.
   uint64_t RegionBytesFrom(uint32_t slot) const;
-  // What the current slot holds, which is counted elsewhere from now on.
-  Tally TakeCurrent() ORB_REQUIRES(writerMutex);
+  // Returns the counts of the current slot and sets them to 0: the caller books them.
+  Tally TakeCurrent() ORB_REQUIRES(writerMutex_);
   void RecordWritten(uint32_t len, uint64_t samples, const char* operation)
-      ORB_REQUIRES(writerMutex);
+      ORB_REQUIRES(writerMutex_);
   void BookLoss(orb::LossCause cause, uint64_t bytes, uint64_t samples) const;
-  // Announces the current slot. Non-zero: refused, the slot is free again and no
-  // longer current.
-  int SendCurrent() ORB_REQUIRES(writerMutex);
-  int SendSlot(int slot, int size) ORB_REQUIRES(writerMutex);
+  // Announces the current slot. When the result is not 0, the HAL refused it: the slot is free
+  // again and no longer current.
+  int SendCurrent() ORB_REQUIRES(writerMutex_);
+  int SendSlot(int slot, int size) ORB_REQUIRES(writerMutex_);
   // Frees a slot that was taken but never announced.
-  int FreeSlot(int slot) ORB_REQUIRES(writerMutex);
+  int FreeSlot(int slot) ORB_REQUIRES(writerMutex_);
   // Ends the announcement of the slot at `offset`; ignored unless it is announced.
-  int FreeSlot(uint32_t offset, uint32_t, uint32_t) ORB_EXCLUDES(pendingMutex);
-  // The same; its records have arrived, or are lost.
+  int FreeSlot(uint32_t offset, uint32_t, uint32_t) ORB_EXCLUDES(pendingMutex_);
+  // Ends the announcement of the slot; its records have arrived, or are lost for that cause.
   void EndAnnouncement(uint32_t slot, std::optional<orb::LossCause> lost)
-      ORB_EXCLUDES(pendingMutex);
-  // Nobody waits for the HAL's word on its slots any more.
-  void LoseAnnounced() ORB_EXCLUDES(pendingMutex);
-  // Lets completions find this serializer by its handle, or not any more.
+      ORB_EXCLUDES(pendingMutex_);
+  // Counts the records of all announced slots as lost and ends their announcements.
+  void LoseAnnounced() ORB_EXCLUDES(pendingMutex_);
+  // Completions find this serializer by its handle after Enlist and until Delist.
   void Enlist();
   void Delist();
   // The slot's name in the ledger.
-  std::string ParcelOf(uint32_t slot) const;
-  void wait_for_pending_slots() ORB_EXCLUDES(pendingMutex);
-  // Closes the channel and unmaps. What closing gave; 0 when there is none.
-  int ReleaseRegion() ORB_REQUIRES(writerMutex);
+  std::string ShipmentOf(uint32_t slot) const;
+  void wait_for_pending_slots() ORB_EXCLUDES(pendingMutex_);
+  // Closes the channel and unmaps the region. Returns the result of closing the channel, 0 when
+  // there is none.
+  int ReleaseRegion() ORB_REQUIRES(writerMutex_);
 
-  // Set by Initialize before the region is announced, constant while it is.
+  // Initialize sets these before it announces the region. They do not change until it is
+  // withdrawn.
   orb::UniqueFd fd;
   uint8_t* base = nullptr;
   uint32_t totalSize = 0;  // Bytes.
   uint32_t slotSize = 0;   // Bytes.
   uint32_t slotCount = 0;
   uint64_t owner = 0;                 // LicSN of all records.
-  kiv_fd_handle_s* handle = nullptr;  // Owned from SetFD on.
-  uint32_t regionToken = 0;           // As it was at SetFD, for the ledger.
+  kiv_fd_handle_s* handle = nullptr;  // Owned after SetFD.
+  uint32_t regionToken = 0;           // The token at SetFD, for names in the ledger.
 
-  orb::Mutex writerMutex;
-  uint32_t currentSlot ORB_GUARDED_BY(writerMutex) = kNoSlot;
-  uint8_t* currentPtr ORB_GUARDED_BY(writerMutex) = nullptr;
-  uint32_t bytesWritten ORB_GUARDED_BY(writerMutex) = 0;
-  // Changed under writerMutex; atomic for backlog(), which must not wait for it.
+  orb::Mutex writerMutex_;
+  uint32_t currentSlot ORB_GUARDED_BY(writerMutex_) = kNoSlot;
+  uint8_t* currentPtr ORB_GUARDED_BY(writerMutex_) = nullptr;
+  uint32_t bytesWritten ORB_GUARDED_BY(writerMutex_) = 0;
+  // Changed under writerMutex_; atomic for backlog(), which must not wait for it.
   std::atomic<uint64_t> currentRecords{0};
   std::atomic<uint64_t> currentSamples{0};
   std::atomic<uint64_t> currentBytes{0};
-  bool currentSent ORB_GUARDED_BY(writerMutex) = false;  // It may be the HAL's, leave it alone.
+  bool currentSent ORB_GUARDED_BY(writerMutex_) = false;  // Announced: the HAL may read it.
 
-  // One bit a slot. Writers only set bits, under writerMutex; completions only clear them.
+  // One bit for each slot. Writers only set bits, under writerMutex_; completions only clear
+  // them.
   std::atomic<uint64_t> slotMask{0};   // Current or announced.
   std::atomic<uint64_t> announced{0};  // Counted in pendingCount.
 
-  orb::Mutex pendingMutex;
-  orb::CondVar pendingCv;
-  uint32_t pendingCount ORB_GUARDED_BY(pendingMutex) = 0;
-  uint32_t pendingMax ORB_GUARDED_BY(pendingMutex) = 0;
+  orb::Mutex pendingMutex_;
+  orb::CondVar pendingCv_;
+  uint32_t pendingCount ORB_GUARDED_BY(pendingMutex_) = 0;
+  uint32_t pendingMax ORB_GUARDED_BY(pendingMutex_) = 0;
 };

@@ -1,4 +1,4 @@
-// The slots of the region: taken, announced and given back.
+// How slots of the region are taken, announced and given back.
 // Tested by tests/serializer/kpi_memory_serializer_test.cpp.
 #include <algorithm>
 #include <bit>
@@ -17,7 +17,7 @@ using orb::LossCause;
 
 namespace {
 
-constexpr uint32_t kUsableSlots = 31;  // See GetNewSlot.
+constexpr uint32_t kUsableSlots = 31;  // GetNewSlot says why.
 
 unsigned long long MonotonicMs() {
   const auto now = orb::Clock::Steady().time_since_epoch();
@@ -27,10 +27,10 @@ unsigned long long MonotonicMs() {
 
 uint64_t BitOf(uint32_t slot) { return uint64_t{1} << slot; }
 
-// Which serializer a completion is for. An entry stays until its serializer is
-// done with the region, and is used only under the mutex, so no completion
-// meets a serializer that is gone. Never destroyed: completions may come until
-// the process ends.
+// Finds the serializer that a completion is for. An entry exists until its serializer gives
+// up the region and is used under the mutex only, so no completion uses a serializer that was
+// destroyed. This object is never destroyed, because completions may come until the process
+// ends.
 struct Serializers {
   orb::Mutex mutex;
   std::map<const kiv_fd_handle_s*, KPIMemorySerializer*> by_handle ORB_GUARDED_BY(mutex);
@@ -46,8 +46,8 @@ Serializers& AllSerializers() {
 int KPIMemorySerializer::GetNewSlot() {
   const uint64_t mask = slotMask;
   LOGE("SLOT_USAGE: %x", static_cast<unsigned int>(mask));
-  // The lowest free slot as a bit. In 32 bits, as receivers and logs know it:
-  // slots 31 and above are never handed out.
+  // The lowest free slot as a bit of 32, the width that receivers and logs use. Therefore
+  // slots 31 and above are never used.
   const auto n = static_cast<int32_t>(orb::CheckedAdd<uint64_t>(mask, 1) & ~mask);
   LOGE("SLOT_USAGE: n %d", n);
   if (n < 1) {
@@ -75,8 +75,8 @@ int KPIMemorySerializer::MakeRoom(uint32_t len, uint64_t samples, const char* op
   if (filling && orb::CheckedAdd<uint32_t>(bytesWritten, len) <= slotSize) return 0;
   const bool empty = filling && bytesWritten == 0;
   if (empty && len <= RegionBytesFrom(currentSlot)) return 0;
-  // A record longer than a slot needs the slots behind it, too. Only completions
-  // change the mask meanwhile, and they can only make a lower slot the lowest free one.
+  // A record longer than a slot also takes the slots after it. Only completions change the
+  // mask meanwhile, and they can only make a lower slot the lowest free one.
   const uint32_t next = LowestFreeSlot(empty ? slotMask & ~BitOf(currentSlot) : slotMask.load());
   if (len > slotSize && next != kNoSlot && len > RegionBytesFrom(next)) {
     LOGE("%s::%s: record of %u bytes does not fit", name, operation, len);
@@ -139,14 +139,15 @@ int KPIMemorySerializer::SendCurrent() {
 int KPIMemorySerializer::SendSlot(int slot, int size) {
   LOGI("LTC-Profiling: Send Slot %d Size: %d Timestamp: %llu", slot, size, MonotonicMs());
   const uint32_t offset = orb::CheckedCast<uint32_t>(static_cast<uint64_t>(slot) * slotSize);
-  // Counted before it is announced: the completion may be faster than the answer.
+  // The slot is counted before it is announced, because its completion may come before the
+  // announcement returns.
   {
-    orb::MutexLock lock(pendingMutex);
+    orb::MutexLock lock(pendingMutex_);
     pendingCount = orb::CheckedAdd<uint32_t>(pendingCount, 1);
     pendingMax = std::max(pendingMax, pendingCount);
   }
   collector->ledger().Written(owner, TakeCurrent());
-  collector->ledger().Close(owner, ParcelOf(static_cast<uint32_t>(slot)));
+  collector->ledger().Close(owner, ShipmentOf(static_cast<uint32_t>(slot)));
   announced.fetch_or(BitOf(static_cast<uint32_t>(slot)));
   const int result = collector->FdWrite(handle->fdToken, 0, offset, static_cast<uint32_t>(size));
   if (result != 0) {
@@ -170,9 +171,9 @@ void KPIMemorySerializer::RegionLost(const kiv_fd_handle_s* handle) {
   const auto it = all.by_handle.find(handle);
   if (it == all.by_handle.end()) return;
   KPIMemorySerializer* const serializer = it->second;
-  // First: a completion that is on its way could meet a slot in its next use.
+  // This comes first: otherwise a completion on its way could free a slot in its next use.
   all.by_handle.erase(it);
-  // What is announced after this is refused, since the handle has lost its token.
+  // The handle has lost its token, so announcements after this are refused.
   serializer->LoseAnnounced();
 }
 
@@ -209,24 +210,24 @@ int KPIMemorySerializer::FreeSlot(uint32_t offset, uint32_t, uint32_t) {
 void KPIMemorySerializer::EndAnnouncement(uint32_t slot, std::optional<LossCause> lost) {
   if (slot >= slotCount) return;
   LOGI("LTC-Profiling: Free Slot %d Timestamp: %llu", static_cast<int>(slot), MonotonicMs());
-  // One caller per announcement gets past this: a second completion must not
-  // free a slot that is being filled again.
+  // Only one caller for each announcement passes this: a second completion must not free a
+  // slot that is being filled again.
   const uint64_t bit = BitOf(slot);
   if ((announced.fetch_and(~bit) & bit) == 0) return;
-  // Before the slot can be filled again, and before the session can end.
-  collector->ledger().Settle(ParcelOf(slot), lost);
+  // The ledger comes before the slot can be filled again and before the session can end.
+  collector->ledger().Settle(ShipmentOf(slot), lost);
   slotMask.fetch_and(~bit);
-  orb::MutexLock lock(pendingMutex);
+  orb::MutexLock lock(pendingMutex_);
   pendingCount = orb::CheckedSub<uint32_t>(pendingCount, 1);
-  pendingCv.NotifyAll();
+  pendingCv_.NotifyAll();
 }
 
 Tally KPIMemorySerializer::TakeCurrent() {
   return {currentRecords.exchange(0), currentSamples.exchange(0), currentBytes.exchange(0)};
 }
 
-std::string KPIMemorySerializer::ParcelOf(uint32_t slot) const {
-  // At most 13 characters: strings as short as this allocate nothing, so that a
-  // completion cannot fail for want of memory.
+std::string KPIMemorySerializer::ShipmentOf(uint32_t slot) const {
+  // At most 13 characters: a string as short as this allocates nothing, so a completion
+  // cannot fail for lack of memory.
   return std::to_string(regionToken) + '/' + std::to_string(slot);
 }

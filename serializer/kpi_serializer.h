@@ -1,6 +1,6 @@
-// Where finished records go: files (KPIFileSerializer) or shared-memory slots
-// (KPIMemorySerializer). A collector owns one serializer for a session.
-// Every operation may be called from any thread.
+// Takes finished records and writes them to files (KPIFileSerializer) or to slots of shared
+// memory (KPIMemorySerializer). A collector owns one serializer for a session. Any thread may
+// call any function, unless its comment says otherwise.
 #pragma once
 
 #include <atomic>
@@ -23,14 +23,14 @@ class KPIData;
 class KPISerializer {
  public:
   struct Config {
-    uint32_t type = 0;               // 1 files, 2 shared-memory slots; else none.
+    uint32_t type = 0;               // 1: files, 2: shared-memory slots.
     uint32_t sizeThreshold = 0;      // Files: bytes before a file is sent. Slots: bytes in all.
     uint32_t timeThreshold = 0;      // Files: seconds. Slots: number of slots.
     const char* cacheDir = nullptr;  // Files only.
     SerializerOwner* collector = nullptr;  // The owner; outlives the serializer.
   };
 
-  // Null for an unknown type, or when the serializer could not be initialised.
+  // Returns null for an unknown type, or when the serializer cannot be initialised.
   static std::unique_ptr<KPISerializer> Create(const Config& config);
 
   // A record to fill and hand to Write, of a kind that aggregates. It is the same object each
@@ -39,15 +39,14 @@ class KPISerializer {
   // KPIs.
   orbtr::KPIData& EmptyRecord(orb::KpiKind kind);
 
-  // Accepts one record; kpiId routes it to the LicSNs of that KPI. 0 on success.
+  // Takes one record, which goes to the LicSNs of the KPI kpiId. 0 on success.
   virtual int Write(orbtr::KPIData& data, unsigned int kpiId) = 0;
 
-  // Accepts an already serialized record of len bytes.
+  // Takes a record of len bytes that is serialized already.
   virtual int WriteBuf(const unsigned char* buf, unsigned int len) = 0;
 
-  // Accepts a blob as segments, to be encoded without gathering them first.
-  // tsStart and tsEnd in tenths of a second of the monotonic clock. -1 when
-  // the serializer cannot.
+  // Takes a blob as segments and encodes it without gathering them first. tsStart and tsEnd
+  // are tenths of a second of the monotonic clock. -1 when the serializer cannot do this.
   virtual int WriteBlobSegsOptimized(unsigned int kpiId, uint64_t tsStart, uint64_t tsEnd,
                                      unsigned int numSamples, const kiv_blob_segment_t* segs,
                                      unsigned int count) = 0;
@@ -58,29 +57,29 @@ class KPISerializer {
     if (param == KIV_PARAM_TIME_THRESHOLD) timeThreshold = value;
   }
 
-  // Pushes everything buffered towards its destination.
+  // Sends all records that are buffered.
   virtual int Flush() = 0;
 
-  // Flushes and stops; no work is accepted afterwards.
+  // Flushes and stops. No record is accepted afterwards.
   virtual int Finalize() = 0;
 
   // Ends a session that never ran, without flushing.
   virtual void Abandon() {}
 
-  // In the child of a fork(), before destruction: forgets the parent's threads, and
-  // leaves files and regions to it. False when one of its threads was inside, and
-  // this object is not whole.
+  // Call in the child of a fork(), before destruction. Forgets the parent's threads and leaves
+  // files and regions to the parent. False when a thread of the parent was inside: then this
+  // object is not whole.
   virtual bool AdoptInChild() { return true; }
 
   virtual ~KPISerializer();
 
-  // What waits. Files: items queued or being written, flushes included. Slots:
-  // slots that the HAL has.
+  // How much is waiting. With files these are items queued or being written, flushes
+  // included. With slots these are slots that the HAL has.
   struct Backlog {
     uint64_t depth = 0;
-    uint64_t depth_max = 0;  // The most there were so far.
-    uint64_t samples = 0;    // Files: of the records among them, each record once.
-    // Slots: in the current one. Files: in the ledger.
+    uint64_t depth_max = 0;  // The largest depth so far.
+    uint64_t samples = 0;    // Files only: samples in waiting records, each record once.
+    // Slots only: what the current slot holds. With files the ledger has this.
     uint64_t open_owner = 0;
     uint64_t open_records = 0;
     uint64_t open_samples = 0;
@@ -94,7 +93,7 @@ class KPISerializer {
  protected:
   explicit KPISerializer(const char* name);
 
-  // What the metadata of the records counts; a blob is one sample.
+  // Samples in all records of `data`.
   static uint64_t SamplesOf(const orbtr::KPIData& data);
 
   SerializerOwner* collector = nullptr;  // These two are set by Initialize.

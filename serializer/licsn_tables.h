@@ -1,4 +1,4 @@
-// What a campaign says of each LicSN: how its data is sealed, which KPIs feed it.
+// What a campaign says about each LicSN: how its data is sealed, and which KPIs it gets.
 #pragma once
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-// How the data of one LicSN is sealed: for whom, and with which algorithms.
+// For whom the data of one LicSN is sealed, and with which algorithms.
 struct ISVKeyStruct {
   std::string encryptionPKey;  // PEM text, as received.
   int pKeyEncAlgo = 0;
@@ -17,13 +17,13 @@ struct ISVKeyStruct {
 
 using LicSnKeyTable = std::map<uint64_t, ISVKeyStruct>;
 
-// Which LicSNs the records of a KPI go to. A sorted array in place of a tree of
-// lists: a session's start fills it at once, and nothing changes afterwards.
+// Which LicSNs get the records of a KPI. A sorted array suffices, because the start of a
+// session fills it at once and nothing changes it afterwards.
 class KpiLicSnTable {
  public:
   void clear() { entries_.clear(); }
   void Add(uint32_t kpi, uint64_t licSN) { entries_.push_back({kpi, licSN}); }
-  // To be called once all are added. The LicSNs of a KPI keep their order.
+  // Call this after the last Add. The LicSNs of a KPI keep their order.
   void Sort() {
     if (!std::is_sorted(entries_.begin(), entries_.end(), Before{})) {
       std::stable_sort(entries_.begin(), entries_.end(), Before{});
@@ -51,14 +51,14 @@ class KpiLicSnTable {
 
 using LicSnFlagTable = std::map<uint64_t, bool>;
 
-// What a session has of all this. Made at its start, and const from then on, so that the
-// serializer's and the HAL's threads read it without a lock.
+// The tables of a session. They are made at its start and never change, so the threads of the
+// serializer and of the HAL read them without a lock.
 struct LicSnTables {
   LicSnKeyTable keys;  // Every LicSN of the campaign.
   KpiLicSnTable kpis;
   LicSnFlagTable encrypt;  // Whether its data is sealed.
 
-  // The LicSNs that get a KPI's records, in that order; 0 alone when there are none.
+  // The LicSNs that get the records of a KPI, in that order. Only 0 when there are none.
   std::vector<uint64_t> OwnersOf(uint32_t kpi) const {
     std::vector<uint64_t> owners;
     for (const auto& [id, licSN] : kpis.Find(kpi)) owners.push_back(licSN);
@@ -67,6 +67,6 @@ struct LicSnTables {
     if (owners.empty()) owners.push_back(0);
     return owners;
   }
-  // The one LicSN of all slots, 0 when there is none.
+  // The LicSN that owns all slots; 0 when there is none.
   uint64_t SlotOwner() const { return keys.empty() ? 0 : keys.begin()->first; }
 };
