@@ -5,6 +5,7 @@
 #include <ostream>
 #include <string>
 
+#include "proto/record_statistics.h"
 #include "reader/record_printer.h"
 
 namespace orb::reader {

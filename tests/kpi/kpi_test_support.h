@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "proto/kpi_kinds.h"
+#include "proto/record_statistics.h"
 #include "serializer/kpi_serializer.h"
 #include "tests/support/hex.h"
 
