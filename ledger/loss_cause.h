@@ -29,12 +29,55 @@ enum class LossCause : uint8_t {
   kUnconfirmed,  // The HAL took its slot, and died or was given up before it confirmed it.
 };
 
-inline constexpr std::array kLossCauseNames = {
-    "oversize", "memory",  "encode",      "no_record", "dropped",      "no_owner",
-    "stopped",  "no_file", "short_write", "torn",      "unreadable",   "compress",
-    "no_key",   "encrypt", "hal",         "no_slot",   "slot_refused", "unconfirmed"};
-inline constexpr size_t kLossCauses = kLossCauseNames.size();
-static_assert(kLossCauses == static_cast<size_t>(LossCause::kUnconfirmed) + 1);
+// The name of the cause in a dump; null for a value that is no cause.
+constexpr const char* NameOf(LossCause cause) {
+  switch (cause) {
+    case LossCause::kOversize:
+      return "oversize";
+    case LossCause::kMemory:
+      return "memory";
+    case LossCause::kEncode:
+      return "encode";
+    case LossCause::kNoRecord:
+      return "no_record";
+    case LossCause::kDropped:
+      return "dropped";
+    case LossCause::kNoOwner:
+      return "no_owner";
+    case LossCause::kStopped:
+      return "stopped";
+    case LossCause::kNoFile:
+      return "no_file";
+    case LossCause::kShortWrite:
+      return "short_write";
+    case LossCause::kTorn:
+      return "torn";
+    case LossCause::kUnreadable:
+      return "unreadable";
+    case LossCause::kCompress:
+      return "compress";
+    case LossCause::kNoKey:
+      return "no_key";
+    case LossCause::kEncrypt:
+      return "encrypt";
+    case LossCause::kHal:
+      return "hal";
+    case LossCause::kNoSlot:
+      return "no_slot";
+    case LossCause::kSlotRefused:
+      return "slot_refused";
+    case LossCause::kUnconfirmed:
+      return "unconfirmed";
+  }
+  return nullptr;
+}
+
+constexpr size_t CountLossCauses() {
+  size_t count = 0;
+  while (NameOf(static_cast<LossCause>(count)) != nullptr) ++count;
+  return count;
+}
+inline constexpr size_t kLossCauses = CountLossCauses();
 
 // A value for each cause, zero at first.
 template <typename T>
@@ -52,7 +95,5 @@ class ByLossCause {
  private:
   std::array<T, kLossCauses> values_{};
 };
-
-inline const char* NameOf(LossCause cause) { return kLossCauseNames[static_cast<size_t>(cause)]; }
 
 }  // namespace orb

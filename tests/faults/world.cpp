@@ -368,7 +368,8 @@ std::string World::Summary() const {
              member.sync ? "sync" : "async", member.report.files, member.report.missing_numbers,
              member.report.records, books.Number(owner, "samples"), member.report.decoded);
     summary += text;
-    for (const char* cause : kLossCauseNames) {
+    for (size_t i = 0; i < kLossCauses; ++i) {
+      const char* const cause = NameOf(static_cast<LossCause>(i));
       const uint64_t lost = books.Number(owner + ".lost." + cause, "samples");
       if (lost != 0) summary += ", " + std::to_string(lost) + " lost: " + cause;
     }
