@@ -1,8 +1,9 @@
-// What operators call the manager by: its parcelables, requests to a manager
-// with one client, and replies to the tool, from a peer that sends anything.
+// What operators call the manager by: requests to a manager with one client, and replies
+// to the tool, from a peer that sends anything.
 //
-// input := what:u8 code:u8 raw          raw: see raw_parcel.h
-// what  := 0, 1 a parcelable | 2 a request | 3 a reply
+// input := what:u8 body
+// what  := 0, 1 a request: body is the message | 2 a request: body is what the parcel has
+//          after its token (raw_parcel.h) | 3 a reply: body is the message
 #include <unistd.h>
 
 #include <memory>
@@ -10,7 +11,7 @@
 #include "fuzz/fuzz_input.h"
 #include "fuzz/raw_parcel.h"
 #include "ipc/BnKIVCallback.h"
-#include "services/manager/control/BpOrbControl.h"
+#include "services/manager/control/control_call.h"
 #include "services/manager/manager_service.h"
 #include "tests/support/child_process.h"
 
@@ -19,7 +20,6 @@ namespace {
 using android::Parcel;
 using android::binder::Status;
 using orb::fuzz::Input;
-using orb::fuzz::ReadParcelable;
 using namespace orb::manager;
 
 class Client : public BnKIVCallback {
@@ -34,7 +34,7 @@ class Client : public BnKIVCallback {
 };
 
 // A client called "radio" is connected, with a campaign that has the owner 42.
-void Request(uint32_t code, Input* input) {
+void Request(bool raw, Input* input) {
   const orb::test::TempDir dir;
   auto store = StateStore::Open(dir.path());
   FUZZ_CHECK(store.ok());
@@ -43,53 +43,57 @@ void Request(uint32_t code, Input* input) {
   info.clientName = "radio";
   KIVClientId id;
   FUZZ_CHECK(manager->Register(info, getuid(), new Client, &id));
-  KIVCampConfig config;
-  config.campId = 7;
-  config.licInfo.resize(1);
-  config.licInfo[0].licSN = 42;
-  FUZZ_CHECK(manager->StartCampaign("radio", config).status == ControlReply::DONE);
+  SavedCampaign campaign;
+  campaign.set_camp_id(7);
+  campaign.add_lic_keys()->set_lic_sn(42);
+  FUZZ_CHECK(manager->StartCampaign("radio", campaign).status() == ControlReply::DONE);
 
   const android::sp<ControlService> service = new ControlService(manager);
   Parcel data;
   Parcel reply;
-  data.writeInterfaceToken(IOrbControl::descriptor);
-  orb::fuzz::AppendRaw(input, &data);
-  const uint32_t method = android::IBinder::FIRST_CALL_TRANSACTION + code % 9;
-  service->transact(method, data, &reply);
+  data.writeInterfaceToken(ControlDescriptor());
+  if (raw) {
+    orb::fuzz::AppendRaw(input, &data);
+  } else {
+    FUZZ_CHECK(data.writeByteVector(input->Rest()) == android::OK);
+    data.setDataPosition(0);
+  }
+  service->transact(kControlCall, data, &reply);
 
   // Whatever that did, the manager goes on and knows its client, unless told to forget it.
   const std::vector<ClientRecord> records = manager->ListClients();
-  if (method == BnOrbControl::TRANSACTION_forgetClient && records.empty()) return;
-  FUZZ_CHECK(records.size() == 1 && records[0].name == "radio" && records[0].connected);
+  if (records.empty()) return;
+  FUZZ_CHECK(records.size() == 1 && records[0].name() == "radio" && records[0].connected());
   FUZZ_CHECK(manager->Deregister(id.token));
 }
 
-void AnswerCall(uint32_t code, const Input& input) {
-  BpOrbControl proxy(new orb::fuzz::RawPeer(IOrbControl::descriptor, input));
-  std::vector<ClientRecord> records;
-  ControlReply reply;
-  if (code % 2 == 0) proxy.listClients(&records);
-  if (code % 2 == 1) proxy.stopCampaign("radio", &reply);
-}
+// Answers with the message.
+class Peer : public android::BBinder {
+ public:
+  explicit Peer(std::vector<uint8_t> message) : message_(std::move(message)) {}
+  const android::String16& getInterfaceDescriptor() const override { return ControlDescriptor(); }
+  android::status_t onTransact(uint32_t, const Parcel&, Parcel* reply, uint32_t) override {
+    Status().writeToParcel(reply);
+    return reply->writeUniqueFileDescriptor(SealBytes(message_));
+  }
+
+ private:
+  const std::vector<uint8_t> message_;
+};
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Input input(data, size);
-  const auto what = input.Take<uint8_t>();
-  const auto code = input.Take<uint8_t>();
-  switch (what % 4) {
-    case 0:
-      ReadParcelable<ClientRecord>(&input);
-      break;
-    case 1:
-      ReadParcelable<ControlReply>(&input);
-      break;
-    case 2:
-      Request(code, &input);
-      break;
-    default:
-      AnswerCall(code, input);
+  const auto what = input.Take<uint8_t>() % 4;
+  if (what < 3) {
+    Request(what == 2, &input);
+    return 0;
   }
+  const std::vector<uint8_t> message = input.Rest();
+  ControlReply reply;
+  ControlReply expected;
+  const bool valid = expected.ParseFromArray(message.data(), static_cast<int>(message.size()));
+  FUZZ_CHECK(CallControl(new Peer(message), {}, &reply).isOk() == valid);
   return 0;
 }

@@ -11,6 +11,7 @@
 
 #include "fuzz/fuzz_input.h"
 #include "services/manager/campaign_state.h"
+#include "services/manager/control/campaign.h"
 #include "services/manager/state_store.h"
 #include "tests/support/child_process.h"
 #include "utility/byte_order.h"
@@ -50,9 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (const auto& [name, state] : clients) {
     FUZZ_CHECK(name == state.name() && state.client_id() == 7);
     const SavedCampaign& saved = state.campaign();
-    FUZZ_CHECK(ToSaved(ToConfig(saved)).lic_keys_size() == saved.lic_keys_size());
-    FUZZ_CHECK(RecordOf(state, nullptr).licSNs.size() ==
-               static_cast<size_t>(state.has_campaign() ? saved.lic_keys_size() : 0));
+    FUZZ_CHECK(ToConfig(saved).licInfo.size() == static_cast<size_t>(saved.lic_keys_size()));
+    FUZZ_CHECK(RecordOf(state, nullptr).lic_sns_size() == saved.lic_keys_size());
   }
 
   // A client that comes now gets an id of its own, and what it runs is there next time.

@@ -41,7 +41,7 @@ FLOORS = [
     ("services/hal/", CONTRACT + ["include/", "utility/", "services/common/",
                                   "serializer/header_layout.h"],
      BINDER + ["orb_platform/", "systemd/"]),
-    ("services/manager/control/", CONTRACT + ["include/", "utility/"], BINDER + ["orb_platform/"]),
+    ("services/manager/control/", CONTRACT + ["include/", "utility/", "proto/"], BINDER + ["orb_platform/"]),
     ("services/manager/", CONTRACT + ["include/", "utility/", "proto/", "services/common/",
                                       "services/manager/control/"],
      BINDER + ["orb_platform/", "systemd/"]),

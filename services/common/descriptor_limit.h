@@ -1,5 +1,5 @@
-// How many descriptors a service may open, and how many of them its clients may
-// fill: whatever clients send, the service can still read its bus and write files.
+// How many descriptors a service may open, and how many of them its clients may take:
+// whatever clients send, the service can still read its bus and write files.
 //
 //   3/4  calls that wait or run (the bus): a descriptor exists in the message, in
 //        the parcel and in the handler

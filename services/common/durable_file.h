@@ -18,12 +18,12 @@ namespace orb::services {
 // the file remains.
 int WriteNewFile(int dir_fd, const std::string& name, std::span<const uint8_t> content);
 
-// Bytes of a file's content from `offset` on, asked for in order, each once. 0, or
-// an errno value, with which the writing ends.
+// Fills `piece` with the content from `offset` on; pieces are asked for in order, each
+// once. 0, or an errno value, with which the writing ends.
 using ContentSource = std::function<int(uint64_t offset, std::span<uint8_t> piece)>;
 
-// The same for content that need not be in memory: it is asked for and written in
-// pieces of at most 256 KiB.
+// Like the other WriteNewFile, for content that is not in memory as a whole: it is asked
+// for and written in pieces of at most 256 KiB.
 int WriteNewFile(int dir_fd, const std::string& name, uint64_t bytes, const ContentSource& content);
 
 // Replaces `name` in the directory by way of `name`.tmp. 0, or an errno value;

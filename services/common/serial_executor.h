@@ -1,6 +1,5 @@
-// One thread that runs what it is given, in order: whatever calls a client
-// goes through one of these per client, so that a client that never answers
-// keeps nobody but itself waiting.
+// One thread that runs tasks in order. Each client has executors of its own for the calls
+// to it, so that a client that never answers keeps only itself waiting.
 #pragma once
 
 #include <chrono>
@@ -26,16 +25,16 @@ class SerialExecutor {
   // False when it is full or stopped; the task is then never run.
   bool Post(std::function<void()> task) ORB_EXCLUDES(mutex_);
 
-  // Drops the tasks that wait and takes no more. The running one goes on.
+  // Drops the tasks that wait and takes no more. The running task goes on.
   void Stop() ORB_EXCLUDES(mutex_);
   // Takes no more tasks; those that wait are still run.
   void Finish() ORB_EXCLUDES(mutex_);
-  // Drops the tasks that wait, takes no more, and runs `last` after the running one. Just
-  // stops when there has been no task yet.
+  // Drops the tasks that wait, takes no more, and runs `last` after the running task.
+  // Without a task so far it only stops.
   void StopAfter(std::function<void()> last) ORB_EXCLUDES(mutex_);
 
-  // Whether no task runs any more after a Stop or Finish, waiting for it until
-  // then; the thread is gone, too.
+  // After Stop or Finish: waits until `deadline`; true once no task runs and the thread is
+  // joined.
   bool StoppedBy(std::chrono::steady_clock::time_point deadline) ORB_EXCLUDES(mutex_);
 
  private:

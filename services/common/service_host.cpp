@@ -21,7 +21,7 @@ namespace {
 constexpr int kUsage = 2;
 constexpr std::chrono::seconds kLastCalls(2);
 constexpr int kMappedBytes = 256 << 10;
-constexpr int kArenas = 2;  // Each keeps what its threads have freed.
+constexpr int kArenas = 2;  // Each keeps memory that its threads have freed.
 
 }  // namespace
 
@@ -50,8 +50,9 @@ ServiceHost::ServiceHost() {
   pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
   static_cast<void>(signal(SIGPIPE, SIG_IGN));
   RaiseDescriptorLimit();
-  // What a client's large message took goes back to the system once it is refused. The
-  // allocator would raise its threshold after the first, and keep the next ones.
+  // The memory of a client's large message goes back to the system once it is refused.
+  // Without this the allocator would raise its threshold after the first such message, and
+  // keep the memory of the next ones.
   // NOLINTBEGIN(concurrency-mt-unsafe): there is no other thread yet.
   mallopt(M_MMAP_THRESHOLD, kMappedBytes);
   mallopt(M_ARENA_MAX, kArenas);

@@ -10,7 +10,7 @@ namespace orb::services {
 namespace {
 
 constexpr std::chrono::nanoseconds kCheckInterval = std::chrono::seconds(1);
-// Of the watchdog's time, so that there is some left for the answer.
+// Checks in the watchdog's time: so many that an answer may take some of it.
 constexpr int kChecksOfWatchdog = 8;
 
 void Tell(const std::string& state) { static_cast<void>(sd_notify(0, state.c_str())); }

@@ -32,17 +32,18 @@ class ChannelTable {
   uint32_t Add(Channel channel) ORB_EXCLUDES(mutex_);
   // Null unless the channel is the caller's own.
   std::shared_ptr<const Channel> Find(const Caller& caller, uint32_t token) ORB_EXCLUDES(mutex_);
-  // False when the channel is not the caller's own. A region goes at once, with whoever
-  // still reads it.
+  // False when the channel is not the caller's own. Whoever still reads the region keeps it
+  // until that is done.
   bool Remove(const Caller& caller, uint32_t token) ORB_EXCLUDES(mutex_);
-  // Whoever owned it; for a client that died. Null when there is none of that number.
+  // Takes away the channel of a client that died, whoever that was. Null when no channel
+  // has this token.
   std::shared_ptr<const Channel> RemoveDead(uint32_t token) ORB_EXCLUDES(mutex_);
   bool Has(uint32_t token) const ORB_EXCLUDES(mutex_);
 
  private:
   mutable Mutex mutex_;
   std::map<uint32_t, std::shared_ptr<const Channel>> channels_ ORB_GUARDED_BY(mutex_);
-  std::map<Caller, size_t> own_ ORB_GUARDED_BY(mutex_);  // Channels of each process.
+  std::map<Caller, size_t> own_ ORB_GUARDED_BY(mutex_);  // How many each has.
   FairShare places_ ORB_GUARDED_BY(mutex_);
   uint32_t next_token_ ORB_GUARDED_BY(mutex_);
 };

@@ -15,7 +15,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Between two looks at who is late and what is to be tried again.
+// Time between two looks at who is late and what has to be sent again.
 constexpr std::chrono::milliseconds kTick(50);
 
 struct Item {
@@ -27,7 +27,7 @@ struct Item {
 struct Client {
   std::deque<Item> waiting;
   uint64_t under_way = 0;  // Number of the notice; 0 for none.
-  Clock::time_point due;   // Its receipt, or the next attempt at a failed one.
+  Clock::time_point due;   // When the receipt is late, or a failed notice is sent again.
   bool failed = false;
   bool silent = false;
 };
@@ -45,14 +45,14 @@ struct Completions::State : std::enable_shared_from_this<Completions::State> {
   bool Finished() const ORB_REQUIRES(mutex);
   void Look(Clock::time_point now) ORB_REQUIRES(mutex);
   void Answered(const Caller& caller, uint64_t number) ORB_EXCLUDES(mutex);
-  // Has its next notice sent; or forgets the client, when there is nothing left.
+  // Has the next notice of the client sent, or forgets a client that has none.
   void Continue(const Caller& caller, Client* client) ORB_REQUIRES(mutex);
 
   const std::chrono::milliseconds patience;
   Mutex mutex;
   CondVar changed;
   std::map<Caller, Client> clients ORB_GUARDED_BY(mutex);
-  std::deque<Caller> ready ORB_GUARDED_BY(mutex);  // Have a notice that can be sent.
+  std::deque<Caller> ready ORB_GUARDED_BY(mutex);  // With a notice that can be sent.
   uint64_t last_number ORB_GUARDED_BY(mutex) = 0;
   bool sending ORB_GUARDED_BY(mutex) = false;
   bool finishing ORB_GUARDED_BY(mutex) = false;
@@ -86,7 +86,7 @@ bool Completions::Post(const Caller& client, const Notice& notice,
   const auto [at, added] = state_->clients.try_emplace(client);
   if (at->second.waiting.size() >= kMaxWaiting) return false;
   at->second.waiting.push_back({notice, std::move(send)});
-  // Else it is under way, is tried again, or stands in the line already.
+  // A client that was known has a notice under way, in line, or to be sent again.
   if (added) state_->Continue(client, &at->second);
   return true;
 }
@@ -164,7 +164,7 @@ void Completions::State::SendNext() {
   mutex.Lock();
   if (sent != Sent::kYes) Failed(caller, number, item, sent, &dropped);
   mutex.Unlock();
-  receipt.reset();  // What goes here may call back, or have locks of its own.
+  receipt.reset();  // What is destroyed here may call back, or take locks.
   dropped.clear();
   item = {};
   mutex.Lock();
@@ -179,7 +179,7 @@ void Completions::State::Failed(const Caller& caller, uint64_t number, const Ite
   const auto found = clients.find(caller);
   if (found == clients.end() || found->second.under_way != number) return;
   Client& client = found->second;
-  client.under_way = 0;  // Its receipt says nothing then.
+  client.under_way = 0;  // The receipt is ignored from now on.
   if (sent == Sent::kNever) {
     dropped->swap(client.waiting);
     clients.erase(found);

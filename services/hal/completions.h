@@ -1,7 +1,7 @@
 // Tells clients which of their slots are consumed. Nobody waits for a client here: a
 // notice is sent, and its receipt comes back when the client has taken note. One is
 // under way for each process at a time, so a client that does not answer keeps its own
-// notices waiting and costs the others nothing.
+// notices waiting and nobody else's.
 #pragma once
 
 #include <chrono>
@@ -22,7 +22,7 @@ struct Notice {
   int32_t result = 0;
 };
 
-// Kept while the client has not taken note of a notice and lives.
+// Destroyed once the client has taken note of the notice, or has died.
 using Receipt = std::shared_ptr<void>;
 
 enum class Sent {
@@ -53,7 +53,7 @@ class Completions {
   // Sends the notice after the client's earlier ones; a failure is tried again. False
   // when too many wait, or after FinishBy.
   bool Post(const Caller& client, const Notice& notice, std::shared_ptr<const SendNotice> send);
-  // Those that wait of a channel that is gone.
+  // Drops the notices that wait for a channel that is gone.
   void Drop(const Caller& client, int32_t token);
 
   // Takes no more, and sends what waits at once, but not to silent clients. False when

@@ -1,4 +1,4 @@
-// Places that users have in common, none of whom may take them all.
+// Places that all users share, so that no user can take them all.
 #pragma once
 
 #include <sys/types.h>
@@ -16,7 +16,7 @@ class FairShare {
 
   explicit FairShare(size_t most) : most_(most) {}
 
-  // False when the user has to do without another place.
+  // False when the user gets no further place.
   bool Take(uid_t user) {
     const auto found = users_.find(user);
     const size_t own = found == users_.end() ? 0 : found->second;

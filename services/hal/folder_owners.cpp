@@ -20,7 +20,7 @@ namespace {
 
 constexpr const char* kFile = ".owners";
 constexpr size_t kMaxFileBytes = 4U << 20;
-// The bus answers this for a caller that has left it.
+// What the bus answers for a caller that has left it.
 constexpr uid_t kNoUser = static_cast<uid_t>(-1);
 
 // "up/7" of "/up/7/radio.42"; empty for a name that is no name.
@@ -102,7 +102,7 @@ void FolderOwners::Save() {
   const int error = services::ReplaceFile(
       spool_.get(), kFile, {reinterpret_cast<const uint8_t*>(text.data()), text.size()});
   if (error == 0) return;
-  // The upload may still fit, and the next new folder tries again.
+  // The upload may be stored all the same, and the next new folder tries again.
   LOGE(
       "the spool's .owners cannot be written: %s; new folders are their users' only until "
       "orb-hald ends",

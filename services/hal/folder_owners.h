@@ -3,8 +3,8 @@
 // folder := the first two folders of an upload's name, "up/CLIENT-ID"
 // file   := (UID " " folder "\n")*        SPOOL/.owners, replaced whole
 //
-// Readers and the quota remove uploads and folders; a folder's user outlives both. Whoever
-// runs the system releases a folder by deleting its line while no HAL runs.
+// A line stays when readers or the quota remove its folder. An operator releases a folder
+// by deleting its line while no HAL runs.
 #pragma once
 
 #include <sys/types.h>
@@ -35,8 +35,8 @@ class FolderOwners {
                                                     size_t folders_per_user = kFoldersPerUser);
 
   // Whether the caller may store under this name, whose folder is its user's from then on.
-  // False after one log line. Root has no other rights. True for a name that the spool
-  // refuses anyway.
+  // False after one log line. Root has no more rights than others. True for a name that
+  // the spool refuses anyway.
   bool Admit(const Caller& caller, const std::string& name) ORB_EXCLUDES(mutex_);
 
  private:

@@ -30,19 +30,19 @@ struct HalLimits {
   PendingQueues::IsGone is_gone = PendingQueues::ProcessIsGone;
   std::chrono::milliseconds notice_patience = Completions::kPatience;
 
-  // By the descriptors that this process may open.
+  // Divides the descriptors that this process may open.
   static HalLimits OfProcess();
 };
 
 // Thread-safe. Refusals are logged with the caller.
 class Hal {
  public:
-  // Takes both. Without owners anybody may store in any folder.
+  // Takes spool and owners. Without owners anybody may store in any folder.
   explicit Hal(std::unique_ptr<Spool> spool, std::unique_ptr<FolderOwners> owners = nullptr,
                const HalLimits& limits = HalLimits::OfProcess());
 
-  // The queue of the caller's next payload, in place of an earlier one. Waits a while
-  // when there are too many.
+  // Takes the queue of the caller's next payload, which replaces an earlier one. Waits a
+  // while when there are too many.
   bool ConfigureQueue(const Caller& caller, QueueLayout queue);
   // Takes `total` bytes from that queue, and stores them. True once they are on
   // the medium. The queue is used up either way.

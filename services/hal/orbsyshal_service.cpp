@@ -14,7 +14,7 @@ namespace {
 
 using ::ndk::ScopedAStatus;
 
-// A notice may run while its service goes away, so it does not point to one.
+// A death notice may run while the service is destroyed, so it does not point to one.
 struct Current {
   Mutex mutex;
   std::weak_ptr<Hal> hal ORB_GUARDED_BY(mutex);
@@ -25,7 +25,7 @@ Current& TheCurrent() {
   return *current;
 }
 
-// A number is all that a notice needs, and outlives whatever it names.
+// A death notice carries only a number, which is valid whatever has been destroyed.
 // NOLINTNEXTLINE(performance-no-int-to-ptr)
 void* CookieOf(uint32_t token) { return reinterpret_cast<void*>(static_cast<uintptr_t>(token)); }
 
@@ -139,8 +139,8 @@ ScopedAStatus OrbsyshalService::set_fd(const NativeHandle& in_region,
   return ScopedAStatus::ok();
 }
 
-// How the sender would have the slot compressed is for whoever reads the spool:
-// the header says it, too.
+// The compression that the sender asks for is left to whoever reads the spool: the header
+// names it as well.
 ScopedAStatus OrbsyshalService::fd_write_to_system_dropbox(const std::string& in_name,
                                                            const std::vector<uint8_t>& in_header,
                                                            int32_t in_fdToken, int32_t in_offset,
@@ -165,7 +165,7 @@ bool OrbsyshalService::Link(uint32_t token, const ::ndk::SpAIBinder& callback) {
       AIBinder_linkToDeath(callback.get(), death_.get(), CookieOf(token));
   if (status == STATUS_DEAD_OBJECT) return false;
   MutexLock lock(mutex_);
-  // Those of clients that died.
+  // Forgets the links to clients that died.
   std::erase_if(linked_, [&](const auto& link) { return !hal_->channels().Has(link.first); });
   linked_[token] = callback;
   return true;

@@ -12,13 +12,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// What the memory of a dead process may stay beyond it, while others configure queues.
+// How long the queue of a dead process may stay while others configure theirs.
 constexpr std::chrono::milliseconds kSweepInterval(1000);
 
 }  // namespace
 
 // Another user's process may not be signalled, but that is only refused while there is
-// one. A process that got the number of a dead one passes for it, which is no harm.
+// one. A new process with the number of a dead one keeps its queue, which does no harm.
 bool PendingQueues::ProcessIsGone(pid_t process) {
   return process > 0 && kill(process, 0) != 0 && errno == ESRCH;
 }
@@ -29,7 +29,7 @@ bool PendingQueues::Put(const Caller& caller, std::shared_ptr<const PayloadQueue
   Sweep(Clock::now());
   const auto own = queues_.find(caller);
   if (own != queues_.end()) {
-    own->second.swap(queue);  // What it had goes unlocked, with the caller's.
+    own->second.swap(queue);  // The old queue is destroyed unlocked.
     return true;
   }
   if (!places_.Take(caller.uid)) {

@@ -1,5 +1,5 @@
-// The queue that each process configured last, until it asks to read it. None is given
-// up while its owner lives: whoever finds no place waits for one.
+// The queue that each process configured last, until it asks to read it. A queue is kept as
+// long as its owner lives: a process that finds no place waits for one.
 #pragma once
 
 #include <sys/types.h>
@@ -33,7 +33,7 @@ class PendingQueues {
   PendingQueues(size_t most, std::chrono::milliseconds patience, IsGone is_gone)
       : patience_(patience), is_gone_(is_gone), places_(most) {}
 
-  // Replaces the caller's. With no place for the user it waits for one; false when there
+  // Replaces the caller's queue. With no place for the user it waits for one; false when there
   // was none in time, or too many wait already.
   bool Put(const Caller& caller, std::shared_ptr<const PayloadQueue> queue) ORB_EXCLUDES(mutex_);
   // Null when the caller has none; it has none afterwards.
@@ -41,9 +41,9 @@ class PendingQueues {
 
  private:
   using Queues = std::map<Caller, std::shared_ptr<const PayloadQueue>>;
-  // The queue's memory goes with the caller's copy.
+  // The caller destroys the queue, unlocked: it holds a copy.
   void Erase(Queues::iterator at) ORB_REQUIRES(mutex_);
-  // Queues of processes that are gone, now and then.
+  // Drops the queues of processes that are gone, unless that was done a moment ago.
   void Sweep(std::chrono::steady_clock::time_point now) ORB_REQUIRES(mutex_);
 
   const std::chrono::milliseconds patience_;

@@ -1,7 +1,7 @@
 // Memory that a client shares by descriptor. Only a memfd that is sealed against
-// shrinking counts: a read of it neither waits, as one of a file system that the client
-// serves itself would, nor comes up short. It is read without mapping it, so that no
-// fault of it can end the process.
+// shrinking counts: reading it never comes up short and never waits, while a file system
+// that the client serves itself could make it wait. The memory is not mapped, so that no
+// fault in it can end the process.
 #pragma once
 
 #include <cstdint>

@@ -30,8 +30,8 @@ namespace fs = std::filesystem;
 constexpr const char* kIncoming = ".incoming";
 // A client that repeats a number within a millisecond this often has lost count.
 constexpr int kMaxRepeats = 1000;
-// A disk that is full gets so many times back what an upload takes, before that is given
-// up: other programs may be taking it.
+// On a full disk, up to this many times the upload's size is freed before the upload is
+// given up: other programs may take what is freed.
 constexpr uint64_t kMostTimesFreed = 8;
 
 using Header = std::array<uint8_t, header::kBytes>;
@@ -45,8 +45,8 @@ std::string StemOf(const Header& header) {
   return stem;
 }
 
-// The upload as the file has it; the header, which is in its first piece, goes to
-// *header: what names the file is what it holds.
+// Reads the upload and copies its header, which is in the first piece, to *header: the
+// client may change its memory at any time, and the file's name must match its bytes.
 services::ContentSource ContentOf(const UploadSource& upload, Header* header) {
   return [&upload, header](uint64_t offset, std::span<uint8_t> piece) {
     if (!upload.read(offset, piece)) return EIO;
@@ -175,7 +175,7 @@ int Spool::Place(const std::string& temporary, const Folders& folders, const std
     }
     if (fsync(folder.get()) != 0) {
       const int sync_error = errno;
-      unlinkat(folder.get(), file.c_str(), 0);  // Its client is told that it is lost.
+      unlinkat(folder.get(), file.c_str(), 0);  // The client is told that it is lost.
       return sync_error;
     }
     room_.Added(ChargeOf(info), StampOf(info));

@@ -41,10 +41,10 @@ class Spool {
   // quota, a disk that stays full without the spool. The oldest files make room,
   // before the disk is full and when it says that it is.
   bool Store(const std::string& name, const UploadSource& upload) ORB_EXCLUDES(mutex_);
-  // The same for bytes of this process's own.
+  // Stores bytes that this process holds.
   bool Store(const std::string& name, std::span<const uint8_t> upload) ORB_EXCLUDES(mutex_);
 
-  // What the uploads and their folders take of the disk, as far as this process knows.
+  // Bytes of the disk that uploads and folders take, as far as this process knows.
   uint64_t StoredBytes() const ORB_EXCLUDES(mutex_);
 
  private:
@@ -53,12 +53,12 @@ class Spool {
 
   // The folders of a name under which that many bytes may be stored.
   Result<Folders> Admit(const std::string& name, uint64_t bytes) const;
-  // One attempt; 0, or an errno value.
+  // Makes one attempt. 0, or an errno value.
   int Write(const Folders& folders, const UploadSource& upload) ORB_EXCLUDES(mutex_);
   int Place(const std::string& temporary, const Folders& folders, const std::string& stem)
       ORB_REQUIRES(mutex_);
   UniqueFd OpenFolders(const Folders& folders) ORB_REQUIRES(mutex_);
-  // The upload's stamp, which is made newer than all others.
+  // Makes the file's time newer than that of all uploads, and reads its *info.
   int Date(const std::string& temporary, struct stat* info) ORB_REQUIRES(mutex_);
 
   const uint64_t max_bytes_;

@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 
 // How many of the oldest uploads are known by name between two scans.
 constexpr size_t kMostListed = 1024;
-// A scan for the quota's sake frees this share of it, so that the next one is that far.
+// After a scan this share of the quota is freed as well, so that scans are rare.
 constexpr uint64_t kSlackShare = 64;
 // What stays free of the disk for its other users, and for uploads side by side.
 constexpr uint64_t kReserveShare = 50;
@@ -78,8 +78,8 @@ void SpoolRoom::Return(const Need& need) {
            CheckedSub<uint64_t>(held_.inodes, need.inodes)};
 }
 
-// Removes as much as the upload adds, not more: somebody else may be filling the disk,
-// and whatever the spool gives up would be his.
+// Removes as much as the upload adds, not more: another program may be filling the disk,
+// and would take whatever the spool gives up.
 void SpoolRoom::KeepReserve(const Need& need) {
   struct statvfs disk {};
   if (stat_disk_(root_, &disk) != 0) return;
@@ -88,12 +88,12 @@ void SpoolRoom::KeepReserve(const Need& need) {
   Need lacking;
   lacking.bytes =
       Lacking(reserve_bytes + held_.bytes + need.bytes, disk.f_bavail * disk.f_frsize, need.bytes);
-  if (disk.f_files != 0) {  // 0 where the number of files has no bound.
+  if (disk.f_files != 0) {  // 0: the file system has no bound for files.
     lacking.inodes = Lacking(Share(disk.f_files, kReserveShare) + held_.inodes + need.inodes,
                              disk.f_favail, need.inodes);
   }
   if (lacking.bytes + lacking.inodes == 0) return;
-  // Readers leave empty folders behind.
+  // The scan removes the empty folders that readers leave.
   if (stored_since_scan_ >= kMostListed) static_cast<void>(Scan());
   Free(lacking);
 }
@@ -110,7 +110,7 @@ bool SpoolRoom::RemoveUntil(const std::function<bool(const Need&)>& done) {
     if (oldest_.empty() && (Scan() != 0 || oldest_.empty())) return false;
     const SpooledFile file = std::move(oldest_.front());
     oldest_.pop_front();
-    // What cannot be removed would come back with each scan.
+    // A file that cannot be removed would be found by each scan again.
     if (!Remove(file, &freed)) return false;
   }
   return true;

@@ -13,7 +13,7 @@
 
 namespace orb::hal {
 
-// What is free on the disk: fstatvfs, unless a test knows better.
+// Tells what is free on the disk: fstatvfs, or the answer of a test.
 using StatDisk = int (*)(int fd, struct statvfs* out);
 
 // Counts what the spool takes of the disk. Files that readers take away are noticed
@@ -22,7 +22,7 @@ using StatDisk = int (*)(int fd, struct statvfs* out);
 // Not thread-safe: the spool's mutex guards it.
 class SpoolRoom {
  public:
-  // What a new upload takes until it is stored, at most.
+  // The most that a new upload takes until it is stored.
   struct Need {
     uint64_t bytes = 0;
     uint64_t inodes = 0;
@@ -34,7 +34,7 @@ class SpoolRoom {
   // Reads the tree. 0, or an errno value.
   int Scan();
 
-  // What an upload takes with the folders that it makes.
+  // The need of an upload with the folders that it makes.
   Need NeedOf(uint64_t content_bytes, uint64_t new_folders) const;
 
   // Makes room for one more upload and holds it until Return.
@@ -44,19 +44,19 @@ class SpoolRoom {
   // False when there are no more.
   bool Free(const Need& least);
 
-  // An upload is in its place; a folder was made.
+  // Count an upload that is in its place, and a folder that was made.
   void Added(uint64_t bytes, const Stamp& stamp);
   void AddedFolder();
   // The newest upload's stamp.
   const Stamp& newest() const { return newest_; }
-  // On the disk, as far as this process knows.
+  // Bytes on the disk, as far as this process knows.
   uint64_t StoredBytes() const { return stored_bytes_; }
 
  private:
   bool KeepsQuota(uint64_t more_bytes) const;
   void KeepReserve(const Need& need);
-  // Removes the oldest uploads until done(what they gave back). False when it came to
-  // an end before.
+  // Removes the oldest uploads until `done` says that they have given back enough. False
+  // when there are no more before that.
   bool RemoveUntil(const std::function<bool(const Need&)>& done);
   bool Remove(const SpooledFile& file, Need* freed);
   void RemoveEmptyFolders(const std::string& path, Need* freed);
@@ -67,9 +67,9 @@ class SpoolRoom {
   const StatDisk stat_disk_;
   uint64_t block_bytes_ = 4096;
   uint64_t stored_bytes_ = 0;
-  Need held_;  // For uploads under way.
+  Need held_;  // By uploads under way.
   Stamp newest_;
-  std::deque<SpooledFile> oldest_;  // Whatever was stored since the scan is newer.
+  std::deque<SpooledFile> oldest_;  // Uploads stored since the scan are newer.
   uint64_t stored_since_scan_ = 0;  // Uploads.
 };
 

@@ -20,7 +20,7 @@ namespace orb::hal {
 namespace {
 
 constexpr uint64_t kStatBlockBytes = 512;
-// Deeper than any upload's name, and few enough for the stack and the descriptors.
+// Folders are nested less deeply by any upload's name; each level takes stack and a descriptor.
 constexpr int kMostDepth = 32;
 
 bool IsUpload(const std::string& name) { return name.size() > 4 && name.ends_with(".orb"); }
@@ -47,7 +47,7 @@ class Scanner {
       const std::string name = entry->d_name;
       if (name == "." || name == "..") continue;
       ++*entries;
-      if (name[0] == '.') continue;  // The spool's own; no upload's name begins so.
+      if (name[0] == '.') continue;  // The spool's own file: no upload's name begins with a dot.
       struct stat info {};
       if (fstatat(dirfd(folder.get()), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
       if (S_ISDIR(info.st_mode) && depth < kMostDepth) {
@@ -59,7 +59,7 @@ class Scanner {
     }
   }
 
-  // Once, at the end.
+  // Call once, after Read.
   void ListOldest() {
     for (; !oldest_.empty(); oldest_.pop()) out_->oldest.push_front(oldest_.top());
   }
@@ -68,7 +68,7 @@ class Scanner {
   int ReadBelow(int at, const std::string& name, const std::string& prefix, int depth,
                 size_t* entries) {
     UniqueFd fd(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    // Gone meanwhile, or a folder like lost+found, which holds no upload.
+    // It is gone by now, or one like lost+found, which holds no upload.
     if (!fd.ok()) return errno == ENOENT || errno == EACCES ? 0 : errno;
     size_t left = 0;
     const int error = Read(std::move(fd), prefix + name + "/", depth + 1, &left);
@@ -90,7 +90,7 @@ class Scanner {
 
   const size_t most_;
   SpoolScan* const out_;
-  // The newest of the oldest on top.
+  // Holds the oldest files, the newest of them on top.
   std::priority_queue<SpooledFile, std::vector<SpooledFile>, decltype(&Older)> oldest_{&Older};
 };
 

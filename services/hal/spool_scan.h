@@ -1,5 +1,5 @@
-// What lies in the spool, as the file system has it. Readers take files away without a
-// word, so that only the tree itself tells.
+// What lies in the spool. Readers take files away without telling the HAL, so only the
+// tree itself tells what is there.
 #pragma once
 
 #include <sys/stat.h>
@@ -25,7 +25,7 @@ struct SpooledFile {
   Stamp stamp;
 };
 
-// An inode with its entry in the folder. Small uploads are mostly that.
+// An inode with its entry in the folder: a large part of what a small upload takes.
 inline constexpr uint64_t kInodeBytes = 512;
 // A folder: one block, whatever the file system says.
 inline constexpr uint64_t kFolderBytes = 4096 + kInodeBytes;

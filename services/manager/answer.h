@@ -6,8 +6,8 @@
 #include <string>
 #include <utility>
 
+#include "proto/control.pb.h"
 #include "services/manager/campaign_state.h"
-#include "services/manager/control/ControlReply.h"
 #include "utility/thread_annotations.h"
 
 namespace orb::manager {
@@ -40,7 +40,7 @@ class Answer {
   ControlReply reply_ ORB_GUARDED_BY(mutex_);
 };
 
-// Owned by the task: one that is dropped answers, too.
+// Owned by the task. A task that is dropped destroys it, and that answers as well.
 class AnswerTicket {
  public:
   AnswerTicket(std::shared_ptr<Answer> answer, std::string client)

@@ -12,7 +12,7 @@
 
 #include "services/manager/answer.h"
 #include "services/manager/campaign_state.h"
-#include "services/manager/control/campaign_size.h"
+#include "services/manager/control/campaign.h"
 #include "utility/log.h"
 #include "utility/terminal_text.h"
 
@@ -99,8 +99,8 @@ bool CampaignManager::Register(const KIVClientInfo& info, uid_t user,
   Client former;
   if (!Enter(client, &former)) return false;
   if (former != nullptr) LeaveTo(former);
-  // Linked after it is known, so that a notice finds what it is about. A
-  // callback in this process cannot die alone; the refusal is of no interest.
+  // The link is made after the client is known, so that a death notice finds it. Linking to
+  // a callback of this process is refused, which does not matter: it cannot die alone.
   if (IInterface::asBinder(callback)->linkToDeath(client->death) == android::DEAD_OBJECT) {
     ClientDied(token);
     return false;
@@ -263,26 +263,36 @@ ControlReply CampaignManager::NotThere(const std::string& name) const {
                                      "no client is called " + name + "; see orbctl client list");
 }
 
-ControlReply CampaignManager::RunOn(const Client& client, std::function<ControlReply()> call) {
+ControlReply CampaignManager::RunOn(const Client& client, services::SerialExecutor& thread,
+                                    const Patience& patience, std::function<ControlReply()> call) {
   const auto answer = std::make_shared<Answer>();
-  // The task alone has it: one that is dropped answers at once.
+  // Only the task owns the ticket: a task that is dropped answers at once.
   auto ticket = std::make_shared<AnswerTicket>(answer, client->name);
-  const bool posted = client->executor().Post(
-      [ticket = std::move(ticket), call = std::move(call)] { ticket->Give(call()); });
+  const bool posted =
+      thread.Post([ticket = std::move(ticket), call = std::move(call)] { ticket->Give(call()); });
   if (!posted) return Reply(ControlReply::FAILED, client->name + " has too many calls waiting");
   ControlReply reply;
-  if (answer->Wait(timing_.answer, &reply)) return reply;
+  if (answer->Wait(patience.wait, &reply)) return reply;
   return Reply(ControlReply::FAILED,
-               client->name + " has not answered in time; it may still do what was asked");
+               client->name + " has not answered in time" + patience.too_late);
 }
 
-ControlReply CampaignManager::StartCampaign(const std::string& name, const KIVCampConfig& config) {
+ControlReply CampaignManager::Change(const Client& client, std::function<ControlReply()> call) {
+  return RunOn(client, client->calls(), {timing_.answer, "; it may still do what was asked"},
+               std::move(call));
+}
+
+ControlReply CampaignManager::StartCampaign(const std::string& name,
+                                            const SavedCampaign& campaign) {
   const Client client = Find(name);
   if (client == nullptr) return NotThere(name);
-  if (!FitsTransaction(config)) {
+  if (!FitsTransaction(campaign)) {
     return Reply(ControlReply::REFUSED, "the campaign is too large for one transaction (1 MiB)");
   }
-  return RunOn(client, [this, raw = client.get(), config] { return Start(raw, ToSaved(config)); });
+  SavedCampaign fresh = campaign;
+  fresh.clear_stopped_lic_sns();
+  fresh.clear_early_deaths();
+  return Change(client, [this, raw = client.get(), fresh] { return Start(raw, fresh); });
 }
 
 ControlReply CampaignManager::ReleaseCampaign(const std::string& name) {
@@ -303,12 +313,12 @@ ControlReply CampaignManager::ReleaseCampaign(const std::string& name) {
   LOGI("client %s: campaign %" PRId64 " is released", name.c_str(), saved.camp_id());
   const Client client = Find(name);
   if (client == nullptr) return Reply(ControlReply::DONE, "it starts when " + name + " returns");
-  return RunOn(client, [this, raw = client.get(), saved] { return GiveBack(raw, saved); });
+  return Change(client, [this, raw = client.get(), saved] { return GiveBack(raw, saved); });
 }
 
 ControlReply CampaignManager::StopCampaign(const std::string& name) {
   const Client client = Find(name);
-  if (client != nullptr) return RunOn(client, [this, raw = client.get()] { return Stop(raw); });
+  if (client != nullptr) return Change(client, [this, raw = client.get()] { return Stop(raw); });
   SavedCampaign saved;
   if (!store_->GetCampaign(name, &saved)) {
     return store_->Knows(name) ? Reply(ControlReply::REFUSED, "no campaign runs on " + name)
@@ -339,23 +349,15 @@ ControlReply CampaignManager::ForgetClient(const std::string& name, bool force) 
 ControlReply CampaignManager::SetLicSn(const std::string& name, int64_t lic_sn, bool run) {
   const Client client = Find(name);
   if (client == nullptr) return NotThere(name);
-  return RunOn(client,
-               [this, raw = client.get(), lic_sn, run] { return SwitchLicSn(raw, lic_sn, run); });
+  return Change(client,
+                [this, raw = client.get(), lic_sn, run] { return SwitchLicSn(raw, lic_sn, run); });
 }
 
-ControlReply CampaignManager::DumpClient(const std::string& name, UniqueFd fd) {
+ControlReply CampaignManager::DumpClient(const std::string& name) {
   const Client client = Find(name);
   if (client == nullptr) return NotThere(name);
-  const auto answer = std::make_shared<Answer>();
-  auto ticket = std::make_shared<AnswerTicket>(answer, name);
-  const auto to = std::make_shared<UniqueFd>(std::move(fd));
-  const bool posted =
-      client->asking().Post([this, ticket = std::move(ticket), to, raw = client.get()] {
-        ticket->Give(Dump(raw, to->get()));
-      });
-  ControlReply reply;
-  if (posted && answer->Wait(timing_.dump, &reply)) return reply;
-  return Reply(ControlReply::FAILED, name + " has not answered in time: its process hangs");
+  return RunOn(client, client->questions(), {timing_.dump, ": its process hangs"},
+               [this, raw = client.get()] { return Dump(raw); });
 }
 
 bool CampaignManager::StopBy(std::chrono::steady_clock::time_point deadline) {

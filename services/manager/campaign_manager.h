@@ -2,8 +2,8 @@
 // on whom, and giving clients back what they ran.
 //
 // Locks: mutex_ guards who is registered and is never held while a client is
-// called, because a client calls back; the store's own lock comes after it. What is called on a
-// client runs on that client's own executor.
+// called, because a client calls back; the store's own lock comes after it. Calls to a client
+// run on that client's own threads.
 #pragma once
 
 #include <orb_platform/lost_buses.h>
@@ -17,16 +17,13 @@
 #include <string>
 #include <vector>
 
-#include "ipc/KIVCampConfig.h"
 #include "ipc/KIVClientId.h"
 #include "ipc/KIVClientInfo.h"
+#include "proto/control.pb.h"
 #include "services/common/timer.h"
-#include "services/manager/control/ClientRecord.h"
-#include "services/manager/control/ControlReply.h"
 #include "services/manager/registered_client.h"
 #include "services/manager/state_store.h"
 #include "utility/thread_annotations.h"
-#include "utility/unique_fd.h"
 
 namespace orb::manager {
 
@@ -38,7 +35,7 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   struct Timing {
     // How long an operator waits for a client's answer.
     std::chrono::milliseconds answer{30000};
-    std::chrono::milliseconds dump{5000};  // The same, where the client only describes itself.
+    std::chrono::milliseconds dump{5000};  // Where the client only describes itself.
     // Waits before the first attempts to give a client its campaign back: it answers
     // -1 until it has taken note of its own registration. Then it counts as refused and
     // further waits double, as long as client and campaign are there: slots need a HAL.
@@ -49,7 +46,7 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
     // A client that dies sooner after a campaign's start is taken to die of it.
     std::chrono::milliseconds early_death{60000};
     std::function<StartWatch::TimePoint()> now = &std::chrono::steady_clock::now;
-    // Grows when the bus goes: clients that go with it have not died.
+    // Counts how often the bus has gone: clients that go with it have not died.
     std::function<uint64_t()> lost_buses = &orb_platform::LostBuses;
   };
 
@@ -71,26 +68,29 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   void CheckPending(const std::string& token) ORB_EXCLUDES(mutex_);
   void ClientDied(const std::string& token) ORB_EXCLUDES(mutex_);
 
-  // What a session with slots gave to a HAL is lost with it: after the next one came, it
-  // is stopped and started again, and sessions that were refused are tried again at once.
+  // The slots that a session gave to a HAL are lost with it: once the next HAL has come, the
+  // session is stopped and started again. Sessions that were refused are tried again at once.
   void HalCame() ORB_EXCLUDES(mutex_);
   void HalDied() { ++hal_changes_; }
 
-  // For operators; docs in control/IOrbControl.h. Block for the client's answer.
+  // For operators, as proto/control.proto describes them. Block for the client's answer.
   std::vector<ClientRecord> ListClients() ORB_EXCLUDES(mutex_);
-  ControlReply StartCampaign(const std::string& name, const KIVCampConfig& config);
+  ControlReply StartCampaign(const std::string& name, const SavedCampaign& campaign);
   ControlReply StopCampaign(const std::string& name);
   ControlReply ReleaseCampaign(const std::string& name);
   ControlReply SetLicSn(const std::string& name, int64_t lic_sn, bool run);
   ControlReply ForgetClient(const std::string& name, bool force) ORB_EXCLUDES(mutex_);
-  // Takes the descriptor.
-  ControlReply DumpClient(const std::string& name, UniqueFd fd);
+  ControlReply DumpClient(const std::string& name);
 
   // Stops all calls to clients; false when one still waits at the deadline.
   bool StopBy(std::chrono::steady_clock::time_point deadline) ORB_EXCLUDES(mutex_);
 
  private:
   using Client = std::shared_ptr<RegisteredClient>;
+  struct Patience {
+    std::chrono::milliseconds wait;
+    const char* too_late;  // What the operator is told afterwards.
+  };
 
   // Gives the client its id and puts it in the place of `former`, if there is one, in one
   // step. False when it gets none (logged).
@@ -112,9 +112,12 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   // Counts early deaths in a row, and forgets them after any other end.
   void Book(const std::string& name, StartWatch::Verdict verdict);
   ControlReply NotThere(const std::string& name) const;
-  ControlReply RunOn(const Client& client, std::function<ControlReply()> call);
+  // Runs the call on one of the client's two threads, and waits for what it answers.
+  static ControlReply RunOn(const Client& client, services::SerialExecutor& thread,
+                            const Patience& patience, std::function<ControlReply()> call);
+  ControlReply Change(const Client& client, std::function<ControlReply()> call);
 
-  // On the client's executor.
+  // These run on one of the client's threads.
   void Restart(RegisteredClient* client, uint64_t series, size_t attempt);
   // Whether the session's slots went with a HAL, so that it has to begin again.
   bool SlotsAreLost(RegisteredClient* client);
@@ -125,24 +128,25 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   ControlReply Started(RegisteredClient* client, const SavedCampaign& campaign, int32_t result);
   // Starts the campaign that is kept, with the owners stopped that were.
   ControlReply GiveBack(RegisteredClient* client, const SavedCampaign& saved);
-  // Whether the campaign is kept, which that of a client that was replaced is not.
+  // Saves the campaign. False when the client was replaced, or the disk did not take it.
   bool Keep(const RegisteredClient& client, const SavedCampaign& campaign) ORB_EXCLUDES(mutex_);
   ControlReply Stop(RegisteredClient* client);
   static void StopReplaced(RegisteredClient* client);
   ControlReply SwitchLicSn(RegisteredClient* client, int64_t lic_sn, bool run);
   ControlReply CallFailed(RegisteredClient* client, const char* call,
                           const android::binder::Status& status);
-  ControlReply Dump(RegisteredClient* client, int fd);
+  // Asks the client to describe itself.
+  ControlReply Dump(RegisteredClient* client);
 
   const std::unique_ptr<StateStore> store_;
   const Timing timing_;
-  std::atomic<uint64_t> hal_changes_{0};  // Deaths and arrivals.
+  std::atomic<uint64_t> hal_changes_{0};  // Deaths and arrivals of a HAL.
   Mutex mutex_;
   std::map<std::string, Client> by_token_ ORB_GUARDED_BY(mutex_);
-  // Gone, but a call to them may not have returned. Nobody else keeps a client
-  // whose executor runs: its destructor, which joins, must not run on it.
+  // Clients that are gone, but may not have returned from a call. They are kept until their
+  // threads have ended: the destructor, which joins the threads, must not run on one.
   std::vector<Client> retired_ ORB_GUARDED_BY(mutex_);
-  services::Timer timer_;  // Its tasks post to executors.
+  services::Timer timer_;  // Its tasks post to clients' threads.
 };
 
 }  // namespace orb::manager

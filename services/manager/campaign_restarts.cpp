@@ -1,11 +1,8 @@
 // Giving clients back what they ran.
 // Tested by tests/services/campaign_manager_test.cpp.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cinttypes>
-#include <string_view>
+#include <string>
 
 #include "services/manager/campaign_manager.h"
 #include "services/manager/campaign_state.h"
@@ -32,12 +29,12 @@ std::chrono::milliseconds CampaignManager::WaitBefore(size_t attempt) const {
   return std::min(wait, timing_.restart_wait_max);
 }
 
-// The executor is not kept waiting: operators' calls go through between two attempts.
+// The client's thread is not kept waiting: operators' calls go through between two attempts.
 void CampaignManager::RestartLater(const std::string& token, uint64_t series, size_t attempt) {
   const bool waits = timer_.After(WaitBefore(attempt), [this, token, series, attempt] {
     const Client client = FindToken(token);
     if (client == nullptr || !client->IsCurrent(series)) return;
-    const bool posted = client->executor().Post(
+    const bool posted = client->calls().Post(
         [this, raw = client.get(), series, attempt] { Restart(raw, series, attempt); });
     if (!posted) RestartLater(token, series, attempt + 1);
   });
@@ -49,7 +46,7 @@ ControlReply CampaignManager::GiveBack(RegisteredClient* client, const SavedCamp
   SavedCampaign all_run = saved;
   all_run.clear_stopped_lic_sns();
   ControlReply reply = Start(client, all_run);
-  if (reply.status != ControlReply::DONE) return reply;
+  if (reply.status() != ControlReply::DONE) return reply;
   for (const int64_t lic_sn : saved.stopped_lic_sns()) SwitchLicSn(client, lic_sn, false);
   return reply;
 }
@@ -62,7 +59,7 @@ void CampaignManager::Restart(RegisteredClient* client, uint64_t series, size_t 
     if (!SlotsAreLost(client)) return;
     if (!StopToRenew(client)) return RestartLater(client->token, series, attempt + 1);
   }
-  if (GiveBack(client, saved).status == ControlReply::DONE) return;
+  if (GiveBack(client, saved).status() == ControlReply::DONE) return;
   if (attempt + 1 == timing_.restart_waits.size()) {
     SessionState session = client->Session();
     session.restart_refused = true;
@@ -78,7 +75,7 @@ bool CampaignManager::SlotsAreLost(RegisteredClient* client) {
   const uint64_t changes = hal_changes_;
   if (session.hal_changes == changes) return false;
   if (HasSlots(client)) return true;
-  session.hal_changes = changes;  // It has not to be asked again for this HAL.
+  session.hal_changes = changes;  // No need to ask it again for this HAL.
   client->SetSession(session);
   return false;
 }
@@ -101,13 +98,7 @@ bool CampaignManager::StopToRenew(RegisteredClient* client) {
 
 // The library says so when asked; a client that says nothing is left alone.
 bool CampaignManager::HasSlots(RegisteredClient* client) {
-  const UniqueFd memory(memfd_create("orb-managerd-dump", MFD_CLOEXEC));
-  if (!memory.ok() || Dump(client, memory.get()).status != ControlReply::DONE) return false;
-  char text[4096];
-  const ssize_t bytes = pread(memory.get(), text, sizeof text, 0);
-  return bytes > 0 &&
-         std::string_view(text, static_cast<size_t>(bytes)).find("\nclient.mode: slots\n") !=
-             std::string_view::npos;
+  return Dump(client).dump().find("\nclient.mode: slots\n") != std::string::npos;
 }
 
 }  // namespace orb::manager

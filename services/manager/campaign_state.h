@@ -1,20 +1,14 @@
-// Between the three forms of a campaign: as a client gets it, as the disk keeps
-// it, and as operators see it.
+// What operators are told of clients and their campaigns.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
-#include "ipc/KIVCampConfig.h"
+#include "proto/control.pb.h"
 #include "proto/manager_state.pb.h"
-#include "services/manager/control/ClientRecord.h"
-#include "services/manager/control/ControlReply.h"
 #include "services/manager/registered_client.h"
 
 namespace orb::manager {
-
-SavedCampaign ToSaved(const KIVCampConfig& config);
-KIVCampConfig ToConfig(const SavedCampaign& saved);
 
 // Deaths in a row, each within CampaignManager::Timing::early_death of a start, after
 // which a client is not given its campaign again.

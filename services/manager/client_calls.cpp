@@ -1,5 +1,7 @@
-// What the manager asks of a client; all of it runs on the client's executor.
+// The calls to a client. All run on the client's own threads.
 // Tested by tests/services/campaign_manager_test.cpp.
+#include <sys/mman.h>
+#include <unistd.h>
 #include <utils/String16.h>
 #include <utils/Vector.h>
 
@@ -8,11 +10,32 @@
 
 #include "services/manager/campaign_manager.h"
 #include "services/manager/campaign_state.h"
+#include "services/manager/control/campaign.h"
 #include "utility/log.h"
+#include "utility/unique_fd.h"
 
 namespace orb::manager {
 
 using android::binder::Status;
+
+namespace {
+
+// 1,024 KPIs and as many owners take less.
+constexpr size_t kMaxDumpBytes = size_t{4} << 20;
+
+// At most one block more than a dump may have.
+std::string ReadAll(int fd) {
+  std::string text;
+  char block[64 << 10];
+  ssize_t got = 0;
+  while (text.size() <= kMaxDumpBytes &&
+         (got = pread(fd, block, sizeof block, static_cast<off_t>(text.size()))) > 0) {
+    text.append(block, static_cast<size_t>(got));
+  }
+  return text;
+}
+
+}  // namespace
 
 ControlReply CampaignManager::CallFailed(RegisteredClient* client, const char* call,
                                          const Status& status) {
@@ -23,7 +46,7 @@ ControlReply CampaignManager::CallFailed(RegisteredClient* client, const char* c
                  "the bus did not carry the call to " + client->name + " or its answer");
   }
   if (error == android::DEAD_OBJECT) {
-    ClientDied(client->token);  // Ahead of the notice.
+    ClientDied(client->token);  // The death notice may come later.
     return Reply(ControlReply::FAILED, client->name + " died");
   }
   return Reply(ControlReply::FAILED,
@@ -46,7 +69,7 @@ ControlReply CampaignManager::Start(RegisteredClient* client, const SavedCampaig
   const bool died = status.transactionError() == android::DEAD_OBJECT;
   ControlReply reply = status.isOk() ? Started(client, campaign, result)
                                      : CallFailed(client, "StartSession", status);
-  // After the campaign is saved, so that the death of a client that is gone already counts.
+  // The campaign is saved by now: the death of a client that has gone meanwhile counts too.
   Book(client->name, client->watch().End(died || (status.isOk() && result == 0), timing_.now()));
   return reply;
 }
@@ -95,7 +118,7 @@ ControlReply CampaignManager::Stop(RegisteredClient* client) {
   if (!session.running && !store_->GetCampaign(client->name, &saved)) {
     return Reply(ControlReply::REFUSED, "no campaign runs on " + client->name);
   }
-  // First on disk: a manager that ends in between must not start it again.
+  // The disk comes first: a manager that ends in between must not start it again.
   const bool cleared = store_->ClearCampaign(client->name);
   const bool was_running = session.running;
   const int64_t camp_id = session.camp_id;
@@ -142,16 +165,24 @@ ControlReply CampaignManager::SwitchLicSn(RegisteredClient* client, int64_t lic_
   return kept ? Reply(ControlReply::DONE, "") : NotSaved();
 }
 
-ControlReply CampaignManager::Dump(RegisteredClient* client, int fd) {
+ControlReply CampaignManager::Dump(RegisteredClient* client) {
+  // Memory, not a pipe: the client, which holds it as well, is never made to wait.
+  const UniqueFd memory(memfd_create("orb-managerd-dump", MFD_CLOEXEC));
+  if (!memory.ok()) return Reply(ControlReply::FAILED, "no memory for the dump");
   android::Vector<android::String16> args;
   args.add(android::String16("--token"));
   args.add(android::String16(client->token.c_str()));
-  const android::status_t status = android::IInterface::asBinder(client->callback)->dump(fd, args);
-  if (status == android::OK) return Reply(ControlReply::DONE, "");
+  const android::status_t status =
+      android::IInterface::asBinder(client->callback)->dump(memory.get(), args);
   if (status == android::NAME_NOT_FOUND) {
     return Reply(ControlReply::REFUSED, client->name + " does not know of its registration yet");
   }
-  return CallFailed(client, "dump", Status::fromStatusT(status));
+  if (status != android::OK) return CallFailed(client, "dump", Status::fromStatusT(status));
+  ControlReply reply = Reply(ControlReply::DONE, "");
+  reply.set_dump(ReadAll(memory.get()));
+  if (reply.dump().size() <= kMaxDumpBytes) return reply;
+  return Reply(ControlReply::FAILED,
+               client->name + " says more of itself than a client of this library does");
 }
 
 }  // namespace orb::manager

@@ -55,7 +55,7 @@ int main(int argc, char** argv) {
   const android::sp<orb::manager::ControlService> operators(
       new orb::manager::ControlService(manager));
   Publish(&host, orb::manager::kManagerServiceName, clients);
-  Publish(&host, IOrbControl::kServiceName, operators);
+  Publish(&host, orb::manager::kControlServiceName, operators);
   const orb::manager::HalWatch hal([manager] { manager->HalCame(); },
                                    [manager] { manager->HalDied(); });
   const int result = host.Run();

@@ -2,7 +2,7 @@
 #include "services/manager/manager_service.h"
 
 #include <binder/IPCThreadState.h>
-#include <fcntl.h>
+#include <binder/Stability.h>
 #include <unistd.h>
 
 #include <utility>
@@ -47,66 +47,55 @@ Status ManagerService::sendData(const std::vector<uint8_t>& data, const std::str
   return Status::ok();
 }
 
+ControlService::ControlService(std::shared_ptr<CampaignManager> manager, CallerUid caller)
+    : manager_(std::move(manager)), caller_(std::move(caller)) {
+  android::internal::Stability::markCompilationUnit(this);
+}
+
 // Clients share the connection with operators, so that the bus lets them through to here.
 status_t ControlService::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
                                     uint32_t flags) {
-  const bool method =
-      code >= IBinder::FIRST_CALL_TRANSACTION && code <= IBinder::LAST_CALL_TRANSACTION;
-  if (method) {
-    const uid_t caller = caller_();
-    if (caller != 0 && caller != getuid()) {
-      LOGW("control refused to uid %u", caller);
-      return Status::fromExceptionCode(Status::EX_SECURITY).writeToParcel(reply);
-    }
+  if (code < IBinder::FIRST_CALL_TRANSACTION || code > IBinder::LAST_CALL_TRANSACTION) {
+    return BBinder::onTransact(code, data, reply, flags);
   }
-  return BnOrbControl::onTransact(code, data, reply, flags);
+  const uid_t caller = caller_();
+  if (caller != 0 && caller != getuid()) {
+    LOGW("control refused to uid %u", caller);
+    return Status::fromExceptionCode(Status::EX_SECURITY).writeToParcel(reply);
+  }
+  if (code != kControlCall) return android::UNKNOWN_TRANSACTION;
+  return ServeControl(this, data, reply,
+                      [this](const ControlRequest& request) { return Handle(request); });
 }
 
-Status ControlService::listClients(std::vector<ClientRecord>* clients) {
-  *clients = manager_->ListClients();
-  return Status::ok();
-}
-
-Status ControlService::startCampaign(const std::string& client, const KIVCampConfig& config,
-                                     ControlReply* reply) {
-  *reply = manager_->StartCampaign(client, config);
-  return Status::ok();
-}
-
-Status ControlService::stopCampaign(const std::string& client, ControlReply* reply) {
-  *reply = manager_->StopCampaign(client);
-  return Status::ok();
-}
-
-Status ControlService::releaseCampaign(const std::string& client, ControlReply* reply) {
-  *reply = manager_->ReleaseCampaign(client);
-  return Status::ok();
-}
-
-// The user that the manager runs as is no administrator: a name that is released may be
-// anybody's next.
-Status ControlService::forgetClient(const std::string& client, bool force, ControlReply* reply) {
-  *reply = caller_() == 0
-               ? manager_->ForgetClient(client, force)
-               : Reply(ControlReply::REFUSED, "only root may have a client forgotten; try sudo");
-  return Status::ok();
-}
-
-Status ControlService::startLicSN(const std::string& client, int64_t lic_sn, ControlReply* reply) {
-  *reply = manager_->SetLicSn(client, lic_sn, true);
-  return Status::ok();
-}
-
-Status ControlService::stopLicSN(const std::string& client, int64_t lic_sn, ControlReply* reply) {
-  *reply = manager_->SetLicSn(client, lic_sn, false);
-  return Status::ok();
-}
-
-Status ControlService::dumpClient(const std::string& client, const UniqueFd& fd,
-                                  ControlReply* reply) {
-  // The task outlives this call when the client hangs.
-  *reply = manager_->DumpClient(client, UniqueFd(fcntl(fd.get(), F_DUPFD_CLOEXEC, 0)));
-  return Status::ok();
+ControlReply ControlService::Handle(const ControlRequest& request) {
+  const std::string& client = request.client();
+  ControlReply reply;
+  switch (request.call()) {
+    case ControlRequest::LIST_CLIENTS:
+      reply.set_status(ControlReply::DONE);
+      for (ClientRecord& record : manager_->ListClients()) *reply.add_clients() = std::move(record);
+      return reply;
+    case ControlRequest::START_CAMPAIGN:
+      return manager_->StartCampaign(client, request.campaign());
+    case ControlRequest::STOP_CAMPAIGN:
+      return manager_->StopCampaign(client);
+    case ControlRequest::RELEASE_CAMPAIGN:
+      return manager_->ReleaseCampaign(client);
+    case ControlRequest::FORGET_CLIENT:
+      // The user that the manager runs as is no administrator: a name that is released may
+      // be anybody's next.
+      if (caller_() == 0) return manager_->ForgetClient(client, request.force());
+      return Reply(ControlReply::REFUSED, "only root may have a client forgotten; try sudo");
+    case ControlRequest::START_LIC_SN:
+    case ControlRequest::STOP_LIC_SN:
+      return manager_->SetLicSn(client, request.lic_sn(),
+                                request.call() == ControlRequest::START_LIC_SN);
+    case ControlRequest::DUMP_CLIENT:
+      return manager_->DumpClient(client);
+    default:
+      return Reply(ControlReply::REFUSED, "orb-managerd does not know this request; is it older?");
+  }
 }
 
 }  // namespace orb::manager

@@ -11,8 +11,7 @@
 
 #include "ipc/BnKIVManager.h"
 #include "services/manager/campaign_manager.h"
-#include "services/manager/control/BnOrbControl.h"
-#include "utility/unique_fd.h"
+#include "services/manager/control/control_call.h"
 
 namespace orb::manager {
 
@@ -24,7 +23,7 @@ using CallerUid = std::function<uid_t()>;
 uid_t UidOfCaller();
 inline constexpr uid_t kNoUser = static_cast<uid_t>(-1);
 
-// For clients. Any thread.
+// Serves clients. Any thread.
 class ManagerService : public BnKIVManager {
  public:
   explicit ManagerService(std::shared_ptr<CampaignManager> manager, CallerUid caller = UidOfCaller)
@@ -44,29 +43,19 @@ class ManagerService : public BnKIVManager {
   const CallerUid caller_;
 };
 
-// For operators: root and the user that the manager runs as, who may do all but
-// forgetClient; anybody else gets EX_SECURITY before an argument is read. Any thread; blocks for
-// the client's answer.
-class ControlService : public BnOrbControl {
+// Serves operators: root and the user that the manager runs as, who may do all but
+// FORGET_CLIENT; anybody else gets EX_SECURITY before an argument is read. Any thread;
+// blocks for the client's answer.
+class ControlService : public android::BBinder {
  public:
-  explicit ControlService(std::shared_ptr<CampaignManager> manager, CallerUid caller = UidOfCaller)
-      : manager_(std::move(manager)), caller_(std::move(caller)) {}
+  explicit ControlService(std::shared_ptr<CampaignManager> manager, CallerUid caller = UidOfCaller);
 
+  const android::String16& getInterfaceDescriptor() const override { return ControlDescriptor(); }
   android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
                                uint32_t flags) override;
-  android::binder::Status listClients(std::vector<ClientRecord>* clients) override;
-  android::binder::Status startCampaign(const std::string& client, const KIVCampConfig& config,
-                                        ControlReply* reply) override;
-  android::binder::Status stopCampaign(const std::string& client, ControlReply* reply) override;
-  android::binder::Status releaseCampaign(const std::string& client, ControlReply* reply) override;
-  android::binder::Status forgetClient(const std::string& client, bool force,
-                                       ControlReply* reply) override;
-  android::binder::Status startLicSN(const std::string& client, int64_t lic_sn,
-                                     ControlReply* reply) override;
-  android::binder::Status stopLicSN(const std::string& client, int64_t lic_sn,
-                                    ControlReply* reply) override;
-  android::binder::Status dumpClient(const std::string& client, const UniqueFd& fd,
-                                     ControlReply* reply) override;
+
+  // Does what the request asks, whoever the caller is but for FORGET_CLIENT.
+  ControlReply Handle(const ControlRequest& request);
 
  private:
   const std::shared_ptr<CampaignManager> manager_;

@@ -22,19 +22,20 @@ struct SessionState {
   bool running = false;
   int64_t camp_id = 0;
   int64_t since_ms = 0;     // Since the epoch.
-  int32_t last_result = 0;  // Of the last start, and whether there was one.
+  int32_t last_result = 0;  // The client's answer to its last start.
   bool restart_refused = false;
-  uint64_t hal_changes = 0;  // Of CampaignManager, before the start.
+  uint64_t hal_changes = 0;  // CampaignManager's count before the start.
 };
 
-// All calls that change something are made by tasks of its executor, so they
+// All calls that change something are made by tasks of calls(), so they
 // have one order and a client that hangs keeps nobody else waiting. Session() is for any
 // thread; SetSession for tasks only.
 class RegisteredClient {
  public:
   static constexpr size_t kMaxWaitingCalls = 64;
   static constexpr size_t kMaxWaitingQuestions = 4;
-  // Former registrations of one name that have not returned from a call: each has a thread.
+  // Most former registrations of one name that have not returned from a call; each has a
+  // thread.
   static constexpr int kMaxLeft = 8;
 
   std::string name;
@@ -44,7 +45,7 @@ class RegisteredClient {
   int32_t type = 0;
   int32_t option = 0;
   int64_t since_ms = 0;
-  uint64_t lost_buses = 0;  // Before it came.
+  uint64_t lost_buses = 0;  // The count when it registered.
   android::sp<IKIVCallback> callback;
   android::sp<android::IBinder::DeathRecipient> death;  // The proxy holds it weakly.
 
@@ -60,10 +61,11 @@ class RegisteredClient {
   uint64_t BeginAttempts() { return ++attempts_; }
   bool IsCurrent(uint64_t attempts) const { return attempts_ == attempts; }
   StartWatch& watch() { return watch_; }
-  services::SerialExecutor& executor() { return executor_; }
-  // For calls that only ask: they do not wait for those that change something,
-  // so that a client which hangs in one of these can still be looked into.
-  services::SerialExecutor& asking() { return asking_; }
+  // Runs the calls that change something.
+  services::SerialExecutor& calls() { return calls_; }
+  // Runs calls that only ask. They do not wait for those that change something, so that
+  // a client which hangs in one of these can still be looked into.
+  services::SerialExecutor& questions() { return questions_; }
   // Another registration has taken the name, or it was forgotten: what the client does
   // from now on is not kept.
   bool Replaced() const ORB_EXCLUDES(mutex_) {
@@ -76,16 +78,16 @@ class RegisteredClient {
       MutexLock lock(mutex_);
       replaced_ = true;
     }
-    executor_.StopAfter(std::move(last));
-    asking_.Stop();
+    calls_.StopAfter(std::move(last));
+    questions_.Stop();
   }
-  // Both of them.
+  // Drops the calls and questions that wait.
   void StopCalls() {
-    executor_.Stop();
-    asking_.Stop();
+    calls_.Stop();
+    questions_.Stop();
   }
   bool CallsStoppedBy(std::chrono::steady_clock::time_point deadline) {
-    return executor_.StoppedBy(deadline) && asking_.StoppedBy(deadline);
+    return calls_.StoppedBy(deadline) && questions_.StoppedBy(deadline);
   }
 
  private:
@@ -94,8 +96,8 @@ class RegisteredClient {
   bool replaced_ ORB_GUARDED_BY(mutex_) = false;
   StartWatch watch_;
   std::atomic<uint64_t> attempts_{0};
-  services::SerialExecutor executor_{kMaxWaitingCalls};
-  services::SerialExecutor asking_{kMaxWaitingQuestions};
+  services::SerialExecutor calls_{kMaxWaitingCalls};
+  services::SerialExecutor questions_{kMaxWaitingQuestions};
 };
 
 }  // namespace orb::manager

@@ -39,8 +39,8 @@ uint32_t Crc(const uint8_t* data, size_t bytes) {
   return static_cast<uint32_t>(crc32(0, data, CheckedCast<uInt>(bytes)));
 }
 
-// The number before the suffix; 0 for a file that is none of ours. Also for
-// files put aside, so that their ids stay taken.
+// The number before the suffix; 0 for a file that the store did not write. Files that were
+// put aside have their number as well, so that their ids stay taken.
 int32_t IdOf(const std::string& file) {
   int32_t id = 0;
   const auto [end, ec] = std::from_chars(file.data(), file.data() + file.size(), id);

@@ -4,8 +4,8 @@
 // file := "ORBSTAT1" crc32:u32be ClientState      name := CLIENT_ID ".client"
 //
 // A damaged file is put aside as NAME.damaged and costs only its own client;
-// its id is not given out again. Nor is that of a client that was forgotten: the highest
-// of those stays taken by an empty file CLIENT_ID.client.forgotten.
+// its id is not given out again. The ids of forgotten clients are not given out again
+// either: an empty file CLIENT_ID.client.forgotten keeps the highest of them taken.
 #pragma once
 
 #include <sys/types.h>
@@ -56,8 +56,8 @@ class StateStore {
   // False when the client is unknown or has no campaign.
   bool GetCampaign(const std::string& name, SavedCampaign* campaign) const ORB_EXCLUDES(mutex_);
 
-  // Of a known client. False when the disk did not take it (logged): then it
-  // holds for this process only.
+  // Keeps or clears the campaign of a known client. False when the disk did not take that
+  // (logged): then it holds for this process only.
   bool SetCampaign(const std::string& name, const SavedCampaign& campaign) ORB_EXCLUDES(mutex_);
   bool ClearCampaign(const std::string& name) ORB_EXCLUDES(mutex_);
 

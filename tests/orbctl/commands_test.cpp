@@ -22,40 +22,40 @@ TEST(CampaignCommandTest, ListsEveryOwnerOfTheCampaign) {
   for (const uint64_t lic_sn : {uint64_t{42}, UINT64_MAX, uint64_t{42}}) {
     campaign.add_lic_sn_kpi_maps()->set_lic_sn(lic_sn);
   }
-  const KIVCampConfig config = MakeConfig(campaign, 9, {{7, "", 0, 0}, {42, "PEM", 1, 2}});
-  EXPECT_EQ(config.campId, 9);
-  EXPECT_EQ(std::string(config.campaignDef.begin(), config.campaignDef.end()),
-            campaign.SerializeAsString());
+  const manager::SavedCampaign made = MakeCampaign(campaign, 9, {{7, "", 0, 0}, {42, "PEM", 1, 2}});
+  EXPECT_EQ(made.camp_id(), 9);
+  EXPECT_EQ(made.definition(), campaign.SerializeAsString());
   std::string lics;
-  for (const LicInfo& lic : config.licInfo) {
-    lics += std::to_string(lic.licSN) + " " + std::to_string(lic.sKeyEncAlgo) +
-            std::to_string(lic.pKeyEncAlgo) +
-            std::string(lic.encryptionPKey.begin(), lic.encryptionPKey.end()) + "; ";
+  for (const manager::LicKey& key : made.lic_keys()) {
+    lics += std::to_string(key.lic_sn()) + " " + std::to_string(key.symmetric_algo()) +
+            std::to_string(key.public_key_algo()) + key.public_key() + "; ";
   }
   EXPECT_EQ(lics, "7 00; 42 21PEM; -1 00; ");
 }
 
 TEST(ClientCommandTest, ShowsClientsToPeopleAndPrograms) {
+  using manager::ClientRecord;
   ClientRecord radio;
-  radio.name = "radio";
-  radio.clientId = 7;
-  radio.ownerUid = 0;
-  radio.connected = true;
-  radio.connectedSinceMs = 1763716800000;
-  radio.session = ClientRecord::RUNNING;
-  radio.sessionSinceMs = 1763716801000;
-  radio.campId = 9;
-  radio.licSNs = {42, -1};
-  radio.stoppedLicSNs = {-1};
+  radio.set_name("radio");
+  radio.set_client_id(7);
+  radio.set_owner_uid(0);
+  radio.set_connected(true);
+  radio.set_connected_since_ms(1763716800000);
+  radio.set_session(ClientRecord::RUNNING);
+  radio.set_session_since_ms(1763716801000);
+  radio.set_camp_id(9);
+  radio.add_lic_sns(42);
+  radio.add_lic_sns(-1);
+  radio.add_stopped_lic_sns(-1);
   ClientRecord away;
-  away.name = "a-longer\x1b[2J";
-  away.ownerUid = 4000000000;
-  away.session = ClientRecord::WAITING;
-  away.campId = 3;
+  away.set_name("a-longer\x1b[2J");
+  away.set_owner_uid(4000000000);
+  away.set_session(ClientRecord::WAITING);
+  away.set_camp_id(3);
   ClientRecord dying = away;
-  dying.name = "dying";
-  dying.ownerUid = -1;
-  dying.session = ClientRecord::QUARANTINED;
+  dying.set_name("dying");
+  dying.clear_owner_uid();
+  dying.set_session(ClientRecord::QUARANTINED);
   const std::string table = ClientTable({radio, away, dying});
   EXPECT_EQ(table.substr(table.find('\n') + 1),
             "radio             7  root        2025-11-21T09:20:00Z  2025-11-21T09:20:01Z  "

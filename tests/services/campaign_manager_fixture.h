@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "services/manager/control/campaign.h"
 #include "services/manager/manager_service.h"
 #include "tests/support/child_process.h"
 #include "tests/support/fake_client.h"
@@ -19,21 +20,39 @@
 namespace orb::manager {
 
 // For the LicSNs 42 and 77.
-inline KIVCampConfig Campaign(int64_t id) {
-  KIVCampConfig config;
-  config.campId = id;
-  config.campaignDef = {1, 2, 3};
-  LicInfo lic;
-  lic.licSN = 42;
-  lic.sKeyEncAlgo = 2;
-  lic.pKeyEncAlgo = 1;
-  lic.encryptionPKey = {'P', 'E', 'M'};
-  config.licInfo = {lic, lic};
-  config.licInfo[1].licSN = 77;
-  return config;
+inline SavedCampaign Campaign(int64_t id) {
+  SavedCampaign campaign;
+  campaign.set_camp_id(id);
+  campaign.set_definition("\x01\x02\x03");
+  for (const int64_t lic_sn : {42, 77}) {
+    LicKey* const key = campaign.add_lic_keys();
+    key->set_lic_sn(lic_sn);
+    key->set_symmetric_algo(2);
+    key->set_public_key_algo(1);
+    key->set_public_key("PEM");
+  }
+  return campaign;
 }
 
 inline constexpr uid_t kUser = 1000;
+
+// Holds whoever calls Wait until Release.
+class Gate {
+ public:
+  int32_t Wait() {
+    const std::shared_future<void> released = released_;  // The gate may go before this returns.
+    entered_.set_value();
+    released.wait();
+    return 0;
+  }
+  void WaitEntered() { entered_.get_future().wait(); }
+  void Release() { release_.set_value(); }
+
+ private:
+  std::promise<void> entered_;
+  std::promise<void> release_;
+  std::shared_future<void> released_ = release_.get_future().share();
+};
 
 class CampaignManagerTest : public ::testing::Test {
  protected:
@@ -67,19 +86,33 @@ class CampaignManagerTest : public ::testing::Test {
   ControlReply Start(const std::string& name, int64_t id = 9) {
     return manager_->StartCampaign(name, Campaign(id));
   }
+  // Registers a client that runs campaign 9; its token.
+  std::string Run(const std::string& name, const sp<FakeClient>& client) {
+    const std::string token = Register(name, client).token;
+    EXPECT_EQ(Start(name).status(), ControlReply::DONE);
+    return token;
+  }
+  ControlReply::Status Switch(const std::string& name, int64_t lic_sn, bool run) {
+    return manager_->SetLicSn(name, lic_sn, run).status();
+  }
   ClientRecord Record(const std::string& name) {
     for (const ClientRecord& record : manager_->ListClients()) {
-      if (record.name == name) return record;
+      if (record.name() == name) return record;
     }
     return ClientRecord();
   }
-  bool WaitSession(const std::string& name, int32_t session) {
-    return test::WaitFor([&] { return Record(name).session == session; });
+  ClientRecord::Session Session(const std::string& name) { return Record(name).session(); }
+  bool WaitSession(const std::string& name, ClientRecord::Session session) {
+    return test::WaitFor([&] { return Session(name) == session; });
+  }
+  static bool WaitLastCall(const sp<FakeClient>& client, const std::string& call) {
+    return test::WaitFor(
+        [&] { return !client->Calls().empty() && client->Calls().back() == call; });
   }
 
-  // One life of a client that has a campaign; the letters are the test's below.
+  // One life of a client that has a campaign; the letters are explained at the test.
   void Live(const std::string& name, char life) {
-    const bool given = Record(name).session != ClientRecord::QUARANTINED;
+    const bool given = Session(name) != ClientRecord::QUARANTINED;
     const sp<FakeClient> client = new FakeClient();
     std::promise<std::string> known;
     const std::shared_future<std::string> its_token = known.get_future().share();
@@ -97,7 +130,7 @@ class CampaignManagerTest : public ::testing::Test {
       manager_->SetLicSn(name, 42, true);  // Comes after all that the start does.
     }
     if (given && life == 's') {
-      ASSERT_TRUE(test::WaitFor([&] { return !Record(name).connected; }));
+      ASSERT_TRUE(test::WaitFor([&] { return !Record(name).connected(); }));
     }
     now_ms_ += life == 'D' ? 60000 : 59999;
     if (life == 'b') ++lost_buses_;

@@ -1,8 +1,6 @@
 // Registrations, operators, and clients that refuse and hang.
 #include <android/log.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <future>
@@ -28,10 +26,10 @@ TEST_F(CampaignManagerTest, GivesEveryRegistrationATokenAndEveryNameAnId) {
   EXPECT_NE(second.token, first.token);
   EXPECT_EQ(second.clientId, first.clientId);
   const ClientRecord record = Record("radio");
-  EXPECT_TRUE(record.connected);
-  EXPECT_EQ(record.clientType, 3);
-  EXPECT_EQ(record.clientOption, -1);
-  EXPECT_GT(record.connectedSinceMs, 0);
+  EXPECT_TRUE(record.connected());
+  EXPECT_EQ(record.client_type(), 3);
+  EXPECT_EQ(record.client_option(), -1);
+  EXPECT_GT(record.connected_since_ms(), 0);
 }
 
 TEST_F(CampaignManagerTest, RefusesHostileRegistrations) {
@@ -45,8 +43,7 @@ TEST_F(CampaignManagerTest, RefusesHostileRegistrations) {
 }
 
 TEST_F(CampaignManagerTest, AnotherUserCannotTakeAName) {
-  const std::string token = Register("radio", client_).token;
-  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  const std::string token = Run("radio", client_);
   const sp<FakeClient> thief = new FakeClient();
   Register("radio", thief, false, kUser + 1);
   EXPECT_TRUE(
@@ -54,7 +51,7 @@ TEST_F(CampaignManagerTest, AnotherUserCannotTakeAName) {
                     "1000; orbctl client forget releases it"));
   manager_->Deregister(token);
   Register("radio", thief, false, kUser + 1);
-  EXPECT_EQ(Record("radio").ownerUid, kUser);
+  EXPECT_EQ(Record("radio").owner_uid(), kUser);
   Register("radio", client_);
   EXPECT_TRUE(WaitSession("radio", ClientRecord::RUNNING));
   EXPECT_TRUE(thief->Calls().empty());
@@ -62,76 +59,65 @@ TEST_F(CampaignManagerTest, AnotherUserCannotTakeAName) {
 
 // A process that records unseen would go on for ever.
 TEST_F(CampaignManagerTest, TellsAFormerProcessToStop) {
-  const std::string token = Register("radio", client_).token;
-  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  const std::string token = Run("radio", client_);
   const sp<FakeClient> second = new FakeClient();
   Register("radio", second);
-  EXPECT_TRUE(WaitFor([&] { return client_->Calls().back() == "stop " + token + " 9"; }));
+  EXPECT_TRUE(WaitLastCall(client_, "stop " + token + " 9"));
   ASSERT_TRUE(WaitSession("radio", ClientRecord::RUNNING)) << "the second one, meanwhile";
 
   // One that is in its start is stopped after it, and its campaign is not kept.
   const sp<FakeClient> third = new FakeClient();
-  std::promise<void> entered;
-  std::promise<void> release;
-  ASSERT_EQ(manager_->StopCampaign("radio").status, ControlReply::DONE);
+  Gate gate;
+  ASSERT_EQ(manager_->StopCampaign("radio").status(), ControlReply::DONE);
   const std::string late = Register("radio", third).token;
-  third->OnStart([&] {
-    entered.set_value();
-    release.get_future().wait();
-    return 0;
-  });
+  third->OnStart([&] { return gate.Wait(); });
   auto start = std::async(std::launch::async, [&] { return Start("radio", 10); });
-  entered.get_future().wait();
+  gate.WaitEntered();
   Register("radio", second);
-  release.set_value();
-  EXPECT_EQ(start.get().message, "radio has another registration by now");
-  EXPECT_TRUE(WaitFor([&] { return third->Calls().back() == "stop " + late + " 10"; }));
-  EXPECT_EQ(Record("radio").session, ClientRecord::NONE);
+  gate.Release();
+  EXPECT_EQ(start.get().message(), "radio has another registration by now");
+  EXPECT_TRUE(WaitLastCall(third, "stop " + late + " 10"));
+  EXPECT_EQ(Session("radio"), ClientRecord::NONE);
 }
 
 TEST_F(CampaignManagerTest, BoundsTheProcessesOfANameThatHang) {
-  std::promise<void> release;
-  const auto released = release.get_future().share();
-  Register("radio", client_);
-  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
-  for (int i = 0; i <= RegisteredClient::kMaxLeft; ++i) {
+  std::vector<Gate> gates(RegisteredClient::kMaxLeft + 1);
+  Run("radio", client_);
+  for (Gate& gate : gates) {
     const sp<FakeClient> hung = new FakeClient();
-    std::atomic<bool> entered{false};
-    hung->OnStart([&, released] {
-      entered = true;
-      released.wait();
-      return 0;
-    });
+    hung->OnStart([&] { return gate.Wait(); });
     Register("radio", hung);
-    ASSERT_TRUE(WaitFor([&] { return entered.load(); }));
+    gate.WaitEntered();
   }
   Register("radio", client_, false);
   EXPECT_TRUE(log_.Contains("its former registrations have not returned from their calls"));
   Register("gps", client_);
-  release.set_value();
+  for (Gate& gate : gates) gate.Release();
 }
 
 TEST_F(CampaignManagerTest, ForgetsAClientForRoot) {
   const auto forget = [&](uid_t caller, const char* name, bool force = false) {
-    ControlReply reply;
+    ControlRequest request;
+    request.set_call(ControlRequest::FORGET_CLIENT);
+    request.set_client(name);
+    request.set_force(force);
     const sp<ControlService> control = new ControlService(manager_, [&] { return caller; });
-    EXPECT_TRUE(control->forgetClient(name, force, &reply).isOk());
-    return reply.message;
+    return control->Handle(request).message();
   };
-  const KIVClientId first = Register("radio", client_);
-  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  const std::string token = Run("radio", client_);
+  const int32_t first_id = Record("radio").client_id();
   EXPECT_EQ(forget(kUser, "radio", true), "only root may have a client forgotten; try sudo");
   EXPECT_EQ(forget(0, "gps"), "no client is called gps; see orbctl client list");
   EXPECT_EQ(forget(0, "radio"), "radio is connected; end its daemon first, or give --force");
   EXPECT_EQ(forget(0, "radio", true), "");
-  EXPECT_TRUE(WaitFor([&] { return client_->Calls().back() == "stop " + first.token + " 9"; }));
+  EXPECT_TRUE(WaitLastCall(client_, "stop " + token + " 9"));
   EXPECT_TRUE(manager_->ListClients().empty());
-  EXPECT_FALSE(manager_->Deregister(first.token));
+  EXPECT_FALSE(manager_->Deregister(token));
 
   const KIVClientId second = Register("radio", client_, true, kUser + 1);
-  EXPECT_GT(second.clientId, first.clientId);
-  EXPECT_EQ(Record("radio").ownerUid, kUser + 1);
-  EXPECT_EQ(Record("radio").session, ClientRecord::NONE);
+  EXPECT_GT(second.clientId, first_id);
+  EXPECT_EQ(Record("radio").owner_uid(), kUser + 1);
+  EXPECT_EQ(Session("radio"), ClientRecord::NONE);
   manager_->Deregister(second.token);
   EXPECT_EQ(forget(0, "radio"), "");
 }
@@ -145,12 +131,12 @@ TEST_F(CampaignManagerTest, OneNameHasOneRegistrationHoweverManyComeAtOnce) {
       return token;
     }));
   }
+  size_t registered = 0;
   std::vector<std::string> last;
   for (auto& thread : threads) last.push_back(thread.get());
-  EXPECT_EQ(std::count_if(last.begin(), last.end(),
-                          [&](const std::string& token) { return manager_->Deregister(token); }),
-            1);
-  EXPECT_FALSE(Record("radio").connected);
+  for (const std::string& token : last) registered += manager_->Deregister(token) ? 1 : 0;
+  EXPECT_EQ(registered, 1U);
+  EXPECT_FALSE(Record("radio").connected());
 }
 
 TEST_F(CampaignManagerTest, TellsOperatorsWhyNot) {
@@ -158,52 +144,28 @@ TEST_F(CampaignManagerTest, TellsOperatorsWhyNot) {
   Register("radio", client_);
   manager_->Deregister(Register("gps", client_).token);
   const ControlReply reply = Start("radio");
-  EXPECT_EQ(reply.status, ControlReply::REFUSED);
-  EXPECT_EQ(reply.result, 5);
-  EXPECT_EQ(reply.message, "radio refused the campaign with result 5; its log says why");
-  EXPECT_EQ(Record("radio").session, ClientRecord::NONE);
-  EXPECT_EQ(Record("radio").lastResult, 5);
+  EXPECT_EQ(reply.status(), ControlReply::REFUSED);
+  EXPECT_EQ(reply.result(), 5);
+  EXPECT_EQ(reply.message(), "radio refused the campaign with result 5; its log says why");
+  EXPECT_EQ(Session("radio"), ClientRecord::NONE);
+  EXPECT_EQ(Record("radio").last_result(), 5);
   const char* const nobody = "no client is called nobody; see orbctl client list";
-  EXPECT_EQ(Start("nobody").message, nobody);
-  EXPECT_EQ(manager_->StopCampaign("nobody").message, nobody);
-  EXPECT_EQ(Start("gps").message, "gps is not connected");
-  EXPECT_EQ(manager_->StopCampaign("gps").message, "no campaign runs on gps");
-  EXPECT_EQ(manager_->SetLicSn("radio", 42, true).message, "no campaign runs on radio");
+  EXPECT_EQ(Start("nobody").message(), nobody);
+  EXPECT_EQ(manager_->StopCampaign("nobody").message(), nobody);
+  EXPECT_EQ(Start("gps").message(), "gps is not connected");
+  EXPECT_EQ(manager_->StopCampaign("gps").message(), "no campaign runs on gps");
+  EXPECT_EQ(manager_->SetLicSn("radio", 42, true).message(), "no campaign runs on radio");
   client_->OnStart({});
-  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
-  EXPECT_EQ(Start("radio", 10).message, "campaign 9 runs on radio; stop it first");
-  EXPECT_EQ(manager_->SetLicSn("radio", 43, true).message, "campaign 9 of radio has no LicSN 43");
+  ASSERT_EQ(Start("radio").status(), ControlReply::DONE);
+  EXPECT_EQ(Start("radio", 10).message(), "campaign 9 runs on radio; stop it first");
+  EXPECT_EQ(manager_->SetLicSn("radio", 43, true).message(), "campaign 9 of radio has no LicSN 43");
   client_->AnswerWith(android::FAILED_TRANSACTION);
-  EXPECT_EQ(manager_->SetLicSn("radio", 42, false).message,
+  EXPECT_EQ(manager_->SetLicSn("radio", 42, false).message(),
             "the bus did not carry the call to radio or its answer");
-  KIVCampConfig large = Campaign(11);
-  large.campaignDef.resize(1U << 20);
-  EXPECT_EQ(manager_->StartCampaign("radio", large).message,
+  SavedCampaign large = Campaign(11);
+  large.set_definition(std::string(1U << 20, 'x'));
+  EXPECT_EQ(manager_->StartCampaign("radio", large).message(),
             "the campaign is too large for one transaction (1 MiB)");
-}
-
-// What follows the method's code is no request: nothing of it may be read for others.
-TEST_F(CampaignManagerTest, ControlAnswersOperatorsOnly) {
-  const struct {
-    uid_t caller;
-    android::status_t status;
-  } kCases[] = {
-      {0, android::BAD_TYPE},
-      {getuid(), android::BAD_TYPE},
-      {getuid() + 1, android::OK},
-      {kNoUser, android::OK},
-  };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.caller);
-    const sp<ControlService> control = new ControlService(manager_, [&] { return c.caller; });
-    android::Parcel reply;
-    EXPECT_EQ(control->transact(BnOrbControl::TRANSACTION_startCampaign, {}, &reply), c.status);
-    android::binder::Status answer;
-    if (c.status != android::OK) continue;
-    EXPECT_EQ(answer.readFromParcel(reply), android::OK);
-    EXPECT_EQ(answer.exceptionCode(), android::binder::Status::EX_SECURITY);
-    EXPECT_TRUE(log_.Contains("control refused to uid " + std::to_string(c.caller)));
-  }
 }
 
 TEST_F(CampaignManagerTest, LetsAClientCallBackFromItsStart) {
@@ -214,65 +176,40 @@ TEST_F(CampaignManagerTest, LetsAClientCallBackFromItsStart) {
     EXPECT_EQ(manager_->ListClients().size(), 2U);
     return 0;
   });
-  EXPECT_EQ(Start("radio").status, ControlReply::DONE);
+  EXPECT_EQ(Start("radio").status(), ControlReply::DONE);
 }
 
 TEST_F(CampaignManagerTest, KeepsNobodyWaitingForAClientThatHangs) {
   Restart(milliseconds(500));
-  std::promise<void> release;
-  client_->OnStart([&] {
-    release.get_future().wait();
-    return 0;
-  });
+  Gate gate;
+  client_->OnStart([&] { return gate.Wait(); });
   const std::string token = Register("hung", client_).token;
-  Register("radio", new FakeClient());
   const ControlReply reply = Start("hung");
-  EXPECT_EQ(reply.status, ControlReply::FAILED);
-  EXPECT_EQ(reply.message, "hung has not answered in time; it may still do what was asked");
-  EXPECT_EQ(Start("radio").status, ControlReply::DONE);
-  EXPECT_EQ(manager_->DumpClient("hung", UniqueFd(memfd_create("dump", 0))).status,
-            ControlReply::DONE)
+  EXPECT_EQ(reply.status(), ControlReply::FAILED);
+  EXPECT_EQ(reply.message(), "hung has not answered in time; it may still do what was asked");
+  Run("radio", new FakeClient());
+  EXPECT_EQ(manager_->DumpClient("hung").status(), ControlReply::DONE)
       << "that is when one wants to look";
+  auto waits = std::async(std::launch::async, [&] { return manager_->StopCampaign("hung"); });
   EXPECT_TRUE(manager_->Deregister(token));
+  EXPECT_NE(waits.get().status(), ControlReply::DONE) << "whether it waited or came too late";
   EXPECT_FALSE(manager_->StopBy(std::chrono::steady_clock::now()));
-  release.set_value();
+  gate.Release();
   EXPECT_TRUE(manager_->StopBy(std::chrono::steady_clock::now() + std::chrono::seconds(20)));
 }
 
 TEST_F(CampaignManagerTest, PassesOnWhatAClientSaysOfItself) {
   const std::string token = Register("radio", client_).token;
-  const UniqueFd memory(memfd_create("dump", MFD_CLOEXEC));
-  const auto dump = [&](const char* name) {
-    return manager_->DumpClient(name, UniqueFd(dup(memory.get()))).message;
-  };
-  dump("radio");
-  char text[100] = {};
-  EXPECT_GT(pread(memory.get(), text, sizeof text - 1, 0), 0);
-  EXPECT_EQ(text, "--token" + token);
-  EXPECT_EQ(dump("gps"), "no client is called gps; see orbctl client list");
+  const auto message = [&](const char* name) { return manager_->DumpClient(name).message(); };
+  EXPECT_EQ(manager_->DumpClient("radio").dump(), "--token" + token);
+  EXPECT_EQ(message("gps"), "no client is called gps; see orbctl client list");
+  client_->Say(std::string((4U << 20) + 1, 'x'));
+  EXPECT_EQ(message("radio"), "radio says more of itself than a client of this library does");
   client_->AnswerWith(android::NAME_NOT_FOUND);
-  EXPECT_EQ(dump("radio"), "radio does not know of its registration yet");
+  EXPECT_EQ(message("radio"), "radio does not know of its registration yet");
   client_->AnswerWith(android::DEAD_OBJECT);
-  EXPECT_EQ(dump("radio"), "radio died");
-  EXPECT_EQ(dump("radio"), "radio is not connected");
-}
-
-TEST_F(CampaignManagerTest, AnswersWhoWaitsForAClientThatGoes) {
-  std::promise<void> entered;
-  std::promise<void> release;
-  client_->OnStart([&] {
-    entered.set_value();
-    release.get_future().wait();
-    return 0;
-  });
-  const std::string token = Register("radio", client_).token;
-  auto first = std::async(std::launch::async, [&] { return Start("radio"); });
-  entered.get_future().wait();
-  auto second = std::async(std::launch::async, [&] { return manager_->StopCampaign("radio"); });
-  // Whether the second call waits already or comes too late, it is answered.
-  manager_->ClientDied(token);
-  EXPECT_NE(second.get().status, ControlReply::DONE);
-  release.set_value();
+  EXPECT_EQ(message("radio"), "radio died");
+  EXPECT_EQ(message("radio"), "radio is not connected");
 }
 
 }  // namespace

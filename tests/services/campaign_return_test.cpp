@@ -3,8 +3,6 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 
-#include <future>
-
 #include "tests/services/campaign_manager_fixture.h"
 
 namespace orb::manager {
@@ -14,39 +12,43 @@ using android::sp;
 using orb::test::FakeClient;
 using orb::test::WaitFor;
 using std::chrono::milliseconds;
+using Calls = std::vector<std::string>;
+
+std::vector<int64_t> Stopped(const ClientRecord& record) {
+  return {record.stopped_lic_sns().begin(), record.stopped_lic_sns().end()};
+}
 
 TEST_F(CampaignManagerTest, GivesAReturningClientItsCampaignBack) {
-  const std::string first = Register("radio", client_).token;
-  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
-  ASSERT_EQ(manager_->SetLicSn("radio", 77, false).status, ControlReply::DONE);
-  EXPECT_EQ(Record("radio").campId, 9);
-  EXPECT_EQ(Record("radio").licSNs, (std::vector<int64_t>{42, 77}));
-  EXPECT_EQ(Record("radio").stoppedLicSNs, (std::vector<int64_t>{77}));
+  const std::string first = Run("radio", client_);
+  ASSERT_EQ(Switch("radio", 77, false), ControlReply::DONE);
+  const ClientRecord record = Record("radio");
+  EXPECT_EQ(record.camp_id(), 9);
+  EXPECT_EQ(std::vector<int64_t>(record.lic_sns().begin(), record.lic_sns().end()),
+            (std::vector<int64_t>{42, 77}));
+  EXPECT_EQ(Stopped(record), std::vector<int64_t>{77});
   manager_->Deregister(first);
-  EXPECT_EQ(Record("radio").session, ClientRecord::WAITING);
+  EXPECT_EQ(Session("radio"), ClientRecord::WAITING);
 
   Restart();
-  EXPECT_EQ(Record("radio").session, ClientRecord::WAITING);
+  EXPECT_EQ(Session("radio"), ClientRecord::WAITING);
   const sp<FakeClient> again = new FakeClient();
-  const std::string token = Register("radio", again).token;
-  ASSERT_TRUE(WaitFor([&] { return again->Calls().size() == 2; }));
+  const std::string call = " " + Register("radio", again).token + " 9";
+  ASSERT_TRUE(WaitLastCall(again, "lic-stop" + call + " 77"));
   ASSERT_TRUE(WaitSession("radio", ClientRecord::RUNNING));
-  EXPECT_EQ(again->Started(), Campaign(9));
-  EXPECT_EQ(Record("radio").stoppedLicSNs, (std::vector<int64_t>{77}));
-  EXPECT_EQ(manager_->SetLicSn("radio", 77, true).status, ControlReply::DONE);
-  EXPECT_TRUE(Record("radio").stoppedLicSNs.empty());
-  EXPECT_EQ(manager_->StopCampaign("radio").status, ControlReply::DONE);
-  const std::string call = " " + token + " 9";
-  EXPECT_EQ(again->Calls(), (std::vector<std::string>{"start" + call, "lic-stop" + call + " 77",
-                                                      "lic-start" + call + " 77", "stop" + call}));
-  EXPECT_EQ(Record("radio").session, ClientRecord::NONE);
+  EXPECT_EQ(again->Started(), ToConfig(Campaign(9)));
+  EXPECT_EQ(Stopped(Record("radio")), std::vector<int64_t>{77});
+  EXPECT_EQ(Switch("radio", 77, true), ControlReply::DONE);
+  EXPECT_TRUE(Stopped(Record("radio")).empty());
+  EXPECT_EQ(manager_->StopCampaign("radio").status(), ControlReply::DONE);
+  EXPECT_EQ(again->Calls(), (Calls{"start" + call, "lic-stop" + call + " 77",
+                                   "lic-start" + call + " 77", "stop" + call}));
+  EXPECT_EQ(Session("radio"), ClientRecord::NONE);
 }
 
 TEST_F(CampaignManagerTest, TriesAgainWhileAClientDoesNotYetKnowItsToken) {
-  Register("radio", client_);
-  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  Run("radio", client_);
   const sp<FakeClient> late = new FakeClient();
-  int attempts = 0;  // Of one executor's thread, before the session runs.
+  int attempts = 0;  // Only its one thread for calls counts, before the session runs.
   late->OnStart([&attempts] { return ++attempts < 3 ? -1 : 0; });
   Register("radio", late);
   EXPECT_TRUE(WaitSession("radio", ClientRecord::RUNNING));
@@ -65,8 +67,7 @@ TEST_F(CampaignManagerTest, TriesAgainWhileAClientDoesNotYetKnowItsToken) {
 
 // Slots need a HAL, and that may come a long time after the client.
 TEST_F(CampaignManagerTest, TriesAgainAsLongAsClientAndCampaignAreThere) {
-  Register("radio", client_);
-  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  Run("radio", client_);
   const sp<FakeClient> late = new FakeClient();
   std::atomic<int> attempts{0};
   late->OnStart([&] { return ++attempts < 8 ? -5 : 0; });
@@ -78,27 +79,26 @@ TEST_F(CampaignManagerTest, TriesAgainAsLongAsClientAndCampaignAreThere) {
   late->OnStart([&] { return attempts = -5; });
   Register("radio", late);
   ASSERT_TRUE(WaitSession("radio", ClientRecord::REFUSED));
-  EXPECT_EQ(manager_->StopCampaign("radio").status, ControlReply::DONE);
+  EXPECT_EQ(manager_->StopCampaign("radio").status(), ControlReply::DONE);
   attempts = 0;
-  EXPECT_EQ(Start("radio").status, ControlReply::REFUSED);
-  EXPECT_EQ(Record("radio").session, ClientRecord::NONE);
+  EXPECT_EQ(Start("radio").status(), ControlReply::REFUSED);
+  EXPECT_EQ(Session("radio"), ClientRecord::NONE);
 }
 
 TEST_F(CampaignManagerTest, OperatorsDoNotWaitForTheNextAttempt) {
   waits_ = {milliseconds(0), std::chrono::hours(1)};
   Restart();
-  const std::string token = Register("radio", client_).token;
-  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  Run("radio", client_);
   const sp<FakeClient> refuses = new FakeClient();
   std::atomic<int> attempts{0};
   refuses->OnStart([&] { return ++attempts == 1 ? -5 : 0; });
   Register("radio", refuses);
   ASSERT_TRUE(WaitFor([&] { return attempts == 1; }));
-  EXPECT_EQ(manager_->SetLicSn("radio", 42, true).message, "no campaign runs on radio");
+  EXPECT_EQ(manager_->SetLicSn("radio", 42, true).message(), "no campaign runs on radio");
   // The HAL that was missing is there: no need to wait.
   manager_->HalCame();
   EXPECT_TRUE(WaitSession("radio", ClientRecord::RUNNING));
-  EXPECT_EQ(manager_->StopCampaign("radio").status, ControlReply::DONE);
+  EXPECT_EQ(manager_->StopCampaign("radio").status(), ControlReply::DONE);
 }
 
 TEST_F(CampaignManagerTest, RenewsSessionsWhoseSlotsWentWithAHal) {
@@ -107,47 +107,40 @@ TEST_F(CampaignManagerTest, RenewsSessionsWhoseSlotsWentWithAHal) {
   const sp<FakeClient> silent = new FakeClient();
   client_->Say("client.name: \"slots\"\nclient.mode: slots\n");
   files->Say("client.name: \"files\"\nclient.mode: files\n");
-  const std::string call = " " + Register("slots", client_).token + " 9";
-  Register("files", files);
-  Register("silent", silent);
-  for (const char* name : {"slots", "files", "silent"}) {
-    ASSERT_EQ(Start(name).status, ControlReply::DONE);
-  }
-  ASSERT_EQ(manager_->SetLicSn("slots", 77, false).status, ControlReply::DONE);
+  const std::string call = " " + Run("slots", client_) + " 9";
+  Run("files", files);
+  Run("silent", silent);
+  ASSERT_EQ(Switch("slots", 77, false), ControlReply::DONE);
   manager_->HalDied();
   manager_->HalCame();
-  const std::vector<std::string> renewed = {"start" + call, "lic-stop" + call + " 77",
-                                            "stop" + call, "start" + call,
-                                            "lic-stop" + call + " 77"};
+  const Calls renewed = {"start" + call, "lic-stop" + call + " 77", "stop" + call, "start" + call,
+                         "lic-stop" + call + " 77"};
   EXPECT_TRUE(WaitFor([&] { return client_->Calls() == renewed; }));
   // Once for each HAL.
   manager_->CheckPending(call.substr(1, 32));
   for (const char* name : {"slots", "files", "silent"}) {
-    EXPECT_EQ(manager_->SetLicSn(name, 42, true).status, ControlReply::DONE);
+    EXPECT_EQ(Switch(name, 42, true), ControlReply::DONE);
   }
   EXPECT_EQ(client_->Calls().size(), renewed.size() + 1);
   EXPECT_EQ(files->Calls().size(), 2U);
   EXPECT_EQ(silent->Calls().size(), 2U);
-  EXPECT_EQ(Record("slots").session, ClientRecord::RUNNING);
+  EXPECT_EQ(Session("slots"), ClientRecord::RUNNING);
 }
 
 TEST_F(CampaignManagerTest, ClientsThatDiedHaveNoSession) {
-  const std::string token = Register("radio", client_).token;
-  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
-  manager_->ClientDied(token);
+  manager_->ClientDied(Run("radio", client_));
   EXPECT_TRUE(log_.Has(ANDROID_LOG_WARN, "orb-managerd", "client radio died"));
-  EXPECT_FALSE(Record("radio").connected);
-  EXPECT_EQ(manager_->StopCampaign("radio").message,
+  EXPECT_FALSE(Record("radio").connected());
+  EXPECT_EQ(manager_->StopCampaign("radio").message(),
             "radio is not connected; its campaign will not start again");
-  EXPECT_EQ(Record("radio").session, ClientRecord::NONE);
+  EXPECT_EQ(Session("radio"), ClientRecord::NONE);
 
   // One that turns out dead when it is called.
-  Register("radio", client_);
-  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
+  Run("radio", client_);
   client_->AnswerWith(android::DEAD_OBJECT);
-  EXPECT_EQ(manager_->StopCampaign("radio").status, ControlReply::DONE);
-  EXPECT_FALSE(Record("radio").connected);
-  EXPECT_EQ(Record("radio").session, ClientRecord::NONE);
+  EXPECT_EQ(manager_->StopCampaign("radio").status(), ControlReply::DONE);
+  EXPECT_FALSE(Record("radio").connected());
+  EXPECT_EQ(Session("radio"), ClientRecord::NONE);
 }
 
 // A client's lives, one letter each: d dies just within a minute of its campaign's start,
@@ -165,12 +158,9 @@ TEST_F(CampaignManagerTest, QuarantinesACampaignOfWhichItsClientDies) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.lives);
     const std::string name = c.lives;
-    const std::string first = Register(name, client_).token;
-    ASSERT_EQ(Start(name).status, ControlReply::DONE);
-    manager_->Deregister(first);
+    manager_->Deregister(Run(name, client_));
     for (const char life : name) life == 'm' ? Restart() : Live(name, life);
-    EXPECT_EQ(Record(name).session,
-              c.quarantined ? ClientRecord::QUARANTINED : ClientRecord::WAITING);
+    EXPECT_EQ(Session(name), c.quarantined ? ClientRecord::QUARANTINED : ClientRecord::WAITING);
   }
   EXPECT_TRUE(log_.Contains(
       "client ddd died 3 times in a row soon after its campaign's start: campaign 9 is in "
@@ -178,28 +168,30 @@ TEST_F(CampaignManagerTest, QuarantinesACampaignOfWhichItsClientDies) {
 }
 
 TEST_F(CampaignManagerTest, QuarantineEndsByReleaseOrANewCampaign) {
-  Register("radio", client_);
-  ASSERT_EQ(Start("radio").status, ControlReply::DONE);
-  EXPECT_EQ(manager_->ReleaseCampaign("radio").message, "no campaign of radio is in quarantine");
-  EXPECT_EQ(manager_->ReleaseCampaign("nobody").status, ControlReply::REFUSED);
-  ASSERT_EQ(manager_->SetLicSn("radio", 77, false).status, ControlReply::DONE);
-  for (int i = 0; i < 3; ++i) Live("radio", 'd');
-  const sp<FakeClient> again = new FakeClient();
-  const std::string token = Register("radio", again).token;
+  const auto release = [&] { return manager_->ReleaseCampaign("radio").message(); };
+  const auto live = [&](const char* lives) {
+    while (*lives != 0) Live("radio", *lives++);
+  };
+  Run("radio", client_);
+  EXPECT_EQ(release(), "no campaign of radio is in quarantine");
+  EXPECT_EQ(manager_->ReleaseCampaign("nobody").status(), ControlReply::REFUSED);
+  ASSERT_EQ(Switch("radio", 77, false), ControlReply::DONE);
+  live("ddd");
+  const std::string token = Register("radio", client_).token;
   EXPECT_TRUE(log_.Contains("client radio: campaign 9 stays in quarantine"));
-  EXPECT_TRUE(Record("radio").connected);
-  EXPECT_EQ(Record("radio").session, ClientRecord::QUARANTINED);
-  EXPECT_EQ(manager_->ReleaseCampaign("radio").message, "");
-  EXPECT_EQ(Record("radio").session, ClientRecord::RUNNING);
-  EXPECT_EQ(Record("radio").stoppedLicSNs, (std::vector<int64_t>{77}));
+  EXPECT_TRUE(Record("radio").connected());
+  EXPECT_EQ(Session("radio"), ClientRecord::QUARANTINED);
+  EXPECT_EQ(release(), "");
+  EXPECT_EQ(Session("radio"), ClientRecord::RUNNING);
+  EXPECT_EQ(Stopped(Record("radio")), std::vector<int64_t>{77});
   manager_->ClientDied(token);
-  for (int i = 0; i < 2; ++i) Live("radio", 'd');
-  EXPECT_EQ(manager_->ReleaseCampaign("radio").message, "it starts when radio returns");
-  EXPECT_EQ(Record("radio").session, ClientRecord::WAITING);
-  for (int i = 0; i < 3; ++i) Live("radio", 'd');
+  live("dd");
+  EXPECT_EQ(release(), "it starts when radio returns");
+  EXPECT_EQ(Session("radio"), ClientRecord::WAITING);
+  live("ddd");
   Register("radio", client_);
-  EXPECT_EQ(Start("radio", 10).status, ControlReply::DONE);
-  EXPECT_EQ(Record("radio").session, ClientRecord::RUNNING);
+  EXPECT_EQ(Start("radio", 10).status(), ControlReply::DONE);
+  EXPECT_EQ(Session("radio"), ClientRecord::RUNNING);
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "services/manager/control/campaign_size.h"
+#include "services/manager/control/campaign.h"
 #include "tools/orbctl/campaign_file.h"
 #include "tools/orbctl/campaign_lint.h"
 #include "tools/orbctl/campaign_owners.h"
@@ -14,36 +14,26 @@
 #include "utility/conf.h"
 
 namespace orb::orbctl {
-namespace {
-
-LicInfo ToLicInfo(const LicOption& option) {
-  LicInfo info;
-  info.licSN = static_cast<int64_t>(option.lic_sn);
-  info.sKeyEncAlgo = option.symmetric_algo;
-  info.pKeyEncAlgo = option.public_key_algo;
-  info.encryptionPKey.assign(option.key_pem.begin(), option.key_pem.end());
-  return info;
-}
-
-}  // namespace
-
-KIVCampConfig MakeConfig(const LTCCampaignDef& campaign, int64_t id,
-                         const std::vector<LicOption>& lics) {
-  KIVCampConfig config;
-  config.campId = id;
-  const std::string bytes = campaign.SerializeAsString();
-  config.campaignDef.assign(bytes.begin(), bytes.end());
-  for (const LicOption& owner : OwnersOf(campaign, lics)) {
-    config.licInfo.push_back(ToLicInfo(owner));
+manager::SavedCampaign MakeCampaign(const LTCCampaignDef& definition, int64_t id,
+                                    const std::vector<LicOption>& lics) {
+  manager::SavedCampaign campaign;
+  campaign.set_camp_id(id);
+  campaign.set_definition(definition.SerializeAsString());
+  for (const LicOption& owner : OwnersOf(definition, lics)) {
+    manager::LicKey* const key = campaign.add_lic_keys();
+    key->set_lic_sn(static_cast<int64_t>(owner.lic_sn));
+    key->set_symmetric_algo(owner.symmetric_algo);
+    key->set_public_key_algo(owner.public_key_algo);
+    key->set_public_key(owner.key_pem);
   }
-  return config;
+  return campaign;
 }
 
-void WarnOfMissingKeys(const LTCCampaignDef& campaign, const KIVCampConfig& config) {
-  for (const LicenseSNKPIMap& map : campaign.lic_sn_kpi_maps()) {
-    const bool sealed =
-        std::any_of(config.licInfo.begin(), config.licInfo.end(), [&](const LicInfo& info) {
-          return info.licSN == static_cast<int64_t>(map.lic_sn()) && !info.encryptionPKey.empty();
+void WarnOfMissingKeys(const LTCCampaignDef& definition, const manager::SavedCampaign& campaign) {
+  for (const LicenseSNKPIMap& map : definition.lic_sn_kpi_maps()) {
+    const bool sealed = std::any_of(
+        campaign.lic_keys().begin(), campaign.lic_keys().end(), [&](const manager::LicKey& key) {
+          return key.lic_sn() == static_cast<int64_t>(map.lic_sn()) && !key.public_key().empty();
         });
     if (map.encrypt() && !sealed) {
       PrintError(
@@ -79,53 +69,38 @@ int CampaignStartCommand::Run() const {
       return kUsage;
     }
   }
-  LTCCampaignDef campaign;
-  if (!ReadCampaignFile(path, &campaign, &error)) return Fail(error);
-  const std::string fault = OwnerFault(campaign, options, allow_plain);
+  LTCCampaignDef definition;
+  if (!ReadCampaignFile(path, &definition, &error)) return Fail(error);
+  const std::string fault = OwnerFault(definition, options, allow_plain);
   if (!fault.empty()) return Fail(fault);
-  const KIVCampConfig config = MakeConfig(campaign, id, options);
-  WarnOfMissingKeys(campaign, config);
-  if (!FitsTransaction(config)) {
+  manager::ControlRequest request = RequestOf(manager::ControlRequest::START_CAMPAIGN, client);
+  *request.mutable_campaign() = MakeCampaign(definition, id, options);
+  WarnOfMissingKeys(definition, request.campaign());
+  if (!manager::FitsTransaction(request.campaign())) {
     return Fail("too large for one transaction (1 MiB); use a smaller campaign");
   }
-  const android::sp<IOrbControl> manager = ConnectToManager(&error);
-  if (manager == nullptr) return Fail(error);
-  ControlReply reply;
-  const android::binder::Status status = manager->startCampaign(client, config, &reply);
-  const int code =
-      PrintReply(status, reply, fmt::format("campaign {} runs on {}", id, client), json);
-  if (status.isOk() && reply.result != 0) ExplainRefusal(campaign, Conf(), false);
+  const Result<manager::ControlReply> reply = AskManager(request);
+  const int code = PrintReply(reply, fmt::format("campaign {} runs on {}", id, client), json);
+  if (reply.ok() && reply->result() != 0) ExplainRefusal(definition, Conf(), false);
   return code;
 }
 
 int StopCampaign(const std::string& client, bool json) {
-  std::string error;
-  const android::sp<IOrbControl> manager = ConnectToManager(&error);
-  if (manager == nullptr) return Fail(error);
-  ControlReply reply;
-  const android::binder::Status status = manager->stopCampaign(client, &reply);
-  return PrintReply(status, reply, "stopped", json);
+  return PrintReply(AskManager(RequestOf(manager::ControlRequest::STOP_CAMPAIGN, client)),
+                    "stopped", json);
 }
 
 int ReleaseCampaign(const std::string& client, bool json) {
-  std::string error;
-  const android::sp<IOrbControl> manager = ConnectToManager(&error);
-  if (manager == nullptr) return Fail(error);
-  ControlReply reply;
-  const android::binder::Status status = manager->releaseCampaign(client, &reply);
-  return PrintReply(status, reply, "released", json);
+  return PrintReply(AskManager(RequestOf(manager::ControlRequest::RELEASE_CAMPAIGN, client)),
+                    "released", json);
 }
 
 int SwitchLicSn(const std::string& client, uint64_t lic_sn, bool run, bool json) {
-  std::string error;
-  const android::sp<IOrbControl> manager = ConnectToManager(&error);
-  if (manager == nullptr) return Fail(error);
-  ControlReply reply;
-  const auto number = static_cast<int64_t>(lic_sn);
-  const android::binder::Status status = run ? manager->startLicSN(client, number, &reply)
-                                             : manager->stopLicSN(client, number, &reply);
-  return PrintReply(status, reply, fmt::format("LicSN {} {}", lic_sn, run ? "runs" : "stopped"),
-                    json);
+  manager::ControlRequest request = RequestOf(
+      run ? manager::ControlRequest::START_LIC_SN : manager::ControlRequest::STOP_LIC_SN, client);
+  request.set_lic_sn(static_cast<int64_t>(lic_sn));
+  return PrintReply(AskManager(request),
+                    fmt::format("LicSN {} {}", lic_sn, run ? "runs" : "stopped"), json);
 }
 
 }  // namespace orb::orbctl

@@ -5,20 +5,20 @@
 #include <string>
 #include <vector>
 
-#include "ipc/KIVCampConfig.h"
 #include "proto/ltc_campaign.pb.h"
+#include "proto/manager_state.pb.h"
 #include "tools/orbctl/lic_option.h"
 #include "utility/conf.h"
 
 namespace orb::orbctl {
 
 // What a client is to be given.
-KIVCampConfig MakeConfig(const LTCCampaignDef& campaign, int64_t id,
-                         const std::vector<LicOption>& lics);
+manager::SavedCampaign MakeCampaign(const LTCCampaignDef& definition, int64_t id,
+                                    const std::vector<LicOption>& lics);
 
 // Tells of owners whose data are to be sealed, but who have no key: their data
 // are lost.
-void WarnOfMissingKeys(const LTCCampaignDef& campaign, const KIVCampConfig& config);
+void WarnOfMissingKeys(const LTCCampaignDef& definition, const manager::SavedCampaign& campaign);
 
 // Tells what a client with these limits most likely objected to.
 void ExplainRefusal(const LTCCampaignDef& campaign, const Conf& conf, bool shared_memory);

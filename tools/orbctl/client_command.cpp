@@ -19,6 +19,7 @@ namespace orb::orbctl {
 namespace {
 
 using Json = nlohmann::ordered_json;
+using manager::ClientRecord;
 
 const char* SessionName(int32_t session) {
   switch (session) {
@@ -48,26 +49,27 @@ std::string TimeText(int64_t ms) {
   return text;
 }
 
-// The user's name; its number when the system knows none, and "-" when there is no owner.
-std::string OwnerText(int64_t uid) {
-  if (uid < 0) return "-";
+// The owner's name; its number when the system knows none, and "-" when there is no owner.
+std::string OwnerText(const ClientRecord& client) {
+  if (!client.has_owner_uid()) return "-";
+  const uid_t uid = client.owner_uid();
   passwd entry{};
   passwd* found = nullptr;
   std::array<char, 4096> text{};
-  const int error = getpwuid_r(static_cast<uid_t>(uid), &entry, text.data(), text.size(), &found);
+  const int error = getpwuid_r(uid, &entry, text.data(), text.size(), &found);
   return error == 0 && found != nullptr ? found->pw_name : std::to_string(uid);
 }
 
 std::string CampaignText(const ClientRecord& client) {
-  if (client.session == ClientRecord::NONE) return "-";
-  std::string text = fmt::format("{} {}", client.campId, SessionName(client.session));
-  for (const int64_t lic_sn : client.stoppedLicSNs) {
+  if (client.session() == ClientRecord::NONE) return "-";
+  std::string text = fmt::format("{} {}", client.camp_id(), SessionName(client.session()));
+  for (const int64_t lic_sn : client.stopped_lic_sns()) {
     text += fmt::format(" -{}", static_cast<uint64_t>(lic_sn));
   }
   return text;
 }
 
-std::vector<uint64_t> Unsigned(const std::vector<int64_t>& lic_sns) {
+std::vector<uint64_t> Unsigned(const google::protobuf::RepeatedField<int64_t>& lic_sns) {
   return {lic_sns.begin(), lic_sns.end()};
 }
 
@@ -75,15 +77,15 @@ std::vector<uint64_t> Unsigned(const std::vector<int64_t>& lic_sns) {
 
 std::string ClientTable(const std::vector<ClientRecord>& clients) {
   size_t width = 6;
-  for (const ClientRecord& client : clients) width = std::max(width, client.name.size());
+  for (const ClientRecord& client : clients) width = std::max(width, client.name().size());
   constexpr const char* kRow = "{:<{}}  {:>5}  {:<10}  {:<20}  {:<20}  {}\n";
   std::string table =
       fmt::format(kRow, "CLIENT", width, "ID", "OWNER", "CONNECTED", "SESSION SINCE", "CAMPAIGN");
   for (const ClientRecord& client : clients) {
-    table += fmt::format(kRow, TerminalText(client.name), width, client.clientId,
-                         OwnerText(client.ownerUid),
-                         client.connected ? TimeText(client.connectedSinceMs) : "away",
-                         TimeText(client.sessionSinceMs), CampaignText(client));
+    table +=
+        fmt::format(kRow, TerminalText(client.name()), width, client.client_id(), OwnerText(client),
+                    client.connected() ? TimeText(client.connected_since_ms()) : "away",
+                    TimeText(client.session_since_ms()), CampaignText(client));
   }
   return table;
 }
@@ -92,36 +94,33 @@ std::string ClientJson(const std::vector<ClientRecord>& clients) {
   std::string lines;
   for (const ClientRecord& client : clients) {
     Json object;
-    object["name"] = client.name;
-    object["id"] = client.clientId;
-    object["owner_uid"] = client.ownerUid < 0 ? Json() : Json(client.ownerUid);
-    object["owner"] = client.ownerUid < 0 ? Json() : Json(OwnerText(client.ownerUid));
-    object["type"] = client.clientType;
-    object["option"] = client.clientOption;
-    object["connected"] = client.connected;
-    object["connected_since_ms"] = client.connectedSinceMs;
-    object["session"] = SessionName(client.session);
-    object["campaign"] = client.campId;
-    object["session_since_ms"] = client.sessionSinceMs;
-    object["last_result"] = client.lastResult;
-    object["lic_sns"] = Unsigned(client.licSNs);
-    object["stopped_lic_sns"] = Unsigned(client.stoppedLicSNs);
+    object["name"] = client.name();
+    object["id"] = client.client_id();
+    object["owner_uid"] = client.has_owner_uid() ? Json(client.owner_uid()) : Json();
+    object["owner"] = client.has_owner_uid() ? Json(OwnerText(client)) : Json();
+    object["type"] = client.client_type();
+    object["option"] = client.client_option();
+    object["connected"] = client.connected();
+    object["connected_since_ms"] = client.connected_since_ms();
+    object["session"] = SessionName(client.session());
+    object["campaign"] = client.camp_id();
+    object["session_since_ms"] = client.session_since_ms();
+    object["last_result"] = client.last_result();
+    object["lic_sns"] = Unsigned(client.lic_sns());
+    object["stopped_lic_sns"] = Unsigned(client.stopped_lic_sns());
     lines += object.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n";
   }
   return lines;
 }
 
 int ListClients(bool all, bool json) {
-  std::string error;
-  const android::sp<IOrbControl> manager = ConnectToManager(&error);
-  if (manager == nullptr) return Fail(error);
-  std::vector<ClientRecord> known;
-  const android::binder::Status status = manager->listClients(&known);
-  if (!status.isOk()) return Fail(CallError(status));
+  const Result<manager::ControlReply> reply =
+      AskManager(RequestOf(manager::ControlRequest::LIST_CLIENTS, ""));
+  if (!reply.ok()) return Fail(reply.error().text);
   std::vector<ClientRecord> clients;
-  std::copy_if(known.begin(), known.end(), std::back_inserter(clients),
+  std::copy_if(reply->clients().begin(), reply->clients().end(), std::back_inserter(clients),
                [&](const ClientRecord& client) {
-                 return all || client.connected || client.session == ClientRecord::QUARANTINED;
+                 return all || client.connected() || client.session() == ClientRecord::QUARANTINED;
                });
   const std::string text = json ? ClientJson(clients) : ClientTable(clients);
   static_cast<void>(fwrite(text.data(), 1, text.size(), stdout));
@@ -129,12 +128,9 @@ int ListClients(bool all, bool json) {
 }
 
 int ForgetClient(const std::string& client, bool force, bool json) {
-  std::string error;
-  const android::sp<IOrbControl> manager = ConnectToManager(&error);
-  if (manager == nullptr) return Fail(error);
-  ControlReply reply;
-  const android::binder::Status status = manager->forgetClient(client, force, &reply);
-  return PrintReply(status, reply, "forgotten", json);
+  manager::ControlRequest request = RequestOf(manager::ControlRequest::FORGET_CLIENT, client);
+  request.set_force(force);
+  return PrintReply(AskManager(request), "forgotten", json);
 }
 
 }  // namespace orb::orbctl

@@ -4,14 +4,14 @@
 #include <string>
 #include <vector>
 
-#include "services/manager/control/ClientRecord.h"
+#include "proto/control.pb.h"
 
 namespace orb::orbctl {
 
 // A table; times in UTC.
-std::string ClientTable(const std::vector<ClientRecord>& clients);
+std::string ClientTable(const std::vector<manager::ClientRecord>& clients);
 // One object a line, in ASCII.
-std::string ClientJson(const std::vector<ClientRecord>& clients);
+std::string ClientJson(const std::vector<manager::ClientRecord>& clients);
 
 // `all` also shows clients that are away. The exit code.
 int ListClients(bool all, bool json);

@@ -1,28 +1,20 @@
 // Tested by tests/orbctl/commands_test.cpp.
 #include "tools/orbctl/client_dump.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string_view>
 
 #include "tools/orbctl/control_client.h"
 #include "tools/orbctl/output.h"
-#include "utility/error_text.h"
 #include "utility/terminal_text.h"
-#include "utility/unique_fd.h"
 
 namespace orb::orbctl {
 namespace {
 
 using Json = nlohmann::ordered_json;
 
-// A client with more to say is not one of ours: 1,024 KPIs and as many owners take less.
-constexpr size_t kMaxDumpBytes = size_t{4} << 20;
 constexpr size_t kMaxLines = 16384;
 constexpr size_t kMaxItems = 64;  // Of one line.
 constexpr int kMaxParts = 8;      // Of one key, as each is a level of the JSON.
@@ -59,17 +51,6 @@ Json* Place(std::string_view key, Json* root) {
   return at;
 }
 
-std::string ReadAll(int fd) {
-  std::string text;
-  char block[64 << 10];
-  ssize_t got = 0;
-  while (text.size() <= kMaxDumpBytes &&
-         (got = pread(fd, block, sizeof block, static_cast<off_t>(text.size()))) > 0) {
-    text.append(block, static_cast<size_t>(got));
-  }
-  return text;
-}
-
 }  // namespace
 
 std::string DumpJson(const std::string& text) {
@@ -91,22 +72,15 @@ std::string DumpJson(const std::string& text) {
 }
 
 int DumpClient(const std::string& client, bool json) {
-  std::string error;
-  const android::sp<IOrbControl> manager = ConnectToManager(&error);
-  if (manager == nullptr) return Fail(error);
-  // Memory, not a pipe: the client never waits for this process.
-  const UniqueFd fd(memfd_create("orbctl-dump", MFD_CLOEXEC));
-  if (fd.get() < 0) return Fail("no memory for the dump: " + ErrorText(errno));
-  ControlReply reply;
-  const android::binder::Status status = manager->dumpClient(client, fd, &reply);
-  if (!status.isOk()) return Fail(CallError(status));
-  if (reply.status != ControlReply::DONE) return Fail(reply.message);
-  std::string text = ReadAll(fd.get());
-  if (text.empty()) return Fail(client + " says nothing of itself; its library is an older one");
-  if (text.size() > kMaxDumpBytes) {
-    return Fail(client + " says more of itself than a client of this library does");
+  const Result<manager::ControlReply> reply =
+      AskManager(RequestOf(manager::ControlRequest::DUMP_CLIENT, client));
+  if (!reply.ok()) return Fail(reply.error().text);
+  if (reply->status() != manager::ControlReply::DONE) return Fail(reply->message());
+  if (reply->dump().empty()) {
+    return Fail(client + " says nothing of itself; its library is an older one");
   }
-  text = json ? DumpJson(text) + "\n" : TerminalText(text, "\n");
+  const std::string text =
+      json ? DumpJson(reply->dump()) + "\n" : TerminalText(reply->dump(), "\n");
   (void)fwrite(text.data(), 1, text.size(), stdout);
   return kOk;
 }

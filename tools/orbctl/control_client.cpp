@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "services/manager/control/control_call.h"
 #include "tools/orbctl/output.h"
 
 namespace orb::orbctl {
@@ -29,25 +30,21 @@ const char* WhyNotFound() {
   }
 }
 
-}  // namespace
-
-sp<IOrbControl> ConnectToManager(std::string* error) {
+Result<sp<android::IBinder>> ConnectToManager() {
   const sp<android::ProcessState> process = android::ProcessState::self();
   if (process == nullptr) {
-    *error =
+    return Error{
         "no bus can be reached; start it, set ORB_BUS_ADDRESS to the one in use, or check who may "
-        "use it";
-    return nullptr;
+        "use it"};
   }
   process->startThreadPool();
-  const sp<android::IBinder> binder =
-      android::defaultServiceManager()->checkService(android::String16(IOrbControl::kServiceName));
-  if (binder == nullptr) {
-    *error = WhyNotFound();
-    return nullptr;
-  }
-  return IOrbControl::asInterface(binder);
+  sp<android::IBinder> manager = android::defaultServiceManager()->checkService(
+      android::String16(manager::kControlServiceName));
+  if (manager == nullptr) return Error{WhyNotFound()};
+  return manager;
 }
+
+}  // namespace
 
 std::string CallError(const Status& status) {
   if (status.exceptionCode() == Status::EX_SECURITY ||
@@ -63,17 +60,33 @@ std::string CallError(const Status& status) {
   return std::string("the manager cannot be called: ") + status.toString8().c_str();
 }
 
-int PrintReply(const Status& status, const ControlReply& reply, const std::string& done,
-               bool json) {
-  if (!status.isOk()) return Fail(CallError(status));
-  const bool ok = reply.status == ControlReply::DONE;
+manager::ControlRequest RequestOf(manager::ControlRequest::Call call, const std::string& client) {
+  manager::ControlRequest request;
+  request.set_call(call);
+  request.set_client(client);
+  return request;
+}
+
+Result<manager::ControlReply> AskManager(const manager::ControlRequest& request) {
+  const Result<sp<android::IBinder>> manager = ConnectToManager();
+  if (!manager.ok()) return manager.error();
+  manager::ControlReply reply;
+  const Status status = manager::CallControl(*manager, request, &reply);
+  if (!status.isOk()) return Error{CallError(status)};
+  return reply;
+}
+
+int PrintReply(const Result<manager::ControlReply>& reply, const std::string& done, bool json) {
+  if (!reply.ok()) return Fail(reply.error().text);
+  const bool ok = reply->status() == manager::ControlReply::DONE;
+  const std::string& message = reply->message();
   if (json) {
     PrintLine(
-        nlohmann::ordered_json{{"done", ok}, {"result", reply.result}, {"message", reply.message}}
+        nlohmann::ordered_json{{"done", ok}, {"result", reply->result()}, {"message", message}}
             .dump(-1, ' ', true, nlohmann::json::error_handler_t::replace));
   }
-  if (!ok) return Fail(reply.message);
-  if (!json) PrintLine(reply.message.empty() ? done : done + " (" + reply.message + ")");
+  if (!ok) return Fail(message);
+  if (!json) PrintLine(message.empty() ? done : done + " (" + message + ")");
   return kOk;
 }
 

@@ -84,7 +84,7 @@ bool ReadInput(const SimCommand& command, const std::vector<LicOption>& lics,
   *error = OwnerFault(*campaign, lics, command.allow_plain);
   if (!error->empty()) return false;
   input->client = command.client;
-  input->config = MakeConfig(*campaign, command.id, lics);
+  input->campaign = MakeCampaign(*campaign, command.id, lics);
   if (!ReadLoad(command.load_path, &input->load, error) || !CheckTimes(*input, error)) return false;
   if (!MakeFolders(command.directory, error)) return false;
   std::error_code ec;
@@ -142,7 +142,7 @@ int SimCommand::Run(std::ostream& out) const {
   if (!ReadKeys(key_paths, &keys)) return kFailed;
   LTCCampaignDef campaign;
   if (!ReadInput(*this, options, &campaign, &input, &error)) return Fail(error);
-  WarnOfMissingKeys(campaign, input.config);
+  WarnOfMissingKeys(campaign, input.campaign);
 
   const std::unique_ptr<LibraryLog> log = LibraryLog::Open(directory + "/library.log", &error);
   if (log == nullptr) return Fail(error);

@@ -132,11 +132,11 @@ void SimServices::KillManager() {
   names_->Kill(manager::kManagerServiceName);
 }
 
-ClientRecord SimServices::Client(const std::string& name) {
-  for (ClientRecord& record : manager_->ListClients()) {
-    if (record.name == name) return std::move(record);
+manager::ClientRecord SimServices::Client(const std::string& name) {
+  for (manager::ClientRecord& record : manager_->ListClients()) {
+    if (record.name() == name) return std::move(record);
   }
-  return ClientRecord();
+  return {};
 }
 
 }  // namespace orb::orbctl

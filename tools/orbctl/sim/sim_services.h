@@ -40,7 +40,7 @@ class SimServices {
   HalState& hal() { return *state_; }
   manager::CampaignManager& manager() { return *manager_; }
   // What the manager knows of the client; no name when it knows nothing.
-  ClientRecord Client(const std::string& name);
+  manager::ClientRecord Client(const std::string& name);
 
  private:
   class SimHal;

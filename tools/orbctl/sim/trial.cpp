@@ -103,13 +103,14 @@ bool Trial::Begin(double factor, int32_t* result, std::string* error) {
     *error = "the client could not register; the library's log says why";
     return false;
   }
-  const ControlReply reply = services_.manager().StartCampaign(input_.client, input_.config);
-  if (reply.status == ControlReply::DONE) {
+  const manager::ControlReply reply =
+      services_.manager().StartCampaign(input_.client, input_.campaign);
+  if (reply.status() == manager::ControlReply::DONE) {
     clock_.Start(factor);
     return true;
   }
-  *result = reply.result;
-  *error = reply.message;
+  *result = reply.result();
+  *error = reply.message();
   return false;
 }
 
@@ -183,8 +184,8 @@ bool Trial::IsRegistrationQuiet() {
   const size_t tries = clock_.Slept(Sleeper::kRegistration) - waits_;
   if (tries >= static_cast<size_t>(std::max(Conf::Get().register_max_retries, 0))) return true;
   if (!services_.manager_runs() || log_.Count(kRegistered) == registrations_) return false;
-  const int32_t session = services_.Client(input_.client).session;
-  lost_ = session != ClientRecord::RUNNING && session != ClientRecord::REFUSED;
+  const auto session = services_.Client(input_.client).session();
+  lost_ = session != manager::ClientRecord::RUNNING && session != manager::ClientRecord::REFUSED;
   return !lost_;
 }
 

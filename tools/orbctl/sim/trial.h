@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "ipc/KIVCampConfig.h"
 #include "ledger/delivery_ledger.h"
 #include "orb_sdk.h"
+#include "proto/manager_state.pb.h"
 #include "tools/orbctl/sim/fault_plan.h"
 #include "tools/orbctl/sim/library_log.h"
 #include "tools/orbctl/sim/load_file.h"
@@ -22,7 +22,7 @@ namespace orb::orbctl {
 
 struct TrialInput {
   std::string client;
-  KIVCampConfig config;
+  manager::SavedCampaign campaign;
   Load load;
   std::vector<FaultSpan> faults;
   std::string data_dir;  // Ends with a slash.

@@ -30,7 +30,9 @@ uint64_t OwnerTally::samples() const {
 
 TrialReport::TrialReport(const LTCCampaignDef& campaign, const TrialInput& input) : input_(input) {
   for (const KPICfg& cfg : campaign.kpi_cfgs()) kpis_[cfg.kpi_id()] = cfg;
-  for (const LicInfo& info : input.config.licInfo) owners_[static_cast<uint64_t>(info.licSN)];
+  for (const manager::LicKey& key : input.campaign.lic_keys()) {
+    owners_[static_cast<uint64_t>(key.lic_sn())];
+  }
   for (const LicenseSNKPIMap& map : campaign.lic_sn_kpi_maps()) {
     for (const uint32_t kpi : map.kpi_ids()) owners_of_[kpi].push_back(map.lic_sn());
   }

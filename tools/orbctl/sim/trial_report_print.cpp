@@ -97,7 +97,7 @@ std::string Overflow::ToText() const {
 
 void TrialReport::PrintText(std::ostream& out) const {
   const CallTally all = AllCalls();
-  out << fmt::format("campaign {} on {}: {:.3f} s of load in {:.2f} s\n", input_.config.campId,
+  out << fmt::format("campaign {} on {}: {:.3f} s of load in {:.2f} s\n", input_.campaign.camp_id(),
                      input_.client, LoadSeconds(), took_s);
   for (const FaultSpan& span : input_.faults) out << fmt::format("fault    {}\n", span.text);
   if (overflow_) out << fmt::format("overflow {}; the client ends there\n", overflow_->ToText());
@@ -145,7 +145,7 @@ void TrialReport::PrintJson(std::ostream& out) const {
   const CallTally all = AllCalls();
   Json report = {
       {"client", input_.client},
-      {"campaign", input_.config.campId},
+      {"campaign", input_.campaign.camp_id()},
       {"load_s", LoadSeconds()},
       {"took_s", took_s},
       {"samples", {{"logged", all.logged}, {"accepted", all.accepted}, {"refused", all.refused}}},
