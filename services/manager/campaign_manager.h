@@ -72,6 +72,9 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   // session is stopped and started again. Sessions that were refused are tried again at once.
   void HalCame() ORB_EXCLUDES(mutex_);
   void HalDied() { ++hal_changes_; }
+  // `look` is called before each start, on the client's thread, and may wait a moment: a
+  // HAL that is there has to have come before the start, or its slots count as lost.
+  void LookForHalWith(std::function<void()> look) ORB_EXCLUDES(mutex_);
 
   // For operators, as proto/control.proto describes them. Block for the client's answer.
   std::vector<ClientRecord> ListClients() ORB_EXCLUDES(mutex_);
@@ -121,6 +124,7 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   void Restart(RegisteredClient* client, uint64_t series, size_t attempt);
   // Whether the session's slots went with a HAL, so that it has to begin again.
   bool SlotsAreLost(RegisteredClient* client);
+  void LookForHal() ORB_EXCLUDES(mutex_);
   // False when the client could not be told.
   bool StopToRenew(RegisteredClient* client);
   bool HasSlots(RegisteredClient* client);
@@ -142,6 +146,7 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   const Timing timing_;
   std::atomic<uint64_t> hal_changes_{0};  // Deaths and arrivals of a HAL.
   Mutex mutex_;
+  std::function<void()> look_for_hal_ ORB_GUARDED_BY(mutex_) = [] {};
   std::map<std::string, Client> by_token_ ORB_GUARDED_BY(mutex_);
   // Clients that are gone, but may not have returned from a call. They are kept until their
   // threads have ended: the destructor, which joins the threads, must not run on one.

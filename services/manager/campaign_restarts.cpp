@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <string>
+#include <utility>
 
 #include "services/manager/campaign_manager.h"
 #include "services/manager/campaign_state.h"
@@ -68,6 +69,20 @@ void CampaignManager::Restart(RegisteredClient* client, uint64_t series, size_t 
          session.last_result);
   }
   RestartLater(client->token, series, attempt + 1);
+}
+
+void CampaignManager::LookForHalWith(std::function<void()> look) {
+  MutexLock lock(mutex_);
+  look_for_hal_ = std::move(look);
+}
+
+void CampaignManager::LookForHal() {
+  std::function<void()> look;
+  {
+    MutexLock lock(mutex_);
+    look = look_for_hal_;
+  }
+  look();
 }
 
 bool CampaignManager::SlotsAreLost(RegisteredClient* client) {

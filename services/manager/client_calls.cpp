@@ -61,6 +61,7 @@ ControlReply CampaignManager::Start(RegisteredClient* client, const SavedCampaig
     return Reply(ControlReply::REFUSED, "campaign " + std::to_string(session.camp_id) +
                                             " runs on " + client->name + "; stop it first");
   }
+  LookForHal();
   session.hal_changes = hal_changes_;
   client->SetSession(session);
   client->watch().Begin();

@@ -57,36 +57,59 @@ sp<IBinder> HalWatch::Find(const sp<Notice>& notice) {
   return hal != nullptr && hal->linkToDeath(notice) == android::OK ? hal : nullptr;
 }
 
+void HalWatch::Look() {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  MutexLock lock(mutex_);
+  // A look that is under way may have asked the bus before the HAL came.
+  const uint64_t wanted = looks_begun_ + 1;
+  asked_ = true;
+  changed_.NotifyAll();
+  while (!known_ && !forbidden_ && !stopping_ && looks_ended_ < wanted) {
+    if (!changed_.WaitUntil(mutex_, deadline)) return;
+  }
+}
+
 void HalWatch::Run() {
   const sp<Notice> notice = new Notice(this);
-  for (;;) {
-    const sp<IBinder> hal = Find(notice);
-    if (hal != nullptr) came_();
-    const milliseconds pause =
-        orb_platform::LastLookUp() == android::PERMISSION_DENIED ? kLookUpForbidden : kLookUpEvery;
-    const auto again = std::chrono::steady_clock::now() + pause;
-    bool stopping = false;
+  sp<IBinder> hal;  // Held while it lives: its proxy carries the notice.
+  do {
+    if (hal != nullptr) died_();
     {
       MutexLock lock(mutex_);
-      while (!stopping_ && !dead_) {
-        if (hal != nullptr) {
-          changed_.Wait(mutex_);
-        } else if (!changed_.WaitUntil(mutex_, again)) {
-          break;
-        }
-      }
-      stopping = stopping_;
-      dead_ = false;
+      asked_ = false;
+      ++looks_begun_;
     }
-    if (stopping) break;
-    if (hal != nullptr) died_();
-  }
+    hal = Find(notice);
+    if (hal != nullptr) came_();
+  } while (WaitAfterLook(hal != nullptr));
   notice->Leave();
+}
+
+bool HalWatch::WaitAfterLook(bool found) {
+  const bool forbidden = orb_platform::LastLookUp() == android::PERMISSION_DENIED;
+  const auto again =
+      std::chrono::steady_clock::now() + (forbidden ? kLookUpForbidden : kLookUpEvery);
+  MutexLock lock(mutex_);
+  ++looks_ended_;
+  known_ = found;
+  forbidden_ = forbidden;
+  changed_.NotifyAll();
+  while (!stopping_ && !dead_) {
+    if (found) {
+      changed_.Wait(mutex_);
+    } else if ((asked_ && !forbidden) || !changed_.WaitUntil(mutex_, again)) {
+      break;
+    }
+  }
+  known_ = false;
+  dead_ = false;
+  return !stopping_;
 }
 
 void HalWatch::NoteDeath() {
   MutexLock lock(mutex_);
   dead_ = true;
+  known_ = false;
   changed_.NotifyAll();
 }
 

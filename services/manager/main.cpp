@@ -56,8 +56,8 @@ int main(int argc, char** argv) {
       new orb::manager::ControlService(manager));
   Publish(&host, orb::manager::kManagerServiceName, clients);
   Publish(&host, orb::manager::kControlServiceName, operators);
-  const orb::manager::HalWatch hal([manager] { manager->HalCame(); },
-                                   [manager] { manager->HalDied(); });
+  orb::manager::HalWatch hal([manager] { manager->HalCame(); }, [manager] { manager->HalDied(); });
+  manager->LookForHalWith([&hal] { hal.Look(); });
   const int result = host.Run();
   if (!manager->StopBy(std::chrono::steady_clock::now() + std::chrono::seconds(2))) {
     LOGW("a client has not answered; ending all the same");
