@@ -8,9 +8,9 @@
 #include <array>
 #include <cinttypes>
 #include <cstdio>
+#include <future>
 #include <utility>
 
-#include "services/manager/answer.h"
 #include "services/manager/campaign_state.h"
 #include "services/manager/control/campaign.h"
 #include "utility/log.h"
@@ -40,6 +40,11 @@ std::string NewToken() {
 
 bool IsPlainName(const std::string& name) {
   return !name.empty() && name.size() <= CampaignManager::kMaxNameBytes && IsPrintable(name);
+}
+
+// Files and folders that hold the client's data are named after it.
+bool CanNameAFile(const std::string& name) {
+  return !name.starts_with('.') && name.find('/') == std::string::npos;
 }
 
 class DeathNotice : public IBinder::DeathRecipient {
@@ -83,6 +88,11 @@ bool CampaignManager::Register(const KIVClientInfo& info, uid_t user,
         "registration refused to uid %u: no callback, or a name that is empty, too long or not "
         "printable",
         user);
+    return false;
+  }
+  if (!CanNameAFile(info.clientName)) {
+    LOGE("registration of %s refused to uid %u: a name with a slash or a dot in front",
+         info.clientName.c_str(), user);
     return false;
   }
   const auto client = std::make_shared<RegisteredClient>();
@@ -202,12 +212,14 @@ void CampaignManager::CheckPending(const std::string& token) {
 
 void CampaignManager::HalCame() {
   ++hal_changes_;
+  for (const Client& client : Connected()) BeginRestarts(client);
+}
+
+std::vector<CampaignManager::Client> CampaignManager::Connected() {
+  MutexLock lock(mutex_);
   std::vector<Client> clients;
-  {
-    MutexLock lock(mutex_);
-    for (const auto& [token, client] : by_token_) clients.push_back(client);
-  }
-  for (const Client& client : clients) BeginRestarts(client);
+  for (const auto& [token, client] : by_token_) clients.push_back(client);
+  return clients;
 }
 
 CampaignManager::Client CampaignManager::FindToken(const std::string& token) {
@@ -245,10 +257,7 @@ void CampaignManager::Retire(const Client& client) {
 
 std::vector<ClientRecord> CampaignManager::ListClients() {
   std::map<std::string, Client> connected;
-  {
-    MutexLock lock(mutex_);
-    for (const auto& [token, client] : by_token_) connected[client->name] = client;
-  }
+  for (const Client& client : Connected()) connected[client->name] = client;
   std::vector<ClientRecord> records;
   for (const auto& [name, state] : store_->Clients()) {
     const auto found = connected.find(name);
@@ -265,16 +274,21 @@ ControlReply CampaignManager::NotThere(const std::string& name) const {
 
 ControlReply CampaignManager::RunOn(const Client& client, services::SerialExecutor& thread,
                                     const Patience& patience, std::function<ControlReply()> call) {
-  const auto answer = std::make_shared<Answer>();
-  // Only the task owns the ticket: a task that is dropped answers at once.
-  auto ticket = std::make_shared<AnswerTicket>(answer, client->name);
-  const bool posted =
-      thread.Post([ticket = std::move(ticket), call = std::move(call)] { ticket->Give(call()); });
+  // Only the task owns the promise: one that is dropped breaks it, and so answers at once.
+  auto promise = std::make_shared<std::promise<ControlReply>>();
+  std::future<ControlReply> reply = promise->get_future();
+  const bool posted = thread.Post(
+      [promise = std::move(promise), call = std::move(call)] { promise->set_value(call()); });
   if (!posted) return Reply(ControlReply::FAILED, client->name + " has too many calls waiting");
-  ControlReply reply;
-  if (answer->Wait(patience.wait, &reply)) return reply;
-  return Reply(ControlReply::FAILED,
-               client->name + " has not answered in time" + patience.too_late);
+  if (reply.wait_for(patience.wait) != std::future_status::ready) {
+    return Reply(ControlReply::FAILED,
+                 client->name + " has not answered in time" + patience.too_late);
+  }
+  try {
+    return reply.get();
+  } catch (const std::future_error&) {
+    return Reply(ControlReply::FAILED, client->name + " has gone");
+  }
 }
 
 ControlReply CampaignManager::Change(const Client& client, std::function<ControlReply()> call) {

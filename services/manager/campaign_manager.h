@@ -30,7 +30,8 @@ namespace orb::manager {
 // Thread-safe. Held by shared_ptr: death notices may come late.
 class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
  public:
-  static constexpr size_t kMaxNameBytes = 200;
+  // The HAL takes folders of 200 bytes; a dot and a LicSN of 20 digits follow the name.
+  static constexpr size_t kMaxNameBytes = 179;
 
   struct Timing {
     // How long an operator waits for a client's answer.
@@ -58,8 +59,8 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   ~CampaignManager();
 
   // Makes a client of this user known, in place of an earlier one of that name, which is
-  // told to stop, and gives it its campaign back soon. False, and logged, for a name that
-  // is no name or another user's, and when there are too many.
+  // told to stop, and gives it its campaign back soon. False, and logged, for a name under
+  // which nothing can be stored or that is another user's, and when there are too many.
   bool Register(const KIVClientInfo& info, uid_t user, const android::sp<IKIVCallback>& callback,
                 KIVClientId* id) ORB_EXCLUDES(mutex_);
   // Forgets the registration; the campaign stays on disk. False: no such token.
@@ -98,6 +99,7 @@ class CampaignManager : public std::enable_shared_from_this<CampaignManager> {
   // Gives the client its id and puts it in the place of `former`, if there is one, in one
   // step. False when it gets none (logged).
   bool Enter(const Client& client, Client* former) ORB_EXCLUDES(mutex_);
+  std::vector<Client> Connected() ORB_EXCLUDES(mutex_);
   Client Find(const std::string& name) ORB_EXCLUDES(mutex_);
   Client FindLocked(const std::string& name) const ORB_REQUIRES(mutex_);
   Client FindToken(const std::string& token) ORB_EXCLUDES(mutex_);

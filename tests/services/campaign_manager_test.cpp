@@ -40,6 +40,10 @@ TEST_F(CampaignManagerTest, RefusesHostileRegistrations) {
   Register("a\xC2\x9B", client_, false);
   Register("radio", nullptr, false);
   EXPECT_EQ(log_.Count("registration refused to uid 1000: "), 5U);
+  for (const char* name : {"a/b", "../radio", ".hidden", "."}) Register(name, client_, false);
+  EXPECT_EQ(log_.Count("refused to uid 1000: a name with a slash or a dot in front"), 4U);
+  Register("a.b\xC3\xBC " + std::string(CampaignManager::kMaxNameBytes - 6, 'x'), client_);
+  EXPECT_EQ(manager_->ListClients().size(), 1U);
 }
 
 TEST_F(CampaignManagerTest, AnotherUserCannotTakeAName) {
