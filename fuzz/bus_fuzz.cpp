@@ -130,7 +130,7 @@ class Peer {
     sd_bus_message_append_array(message, 'y', data.data(), data.size());
     sd_bus_message_open_container(message, 'a', "(uyst)");
     for (const Object& object : objects) {
-      // The last words stand for offsets near the end of 32 bits.
+      // Words from 0xf0 on become offsets near 2^32.
       const uint32_t offset = object.word < 0xf0 ? object.word * 4u : ~0u - (object.word - 0xf0u);
       sd_bus_message_append(message, "(uyst)", offset, object.kind, Owner(object.owner),
                             Number(object.number));
@@ -205,7 +205,7 @@ class Peer {
       default:
         break;
     }
-    // Only a transaction that is complete, or no transaction, is sure of a reply.
+    // Of these, only transactions are always answered.
     sd_bus_message_set_expect_reply(message, which % 3 == 0);
     return call;
   }
@@ -255,7 +255,7 @@ class Peer {
   orb::test::PrivateBus bus_daemon_;
   sd_bus* bus_ = nullptr;
   std::string names_[2];  // The peer's own, the target's.
-  uint64_t id_ = 0;       // Of the target.
+  uint64_t id_ = 0;       // The target's object.
   Input* input_ = nullptr;
   bool answered_ = false;
   bool answered_ok_ = false;

@@ -1,4 +1,4 @@
-// A key pair for nothing but inputs of the fuzz targets: seeds are sealed with it.
+// A key pair that only fuzz inputs use: the seeds are sealed with it.
 #pragma once
 
 namespace orb::fuzz {

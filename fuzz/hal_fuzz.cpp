@@ -25,7 +25,7 @@ using namespace orb::hal;
 constexpr int kStepsMax = 48;
 constexpr uint64_t kSpoolBytesMax = 64 << 10;  // Small, so that files are evicted.
 
-struct World {
+struct Setup {
   Input input;
   Hal hal;
   Caller caller{100, 1000};
@@ -37,69 +37,69 @@ std::string Name(Input* input) { return input->TakeText(input->Take<uint8_t>());
 
 void Seal(int fd) { FUZZ_CHECK(fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK) == 0); }
 
-void Configure(World* w) {
+void Configure(Setup* s) {
   QueueLayout layout;
-  for (int left = w->input.Take<uint8_t>() % 6; left > 0; --left) {
-    const auto index = w->input.Take<int8_t>();
-    const auto offset = w->input.Take<int16_t>();
-    layout.pieces.push_back({index, offset, w->input.Take<int32_t>()});
+  for (int left = s->input.Take<uint8_t>() % 6; left > 0; --left) {
+    const auto index = s->input.Take<int8_t>();
+    const auto offset = s->input.Take<int16_t>();
+    layout.pieces.push_back({index, offset, s->input.Take<int32_t>()});
   }
-  layout.quantum_bytes = w->input.Take<uint8_t>();
-  layout.flags = w->input.Take<uint8_t>();
-  const std::vector<uint8_t> bytes = w->input.TakeBytes(w->input.Take<uint8_t>());
+  layout.quantum_bytes = s->input.Take<uint8_t>();
+  layout.flags = s->input.Take<uint8_t>();
+  const std::vector<uint8_t> bytes = s->input.TakeBytes(s->input.Take<uint8_t>());
   layout.fds.push_back(MemoryFile(bytes.data(), bytes.size()).Release());
   Seal(layout.fds[0].get());
-  w->hal.ConfigureQueue(w->caller, std::move(layout));
+  s->hal.ConfigureQueue(s->caller, std::move(layout));
 }
 
-void Announce(World* w) {
-  const auto offset = w->input.Take<int32_t>();
-  const auto length = w->input.Take<int32_t>();
+void Announce(Setup* s) {
+  const auto offset = s->input.Take<int32_t>();
+  const auto length = s->input.Take<int32_t>();
   orb::UniqueFd fd = MemoryFile(nullptr, 0).Release();
-  FUZZ_CHECK(ftruncate(fd.get(), w->input.Take<uint16_t>()) == 0);
+  FUZZ_CHECK(ftruncate(fd.get(), s->input.Take<uint16_t>()) == 0);
   Seal(fd.get());
-  w->client_side = orb::UniqueFd(dup(fd.get()));
+  s->client_side = orb::UniqueFd(dup(fd.get()));
   const uint32_t token =
-      w->hal.AddChannel(w->caller, std::move(fd), offset, length,
+      s->hal.AddChannel(s->caller, std::move(fd), offset, length,
                         [](const Notice&, const Receipt&) { return Sent::kYes; });
-  if (token != 0) w->token = token;
+  if (token != 0) s->token = token;
 }
 
-int32_t Token(World* w) {
-  return static_cast<int32_t>(w->token + static_cast<uint32_t>(w->input.Take<int8_t>()));
+int32_t Token(Setup* s) {
+  return static_cast<int32_t>(s->token + static_cast<uint32_t>(s->input.Take<int8_t>()));
 }
 
-void Slot(World* w) {
-  const std::string name = Name(&w->input);
-  const std::vector<uint8_t> header = w->input.TakeBytes(w->input.Take<uint8_t>());
-  const int32_t token = Token(w);
-  const auto offset = w->input.Take<int32_t>();
-  w->hal.StoreSlot(w->caller, name, header, token, offset, w->input.Take<int32_t>());
+void Slot(Setup* s) {
+  const std::string name = Name(&s->input);
+  const std::vector<uint8_t> header = s->input.TakeBytes(s->input.Take<uint8_t>());
+  const int32_t token = Token(s);
+  const auto offset = s->input.Take<int32_t>();
+  s->hal.StoreSlot(s->caller, name, header, token, offset, s->input.Take<int32_t>());
 }
 
-void Step(World* w) {
-  switch (w->input.Take<uint8_t>()) {
+void Step(Setup* s) {
+  switch (s->input.Take<uint8_t>()) {
     case 0:
-      return Configure(w);
+      return Configure(s);
     case 1: {
-      const std::string name = Name(&w->input);
-      w->hal.StoreQueue(w->caller, name, w->input.Take<int32_t>());
+      const std::string name = Name(&s->input);
+      s->hal.StoreQueue(s->caller, name, s->input.Take<int32_t>());
       return;
     }
     case 2:
-      return Announce(w);
+      return Announce(s);
     case 3:
-      return Slot(w);
+      return Slot(s);
     case 4:
-      w->hal.RemoveChannel(w->caller, Token(w));
+      s->hal.RemoveChannel(s->caller, Token(s));
       return;
     case 5:
-      if (w->client_side.get() < 0) return;
+      if (s->client_side.get() < 0) return;
       // It can only grow.
-      static_cast<void>(!ftruncate(w->client_side.get(), w->input.Take<uint16_t>()));
+      static_cast<void>(!ftruncate(s->client_side.get(), s->input.Take<uint16_t>()));
       return;
     default:
-      w->caller.pid ^= 1;
+      s->caller.pid ^= 1;
   }
 }
 
@@ -109,13 +109,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const orb::test::TempDir dir;
   auto spool = Spool::Open(dir.path(), kSpoolBytesMax);
   FUZZ_CHECK(spool.ok());
-  World world{Input(data, size), Hal(*std::move(spool)), {100, 1000}, 0, orb::UniqueFd()};
-  for (int step = 0; step < kStepsMax && world.input.left() > 0; ++step) Step(&world);
+  Setup setup{Input(data, size), Hal(*std::move(spool)), {100, 1000}, 0, orb::UniqueFd()};
+  for (int step = 0; step < kStepsMax && setup.input.left() > 0; ++step) Step(&setup);
 
   SpoolScan scan;
   const orb::UniqueFd root(open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   FUZZ_CHECK(ScanSpool(root.get(), 0, &scan) == 0);
-  FUZZ_CHECK(scan.bytes <= world.hal.spool().StoredBytes());  // Which has empty folders, too.
+  FUZZ_CHECK(scan.bytes <= setup.hal.spool().StoredBytes());  // Includes empty folders.
   FUZZ_CHECK(scan.bytes <= kSpoolBytesMax);
   return 0;
 }

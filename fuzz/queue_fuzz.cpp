@@ -18,7 +18,7 @@ using orb::fuzz::Input;
 using orb::fuzz::MemoryFile;
 
 constexpr int kStepsMax = 32;
-constexpr size_t kItemsMax = 4096;  // In one call of the owner's.
+constexpr size_t kItemsMax = 4096;  // Limit for one call of the queue's owner.
 
 template <typename T>
 void Use(Input* input, uint8_t how, int peer_fd) {

@@ -11,7 +11,7 @@
 
 namespace orb::fuzz {
 
-// objects := count:u8 (offset:u8 kind:u8)*     offset in words, behind `start`
+// objects := count:u8 (offset:u8 kind:u8)*     offset in words from `start`
 // The transport puts objects at offsets that the peer names: those that do not
 // fit are left out here, where it refuses the parcel.
 inline void AddObjects(Input* input, std::vector<std::pair<uint8_t, uint8_t>>* objects) {
@@ -40,7 +40,7 @@ inline void AppendRaw(Input* input, android::Parcel* parcel) {
   parcel->setDataPosition(0);
 }
 
-// What could be read can be sent on, and arrives as it was.
+// Checks that a value that could be read can be sent on, and arrives unchanged.
 template <typename T>
 void ReadParcelable(Input* input) {
   android::Parcel parcel;

@@ -1,4 +1,4 @@
-// The data of an upload: split into records, and those printed in all formats.
+// Splits the data of an upload into records, and prints them in all formats.
 #include <sstream>
 
 #include "fuzz/fuzz_input.h"

@@ -1,5 +1,5 @@
-// What the next session finds in the data directory: files that an earlier run
-// left, or that somebody put there.
+// Starts a session on a data directory with files that an earlier run left, or that
+// somebody put there.
 //
 // input := entry*
 // entry := kind:u8 name (length:u16 byte* | size:u32)     name := length:u8 byte*

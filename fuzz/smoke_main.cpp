@@ -1,12 +1,8 @@
 // usage: fuzz_NAME_smoke DIRECTORY COUNT
 //
 // Runs a fuzz target without a fuzzer: every seed of the directory, then COUNT
-// mutations of them, the same ones every time. What makes the target fail is
-// left in the working directory as fuzz-failure.
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <csignal>
+// mutations of them, the same ones every time. The input that makes the target fail is left
+// next to the program, as fuzz_NAME.input.
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -14,39 +10,11 @@
 
 #include "fuzz/fuzz_input.h"
 
-// Of the sanitizers' runtime, where there is one.
-extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
-
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
 constexpr size_t kMaxInputBytes = 16384;
-
-Bytes current_input;  // Read by the handlers below.
-
-void KeepInput() {
-  const int fd = open("fuzz-failure", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  static constexpr char kNote[] = "the input is kept as fuzz-failure\n";
-  if (fd < 0 || write(fd, current_input.data(), current_input.size()) < 0 ||
-      write(STDERR_FILENO, kNote, sizeof kNote - 1) < 0) {
-    return;
-  }
-  close(fd);
-}
-
-void OnSignal(int signal_number) {
-  KeepInput();
-  signal(signal_number, SIG_DFL);
-  raise(signal_number);
-}
-
-void WatchForFailures() {
-  if (__sanitizer_set_death_callback != nullptr) __sanitizer_set_death_callback(KeepInput);
-  signal(SIGABRT, OnSignal);
-  if (__sanitizer_set_death_callback != nullptr) return;  // It handles the others.
-  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) signal(fault, OnSignal);
-}
 
 class Mutator {
  public:
@@ -102,9 +70,12 @@ class Mutator {
   std::mt19937 random_{42};
 };
 
-void Run(Bytes input) {
-  current_input = std::move(input);
-  LLVMFuzzerTestOneInput(current_input.data(), current_input.size());
+// Writes the input first, so that a crash of any kind leaves it behind.
+void Run(const Bytes& input, const std::string& kept) {
+  std::ofstream(kept, std::ios::binary)
+      .write(reinterpret_cast<const char*>(input.data()),
+             static_cast<std::streamsize>(input.size()));
+  LLVMFuzzerTestOneInput(input.data(), input.size());
 }
 
 std::vector<Bytes> ReadSeeds(const char* directory) {
@@ -133,10 +104,11 @@ int main(int argc, char** argv) {
     fprintf(stderr, "no seeds in %s\n", argv[1]);
     return 1;
   }
-  WatchForFailures();
   LLVMFuzzerInitialize(&argc, &argv);
-  for (const Bytes& seed : seeds) Run(seed);
+  const std::string kept = std::string(argv[0]) + ".input";
+  for (const Bytes& seed : seeds) Run(seed, kept);
   Mutator mutator(seeds);
-  for (long left = strtol(argv[2], nullptr, 10); left > 0; --left) Run(mutator.Next());
+  for (long left = strtol(argv[2], nullptr, 10); left > 0; --left) Run(mutator.Next(), kept);
+  std::filesystem::remove(kept);
   return 0;
 }

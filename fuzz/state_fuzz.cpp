@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(RecordOf(state, nullptr).lic_sns_size() == saved.lic_keys_size());
   }
 
-  // A client that comes now gets an id of its own, and what it runs is there next time.
+  // A new client gets an id of its own, and the store keeps its campaign.
   const std::string newcomer = clients.empty() ? "radio" : clients.begin()->first + "-2";
   SavedCampaign campaign;
   campaign.set_camp_id(12);
