@@ -1,6 +1,8 @@
 // Tested by tests/kpi/kpi_test.cpp.
 #include "kpi/kpi.h"
 
+#include <algorithm>
+#include <limits>
 #include <optional>
 #include <ratio>
 #include <type_traits>
@@ -53,6 +55,32 @@ std::unique_ptr<KPI> KPI::Create(const KPICfg& cfg, KPISerializer* serializer) {
   std::unique_ptr<KPI> kpi = CreateUnchecked(cfg, serializer);
   if (kpi == nullptr || !kpi->validCfg()) return nullptr;
   return kpi;
+}
+
+int KPI::AddExactly(unsigned int value) {
+  const TimePoint now = orb::Clock::Steady();
+  if (tsStart == TimePoint{}) tsStart = now;
+  if (!IsWithinWindow(now)) CloseWindow(now);
+  BeSureFrom(now);
+  if (Aggregate(value) != 0) return 0;
+  tsEnd = now;
+  numSamples = orb::CheckedAdd<uint32_t>(numSamples, 1);
+  return 0;
+}
+
+void KPI::BeSureFrom(TimePoint now) {
+  using std::chrono::nanoseconds;
+  sureSamples = 0;
+  if (!orb::Clock::IsRoughUsable()) return;
+  sureFrom = now;
+  TimePoint end(nanoseconds((Tenths(now) + 1) * kNanosecondsPerTenth));
+  if (cfg.agg_window_oneof_case() == KPICfg::kTimeWindow) {
+    end = std::min(end, tsStart + std::chrono::milliseconds(cfg.time_window()));
+    sureSamples = std::numeric_limits<uint32_t>::max();
+  } else {
+    sureSamples = cfg.sample_window();  // 0 without a window.
+  }
+  sureUntil = end - orb::Clock::kRoughLagMax;
 }
 
 int KPI::AddSample() {

@@ -4,6 +4,7 @@
 // A KPI has no lock: the collector makes one call at a time.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -40,7 +41,8 @@ class KPI {
   KPI& operator=(const KPI&) = delete;
 
   // Takes one sample. When the window is full, closes it, and the sample opens the next
-  // one. Always 0.
+  // one. Always 0. Records and counts are those of the exact clock, though it is not
+  // always read.
   int AddSample(unsigned int value);
   // Takes one sample without a value. When this sample fills the window, closes it. Always 0.
   int AddSample();
@@ -78,6 +80,16 @@ class KPI {
 
   // Writes the record of the window and opens the next window at `now`.
   void CloseWindow(TimePoint now);
+  // Sets the three below: how long a rough clock tells as much as the exact one.
+  void BeSureFrom(TimePoint now);
+  // AddSample() by the exact clock.
+  int AddExactly(unsigned int value);
+
+  // A sample while the rough clock is before sureUntil, and the window has fewer than
+  // sureSamples, is certainly in the window, and in the tenth of a second of sureFrom.
+  TimePoint sureFrom{};
+  TimePoint sureUntil{};
+  uint32_t sureSamples = 0;
 
   // These change when a window is written or closes. A sample alone changes none of them.
   uint32_t counted = 0;  // Samples of the open window that a record counts.
@@ -105,11 +117,11 @@ inline bool KPI::IsWithinWindow(TimePoint now) const {
 }
 
 inline int KPI::AddSample(unsigned int value) {
-  const TimePoint now = orb::Clock::Steady();
-  if (tsStart == TimePoint{}) tsStart = now;
-  if (!IsWithinWindow(now)) CloseWindow(now);
+  if (numSamples >= sureSamples) return AddExactly(value);
+  const TimePoint rough = orb::Clock::Rough();
+  if (rough >= sureUntil) return AddExactly(value);
   if (Aggregate(value) != 0) return 0;
-  tsEnd = now;
+  tsEnd = std::max(rough, sureFrom);
   numSamples = orb::CheckedAdd<uint32_t>(numSamples, 1);
   return 0;
 }

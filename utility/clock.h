@@ -19,7 +19,9 @@ class Clock {
   using Ended = std::function<bool()>;
 
   struct Functions {
-    Time (*steady)() = &SystemSteady;                     // Monotonic; of windows and records.
+    Time (*steady)() = &SystemSteady;  // Monotonic; of windows and records.
+    // The same clock, up to kRoughLagMax behind but cheap to read. Null: there is none.
+    Time (*rough)() = nullptr;
     int64_t (*wall_seconds)() = &SystemWallSeconds;       // Since the epoch.
     uint64_t (*wall_ms)() = &SystemMs<CLOCK_REALTIME>;    // Since the epoch.
     uint64_t (*uptime_ms)() = &SystemMs<CLOCK_BOOTTIME>;  // Since boot, time in suspend included.
@@ -32,15 +34,31 @@ class Clock {
   // Each takes effect at once, but not all in one step.
   static void Use(const Functions& functions) {
     steady_ = functions.steady;
+    rough_ = functions.rough != nullptr ? functions.rough : functions.steady;
     wall_seconds_ = functions.wall_seconds;
     wall_ms_ = functions.wall_ms;
     uptime_ms_ = functions.uptime_ms;
     wait_ = functions.wait;
     wake_ = functions.wake;
   }
-  static void UseSystem() { Use({}); }
+  static void UseSystem() {
+    Functions system;
+    system.rough = &SystemRough;
+    Use(system);
+  }
+
+  // A tick of the slowest kernel. Where ticks come faster, the rest is for one that is late.
+  static constexpr std::chrono::milliseconds kRoughLagMax{10};
 
   static Time Steady() { return steady_.load(std::memory_order_relaxed)(); }
+  // True if Rough() is another clock than Steady(), and never further behind.
+  static bool IsRoughUsable() {
+    const auto rough = rough_.load(std::memory_order_relaxed);
+    return rough == &SystemRough ? SystemTicksFast()
+                                 : rough != steady_.load(std::memory_order_relaxed);
+  }
+  // Steady(), or up to kRoughLagMax before it.
+  static Time Rough() { return rough_.load(std::memory_order_relaxed)(); }
   static int64_t WallSeconds() { return wall_seconds_.load(std::memory_order_relaxed)(); }
   static uint64_t WallMs() { return wall_ms_.load(std::memory_order_relaxed)(); }
   static uint64_t UptimeMs() { return uptime_ms_.load(std::memory_order_relaxed)(); }
@@ -58,6 +76,19 @@ class Clock {
 
  private:
   static Time SystemSteady() { return std::chrono::steady_clock::now(); }
+  static Time SystemRough() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return Time(std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec));
+  }
+  static bool SystemTicksFast() {
+    static const bool fast = [] {
+      timespec tick{};
+      return clock_getres(CLOCK_MONOTONIC_COARSE, &tick) == 0 && tick.tv_sec == 0 &&
+             std::chrono::nanoseconds(tick.tv_nsec) <= kRoughLagMax;
+    }();
+    return fast;
+  }
   static int64_t SystemWallSeconds() { return time(nullptr); }
   template <clockid_t kClock>
   static uint64_t SystemMs() {
@@ -67,6 +98,7 @@ class Clock {
   }
 
   static inline std::atomic<Time (*)()> steady_{&SystemSteady};
+  static inline std::atomic<Time (*)()> rough_{&SystemRough};
   static inline std::atomic<int64_t (*)()> wall_seconds_{&SystemWallSeconds};
   static inline std::atomic<uint64_t (*)()> wall_ms_{&SystemMs<CLOCK_REALTIME>};
   static inline std::atomic<uint64_t (*)()> uptime_ms_{&SystemMs<CLOCK_BOOTTIME>};
