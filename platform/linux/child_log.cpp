@@ -1,6 +1,5 @@
-// The log of a Linux system is standard error. liblog takes a lock of glibc's that a
-// fork() in the wrong moment leaves closed even to readers, and the local time takes
-// another: so this line has neither, and goes past it.
+// Logs an error in a child of fork(), on standard error like all logs on Linux. It avoids
+// liblog and the local time: both take locks of glibc that a fork() may leave locked.
 // Tested by tests/collector/fork_test.cpp.
 #include "utility/child_log.h"
 

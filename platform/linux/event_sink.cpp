@@ -1,8 +1,8 @@
-// The event log of a Linux system: a file in the layout of a binary events
-// dump, to which the processes of a system append.
+// The event log on Linux: a file in the layout of a binary events dump. All processes of
+// a system append to it.
 //
 // entry := len:u16 hdr_size:u16 pid:i32 tid:u32 sec:u32 nsec:u32 lid:u32 uid:u32
-//          tag:u32 list                  host byte order, len bytes behind uid
+//          tag:u32 list                  host byte order; len counts tag and list
 // list := 0x03 count:u8 (0x00 i32){count}, or 0x00 i32 alone
 //
 // Tested by tests/utility/event_sink_test.cpp.
@@ -28,16 +28,16 @@
 #include "utility/log.h"
 #include "utility/unique_fd.h"
 
-// Exported by liblog, declared in none of its public headers: the list as it
-// would go to the log daemon, borrowed from the context.
+// liblog exports this function but declares it in no public header. *bytes is the list as
+// the log daemon would get it, borrowed from the context.
 extern "C" int android_log_write_list_buffer(android_log_context list, const char** bytes);
 
 namespace orb {
 namespace {
 
 constexpr size_t kWordsMax = 255;         // A list counts its elements in one byte.
-constexpr int kLockTries = 100;           // Then the event is dropped: a holder that hangs
-constexpr useconds_t kLockWaitUs = 1000;  // must not hang the host.
+constexpr int kLockTries = 100;           // Then the event is dropped, so that a process
+constexpr useconds_t kLockWaitUs = 1000;  // which hangs with the lock does not hang the host.
 
 struct EntryHeader {
   uint16_t len;
@@ -56,7 +56,7 @@ std::string Variable(const char* name) {
   return value != nullptr ? value : "";
 }
 
-// Empty when the environment names no place at all.
+// Empty when the environment names no place.
 std::string StateDirectory() {
   const std::string service = Variable("STATE_DIRECTORY");  // May list several.
   if (!service.empty()) return service.substr(0, service.find(':'));
@@ -71,7 +71,7 @@ std::string LogPath() {
   if (!named.empty()) return named;
   const std::string directory = StateDirectory();
   if (directory.empty()) return "";
-  std::error_code ignored;  // The open that follows tells.
+  std::error_code ignored;  // Opening the file reports it.
   std::filesystem::create_directories(directory, ignored);
   return directory + "/events.bin";
 }
@@ -118,15 +118,15 @@ bool Lock(int fd) {
   return false;
 }
 
-// A write past the limit would end the process by a signal.
+// Whether the file may grow so far. A write past the limit would end the process by a signal.
 bool WithinLimit(off_t size, size_t more) {
   rlimit limit{};
   if (getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return true;
   return static_cast<rlim_t>(size) + more <= limit.rlim_cur;
 }
 
-// 0, or the errno of what failed. The file then is as before: the lock, which
-// ends with `fd`, lets us take back the half of an entry.
+// Returns 0, or the errno of what failed; then the file is as before. The lock, which ends
+// with `fd`, makes it safe to remove half an entry.
 int Append(const std::string& path, const std::string& entry) {
   const UniqueFd fd(
       open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0640));

@@ -1,5 +1,5 @@
-// What only a real bus shows: who keeps an object alive, other processes'
-// identities, lost buses, and names.
+// Behaviour that needs a real bus: who keeps an object alive, identities of callers, lost
+// buses, forks, and names.
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
@@ -26,12 +26,11 @@
 namespace {
 
 using android::IBinder;
-using android::Parcel;
 using android::sp;
 using android::String16;
+using orb::test::Call;
 using orb::test::ChildProcess;
 using orb::test::Recipient;
-using orb::test::Store;
 using orb::test::Stored;
 using orb::test::TestObject;
 using orb::test::WaitFor;
@@ -58,7 +57,7 @@ class BusTest : public testing::Test {
     return peer->ReadLine(std::chrono::seconds(20)).value_or("nothing");
   }
 
-  // Nobody may call the service of this name.
+  // The bus lets nobody call the service "denied".
   orb::test::PrivateBus bus_{
       "<policy context=\"mandatory\"><deny send_destination=\"org.orb.service.denied\"/></policy>"};
 };
@@ -67,7 +66,7 @@ TEST_F(BusTest, PeerKeepsAnObjectUntilItDies) {
   const auto peer = Peer("one");
   const sp<IBinder> service = Check("one");
   ASSERT_NE(service, nullptr);
-  Store(service, new TestObject());
+  Call(service, orb::test::kStore, sp<IBinder>(new TestObject()));
   EXPECT_EQ(Stored(service)->pingBinder(), android::OK);
   EXPECT_EQ(TestObject::Alive(), 1);
   peer->Signal(SIGKILL);
@@ -86,14 +85,13 @@ uint64_t Sleeps(pid_t pid) {
   return sum;
 }
 
-// A client's peers are two, among a thousand strangers.
+// A client has two peers, and a thousand other processes may come and go.
 TEST_F(BusTest, StrangersDoNotWakeAClient) {
   const auto peer = Peer("one");
-  Store(Check("one"), new TestObject());
+  Call(Check("one"), orb::test::kStore, sp<IBinder>(new TestObject()));
   uint64_t before = 0;
   ASSERT_TRUE(WaitFor([&] {
     const uint64_t last = std::exchange(before, Sleeps(peer->pid()));
-    usleep(20000);
     return last == before;
   }));
   constexpr int kStrangers = 50;  // Each of them comes and goes.
@@ -108,7 +106,7 @@ TEST_F(BusTest, ReplacedServiceGoesWithItsLastProxy) {
   const auto peer = Peer("one");
   const auto taker = Peer("taker");
   sp<IBinder> first = Check("one");
-  Store(Check("taker"), first);
+  Call(Check("taker"), orb::test::kStore, first);
   EXPECT_EQ(Stored(Check("taker")), first);
   EXPECT_EQ(orb::test::Nest(Check("taker"), 4, first), 4)
       << "taker calls one, which calls taker back";
@@ -116,17 +114,15 @@ TEST_F(BusTest, ReplacedServiceGoesWithItsLastProxy) {
   first = nullptr;
   EXPECT_EQ(Stored(Check("taker"))->pingBinder(), android::OK) << "the taker holds it by itself";
   EXPECT_EQ(Ask(peer.get(), "alive"), "alive 2");
-  Store(Check("taker"), nullptr);
+  Call(Check("taker"), orb::test::kStore, sp<IBinder>());
   EXPECT_TRUE(WaitFor([&] { return Ask(peer.get(), "alive") == "alive 1"; }));
 }
 
 TEST_F(BusTest, CallerIsWhoTheBusSays) {
   const auto peer = Peer("one");
-  Parcel data;
-  Parcel reply;
-  ASSERT_EQ(Check("one")->transact(orb::test::kCaller, data, &reply), android::OK);
-  EXPECT_EQ(reply.readInt32(), getpid());
-  EXPECT_EQ(static_cast<uid_t>(reply.readInt32()), getuid());
+  const Call call(Check("one"), orb::test::kCaller);
+  EXPECT_EQ(call.reply.readInt32(), getpid());
+  EXPECT_EQ(static_cast<uid_t>(call.reply.readInt32()), getuid());
   EXPECT_EQ(android::IPCThreadState::self()->getCallingPid(), getpid());
 }
 
@@ -161,7 +157,7 @@ TEST_F(BusTest, LostBusKillsEveryRemoteAndComesBack) {
   const sp<IBinder> service = Check("one");
   const sp<Recipient> recipient(new Recipient());
   ASSERT_EQ(service->linkToDeath(recipient), android::OK);
-  Store(service, new TestObject());
+  Call(service, orb::test::kStore, sp<IBinder>(new TestObject()));
   bus_.Kill();
   EXPECT_TRUE(WaitFor([&] { return recipient->count == 1; }));
   EXPECT_FALSE(service->isBinderAlive());
@@ -182,7 +178,7 @@ TEST_F(BusTest, LostBusKillsEveryRemoteAndComesBack) {
   EXPECT_EQ(recipient->count, 1);
 }
 
-// By name: the thread sanitizer takes a look at the descriptor itself for a use of it.
+// Reads the links, because the thread sanitizer counts a call on the descriptor as its use.
 int OpenSockets() {
   int count = 0;
   for (int fd = 0; fd < 1024; ++fd) {
@@ -194,7 +190,7 @@ int OpenSockets() {
   return count;
 }
 
-// Else one that lives on would hide the parent's death from everybody.
+// A child that kept it would hide the parent's death from the peers.
 TEST_F(BusTest, AForkedChildDoesNotKeepTheConnection) {
   const int sockets = OpenSockets();
   const pid_t child = fork();

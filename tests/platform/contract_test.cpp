@@ -1,5 +1,5 @@
-// What every transport promises: run against services of this process and
-// against another process behind a real bus.
+// What both transports promise: the local one inside this process, and the bus with
+// another process.
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
@@ -25,28 +25,33 @@ using android::Parcel;
 using android::sp;
 using android::status_t;
 using android::String16;
+using orb::test::Appended;
+using orb::test::Call;
 using orb::test::Recipient;
 using orb::test::TestObject;
 using orb::test::WaitFor;
 
 const char* const kName = "orb.test/default";
 
-// One service under kName, and a way to end it as its process's death would.
-class World {
+constexpr uint32_t kOneway = IBinder::FLAG_ONEWAY;
+
+// Serves one object under kName.
+class Transport {
  public:
-  virtual ~World() = default;
+  virtual ~Transport() = default;
+  // Ends the object as its process's death would.
   virtual void Kill() = 0;
   // Serves a new object under the same name.
   virtual void Replace() = 0;
 };
 
-class LocalWorld : public World {
+class LocalTransport : public Transport {
  public:
-  LocalWorld() {
+  LocalTransport() {
     android::setDefaultServiceManager(manager_);
     Replace();
   }
-  ~LocalWorld() override { android::setDefaultServiceManager(nullptr); }
+  ~LocalTransport() override { android::setDefaultServiceManager(nullptr); }
   void Kill() override { manager_->Kill(kName); }
   void Replace() override { ASSERT_EQ(manager_->addService(String16(kName), new TestObject()), 0); }
 
@@ -54,14 +59,14 @@ class LocalWorld : public World {
   const sp<orb_platform::LocalServiceManager> manager_{new orb_platform::LocalServiceManager()};
 };
 
-class BusWorld : public World {
+class BusTransport : public Transport {
  public:
-  BusWorld() {
+  BusTransport() {
     bus_.SetEnvironment();
     peer_ = orb::test::ChildProcess({PLATFORM_PEER, kName});
     EXPECT_EQ(peer_.ReadLine(std::chrono::seconds(20)), "ready 0");
   }
-  ~BusWorld() override { orb::test::EndBus(&bus_); }
+  ~BusTransport() override { orb::test::EndBus(&bus_); }
   void Kill() override { peer_.Signal(SIGKILL); }
   void Replace() override {
     peer_.Send("again");
@@ -77,9 +82,9 @@ class ContractTest : public testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
     if (std::string(GetParam()) == "local") {
-      world_ = std::make_unique<LocalWorld>();
+      transport_ = std::make_unique<LocalTransport>();
     } else {
-      world_ = std::make_unique<BusWorld>();
+      transport_ = std::make_unique<BusTransport>();
     }
     ASSERT_NE(android::ProcessState::self(), nullptr);
     android::ProcessState::self()->startThreadPool();
@@ -90,84 +95,67 @@ class ContractTest : public testing::TestWithParam<const char*> {
   static sp<IBinder> Check() {
     return android::defaultServiceManager()->checkService(String16(kName));
   }
-  static status_t Echo(const sp<IBinder>& to, size_t bytes, uint32_t flags = 0) {
-    Parcel data;
-    Parcel reply;
+  status_t Echo(size_t bytes, uint32_t flags = 0) const {
     const std::vector<uint8_t> sent(bytes, uint8_t{42});
-    data.writeByteVector(sent);
-    const status_t status = to->transact(orb::test::kEcho, data, &reply, flags);
+    const Call call(flags, service_, orb::test::kEcho, sent);
     std::vector<uint8_t> back;
-    if (status == android::OK && flags == 0) {
-      EXPECT_EQ(reply.readByteVector(&back), android::OK);
+    if (call.status == android::OK && flags == 0) {
+      EXPECT_EQ(call.reply.readByteVector(&back), android::OK);
       EXPECT_EQ(back, sent);
     }
-    return status;
-  }
-  status_t Int(uint32_t code, int32_t value, uint32_t flags = 0) {
-    Parcel data;
-    Parcel reply;
-    data.writeInt32(value);
-    return service_->transact(code, data, &reply, flags);
-  }
-  std::vector<int32_t> Appended() {
-    Parcel data;
-    Parcel reply;
-    std::vector<int32_t> out;
-    EXPECT_EQ(service_->transact(orb::test::kAppended, data, &reply), android::OK);
-    EXPECT_EQ(reply.readInt32Vector(&out), android::OK);
-    return out;
+    return call.status;
   }
 
-  std::unique_ptr<World> world_;
+  std::unique_ptr<Transport> transport_;
   sp<IBinder> service_;
 };
 
 TEST_P(ContractTest, CallsReturnResultsAndStatuses) {
-  EXPECT_EQ(Echo(service_, 100), android::OK);
+  EXPECT_EQ(Echo(100), android::OK);
   EXPECT_EQ(service_->pingBinder(), android::OK);
   EXPECT_EQ(service_->getInterfaceDescriptor(), String16("orb.test.Object"));
   EXPECT_NE(service_->remoteBinder(), nullptr);
-  EXPECT_EQ(Int(999, 0), android::UNKNOWN_TRANSACTION);
+  EXPECT_EQ(Call(service_, 999, 0).status, android::UNKNOWN_TRANSACTION);
   for (const status_t status : {android::BAD_TYPE, android::BAD_VALUE, android::UNEXPECTED_NULL}) {
-    EXPECT_EQ(Int(orb::test::kFail, status), status);
+    EXPECT_EQ(Call(service_, orb::test::kFail, status).status, status);
   }
   EXPECT_TRUE(service_->isBinderAlive());
 }
 
 TEST_P(ContractTest, LimitsAreThePlatforms) {
-  EXPECT_EQ(Echo(service_, 600000), android::OK);
-  EXPECT_EQ(Echo(service_, 2 << 20), android::FAILED_TRANSACTION);
-  EXPECT_EQ(Echo(service_, 600000, IBinder::FLAG_ONEWAY), android::FAILED_TRANSACTION);
-  EXPECT_EQ(Echo(service_, 500000, IBinder::FLAG_ONEWAY), android::OK);
-  EXPECT_EQ(Int(orb::test::kReplyBytes, 2 << 20), android::FAILED_TRANSACTION);
+  EXPECT_EQ(Echo(600000), android::OK);
+  EXPECT_EQ(Echo(2 << 20), android::FAILED_TRANSACTION);
+  EXPECT_EQ(Echo(600000, kOneway), android::FAILED_TRANSACTION);
+  EXPECT_EQ(Echo(500000, kOneway), android::OK);
+  EXPECT_EQ(Call(service_, orb::test::kReplyBytes, 2 << 20).status, android::FAILED_TRANSACTION);
   EXPECT_TRUE(service_->isBinderAlive());
 }
 
 TEST_P(ContractTest, SameRemoteIsSameProxyUntilReplaced) {
   EXPECT_EQ(Check(), service_);
-  world_->Replace();
+  transport_->Replace();
   const sp<IBinder> second = Check();
   ASSERT_NE(second, nullptr);
   EXPECT_NE(second, service_);
-  // Whoever holds the first object still reaches it, not the second.
-  EXPECT_EQ(Int(orb::test::kAppend, 1), android::OK);
-  EXPECT_EQ(Appended(), std::vector<int32_t>{1});
+  // The first proxy still reaches the first object.
+  EXPECT_EQ(Call(service_, orb::test::kAppend, 1).status, android::OK);
+  EXPECT_EQ(Appended(service_), std::vector<int32_t>{1});
   service_ = second;
-  EXPECT_TRUE(Appended().empty());
+  EXPECT_TRUE(Appended(service_).empty());
 }
 
 TEST_P(ContractTest, BindersComeHomeAsThemselves) {
   const sp<IBinder> mine(new TestObject());
   for (const sp<IBinder>& sent : {mine, service_}) {
-    ASSERT_EQ(orb::test::Store(service_, sent), android::OK);
+    ASSERT_EQ(Call(service_, orb::test::kStore, sent).status, android::OK);
     EXPECT_EQ(orb::test::Stored(service_), sent);
   }
-  ASSERT_EQ(orb::test::Store(service_, nullptr), android::OK);
+  ASSERT_EQ(Call(service_, orb::test::kStore, sp<IBinder>()).status, android::OK);
   EXPECT_TRUE(WaitFor([&] { return mine->getStrongCount() == 1; }));
 }
 
 TEST_P(ContractTest, CallsNestInBothDirections) {
-  // More on each side than there are workers.
+  // Deeper than the number of workers of either side.
   EXPECT_EQ(orb::test::Nest(service_, 80, new TestObject()), 80);
 }
 
@@ -175,20 +163,20 @@ TEST_P(ContractTest, OnewayCallsKeepTheirOrderAndDropErrors) {
   std::vector<int32_t> want;
   for (int32_t i = 0; i < 500; i++) {
     want.push_back(i);
-    ASSERT_EQ(Int(orb::test::kAppend, i, IBinder::FLAG_ONEWAY), android::OK);
+    ASSERT_EQ(Call(kOneway, service_, orb::test::kAppend, i).status, android::OK);
   }
-  EXPECT_EQ(Int(999, 0, IBinder::FLAG_ONEWAY), android::OK);
-  EXPECT_TRUE(WaitFor([&] { return Appended().size() == want.size(); }));
-  EXPECT_EQ(Appended(), want);
+  EXPECT_EQ(Call(kOneway, service_, 999, 0).status, android::OK);
+  EXPECT_TRUE(WaitFor([&] { return Appended(service_).size() == want.size(); }));
+  EXPECT_EQ(Appended(service_), want);
 }
 
 TEST_P(ContractTest, OnewayCallThatBlocksDoesNotHoldUpOthers) {
-  ASSERT_EQ(Int(orb::test::kBlock, 0, IBinder::FLAG_ONEWAY), android::OK);
-  ASSERT_EQ(Int(orb::test::kAppend, 5, IBinder::FLAG_ONEWAY), android::OK);
-  EXPECT_EQ(Echo(service_, 10), android::OK);
-  EXPECT_TRUE(Appended().empty());
-  ASSERT_EQ(Int(orb::test::kUnblock, 0), android::OK);
-  EXPECT_TRUE(WaitFor([&] { return Appended() == std::vector<int32_t>{5}; }));
+  ASSERT_EQ(Call(kOneway, service_, orb::test::kBlock, 0).status, android::OK);
+  ASSERT_EQ(Call(kOneway, service_, orb::test::kAppend, 5).status, android::OK);
+  EXPECT_EQ(Echo(10), android::OK);
+  EXPECT_TRUE(Appended(service_).empty());
+  ASSERT_EQ(Call(service_, orb::test::kUnblock, 0).status, android::OK);
+  EXPECT_TRUE(WaitFor([&] { return Appended(service_) == std::vector<int32_t>{5}; }));
 }
 
 TEST_P(ContractTest, DescriptorsPassBothWays) {
@@ -196,18 +184,13 @@ TEST_P(ContractTest, DescriptorsPassBothWays) {
   ASSERT_EQ(pipe(ends), 0);
   ASSERT_EQ(write(ends[1], "there", 5), 5);
   close(ends[1]);
-  Parcel data;
-  Parcel reply;
-  data.writeFileDescriptor(ends[0], true);
-  ASSERT_EQ(service_->transact(orb::test::kDescriptor, data, &reply), android::OK);
+  const Call call(service_, orb::test::kDescriptor, orb::UniqueFd(ends[0]));
   std::string text;
-  ASSERT_EQ(reply.readUtf8FromUtf16(&text), android::OK);
-  EXPECT_EQ(text, "there");
   android::base::unique_fd from;
-  ASSERT_EQ(reply.readUniqueFileDescriptor(&from), android::OK);
-  char got[8] = {};
-  EXPECT_EQ(read(from.get(), got, sizeof got), 4);
-  EXPECT_STREQ(got, "back");
+  ASSERT_EQ(call.reply.readUtf8FromUtf16(&text), android::OK);
+  EXPECT_EQ(text, "there");
+  ASSERT_EQ(call.reply.readUniqueFileDescriptor(&from), android::OK);
+  EXPECT_EQ(orb::test::ReadAll(from.get()), "back");
 }
 
 TEST_P(ContractTest, DumpsGoToTheCallersDescriptor) {
@@ -223,13 +206,8 @@ TEST_P(ContractTest, DumpsGoToTheCallersDescriptor) {
     EXPECT_EQ(service_->dump(ends[1], args), android::OK);
     EXPECT_EQ(fcntl(ends[1], F_GETFD) & ~FD_CLOEXEC, 0) << "still the caller's";
     close(ends[1]);
-    std::string got;
-    char block[64];
-    for (ssize_t count; (count = read(ends[0], block, sizeof block)) > 0;) {
-      got.append(block, static_cast<size_t>(count));
-    }
+    EXPECT_EQ(orb::test::ReadAll(ends[0]), want) << "and nobody else holds it";
     close(ends[0]);
-    EXPECT_EQ(got, want) << "and nobody else holds it";
   }
 }
 
@@ -241,22 +219,22 @@ TEST_P(ContractTest, DeathIsReportedOncePerLinkAndForEver) {
   EXPECT_EQ(service_->linkToDeath(unlinked), android::OK);
   EXPECT_EQ(service_->unlinkToDeath(unlinked), android::OK);
   EXPECT_EQ(service_->unlinkToDeath(unlinked), android::NAME_NOT_FOUND);
-  EXPECT_EQ(service_->linkToDeath(new Recipient()), android::OK);  // Gone at once: no one keeps it.
-  world_->Kill();
+  EXPECT_EQ(service_->linkToDeath(new Recipient()), android::OK);  // Destroyed at once.
+  transport_->Kill();
   ASSERT_TRUE(WaitFor([&] { return twice->count == 2; }));
   EXPECT_FALSE(twice->alive_when_told);
   EXPECT_NE(twice->on_thread.load(), std::this_thread::get_id());
   EXPECT_EQ(unlinked->count, 0);
   EXPECT_FALSE(service_->isBinderAlive());
-  EXPECT_EQ(Echo(service_, 10), android::DEAD_OBJECT);
+  EXPECT_EQ(Echo(10), android::DEAD_OBJECT);
   EXPECT_EQ(service_->linkToDeath(twice), android::DEAD_OBJECT);
   EXPECT_EQ(service_->unlinkToDeath(twice), android::DEAD_OBJECT);
   EXPECT_TRUE(WaitFor([&] { return Check() == nullptr; }));
 }
 
 TEST_P(ContractTest, LinkToAnOwnerThatIsDeadAlreadyIsReported) {
-  world_->Kill();
-  ASSERT_TRUE(WaitFor([&] { return Echo(service_, 1) == android::DEAD_OBJECT; }));
+  transport_->Kill();
+  ASSERT_TRUE(WaitFor([&] { return Echo(1) == android::DEAD_OBJECT; }));
   const sp<Recipient> late(new Recipient());
   EXPECT_EQ(service_->linkToDeath(late), android::OK);
   EXPECT_TRUE(WaitFor([&] { return late->count == 1; }));
@@ -265,11 +243,11 @@ TEST_P(ContractTest, LinkToAnOwnerThatIsDeadAlreadyIsReported) {
 TEST_P(ContractTest, CallUnderWayEndsWithDeath) {
   if (std::string(GetParam()) == "local") GTEST_SKIP() << "its handler would have to return first";
   std::thread killer([&] {
-    while (Appended() != std::vector<int32_t>{1}) std::this_thread::yield();
-    world_->Kill();
+    while (Appended(service_) != std::vector<int32_t>{1}) std::this_thread::yield();
+    transport_->Kill();
   });
-  ASSERT_EQ(Int(orb::test::kAppend, 1, IBinder::FLAG_ONEWAY), android::OK);
-  EXPECT_EQ(Int(orb::test::kHang, 0), android::DEAD_OBJECT);
+  ASSERT_EQ(Call(kOneway, service_, orb::test::kAppend, 1).status, android::OK);
+  EXPECT_EQ(Call(service_, orb::test::kHang, 0).status, android::DEAD_OBJECT);
   killer.join();
   EXPECT_FALSE(service_->isBinderAlive());
 }
@@ -296,7 +274,7 @@ TEST_P(ContractTest, ManyThreadsCallAtOnce) {
   std::vector<std::future<void>> threads;
   for (size_t t = 0; t < 8; t++) {
     threads.push_back(std::async(std::launch::async, [&, t] {
-      for (size_t i = 0; i < 50; i++) EXPECT_EQ(Echo(service_, 10 + t * 700 * i), android::OK);
+      for (size_t i = 0; i < 50; i++) EXPECT_EQ(Echo(10 + t * 700 * i), android::OK);
     }));
   }
 }

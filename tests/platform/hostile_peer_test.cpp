@@ -1,5 +1,5 @@
-// A member of the bus that speaks the protocol as it likes: this process keeps
-// its connection, its memory and everybody else's calls.
+// A member of the bus may send whatever it likes: this process keeps its connection, its
+// memory and the calls of others.
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
 #include <gtest/gtest.h>
@@ -30,23 +30,34 @@ namespace {
 
 using android::sp;
 using android::String16;
+using orb::test::Appended;
+using orb::test::Call;
 using orb::test::TestObject;
+using orb::test::WaitFor;
 using orb_platform::BusMessage;
 using orb_platform::CallBudget;
 using orb_platform::kRootPath;
 
 constexpr char kService[] = "org.orb.service.target";
+constexpr size_t kFloodBytes = 400 << 10;  // Of one call.
 
 class RawPeer : public orb::test::RawPeer {
  public:
   explicit RawPeer(const orb::test::PrivateBus& bus) : orb::test::RawPeer(bus.address(), kService) {
     EXPECT_TRUE(Connected());
   }
+  // A transaction whose data are zeros.
+  BusMessage NewCall(uint64_t id, uint32_t code, size_t bytes = 0, size_t objects = 0,
+                     uint8_t kind = 0, const std::string& owner = "") {
+    BusMessage call = Transaction(id, code, bytes);
+    AppendObjects(call, objects, kind, owner);
+    return call;
+  }
 };
 
 class HostilePeerTest : public testing::Test {
  protected:
-  // One connection of a test stands for a client of some user.
+  // Each connection of a test plays a client of another user, so the bus must allow many.
   HostilePeerTest() : bus_("<limit name=\"max_connections_per_user\">2000</limit>") {
     bus_.SetEnvironment();
   }
@@ -58,7 +69,7 @@ class HostilePeerTest : public testing::Test {
   }
 
   orb::test::PrivateBus bus_;
-  const sp<TestObject> target_{new TestObject()};
+  const sp<android::IBinder> target_{new TestObject()};
 };
 
 TEST_F(HostilePeerTest, IsAnsweredWithAnError) {
@@ -71,9 +82,7 @@ TEST_F(HostilePeerTest, IsAnsweredWithAnError) {
     return call;
   };
   const auto parcel = [&](size_t bytes, size_t objects, uint8_t kind, const std::string& owner) {
-    BusMessage call = peer.Transaction(id, orb::test::kAppended, bytes);
-    RawPeer::AppendObjects(call, objects, kind, owner);
-    return call;
+    return peer.NewCall(id, orb::test::kAppended, bytes, objects, kind, owner);
   };
   const struct {
     const char* name;
@@ -103,7 +112,7 @@ TEST(ConnectionTest, SaysOnceWhyThereIsNone) {
   EXPECT_EQ(android::ProcessState::self(), nullptr);
   EXPECT_EQ(android::ProcessState::self(), nullptr);
   EXPECT_EQ(log.Count("no connection to the bus at unix:path=/nowhere: No such file"), 1u);
-  // One for the second peer, and none for this process.
+  // A bus that allows one connection, which the raw peer has.
   orb::test::PrivateBus full("<limit name=\"max_connections_per_user\">1</limit>");
   const RawPeer only(full);
   full.SetEnvironment();
@@ -158,78 +167,53 @@ TEST_F(HostilePeerTest, FloodsOnlyItsOwnShare) {
   RawPeer other(bus_);
   const uint64_t id = flood.Lookup();
   ASSERT_EQ(other.Lookup(), id);
-  // The first of them waits, and so the others of the object.
-  const auto oneway = [&](uint32_t code, size_t bytes) {
-    const BusMessage call = flood.Transaction(id, code, bytes);
-    RawPeer::AppendObjects(call, 0, 0, "");
-    flood.SendOneway(call);
+  // The first call blocks the object's one-way queue, so that the others pile up.
+  flood.SendOneway(flood.NewCall(id, orb::test::kBlock));
+  for (int i = 0; i < 100; i++)
+    flood.SendOneway(flood.NewCall(id, orb::test::kAppend, kFloodBytes));
+  const auto ask = [id](RawPeer* peer, uint32_t code, size_t bytes = kFloodBytes) {
+    return peer->Ask(peer->NewCall(id, code, bytes));
   };
-  oneway(orb::test::kBlock, 0);
-  constexpr size_t kBytes = 400 << 10;
-  for (int i = 0; i < 100; i++) oneway(orb::test::kAppend, kBytes);
-  const auto ask = [id](RawPeer* peer, uint32_t code, size_t bytes) {
-    const BusMessage call = peer->Transaction(id, code, bytes);
-    RawPeer::AppendObjects(call, 0, 0, "");
-    return peer->Ask(call);
-  };
-  EXPECT_EQ(ask(&flood, orb::test::kEcho, kBytes), SD_BUS_ERROR_LIMITS_EXCEEDED);
-  EXPECT_EQ(ask(&other, orb::test::kCaller, kBytes), "");
+  EXPECT_EQ(ask(&flood, orb::test::kEcho), SD_BUS_ERROR_LIMITS_EXCEEDED);
+  EXPECT_EQ(ask(&other, orb::test::kCaller), "");
   EXPECT_EQ(ask(&other, orb::test::kUnblock, 0), "");
-  const auto appended = [this] {
-    android::Parcel data;
-    android::Parcel reply;
-    std::vector<int32_t> values;
-    target_->transact(orb::test::kAppended, data, &reply);
-    reply.readInt32Vector(&values);
-    return values.size();
-  };
-  EXPECT_TRUE(orb::test::WaitFor([&] { return ask(&flood, orb::test::kCaller, kBytes).empty(); }));
-  EXPECT_TRUE(orb::test::WaitFor([&] { return appended() > 0; }));
-  EXPECT_LE(appended(), CallBudget::kMostBytesOfOne / kBytes);
+  EXPECT_TRUE(WaitFor([&] { return ask(&flood, orb::test::kCaller).empty(); }));
+  EXPECT_TRUE(WaitFor([&] { return !Appended(target_).empty(); }));
+  EXPECT_LE(Appended(target_).size(), CallBudget::kMostBytesOfOne / kFloodBytes);
 }
 
-// A watchdog must notice when no worker is left, though the reading thread answers.
+// A watchdog must notice that no worker is left, although the reader thread answers.
 TEST_F(HostilePeerTest, APingIsServedWhenAWorkerIsFree) {
   RawPeer peer(bus_);
   const uint64_t id = peer.Lookup();
-  const auto call = [&](uint32_t code) {
-    BusMessage message = peer.Transaction(id, code, 0);
-    RawPeer::AppendObjects(message, 0, 0, "");
-    return message;
-  };
   const auto is_served = [before = orb_platform::CallsServed()] {
     return orb_platform::CallsServed() != before;
   };
   const size_t workers = android::ProcessState::self()->getThreadPoolMaxThreadCount();
-  for (size_t i = 0; i < workers; i++) peer.Send(call(orb::test::kBlock));
+  for (size_t i = 0; i < workers; i++) peer.Send(peer.NewCall(id, orb::test::kBlock));
   EXPECT_EQ(peer.Lookup(), id);
   EXPECT_TRUE(orb_platform::PingOwnService());
   EXPECT_EQ(peer.Lookup(), id);
   EXPECT_FALSE(is_served());
-  android::Parcel data;
-  android::Parcel reply;
-  target_->transact(orb::test::kUnblock, data, &reply);
-  EXPECT_TRUE(orb::test::WaitFor(is_served));
+  Call(target_, orb::test::kUnblock);
+  EXPECT_TRUE(WaitFor(is_served));
 }
 
-// Few descriptors, a quarter of them in use by what the process does besides.
+// The process may open few descriptors and uses a quarter of them for other things.
 class FewDescriptorsTest : public HostilePeerTest {
  protected:
-  void SetUp() override {
+  FewDescriptorsTest() {
     const rlimit limit{kFiles, kFiles};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     for (size_t i = 0; i < kFiles / 4; i++) used_.emplace_back(dup(STDIN_FILENO));
-    HostilePeerTest::SetUp();
   }
   static constexpr size_t kFiles = 256;
-
- private:
   std::vector<orb::UniqueFd> used_;
 };
 
-// The binding cannot read on after a message whose descriptors found no place.
+// The binding cannot go on after a message whose descriptors the process has no room for.
 TEST_F(FewDescriptorsTest, AreNotUsedUpByCalls) {
-  constexpr size_t kOfAMessage = 16;  // As many as a stock bus lets through.
+  constexpr size_t kOfAMessage = 16;  // The limit of a stock bus.
   RawPeer other(bus_);
   const uint64_t id = other.Lookup();
   std::vector<std::unique_ptr<RawPeer>> peers;
@@ -252,9 +236,7 @@ TEST_F(FewDescriptorsTest, AreNotUsedUpByCalls) {
     EXPECT_EQ(other.Lookup(), id) << i;
   }
   peers.clear();
-  const BusMessage call = other.Transaction(id, orb::test::kUnblock, 0);
-  RawPeer::AppendObjects(call, 0, 0, "");
-  EXPECT_EQ(other.Ask(call), "");
+  EXPECT_EQ(other.Ask(other.NewCall(id, orb::test::kUnblock)), "");
 }
 
 TEST(FairQueueTest, TakesTurns) {
@@ -274,7 +256,7 @@ TEST(FairQueueTest, TakesTurns) {
 }
 
 TEST(CallBudgetTest, KeepsToEachBound) {
-  constexpr size_t kMost = 160;  // Descriptors in all; a reserve of 20.
+  constexpr size_t kMost = 160;  // Descriptors in total, of which 20 are reserved.
   struct Step {
     const char* sender;
     CallBudget::Cost cost;

@@ -1,11 +1,9 @@
-// Bytes of parcels and statuses, and what readers make of broken ones.
+// The bytes of parcels and statuses, and how readers refuse broken ones.
 #include <binder/Binder.h>
 #include <binder/Parcel.h>
 #include <binder/Status.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <functional>
 
@@ -113,25 +111,6 @@ TEST(ParcelTest, ObjectsAreNeitherReadAsDataNorKeptWhenOverwritten) {
   parcel.writeInt32(1);
   EXPECT_EQ(object->getStrongCount(), 1);
   EXPECT_EQ(parcel.objectsCount(), 0u);
-}
-
-TEST(ParcelTest, OwnsItsDescriptorsAndCopiesThem) {
-  const int given = dup(STDERR_FILENO);
-  int copied = -1;
-  {
-    Parcel copy;
-    {
-      Parcel parcel;
-      parcel.writeInt32(1);
-      parcel.writeParcelFileDescriptor(given, true);
-      ASSERT_EQ(copy.appendFrom(&parcel, 0, parcel.dataSize()), android::OK);
-    }
-    EXPECT_EQ(fcntl(given, F_GETFD), -1);
-    copy.setDataPosition(4);
-    copied = copy.readParcelFileDescriptor();
-    EXPECT_NE(fcntl(copied, F_GETFD), -1);
-  }
-  EXPECT_EQ(fcntl(copied, F_GETFD), -1);
 }
 
 TEST(StatusTest, TransportErrorIsNoException) {

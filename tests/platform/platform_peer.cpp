@@ -1,8 +1,8 @@
 // usage: platform_peer NAME     (the other process of the bus tests)
 //
-// Serves a TestObject under NAME and prints "ready CODE". Then, per line:
-// "again" serves a new object under the name, and "alive" prints how many
-// objects there are; each prints its word and a number. Ends with its input.
+// Serves a TestObject under NAME and prints "ready CODE". Then it reads commands, one a
+// line: "again" serves a new object under NAME and prints "again CODE", "alive" prints
+// "alive" and the number of objects. It ends when its input ends.
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>

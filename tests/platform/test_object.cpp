@@ -40,25 +40,13 @@ status_t TestObject::dump(int fd, const android::Vector<android::String16>& args
   return write(fd, text.data(), text.size()) == size ? android::OK : -errno;
 }
 
-status_t Store(const sp<IBinder>& at, const sp<IBinder>& object) {
-  Parcel data;
-  Parcel reply;
-  data.writeStrongBinder(object);
-  return at->transact(kStore, data, &reply);
-}
-
-sp<IBinder> Stored(const sp<IBinder>& at) {
-  Parcel data;
-  Parcel reply;
-  return at->transact(kStored, data, &reply) == android::OK ? reply.readStrongBinder() : nullptr;
-}
-
-int32_t Nest(const sp<IBinder>& at, int32_t depth, const sp<IBinder>& peer) {
-  Parcel data;
-  Parcel reply;
-  data.writeInt32(depth);
-  data.writeStrongBinder(peer);
-  return at->transact(kNest, data, &reply) == android::OK ? reply.readInt32() : -1;
+std::string ReadAll(int fd) {
+  std::string text;
+  char block[64];
+  for (ssize_t count; (count = read(fd, block, sizeof block)) > 0;) {
+    text.append(block, static_cast<size_t>(count));
+  }
+  return text;
 }
 
 void Recipient::binderDied(const android::wp<IBinder>& who) {
@@ -78,9 +66,7 @@ status_t TestObject::Descriptor(const Parcel& data, Parcel* reply) {
   android::base::unique_fd from;
   const status_t status = data.readUniqueFileDescriptor(&from);
   if (status != android::OK) return status;
-  char text[16] = {};
-  const ssize_t got = read(from.get(), text, sizeof text - 1);
-  reply->writeUtf8AsUtf16(std::string(text, got > 0 ? static_cast<size_t>(got) : 0));
+  reply->writeUtf8AsUtf16(ReadAll(from.get()));
   int ends[2];
   if (pipe(ends) != 0 || write(ends[1], "back", 4) != 4) return android::UNKNOWN_ERROR;
   close(ends[1]);

@@ -1,5 +1,5 @@
-// An object that does what the transport has to stand: served in the test's
-// process, or by platform_peer in another.
+// An object for the tests of the bus and of the local transport. The test's own process
+// serves it, or platform_peer does.
 #pragma once
 
 #include <binder/Binder.h>
@@ -8,10 +8,12 @@
 #include <utils/Vector.h>
 
 #include <atomic>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "utility/thread_annotations.h"
+#include "utility/unique_fd.h"
 
 namespace orb::test {
 
@@ -57,13 +59,49 @@ class TestObject : public android::BBinder {
   bool unblocked_ ORB_GUARDED_BY(mutex_) = false;
 };
 
-// What a call to such an object gives.
-android::status_t Store(const android::sp<android::IBinder>& at,
-                        const android::sp<android::IBinder>& object);
-android::sp<android::IBinder> Stored(const android::sp<android::IBinder>& at);
-// How deep the two called each other; -1 on failure.
-int32_t Nest(const android::sp<android::IBinder>& at, int32_t depth,
-             const android::sp<android::IBinder>& peer);
+inline void Append(android::Parcel* to, int32_t value) { to->writeInt32(value); }
+inline void Append(android::Parcel* to, const android::sp<android::IBinder>& value) {
+  to->writeStrongBinder(value);
+}
+inline void Append(android::Parcel* to, const std::vector<uint8_t>& value) {
+  to->writeByteVector(value);
+}
+inline void Append(android::Parcel* to, const UniqueFd& value) {
+  to->writeDupFileDescriptor(value.get());
+}
+// What there is to read until every writer has closed its end.
+std::string ReadAll(int fd);
+
+// One call: its constructor sends the arguments and waits.
+struct Call {
+  template <typename... Arguments>
+  Call(const android::sp<android::IBinder>& at, uint32_t code, const Arguments&... arguments)
+      : Call(0u, at, code, arguments...) {}
+  template <typename... Arguments>
+  Call(uint32_t flags, const android::sp<android::IBinder>& at, uint32_t code,
+       const Arguments&... arguments) {
+    android::Parcel data;
+    (Append(&data, arguments), ...);
+    status = at->transact(code, data, &reply, flags);
+  }
+  android::status_t status;
+  android::Parcel reply;
+};
+
+inline android::sp<android::IBinder> Stored(const android::sp<android::IBinder>& at) {
+  return Call(at, kStored).reply.readStrongBinder();
+}
+// How deep the two called each other.
+inline int32_t Nest(const android::sp<android::IBinder>& at, int32_t depth,
+                    const android::sp<android::IBinder>& peer) {
+  return Call(at, kNest, depth, peer).reply.readInt32();
+}
+// All that kAppend was given.
+inline std::vector<int32_t> Appended(const android::sp<android::IBinder>& at) {
+  std::vector<int32_t> values;
+  Call(at, kAppended).reply.readInt32Vector(&values);
+  return values;
+}
 
 class Recipient : public android::IBinder::DeathRecipient {
  public:
@@ -73,8 +111,8 @@ class Recipient : public android::IBinder::DeathRecipient {
   std::atomic<std::thread::id> on_thread;
 };
 
-// Ends the bus and waits until this process has seen it: its descriptors are
-// closed by then, not while the next test opens others under their numbers.
+// Ends the bus and waits until this process has closed its connection, so that the next
+// test's descriptors do not get the same numbers meanwhile.
 template <typename Bus>
 void EndBus(Bus* bus) {
   bus->Kill();

@@ -1,4 +1,4 @@
-// Death notices: who owns a link, and when it says what.
+// Death notices: who owns a link, and when it reports what.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -12,7 +12,7 @@ namespace {
 using ndk::ScopedAIBinder_DeathRecipient;
 using ndk::SpAIBinder;
 
-// What happened to one link, as letters in order: d for died, u for unlinked.
+// Records what happened to a link, in order: d for died, u for unlinked.
 class Story {
  public:
   static void OnDied(void* story) { static_cast<Story*>(story)->Add('d'); }
@@ -22,7 +22,7 @@ class Story {
     orb::MutexLock lock(mutex_);
     return text_;
   }
-  // The story once it is that long, or what there is after a while.
+  // Waits until the text is that long, or for the time-out.
   std::string WaitFor(size_t letters) const {
     orb::test::WaitFor([&] { return Now().size() >= letters; });
     return Now();
@@ -54,8 +54,7 @@ class NdkDeathTest : public orb::test::EchoTest {
     return AIBinder_unlinkToDeath(binder.get(), recipient_.get(), story);
   }
 
-  Story one_;
-  Story two_;
+  Story one_, two_;
   SpAIBinder remote_ = Check();
   ScopedAIBinder_DeathRecipient recipient_{NewRecipient()};
 };
@@ -84,7 +83,6 @@ TEST_F(NdkDeathTest, UnlinkedLinksAndThoseOfADeletedRecipientAreNotTold) {
   ASSERT_EQ(Link(remote_, &two_), STATUS_OK);
   recipient_.set(NewRecipient());  // Replaces and deletes.
   EXPECT_EQ(two_.Now(), "uu");
-  // Its end is the end of all.
   Story witness;
   ASSERT_EQ(Link(remote_, &witness), STATUS_OK);
   ASSERT_TRUE(manager_->Kill(kName));

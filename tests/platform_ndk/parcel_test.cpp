@@ -20,7 +20,6 @@ using ndk::ScopedAStatus;
 class NdkParcelTest : public testing::Test {
  protected:
   void Rewind() { ASSERT_EQ(AParcel_setDataPosition(parcel_.get(), 0), STATUS_OK); }
-  // All words of a parcel without objects.
   std::vector<int32_t> Words() {
     Rewind();
     std::vector<int32_t> words(static_cast<size_t>(AParcel_getDataSize(parcel_.get())) / 4);
@@ -41,7 +40,6 @@ class NdkParcelTest : public testing::Test {
   ScopedAParcel parcel_{AParcel_create()};
 };
 
-// What reading a T from parcels of these words gives.
 template <typename T>
 binder_status_t ReadFrom(const AParcel* parcel) {
   T value;
@@ -92,18 +90,17 @@ TEST_F(NdkParcelTest, LengthsThatLieAreRefusedBeforeAnythingIsAllocated) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    ScopedAParcel parcel(AParcel_create());
-    for (const int32_t word : c.words) ASSERT_EQ(AParcel_writeInt32(parcel.get(), word), STATUS_OK);
-    ASSERT_EQ(AParcel_setDataPosition(parcel.get(), 0), STATUS_OK);
-    EXPECT_EQ(c.read(parcel.get()), c.want);
+    AParcel_reset(parcel_.get());
+    for (const int32_t word : c.words) Write(word);
+    Rewind();
+    EXPECT_EQ(c.read(parcel_.get()), c.want);
   }
 }
 
 TEST_F(NdkParcelTest, ParcelablesOfOtherVersionsAreRead) {
-  // One field fewer: the reader keeps its value. One more: it is skipped.
-  for (const int32_t word : {1, 8, 0, 1, 16, 0, 0, 77, 5}) {
-    ASSERT_EQ(AParcel_writeInt32(parcel_.get(), word), STATUS_OK);
-  }
+  // The first has one field fewer, whose value stays. The second has one more, which is
+  // skipped.
+  for (const int32_t word : {1, 8, 0, 1, 16, 0, 0, 77, 5}) Write(word);
   Rewind();
   NativeHandle older;
   older.ints = {9};
@@ -113,13 +110,12 @@ TEST_F(NdkParcelTest, ParcelablesOfOtherVersionsAreRead) {
 }
 
 TEST_F(NdkParcelTest, StatusesCrossWithTheirMessage) {
-  struct Case {
+  const struct {
     ScopedAStatus status;
     binder_exception_t exception;
     int32_t specific;
     binder_status_t transport;
-  };
-  Case cases[] = {
+  } kCases[] = {
       {ScopedAStatus::ok(), EX_NONE, 0, STATUS_OK},
       {ScopedAStatus::fromExceptionCode(EX_SECURITY), EX_SECURITY, 0, STATUS_OK},
       {ScopedAStatus::fromServiceSpecificErrorWithMessage(42, "\xc3\xbcml\xe4\xb8\xad"),
@@ -128,21 +124,18 @@ TEST_F(NdkParcelTest, StatusesCrossWithTheirMessage) {
       {ScopedAStatus::fromStatus(-12345), EX_TRANSACTION_FAILED, 0, STATUS_UNKNOWN_ERROR},
       {ScopedAStatus(), EX_TRANSACTION_FAILED, 0, STATUS_UNEXPECTED_NULL},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.status.getDescription());
-    EXPECT_EQ(c.status.isOk(), c.exception == EX_NONE);
     EXPECT_EQ(c.status.getExceptionCode(), c.exception);
     EXPECT_EQ(c.status.getServiceSpecificError(), c.specific);
     EXPECT_EQ(c.status.getStatus(), c.transport);
     if (c.exception == EX_TRANSACTION_FAILED) continue;
-    ScopedAParcel parcel(AParcel_create());
-    ASSERT_EQ(AParcel_writeStatusHeader(parcel.get(), c.status.get()), STATUS_OK);
-    ASSERT_EQ(AParcel_setDataPosition(parcel.get(), 0), STATUS_OK);
+    const ScopedAParcel parcel(AParcel_create());
     ScopedAStatus read;
+    AParcel_writeStatusHeader(parcel.get(), c.status.get());
+    AParcel_setDataPosition(parcel.get(), 0);
     ASSERT_EQ(AParcel_readStatusHeader(parcel.get(), read.getR()), STATUS_OK);
-    EXPECT_EQ(read.getExceptionCode(), c.exception);
-    EXPECT_EQ(read.getServiceSpecificError(), c.specific);
-    EXPECT_STREQ(read.getMessage(), c.status.getMessage());
+    EXPECT_EQ(read.getDescription(), c.status.getDescription());
   }
 }
 

@@ -45,15 +45,14 @@ bool Overlap(const ByteQueue::Grantor& a, const ByteQueue::Grantor& b) {
   return static_cast<size_t>(a.offset) < End(b) && static_cast<size_t>(b.offset) < End(a);
 }
 
-// Memory of that size which keeps it.
+// Makes memory whose size cannot change.
 ::ndk::ScopedFileDescriptor MakeMemory(size_t bytes) {
   ::ndk::ScopedFileDescriptor fd(ashmem_create_region("MessageQueue", bytes));
   if (fd.get() < 0) QUEUE_LOGE("Cannot make queue memory of %zu bytes: errno %d", bytes, errno);
   return fd;
 }
 
-// Bytes in the memory behind the descriptor; 0 when it is no memory that is
-// sure to stay that large.
+// The size of the descriptor's memory; 0 unless it is memory that cannot shrink.
 size_t StableSize(int fd) {
   const int seals = fcntl(fd, F_GET_SEALS);
   struct stat info = {};
@@ -118,7 +117,7 @@ std::unique_ptr<ByteQueue> ByteQueue::Create(size_t quantum, size_t count, bool 
   ::ndk::ScopedFileDescriptor fd = MakeMemory(bytes);
   if (fd.get() < 0) return nullptr;
   std::unique_ptr<ByteQueue> queue(new ByteQueue(std::move(fd), std::move(grantors), quantum));
-  // All of it will be written: in one go that is cheaper than page by page.
+  // The writer will fill all pages; one system call for them is cheaper than a fault each.
   return queue->Map(MAP_POPULATE) ? std::move(queue) : nullptr;
 }
 
@@ -139,7 +138,7 @@ std::unique_ptr<ByteQueue> ByteQueue::Attach(size_t quantum, const Received& des
     return nullptr;
   }
   std::unique_ptr<ByteQueue> queue(new ByteQueue(std::move(fd), desc.grantors, quantum));
-  // Not so here: a peer's memory may be large and empty.
+  // Does not populate: a peer's memory may be large and empty.
   if (!queue->Map(0)) return nullptr;
   if (reset) {
     queue->Counter(kReadCounter).store(0, std::memory_order_release);
@@ -181,10 +180,10 @@ std::atomic<uint32_t>* ByteQueue::event_flag() const {
   return reinterpret_cast<std::atomic<uint32_t>*>(At(kEventFlag));
 }
 
-// False when the counters cannot be true. The peer's counter is acquired, so
-// that the bytes which it covers are seen.
+// False when the counters contradict each other. Acquires the peer's counter, so that the
+// bytes which it covers are visible.
 bool ByteQueue::Load(Counters* counters) const {
-  // One of the two is the caller's own and stands still between the loads.
+  // The caller owns one of the two, so that one does not change between the loads.
   const uint64_t written = Counter(kWriteCounter).load(std::memory_order_acquire);
   counters->read = Counter(kReadCounter).load(std::memory_order_acquire);
   counters->used = written - counters->read;

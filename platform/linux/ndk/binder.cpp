@@ -47,7 +47,7 @@ class LocalBinder : public AIBinder, public android::BBinder {
     if (!IsMethod(code)) return BBinder::onTransact(code, data, reply, flags);
     if (!data.checkInterface(this)) return STATUS_BAD_TYPE;
     Parcel unwanted;
-    // Never written through: the class gets it as const.
+    // Nothing writes through this pointer: the class gets a const AParcel.
     const AParcel in(this, const_cast<Parcel*>(&data));
     AParcel out(this, reply != nullptr ? reply : &unwanted);
     return Prune(clazz_->on_transact(this, code, &in, &out));
@@ -58,7 +58,7 @@ class LocalBinder : public AIBinder, public android::BBinder {
   void* const user_data_;
 };
 
-// Handles of binders that are no LocalBinder, by the binder that each holds.
+// The handle of a binder that is no LocalBinder. A table finds the handle by the binder.
 class OtherBinder : public AIBinder {
  public:
   static sp<AIBinder> Of(const sp<IBinder>& binder) {
@@ -81,7 +81,7 @@ class OtherBinder : public AIBinder {
     Table& table = TheTable();
     orb::MutexLock lock(table.mutex);
     const auto entry = table.entries.find(binder_.get());
-    // Once the last reference was gone, another handle may have replaced this.
+    // Another handle may have replaced this one after its last reference was freed.
     if (entry != table.entries.end() && entry->second.raw == this) table.entries.erase(entry);
   }
 
@@ -117,11 +117,10 @@ bool AIBinder::Associate(const AIBinder_Class* clazz) {
     return false;
   }
   const sp<IBinder> binder = Binder();
-  // Asking may take for ever, and an object that came with a call is the caller's: nobody
-  // who serves a call waits for whom it may call back. One of another class refuses what
-  // it is called for.
+  // Does not ask while this thread serves a call: the object is probably the caller's,
+  // whose answer may never come. An object of another class refuses the later calls.
   if (IsRemote() && orb_platform::CallerScope::Current() != nullptr) return SetClass(clazz);
-  // Asks a remote object the first time; no lock is held meanwhile.
+  // Asks a remote object the first time, while no lock is held.
   const android::String16& actual = binder->getInterfaceDescriptor();
   if (actual != clazz->wide_descriptor) {
     if (binder->isBinderAlive()) {

@@ -1,4 +1,4 @@
-// Death recipients: the recipient owns its links, the proxies know them weakly.
+// Death recipients. A recipient owns its links; proxies hold weak references to them.
 // Tested by tests/platform_ndk/death_test.cpp.
 #include <atomic>
 #include <iterator>
@@ -18,7 +18,7 @@ namespace {
 
 class Link;
 
-// The links of one recipient; it goes away with the recipient.
+// The links of one recipient, which owns the set.
 class LinkSet {
  public:
   void Add(const sp<Link>& link) ORB_EXCLUDES(mutex_);
@@ -26,7 +26,7 @@ class LinkSet {
   sp<Link> Take(const IBinder* binder, const void* cookie) ORB_EXCLUDES(mutex_);
   std::vector<sp<Link>> TakeAll() ORB_EXCLUDES(mutex_);
   void Remove(const Link* link) ORB_EXCLUDES(mutex_);
-  // Drops the links of proxies that are gone: they would pile up for ever.
+  // Removes links whose proxies are destroyed, because nothing else removes them.
   void DropUseless() ORB_EXCLUDES(mutex_);
 
  private:
@@ -34,8 +34,8 @@ class LinkSet {
   std::vector<sp<Link>> links_ ORB_GUARDED_BY(mutex_);
 };
 
-// One call of linkToDeath: armed -> (died | unlinked) -> destroyed, which is
-// when onUnlinked runs. Links are destroyed with no lock held.
+// The link that one linkToDeath makes: armed, then died or unlinked, then destroyed. Its
+// destructor runs onUnlinked, so no lock is held there.
 class Link : public IBinder::DeathRecipient {
  public:
   Link(const std::shared_ptr<LinkSet>& set, const sp<IBinder>& binder, void* cookie,
@@ -43,13 +43,13 @@ class Link : public IBinder::DeathRecipient {
        AIBinder_DeathRecipient_onBinderUnlinked on_unlinked)
       : set_(set), binder_(binder), cookie_(cookie), on_died_(on_died), on_unlinked_(on_unlinked) {}
 
-  // The callback may delete the recipient that owns this link.
+  // on_died_ may delete the recipient that owns this link.
   void binderDied(const wp<IBinder>& who) override {
     if (Disarm()) on_died_(cookie_);
     const std::shared_ptr<LinkSet> set = set_.lock();
     if (set == nullptr) return;
     set->Remove(this);
-    // As on Android, the notice uses up a second link with the same cookie.
+    // As on Android, one notice also disarms a second link with the same cookie.
     const sp<Link> twin = set->Take(who.unsafe_get(), cookie_);
     if (twin != nullptr) static_cast<void>(twin->Disarm());
   }
@@ -104,7 +104,7 @@ std::vector<sp<Link>> LinkSet::TakeAll() {
 
 void LinkSet::Remove(const Link* link) {
   orb::MutexLock lock(mutex_);
-  // Whoever calls holds a reference, so none of these is the last.
+  // The caller holds a reference, so this destroys no link under the lock.
   std::erase_if(links_, [link](const sp<Link>& each) { return each.get() == link; });
 }
 
@@ -122,7 +122,7 @@ struct AIBinder_DeathRecipient {
  public:
   explicit AIBinder_DeathRecipient(AIBinder_DeathRecipient_onBinderDied on_died)
       : on_died_(on_died) {}
-  // A callback that has begun on another thread may still run afterwards.
+  // A callback that another thread has begun may still run after this.
   ~AIBinder_DeathRecipient() {
     for (const sp<Link>& link : links_->TakeAll()) {
       if (link->Disarm()) link->Unlink();
@@ -136,7 +136,7 @@ struct AIBinder_DeathRecipient {
   binder_status_t LinkTo(const sp<IBinder>& binder, void* cookie) {
     links_->DropUseless();
     const sp<Link> link(new Link(links_, binder, cookie, on_died_, on_unlinked_.load()));
-    // First, so that a death which is reported at once finds the link to remove.
+    // Added first, so that a death which is reported at once can remove it.
     links_->Add(link);
     const status_t status = binder->linkToDeath(link, cookie, 0);
     if (status != android::OK) links_->Remove(link.get());

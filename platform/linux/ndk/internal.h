@@ -1,8 +1,8 @@
-// What stands behind the NDK interface's opaque handles.
+// The types of the NDK interface's opaque handles.
 //
-// AIBinder -+- LocalBinder: an object of a class that this process defined; it
-//           |  is a BBinder, so that every transport can call it.
-//           `- OtherBinder: any other binder; one for each, while it is held.
+// AIBinder -+- LocalBinder: an object of a class that this process has defined. It is a
+//           |  BBinder, so that every transport can call it.
+//           `- OtherBinder: the handle of any other binder, one for each.
 #pragma once
 
 #include <android/binder_ibinder.h>
@@ -28,7 +28,7 @@ struct AParcel {
   // A parcel of its own, for a transaction on `binder` (or none).
   explicit AParcel(const AIBinder* binder)
       : binder(binder), owned(std::make_unique<android::Parcel>()), parcel(owned.get()) {}
-  // Somebody else's parcel, which outlives this.
+  // A borrowed parcel, which must outlive this.
   AParcel(const AIBinder* binder, android::Parcel* borrowed) : binder(binder), parcel(borrowed) {}
 
   const AIBinder* const binder;  // For comparison only.
@@ -66,10 +66,10 @@ namespace orb_platform {
 
 // The handle of this binder; null for null.
 android::sp<AIBinder> HandleOf(const android::sp<android::IBinder>& binder);
-// With a reference for the caller of a C function.
+// Adds a reference, which the caller of a C function then owns.
 AIBinder* NewReference(const android::sp<AIBinder>& handle);
 
-// Any status that the NDK interface does not name is STATUS_UNKNOWN_ERROR.
+// Turns every value that the NDK interface does not name into one that stands for unknown.
 binder_status_t Prune(android::status_t status);
 binder_exception_t PruneException(int32_t exception);
 

@@ -12,8 +12,8 @@ using orb_platform::Prune;
 
 namespace {
 
-// Reads the length of an array of items of that size; -1 means null. A length that the
-// data cannot have is STATUS_NO_MEMORY, as on Android, but nothing is allocated for it.
+// Reads the length of an array; -1 means null. A length beyond the data is
+// STATUS_NO_MEMORY, as on Android, but allocates nothing.
 binder_status_t ReadLength(const Parcel& parcel, size_t item_bytes, int32_t* length) {
   const android::status_t status = parcel.readInt32(length);
   if (status != android::OK) return Prune(status);

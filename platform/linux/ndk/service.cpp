@@ -1,4 +1,4 @@
-// Services by name and the thread pool: both are the ones of libbinder.
+// Services and the thread pool of the NDK interface, which are those of libbinder.
 // Tested by tests/services/hal_test.cpp.
 #include <android/binder_manager.h>
 #include <android/binder_process.h>

@@ -1,4 +1,4 @@
-// AStatus, and the numbers that may cross the NDK interface.
+// AStatus, and which status codes and exceptions the NDK interface may return.
 // Tested by tests/platform_ndk/parcel_test.cpp.
 #include <cstdlib>
 #include <cstring>

@@ -1,7 +1,7 @@
-// libcutils as Debian builds it makes a region an unlinked file below /tmp, which
-// mostly is on a disk: telemetry would be written there in the clear, and writers
-// held up by its write-back. This definition comes before that one. Its memory is sealed:
-// it keeps its size, so that a receiver can rely on what it was told is there.
+// Debian's libcutils makes a region an unlinked file below /tmp. That is often on a disk,
+// so telemetry would lie there in the clear and write-back would delay writers. This
+// definition replaces that one. The memory is sealed at its size, so that a receiver can
+// rely on the size that it was told.
 // Tested by tests/serializer/kpi_memory_serializer_test.cpp.
 #include <cutils/ashmem.h>
 #include <fcntl.h>

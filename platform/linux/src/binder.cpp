@@ -1,4 +1,4 @@
-// What every binder has, and the local side of a call.
+// The parts that all binders share, and local binders.
 // Tested by tests/platform/contract_test.cpp.
 #include <binder/Binder.h>
 #include <binder/BpBinder.h>

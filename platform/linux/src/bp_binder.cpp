@@ -1,4 +1,4 @@
-// Life and death of a proxy; the target does the talking.
+// Proxies: their death links and what they know of the remote. RemoteTarget sends calls.
 // Tested by tests/platform/contract_test.cpp.
 #include <binder/BpBinder.h>
 #include <binder/Parcel.h>
@@ -23,7 +23,7 @@ struct Link {
 
 std::atomic<int32_t> last_handle{0};
 
-// Whether an object of this level promises what a call with these flags relies on.
+// Whether an object of this level may be called with these flags.
 bool IsStable(int32_t level, uint32_t code, uint32_t flags) {
   using internal::Stability;
   if (level == Stability::UNDECLARED || code < IBinder::FIRST_CALL_TRANSACTION ||
@@ -47,7 +47,7 @@ struct BpBinder::State {
   std::atomic<int32_t> stability{internal::Stability::UNDECLARED};
 
   orb::Mutex mutex;
-  // The owner is gone, which a DEAD_OBJECT from a handler does not say.
+  // The owner has gone. A DEAD_OBJECT from a handler does not mean that.
   bool owner_gone ORB_GUARDED_BY(mutex) = false;
   bool reported ORB_GUARDED_BY(mutex) = false;
   std::vector<Link> links ORB_GUARDED_BY(mutex);
@@ -64,7 +64,7 @@ sp<BpBinder> BpBinder::create(std::shared_ptr<orb_platform::RemoteTarget> target
 }
 
 void BpBinder::onLastStrongRef(const void* id) {
-  IBinder::onLastStrongRef(id);  // Sees what other threads did with their references.
+  IBinder::onLastStrongRef(id);  // Makes other threads' writes visible.
   state_->target->Released(this);
 }
 
@@ -106,7 +106,7 @@ status_t BpBinder::pingBinder() {
 status_t BpBinder::dump(int fd, const Vector<String16>& args) {
   Parcel data;
   Parcel reply;
-  // A duplicate: a parcel closes, once delivered, what it carries.
+  // Sends a duplicate, because the receiver's parcel closes what it carries.
   status_t status = data.writeDupFileDescriptor(fd);
   if (status == OK) status = data.writeInt32(static_cast<int32_t>(args.size()));
   for (size_t i = 0; status == OK && i < args.size(); i++) status = data.writeString16(args[i]);
@@ -117,7 +117,7 @@ status_t BpBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, ui
   if (!isBinderAlive()) return DEAD_OBJECT;
   if (data.errorCheck() != OK) return data.errorCheck();
   if (!IsStable(stability(), code, flags)) return BAD_TYPE;
-  flags &= ~uint32_t{FLAG_PRIVATE_VENDOR};  // Only this check reads it.
+  flags &= ~uint32_t{FLAG_PRIVATE_VENDOR};  // Nothing after this check needs it.
   if (orb_platform::ExceedsLimit(data, flags)) return FAILED_TRANSACTION;
   if ((flags & FLAG_CLEAR_BUF) != 0) data.markSensitive();
   const status_t status = state_->target->Transact(code, data, reply, flags);

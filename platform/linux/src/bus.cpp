@@ -31,9 +31,9 @@ namespace {
 std::atomic<int> connection_fd{-1};
 std::atomic<uint64_t> lost_buses{0};
 
-// A child of fork() that lives on would keep the connection open after the parent's
-// end, and everybody would take the parent for alive. The binding does nothing in a
-// child, so there the descriptor leads nowhere. Runs before fork() returns.
+// A child of fork() that lives on would keep the connection open after the parent's end,
+// and peers would take the parent for alive. The binding does not work in a child, so the
+// child replaces the descriptor by /dev/null before fork() returns.
 void LeaveConnectionToParent() {
   const int fd = connection_fd.load();
   if (fd < 0) return;
@@ -43,9 +43,9 @@ void LeaveConnectionToParent() {
   close(nowhere);
 }
 
-// A quarter of what the process may open: while a call runs, its descriptors exist in
-// the message, in the parcel and in the handler, and the binding cannot read on after a
-// message whose descriptors found no place.
+// A quarter of what the process may open: while a call runs, its descriptors exist in the
+// message, in the parcel and in the handler. The binding cannot go on after a message
+// whose descriptors the process has no room for.
 size_t MostDescriptorsOfCalls() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return CallBudget::kMostDescriptorsOfOne;
@@ -64,7 +64,7 @@ bool IsRefusedByBus(const BusMessage& reply) {
          sender != nullptr && strcmp(sender, kDaemon) == 0;
 }
 
-// A thread that another process gives back is noticed after this long.
+// How often the reader tries again to start a worker that the system refused.
 constexpr int kGrowRetryMs = 100;
 
 }  // namespace
@@ -85,7 +85,7 @@ bool Bus::Connect() {
   return ConnectLocked();
 }
 
-// Each cause once: who registers tries again every few seconds.
+// Logs each cause once, because a client that registers tries again every few seconds.
 void Bus::ReportConnect(const char* address, int result) {
   if (result < 0 && result != connect_result_) {
     LOGE("no connection to the %s%s: %s%s", address == nullptr ? "system bus" : "bus at ",
@@ -98,7 +98,7 @@ void Bus::ReportConnect(const char* address, int result) {
 }
 
 bool Bus::ConnectLocked() {
-  Process();  // Shows an end of the connection that nobody has read yet.
+  Process();  // Notices an end of the connection.
   if (bus_ != nullptr) return true;
   if (!poller_.Open()) {
     LOGE("no descriptor left for the bus");
@@ -129,7 +129,7 @@ bool Bus::ConnectLocked() {
   bus_ = bus;
   connection_++;
   connection_fd = sd_bus_get_fd(bus_);
-  Process();  // What came behind the greeting is in the binding's own buffer.
+  Process();  // The binding may hold messages already, which epoll does not see.
   Rearm();
   return bus_ != nullptr;
 }
@@ -153,12 +153,11 @@ void Bus::Process() {
   int result;
   while ((result = sd_bus_process(bus_, nullptr)) > 0) {
   }
-  buried_.clear();
+  dead_peers_.clear();
   if (result < 0 || sd_bus_is_open(bus_) <= 0) Disconnected();
 }
 
-// Every remote is dead, every call has failed, every name is lost. The next
-// use connects again.
+// Ends every proxy, call and name of the connection. The next use connects again.
 void Bus::Disconnected() {
   lost_buses.fetch_add(1);
   watches_all_ = false;
@@ -237,10 +236,10 @@ BusMessage Bus::CallAndWait(const BusMessage& call,
 BusMessage Bus::CallOnce(const BusMessage& call, std::optional<Clock::time_point> deadline) {
   Pending pending;
   pending.deadline = deadline;
-  // A place first: once the call is under way its reply refers to `pending`.
+  // Makes room first: once the call is sent, its reply refers to `pending`.
   const bool placed = orb::Contained(
       "CallAndWait", [&]() ORB_NO_THREAD_SAFETY_ANALYSIS { pending_.push_back(&pending); });
-  if (placed) pending_.pop_back();  // Which keeps the room.
+  if (placed) pending_.pop_back();  // The capacity stays.
   const int sent =
       call == nullptr || !placed
           ? -ENOMEM

@@ -1,14 +1,14 @@
-// This process's connection to the bus: calls out, calls in, who holds what.
+// This process's connection to the bus: outgoing calls, incoming calls, and who holds
+// which object.
 //
 // The binding is not thread-safe, so everything happens under mutex_. The reader
 // thread alone waits on the socket. It hands each reply to the thread that waits for
 // it, and each call to a worker; it runs no handler itself. docs/formats/bus.md has the
 // messages.
 //
-// Objects. A local binder that was sent away is kept in exports_ with a count
-// of sends per holder; a holder's Release gives back as many as it received, so
-// that a send under way is never forgotten. A peer is watched from when the
-// first object goes to or comes from it.
+// Objects. exports_ keeps a local binder that was sent away, and counts the sends to each
+// holder. A holder's Release gives back as many sends as it received, so an object whose
+// send is still under way stays. A peer is watched once it sends or gets an object.
 #pragma once
 
 #include <binder/Binder.h>
@@ -64,8 +64,8 @@ struct WireObjects {
   std::vector<int> fds;  // Borrowed from the message.
 };
 
-// One incoming call; the message is only touched under the bus's mutex, but its
-// body may be read without.
+// One incoming call. The binding's functions take its message under the bus's mutex
+// only; the message's body may be read without it.
 struct Incoming {
   BusMessage message;
   Caller caller;
@@ -91,11 +91,11 @@ class Bus {
                              android::Parcel* reply, uint32_t flags) ORB_EXCLUDES(mutex_);
   void ReleaseProxy(const BusTarget& target, const android::BpBinder* proxy) ORB_EXCLUDES(mutex_);
 
-  // Null when nobody owns the name, this user may not call its owner, or that did not
-  // answer in time; *why is as orb_platform::LastLookUp() says.
+  // Null when nobody owns the name, this user may not call its owner, or the owner did not
+  // answer in time. *why gets the status that orb_platform::LastLookUp() describes.
   android::sp<android::IBinder> FindService(const std::string& bus_name, android::status_t* why)
       ORB_EXCLUDES(mutex_);
-  // 0 or the code of an exception.
+  // Returns 0 or the code of an exception.
   int32_t AddService(const std::string& bus_name, const android::sp<android::BBinder>& service)
       ORB_EXCLUDES(mutex_);
   std::vector<std::string> ListNames() ORB_EXCLUDES(mutex_);
@@ -110,7 +110,7 @@ class Bus {
 
  private:
   using Clock = std::chrono::steady_clock;
-  // One call of ours that waits for its reply.
+  // An outgoing call that waits for its reply.
   struct Pending {
     bool done = false;
     BusMessage reply;  // None when the connection ended first.
@@ -128,15 +128,15 @@ class Bus {
     BusMessage message;
   };
   struct Proxy {
-    android::BpBinder* raw;  // Valid while listed: ReleaseProxy comes before its end.
+    android::BpBinder* raw;  // ReleaseProxy removes it before it is destroyed.
     android::wp<android::BpBinder> weak;
-    uint64_t received;  // Times that the owner counted.
+    uint64_t received;  // Sends that the owner has counted.
   };
   struct Peer {
     Bus* bus;
     std::string name;
     BusSlot check;
-    BusSlot watch;  // None when the rule for all tells of its death.
+    BusSlot watch;  // None while watches_all_ is set.
     std::optional<Credentials> credentials;
     std::map<uint64_t, Proxy> proxies;
   };
@@ -179,7 +179,7 @@ class Bus {
   Peer* EnsurePeer(const std::string& name) ORB_REQUIRES(mutex_);
   void Watch(Peer* peer) ORB_REQUIRES(mutex_);
   void PeerDied(const std::string& name) ORB_REQUIRES(mutex_);
-  // All of the peer's proxies are dead.
+  // Marks the peer's proxies dead and has the deaths reported.
   void SendObituaries(Peer* peer) ORB_REQUIRES(mutex_);
   uint64_t ExportTo(const android::sp<android::BBinder>& binder, const std::string& holder)
       ORB_REQUIRES(mutex_);
@@ -218,41 +218,41 @@ class Bus {
   void QueueTransaction(sd_bus_message* message, const std::string& sender) ORB_REQUIRES(mutex_);
   void HandleLookup(sd_bus_message* message, const std::string& sender) ORB_REQUIRES(mutex_);
   std::string UserOf(const std::string& sender) const ORB_REQUIRES(mutex_);
-  // The next call that waits for a worker: users take turns.
+  // Runs the next call that waits for a worker; users take turns.
   void RunNext() ORB_EXCLUDES(mutex_);
   void RunCall(const std::shared_ptr<Incoming>& call) ORB_EXCLUDES(mutex_);
   void Serve(Incoming* call) ORB_EXCLUDES(mutex_);
-  // Gives the call to a worker; throws when there is no memory, and it is not given then.
+  // Queues the call for a worker. Throws std::bad_alloc; then the call is not queued.
   void Enqueue(const std::shared_ptr<Incoming>& call, const std::shared_ptr<OnewayQueue>& queue)
       ORB_REQUIRES(mutex_);
-  // Gives back what the call holds of the bus.
+  // Frees the call's message and its share of the budget.
   void Finished(Incoming* call) ORB_REQUIRES(mutex_);
   void RunOneway(const std::shared_ptr<OnewayQueue>& queue) ORB_EXCLUDES(mutex_);
   void ReplyError(sd_bus_message* call, const char* error) ORB_REQUIRES(mutex_);
 
   mutable orb::Mutex mutex_;
   BusPoller poller_;
-  std::atomic<uint64_t> served_{0};  // Calls in that a worker has carried out.
+  std::atomic<uint64_t> served_{0};  // Incoming calls that a worker has run.
   sd_bus* bus_ ORB_GUARDED_BY(mutex_) = nullptr;
   uint64_t connection_ ORB_GUARDED_BY(mutex_) = 0;
-  int connect_result_ ORB_GUARDED_BY(mutex_) = 0;  // Of the latest attempt; 0 or -errno.
+  int connect_result_ ORB_GUARDED_BY(mutex_) = 0;  // The latest attempt's 0 or -errno.
   bool reader_started_ ORB_GUARDED_BY(mutex_) = false;
   std::vector<Pending*> pending_ ORB_GUARDED_BY(mutex_);
   std::map<std::string, std::unique_ptr<Peer>> peers_ ORB_GUARDED_BY(mutex_);
-  bool watches_all_ ORB_GUARDED_BY(mutex_) = false;  // Everybody who leaves the bus is told.
-  // Their slots go once the binding is out of their callbacks.
-  std::multimap<std::string, std::unique_ptr<Peer>> buried_ ORB_GUARDED_BY(mutex_);
+  bool watches_all_ ORB_GUARDED_BY(mutex_) = false;  // One rule reports every peer that leaves.
+  // Peers that died inside a callback of the binding; Process() frees their slots later.
+  std::multimap<std::string, std::unique_ptr<Peer>> dead_peers_ ORB_GUARDED_BY(mutex_);
   uint64_t last_id_ ORB_GUARDED_BY(mutex_) = 0;
   std::map<uint64_t, Export> exports_ ORB_GUARDED_BY(mutex_);
   std::map<const android::BBinder*, uint64_t> export_ids_ ORB_GUARDED_BY(mutex_);
   std::map<std::string, uint64_t> services_ ORB_GUARDED_BY(mutex_);  // Bus name to export.
-  // Dropped by a worker or a returning caller: their destructors may call out.
+  // A worker or a returning caller frees these unlocked: their destructors may make calls.
   std::vector<android::sp<android::BBinder>> dropped_ ORB_GUARDED_BY(mutex_);
-  bool drop_posted_ ORB_GUARDED_BY(mutex_) = false;  // A worker's task for it waits.
-  // Two-way ones that wait for a worker, by user.
+  bool drop_posted_ ORB_GUARDED_BY(mutex_) = false;  // A task for that is queued.
+  // Two-way calls that wait for a worker, by user.
   FairQueue<std::shared_ptr<Incoming>> calls_ ORB_GUARDED_BY(mutex_);
-  CallBudget budget_ ORB_GUARDED_BY(mutex_);      // Of calls in that wait or run.
-  bool dropping_ ORB_GUARDED_BY(mutex_) = false;  // The latest call did not fit; said once.
+  CallBudget budget_ ORB_GUARDED_BY(mutex_);      // Incoming calls that wait or run.
+  bool dropping_ ORB_GUARDED_BY(mutex_) = false;  // The latest call was refused; logged once.
 };
 
 }  // namespace orb_platform

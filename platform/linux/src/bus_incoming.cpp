@@ -1,5 +1,5 @@
-// Calls in. The reading thread answers what is about references and names, and
-// queues the transactions.
+// Incoming calls. The reader thread answers those about references and names, and queues
+// transactions for workers.
 // Tested by tests/platform/contract_test.cpp and bus_test.cpp.
 #include <orb_platform/liveness.h>
 
@@ -21,7 +21,7 @@ namespace {
 
 using android::Parcel;
 
-// What the binding and this file hold for a call besides its body.
+// Memory that a call takes besides its body.
 constexpr size_t kCallOverheadBytes = 1024;
 
 bool IdOf(const char* path, uint64_t* id) {
@@ -37,7 +37,7 @@ bool IdOf(const char* path, uint64_t* id) {
 int Bus::OnMessage(sd_bus_message* message, void* bus,
                    sd_bus_error*) ORB_NO_THREAD_SAFETY_ANALYSIS {
   if (sd_bus_message_is_method_call(message, kInterface, nullptr) <= 0) return 0;
-  // The binding answers the caller with the error.
+  // The binding answers the caller with this error.
   return orb::Contained("OnMessage", -ENOMEM, [&]() ORB_NO_THREAD_SAFETY_ANALYSIS {
     return static_cast<Bus*>(bus)->HandleCall(message);
   });
@@ -96,8 +96,8 @@ void Bus::HandleLookup(sd_bus_message* message, const std::string& sender) {
   Send(reply);
 }
 
-// Refuses before anything is allocated for the call; the message itself is in
-// memory already, but only one at a time is.
+// Refuses a call before anything is allocated for it. Its message is in memory already,
+// but only one message at a time is.
 bool Bus::ReadIncoming(sd_bus_message* message, Incoming* call) {
   if (sd_bus_message_has_signature(message, "uuaya(uyst)ah") <= 0 ||
       sd_bus_message_read(message, "uu", &call->code, &call->flags) <= 0 ||
@@ -147,7 +147,7 @@ void Bus::QueueTransaction(sd_bus_message* message, const std::string& sender) {
 
 void Bus::Enqueue(const std::shared_ptr<Incoming>& call,
                   const std::shared_ptr<OnewayQueue>& queue) {
-  // In this order either may throw: the task waits for mutex_, and may find nothing.
+  // Either statement may throw. When the second does, the task finds nothing to run.
   if (!call->oneway) {
     WorkerPool::Get().Post([this] { RunNext(); });
     calls_.Push(UserOf(call->caller.name), call);
@@ -160,7 +160,7 @@ void Bus::Enqueue(const std::shared_ptr<Incoming>& call,
   queue->calls.push_back(call);
 }
 
-// The sender's user; itself, as long as the bus has not told that.
+// The sender's user id, or its bus name until the bus has told the id.
 std::string Bus::UserOf(const std::string& sender) const {
   const auto known = peers_.find(sender);
   if (known == peers_.end() || !known->second->credentials) return sender;
@@ -181,7 +181,7 @@ void Bus::Finished(Incoming* call) {
   budget_.Give(call->caller.name, call->cost);
 }
 
-// One call, then back to the end of the line: objects share the workers fairly.
+// Runs one call and posts itself again, so that objects share the workers fairly.
 void Bus::RunOneway(const std::shared_ptr<OnewayQueue>& queue) {
   std::shared_ptr<Incoming> call;
   {
@@ -203,7 +203,7 @@ void Bus::RunOneway(const std::shared_ptr<OnewayQueue>& queue) {
       "RunOneway", [&] { WorkerPool::Get().Post([this, queue] { RunOneway(queue); }); });
   if (posted) return;
   orb::MutexLock lock(mutex_);
-  queue->busy = false;  // The next call of the object takes these along.
+  queue->busy = false;  // The object's next call posts a task for these, too.
 }
 
 void Bus::RunCall(const std::shared_ptr<Incoming>& call) {
@@ -242,7 +242,7 @@ void Bus::Serve(Incoming* call) {
   }
 }
 
-// One-way: nobody has to wait for it.
+// Sends a one-way call, so that the caller does not wait.
 bool Bus::PingOwnService() {
   orb::MutexLock lock(mutex_);
   const char* self = nullptr;

@@ -13,8 +13,8 @@ constexpr char kDaemonPath[] = "/org/freedesktop/DBus";
 constexpr char kErrorNoObject[] = "org.orb.Binder.Error.NoObject";
 constexpr char kErrorNoService[] = "org.orb.Binder.Error.NoService";
 
-// Names of this form are never given to another connection. Nothing else from a
-// peer is taken for a peer's name.
+// The bus never reuses a name of this form. A name that one peer sends of another must
+// have it.
 inline bool IsUniqueName(const char* name) {
   return name[0] == ':' && sd_bus_service_name_is_valid(name) > 0;
 }

@@ -20,7 +20,7 @@ using android::sp;
 
 namespace {
 
-// An owner's reader answers at once; one that is stopped must not hold us up.
+// The owner's reader thread answers at once; a stopped process must not block the caller.
 constexpr std::chrono::milliseconds kLookupTimeout{2000};
 constexpr uint32_t kDoNotQueue = 4;
 constexpr uint32_t kPrimaryOwner = 1;
@@ -45,8 +45,8 @@ void BusTarget::PostObituary(const sp<BpBinder>& proxy) {
   WorkerPool::Get().Post([proxy] { proxy->sendObituary(); });
 }
 
-// The watch is older than the question, so that a death before
-// the answer shows, too.
+// Installs the watch before it asks for the credentials, so that a peer which dies before
+// the answer is noticed, too.
 Bus::Peer* Bus::EnsurePeer(const std::string& name) {
   const auto known = peers_.find(name);
   if (known != peers_.end()) return known->second.get();
@@ -62,8 +62,8 @@ Bus::Peer* Bus::EnsurePeer(const std::string& name) {
   return peer;
 }
 
-// A rule for each peer, so that a client, which has two, sleeps while others come and go;
-// many peers share one, because the bus allows a connection 512.
+// Few peers get a rule each, so that a client, which has two peers, sleeps while others
+// come and go. Many peers share one rule, because the bus allows a connection 512.
 void Bus::Watch(Peer* peer) {
   constexpr size_t kMostAlone = 16;
   if (watches_all_) return;
@@ -128,7 +128,7 @@ bool Bus::ReadCredentials(sd_bus_message* reply, Credentials* out) {
 Credentials Bus::CredentialsOf(const Caller& caller) {
   orb::MutexLock lock(mutex_);
   if (bus_ == nullptr || caller.connection != connection_) return {};
-  // Cached as long as the caller lives: its name is never given to another.
+  // Holds for the caller's life: the bus never gives its name to another connection.
   const auto known = peers_.find(caller.name);
   if (known != peers_.end() && known->second->credentials) return *known->second->credentials;
   EnsurePeer(caller.name);
@@ -145,7 +145,7 @@ void Bus::PeerDied(const std::string& name) {
   if (it == peers_.end()) return;
   auto node = peers_.extract(it);
   SendObituaries(node.mapped().get());
-  buried_.insert(std::move(node));
+  dead_peers_.insert(std::move(node));
   for (auto next = exports_.begin(); next != exports_.end();) {
     const auto held = next++;  // Dropping erases it.
     if (held->second.holders.erase(name) > 0) DropIfUnused(held->first);
@@ -160,8 +160,8 @@ void Bus::SendObituaries(Peer* peer) {
       if (strong == nullptr) continue;
       strong->incStrong(this);
     }
-    // The task has the reference from here on, and without a task it stays: the last one
-    // must not go under the lock.
+    // The task frees the reference. Without memory for a task it leaks on purpose: freeing
+    // the last one here would run a destructor under the lock.
     orb::Contained("SendObituaries", [this, dead = proxy.raw] {
       WorkerPool::Get().Post([this, dead] {
         dead->sendObituary();
@@ -174,7 +174,7 @@ void Bus::SendObituaries(Peer* peer) {
 uint64_t Bus::ExportId(const sp<BBinder>& binder) {
   const auto [it, added] = export_ids_.try_emplace(binder.get(), last_id_ + 1);
   if (!added && exports_.count(it->second) != 0) return it->second;
-  // An id without an export: there was no memory for it.
+  // The id has no export when memory ran out after the id was listed.
   it->second = ++last_id_;
   exports_[it->second].binder = binder;
   return it->second;
@@ -256,7 +256,7 @@ void Bus::ReleaseProxy(const BusTarget& target, const BpBinder* proxy) {
   const auto peer = peers_.find(target.peer);
   if (peer == peers_.end()) return;
   const auto it = peer->second->proxies.find(target.id);
-  // A proxy that was made meanwhile has taken over the count.
+  // A newer proxy of the object has taken over the count.
   if (it == peer->second->proxies.end() || it->second.raw != proxy) return;
   const BusMessage call = NewCall(target.peer.c_str(), kRootPath, kInterface, "Release");
   if (call != nullptr) {
@@ -303,7 +303,7 @@ int32_t Bus::AddService(const std::string& bus_name, const sp<BBinder>& service)
   orb::MutexLock lock(mutex_);
   using android::binder::Status;
   if (!ConnectLocked()) return Status::EX_TRANSACTION_FAILED;
-  // Listed before the name is ours, so that no lookup can come too early.
+  // Lists the service before the bus grants the name, so that no lookup comes too early.
   const uint64_t id = ExportId(service);
   exports_[id].names++;
   const auto [it, added] = services_.try_emplace(bus_name, id);
@@ -318,7 +318,7 @@ int32_t Bus::AddService(const std::string& bus_name, const sp<BBinder>& service)
   const BusMessage reply = CallAndWait(call);
   uint32_t result = 0;
   int32_t code = Status::EX_TRANSACTION_FAILED;
-  if (reply == nullptr) return code;  // Disconnected: nothing is listed any more.
+  if (reply == nullptr) return code;  // Disconnected, so nothing is listed any more.
   if (sd_bus_message_is_method_error(reply.get(), nullptr) > 0) {
     if (sd_bus_message_is_method_error(reply.get(), SD_BUS_ERROR_ACCESS_DENIED) > 0) {
       code = Status::EX_SECURITY;

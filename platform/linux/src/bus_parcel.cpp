@@ -24,8 +24,8 @@ using android::sp;
 
 enum Kind : uint8_t { kSenders = 0, kThirdParty = 1, kReceivers = 2, kDescriptor = 3 };
 
-// Sets the level that stands behind the flat object at `offset`. Only the owner's word
-// counts: anybody else could have our calls refused.
+// Gives the proxy the level that follows the flat object at `offset`. Only the owner's
+// level is believed; another peer could make our calls fail.
 void TakeStability(const Parcel& parcel, size_t offset, IBinder* proxy) {
   int32_t level = 0;
   const size_t at = offset + kFlatObjectBytes;
@@ -46,7 +46,8 @@ android::status_t StatusOfError(const sd_bus_message* error) {
 
 }  // namespace
 
-// The bytes with the flat objects blanked: addresses are nobody else's business.
+// Copies the bytes and blanks the flat objects, which hold addresses of this process.
+// Empty for a parcel without objects.
 std::vector<uint8_t> Bus::Scrub(const Parcel& parcel) {
   std::vector<uint8_t> bytes;
   if (ParcelAccess::Count(parcel) == 0) return bytes;
@@ -83,7 +84,7 @@ bool Bus::AppendObject(sd_bus_message* message, const Parcel& parcel, size_t ind
       kind = kThirdParty;
       owner = target->peer;
       number = target->id;
-      // The owner hears of its new holder before that one can let go again.
+      // Tells the owner first, so that this arrives before the new holder's Release.
       const BusMessage retain = NewCall(owner.c_str(), kRootPath, kInterface, "Retain");
       if (retain == nullptr) return false;
       sd_bus_message_append(retain.get(), "ts", number, peer.c_str());
@@ -114,8 +115,8 @@ bool Bus::AppendParcel(sd_bus_message* message, const Parcel& parcel,
   return ok && sd_bus_message_close_container(message) >= 0;
 }
 
-// Each object takes a flat object's place in the data, so that their number is
-// bounded by its bytes; so is that of the descriptors.
+// Every object occupies a flat object in the data, so the data's size bounds the number of
+// objects and descriptors.
 android::status_t Bus::ReadObjects(sd_bus_message* message, size_t bytes, WireObjects* out) {
   const size_t most = bytes / kFlatObjectBytes;
   WireObject wire{};
@@ -138,8 +139,8 @@ android::status_t Bus::ReadObjects(sd_bus_message* message, size_t bytes, WireOb
   return android::OK;
 }
 
-// Bytes that come from a peer prove nothing: an object is what the list says it
-// is, at a place that fits, or the whole parcel is refused.
+// A peer's bytes are not trusted: the list alone says what each object is. A parcel with
+// an object at a place that does not fit is refused.
 android::status_t Bus::BuildParcel(const WireObjects& objects, const void* data, size_t bytes,
                                    const Caller& sender, Parcel* out) {
   out->setData(static_cast<const uint8_t*>(data), bytes);

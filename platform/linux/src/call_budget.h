@@ -1,5 +1,5 @@
-// What calls in may hold of this process while they wait or run: by sender, so
-// that a flood takes only its own share, and in all.
+// Limits the memory and the descriptors that incoming calls hold while they wait or run:
+// for each sender, so that a flood uses up only its own share, and in total.
 #pragma once
 
 #include <cstddef>
@@ -18,15 +18,15 @@ class CallBudget {
   static constexpr size_t kMostBytes = size_t{32} << 20;
   static constexpr size_t kMostBytesOfOne = size_t{4} << 20;
   static constexpr size_t kMostDescriptorsOfOne = 64;
-  // The last eighth of each is for senders that hold little.
+  // The last eighth of each total is reserved for senders that hold little.
   static constexpr size_t kReservedShare = 8;
   static constexpr size_t kLittleBytes = size_t{64} << 10;
   static constexpr size_t kLittleDescriptors = 8;
 
-  // `most_descriptors` that calls may hold in all.
+  // `most_descriptors`: how many all calls together may hold.
   explicit CallBudget(size_t most_descriptors) : most_descriptors_(most_descriptors) {}
 
-  // False, and nothing is taken, when the sender or all would hold too much.
+  // False, and takes nothing, when the sender or all senders would hold too much.
   bool Take(const std::string& sender, const Cost& cost);
   // Gives back what a Take that was granted took.
   void Give(const std::string& sender, const Cost& cost);
@@ -37,7 +37,7 @@ class CallBudget {
 
   const size_t most_descriptors_;
   Cost held_;
-  std::map<std::string, Cost> senders_;  // Those that hold something.
+  std::map<std::string, Cost> senders_;  // Senders that hold something.
 };
 
 }  // namespace orb_platform

@@ -1,4 +1,4 @@
-// Who made the call that this thread runs.
+// The process that made the call which this thread runs.
 #pragma once
 
 #include <sys/types.h>
@@ -14,11 +14,11 @@ struct Credentials {
 };
 
 struct Caller {
-  uint64_t connection;  // Which of this process's connections, counted up.
+  uint64_t connection;  // Number of the connection that it came by.
   std::string name;     // Unique name on the bus.
 };
 
-// Sets the calling thread's caller for its life; nests. `caller` is borrowed.
+// While it exists, `caller` (borrowed) is the calling thread's caller. Scopes nest.
 class CallerScope {
  public:
   explicit CallerScope(const Caller* caller);

@@ -1,4 +1,4 @@
-// Names of status codes; declared by libutils, which does not build it here.
+// Names of status codes. libutils declares the function, but its Linux build lacks it.
 // Tested by tests/platform/parcel_test.cpp.
 #include <utils/Errors.h>
 

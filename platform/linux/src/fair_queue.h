@@ -1,5 +1,5 @@
-// A queue that takes turns between those who fill it, so that one who comes often makes
-// only himself wait. First come, first served within one's own.
+// A queue whose owners take turns, so that an owner with many items delays only itself.
+// Items of one owner leave in the order in which they came.
 #pragma once
 
 #include <deque>
@@ -14,20 +14,20 @@ namespace orb_platform {
 template <typename T>
 class FairQueue {
  public:
-  // Throws when there is no memory, and has not taken the item then.
+  // Throws std::bad_alloc; then the item is not queued.
   void Push(const std::string& owner, T item) {
     std::deque<T>& own = items_[owner];
     if (own.empty()) turns_.push_back(owner);
     own.push_back(std::move(item));
   }
 
-  // Of the owner whose turn it is; nothing when the queue is empty.
+  // Removes the next item of the owner whose turn it is; nothing when the queue is empty.
   std::optional<T> Pop() {
     std::optional<T> item;
     while (!item && !turns_.empty()) {
       std::deque<T>& own = items_[turns_.front()];
       if (own.size() > 1) turns_.push_back(turns_.front());
-      if (!own.empty()) {  // Else there was no memory for its item.
+      if (!own.empty()) {  // Memory ran out in Push() when it is empty.
         item = std::move(own.front());
         own.pop_front();
       }
@@ -39,7 +39,7 @@ class FairQueue {
 
  private:
   std::map<std::string, std::deque<T>> items_;
-  std::deque<std::string> turns_;  // Each owner of items, once.
+  std::deque<std::string> turns_;  // Every owner of items, once.
 };
 
 }  // namespace orb_platform

@@ -31,14 +31,14 @@ using android::String8;
 using android::wp;
 using android::internal::Stability;
 
-// Runs tasks one after another on a thread that lives while there are some.
+// Runs tasks one after another, on a thread that exists while there are tasks.
 class Serial : public std::enable_shared_from_this<Serial> {
  public:
   void Post(std::function<void()> task) {
     orb::MutexLock lock(mutex_);
     tasks_.push_back(std::move(task));
     if (running_) return;
-    // Without a thread it waits for the next one's.
+    // When no thread can be started, the task waits until the next Post() starts one.
     running_ = StartThread("binder-local", [self = shared_from_this()] { self->Run(); });
   }
 
@@ -105,8 +105,8 @@ class LocalTarget : public RemoteTarget {
   std::atomic<bool> dead_{false};
 };
 
-// A served object: its target lives as long as a name stands for it, so that
-// its proxies come and go but its one-way queue stays.
+// A served object. Its target, and so its one-way queue, lives as long as the object has a
+// name; its proxies may come and go.
 struct Served {
   sp<IBinder> service;
   std::shared_ptr<LocalTarget> target;
@@ -155,7 +155,7 @@ status_t LocalServiceManager::addService(const String16& name, const sp<IBinder>
     return android::binder::Status::EX_ILLEGAL_ARGUMENT;
   }
   std::shared_ptr<Served> served;
-  std::shared_ptr<Served> before;  // Dropped unlocked.
+  std::shared_ptr<Served> before;  // Freed after the lock.
   orb::MutexLock lock(state_->mutex);
   for (const auto& [other, entry] : state_->by_name) {
     if (entry->service == service) served = entry;

@@ -1,7 +1,7 @@
-// What is logged, by the environment: ANDROID_LOG_TAGS="*:w" leaves warnings and
-// errors. liblog of a workstation does not read it, and knows one priority for all
-// tags, so only the entry of "*" counts. Read when the library is loaded: a host
-// that sets a priority of its own does so later, or keeps the one that it has set.
+// The environment chooses what is logged: ANDROID_LOG_TAGS="*:w" leaves warnings and
+// errors. liblog of a workstation does not read the variable and has one priority for all
+// tags, so only the entry "*" counts. The library reads it when it is loaded. A priority
+// that the host sets itself, before or after, wins.
 // Tested by tests/integration/services_test.cpp and tests/crypto/orb_encrypt_test.cpp.
 #include <android/log.h>
 
@@ -12,11 +12,11 @@
 
 namespace {
 
-// In the order of the priorities, from ANDROID_LOG_VERBOSE.
+// The letters of the priorities in ascending order, from ANDROID_LOG_VERBOSE.
 constexpr std::string_view kLetters = "vdiwefs";
 
-// What the environment has set. liblog has one limit for both, so a program that sets
-// the very same counts as one that has set none.
+// The limit that the environment has set. liblog has one limit for environment and
+// program, so a program that sets the same one counts as a program that sets none.
 int environment_limit = ANDROID_LOG_DEFAULT;
 
 [[gnu::constructor]] void ApplyEnvironment() {

@@ -29,7 +29,7 @@ Parcel::Parcel() = default;
 Parcel::~Parcel() { freeData(); }
 
 void Parcel::freeData() {
-  // Out of the list first: the last reference to a binder may run its owner's code.
+  // Empties the list first, because freeing a binder may run code that uses the parcel.
   const std::vector<Object> dropped = std::move(objects_);
   objects_.clear();
   for (const Object& object : dropped) {
@@ -81,7 +81,7 @@ status_t Parcel::appendFrom(const Parcel* parcel, size_t start, size_t len) {
     if (copy.fd < 0) return -errno;
     copy.owns_fd = true;
   }
-  objects_.reserve(objects_.size() + copies.size());  // What follows does not throw.
+  objects_.reserve(objects_.size() + copies.size());  // Nothing below throws.
   const size_t at = pos_;
   void* const to = Extend(len);
   if (to == nullptr) return error_;
@@ -132,7 +132,7 @@ bool Parcel::checkInterface(IBinder* binder) const {
   return enforceInterface(binder->getInterfaceDescriptor());
 }
 
-// Room for len bytes at the position, the padding zeroed; moves the position.
+// Makes room for len bytes at the position, zeroes the padding and moves the position.
 void* Parcel::Extend(size_t len) {
   if (len > kMaxBytes - 3 || pos_ > kMaxBytes - Padded(len)) {
     error_ = BAD_VALUE;

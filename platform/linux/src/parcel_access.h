@@ -1,5 +1,4 @@
-// What the transports need of a Parcel: its objects, and putting objects that
-// arrived with a message at their places.
+// Lets the transports read a Parcel's objects and add objects that arrived with a message.
 #pragma once
 
 #include <binder/Parcel.h>
@@ -26,9 +25,9 @@ class ParcelAccess {
   static size_t Count(const android::Parcel& parcel) { return parcel.objects_.size(); }
   static View At(const android::Parcel& parcel, size_t index);
 
-  // Makes the flat object at `offset` stand for `binder`, or for `fd`, which it
-  // owns from then on. False when it does not lie behind the last one and
-  // wholly inside the data; an fd is closed then, too.
+  // Make the flat object at `offset` stand for `binder`, or for `fd`, which the parcel then
+  // owns. False unless the place lies after the last object and wholly inside the data;
+  // then AddDescriptor closes `fd`.
   static bool AddBinder(android::Parcel* parcel, size_t offset,
                         const android::sp<android::IBinder>& binder);
   static bool AddDescriptor(android::Parcel* parcel, size_t offset, int fd);

@@ -1,9 +1,9 @@
-// object := flat [stability:i32 behind a binder]
+// object := flat [stability:i32, binders only]
 // flat   := type:u32 flags:u32 value:u64 cookie:u64
 //
-// A binder of this process has its addresses in value and cookie, a proxy its
-// handle in value, a descriptor its number in value and 1 in cookie when the
-// parcel owns it. A null binder is a local one with zeros, and is no object.
+// A binder of this process has its addresses in value and cookie. A proxy has its handle
+// in value. A descriptor has its number in value, and 1 in cookie when the parcel owns it.
+// A null binder has zeros there, and is not in the list of objects.
 // Tested by tests/platform/parcel_test.cpp.
 #include <binder/Binder.h>
 #include <binder/BpBinder.h>
@@ -104,7 +104,7 @@ bool Parcel::OverlapsObject(size_t start, size_t end) const {
 }
 
 void Parcel::DropObjects(size_t start, size_t end) {
-  // Out of the list first: the last reference to a binder may run its owner's code.
+  // Empties the list first, because freeing a binder may run code that uses the parcel.
   std::vector<Object> dropped;
   dropped.reserve(objects_.size());
   const auto gone =

@@ -32,8 +32,8 @@ status_t Parcel::writeString16(const char16_t* str, size_t len) {
   return OK;
 }
 
-// Null for the null string, and for one that its length or the data's end cuts off: the
-// callers, as the platform's, make no difference.
+// Null for the null string, and also for a string that is cut off. Android's readers do
+// not distinguish the two either.
 const char16_t* Parcel::readString16Inplace(size_t* outLen) const {
   *outLen = 0;
   int32_t count = 0;
@@ -86,7 +86,7 @@ status_t Parcel::readUtf8FromUtf16(std::string* out) const {
   if (len == 0) return OK;
   const ssize_t bytes = utf16_to_utf8_length(str, len);
   if (bytes < 0) return BAD_VALUE;
-  // The conversion writes a terminator behind the bytes.
+  // The conversion writes a terminator after the bytes.
   out->resize(static_cast<size_t>(bytes) + 1);
   utf16_to_utf8(str, len, out->data(), out->size());
   out->resize(static_cast<size_t>(bytes));

@@ -1,5 +1,4 @@
-// What a proxy speaks to: an object behind the bus, or a served object of this
-// process.
+// The object that a proxy calls: it lives behind the bus, or in this process.
 #pragma once
 
 #include <binder/BpBinder.h>
@@ -9,8 +8,7 @@
 
 namespace orb_platform {
 
-// Largest bytes of one transaction, and of a one-way transaction, which may
-// take half of the buffer at most.
+// The most bytes of a transaction, and of a one-way transaction.
 constexpr size_t kMaxTransactionBytes = (size_t{1} << 20) - (size_t{8} << 10);
 constexpr size_t kMaxOnewayBytes = kMaxTransactionBytes / 2;
 

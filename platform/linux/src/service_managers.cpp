@@ -31,7 +31,7 @@ using android::String8;
 constexpr char kPrefix[] = "org.orb.service.";
 constexpr size_t kMaxBusNameBytes = 255;
 constexpr size_t kMaxServiceNameBytes = 127;
-constexpr size_t kHashBytes = 18;  // "_-" and 16 digits; "_-" ends no plain name.
+constexpr size_t kHashBytes = 18;  // "_-" and 16 digits; no plain name contains "_-".
 constexpr int kPollMs = 50;
 
 bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }

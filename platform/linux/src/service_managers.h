@@ -1,4 +1,4 @@
-// Which service manager the process uses, and the one of the bus.
+// The service manager that the process uses; by default it asks the bus.
 #pragma once
 
 #include <binder/IServiceManager.h>
@@ -7,19 +7,19 @@
 
 namespace orb_platform {
 
-// Whether setDefaultServiceManager set one.
+// Whether setDefaultServiceManager() has set one.
 bool HasExplicitServiceManager();
 
 // 1 to 127 characters of [A-Za-z0-9_-./].
 bool IsServiceName(const std::string& name);
-// The bus name that stands for the service: a prefix, then the name with
-// everything but letters and inner digits as _XX in lower-case hex; the tail of
-// one that would be too long is replaced by a hash.
+// The service's bus name: a prefix, then the name with everything but letters and inner
+// digits written as _XX in lower-case hex. A hash replaces the tail of a name that would
+// be too long.
 std::string BusNameOf(const std::string& service);
-// The service that a bus name stands for; empty when it stands for none, or is hashed.
+// The service of a bus name; empty when the name is no service's, or has a hash.
 std::string ServiceOf(const std::string& bus_name);
 
-// checkService every 50 ms until there is one, or `timeout_ms` (< 0: none) passed.
+// Calls checkService every 50 ms until it finds one or `timeout_ms` (< 0: none) passed.
 android::sp<android::IBinder> PollForService(const android::IServiceManager& manager,
                                              const android::String16& name, int timeout_ms);
 

@@ -113,7 +113,7 @@ status_t Status::readException(const Parcel& parcel) {
   status = parcel.readInt32(&trace_bytes);
   if (status != OK) return status;
   if (trace_bytes < 0 || static_cast<size_t>(trace_bytes) > trace_avail) return UNKNOWN_ERROR;
-  // A trace that is there counts its own size word; none is a bare zero.
+  // A trace counts its own size word. Zero means that there is none.
   if (trace_bytes != 0) parcel.setDataPosition(trace_start + static_cast<size_t>(trace_bytes));
 
   int32_t error = 0;

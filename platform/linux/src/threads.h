@@ -5,8 +5,8 @@
 
 namespace orb_platform {
 
-// Runs body(), which must not throw, on a new thread. False when the system has none
-// left; with one error line, unless `quiet`.
+// Runs body(), which must not throw, on a new thread. False when the system has no thread
+// left; logs that unless `quiet`.
 bool StartThread(const char* name, std::function<void()> body, bool quiet = false);
 
 }  // namespace orb_platform

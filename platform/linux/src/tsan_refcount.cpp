@@ -1,7 +1,7 @@
-// The reference counts live in a library that the thread sanitizer does not
-// see, so it would take every last release for a race with the releases before
-// it. These stand in front of the library's functions and tell it the order.
-// Built into sanitized libraries only.
+// Tells the thread sanitizer the order of releases. The reference counts live in a library
+// that it does not see, so it would report every last release as a race with the releases
+// before it. These functions replace the library's and call them. Only builds with the
+// thread sanitizer have this file.
 #include <dlfcn.h>
 #include <sanitizer/tsan_interface.h>
 #include <utils/RefBase.h>

@@ -15,7 +15,7 @@ namespace orb_platform {
 namespace {
 
 std::atomic<bool> stopped{false};
-// Bounds a recursion between two processes that has no end.
+// Bounds how many workers an endless recursion between two processes starts.
 constexpr size_t kMostWaiting = 512;
 
 thread_local bool is_worker = false;
@@ -59,7 +59,7 @@ bool WorkerPool::Spawn(bool quiet) {
 }
 
 void WorkerPool::Grow() {
-  if (starved_) return;  // The reader tries; not every task is to cost an error line.
+  if (starved_) return;  // The reader tries again, without an error line for every task.
   starved_ = !Spawn();
   if (starved_) Bus::Get().WakeReader();
 }
@@ -69,7 +69,7 @@ bool WorkerPool::Relieve() {
   if (!starved_) return false;
   starved_ = !tasks_.empty() && MayGrow() && !Spawn(true);
   if (!starved_) return false;
-  // A task may be what the workers wait for: the completions of a session that ends.
+  // The workers may wait for what a task does, such as a completion that ends a session.
   RunTask();
   starved_ = !tasks_.empty();
   return starved_;
@@ -80,7 +80,7 @@ void WorkerPool::RunTask() {
   tasks_.pop_front();
   ++running_;
   mutex_.Unlock();
-  // What throws was out of memory; it has told its caller, or has none.
+  // A task throws only without memory. It has answered its caller then, or has none.
   orb::Contained("binder", [&task] {
     task();
     task = nullptr;

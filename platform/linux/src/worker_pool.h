@@ -35,39 +35,39 @@ class WorkerPool {
   // Stop(), and waits until no task runs; false when one does at the deadline.
   bool StopBy(std::chrono::steady_clock::time_point deadline) ORB_EXCLUDES(mutex_);
 
-  // Runs the task on a worker. When all are busy and there is no thread for another one,
-  // the reader stands in; a task that comes while it does waits for any of them.
+  // Runs the task on a worker. When all are busy and the system has no thread for another
+  // one, the reader thread runs it; later tasks wait until a worker or the reader is free.
   void Post(std::function<void()> task) ORB_EXCLUDES(mutex_);
-  // This thread is about to wait for a reply, and has got it. Nothing unless it
-  // is a worker.
+  // Call before and after waiting for a reply. No effect outside workers.
   void BeginWait() ORB_EXCLUDES(mutex_);
   void EndWait() ORB_EXCLUDES(mutex_);
-  // For the reader: tries again to start the worker that there was no thread for, or
-  // runs a task itself. True when it is to be called again in a while.
+  // The reader thread calls this. It starts the worker that the system refused before, or
+  // else runs a task itself. True when it must be called again later.
   bool Relieve() ORB_EXCLUDES(mutex_);
 
  private:
   WorkerPool();
   // False when there is no thread.
   bool Spawn(bool quiet = false) ORB_REQUIRES(mutex_);
-  // One more worker for a task that waits, or the reader's help.
+  // Starts a worker for a waiting task, or else asks the reader for help.
   void Grow() ORB_REQUIRES(mutex_);
   // Runs the first task, unlocked.
   void RunTask() ORB_REQUIRES(mutex_);
   bool MayGrow() const ORB_REQUIRES(mutex_);
-  // A worker that `may_end` does so once there are too many.
+  // The loop of one worker. It returns after Stop(), or when `may_end` and there are too
+  // many workers.
   void Work(bool may_end) ORB_EXCLUDES(mutex_);
 
   mutable orb::Mutex mutex_;
   sem_t wake_;         // A semaphore, because a signal handler may post one.
-  orb::CondVar done_;  // A task has ended, and the pool is stopped.
+  orb::CondVar done_;  // Signalled when a task ends after Stop().
   std::deque<std::function<void()>> tasks_ ORB_GUARDED_BY(mutex_);
   size_t idle_ ORB_GUARDED_BY(mutex_) = 0;     // Workers that wait for wake_.
   size_t running_ ORB_GUARDED_BY(mutex_) = 0;  // Tasks.
   bool started_ ORB_GUARDED_BY(mutex_) = false;
-  bool starved_ ORB_GUARDED_BY(mutex_) = false;  // No thread for the last one wanted.
+  bool starved_ ORB_GUARDED_BY(mutex_) = false;  // The last worker could not be started.
   size_t threads_ ORB_GUARDED_BY(mutex_) = 0;
-  size_t replies_ ORB_GUARDED_BY(mutex_) = 0;  // Workers that wait for one.
+  size_t replies_ ORB_GUARDED_BY(mutex_) = 0;  // Workers that wait for a reply.
   size_t max_extra_ ORB_GUARDED_BY(mutex_) = 15;
 };
 

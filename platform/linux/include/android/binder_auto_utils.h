@@ -1,4 +1,4 @@
-// Owners of the NDK binder interface's handles.
+// Classes that own the handles of the NDK binder interface.
 #pragma once
 
 #include <android/binder_ibinder.h>

@@ -1,9 +1,9 @@
-// Binder objects by handle: AIBinder is a reference to an object of this
-// process or of another one. There is one AIBinder for each object, however
-// often it is received, so handles compare by address.
+// Binder objects by handle: an AIBinder stands for an object of this process or of another
+// one. Every object has one AIBinder, however often it is received, so handles compare by
+// address.
 //
-// All functions take any thread. Those that send a transaction block until the
-// answer is there, unless they are one-way.
+// Any thread may call any function. A function that sends a transaction blocks until the
+// answer arrives, unless the transaction is one-way.
 #pragma once
 
 #include <android/binder_parcel.h>
@@ -34,14 +34,14 @@ typedef struct AIBinder_Class AIBinder_Class;
 typedef struct AIBinder_DeathRecipient AIBinder_DeathRecipient;
 typedef struct AIBinder_Weak AIBinder_Weak;
 
-// What a class does when one of its local objects is made (the result is the
+// A class calls these when one of its local objects is made (the result becomes the
 // object's user data), destroyed, or called.
 typedef void* (*AIBinder_Class_onCreate)(void* args);
 typedef void (*AIBinder_Class_onDestroy)(void* userData);
 typedef binder_status_t (*AIBinder_Class_onTransact)(AIBinder* binder, transaction_code_t code,
                                                      const AParcel* in, AParcel* out);
 
-// A class of objects; never freed, meant for static storage. Null when an
+// Makes a class of objects. It is never freed, so keep it in static storage. Null when an
 // argument is null. `interfaceDescriptor` is copied.
 __attribute__((warn_unused_result)) AIBinder_Class* AIBinder_Class_define(
     const char* interfaceDescriptor, AIBinder_Class_onCreate onCreate,
@@ -65,14 +65,14 @@ const AIBinder_Class* AIBinder_getClass(AIBinder*);
 // Null for a remote object.
 void* AIBinder_getUserData(AIBinder*);
 
-// Of the call that this thread is serving, else of this process.
+// The caller's while this thread serves a call, else this process's.
 uid_t AIBinder_getCallingUid(void);
 pid_t AIBinder_getCallingPid(void);
 
 // A parcel that holds the interface token; needs an associated class.
 binder_status_t AIBinder_prepareTransaction(AIBinder*, AParcel** in);
-// Takes *in always and sets it to null. *out is set on STATUS_OK only, and then
-// the caller's to delete.
+// Always deletes *in and sets it to null. Sets *out only on STATUS_OK; the caller deletes
+// it.
 binder_status_t AIBinder_transact(AIBinder*, transaction_code_t code, AParcel** in, AParcel** out,
                                   binder_flags_t flags);
 
@@ -88,9 +88,9 @@ void AIBinder_DeathRecipient_setOnUnlinked(AIBinder_DeathRecipient*,
                                            AIBinder_DeathRecipient_onBinderUnlinked onUnlinked);
 void AIBinder_DeathRecipient_delete(AIBinder_DeathRecipient*);
 
-// onBinderDied(cookie) runs once on a pool thread after the remote object's
-// process died, also when it was dead already but not yet noticed. The link
-// lasts as long as a strong reference to the object and the recipient.
+// Runs onBinderDied(cookie) once, on a pool thread, after the remote object's process has
+// ended; also when that happened before, but was not noticed yet. The link exists as long
+// as the recipient and a strong reference to the object do.
 // STATUS_INVALID_OPERATION for a local object, STATUS_DEAD_OBJECT after its death.
 binder_status_t AIBinder_linkToDeath(AIBinder*, AIBinder_DeathRecipient*, void* cookie);
 // STATUS_NAME_NOT_FOUND without such a link.

@@ -1,5 +1,5 @@
-// Base classes of C++ interfaces over the NDK binder interface: an object that
-// is shared, its local form (Bn...) and its proxy (Bp...).
+// Base classes of C++ interfaces over the NDK binder interface: of the interface itself,
+// of its local objects (Bn...) and of its proxies (Bp...).
 #pragma once
 
 #include <android/binder_auto_utils.h>
@@ -16,7 +16,7 @@ namespace ndk {
 class SharedRefBase {
  public:
   SharedRefBase() = default;
-  // Dying before the first ref() means somebody made it by other means.
+  // Aborts when ref() was never called: then make() has not made the object.
   virtual ~SharedRefBase() {
     bool taken = true;
     std::call_once(once_, [&] { taken = false; });
@@ -58,8 +58,8 @@ class ICInterface : public SharedRefBase {
   virtual SpAIBinder asBinder() = 0;
   virtual bool isRemote() = 0;
 
-  // The object behind a local binder of a class from defineClass, else null.
-  // Only for binders that carry such an object.
+  // The object of a local binder whose class is from defineClass; null for a remote one.
+  // Do not call it for local binders of other classes.
   static std::shared_ptr<ICInterface> asInterface(AIBinder* binder);
   static AIBinder_Class* defineClass(const char* interfaceDescriptor,
                                      AIBinder_Class_onTransact onTransact);
@@ -85,7 +85,7 @@ inline AIBinder_Class* ICInterface::defineClass(const char* interfaceDescriptor,
   return AIBinder_Class_define(interfaceDescriptor, on_create, on_destroy, onTransact);
 }
 
-// Local side. Holds its binder weakly, since the binder holds the object.
+// The local side. It holds its binder weakly, because the binder holds the object.
 template <typename INTERFACE>
 class BnCInterface : public INTERFACE {
  public:
@@ -109,7 +109,7 @@ class BnCInterface : public INTERFACE {
   ScopedAIBinder_Weak weak_;
 };
 
-// Proxy side.
+// The proxy side.
 template <typename INTERFACE>
 class BpCInterface : public INTERFACE {
  public:

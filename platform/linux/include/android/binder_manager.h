@@ -1,4 +1,4 @@
-// Services by name, through the process's default service manager.
+// Finds and publishes services through the process's default service manager.
 #pragma once
 
 #include <android/binder_ibinder.h>
@@ -9,13 +9,12 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-// Publishes the object; a name that is published already is replaced.
-// EX_NONE, or why not.
+// Publishes the object and replaces one of the same name. Returns EX_NONE or the reason.
 __attribute__((warn_unused_result)) binder_exception_t AServiceManager_addService(
     AIBinder*, const char* instance);
 // A new strong reference, or null when no such service is published. Does not wait.
 __attribute__((warn_unused_result)) AIBinder* AServiceManager_checkService(const char* instance);
-// As above, but waits some seconds for the service to appear.
+// Like AServiceManager_checkService, but waits up to five seconds for the service.
 __attribute__((warn_unused_result)) AIBinder* AServiceManager_getService(const char* instance);
 
 #pragma GCC visibility pop

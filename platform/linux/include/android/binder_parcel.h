@@ -1,8 +1,7 @@
-// Reading and writing the arguments of a transaction. The layout is that of
-// <binder/Parcel.h>: little endian, every item padded to four bytes.
+// Reads and writes the arguments of a transaction. <binder/Parcel.h> describes the layout.
 //
-// Readers check every length against what is left in the parcel before they
-// allocate; a parcel may come from a hostile peer. Not thread-safe.
+// A parcel may come from a hostile peer, so readers compare every length with what is left
+// in the parcel before they allocate. Not thread-safe.
 #pragma once
 
 #include <android/binder_status.h>
@@ -27,13 +26,13 @@ int32_t AParcel_getDataPosition(const AParcel*);
 int32_t AParcel_getDataSize(const AParcel*);
 binder_status_t AParcel_reset(AParcel*);
 
-// Give the reader room for `length` items (bytes, with the terminator, for
-// strings); -1 means null. False refuses the item.
+// Give the reader memory for `length` items: for strings bytes, including the terminator.
+// -1 means null. Returning false refuses the item.
 typedef bool (*AParcel_stringAllocator)(void* stringData, int32_t length, char** buffer);
 typedef bool (*AParcel_byteArrayAllocator)(void* arrayData, int32_t length, int8_t** outBuffer);
 typedef bool (*AParcel_int32ArrayAllocator)(void* arrayData, int32_t length, int32_t** outBuffer);
 
-// Null is a value of its own. The parcel holds a strong reference of its own.
+// `binder` may be null. The parcel takes a strong reference of its own.
 binder_status_t AParcel_writeStrongBinder(AParcel*, AIBinder*);
 // *binder is a new strong reference, or null.
 binder_status_t AParcel_readStrongBinder(const AParcel*, AIBinder** binder);

@@ -1,5 +1,5 @@
-// AParcel_writeData / AParcel_readData: one C++ value of any type that an
-// interface may have as argument; and the older names for single types.
+// AParcel_writeData and AParcel_readData take a C++ value of any type that an interface
+// may have as an argument. The older functions take one type each.
 //
 // Types: bool, int8_t, int32_t, int64_t, enums of these, std::string, byte
 // vectors, ScopedFileDescriptor, std::shared_ptr of an interface, parcelables
@@ -30,7 +30,7 @@ binder_status_t AParcel_writeVector(AParcel* parcel, const std::vector<T>& value
   if (values.size() > INT32_MAX) return STATUS_BAD_VALUE;
   const auto count = static_cast<int32_t>(values.size());
   if constexpr (sizeof(T) == 1 && std::is_integral_v<T> && !std::is_same_v<T, bool>) {
-    // A null array is another value than an empty one, whatever data() returns.
+    // An empty array must not become null, whatever data() returns.
     static constexpr int8_t kNone = 0;
     const void* bytes = values.empty() ? &kNone : static_cast<const void*>(values.data());
     return AParcel_writeByteArray(parcel, static_cast<const int8_t*>(bytes), count);
@@ -59,7 +59,7 @@ binder_status_t AParcel_readVector(const AParcel* parcel, std::vector<T>* values
     binder_status_t status = AParcel_readInt32(parcel, &count);
     if (status != STATUS_OK) return status;
     if (count < 0) return STATUS_UNEXPECTED_NULL;
-    // Every item has four bytes or more, so a forged count allocates nothing big.
+    // Every item takes at least four bytes, so a forged count allocates little.
     if (count > (AParcel_getDataSize(parcel) - AParcel_getDataPosition(parcel)) / 4) {
       return std::is_arithmetic_v<T> ? STATUS_NO_MEMORY : STATUS_NOT_ENOUGH_DATA;
     }

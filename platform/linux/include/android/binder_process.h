@@ -1,5 +1,5 @@
-// The process's pool of binder threads, the same one that
-// <binder/ProcessState.h> controls. Without it nobody can call this process.
+// The process's pool of binder threads, which <binder/ProcessState.h> controls as well. A
+// process without it cannot be called.
 #pragma once
 
 #include <stdbool.h>
@@ -10,10 +10,10 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-// Starting twice does nothing more.
+// A second call has no effect.
 void ABinderProcess_startThreadPool(void);
 bool ABinderProcess_setThreadPoolMaxThreadCount(uint32_t numThreads);
-// The calling thread serves calls until the connection ends.
+// The calling thread serves calls until orb_platform::StopThreadPool().
 void ABinderProcess_joinThreadPool(void);
 
 #pragma GCC visibility pop

@@ -1,10 +1,9 @@
-// How long an object's interface is promised to stay: names that generated code uses
-// when the build defines BINDER_STABILITY_SUPPORT, which no header does.
+// Stability levels say how long an object's interface is promised to stay. Generated code
+// uses these names when the build defines BINDER_STABILITY_SUPPORT, which no header does.
 //
-// A process here counts as a vendor's with the system's library: its objects have the
-// system's level until they are marked. A call on another process's object wants that
-// object to have the vendor's level when it carries FLAG_PRIVATE_LOCAL, else the
-// system's, and ends with STATUS_BAD_TYPE where the object has less.
+// Objects of a process have the system's level until they are marked. A call on another
+// process's object needs the vendor's level when it has FLAG_PRIVATE_LOCAL, else the
+// system's, and fails with STATUS_BAD_TYPE on an object without that level.
 #pragma once
 
 #include <android/binder_ibinder.h>
@@ -22,9 +21,9 @@ enum {
   FLAG_PRIVATE_LOCAL = FLAG_PRIVATE_VENDOR,
 };
 
-// Both take a local object that no other process has got yet.
+// Both take a local object that was not sent to another process yet.
 void AIBinder_markVendorStability(AIBinder* binder);
-// For an interface that vendor and system share; it has both levels.
+// Gives both levels, for an interface that vendor and system share.
 void AIBinder_markVintfStability(AIBinder* binder);
 
 static inline void AIBinder_markCompilationUnitStability(AIBinder* binder) {

@@ -1,5 +1,5 @@
-// Results of the NDK binder interface: statuses of the transport, exceptions of
-// the method called, and AStatus, which carries either.
+// Results of the NDK binder interface: statuses of the transport, exceptions of the called
+// method, and AStatus, which holds either.
 #pragma once
 
 #include <errno.h>
@@ -14,7 +14,7 @@ extern "C" {
 enum {
   STATUS_OK = 0,
 
-  STATUS_UNKNOWN_ERROR = (-2147483647 - 1),  // Every value that is not listed becomes this one.
+  STATUS_UNKNOWN_ERROR = (-2147483647 - 1),  // Any other value becomes this.
   STATUS_NO_MEMORY = -ENOMEM,
   STATUS_INVALID_OPERATION = -ENOSYS,
   STATUS_BAD_VALUE = -EINVAL,
@@ -46,7 +46,7 @@ enum {
   EX_UNSUPPORTED_OPERATION = -7,
   EX_SERVICE_SPECIFIC = -8,
   EX_PARCELABLE = -9,
-  EX_TRANSACTION_FAILED = -129,  // The transport failed: AStatus_getStatus tells how.
+  EX_TRANSACTION_FAILED = -129,  // AStatus_getStatus has the transport error.
 };
 typedef int32_t binder_exception_t;
 
@@ -71,7 +71,7 @@ int32_t AStatus_getServiceSpecificError(const AStatus*);
 binder_status_t AStatus_getStatus(const AStatus*);
 // "" without a message; valid as long as the status.
 const char* AStatus_getMessage(const AStatus*);
-// For people; freed by the caller with AStatus_deleteDescription.
+// A text for people. The caller frees it with AStatus_deleteDescription.
 __attribute__((warn_unused_result)) const char* AStatus_getDescription(const AStatus*);
 void AStatus_deleteDescription(const char*);
 void AStatus_delete(AStatus*);

@@ -16,13 +16,13 @@ class BBinder : public IBinder {
   bool isBinderAlive() const override;
   status_t pingBinder() override;
   status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0) final;
-  // A local object cannot die before its holder: both are INVALID_OPERATION.
+  // Both return INVALID_OPERATION: a local object cannot die before its holder.
   status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie = nullptr,
                        uint32_t flags = 0) override;
   status_t unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie = nullptr,
                          uint32_t flags = 0, wp<DeathRecipient>* outRecipient = nullptr) override;
 
-  // OK, and writes nothing.
+  // Writes nothing and returns OK.
   status_t dump(int fd, const Vector<String16>& args) override;
   BBinder* localBinder() override;
 
@@ -41,7 +41,7 @@ class BBinder : public IBinder {
   std::atomic<int32_t> stability_{0};
 };
 
-// Holds the binder that a typed proxy speaks through.
+// Holds the binder that a typed proxy calls.
 class BpRefBase : public virtual RefBase {
  protected:
   explicit BpRefBase(const sp<IBinder>& o);

@@ -1,9 +1,9 @@
-// Proxy of an object that lives elsewhere: the same remote is the same proxy
-// while one is held in this process.
+// Proxy of an object that lives elsewhere. All holders in this process share one proxy of
+// a remote object while any of them keeps it.
 //
-// A proxy is alive until its remote's process is seen gone, and dead for ever
-// after. Links to its death go: armed -> (remote dies) -> reported; linking is
-// allowed until the report has run, also when the remote is dead already.
+// A proxy is alive until this process notices that the remote's process has ended, and
+// then dead for ever. A link to its death is armed, then reported once. Linking works until
+// the report has run, even when the remote is dead already.
 #pragma once
 
 #include <binder/IBinder.h>
@@ -35,14 +35,14 @@ class BpBinder : public IBinder {
   // Unique in this process, never 0 and never used again.
   int32_t handle() const;
 
-  // The level that the owner gave the object; 0 until it has said, and no call is
-  // refused until then. For the transports to set.
+  // The level that the owner gave the object; 0, which refuses no call, until it is known.
+  // Only transports set it.
   int32_t stability() const;
   void setStability(int32_t level);
 
-  // For the transports. markDead() turns isBinderAlive() false and tells
-  // whether links are armed; sendObituary(), later and unlocked, runs them on
-  // the calling thread, once.
+  // Only transports call these. markDead() makes isBinderAlive() false and returns whether
+  // links are armed. sendObituary(), called later and unlocked, runs these links once, on
+  // the calling thread.
   bool markDead();
   void sendObituary();
   const std::shared_ptr<orb_platform::RemoteTarget>& target() const;

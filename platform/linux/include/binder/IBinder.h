@@ -45,15 +45,15 @@ class IBinder : public virtual RefBase {
 
   IBinder();
 
-  // The local implementation of that interface, borrowed into an sp; null when
-  // this is a proxy or implements another interface.
+  // The local implementation of that interface. Null when this is a proxy or implements
+  // another interface.
   virtual sp<IInterface> queryLocalInterface(const String16& descriptor);
-  // Of a proxy: asked of the remote once, blocking; empty when it is dead.
+  // A proxy asks its remote once, which blocks; empty when the remote is dead.
   virtual const String16& getInterfaceDescriptor() const = 0;
   virtual bool isBinderAlive() const = 0;
   virtual status_t pingBinder() = 0;
-  // Has the object describe itself, as text for a person, into fd; what `args`
-  // mean is the object's own. Of a proxy: fd goes to the remote, which is waited for.
+  // Makes the object write a text about itself for people into fd. The object defines what
+  // `args` mean. A proxy sends fd to its remote and waits.
   virtual status_t dump(int fd, const Vector<String16>& args) = 0;
   // Blocks until the reply is there, but with FLAG_ONEWAY only until the call
   // is queued. `reply` may be null. Transport errors: DEAD_OBJECT,
@@ -71,21 +71,21 @@ class IBinder : public virtual RefBase {
   // the death has been reported; INVALID_OPERATION on a local binder.
   virtual status_t linkToDeath(const sp<DeathRecipient>& recipient, void* cookie = nullptr,
                                uint32_t flags = 0) = 0;
-  // Undoes one link with equal arguments (a null recipient: equal cookie and
-  // flags suffice). NAME_NOT_FOUND when there is none.
+  // Removes one link with equal arguments; with a null recipient, only cookie and flags
+  // must be equal. NAME_NOT_FOUND when there is none.
   virtual status_t unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie = nullptr,
                                  uint32_t flags = 0,
                                  wp<DeathRecipient>* outRecipient = nullptr) = 0;
 
   typedef void (*object_cleanup_func)(const void* id, void* obj, void* cleanupCookie);
 
-  // Hangs `object` on this binder under the key objectID; `func` runs when the
-  // binder is destroyed. Returns the object that was there before, which stays.
+  // Attaches `object` to this binder under the key objectID; `func` runs when the binder is
+  // destroyed. If the key is taken, changes nothing and returns the object that has it.
   void* attachObject(const void* objectID, void* object, void* cleanupCookie,
                      object_cleanup_func func);
   void* findObject(const void* objectID) const;
   void* detachObject(const void* objectID);
-  // Runs `doWithLock` under the lock of the attached objects.
+  // Runs `doWithLock` while no other thread can attach or detach objects.
   void withLock(const std::function<void()>& doWithLock);
 
   virtual BBinder* localBinder();

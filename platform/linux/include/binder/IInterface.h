@@ -22,8 +22,8 @@ inline sp<INTERFACE> interface_cast(const sp<IBinder>& obj) {
   return INTERFACE::asInterface(obj);
 }
 
-// As interface_cast, but null when the binder has another descriptor. Blocks
-// for a proxy whose descriptor is not known yet.
+// Like interface_cast, but null when the binder has another descriptor. Blocks for a proxy
+// whose descriptor is not known yet.
 template <typename INTERFACE>
 inline sp<INTERFACE> checked_interface_cast(const sp<IBinder>& obj) {
   if (obj == nullptr || obj->getInterfaceDescriptor() != INTERFACE::descriptor) return nullptr;
@@ -58,10 +58,9 @@ class BpInterface : public INTERFACE, public BpRefBase {
 
 }  // namespace android
 
-// NAME is the interface's name without its leading I. setDefaultImpl works
-// once: a second call, or one with null, returns false and changes nothing.
-// Neither the descriptor nor the default is ever destroyed: pool threads use
-// them while exit() runs.
+// NAME is the interface's name without its leading I. setDefaultImpl works once: a second
+// call, or a call with null, returns false and changes nothing. Descriptor and default are
+// never destroyed, because pool threads use them while exit() runs.
 #define DECLARE_META_INTERFACE(NAME)                                                     \
  public:                                                                                 \
   static const ::android::String16& descriptor;                                          \

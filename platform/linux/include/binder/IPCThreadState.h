@@ -1,4 +1,4 @@
-// What the calling thread needs to know of the call that it runs.
+// What the calling thread can ask about the call that it runs.
 #pragma once
 
 #include <sys/types.h>
@@ -14,8 +14,8 @@ class IPCThreadState {
  public:
   static IPCThreadState* self();
 
-  // Of the process whose call this thread runs, as the bus attests it; this
-  // process's own outside a call. -1 when the caller was gone too early to ask.
+  // The ids of the process whose call this thread runs, as the bus attests them; outside a
+  // call, those of this process. -1 when the caller left the bus before it could be asked.
   pid_t getCallingPid() const;
   uid_t getCallingUid() const;
 

@@ -1,4 +1,4 @@
-// Services by name.
+// Finds and publishes services by name.
 #pragma once
 
 #include <binder/IInterface.h>
@@ -30,16 +30,16 @@ class IServiceManager : public IInterface {
   virtual Vector<String16> listServices(int dumpsysFlags = DUMP_FLAG_PRIORITY_ALL) = 0;
   // Blocks until there is one.
   virtual sp<IBinder> waitForService(const String16& name) = 0;
-  // Whether somebody serves the name now; there are no declarations to look up.
+  // Whether a process serves the name now; Linux has no declarations to look up.
   virtual bool isDeclared(const String16& name) = 0;
 
  protected:
   IBinder* onAsBinder() override { return nullptr; }
 };
 
-// Never null. Speaks to the bus unless another one was set.
+// Never null. Uses the bus unless another service manager was set.
 sp<IServiceManager> defaultServiceManager();
-// Null goes back to the one of the bus.
+// Null restores the default, which uses the bus.
 void setDefaultServiceManager(const sp<IServiceManager>& sm);
 
 }  // namespace android

@@ -1,11 +1,11 @@
 // Bytes, binders and descriptors of one call.
 //
-// Layout: little endian, every item padded to four bytes with zeros; a binder
-// or a descriptor is a 24-byte flat object whose place is remembered beside the
-// bytes, so that forged bytes never become an object. A Parcel owns the
-// references and descriptors of its objects.
+// Layout: little endian, every item padded to four bytes with zeros. A binder or a
+// descriptor is a flat object of 24 bytes. The parcel lists the places of its objects
+// apart from the bytes, so forged bytes never become an object, and it owns the objects'
+// references and descriptors.
 //
-// Readers return NOT_ENOUGH_DATA past the end and PERMISSION_DENIED for plain
+// Readers return NOT_ENOUGH_DATA past the end, and PERMISSION_DENIED when they read plain
 // data where an object lies. Not thread-safe.
 #pragma once
 
@@ -47,14 +47,14 @@ class Parcel {
   status_t setDataSize(size_t size);
   void setDataPosition(size_t pos) const { pos_ = pos; }
   status_t setData(const uint8_t* buffer, size_t len);
-  // Objects that lie wholly inside the range are copied, descriptors duplicated.
+  // Copies also the objects that lie wholly inside the range, and duplicates descriptors.
   status_t appendFrom(const Parcel* parcel, size_t start, size_t len);
   void freeData();
 
   size_t objectsCount() const { return objects_.size(); }
   status_t errorCheck() const { return error_; }
   void markForBinder(const sp<IBinder>& binder);
-  // The bytes are wiped before they are freed.
+  // Has the bytes wiped before they are freed.
   void markSensitive() const { sensitive_ = true; }
   binder::Status enforceNoDataAvail() const;
 
@@ -83,8 +83,8 @@ class Parcel {
   template <typename T>
   status_t writeParcelableVector(const std::vector<T>& val);
 
-  // The flat object owns `fd` from then on when told so; else it is borrowed
-  // and must stay open until the parcel is gone.
+  // With takeOwnership the parcel closes `fd`. Otherwise `fd` is borrowed and must stay open
+  // until the parcel is destroyed.
   status_t writeFileDescriptor(int fd, bool takeOwnership = false);
   status_t writeDupFileDescriptor(int fd);
   status_t writeParcelFileDescriptor(int fd, bool takeOwnership = false);
@@ -109,7 +109,7 @@ class Parcel {
   status_t readByteVector(std::vector<uint8_t>* out) const;
   status_t readInt32Vector(std::vector<int32_t>* out) const;
   status_t readInt64Vector(std::vector<int64_t>* out) const;
-  // Null is UNEXPECTED_NULL, and null for the form without a status.
+  // A null binder gives UNEXPECTED_NULL; the form without a status returns null.
   sp<IBinder> readStrongBinder() const;
   status_t readStrongBinder(sp<IBinder>* val) const;
   status_t readNullableStrongBinder(sp<IBinder>* val) const;
@@ -119,7 +119,7 @@ class Parcel {
   template <typename T>
   status_t readParcelableVector(std::vector<T>* val) const;
 
-  // Borrowed: the parcel still owns it. BAD_TYPE as a negative number.
+  // A descriptor that the parcel still owns, or BAD_TYPE, which is negative.
   int readFileDescriptor() const;
   int readParcelFileDescriptor() const;
   // Duplicates, owned by the caller.

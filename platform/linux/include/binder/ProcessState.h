@@ -14,14 +14,14 @@ class ProcessState : public virtual RefBase {
   // Connects when needed. Null when there is neither a bus nor a service
   // manager set with setDefaultServiceManager; a later call tries again.
   static sp<ProcessState> self();
-  // As self(), but does not connect.
+  // Like self(), but does not connect.
   static sp<ProcessState> selfOrNull();
-  // There is one driver; the name is not looked at.
+  // Like self(); ignores the name, because there is only one driver.
   static sp<ProcessState> initWithDriver(const char* driver);
 
-  // One thread at once, more on demand up to the maximum. Idempotent.
+  // Starts one thread now, and more on demand up to the maximum. Idempotent.
   void startThreadPool();
-  // Threads that are started on demand besides the first; 15 unless set. Fatal
+  // How many threads are started on demand besides the first; the default is 15. Aborts
   // when lowered after the start.
   status_t setThreadPoolMaxThreadCount(size_t maxThreads);
   size_t getThreadPoolMaxThreadCount() const;

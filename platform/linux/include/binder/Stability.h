@@ -1,6 +1,6 @@
-// How long the interface of a binder is promised to stay, as a word behind each binder
-// on the wire. A call wants the system's level, or the vendor's if it has
-// FLAG_PRIVATE_VENDOR, and ends with BAD_TYPE on an object that has less.
+// A stability level says how long a binder's interface is promised to stay. On the wire
+// it follows each binder. A call needs the system's level, or the vendor's if it has
+// FLAG_PRIVATE_VENDOR, and fails with BAD_TYPE on an object without that level.
 #pragma once
 
 #include <cstdint>
@@ -25,8 +25,8 @@ class Stability final {
   static void markVndk(IBinder* binder);
   static void markVintf(IBinder* binder);
   static void tryMarkCompilationUnit(IBinder* binder);
-  // The level on the wire. A binder that nobody marked counts as SYSTEM, and so does a
-  // proxy whose owner has not said.
+  // The level to write on the wire. A local binder without a mark gets SYSTEM, and so does
+  // a proxy whose owner's level is unknown.
   static int32_t getLevel(IBinder* binder);
 
  private:

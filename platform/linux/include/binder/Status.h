@@ -1,5 +1,5 @@
-// Outcome of a call: fine, an exception that the callee raised, or a transport
-// error. Not thread-safe; copy it.
+// The outcome of a call: success, an exception that the callee raised, or a transport
+// error. Not thread-safe; threads take copies.
 #pragma once
 
 #include <binder/Parcel.h>
@@ -34,17 +34,17 @@ class Status final {
   static Status fromServiceSpecificError(int32_t serviceSpecificErrorCode);
   static Status fromServiceSpecificError(int32_t serviceSpecificErrorCode, const String8& message);
   static Status fromServiceSpecificError(int32_t serviceSpecificErrorCode, const char* message);
-  // OK gives ok(); anything else EX_TRANSACTION_FAILED with that error.
+  // OK gives ok(); any other status gives EX_TRANSACTION_FAILED with that error.
   static Status fromStatusT(status_t status);
   static const char* exceptionToString(int32_t exceptionCode);
 
   Status() = default;
 
-  // A failed read leaves the transport error in this status, too.
+  // When reading fails, this status gets the transport error, too.
   status_t readFromParcel(const Parcel& parcel);
-  // A transport error writes nothing and is returned.
+  // For a transport error, writes nothing and returns that error.
   status_t writeToParcel(Parcel* parcel) const;
-  // The same in place of everything that the parcel holds.
+  // Like writeToParcel, but replaces all that the parcel holds.
   status_t writeOverParcel(Parcel* parcel) const;
 
   void setFromStatusT(status_t status);
@@ -64,7 +64,7 @@ class Status final {
   status_t readException(const Parcel& parcel);
 
   int32_t exception_ = EX_NONE;
-  // Of EX_SERVICE_SPECIFIC the service's code, of EX_TRANSACTION_FAILED a status_t.
+  // With EX_SERVICE_SPECIFIC the service's code, with EX_TRANSACTION_FAILED a status_t.
   int32_t error_ = 0;
   String8 message_;
 };

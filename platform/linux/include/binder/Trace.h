@@ -1,4 +1,4 @@
-// Trace sections of generated code. Linux has no tracer behind them: free.
+// Trace sections of generated code. They do nothing, because Linux has no tracer for them.
 #pragma once
 
 #include <cstdint>

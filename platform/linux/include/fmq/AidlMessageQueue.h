@@ -2,7 +2,7 @@
 // that may be in different processes. Writing and reading never block and make
 // no system call.
 //
-// Either end is used by one thread at a time; the two ends may run at once.
+// One thread at a time may use an end; the two ends may run concurrently.
 #pragma once
 
 #include <aidl/android/hardware/common/fmq/MQDescriptor.h>
@@ -29,21 +29,21 @@ class AidlMessageQueue final {
                 "this platform has the synchronized flavour only");
 
  public:
-  // New memory for exactly `numElements` items; of 0 items the queue is invalid.
+  // Makes memory for exactly `numElements` items. A queue of 0 items is invalid.
   explicit AidlMessageQueue(size_t numElements, bool configureEventFlagWord = false)
       : queue_(orb_platform::ByteQueue::Create(sizeof(T), numElements, configureEventFlagWord)) {}
-  // A peer's memory. The descriptor is checked as hostile and stays the
-  // caller's; a queue from a bad one is invalid. `resetPointers` empties it.
+  // Maps a peer's memory. The descriptor is not trusted and stays the caller's; with a bad
+  // one the queue is invalid. `resetPointers` empties the queue.
   explicit AidlMessageQueue(const MQDescriptor<T, Flavor>& desc, bool resetPointers = true)
       : queue_(orb_platform::ByteQueue::Attach(
             sizeof(T), {desc.grantors, desc.handle, desc.quantum, desc.flags}, resetPointers)) {}
   AidlMessageQueue(const AidlMessageQueue&) = delete;
   AidlMessageQueue& operator=(const AidlMessageQueue&) = delete;
 
-  // When false, every other call answers 0, false or an empty descriptor.
+  // When false, every other function returns 0, false or an empty descriptor.
   bool isValid() const { return queue_ != nullptr; }
 
-  // For the peer, with descriptors of its own.
+  // Describes the queue for the peer, with duplicated descriptors.
   MQDescriptor<T, Flavor> dupeDesc() const {
     MQDescriptor<T, Flavor> desc;
     if (queue_ == nullptr || !queue_->Describe(&desc.grantors, &desc.handle)) return {};
@@ -59,7 +59,7 @@ class AidlMessageQueue final {
   size_t availableToWrite() const { return queue_ ? queue_->AvailableToWrite() / sizeof(T) : 0; }
   size_t availableToRead() const { return queue_ ? queue_->AvailableToRead() / sizeof(T) : 0; }
 
-  // All `count` items, or none and false.
+  // Each moves all `count` items, or none and returns false.
   bool write(const T* items, size_t count = 1) {
     size_t bytes = 0;
     return queue_ != nullptr && items != nullptr &&

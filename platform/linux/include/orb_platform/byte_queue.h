@@ -1,5 +1,4 @@
-// Message queue memory and its two counters, in bytes; AidlMessageQueue gives
-// it a type.
+// The memory of a message queue, in bytes. AidlMessageQueue adds the type.
 //
 // memory := read:u64 write:u64 data:u8[capacity] (pad to 8, event flag:u32)?
 // The counters count bytes since the queue was emptied and never wrap; a byte
@@ -39,8 +38,8 @@ class ByteQueue {
 
   // Null, with a log line, when the memory cannot be had.
   static std::unique_ptr<ByteQueue> Create(size_t quantum, size_t count, bool event_flag);
-  // Null, with a log line, when anything in the descriptor is not as Create
-  // makes it or reaches outside the memory.
+  // Null, with a log line, when the descriptor differs in form from what Create makes, or
+  // reaches outside the memory.
   static std::unique_ptr<ByteQueue> Attach(size_t quantum, const Received& desc, bool reset);
   ~ByteQueue();
   ByteQueue(const ByteQueue&) = delete;
@@ -50,7 +49,7 @@ class ByteQueue {
   bool Describe(std::vector<Grantor>* grantors, Handle* handle) const;
 
   size_t capacity() const { return static_cast<size_t>(grantors_[kData].extent); }
-  // Bytes; both 0 while the counters make no sense.
+  // Bytes; both are 0 while the counters contradict each other.
   size_t AvailableToWrite() const;
   size_t AvailableToRead() const;
   // All or nothing.

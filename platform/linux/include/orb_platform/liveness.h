@@ -1,18 +1,18 @@
-// Whether a service still answers: for whatever restarts one that hangs.
+// Tells a watchdog whether this service still answers calls.
 #pragma once
 
 #include <cstdint>
 
 namespace orb_platform {
 
-// Calls in that have been carried out by a thread of the pool, since the start. Any
-// thread, never blocks.
+// How many incoming calls the pool's threads have run since the start. Any thread; never
+// blocks.
 uint64_t CallsServed();
 
-// Sends a call to a service of this process through the bus, like any client's: once
-// the bus, the reading thread and a thread of the pool have done their part CallsServed()
-// is greater. Does not wait for that. False without a bus or without a service on it.
-// Any thread.
+// Sends a call to a service of this process through the bus, as a client does, and does
+// not wait. CallsServed() grows once the bus, the reader thread and a thread of the pool
+// have handled it. False without a bus, or when this process has no service on it. Any
+// thread.
 bool PingOwnService();
 
 }  // namespace orb_platform

@@ -1,10 +1,10 @@
-// Services of this process for its own use, without a bus: set it with
-// setDefaultServiceManager and the whole stack runs in one process.
+// A service manager for services and clients of one process, without a bus. Set it with
+// setDefaultServiceManager.
 //
-// checkService hands out proxies, never the service itself, so that callers
-// meet what they meet on the bus: parcels, one-way order, limits and death. A
-// two-way call runs on the calling thread, a one-way call on a thread of its
-// target. Binders inside parcels are passed as they are.
+// checkService returns proxies and never the service itself, so that callers see what they
+// see on the bus: parcels, one-way order, limits and death. A two-way call runs on the
+// calling thread, a one-way call on a thread of its target. A binder inside a parcel
+// arrives as the same object.
 #pragma once
 
 #include <binder/BpBinder.h>
@@ -32,13 +32,12 @@ class LocalServiceManager : public android::IServiceManager {
   android::sp<android::IBinder> waitForService(const android::String16& name) override;
   bool isDeclared(const android::String16& name) override;
 
-  // Takes the name away; proxies that were handed out keep working. False when
-  // there was none.
+  // Removes the name; existing proxies keep working. False when there was no such name.
   bool Remove(const std::string& name);
-  // As if the service's process had died: takes the name away, its proxies turn
-  // dead at once, calls through them end with DEAD_OBJECT (a call under way once
-  // its handler returns), and every link is reported on another thread. False
-  // when there was none. Does not wait for the reports.
+  // Acts as if the service's process had died: removes its names and makes its proxies
+  // dead. Calls through them fail with DEAD_OBJECT, a running call once its handler
+  // returns. Every link is reported on another thread, which this does not wait for. False
+  // when there was no such name.
   bool Kill(const std::string& name);
 
  private:

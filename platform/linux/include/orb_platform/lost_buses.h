@@ -1,12 +1,12 @@
-// How often the bus went away under this process: Android's never does.
+// Counts how often this process lost its bus. On Android that cannot happen.
 #pragma once
 
 #include <cstdint>
 
 namespace orb_platform {
 
-// Grows before the deaths are reported that a lost bus brings, and not for those that
-// somebody's end brings. Any thread.
+// A lost bus counts before the deaths that it causes are reported. The end of a single
+// peer does not count. Any thread.
 uint64_t LostBuses();
 
 }  // namespace orb_platform

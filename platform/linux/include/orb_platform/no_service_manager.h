@@ -1,5 +1,5 @@
-// A system on which no service manager runs, for tests: while an object of this
-// class exists, android::defaultServiceManager() waits, as Android's does.
+// Lets tests act as on a system without a service manager: while an object of this class
+// exists, android::defaultServiceManager() waits, as Android's does.
 #pragma once
 
 namespace orb_platform {
@@ -7,7 +7,7 @@ namespace orb_platform {
 class NoServiceManager {
  public:
   NoServiceManager();
-  // The calls that wait go on.
+  // Lets the waiting calls continue.
   ~NoServiceManager();
   NoServiceManager(const NoServiceManager&) = delete;
   NoServiceManager& operator=(const NoServiceManager&) = delete;

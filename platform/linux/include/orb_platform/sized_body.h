@@ -1,6 +1,6 @@
-// Body of a parcelable: int32 size that counts itself, then the fields in
-// order. A reader stops quietly where an older writer's fields end, and skips
-// what a newer one has added.
+// Reads and writes the body of a parcelable: an int32 size that counts itself, then the
+// fields in order. A reader stops without an error where an older writer's fields end, and
+// skips fields that a newer writer has added.
 #pragma once
 
 #include <android/binder_parcel.h>
@@ -10,7 +10,7 @@
 
 namespace orb_platform {
 
-// STATUS_OK, or the first error; then the parcel is of no use.
+// Both return STATUS_OK or the first error. After an error the parcel is unusable.
 template <typename... Fields>
 binder_status_t WriteSizedBody(AParcel* parcel, const Fields&... fields) {
   const int32_t start = AParcel_getDataPosition(parcel);

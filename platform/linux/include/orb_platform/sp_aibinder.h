@@ -30,8 +30,8 @@ class SpAIBinder {
     return *this;
   }
 
-  // Takes over the caller's reference; the old one is given up last, because
-  // that may destroy whatever owns this object.
+  // Takes over the caller's reference. Frees the old one last, because that may destroy the
+  // owner of this object.
   void set(AIBinder* binder) {
     AIBinder* old = std::exchange(binder_, binder);
     if (old != nullptr) AIBinder_decStrong(old);

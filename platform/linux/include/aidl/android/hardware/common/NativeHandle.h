@@ -1,5 +1,4 @@
-// Descriptors with numbers that say what they are for. Move only, because it
-// owns the descriptors.
+// File descriptors that it owns, and numbers whose meaning their users agree on. Move only.
 #pragma once
 
 #include <android/binder_auto_utils.h>
