@@ -102,7 +102,9 @@ void World::Mood(const std::string& word) { Expect(odd_hal_.Send(word), "the HAL
 
 uint64_t World::Member::Logged() const {
   uint64_t logged = 0;
-  for (const LoadCount& count : counts->kpis[0]) logged += count.offered;
+  for (const auto& phase : counts->kpis) {
+    for (const LoadCount& count : phase) logged += count.offered;
+  }
   return logged;
 }
 
