@@ -25,12 +25,15 @@ constexpr const char* kDataBytes = "data_bytes";
 // By column; those that are missing are empty.
 using Values = std::map<std::string_view, std::string>;
 
+template <typename Record>
+void AddStatistics(const RecordRow<Record>&, std::vector<std::string_view>* columns) {
+  std::apply([columns](const auto&... all) { (columns->push_back(all.name), ...); },
+             StatisticsOf<Record>::kAll);
+}
+
 std::vector<std::string_view> ValueColumns() {
   std::vector<std::string_view> columns;
-  ForEachRecordRow([&columns]<typename Record>(const RecordRow<Record>&) {
-    std::apply([&columns](const auto&... all) { (columns.push_back(all.name), ...); },
-               StatisticsOf<Record>::kAll);
-  });
+  ForEachRecordRow([&columns](const auto& row) { AddStatistics(row, &columns); });
   columns.insert(columns.end(), {kCounts, kRanges, kClamped, kDataBytes});
   return columns;
 }
