@@ -28,12 +28,16 @@ def read(path):
 
 
 def commands(build):
-    """{source below the root: its command}; of several targets the first counts."""
+    """{source below the root: its command}; of several targets the first counts.
+
+    Tests compile some of them again, with headers that g++ has precompiled.
+    """
     out = {}
     with open(os.path.join(build, "compile_commands.json"), encoding="utf-8") as file:
         for entry in json.load(file):
             path = os.path.relpath(entry["file"])
-            if path.startswith(FOLDERS) and path.endswith(".cpp"):
+            if (path.startswith(FOLDERS) and path.endswith(".cpp") and
+                    "cmake_pch" not in entry["command"]):
                 out.setdefault(path, entry)
     return out
 
