@@ -28,9 +28,8 @@ def read(path):
 
 
 def commands(build):
-    """{source below the root: its command}; of several targets the first counts.
-
-    Tests compile some of them again, with headers that g++ has precompiled.
+    """{source below the root: its command}; of several targets the first counts, but no
+    test, which has headers that g++ has precompiled.
     """
     out = {}
     with open(os.path.join(build, "compile_commands.json"), encoding="utf-8") as file:
@@ -72,9 +71,9 @@ def fingerprint(path, entry, base):
     return digest.hexdigest()
 
 
-def tidy(build, path):
-    """clang-tidy's findings; empty when there are none."""
-    run = subprocess.run(["clang-tidy", "--quiet", "-p", build, path],
+def tidy(folder, path):
+    """clang-tidy's findings by the commands in `folder`; empty when there are none."""
+    run = subprocess.run(["clang-tidy", "--quiet", "-p", folder, path],
                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False)
     if run.returncode == 0:
         return ""
@@ -86,6 +85,9 @@ def main():
     memory = os.path.join(build, "tidy")
     os.makedirs(memory, exist_ok=True)
     known = commands(build)
+    # clang-tidy would look at a file once for each of its commands.
+    with open(os.path.join(memory, "compile_commands.json"), "w", encoding="utf-8") as file:
+        json.dump(list(known.values()), file)
     base = hashlib.sha256(read(".clang-tidy"))
     base.update(subprocess.check_output(["clang-tidy", "--version"]))
     wanted = {os.path.relpath(file) for file in sys.argv[2:]} or known
@@ -96,7 +98,7 @@ def main():
             waiting[path] = clean
     bad = 0
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        for path, findings in zip(waiting, pool.map(lambda p: tidy(build, p), waiting)):
+        for path, findings in zip(waiting, pool.map(lambda p: tidy(memory, p), waiting)):
             if findings:
                 print(findings, flush=True)
                 bad += 1
