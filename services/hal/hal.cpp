@@ -55,13 +55,13 @@ uint32_t Hal::AddChannel(const Caller& caller, UniqueFd fd, int32_t offset, int3
                          SendNotice done) {
   Result<std::shared_ptr<const SharedRegion>> region = SharedRegion::Open(
       std::move(fd), static_cast<uint32_t>(offset), static_cast<uint32_t>(length));
+  const std::string why = region.ok() ? "too many channels are open" : region.error().text;
   const uint32_t token = region.ok()
                              ? channels_.Add({caller, *std::move(region),
                                               std::make_shared<const SendNotice>(std::move(done))})
                              : 0;
   if (token == 0) {
-    LOGE("channel of %s refused: %s", caller.ToString().c_str(),
-         region.ok() ? "too many channels are open" : region.error().text.c_str());
+    LOGE("channel of %s refused: %s", caller.ToString().c_str(), why.c_str());
   }
   return token;
 }
