@@ -79,8 +79,10 @@ const Case kCases[] = {
        FdHandles::Setup setup;
        FdHandles().EndSetup(&setup, nullptr);
      }},
+#if !defined(ORB_TSAN)  // The sanitizer ends the process before the check does.
     {"a lock that nobody holds", "check failed: \\(state & kHeld\\) != 0",
      []() ORB_NO_THREAD_SAFETY_ANALYSIS { HotMutex().Unlock(); }},
+#endif
     {"a line without an end", "check failed: line.size\\(\\)",
      [] { LineOffer(-1).Add("half a line"); }},
 };

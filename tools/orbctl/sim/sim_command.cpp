@@ -121,6 +121,17 @@ bool EndedBesideTheLoad(const TrialInput& input, RunEnd end) {
   _exit(kFailed);
 }
 
+// The client did not take the campaign.
+int ReportRefusal(const SimCommand& command, const LTCCampaignDef& campaign,
+                  const TrialInput& input, int32_t result, const std::string& error) {
+  PrintError(error);
+  if (result != 0) {
+    ExplainRefusal(campaign, Conf::Get(), input.slots > 0);
+    RemoveFolders(command.directory);
+  }
+  return kFailed;
+}
+
 }  // namespace
 
 int SimCommand::Run(std::ostream& out) const {
@@ -165,12 +176,7 @@ int SimCommand::Run(std::ostream& out) const {
     if (!Overflowed(trial, end)) abort();  // Not by a sum: a fault of the library's, or of ours.
     trial.Abandon();
   } else if (!begun) {
-    PrintError(error);
-    if (result != 0) {
-      ExplainRefusal(campaign, Conf::Get(), input.slots > 0);
-      RemoveFolders(directory);
-    }
-    return kFailed;
+    return ReportRefusal(*this, campaign, input, result, error);
   }
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
 
